@@ -1,0 +1,152 @@
+// Birth and death of an engine.
+#include "api/engine.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <new>
+
+#include "api/engine_registry.h"
+#include "api/properties.h"
+#include "api/threads.h"
+#include "platform/log.h"
+
+namespace noxel {
+
+pthread_mutex_t jobMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t apiMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t frameMutex = PTHREAD_MUTEX_INITIALIZER;
+
+namespace {
+
+bool isProcessable(int width, int height) {
+  return width > 0 && height > 0 && int64_t{width} * height <= INT_MAX / 4;
+}
+
+_KRSuperResEngine* allocateEngine() {
+  void* memory = std::malloc(sizeof(_KRSuperResEngine));
+  return memory != nullptr ? new (memory) _KRSuperResEngine() : nullptr;
+}
+
+// The ring, the output, and the spare that a reset may need.
+bool allocateFrames(_KRSuperResEngine* engine) {
+  const size_t size = frameSize(engine->width, engine->height);
+  for (unsigned char*& buffer : engine->frameBuffers) {
+    buffer = static_cast<unsigned char*>(std::calloc(size, 1));
+    if (buffer == nullptr) return false;
+  }
+  engine->spareBuffer = static_cast<unsigned char*>(std::calloc(size, 1));
+  return engine->spareBuffer != nullptr;
+}
+
+// Undoes an engine in whatever state it is, when nobody else uses it.
+void freeEngine(_KRSuperResEngine* engine) {
+  for (unsigned char* buffer : engine->frameBuffers) std::free(buffer);
+  std::free(engine->spareBuffer);
+  for (_KRSignal* signal : {&engine->callerSignal, &engine->gpu.gpuRequest, &engine->gpu.gpuDone,
+                            &engine->registration.registrationRequest, &engine->registration.registrationDone}) {
+    signal->destroy();
+  }
+  engine->~_KRSuperResEngine();
+  std::free(engine);
+}
+
+int failInitialize(_KRSuperResEngine* engine) {
+  NOXEL_LOG_INFO("failed to initialize engine");
+  if (engine != nullptr) {
+    stopGPUThread(engine);
+    stopRegistrationThread(engine);
+    freeEngine(engine);
+  }
+  return 1;
+}
+
+// In mode 4 frames are packed RGBA, and nothing of them is kept: no ring, no registration.
+bool setUpSynchronous(_KRSuperResEngine* engine) {
+  engine->imageFormat.store(1, std::memory_order_relaxed);
+  engine->gpu.imageFormatCopy.store(1, std::memory_order_relaxed);
+  return true;
+}
+
+bool setUpPipelined(_KRSuperResEngine* engine) {
+  engine->scale = engine->width > 1000 || engine->height > 1000 ? 2 : 1;
+  engine->gpu.useStabilization.store(engine->mode == kModeStabilize ? 1 : 0, std::memory_order_relaxed);
+  return allocateFrames(engine) && startRegistrationThread(engine) == 0;
+}
+
+}  // namespace
+
+int initializeEngine(int width, int height, int mode, int ringSlots, int outputDelay, int syncWithCaller, void* window,
+                     _KRSuperResEngine** handle) {
+  NOXEL_LOG_INFO("initialize with %d %d %d %p\n", ringSlots, outputDelay, syncWithCaller, window);
+  if (handle == nullptr || !isProcessable(width, height)) return failInitialize(nullptr);
+  _KRSuperResEngine* engine = allocateEngine();
+  if (engine == nullptr) return failInitialize(nullptr);
+  readDebugProperty();
+
+  engine->mode = mode;
+  engine->height = height;
+  engine->width = width;
+  engine->offscreen = window == nullptr ? 1 : 0;
+  engine->gpu.window = window;
+  engine->frameMutex = &frameMutex;
+  engine->ringSlots = std::clamp(ringSlots, 1, 3);
+  engine->outputDelay = std::clamp(outputDelay, 1, 3);
+  engine->syncWithCaller = syncWithCaller;
+  const int countdown = engine->offscreen == 1 ? 1 - engine->outputDelay : 0;
+  engine->gpu.outputCountdown.store(countdown, std::memory_order_release);
+  const bool setUp = mode == kModeSynchronousRgba ? setUpSynchronous(engine) : setUpPipelined(engine);
+  if (!setUp) return failInitialize(engine);
+  engine->callerSignal.raise(-1);
+
+  engine->initialized.store(1, std::memory_order_release);
+  _KRSuperResEngine* const previousHandle = *handle;
+  {
+    Lock lock(frameMutex);
+    *handle = engine;
+    publishEngine(engine);
+  }
+  engine->gpu.gpuMode = mode;
+  if (startGPUThread(engine) != 0) {
+    *handle = previousHandle;
+    engine->initialized.store(0, std::memory_order_release);
+    retireEngine(engine);
+    waitForReferences(engine);
+    return failInitialize(engine);
+  }
+  return 0;
+}
+
+int releaseEngine(_KRSuperResEngine** handle) {
+  if (handle == nullptr || *handle == nullptr) return 1;
+  _KRSuperResEngine* engine = *handle;
+  if (!retireEngine(engine)) {
+    NOXEL_LOG_INFO("Engine not initialized");
+    return 1;
+  }
+  {
+    Lock lock(apiMutex);
+    engine->initialized.store(0, std::memory_order_release);
+    engine->callerSignal.raise(-1);  // a caller that waits for its frame leaves
+    while (engine->running.load(std::memory_order_acquire) == 1) usleep(5);
+    stopGPUThread(engine);
+    stopRegistrationThread(engine);
+  }
+  waitForReferences(engine);
+  freeEngine(engine);
+  return 0;
+}
+
+bool engineReady(_KRSuperResEngine* engine) {
+  const EngineReference reference(engine);
+  return reference && engine->gpu.ready.load(std::memory_order_acquire) == 1;
+}
+
+FrameReport lastFrameReport(_KRSuperResEngine* engine) {
+  const EngineReference reference(engine);
+  return reference ? engine->report : FrameReport{};
+}
+
+}  // namespace noxel

@@ -1,0 +1,150 @@
+// The engine record behind the caller's opaque handle, and what the rooms of this folder share.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "api/engine_control.h"
+#include "gl/engine/gpu_engine.h"
+#include "platform/signal.h"
+#include "registration/registration_thread.h"
+
+namespace noxel {
+
+// Values of GpuThreadContext::command.
+enum GpuCommand : int {
+  kCommandCreateOnWindow = 0,
+  kCommandProcess = 1,
+  kCommandRelease = 2,
+  kCommandIdle = 3,
+  kCommandLoad = 4,
+  kCommandCreateOffscreen = 5,
+  kCommandProcessInPlace = 6,
+  kCommandLoadLuma = 7,
+  kCommandLoadChroma = 8
+};
+
+// Argument of the GPU thread. The plain words are the poster's until it raises gpuRequest and the GPU thread's until that
+// raises gpuDone; there is one poster at a time, the holder of jobMutex or initialise and release themselves.
+struct GpuThreadContext {
+  int stopFlag = 0;  // under stopMutex
+  pthread_mutex_t stopMutex = PTHREAD_MUTEX_INITIALIZER;
+  int gpuMode = 0;
+  int command = kCommandIdle;
+  int gpuWidth = 0;
+  int gpuHeight = 0;
+  void* window = nullptr;
+  float transform[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+
+  // The frame of the command.
+  FrameParameters frameParameters;
+  float frameGamma = 1.0f;
+  float frameGain = 1.0f;
+  int registrationStatus = -1;
+  int commandSlot = 0;
+  unsigned char* commandBuffer = nullptr;
+  uint32_t commandSequence = 0;
+  int commandLightMode = 1;  // the job's snapshot
+
+  HandOver handOver = {};
+  _KRGPUEngine* gpuEngine = nullptr;  // the GPU thread's alone
+  std::atomic<int> ready = 0;         // 1 once the GPU engine stands; set before the first gpuDone, relaxed after it
+
+  // Parameters. Set by any thread, read by the GPU thread or a job: relaxed, a frame late is fine.
+  std::atomic<int> enabled = 1;
+  std::atomic<float> zoom = 1.0f;         // 1..32
+  std::atomic<float> currentZoom = 1.0f;  // eased; a job's step is a compare-and-swap, so that a zoom set meanwhile stays
+  std::atomic<float> totalzoom = -1.0f;   // 1..32, or not set
+  std::atomic<float> quadA[8] = {-1, 1, -1, -1, 1, 1, 1, -1};
+  std::atomic<float> quadB[8] = {-1, 1, -1, -1, 1, 1, 1, -1};
+  std::atomic<int> quadAEnabled = 0;
+  std::atomic<int> quadBEnabled = 1;
+  std::atomic<int> useStabilization = 0;
+  std::atomic<int> stabilizationForced = 0;
+  std::atomic<int> sharpening = 2;
+  std::atomic<int> contrast = 30;
+  std::atomic<int> deghosting = 5;
+  std::atomic<int> noiseReductionStrength = 65;
+  std::atomic<int> flipChroma = 0;
+  std::atomic<int> lightMode = 1;
+  std::atomic<int> imageFormatCopy = 17;
+
+  std::atomic<int> outputCountdown = 0;  // frames until the read-back is one to one; acquire/release
+  std::atomic<int> resetPending = 0;     // set by the frame path, taken by exchange with a frame of the new sequence
+
+  _KRSignal gpuRequest;
+  _KRSignal gpuDone;
+  pthread_t gpuThread = {};
+  bool gpuThreadStarted = false;
+};
+
+}  // namespace noxel
+
+// Allocated zeroed and constructed in place; freed when the last reference is dropped after release.
+struct _KRSuperResEngine {
+  int mode = 1;
+  int width = 0;
+  int height = 0;
+  int scale = 1;  // frame pixels per registration pixel: 2 for a side above 1000
+
+  // The job's, handed to the GPU thread with its commands.
+  noxel::FrameParameters frameParameters;
+  int frameStatus = 1;  // -1 spatial, 0 failed or first, 1 registered
+  float frameGamma = 1.0f;
+  float frameGain = 1.0f;
+  noxel::FrameReport report = {};
+
+  // The sequence, under frameMutex; the atomics among them are also read without it.
+  int framesSinceReset = 0;
+  int ringSlots = 2;
+  int outputDelay = 2;
+  int ringIndex = 0;    // next slot to fill
+  int uploadIndex = 0;  // next slot a job reads
+  std::atomic<int> queuedFrames = 0;
+  std::atomic<uint32_t> sequence = 0;  // raised at each break; jobs and frames carry the number they began with
+  std::atomic<int> repriming = 0;      // 1: the next frame of this sequence primes the tracker; taken by exchange
+  unsigned char* frameBuffers[4] = {};  // 0..2 input ring, 3 output
+  unsigned char* spareBuffer = nullptr;      // takes the place of a slot that is to be filled while a job reads it
+  unsigned char* bufferBeingRead = nullptr;  // by the running job
+
+  int syncWithCaller = 0;
+  noxel::_KRSignal callerSignal;  // 1 output ready, -1 output taken
+  pthread_mutex_t* frameMutex = nullptr;
+  int offscreen = 1;
+
+  noxel::RegistrationContext registration;
+  pthread_t registrationThread = {};
+  bool registrationThreadStarted = false;
+  noxel::GpuThreadContext gpu;
+
+  std::atomic<int> initialized = 0;  // acquire/release
+  std::atomic<int> running = 0;      // 1 while a job or an in-place frame runs; acquire/release
+  std::atomic<int> imageFormat = 17;  // relaxed; one snapshot a call
+
+  // The registry's, under its mutex.
+  int references = 0;
+  _KRSuperResEngine* nextLive = nullptr;
+};
+
+namespace noxel {
+
+// Process-wide locks, taken in this order where several are held; a signal's mutex and the registry's are innermost.
+extern pthread_mutex_t jobMutex;    // one upload job, or one in-place frame, at a time
+extern pthread_mutex_t apiMutex;    // release against parameters, and the claim of a frame by a job
+extern pthread_mutex_t frameMutex;  // the sequence state and the output buffers of all engines
+
+extern std::atomic<int> debugLog;  // 1: verbose. Relaxed.
+
+// Bytes of one NV21 or YV12 frame.
+inline size_t frameSize(int width, int height) {
+  return static_cast<size_t>(static_cast<double>(width) * height * 1.5);
+}
+
+// Does nothing: the place where an application's build looks at the frames on their way. Called on each ring slot that was
+// filled and on the caller's frame before it is returned.
+inline void frameHook(unsigned char* /*frame*/, int /*width*/, int /*height*/) {}
+
+}  // namespace noxel

@@ -1,0 +1,36 @@
+// Which engines are alive, and who still uses them.
+#pragma once
+
+#include "api/engine.h"
+
+namespace noxel {
+
+// From here on the engine can be referenced.
+void publishEngine(_KRSuperResEngine* engine);
+
+// Takes the engine off the list, so that no new reference is given. False when it is not on it: such a pointer is not
+// followed. The caller alone may go on to release it.
+bool retireEngine(_KRSuperResEngine* engine);
+
+// After retireEngine: returns when nobody else uses the engine.
+void waitForReferences(_KRSuperResEngine* engine);
+
+// Keeps an engine from being freed. Null when the pointer is no live engine.
+class EngineReference {
+ public:
+  explicit EngineReference(_KRSuperResEngine* candidate);
+  ~EngineReference();
+  EngineReference(const EngineReference&) = delete;
+  EngineReference& operator=(const EngineReference&) = delete;
+
+  explicit operator bool() const { return engine != nullptr; }
+
+  // For a thread that outlives this scope: it drops the reference by dropReference.
+  _KRSuperResEngine* share() const;
+  static void dropReference(_KRSuperResEngine* engine);
+
+ private:
+  _KRSuperResEngine* engine;
+};
+
+}  // namespace noxel

@@ -1,0 +1,156 @@
+// A frame's way in and out, on the caller's thread.
+#include <utility>
+
+#include "api/engine_registry.h"
+#include "api/frame_conversion.h"
+#include "api/threads.h"
+#include "platform/frame_clock.h"
+#include "platform/log.h"
+
+namespace noxel {
+namespace {
+
+platform::TimeOfDay lastFrameTime = {};  // of any engine, under frameMutex
+
+// Milliseconds since the last frame of any engine. In double until the end: in single precision the seconds since 1970 lose
+// the milliseconds, and an exact 200 ms would count as more.
+float takeGap() {
+  const platform::TimeOfDay now = platform::frameTime();
+  const double gap = static_cast<double>(now.seconds - lastFrameTime.seconds) * 1000.0 +
+                     static_cast<double>(now.microseconds - lastFrameTime.microseconds) * 0.001;
+  lastFrameTime = now;
+  return static_cast<float>(gap);
+}
+
+// The next slot to fill, in a buffer that no job reads. After a break a job of the old sequence may still read the slot: the
+// spare takes its place, and the old buffer becomes the spare.
+unsigned char* slotToFill(_KRSuperResEngine* engine) {
+  unsigned char*& slot = engine->frameBuffers[engine->ringIndex];
+  if (slot == engine->bufferBeingRead) std::swap(slot, engine->spareBuffer);
+  return slot;
+}
+
+void resetSequence(_KRSuperResEngine* engine) {
+  engine->sequence.fetch_add(1, std::memory_order_relaxed);
+  engine->gpu.resetPending.store(1, std::memory_order_release);
+  engine->repriming.store(1, std::memory_order_release);
+  engine->framesSinceReset = 0;
+  engine->ringIndex = 0;
+  engine->uploadIndex = 0;
+  engine->queuedFrames.store(0, std::memory_order_release);
+  const int countdown = engine->offscreen == 1 ? 1 - engine->outputDelay : 0;
+  engine->gpu.outputCountdown.store(countdown, std::memory_order_release);
+}
+
+// Under frameMutex: fills a slot and starts its job. Returns false when the job is left to the caller's thread.
+//
+// Of a synchronous caller with more than one slot that is impossible: the GPU thread waits for the caller with an earlier
+// frame in hand, and the job would wait for the GPU thread. There the frame is taken back.
+bool queueFrame(_KRSuperResEngine* engine, const unsigned char* frame, int format, bool counts) {
+  unsigned char* slot = slotToFill(engine);
+  const int slotIndex = engine->ringIndex;
+  copyAndConvertInput(slot, frame, engine->width, engine->height, format);
+  if (counts) frameHook(slot, engine->width, engine->height);
+  engine->ringIndex = slotIndex + 1 < engine->ringSlots ? slotIndex + 1 : 0;
+  if (counts) ++engine->framesSinceReset;
+  engine->queuedFrames.fetch_add(1, std::memory_order_acq_rel);
+  if (spawnUploadJob(engine, engine->sequence.load(std::memory_order_relaxed))) return true;
+  if (engine->syncWithCaller == 0 || engine->ringSlots == 1) return false;
+  engine->ringIndex = slotIndex;
+  engine->queuedFrames.fetch_sub(1, std::memory_order_acq_rel);
+  return true;
+}
+
+struct Intake {
+  bool runJobHere;
+  uint32_t sequence;
+};
+
+// Breaks and queueing, under frameMutex.
+Intake takeIn(_KRSuperResEngine* engine, const unsigned char* frame, int format) {
+  Lock lock(frameMutex);
+  const float gap = takeGap();
+  const bool reset = gap > 1500.0f || (engine->framesSinceReset >= 2 && gap > 200.0f);
+  if (reset) resetSequence(engine);
+  if (reset || engine->framesSinceReset == 0) {
+    copyAndConvertInput(engine->frameBuffers[3], frame, engine->width, engine->height, format);
+  }
+  Intake intake = {false, engine->sequence.load(std::memory_order_relaxed)};
+  if (engine->queuedFrames.load(std::memory_order_acquire) >= engine->ringSlots) return intake;
+  if (engine->syncWithCaller == 1 && engine->framesSinceReset == 0) {
+    while (engine->ringIndex < engine->ringSlots - 1) {
+      const int before = engine->ringIndex;
+      queueFrame(engine, frame, format, false);
+      if (engine->ringIndex == before) break;
+    }
+  }
+  intake.runJobHere = !queueFrame(engine, frame, format, true);
+  return intake;
+}
+
+// Until there is an output to take, or none to come.
+void waitForOutput(_KRSuperResEngine* engine) {
+  _KRSignal* signal = &engine->callerSignal;
+  Lock lock(signal->mutex);
+  while (signal->flag != 1 && engine->initialized.load(std::memory_order_acquire) == 1 &&
+         !(signal->flag == -1 && engine->queuedFrames.load(std::memory_order_acquire) <= 0)) {
+    pthread_cond_wait(&signal->condition, &signal->mutex);
+  }
+  if (signal->flag == 1) signal->flag = 0;
+}
+
+void handBack(_KRSuperResEngine* engine, unsigned char* frame, int format) {
+  Lock lock(frameMutex);
+  if (engine->offscreen == 1) {
+    copyAndConvertOutput(frame, engine->frameBuffers[3], engine->width, engine->height, format);
+  }
+  if (engine->syncWithCaller == 1) engine->callerSignal.raise(-1);
+  frameHook(frame, engine->width, engine->height);
+}
+
+void KRProcessFrameSync(unsigned char* frame, _KRSuperResEngine* engine) {
+  Lock job(jobMutex);
+  Lock api(apiMutex);
+  const char* refusal = nullptr;
+  if (engine->running.load(std::memory_order_acquire) == 1) refusal = "eng->running == 1";
+  if (engine->initialized.load(std::memory_order_acquire) == 0) refusal = "eng->initialized == 0";
+  if (refusal != nullptr) {
+    NOXEL_LOG_INFO("%s", refusal);
+    return;
+  }
+  engine->running.store(1, std::memory_order_release);
+  postProcessInPlace(frame, engine);
+  engine->gpu.gpuDone.wait();
+  engine->running.store(0, std::memory_order_release);
+}
+
+}  // namespace
+
+int KRProcessFrame(unsigned char* frame, _KRSuperResEngine* engine) {
+  if (engine == nullptr) {
+    NOXEL_LOG_INFO("Engine NULL");
+    return 1;
+  }
+  const EngineReference reference(engine);
+  if (!reference || engine->initialized.load(std::memory_order_acquire) == 0) {
+    NOXEL_LOG_INFO("Engine not initialized");
+    return 1;
+  }
+  if (frame == nullptr) {
+    NOXEL_LOG_INFO("Frame NULL");
+    return 1;
+  }
+  if (engine->gpu.ready.load(std::memory_order_acquire) == 0) return 0;  // nothing to enhance it with: it stays as it came
+  if (engine->mode == kModeSynchronousRgba) {
+    KRProcessFrameSync(frame, engine);
+    return 0;
+  }
+  const int format = engine->imageFormat.load(std::memory_order_relaxed);
+  const Intake intake = takeIn(engine, frame, format);
+  if (intake.runJobHere) runUploadJob(engine, intake.sequence);
+  if (engine->syncWithCaller == 1) waitForOutput(engine);
+  handBack(engine, frame, format);
+  return 0;
+}
+
+}  // namespace noxel

@@ -1,0 +1,214 @@
+// The thread that owns the EGL context and every GL object of an engine.
+#include <cstdlib>
+
+#include "api/threads.h"
+#include "platform/log.h"
+#include "platform/stopwatch.h"
+
+namespace noxel {
+namespace {
+
+int relaxed(const std::atomic<int>& word) {
+  return word.load(std::memory_order_relaxed);
+}
+
+// A break is acted on with the first frame that comes after it; one from before it must not use the mark up.
+void takeReset(GpuThreadContext* context, uint32_t frameSequence) {
+  Lock lock(*context->handOver.frameMutex);
+  if (context->handOver.sequence->load(std::memory_order_relaxed) != frameSequence) return;
+  if (context->resetPending.exchange(0, std::memory_order_acq_rel) == 1) resetFirstFrame(context->gpuEngine);
+}
+
+void createEngine(GpuThreadContext* context, bool onWindow) {
+  if (onWindow) {
+    CreateGPUEngineWithWindow(context->gpuWidth, context->gpuHeight, context->window, context->handOver,
+                              context->gpuMode, &context->gpuEngine);
+  } else {
+    CreateGPUEngine(context->gpuWidth, context->gpuHeight, context->handOver, context->gpuMode, &context->gpuEngine);
+  }
+  if (context->gpuEngine == nullptr) NOXEL_LOG_ERROR("no memory for the GPU engine");
+  const bool ready = context->gpuEngine != nullptr && context->gpuEngine->ready;
+  context->ready.store(ready ? 1 : 0, std::memory_order_release);
+}
+
+bool isReady(const GpuThreadContext& context) {
+  return context.ready.load(std::memory_order_relaxed) == 1;
+}
+
+// The spatial path reads four luma samples a texel, the temporal path one.
+void loadFrame(GpuThreadContext* context) {
+  const int status = context->registrationStatus;
+  const int lightMode = context->commandLightMode;
+  const bool ring0 = context->gpuMode == 0;
+  const bool spatialByStatus = status == -1 && !ring0 && (lightMode == 0 || lightMode == 1);
+  const bool spatialByMode =
+      (status == -1 || ring0) && relaxed(context->noiseReductionStrength) > 0 && lightMode == 1;
+  startWatch(5);
+  if (spatialByStatus || spatialByMode) {
+    loadPackedTextures(context->gpuEngine, context->commandBuffer);
+  } else {
+    loadTextures(context->gpuEngine, context->commandBuffer);
+  }
+  stopWatch("VGL", 5);
+}
+
+void copyQuad(float (&to)[8], const std::atomic<float> (&from)[8]) {
+  for (int i = 0; i < 8; ++i) to[i] = from[i].load(std::memory_order_relaxed);
+}
+
+FrameInput frameInput(const GpuThreadContext& context) {
+  FrameInput input;
+  input.frame = context.commandBuffer;
+  input.sequence = context.commandSequence;
+  input.status = context.registrationStatus;
+  input.parameters = context.frameParameters;
+  input.gamma = context.frameGamma;
+  input.gain = context.frameGain;
+  input.zoom = context.currentZoom.load(std::memory_order_relaxed);
+  for (int i = 0; i < 16; ++i) input.transform[i] = context.transform[i];
+  copyQuad(input.quadA, context.quadA);
+  copyQuad(input.quadB, context.quadB);
+  input.enabled = relaxed(context.enabled);
+  input.quadAEnabled = relaxed(context.quadAEnabled);
+  input.quadBEnabled = relaxed(context.quadBEnabled);
+  return input;
+}
+
+// Raises gpuDone between taking the frame over and drawing it: the next frame may be loaded into the ring meanwhile. The
+// next poster overwrites the context's words from then on, so nothing of them is read later.
+void process(GpuThreadContext* context) {
+  const bool drawn = context->gpuMode == kModeEnhance || context->gpuMode == kModeNeutralExposure;
+  const uint32_t sequence = context->commandSequence;
+  takeReset(context, sequence);
+  if (drawn && isReady(*context)) {
+    prepareFrame(context->gpuEngine, frameInput(*context));
+    context->gpuDone.raise();
+    processFrame(context->gpuEngine, relaxed(context->noiseReductionStrength), relaxed(context->deghosting));
+  } else {
+    context->gpuDone.raise();
+    dropFrame(context->handOver, sequence);
+  }
+  int countdown = context->outputCountdown.load(std::memory_order_acquire);
+  while (countdown < 1 && !context->outputCountdown.compare_exchange_weak(countdown, countdown + 1,
+                                                                          std::memory_order_acq_rel)) {
+  }
+}
+
+void processRgba(GpuThreadContext* context) {
+  const auto sharpening = static_cast<float>(relaxed(context->sharpening));
+  InPlaceParameters parameters;
+  parameters.rgbaLayout = relaxed(context->imageFormatCopy) == 1;
+  parameters.scale = context->totalzoom.load(std::memory_order_relaxed);
+  parameters.detailStrength = sharpening;
+  parameters.contrast = static_cast<float>(relaxed(context->contrast));
+  processInPlace(context->gpuEngine, context->commandBuffer, parameters);
+}
+
+// Runs a command that is done when it returns. False for one that answers by itself or not at all.
+bool runCommand(GpuThreadContext* context, int command) {
+  switch (command) {
+    case kCommandCreateOnWindow:
+    case kCommandCreateOffscreen:
+      createEngine(context, command == kCommandCreateOnWindow);
+      return true;
+    case kCommandProcess:
+      process(context);
+      return false;
+    case kCommandRelease:
+      context->ready.store(0, std::memory_order_release);
+      DestroyGPUEngine(&context->gpuEngine);
+      return true;
+    case kCommandLoad:
+      if (isReady(*context)) loadFrame(context);
+      return true;
+    case kCommandLoadLuma:
+      if (isReady(*context)) loadPackedTextureYOnly(context->gpuEngine, context->commandBuffer);
+      return true;
+    case kCommandLoadChroma:
+      if (isReady(*context)) loadTextureUVOnly(context->gpuEngine, context->commandBuffer);
+      return true;
+    case kCommandProcessInPlace:
+      if (isReady(*context) && context->gpuMode == kModeSynchronousRgba) processRgba(context);
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool stopRequested(GpuThreadContext* context) {
+  Lock lock(context->stopMutex);
+  return context->stopFlag != 0;
+}
+
+void* gpuThreadMain(void* argument) {
+  auto* context = static_cast<GpuThreadContext*>(argument);
+  for (;;) {
+    context->gpuRequest.wait();
+    if (stopRequested(context)) break;
+    if (runCommand(context, context->command)) context->gpuDone.raise();
+  }
+  context->gpuDone.raise();
+  return nullptr;
+}
+
+// One frame through the whole chain, so that the first real one finds everything compiled.
+void warmUpInPlace(_KRSuperResEngine* engine) {
+  const size_t size = static_cast<size_t>(engine->width) * static_cast<size_t>(engine->height) * 4;
+  auto* scratch = static_cast<unsigned char*>(std::calloc(size, 1));
+  if (scratch == nullptr) {
+    NOXEL_LOG_ERROR("no memory for a warm-up frame");
+    return;
+  }
+  postProcessInPlace(scratch, engine);
+  engine->gpu.gpuDone.wait();
+  std::free(scratch);
+  engine->gpu.command = kCommandIdle;
+}
+
+}  // namespace
+
+void postCommand(_KRSuperResEngine* engine, GpuCommand command) {
+  engine->gpu.command = command;
+  engine->gpu.gpuRequest.raise();
+}
+
+void postProcessInPlace(unsigned char* frame, _KRSuperResEngine* engine) {
+  engine->gpu.commandBuffer = frame;
+  postCommand(engine, kCommandProcessInPlace);
+}
+
+int startGPUThread(_KRSuperResEngine* engine) {
+  GpuThreadContext* context = &engine->gpu;
+  context->gpuWidth = engine->width;
+  context->gpuHeight = engine->height;
+  context->handOver = {engine->frameBuffers[3],  engine->frameMutex,     &engine->queuedFrames, &engine->sequence,
+                       &engine->initialized,     engine->syncWithCaller, engine->outputDelay,   &engine->callerSignal};
+  if (pthread_create(&context->gpuThread, nullptr, gpuThreadMain, context) != 0) {
+    NOXEL_LOG_ERROR("could not start the GPU thread");
+    return 1;
+  }
+  context->gpuThreadStarted = true;
+  postCommand(engine, engine->offscreen == 1 ? kCommandCreateOffscreen : kCommandCreateOnWindow);
+  context->gpuDone.wait();
+  context->command = kCommandIdle;
+  if (engine->mode == kModeSynchronousRgba) warmUpInPlace(engine);
+  return 0;
+}
+
+void stopGPUThread(_KRSuperResEngine* engine) {
+  GpuThreadContext* context = &engine->gpu;
+  if (!context->gpuThreadStarted) return;
+  postCommand(engine, kCommandRelease);
+  context->gpuDone.wait();
+  context->command = kCommandIdle;
+  {
+    Lock lock(context->stopMutex);
+    context->stopFlag = 1;
+  }
+  context->gpuRequest.raise();
+  context->gpuDone.wait();
+  pthread_join(context->gpuThread, nullptr);
+  context->gpuThreadStarted = false;
+}
+
+}  // namespace noxel

@@ -1,0 +1,158 @@
+// Parameters: stored here, read by the GPU thread and the jobs with their next frame.
+#include <cstring>
+
+#include "api/engine_registry.h"
+#include "platform/log.h"
+
+namespace noxel {
+namespace {
+
+bool isVerbose() {
+  return debugLog.load(std::memory_order_relaxed) == 1;
+}
+
+int readInt(const void* value) {
+  int read = 0;
+  std::memcpy(&read, value, sizeof(read));
+  return read;
+}
+
+float readFloat(const void* value) {
+  float read = 0.0f;
+  std::memcpy(&read, value, sizeof(read));
+  return read;
+}
+
+void store(std::atomic<int>* word, const char* name, const void* value) {
+  const int given = readInt(value);
+  if (isVerbose()) NOXEL_LOG_INFO("KRSetParameter %s value given = %d\n", name, given);
+  word->store(given, std::memory_order_relaxed);
+}
+
+// 1..32; what is not a number is too large.
+float limitedZoom(float value) {
+  if (!(value <= 32.0f)) value = 32.0f;
+  return value < 1.0f ? 1.0f : value;
+}
+
+void setZoom(GpuThreadContext* gpu, const void* value) {
+  const float given = readFloat(value);
+  if (isVerbose()) NOXEL_LOG_INFO("KRSetParameter zoom value given = %f\n", static_cast<double>(given));
+  const float zoom = limitedZoom(given);
+  gpu->zoom.store(zoom, std::memory_order_relaxed);
+  gpu->currentZoom.store(zoom, std::memory_order_relaxed);
+}
+
+void setTotalZoom(GpuThreadContext* gpu, const void* value) {
+  const float given = readFloat(value);
+  if (isVerbose()) NOXEL_LOG_INFO("KRSetParameter totalzoom value given = %f\n", static_cast<double>(given));
+  gpu->totalzoom.store(limitedZoom(given), std::memory_order_relaxed);
+}
+
+void setQuad(std::atomic<float> (&quad)[8], std::atomic<int>* enabled, const void* value) {
+  if (value != nullptr) {
+    float corners[8];
+    std::memcpy(corners, value, sizeof(corners));
+    for (int i = 0; i < 8; ++i) quad[i].store(corners[i], std::memory_order_relaxed);
+  }
+  enabled->store(value != nullptr ? 1 : 0, std::memory_order_relaxed);
+}
+
+void setImageFormat(_KRSuperResEngine* engine, const void* value) {
+  const int format = readInt(value);
+  if (isVerbose()) NOXEL_LOG_INFO("KRSetParameter KRSUPERPHOTO_IMAGEFORMAT value = %d", format);
+  engine->imageFormat.store(format, std::memory_order_relaxed);
+  engine->gpu.imageFormatCopy.store(format, std::memory_order_relaxed);
+}
+
+void setExposureStrength(_KRSuperResEngine* engine, const void* value) {
+  const int given = readInt(value);
+  engine->registration.exposureStrength.store(given < 0 ? 0 : given >= 100 ? 100 : given, std::memory_order_relaxed);
+}
+
+bool readsValue(unsigned id) {
+  return id != kParamQuadA && id != kParamQuadB && id != kParamForceStabilization;
+}
+
+int dispatch(unsigned id, const void* value, _KRSuperResEngine* engine) {
+  GpuThreadContext* gpu = &engine->gpu;
+  if (value == nullptr && readsValue(id)) {
+    NOXEL_LOG_ERROR("setparam value == NULL");
+    return 1;
+  }
+  switch (id) {
+    case kParamEnabled:
+      store(&gpu->enabled, "enabled", value);
+      return 0;
+    case kParamZoom:
+    case kParamZoomAlias:
+      setZoom(gpu, value);
+      return 0;
+    case kParamQuadA:
+      setQuad(gpu->quadA, &gpu->quadAEnabled, value);
+      return 0;
+    case kParamQuadB:
+      setQuad(gpu->quadB, &gpu->quadBEnabled, value);
+      return 0;
+    case kParamStabilization:
+    case kParamStabilizationAlias:
+      store(&gpu->useStabilization, "useStabilization", value);
+      return 0;
+    case kParamSharpening:
+      store(&gpu->sharpening, "sharpening", value);
+      return 0;
+    case kParamContrast:
+      store(&gpu->contrast, "contrast", value);
+      return 0;
+    case kParamDeghosting:
+      store(&gpu->deghosting, "deghosting", value);
+      return 0;
+    case kParamNoiseReductionStrength:
+      store(&gpu->noiseReductionStrength, "noiseReductionStrength", value);
+      return 0;
+    case kParamForceStabilization:
+      gpu->useStabilization.store(1, std::memory_order_relaxed);
+      gpu->stabilizationForced.store(1, std::memory_order_relaxed);
+      return 0;
+    case kParamFlipChroma:
+      store(&gpu->flipChroma, "flipChroma", value);
+      if (isVerbose()) NOXEL_LOG_INFO("Flip chroma parameter = %d", readInt(value));
+      return 0;
+    case kParamLightMode:
+      store(&gpu->lightMode, "lightMode", value);
+      if (isVerbose()) NOXEL_LOG_INFO("Light mode parameter = %d", readInt(value));
+      return 0;
+    case kParamImageFormat:
+      setImageFormat(engine, value);
+      return 0;
+    case kParamTotalZoom:
+      setTotalZoom(gpu, value);
+      return 0;
+    case kParamExposureStrength:
+      setExposureStrength(engine, value);
+      return 0;
+    default:
+      return 1;
+  }
+}
+
+}  // namespace
+
+int KRSetParameter(unsigned internalId, const void* value, _KRSuperResEngine* engine) {
+  const EngineReference reference(engine);
+  bool refused = true;
+  {
+    Lock lock(apiMutex);
+    if (engine == nullptr) {
+      NOXEL_LOG_ERROR("setparam eng == NULL");
+    } else if (!reference || engine->initialized.load(std::memory_order_acquire) == 0) {
+      NOXEL_LOG_ERROR("eng not initialized");
+    } else {
+      if (isVerbose()) NOXEL_LOG_INFO("engine %p", static_cast<void*>(engine));
+      refused = false;
+    }
+  }
+  return refused ? 1 : dispatch(internalId, value, engine);
+}
+
+}  // namespace noxel

@@ -1,0 +1,239 @@
+// One queued frame on its way: to the GPU, to registration, and to the process command.
+#include <cstdlib>
+#include <cstring>
+
+#include "api/engine_registry.h"
+#include "api/threads.h"
+#include "kernels/planes.h"
+#include "platform/log.h"
+#include "platform/stopwatch.h"
+
+namespace noxel {
+namespace {
+
+struct JobArgument {
+  _KRSuperResEngine* engine;  // a reference of the job's own
+  uint32_t sequence;
+};
+
+void* uploadJobMain(void* argument) {
+  auto* job = static_cast<JobArgument*>(argument);
+  runUploadJob(job->engine, job->sequence);
+  EngineReference::dropReference(job->engine);
+  std::free(job);
+  return nullptr;
+}
+
+bool createDetachedThread(void* argument) {
+  pthread_attr_t attributes;
+  if (pthread_attr_init(&attributes) != 0) return false;
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);  // unjoined threads would keep their stacks
+  pthread_t thread;
+  const bool created = pthread_create(&thread, &attributes, uploadJobMain, argument) == 0;
+  pthread_attr_destroy(&attributes);
+  return created;
+}
+
+const char* refusal(const _KRSuperResEngine* engine) {
+  if (engine->running.load(std::memory_order_acquire) == 1) return "already running, return (ei sais)";
+  if (engine->initialized.load(std::memory_order_acquire) == 0) {
+    return "************************* EISAATANA SAIS TEHA TALLEEN2";
+  }
+  return nullptr;
+}
+
+struct Claim {
+  int slot;
+  unsigned char* buffer;  // null: the frame is from before a break
+};
+
+Claim claimSlot(_KRSuperResEngine* engine, uint32_t sequence) {
+  Lock lock(frameMutex);
+  if (engine->sequence.load(std::memory_order_relaxed) != sequence) return {0, nullptr};
+  const int slot = engine->uploadIndex;
+  engine->uploadIndex = slot + 1 < engine->ringSlots ? slot + 1 : 0;
+  engine->bufferBeingRead = engine->frameBuffers[slot];
+  return {slot, engine->frameBuffers[slot]};
+}
+
+// Refuses or claims under the locks that release and the other jobs take. Null buffer: nothing to do.
+Claim admit(_KRSuperResEngine* engine, uint32_t sequence) {
+  Lock lock(apiMutex);
+  if (const char* reason = refusal(engine); reason != nullptr) {
+    NOXEL_LOG_INFO("%s", reason);
+    dropFrame(engine->gpu.handOver, sequence);  // takes frameMutex: no frame is in flight beyond here
+    return {0, nullptr};
+  }
+  const Claim claim = claimSlot(engine, sequence);
+  if (claim.buffer != nullptr) engine->running.store(1, std::memory_order_release);
+  return claim;
+}
+
+void postLoad(_KRSuperResEngine* engine, const Claim& claim, GpuCommand command) {
+  engine->gpu.commandBuffer = claim.buffer;
+  engine->gpu.commandSlot = claim.slot;
+  engine->gpu.registrationStatus = engine->frameStatus;
+  postCommand(engine, command);
+}
+
+// Engine mode 0: the chroma is smoothed here while the GPU thread uploads the luma.
+void uploadSplit(_KRSuperResEngine* engine, const Claim& claim, int strength) {
+  int reach = strength / 2;
+  if (reach > 15) reach /= 2;
+  const int width = engine->width;
+  const int height = engine->height;
+  startWatch(1);
+  postLoad(engine, claim, kCommandLoadLuma);
+  unsigned char* chroma = claim.buffer + static_cast<size_t>(width) * static_cast<size_t>(height);
+  kernels::smoothChroma(chroma, width / 2, height / 2, reach + 1, 4, engine->registration.scratchFrame);
+  stopWatch("Load Y kasky ja UV:n filtterointi", 1);
+  startWatch(3);
+  engine->gpu.gpuDone.wait();
+  stopWatch("y signaali", 3);
+  startWatch(2);
+  postLoad(engine, claim, kCommandLoadChroma);
+  stopWatch("Load UV", 2);
+}
+
+// Which path the frame takes follows from the light mode; a light mode other than 0 and 1 keeps the path it finds. The
+// status of the frame before decides which loader fits.
+void upload(_KRSuperResEngine* engine, const Claim& claim, int lightMode) {
+  RegistrationContext* registration = &engine->registration;
+  engine->gpu.commandLightMode = lightMode;
+  if (lightMode == 1) {
+    registration->registrationResult = kRegistrationOff;
+    engine->frameStatus = kRegistrationOff;
+    const int strength = engine->gpu.noiseReductionStrength.load(std::memory_order_relaxed);
+    if (engine->gpu.gpuMode == 0 && strength > 0) {
+      uploadSplit(engine, claim, strength);
+      return;
+    }
+  } else if (lightMode == 0 && registration->registrationResult == kRegistrationOff) {
+    // Registration is switched on again: what the tracker remembers is from before the light frames.
+    registration->registrationResult = kRegistrationFailed;
+    engine->frameStatus = kRegistrationFailed;
+    registration->firstFrame = 1;
+  }
+  postLoad(engine, claim, kCommandLoad);
+}
+
+// A break asks for a fresh start of the tracker, with the first frame after it and no other.
+void takeRepriming(_KRSuperResEngine* engine, uint32_t sequence) {
+  Lock lock(frameMutex);
+  if (engine->sequence.load(std::memory_order_relaxed) != sequence) return;
+  if (engine->repriming.exchange(0, std::memory_order_acq_rel) == 1) engine->registration.firstFrame = 1;
+}
+
+void submitRegistrationFrame(_KRSuperResEngine* engine, const unsigned char* frame) {
+  RegistrationContext* registration = &engine->registration;
+  registration->frameSelect = 1 - registration->frameSelect;
+  uint8_t* luminance = registration->luminanceFrames[registration->frameSelect];
+  if (engine->scale == 1) {
+    std::memcpy(luminance, frame, static_cast<size_t>(engine->width) * static_cast<size_t>(engine->height));
+  } else {
+    if (engine->mode == 0) {
+      kernels::downscaleByTwoDiagonal(frame, engine->width, engine->height, luminance);
+    } else {
+      kernels::downscaleByTwo(frame, engine->width, engine->height, luminance);
+    }
+    kernels::smoothTwice(luminance, registration->width, registration->height, registration->scratchFrame);
+  }
+  registration->registrationRequest.raise();
+}
+
+// One step a frame. A zoom that is set at the same time wins: the exchange fails and the step is not made.
+void easeZoom(GpuThreadContext* gpu, bool stabilizing) {
+  float current = gpu->currentZoom.load(std::memory_order_relaxed);
+  const float rest = gpu->zoom.load(std::memory_order_relaxed);
+  float next = current;
+  if (stabilizing) {
+    if (static_cast<double>(current) < 1.16) next = static_cast<float>(static_cast<double>(current) + 0.01);
+  } else if (current > rest) {
+    next = static_cast<float>(static_cast<double>(current) - 0.01);
+    if (next < rest) next = rest;
+  }
+  if (next != current) gpu->currentZoom.compare_exchange_strong(current, next, std::memory_order_relaxed);
+}
+
+void takeResults(_KRSuperResEngine* engine, int lightMode) {
+  const RegistrationContext& registration = engine->registration;
+  FrameParameters* parameters = &engine->frameParameters;
+  engine->frameGamma = registration.exposure.smoothedGamma;
+  engine->frameGain = registration.exposure.smoothedGain;
+  std::memcpy(parameters->frameMatrixA, registration.motionMatrix, sizeof(registration.motionMatrix));
+  std::memcpy(parameters->frameMatrixB, registration.inverseMotionMatrix, sizeof(registration.inverseMotionMatrix));
+  const bool stabilizing =
+      engine->gpu.useStabilization.load(std::memory_order_relaxed) != 0 && lightMode != 1;
+  std::memcpy(parameters->stabilizationTransform, stabilizing ? registration.stabilizationMatrix : kIdentity3x3,
+              sizeof(kIdentity3x3));
+  easeZoom(&engine->gpu, stabilizing);
+  engine->frameStatus = registration.registrationResult;
+}
+
+void postProcessFrame(_KRSuperResEngine* engine, const Claim& claim, uint32_t sequence) {
+  GpuThreadContext* gpu = &engine->gpu;
+  gpu->frameParameters = engine->frameParameters;
+  gpu->registrationStatus = engine->frameStatus;
+  gpu->frameGamma = engine->frameGamma;
+  gpu->frameGain = engine->frameGain;
+  gpu->gpuMode = engine->mode;
+  gpu->commandBuffer = claim.buffer;
+  gpu->commandSequence = sequence;
+  postCommand(engine, kCommandProcess);
+}
+
+double millisecondsSince(uint64_t start) {
+  return static_cast<double>(KRTimeDiff(start, KRTimeNow())) * 1e-6;
+}
+
+void processClaimed(_KRSuperResEngine* engine, const Claim& claim, uint32_t sequence) {
+  const uint64_t start = KRTimeNow();
+  startWatch(72);
+  const int lightMode = engine->gpu.lightMode.load(std::memory_order_relaxed);
+  upload(engine, claim, lightMode);
+  double registrationMs = 0.0;
+  if (lightMode == 0 || engine->gpu.gpuMode != 0) {
+    const uint64_t submitted = KRTimeNow();
+    takeRepriming(engine, sequence);
+    submitRegistrationFrame(engine, claim.buffer);
+    engine->registration.registrationDone.wait();
+    registrationMs = millisecondsSince(submitted);
+  }
+  stopWatch("c2s", 72);
+  takeResults(engine, lightMode);
+  engine->gpu.gpuDone.wait();  // the load
+  engine->report = {engine->frameStatus, engine->frameGamma,
+                    engine->frameGain,   engine->gpu.currentZoom.load(std::memory_order_relaxed),
+                    millisecondsSince(start), registrationMs};
+  postProcessFrame(engine, claim, sequence);
+  engine->gpu.gpuDone.wait();
+}
+
+}  // namespace
+
+bool spawnUploadJob(_KRSuperResEngine* engine, uint32_t sequence) {
+  auto* job = static_cast<JobArgument*>(std::malloc(sizeof(JobArgument)));
+  const EngineReference reference(engine);
+  if (job != nullptr && reference) {
+    *job = {reference.share(), sequence};
+    if (createDetachedThread(job)) return true;
+    EngineReference::dropReference(engine);
+  }
+  std::free(job);
+  NOXEL_LOG_ERROR("could not start an upload job");
+  return false;
+}
+
+void runUploadJob(_KRSuperResEngine* engine, uint32_t sequence) {
+  Lock job(jobMutex);
+  const Claim claim = admit(engine, sequence);
+  if (claim.buffer == nullptr) return;
+  processClaimed(engine, claim, sequence);
+  {
+    Lock lock(frameMutex);
+    engine->bufferBeingRead = nullptr;
+  }
+  engine->running.store(0, std::memory_order_release);
+}
+
+}  // namespace noxel

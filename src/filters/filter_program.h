@@ -1,0 +1,27 @@
+// How the filters of this room make a program.
+#pragma once
+
+#include <new>
+
+#include "gl/runtime/program.h"
+
+namespace noxel {
+
+// Null when memory ran out. `cacheDirectory` null or empty: not cached.
+inline Program* newProgram(const char* fragmentText, const char* vertexText, const char* name,
+                           const char* cacheDirectory) {
+  const bool cached = cacheDirectory != nullptr && cacheDirectory[0] != '\0';
+  return new (std::nothrow) Program(fragmentText, vertexText, cached ? name : nullptr, cacheDirectory);
+}
+
+inline bool linked(const Program* program) {
+  return program != nullptr && program->initialized == 1;
+}
+
+// Deletes and forgets.
+inline void dropProgram(Program*& program) {
+  delete program;
+  program = nullptr;
+}
+
+}  // namespace noxel

@@ -1,0 +1,14 @@
+#include "filters/selector_texture.h"
+
+#include <new>
+
+namespace noxel {
+
+Texture* createSelectorTexture() {
+  static constexpr unsigned char kTexels[16] = {255, 0, 0, 0, 0, 255, 0, 0, 0, 0, 255, 0, 0, 0, 0, 255};
+  auto* texture = new (std::nothrow) Texture;
+  if (texture != nullptr) texture->Init(4, 1, GL_RGBA, GL_NEAREST, GL_REPEAT, kTexels);
+  return texture;
+}
+
+}  // namespace noxel

@@ -1,0 +1,13 @@
+precision highp float;
+FRAGC
+uniform sampler2D s_YTexture;
+uniform sampler2D s_SmoothYTexture;
+uniform float u_strength;
+IN highp vec2 v_TexCoord;
+void main() {
+  vec3 C = TEXTURE(s_YTexture, v_TexCoord).rgb;
+  vec3 d = C - TEXTURE(s_SmoothYTexture, v_TexCoord).rgb;
+  float m = min(0.5, (abs(d.r) + abs(d.g) + abs(d.b)) * 2.0);
+  vec3 rgb = C + d * ((0.6 + m) * u_strength);
+  vFragColor = vec4(rgb, 1.0);
+}

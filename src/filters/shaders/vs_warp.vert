@@ -1,0 +1,9 @@
+precision highp float;
+ATTR vec2 a_Position;
+uniform mat4 m_Transform;
+uniform mat4 m_Warp;
+OUT vec2 v_texCoord;
+void main() {
+  gl_Position = vec4(a_Position, 0.0, 1.0);
+  v_texCoord = (m_Warp * ((m_Transform * gl_Position + 1.0) * 0.5)).xy;
+}

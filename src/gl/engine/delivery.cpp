@@ -1,0 +1,59 @@
+// How a finished frame leaves the GPU.
+#include <cstring>
+
+#include "gl/engine/gpu_engine.h"
+
+namespace noxel {
+namespace {
+
+// Draws both planes of `source` and brings the bytes of the frame the rings hold to readBackFrame. False when one of the
+// planes could not be mapped.
+bool readBack(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst) {
+  const int mode = engine->firstFrameDone == 0 ? 1 : 0;
+  const auto convert = [source](RgbToYuvFilter* filter, FrameBuffer* target, int plane) {
+    filter->sourceTexture = source->GetTextureId();
+    filter->BindTarget(target);
+    filter->DiscardTarget();
+    filter->convert(plane);
+  };
+  engine->stage = 0;
+  convert(engine->rgbToYuv[0], engine->lumaOutput, 0);
+  engine->stage = 1;
+  const bool lumaRead = engine->lumaOutput->ReadPixelsAsync(engine->readBackFrame, mode);
+  convert(engine->rgbToYuv[1], engine->chromaOutput, chromaUFirst != 0 ? 2 : 1);
+  engine->stage = 2;
+  const bool chromaRead = engine->chromaOutput->ReadPixelsAsync(engine->readBackFrame + engine->lumaSize, mode);
+  engine->firstFrameDone = 1;
+  return lumaRead && chromaRead;
+}
+
+// Called under frameMutex.
+bool countDelivered(const HandOver& handOver, uint32_t sequence) {
+  if (handOver.sequence->load(std::memory_order_relaxed) != sequence) return false;
+  handOver.queuedFrames->fetch_sub(1, std::memory_order_acq_rel);
+  return true;
+}
+
+}  // namespace
+
+bool ReadBackYuv(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst) {
+  // Into a buffer of our own, so that frameMutex is never held over the wait for the GPU and a half-read frame stays here.
+  const bool complete = readBack(engine, source, chromaUFirst);
+  const HandOver& handOver = engine->handOver;
+  Lock lock(*handOver.frameMutex);
+  const bool current = countDelivered(handOver, engine->frameSequence);
+  if (current && complete) {
+    std::memcpy(handOver.outputBuffer, engine->readBackFrame, engine->lumaSize + engine->lumaSize / 2);
+  }
+  return current;
+}
+
+void dropFrame(const HandOver& handOver, uint32_t sequence) {
+  {
+    Lock lock(*handOver.frameMutex);
+    countDelivered(handOver, sequence);
+  }
+  handOver.callerSignal->wake();
+}
+
+}  // namespace noxel

@@ -1,0 +1,156 @@
+// The GPU side of one engine: context, textures, images, filters, and how a finished frame is handed over.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "filters/bilateral_filter.h"
+#include "filters/low_light_filter.h"
+#include "filters/rgb_to_yuv_filter.h"
+#include "filters/yuv_to_rgb_filter.h"
+#include "gl/engine/warps.h"
+#include "gl/runtime/egl_engine.h"
+#include "gl/runtime/frame_buffer.h"
+#include "gl/runtime/texture.h"
+#include "platform/signal.h"
+
+namespace noxel {
+
+// Where finished frames go. The words belong to the engine record above and outlive the GPU engine.
+struct HandOver {
+  unsigned char* outputBuffer;             // width * height * 3/2 bytes, NV21, written under frameMutex
+  pthread_mutex_t* frameMutex;
+  std::atomic<int>* queuedFrames;          // lowered under frameMutex, once per frame of the current sequence
+  const std::atomic<uint32_t>* sequence;   // current number, stable under frameMutex
+  const std::atomic<int>* initialized;     // 0 ends every wait for the caller
+  int syncWithCaller;
+  int outputDelay;                         // read-back buffers, 1..3
+  _KRSignal* callerSignal;                 // 1 output ready, -1 output taken
+};
+
+// The three matrices that come with a frame: 3 x 3, row-major, in frame pixels.
+struct FrameParameters {
+  float frameMatrixA[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};            // current to previous frame
+  float frameMatrixB[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};            // its inverse
+  float stabilizationTransform[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};  // current frame to stabilised picture
+};
+
+// Everything the process command knows about its frame, copied before the poster is released.
+struct FrameInput {
+  unsigned char* frame = nullptr;  // NV21; read in the loaders and prepareFrame only
+  uint32_t sequence = 0;
+  int status = 0;  // -1 spatial path, 0 first frame or failed registration, 1 registered
+  FrameParameters parameters;
+  float gamma = 1.0f;
+  float gain = 1.0f;
+  float zoom = 1.0f;
+  float transform[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};  // column-major
+  float quadA[8] = {};  // the untouched view
+  float quadB[8] = {};  // the enhanced picture
+  int enabled = 1;
+  int quadAEnabled = 0;
+  int quadBEnabled = 1;
+};
+
+// One per engine. Made, used and destroyed by the GPU thread; other threads meet it only through the HandOver.
+struct _KRGPUEngine {
+  int mode = 1;
+  int width = 0;
+  int height = 0;
+  int offscreen = 1;
+  bool ready = false;  // context current and all programs linked; otherwise no GL call is made
+
+  RgbToYuvFilter* rgbToYuv[2] = {};  // luma, chroma
+  LowLightFilter* lowLight = nullptr;
+  BilateralFilter* bilateral = nullptr;
+  YuvToRgbFilter* yuvToRgb = nullptr;
+
+  Texture* lumaTexture = nullptr;        // one sample a texel
+  Texture* packedLumaTexture = nullptr;  // four samples a texel, nearest
+  Texture* chromaTexture = nullptr;      // V in red, U in alpha
+  Texture* rgbaTexture = nullptr;        // mode 4
+
+  FrameBuffer* levelImages[2][4] = {};  // full and half size; [0][0] and [0][1] take turns as accumulated frame
+  FrameBuffer* reducedImage = nullptr;
+  FrameBuffer* pyramid[2][3] = {};
+  FrameBuffer* quarterImages[4] = {};
+  FrameBuffer* packedImages[3] = {};    // full, half, full height; nearest
+  FrameBuffer* lumaOutput = nullptr;    // off-screen
+  FrameBuffer* chromaOutput = nullptr;  // off-screen
+
+  EGLEngine* egl = nullptr;
+  HandOver handOver = {};
+  unsigned char* readBackFrame = nullptr;  // owned; a frame is whole here before it meets the output buffer
+  size_t lumaSize = 0;                     // width * height
+  int firstFrameDone = 0;                  // 0: the next read-back is synchronous
+  int stage = 0;                           // of the read-back: 1 after the luma pass, 2 after the chroma pass
+
+  // The current frame.
+  int outputWidth = 0;
+  int outputHeight = 0;
+  float outputTransform[16] = {};
+  unsigned char* frame = nullptr;
+  uint32_t frameSequence = 0;
+  Warp stabilizedTextureWarp;  // W of the newest frame drawn into history
+  float motionWarp[16] = {};   // current picture to accumulated frame
+  float identityTransform[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+  float zoomWarp[16] = {};
+  float stabilizedWarp[16] = {};
+  float outputQuad[8] = {};
+  float passThroughQuad[8] = {};
+  int outputQuadEnabled = 1;
+  int passThroughQuadEnabled = 0;
+  int enhancementEnabled = 1;
+  float inverseZoom = 1.0f;
+  int historyCount = 1;    // -1 spatial path, 0 history restarts here, n: the nth frame blended into it
+  int historyIndex = 1;    // levelImages[0][historyIndex] is the accumulated frame
+  int texturesLoaded = 0;  // the current frame's planes are in textures
+  bool lumaFilled = false;        // and which of the two luma textures they are in
+  bool packedLumaFilled = false;
+  float frameGamma = 1.0f;
+  float frameGain = 1.0f;
+};
+
+// Make the record, the context, the images and the programs. *result stays untouched when memory for the record ran out;
+// every other failure is logged and leaves `ready` false.
+void CreateGPUEngine(int width, int height, const HandOver& handOver, int mode, _KRGPUEngine** result);
+void CreateGPUEngineWithWindow(int width, int height, void* window, const HandOver& handOver, int mode,
+                               _KRGPUEngine** result);
+void DestroyGPUEngine(_KRGPUEngine** engine);  // null is allowed
+
+// Loaders: the planes of an NV21 frame into textures.
+void loadTextures(_KRGPUEngine* engine, const unsigned char* frame);
+void loadPackedTextures(_KRGPUEngine* engine, const unsigned char* frame);
+void loadPackedTextureYOnly(_KRGPUEngine* engine, const unsigned char* frame);
+void loadTextureUVOnly(_KRGPUEngine* engine, const unsigned char* frame);
+void loadRgbaTexture(_KRGPUEngine* engine, const unsigned char* frame);  // mode 4: width * height * 4 bytes
+
+// Starts the read-back afresh: the next frame comes back at once, and nothing older ever. Null is ignored.
+void resetFirstFrame(_KRGPUEngine* engine);
+
+// Takes over a frame's parameters and loads the planes that no load command brought. After it the frame's buffer may be
+// overwritten.
+void prepareFrame(_KRGPUEngine* engine, const FrameInput& input);
+
+// Draws the frame and hands it over. Modes 1 and 3.
+void processFrame(_KRGPUEngine* engine, int noiseReductionStrength, int deghosting);
+
+// Mode 4: enhances width * height * 4 bytes in place and returns when they are there. rgbaLayout: r, g, b come first.
+struct InPlaceParameters {
+  bool rgbaLayout;
+  float scale;
+  float detailStrength;
+  float contrast;
+};
+void processInPlace(_KRGPUEngine* engine, unsigned char* frame, const InPlaceParameters& parameters);
+
+// Lets go of a frame that nothing is drawn for: one queued frame less, and a waiting caller wakes.
+void dropFrame(const HandOver& handOver, uint32_t sequence);
+
+// Converts the finished picture to NV21 (or U before V) and hands it over: the newest frame that the read-back ring holds.
+// True when the frame was of the current sequence, whether or not its bytes could be had.
+bool ReadBackYuv(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst);
+
+}  // namespace noxel

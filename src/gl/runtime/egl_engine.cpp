@@ -1,0 +1,238 @@
+#include "gl/runtime/egl_engine.h"
+
+#include <pthread.h>
+
+#include <cstring>
+#include <initializer_list>
+
+#include "gl/runtime/gl.h"
+#include "platform/log.h"
+#include "platform/signal.h"
+
+#define LOG_EGL_ERROR(...) __android_log_print(platform::kLogError, "KorvaneEGLEngine", __VA_ARGS__)
+
+namespace noxel {
+namespace {
+
+// eglTerminate ends every context on a display, other engines' included, so the users of each display are counted. Lives
+// for ever: a GPU thread may end after the statics of the process are gone.
+struct DisplayUse {
+  EGLDisplay display;
+  int users;
+};
+constexpr int kMaxDisplays = 8;
+DisplayUse displayUses[kMaxDisplays];  // guarded by displayMutex
+pthread_mutex_t displayMutex = PTHREAD_MUTEX_INITIALIZER;
+
+DisplayUse* findDisplayUse(EGLDisplay display) {
+  for (DisplayUse& use : displayUses) {
+    if (use.users > 0 && use.display == display) return &use;
+  }
+  return nullptr;
+}
+
+void initializeDisplay(EGLDisplay display) {
+  Lock lock(displayMutex);
+  if (eglInitialize(display, nullptr, nullptr) != EGL_TRUE) {
+    LOG_EGL_ERROR("Error: eglInitialize failed %d\n", eglGetError());
+  }
+  DisplayUse* use = findDisplayUse(display);
+  for (int i = 0; use == nullptr && i < kMaxDisplays; ++i) {
+    if (displayUses[i].users == 0) use = &displayUses[i];
+  }
+  if (use == nullptr) return;  // a ninth display is never terminated, which only the process's end notices
+  use->display = display;
+  ++use->users;
+}
+
+void terminateDisplay(EGLDisplay display) {
+  Lock lock(displayMutex);
+  DisplayUse* use = findDisplayUse(display);
+  if (use != nullptr && --use->users == 0) eglTerminate(display);
+}
+
+template <typename EntryPoint>
+bool findEntryPoint(EntryPoint& entryPoint, const char* name) {
+  entryPoint = reinterpret_cast<EntryPoint>(eglGetProcAddress(name));
+  if (entryPoint == nullptr) LOG_EGL_ERROR("could not find %s", name);
+  return entryPoint != nullptr;
+}
+
+// Only asks: the answer is for a debugger or a driver's trace.
+void printGLString(const char* label, GLenum name) {
+  (void)label;
+  (void)glGetString(name);
+}
+
+}  // namespace
+
+int EGLEngine::Initialize(int width, int height, void* window, void* shareContext, int alphaSize) {
+  if (window == nullptr) return initWithPBuffer(width, height, shareContext);
+  return initWithWindow(width, height, window, shareContext, alphaSize);
+}
+
+int EGLEngine::initWithWindow(int /*width*/, int /*height*/, void* window, void* shareContext, int alphaSize) {
+  const EGLint attributes[] = {EGL_SURFACE_TYPE, EGL_WINDOW_BIT, EGL_RENDERABLE_TYPE, EGL_OPENGL_ES2_BIT,
+                               EGL_ALPHA_SIZE,   alphaSize,      EGL_GREEN_SIZE,      8,
+                               EGL_BLUE_SIZE,    8,              EGL_RED_SIZE,        8,
+                               EGL_NONE};
+  return initWithSurface(attributes, window, shareContext);
+}
+
+int EGLEngine::initWithPBuffer(int /*width*/, int /*height*/, void* shareContext) {
+  const EGLint attributes[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE, EGL_OPENGL_ES2_BIT, EGL_NONE};
+  return initWithSurface(attributes, nullptr, shareContext);
+}
+
+int EGLEngine::initWithSurface(const EGLint* configAttributes, void* window, void* shareContext) {
+  display = platform::engineDisplay();
+  if (display == EGL_NO_DISPLAY) {
+    LOG_EGL_ERROR("Error: no EGL display %d\n", eglGetError());
+    return 0;
+  }
+  initializeDisplay(display);
+  eglBindAPI(EGL_OPENGL_ES_API);
+
+  EGLint count = 0;
+  eglChooseConfig(display, configAttributes, &config, 1, &count);
+  if (count != 1) {
+    LOG_EGL_ERROR("Error: eglChooseConfig(): config not found.\n");
+    return 0;
+  }
+
+  if (window != nullptr) {
+    surface = eglCreateWindowSurface(display, config, platform::nativeWindow(window), nullptr);
+  } else {
+    const EGLint pbufferAttributes[] = {EGL_WIDTH,          1,              EGL_HEIGHT,         1,
+                                        EGL_TEXTURE_TARGET, EGL_NO_TEXTURE, EGL_TEXTURE_FORMAT, EGL_NO_TEXTURE,
+                                        EGL_NONE};
+    surface = eglCreatePbufferSurface(display, config, pbufferAttributes);
+  }
+  EGLint error = eglGetError();
+  if (error != EGL_SUCCESS || surface == EGL_NO_SURFACE) {
+    LOG_EGL_ERROR("Error: surface creation failed %d\n", error);
+    return 0;
+  }
+
+  const EGLint contextAttributes[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
+  context = eglCreateContext(display, config, shareContext, contextAttributes);
+  error = eglGetError();
+  if (error != EGL_SUCCESS || context == EGL_NO_CONTEXT) {
+    LOG_EGL_ERROR("Error: context creation failed %d\n", error);
+    return 0;
+  }
+  if (MakeCurrent(surface, surface) != EGL_SUCCESS) return 0;  // no GL call may be made without it
+  loadExtensions();
+  return 1;
+}
+
+void EGLEngine::loadExtensions() {
+  findEntryPoint(presentationTime, "eglPresentationTimeANDROID");
+  findEntryPoint(createImage, "eglCreateImageKHR");
+  findEntryPoint(destroyImage, "eglDestroyImageKHR");
+  findEntryPoint(createSync, "eglCreateSyncKHR");
+  findEntryPoint(clientWaitSync, "eglClientWaitSyncKHR");
+  findEntryPoint(destroySync, "eglDestroySyncKHR");
+
+  // The GL string alone decides; the wrappers test their own entry point as well.
+  syncKind = HasGLExtension("GL_OES_EGL_sync") ? 1 : HasGLExtension("GL_NV_fence") ? 2 : 0;
+  syncSupported = syncKind != 0;
+}
+
+int EGLEngine::Release() {
+  if (display == EGL_NO_DISPLAY) return 1;
+  eglMakeCurrent(display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
+  if (context != EGL_NO_CONTEXT) eglDestroyContext(display, context);
+  if (surface != EGL_NO_SURFACE) eglDestroySurface(display, surface);
+  terminateDisplay(display);
+  return 1;
+}
+
+EGLBoolean EGLEngine::SwapBuffers() {
+  return eglSwapBuffers(display, surface);
+}
+
+EGLBoolean EGLEngine::SwapBuffers(void* otherSurface) {
+  return eglSwapBuffers(display, otherSurface);
+}
+
+EGLBoolean EGLEngine::SetSwapInterval(int interval) {
+  return eglSwapInterval(display, interval);
+}
+
+EGLint EGLEngine::MakeCurrent(void* draw, void* read) {
+  const EGLBoolean made = eglMakeCurrent(display, draw, read, context);
+  const EGLint error = eglGetError();
+  if (made == EGL_TRUE && error == EGL_SUCCESS) return EGL_SUCCESS;
+  LOG_EGL_ERROR("Error: make current failed %d\n", error);
+  return error != EGL_SUCCESS ? error : EGL_BAD_ACCESS;
+}
+
+void* EGLEngine::CreateWindowSurface(void* window) {
+  const EGLSurface created = eglCreateWindowSurface(display, config, platform::nativeWindow(window), nullptr);
+  const EGLint error = eglGetError();
+  if (created == EGL_NO_SURFACE || error != EGL_SUCCESS) LOG_EGL_ERROR("Error: surface creation failed %d\n", error);
+  return created;
+}
+
+EGLBoolean EGLEngine::DestroySurface(void* otherSurface) {
+  return eglDestroySurface(display, otherSurface);
+}
+
+void EGLEngine::PrintGLInfo() {
+  printGLString("Version", GL_VERSION);
+  printGLString("Vendor", GL_VENDOR);
+  printGLString("Renderer", GL_RENDERER);
+  printGLString("Extensions", GL_EXTENSIONS);
+}
+
+void EGLEngine::PrintEGLInfo() {
+  for (const EGLint name : {EGL_VERSION, EGL_VENDOR, EGL_CLIENT_APIS, EGL_EXTENSIONS}) {
+    (void)eglQueryString(display, name);
+  }
+}
+
+int EGLEngine::HasGLExtension(const char* name) {
+  const char* extensions = reinterpret_cast<const char*>(glGetString(GL_EXTENSIONS));
+  if (extensions == nullptr) return 0;
+  const size_t wanted = std::strlen(name);
+  const char* end = extensions + std::strlen(extensions);
+  for (const char* word = extensions; word < end;) {
+    const size_t length = std::strcspn(word, " ");
+    if (length == wanted && std::strncmp(word, name, length) == 0) return 1;
+    word += length + 1;
+  }
+  return 0;
+}
+
+void* EGLEngine::CreateImage(unsigned target, void* buffer, const int* attributes) {
+  if (createImage == nullptr) return nullptr;
+  return createImage(display, EGL_NO_CONTEXT, target, buffer, attributes);
+}
+
+int EGLEngine::DestroyImage(void* image) {
+  if (destroyImage == nullptr || image == nullptr) return 0;
+  return static_cast<int>(destroyImage(display, image));
+}
+
+void* EGLEngine::CreateSync(unsigned type, const int* attributes) {
+  if (!syncSupported || createSync == nullptr) return nullptr;
+  return createSync(display, type, attributes);
+}
+
+int EGLEngine::ClientWaitSync(void* sync, int flags, uint64_t timeoutNs) {
+  if (!syncSupported || clientWaitSync == nullptr) return 0;
+  return clientWaitSync(display, sync, flags, timeoutNs);
+}
+
+int EGLEngine::DestroySync(void* sync) {
+  if (!syncSupported || destroySync == nullptr) return 0;
+  return static_cast<int>(destroySync(display, sync));
+}
+
+int EGLEngine::SetPresentationTime(void* otherSurface, int64_t nanoseconds) {
+  if (presentationTime == nullptr) return 0;
+  return static_cast<int>(presentationTime(display, otherSurface, nanoseconds));
+}
+
+}  // namespace noxel

@@ -1,0 +1,69 @@
+// A framebuffer object with one colour texture, and the ring of pixel-pack buffers its image is read back through.
+#pragma once
+
+#include "gl/runtime/gl.h"
+
+namespace noxel {
+
+class EGLEngine;
+
+// GPU thread only. The destructor frees nothing: Release does, while the context is current.
+class FrameBuffer {
+ public:
+  // Allocates the image (8 bits per channel, clamped to the edge) on the names it has, generating them first when it has
+  // none. Returns 1; an incomplete framebuffer is only logged.
+  int Init(int width, int height, GLenum format, GLenum filter = GL_LINEAR);
+  int Generate();
+  int UseDefaultFramebuffer(int width, int height);  // stands for the window's surface from here on
+  void Bind();                                       // and the viewport over the whole image
+
+  GLuint GetTextureId() const { return textureId; }
+  GLuint GetFramebufferId() const { return framebufferId; }
+  GLenum GetFormat() const { return format; }
+  int GetWidth() const { return width; }
+  int GetHeight() const { return height; }
+
+  bool CheckStatus(const char* label);  // of the framebuffer that is bound; false and a log line unless complete
+
+  // Blocks until the image is finished.
+  void ReadPixels(int x, int y, int width, int height, GLenum format, GLenum type, void* pixels);
+
+  // Makes `count` pack buffers (at most 3; none for a count below 1) of `size` bytes. Once per object.
+  int InitPixelBuffers(int size, int count);
+  // The ring counts what was written since here, so that a buffer nobody wrote is never read.
+  void RestartReadBack();
+
+  // Starts the read-back of the bound framebuffer's whole image (RGBA) into the next pack buffer and copies a finished one
+  // to `dst`: with mode 1 the image just started (blocks), otherwise the oldest in the ring, count - 1 calls old once the
+  // ring is full. False, and `dst` untouched, when the buffer could not be mapped or there is none.
+  bool ReadPixelsAsync(unsigned char* dst, int mode);
+
+  // The halves of ReadPixelsAsync for a caller with work to do between them. MapReadPixels leaves the oldest buffer mapped
+  // and bound for the caller to unmap; null on failure.
+  void StartReadPixels();
+  bool FinishReadPixels(unsigned char* dst);
+  const void* MapReadPixels();
+
+  void Release(EGLEngine* egl);  // deletes everything and empties the object
+  int Invalidate();              // empties the object without deleting
+  void Reset();
+
+  GLuint framebufferId = ~0u;  // 0: the default framebuffer
+  GLuint textureId = ~0u;
+  int width = 0;
+  int height = 0;
+  GLenum format = ~0u;
+  void* eglImage = nullptr;
+  GLuint packBuffers[3] = {};
+  int packBufferCount = 0;
+  int packBufferSize = 0;
+  int writeIndex = 0;      // receives the next glReadPixels
+  int readIndex = 0;       // is mapped and copied out
+  int writtenBuffers = 0;  // since the last restart, at most packBufferCount
+
+ private:
+  void advanceRing();
+  bool copyPackBuffer(int index, unsigned char* dst);
+};
+
+}  // namespace noxel

@@ -1,0 +1,48 @@
+// Base of every filter stage: where it draws, over which quad, under which transform.
+#pragma once
+
+#include "gl/runtime/frame_buffer.h"
+
+namespace noxel {
+
+// Corners of the full screen in normalised device coordinates, x, y pairs in the order of a triangle strip: top-left,
+// bottom-left, top-right, bottom-right.
+inline constexpr float gSquareVertices[8] = {-1, 1, -1, -1, 1, 1, 1, -1};
+
+// Column-major, as GL takes it.
+inline constexpr float kIdentityMatrix[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+
+// GPU thread only.
+class GLFilter {
+ public:
+  GLFilter() = default;
+  virtual ~GLFilter() = default;
+  GLFilter(const GLFilter&) = delete;
+  GLFilter& operator=(const GLFilter&) = delete;
+
+  // Frees the GL objects; called once, with the context current, before the filter is deleted.
+  virtual void Release() = 0;
+
+  // Bind the target and set the viewport, which is remembered. The forms without a framebuffer draw into the window's.
+  int BindTarget(int x, int y, int width, int height);
+  int BindTarget(int width, int height);
+  int BindTarget(int x, int y, FrameBuffer* fb);  // viewport of fb's size, at (x, y)
+  int BindTarget(FrameBuffer* fb);
+
+  // Tells a tiled GPU that the pass about to be drawn covers the whole target, so that it need not load the old tiles.
+  void DiscardTarget();
+
+  void EnableBlending(bool on);
+  int Clear(float red, float green, float blue, float alpha);
+
+  float transform[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+  float quad[8] = {-1, 1, -1, -1, 1, 1, 1, -1};
+  int viewportX = 0;
+  int viewportY = 0;
+  bool blendingEnabled = false;
+  int viewportWidth = 0;
+  int viewportHeight = 0;
+  FrameBuffer* target = nullptr;  // null: the default framebuffer
+};
+
+}  // namespace noxel

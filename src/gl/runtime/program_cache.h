@@ -1,0 +1,37 @@
+// One file of the program-binary cache.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "gl/runtime/text.h"
+
+namespace noxel {
+
+// File: 32-bit words in host byte order: checksum (sum of the blob's bytes, wrapping), version (10), binary format; then the
+// blob. Only a regular file of 13 bytes to 64 MiB with the right version and checksum is taken for one.
+struct ProgramBinary {
+  ProgramBinary() = default;
+  ~ProgramBinary();
+  ProgramBinary(const ProgramBinary&) = delete;
+  ProgramBinary& operator=(const ProgramBinary&) = delete;
+
+  bool allocate(size_t blobSize);  // zeroed; false when the size is out of range or memory ran out
+  bool read(const char* path);     // false, and nothing to use, for whatever is not such a file
+  bool write(const char* path) const;  // through a temporary file in the same directory, so that no reader sees a half
+
+  uint32_t format = 0;
+  size_t size = 0;                // of the blob
+  unsigned char* blob = nullptr;  // owned
+
+ private:
+  uint32_t checksum() const;
+};
+
+// mkdir (mode 0700, one level) unless something of that name exists.
+void ensureDirectory(const char* path);
+
+// First argument of this process's command line: the package name of an Android application. Empty when unreadable.
+Text processName();
+
+}  // namespace noxel

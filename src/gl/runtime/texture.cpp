@@ -1,0 +1,64 @@
+#include "gl/runtime/texture.h"
+
+#include "gl/runtime/egl_engine.h"
+
+namespace noxel {
+
+void Texture::create(GLenum target, GLenum filter, GLenum wrap) {
+  glGenTextures(1, &id);
+  glBindTexture(target, id);
+  glTexParameteri(target, GL_TEXTURE_MIN_FILTER, static_cast<GLint>(filter));
+  glTexParameteri(target, GL_TEXTURE_MAG_FILTER, static_cast<GLint>(filter));
+  glTexParameteri(target, GL_TEXTURE_WRAP_S, static_cast<GLint>(wrap));
+  glTexParameteri(target, GL_TEXTURE_WRAP_T, static_cast<GLint>(wrap));
+  eglImage = nullptr;
+}
+
+void Texture::Init(int newWidth, int newHeight, GLenum newFormat, GLenum filter, GLenum wrap, const void* pixels) {
+  create(GL_TEXTURE_2D, filter, wrap);
+  glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
+  glTexImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>(newFormat), newWidth, newHeight, 0, newFormat, GL_UNSIGNED_BYTE,
+               pixels);
+  width = newWidth;
+  height = newHeight;
+  format = newFormat;
+}
+
+void Texture::Init3D(int newWidth, int newHeight, int newDepth, GLenum newFormat, GLenum filter, GLenum wrap) {
+  create(GL_TEXTURE_3D, filter, wrap);
+  glTexParameteri(GL_TEXTURE_3D, GL_TEXTURE_WRAP_R, static_cast<GLint>(wrap));
+  glTexImage3D(GL_TEXTURE_3D, 0, static_cast<GLint>(newFormat), newWidth, newHeight, newDepth, 0, newFormat,
+               GL_UNSIGNED_BYTE, nullptr);
+  width = newWidth;
+  height = newHeight;
+  depth = newDepth;
+  format = newFormat;
+  is3D = 1;
+}
+
+void Texture::Load(const void* pixels, int x, int y, int rectWidth, int rectHeight) {
+  glPixelStorei(GL_UNPACK_ALIGNMENT, 1);  // planes of any width come without row padding
+  if (is3D) {
+    glBindTexture(GL_TEXTURE_3D, id);
+    glTexSubImage3D(GL_TEXTURE_3D, 0, x, y, 0, rectWidth, rectHeight, depth, format, GL_UNSIGNED_BYTE, pixels);
+  } else {
+    glBindTexture(GL_TEXTURE_2D, id);
+    glTexSubImage2D(GL_TEXTURE_2D, 0, x, y, rectWidth, rectHeight, format, GL_UNSIGNED_BYTE, pixels);
+  }
+}
+
+void Texture::Load(const void* pixels) {
+  Load(pixels, 0, 0, width, height);
+}
+
+void Texture::Release(EGLEngine* egl) {
+  Release();
+  if (eglImage != nullptr) egl->DestroyImage(eglImage);
+  eglImage = nullptr;
+}
+
+void Texture::Release() {
+  if (id != ~0u) glDeleteTextures(1, &id);
+}
+
+}  // namespace noxel

@@ -1,0 +1,88 @@
+#if !defined(__ANDROID__)
+
+#include <pthread.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/log.h"
+
+namespace noxel::platform {
+namespace {
+
+constexpr size_t kPieceSize = 1024;
+
+// Lives for ever: a GPU thread may log while the process exits.
+pthread_mutex_t sinkMutex = PTHREAD_MUTEX_INITIALIZER;
+LogSink currentSink = nullptr;  // guarded by sinkMutex, as the two below
+void* currentContext = nullptr;
+int currentLevel = 0;  // 0: not read from the environment yet
+
+void writeToStandardError(int priority, const char* tag, const char* message) {
+  static constexpr char kLetters[] = "??VDIWEF";
+  const char letter = priority >= 0 && priority <= 7 ? kLetters[priority] : '?';
+  const size_t length = std::strlen(message);
+  const bool endsLine = length > 0 && message[length - 1] == '\n';
+  std::fprintf(stderr, "%c/%s: %s%s", letter, tag, message, endsLine ? "" : "\n");
+}
+
+int levelLocked() {
+  if (currentLevel == 0) {
+    const char* text = std::getenv("NOXEL_LOG_LEVEL");
+    const int value = text != nullptr ? std::atoi(text) : 0;
+    currentLevel = value >= 2 && value <= 8 ? value : kLogInfo;
+  }
+  return currentLevel;
+}
+
+void emitLocked(int priority, const char* tag, const char* message) {
+  if (currentSink != nullptr) {
+    currentSink(currentContext, priority, tag, message);
+  } else {
+    writeToStandardError(priority, tag, message);
+  }
+}
+
+}  // namespace
+
+void setLogSink(LogSink sink, void* context) {
+  pthread_mutex_lock(&sinkMutex);
+  currentSink = sink;
+  currentContext = context;
+  pthread_mutex_unlock(&sinkMutex);
+}
+
+void setLogLevel(int priority) {
+  pthread_mutex_lock(&sinkMutex);
+  currentLevel = priority < 2 ? 2 : priority;
+  pthread_mutex_unlock(&sinkMutex);
+}
+
+}  // namespace noxel::platform
+
+extern "C" int __android_log_print(int priority, const char* tag, const char* format, ...) {
+  using namespace noxel::platform;
+  pthread_mutex_lock(&sinkMutex);
+  int length = 0;
+  if (priority >= levelLocked()) {
+    char piece[kPieceSize];
+    va_list arguments;
+    va_start(arguments, format);
+    va_list again;
+    va_copy(again, arguments);
+    length = std::vsnprintf(piece, sizeof(piece), format, arguments);
+    va_end(arguments);
+    char* whole = length >= static_cast<int>(sizeof(piece)) ? static_cast<char*>(std::malloc(static_cast<size_t>(length) + 1)) : nullptr;
+    if (whole != nullptr) std::vsnprintf(whole, static_cast<size_t>(length) + 1, format, again);
+    va_end(again);
+    // Without memory for the whole message its first piece still goes out.
+    emitLocked(priority, tag, whole != nullptr ? whole : piece);
+    std::free(whole);
+  }
+  pthread_mutex_unlock(&sinkMutex);
+  return length;
+}
+
+#endif  // !__ANDROID__

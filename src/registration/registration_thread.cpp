@@ -1,0 +1,74 @@
+#include "registration/registration_thread.h"
+
+#include <cmath>
+#include <cstring>
+
+namespace noxel {
+namespace {
+
+LumaImage selectedImage(const RegistrationContext& context) {
+  return {context.width, context.height, context.luminanceFrames[context.frameSelect != 0 ? 1 : 0]};
+}
+
+bool isFinite(const float (&matrix)[9]) {
+  for (const float value : matrix) {
+    if (!std::isfinite(value)) return false;
+  }
+  return true;
+}
+
+// From pixels of the registration image to pixels of the frame.
+void storeMatrix(float (&to)[9], const float (&from)[9], int resolutionFactor) {
+  std::memcpy(to, from, sizeof(to));
+  to[2] *= static_cast<float>(resolutionFactor);
+  to[5] *= static_cast<float>(resolutionFactor);
+}
+
+bool quitRequested(RegistrationContext* context) {
+  Lock lock(context->quitMutex);
+  return context->quitFlag != 0;
+}
+
+}  // namespace
+
+void registerFrame(RegistrationContext* context) {
+  MotionEstimate estimate;
+  std::memcpy(estimate.previousFromCurrent, kIdentity3x3, sizeof(kIdentity3x3));
+  std::memcpy(estimate.currentFromPrevious, kIdentity3x3, sizeof(kIdentity3x3));
+  std::memcpy(estimate.stabilizedFromCurrent, kIdentity3x3, sizeof(kIdentity3x3));
+
+  const bool first = context->firstFrame == 1;
+  context->firstFrame = 0;
+  bool valid = context->motionSource != nullptr &&
+               context->motionSource(context->motionSourceContext, selectedImage(*context), first, &estimate) && !first;
+  valid = valid && isFinite(estimate.previousFromCurrent) && isFinite(estimate.currentFromPrevious) &&
+          isFinite(estimate.stabilizedFromCurrent);
+
+  context->registrationResult = valid ? kRegistrationValid : kRegistrationFailed;
+  const int factor = context->resolutionFactor;
+  storeMatrix(context->motionMatrix, valid ? estimate.previousFromCurrent : kIdentity3x3, factor);
+  storeMatrix(context->inverseMotionMatrix, valid ? estimate.currentFromPrevious : kIdentity3x3, factor);
+  storeMatrix(context->stabilizationMatrix, valid ? estimate.stabilizedFromCurrent : kIdentity3x3, factor);
+}
+
+void* registrationThreadMain(void* argument) {
+  auto* context = static_cast<RegistrationContext*>(argument);
+  for (;;) {
+    context->registrationRequest.wait();
+    if (quitRequested(context)) break;
+    if (context->registrationResult != kRegistrationOff) {
+      registerFrame(context);
+    } else {
+      // No motion is known of a frame that was not measured.
+      storeMatrix(context->motionMatrix, kIdentity3x3, 1);
+      storeMatrix(context->inverseMotionMatrix, kIdentity3x3, 1);
+    }
+    updateExposure(&context->exposure, selectedImage(*context), context->mode,
+                   context->exposureStrength.load(std::memory_order_relaxed));
+    context->registrationDone.raise();
+  }
+  context->registrationDone.raise();
+  return context;
+}
+
+}  // namespace noxel
