@@ -40,6 +40,10 @@ void resetSequence(_KRSuperResEngine* engine) {
   engine->queuedFrames.store(0, std::memory_order_release);
   const int countdown = engine->offscreen == 1 ? 1 - engine->outputDelay : 0;
   engine->gpu.outputCountdown.store(countdown, std::memory_order_release);
+  // An output of the old sequence that nobody took yet counts as taken.
+  Lock lock(engine->callerSignal.mutex);
+  if (engine->callerSignal.flag == 1) engine->callerSignal.flag = -1;
+  pthread_cond_broadcast(&engine->callerSignal.condition);
 }
 
 // Under frameMutex: fills a slot and starts its job. Returns false when the job is left to the caller's thread.

@@ -290,8 +290,7 @@ void LowLightFilter::downsampleChain(int levels, FrameBuffer* source, FrameBuffe
   }
 }
 
-Program* LowLightFilter::runSyncChain(GLuint inputTexture, FrameBuffer** targets, bool skipFirstCopy,
-                                      bool rgbaLayout) {
+Program* LowLightFilter::runSyncChain(GLuint inputTexture, FrameBuffer** targets, bool skipFirstCopy, bool rgbaLayout) {
   const bool contrasts = state.contrast > 0.0f;
   Program* first = programs[rgbaLayout ? kCopy : kCopyGba];
   Program* copy = programs[kCopy];
@@ -319,7 +318,8 @@ Program* LowLightFilter::runSyncChain(GLuint inputTexture, FrameBuffer** targets
   drawFullScreen(copy);
 
   const float spread = (0.25f + 0.0025f * state.sharpening) * std::max(state.scale, 1.0f);
-  setPair(state.pixelPair, spread / static_cast<float>(state.imageWidth), spread / static_cast<float>(state.imageHeight));
+  setPair(state.pixelPair, spread / static_cast<float>(state.imageWidth),
+          spread / static_cast<float>(state.imageHeight));
   box->Use();
   box->SetTexture(0, targets[1]->GetTextureId(), "s_YTexture");
   box->SetMatrix(transform, 16, false, "m_Transform");

@@ -4,7 +4,8 @@
 //   kr_r2   two chroma pairs a texel, V first (NV21); target a quarter as wide, half as high
 //   kr_r3   the same, U first
 //
-// Full-range BT.601 (ITU-R BT.601-7, 2.5): Y = .299 R + .587 G + .114 B, U = .5 + (B - Y) / 1.772, V = .5 + (R - Y) / 1.402.
+// Full-range BT.601 (ITU-R BT.601-7, 2.5): Y = .299 R + .587 G + .114 B, U = .5 + (B - Y) / 1.772, V = .5 + (R - Y)
+// / 1.402.
 #pragma once
 
 #include "gl/runtime/gl_filter.h"

@@ -25,8 +25,8 @@ using LogSink = void (*)(void* context, int priority, const char* tag, const cha
 void setLogSink(LogSink sink, void* context);
 
 // Lowest priority that is passed on: 2 (verbose) .. 7 (fatal), 8 silences. Starts at 4, or at the value of the
-// environment variable NOXEL_LOG_LEVEL.
-void setLogLevel(int priority);
+// environment variable NOXEL_LOG_LEVEL. Returns the level before.
+int setLogLevel(int priority);
 #endif
 
 }  // namespace noxel::platform

@@ -54,10 +54,12 @@ void setLogSink(LogSink sink, void* context) {
   pthread_mutex_unlock(&sinkMutex);
 }
 
-void setLogLevel(int priority) {
+int setLogLevel(int priority) {
   pthread_mutex_lock(&sinkMutex);
+  const int before = levelLocked();
   currentLevel = priority < 2 ? 2 : priority;
   pthread_mutex_unlock(&sinkMutex);
+  return before;
 }
 
 }  // namespace noxel::platform

@@ -38,7 +38,8 @@ int propertyFromEnvironment(const char* key, char* value, const char* defaultVal
   }
   name[length] = '\0';
   const char* found = std::getenv(name);
-  return std::snprintf(value, kPropertyValueMax, "%s", found != nullptr ? found : defaultValue);
+  std::snprintf(value, kPropertyValueMax, "%s", found != nullptr ? found : defaultValue);
+  return static_cast<int>(std::strlen(value));
 }
 
 char builtInLibrary;  // its address is the handle

@@ -1,7 +1,7 @@
 precision mediump float;
 FRAGC
-uniform sampler2D sTexture;
-uniform sampler2D sRefTexture;
+uniform mediump sampler2D sTexture;
+uniform mediump sampler2D sRefTexture;
 uniform highp vec2 uPixelSize;
 uniform float uGamma;
 uniform float uFactor;

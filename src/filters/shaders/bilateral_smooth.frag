@@ -1,6 +1,6 @@
 precision mediump float;
 FRAGC
-uniform sampler2D sTexture;
+uniform mediump sampler2D sTexture;
 uniform highp vec2 uPixelSize;
 uniform float uFactor;
 IN highp float vTextureCoordx;

@@ -1,7 +1,7 @@
 precision highp float;
 FRAGC
-uniform sampler2D s_YTexture;
-uniform sampler2D s_CTexture;
+uniform highp sampler2D s_YTexture;
+uniform highp sampler2D s_CTexture;
 uniform vec2 v_texSizeInv;
 IN highp vec2 v_texCoord;
 IN highp vec2 v_texCoordAbs;
@@ -12,7 +12,7 @@ const vec2 bias = vec2(0.5, 0.5);
 
 // Cubic B-spline over 4 x 4 texels by four bilinear samples: each lies between two texels where the hardware's own weights
 // stand to one another as the spline's do.
-vec4 filteri(sampler2D image, vec2 texcoord, vec2 texscale) {
+vec4 filteri(highp sampler2D image, vec2 texcoord, vec2 texscale) {
   vec2 f = fract(texcoord);
   vec2 i = texcoord - f;
   vec2 f2 = f * f;

@@ -1,7 +1,7 @@
 precision highp float;
 FRAGC
-uniform sampler2D s_YTexture;
-uniform sampler2D s_SmoothYTexture;
+uniform highp sampler2D s_YTexture;
+uniform highp sampler2D s_SmoothYTexture;
 uniform float u_strength;
 IN highp vec2 v_TexCoord;
 void main() {

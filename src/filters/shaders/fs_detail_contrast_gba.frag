@@ -1,7 +1,7 @@
 precision mediump float;
 FRAGC
-uniform sampler2D s_YTexture;
-uniform sampler2D s_SmoothYTexture;
+uniform mediump sampler2D s_YTexture;
+uniform mediump sampler2D s_SmoothYTexture;
 uniform float u_strength;
 uniform float u_contr;
 IN highp vec2 v_TexCoord;

@@ -1,6 +1,6 @@
 precision highp float;
 FRAGC
-uniform sampler2D s_YTexture;
+uniform highp sampler2D s_YTexture;
 uniform vec2 u_pixelsize;
 IN highp vec2 v_TexCoord;
 void main() {

@@ -1,7 +1,7 @@
 precision mediump float;
 FRAGC
-uniform sampler2D s_texture;
-uniform sampler2D s_textureOrig;
+uniform mediump sampler2D s_texture;
+uniform mediump sampler2D s_textureOrig;
 uniform highp vec2 u_PixelSize;
 uniform highp float u_step;
 uniform float u_blend;

@@ -1,6 +1,6 @@
 precision highp float;
 FRAGC
-uniform sampler2D s_YTexture;
+uniform highp sampler2D s_YTexture;
 uniform vec2 v_limits;  // exponent, gain
 IN highp vec2 v_texCoord;
 void main() {

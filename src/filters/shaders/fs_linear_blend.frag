@@ -1,7 +1,7 @@
 precision highp float;
 FRAGC
-uniform sampler2D s_YTexture;  // old
-uniform sampler2D s_CTexture;  // new
+uniform highp sampler2D s_YTexture;  // old
+uniform highp sampler2D s_CTexture;  // new
 uniform float m_uFactor;
 IN highp vec2 v_texCoord;
 void main() {

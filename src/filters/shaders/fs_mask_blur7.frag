@@ -1,6 +1,6 @@
 precision mediump float;
 FRAGC
-uniform sampler2D s_Texture;
+uniform mediump sampler2D s_Texture;
 uniform highp vec2 u_PixelSize;
 IN highp vec2 v_TexCoord;
 

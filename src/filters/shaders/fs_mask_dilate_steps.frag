@@ -1,6 +1,6 @@
 precision highp float;
 FRAGC
-uniform sampler2D s_Texture;
+uniform highp sampler2D s_Texture;
 uniform vec2 u_steps[4];
 uniform float u_MinWeight;
 uniform float u_BlendFactor;

@@ -1,6 +1,6 @@
 precision highp float;
 FRAGC
-uniform sampler2D s_Texture;
+uniform highp sampler2D s_Texture;
 uniform vec2 u_PixelSize;
 uniform float u_MinWeight;
 IN highp vec2 v_TexCoord;

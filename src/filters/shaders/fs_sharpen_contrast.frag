@@ -1,6 +1,6 @@
 precision highp float;
 FRAGC
-uniform sampler2D s_YTexture;
+uniform highp sampler2D s_YTexture;
 uniform float u_SharpeningStrength;
 uniform vec2 v_Size;
 uniform vec2 v_contr;  // width of the curve, unused

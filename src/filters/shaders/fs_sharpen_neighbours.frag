@@ -1,6 +1,6 @@
 precision highp float;
 FRAGC
-uniform sampler2D s_YTexture;
+uniform highp sampler2D s_YTexture;
 uniform float u_SharpeningStrength;
 IN highp vec2 v_texCoord;
 IN highp vec2 v_naapurit[8];

@@ -1,8 +1,8 @@
 precision highp float;
 FRAGC
-uniform sampler2D s_YTexture;  // old
-uniform sampler2D s_CTexture;  // new
-uniform sampler2D s_OTexture;  // oldest
+uniform highp sampler2D s_YTexture;  // old
+uniform highp sampler2D s_CTexture;  // new
+uniform highp sampler2D s_OTexture;  // oldest
 IN highp vec2 v_OldTexCoord;
 IN highp vec2 v_OldestTexCoord;
 IN highp vec2 v_NewTexCoord;

@@ -1,6 +1,6 @@
 precision highp float;
 FRAGC
-uniform sampler2D s_texture;
+uniform highp sampler2D s_texture;
 uniform vec2 uPixelSize;  // one pixel of the picture
 IN highp vec2 v_texCoord;
 

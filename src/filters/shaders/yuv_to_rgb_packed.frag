@@ -1,7 +1,7 @@
 precision mediump float;
 FRAGC
-uniform sampler2D s_YTexture;
-uniform sampler2D s_CTexture;
+uniform mediump sampler2D s_YTexture;
+uniform mediump sampler2D s_CTexture;
 uniform float u_Gamma;
 IN highp vec2 v_texCoord;
 IN highp float coord;  // luma column: half floats count no further than 2048

@@ -1,8 +1,8 @@
 precision mediump float;
 FRAGC
-uniform sampler2D s_YTexture;
-uniform sampler2D s_CTexture;
-uniform sampler2D s_LTexture;
+uniform mediump sampler2D s_YTexture;
+uniform mediump sampler2D s_CTexture;
+uniform mediump sampler2D s_LTexture;
 uniform float u_Gamma;
 IN highp vec2 v_texCoord;
 IN highp vec2 coord;  // luma column / 4: half floats count no further than 2048

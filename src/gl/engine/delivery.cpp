@@ -36,16 +36,22 @@ bool countDelivered(const HandOver& handOver, uint32_t sequence) {
 
 }  // namespace
 
-bool ReadBackYuv(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst) {
-  // Into a buffer of our own, so that frameMutex is never held over the wait for the GPU and a half-read frame stays here.
-  const bool complete = readBack(engine, source, chromaUFirst);
+void deliver(_KRGPUEngine* engine, const unsigned char* bytes) {
   const HandOver& handOver = engine->handOver;
   Lock lock(*handOver.frameMutex);
   const bool current = countDelivered(handOver, engine->frameSequence);
-  if (current && complete) {
-    std::memcpy(handOver.outputBuffer, engine->readBackFrame, engine->lumaSize + engine->lumaSize / 2);
+  if (current && bytes != nullptr) {
+    std::memcpy(handOver.outputBuffer, bytes, engine->lumaSize + engine->lumaSize / 2);
   }
-  return current;
+  // A frame from before a break leaves the caller waiting for its own. Under the lock, so that a break finds either no
+  // output of the old sequence announced or all of it.
+  if (handOver.syncWithCaller == 1) handOver.callerSignal->raise(current ? 1 : -1);
+}
+
+void ReadBackYuv(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst) {
+  // Into a buffer of our own, so that frameMutex is never held over the wait for the GPU and a half-read frame stays here.
+  const bool complete = readBack(engine, source, chromaUFirst);
+  deliver(engine, complete ? engine->readBackFrame : nullptr);
 }
 
 void dropFrame(const HandOver& handOver, uint32_t sequence) {

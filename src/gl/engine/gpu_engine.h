@@ -149,8 +149,11 @@ void processInPlace(_KRGPUEngine* engine, unsigned char* frame, const InPlacePar
 // Lets go of a frame that nothing is drawn for: one queued frame less, and a waiting caller wakes.
 void dropFrame(const HandOver& handOver, uint32_t sequence);
 
-// Converts the finished picture to NV21 (or U before V) and hands it over: the newest frame that the read-back ring holds.
-// True when the frame was of the current sequence, whether or not its bytes could be had.
-bool ReadBackYuv(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst);
+// Hands the current frame over: counts it, puts `bytes` (a whole NV21 frame, or null when there is none) into the output
+// buffer, and tells a synchronous caller. A frame from before a break writes nothing and counts for nothing.
+void deliver(_KRGPUEngine* engine, const unsigned char* bytes);
+
+// Converts the finished picture to NV21 (or U before V) and delivers what the read-back ring has.
+void ReadBackYuv(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst);
 
 }  // namespace noxel

@@ -184,22 +184,19 @@ void processFrame(_KRGPUEngine* engine, int noiseReductionStrength, int deghosti
   drawPicture(engine, strength);
   stopWatch("ld", 6);
 
-  const HandOver& handOver = engine->handOver;
-  if (handOver.syncWithCaller == 1) waitForCaller(handOver);
-  bool current = true;
-  startWatch(7);
-  if (engine->offscreen == 1) {
-    current = ReadBackYuv(engine, engine->levelImages[0][3], 0);
-  } else {
-    dropFrame(handOver, engine->frameSequence);
-  }
-  stopWatch("rw", 7);
   engine->texturesLoaded = 0;
   engine->lumaFilled = engine->packedLumaFilled = false;
-  engine->egl->SwapBuffers();
   engine->historyIndex = 1 - engine->historyIndex;
-  // A frame from before a break leaves the caller waiting for its own.
-  if (handOver.syncWithCaller == 1) handOver.callerSignal->raise(current ? 1 : -1);
+  if (engine->handOver.syncWithCaller == 1) waitForCaller(engine->handOver);
+  startWatch(7);
+  if (engine->offscreen == 1) {
+    ReadBackYuv(engine, engine->levelImages[0][3], 0);
+    engine->egl->SwapBuffers();
+  } else {
+    engine->egl->SwapBuffers();
+    deliver(engine, nullptr);
+  }
+  stopWatch("rw", 7);
 }
 
 void processInPlace(_KRGPUEngine* engine, unsigned char* frame, const InPlaceParameters& parameters) {

@@ -1,0 +1,207 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <thread>
+
+#include "api/frame_conversion.h"
+#include "support/faults.h"
+#include "support/log_capture.h"
+#include "support/test_engine.h"
+
+namespace noxel {
+namespace {
+
+struct Size {
+  int width;
+  int height;
+};
+
+TEST(FrameConversion, GoesThereAndBackWithoutTouchingItsNeighbours) {
+  std::mt19937 random(7);
+  constexpr size_t kGuard = 32;
+  for (const Size size : {Size{4, 2}, Size{6, 2}, Size{5, 5}, Size{1280, 720}}) {
+    const size_t bytes = frameSize(size.width, size.height);
+    const size_t luma = static_cast<size_t>(size.width) * size.height;
+    const size_t q = luma / 4;
+    const auto guarded = [&] { return std::vector<unsigned char>(bytes + 2 * kGuard, 0xa5); };
+    for (const int format : {kFormatNv21, kFormatYv12, 35}) {
+      auto caller = guarded();
+      auto internal = guarded();
+      auto returned = guarded();
+      for (size_t i = 0; i < bytes; ++i) caller[kGuard + i] = static_cast<unsigned char>(random());
+      copyAndConvertInput(&internal[kGuard], &caller[kGuard], size.width, size.height, format);
+      copyAndConvertOutput(&returned[kGuard], &internal[kGuard], size.width, size.height, format);
+
+      const size_t copied = format == 35 ? 0 : format == kFormatYv12 ? luma + 2 * q : bytes;
+      auto expected = guarded();
+      std::copy_n(&caller[kGuard], copied, &expected[kGuard]);
+      EXPECT_EQ(returned, expected) << size.width << " x " << size.height << " format " << format;
+      if (format == kFormatYv12) {
+        for (size_t i = 0; i < q; ++i) {
+          ASSERT_EQ(internal[kGuard + luma + 2 * i], caller[kGuard + luma + i]) << "V " << i;
+          ASSERT_EQ(internal[kGuard + luma + 2 * i + 1], caller[kGuard + luma + q + i]) << "U " << i;
+        }
+      } else {
+        EXPECT_EQ(internal, expected);
+      }
+    }
+  }
+}
+
+// Milliseconds before the third frame of a sequence, and whether it counts as a break.
+TEST(Intake, ABreakIsAGapBeyondTheThresholds) {
+  struct Case {
+    double secondGap;
+    double thirdGap;
+    int framesSinceReset;  // after the third
+  };
+  // The second frame is measured against 1500 ms alone; equality and a clock set back are no break.
+  const Case cases[] = {{33, 33, 3},     {33, 200, 3},   {33, 200.1, 1},  {33, 1500, 1},  {200.1, 33, 3},
+                        {1500, 33, 3},   {1500.1, 33, 2}, {1500.1, 201, 2}, {33, -5000, 3}, {1500.1, 1500.1, 1}};
+  for (const Case& each : cases) {
+    TestEngine engine(16, 8);
+    NOXEL_NEEDS_GL(engine);
+    Frame frame(16, 8);
+    engine.clock.advance(5000);
+    engine.process(&frame);
+    engine.clock.advance(each.secondGap - 33);
+    engine.process(&frame);
+    engine.clock.advance(each.thirdGap - 33);
+    engine.process(&frame);
+    EXPECT_EQ(engine.handle->framesSinceReset, each.framesSinceReset) << each.secondGap << ", " << each.thirdGap;
+  }
+}
+
+TEST(Intake, SynchronousFramesAreEachTheirOwnAcrossBreaks) {
+  for (const int ringSlots : {1, 2, 3}) {
+    TestEngine engine(16, 8, {.mode = kModeNeutralExposure, .ringSlots = ringSlots, .outputDelay = 1});
+    NOXEL_NEEDS_GL(engine);
+    engine.set(kParamNoiseReductionStrength, 0);
+    std::mt19937 random(11);
+    std::vector<int> given;
+    for (int i = 0; i < (ringSlots == 1 ? 300 : 60); ++i) {
+      const bool reset = random() % 10 == 0;
+      if (reset) engine.clock.advance(2000);
+      if (reset || i == 0) given.clear();
+      given.push_back(20 + i % 200);
+      Frame frame(16, 8, static_cast<unsigned char>(given.back()));
+      ASSERT_EQ(engine.process(&frame), 0);
+      // Each slot beyond the first holds a copy of the sequence's first frame in front of it.
+      const int behind = std::min<int>(ringSlots - 1, static_cast<int>(given.size()) - 1);
+      ASSERT_NEAR(frame.luma(7, 3), given[given.size() - 1 - behind], 1) << "frame " << i << ", slots " << ringSlots;
+      ASSERT_GE(engine.handle->queuedFrames.load(), 0);
+      ASSERT_LE(engine.handle->queuedFrames.load(), ringSlots);
+    }
+  }
+}
+
+// The set-up of the C interface: frames come back late, never torn, and in order.
+TEST(Intake, PipelinedFramesComeBackInOrder) {
+  TestEngine engine(16, 8, {.mode = kModeNeutralExposure, .ringSlots = 2, .outputDelay = 2, .syncWithCaller = 0});
+  NOXEL_NEEDS_GL(engine);
+  engine.set(kParamNoiseReductionStrength, 0);
+  int last = 0;
+  for (int i = 0; i < 200; ++i) {
+    Frame frame(16, 8, static_cast<unsigned char>(20 + i));
+    ASSERT_EQ(engine.process(&frame), 0);
+    const int seen = frame.luma(0, 0);
+    ASSERT_TRUE(std::all_of(frame.bytes.begin(), frame.bytes.begin() + 128, [&](int v) { return v == seen; }));
+    ASSERT_GE(seen + 1, last) << "frame " << i;
+    ASSERT_LE(seen, 20 + i + 1);
+    last = seen;
+    if (i % 3 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  EXPECT_GT(last, 30) << "nothing was ever delivered";
+}
+
+TEST(Intake, BreaksWhileTheGpuIsStalledLeaveTheRingWhole) {
+  TestEngine engine(16, 8, {.mode = kModeNeutralExposure, .ringSlots = 2, .outputDelay = 2, .syncWithCaller = 0});
+  NOXEL_NEEDS_GL(engine);
+  engine.set(kParamNoiseReductionStrength, 0);
+  Frame first(16, 8, 200);
+  engine.process(&first);
+  {
+    const StalledGpu stall;
+    Frame second(16, 8, 201);
+    engine.process(&second);
+    ASSERT_TRUE(stall.isHolding());
+    for (int i = 0; i < 50; ++i) {
+      engine.clock.advance(2000);
+      Frame frame(16, 8, static_cast<unsigned char>(20 + i));
+      const Frame given = frame;
+      ASSERT_EQ(engine.process(&frame), 0);
+      ASSERT_EQ(frame.bytes, given.bytes) << "right after a break the caller's own frame comes back";
+      ASSERT_GE(engine.handle->queuedFrames.load(), 0);
+      ASSERT_LE(engine.handle->queuedFrames.load(), 2);
+    }
+  }
+  // Drained, the output is the newest sequence's: nothing from before a break was written over it.
+  for (int i = 0; i < 400 && engine.handle->queuedFrames.load() > 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  EXPECT_EQ(engine.handle->queuedFrames.load(), 0);
+  Frame probe(16, 8, 150);
+  engine.process(&probe);
+  EXPECT_NEAR(probe.luma(3, 3), 69, 1);
+}
+
+TEST(Intake, ReleaseWakesACallerThatWaitsForItsFrame) {
+  const TestClock clock;
+  _KRSuperResEngine* engine = nullptr;
+  ASSERT_EQ(initializeEngine(16, 8, kModeEnhance, 1, 1, 1, nullptr, &engine), 0);
+  if (!engineReady(engine)) {
+    releaseEngine(&engine);
+    if (driverRequired()) FAIL() << "no usable GL driver";
+    GTEST_SKIP() << "no usable GL driver";
+  }
+  std::atomic<bool> returned = false;
+  std::thread release;
+  {
+    const StalledGpu stall;
+    std::thread caller([&] {
+      Frame frame(16, 8);
+      EXPECT_EQ(KRProcessFrame(frame.bytes.data(), engine), 0);
+      returned = true;
+    });
+    ASSERT_TRUE(stall.isHolding());
+    EXPECT_FALSE(returned);
+    release = std::thread([&] { EXPECT_EQ(releaseEngine(&engine), 0); });
+    caller.join();  // while the GPU still stands
+    EXPECT_TRUE(returned);
+  }
+  release.join();
+}
+
+TEST(Intake, AFailedMapLosesOneFrameAndNoSlot) {
+  TestEngine engine(16, 8, {.mode = kModeNeutralExposure});
+  NOXEL_NEEDS_GL(engine);
+  engine.set(kParamNoiseReductionStrength, 0);
+  Frame good(16, 8, 60);
+  engine.process(&good);
+  {
+    const FaultInjection fault(Fault::kMap, 0);
+    for (int i = 0; i < 5; ++i) {
+      Frame lost(16, 8, 120);
+      ASSERT_EQ(engine.process(&lost), 0);
+      EXPECT_NEAR(lost.luma(2, 2), 60, 1) << "the newest frame that could be had";
+    }
+  }
+  Frame next(16, 8, 90);
+  ASSERT_EQ(engine.process(&next), 0);
+  EXPECT_NEAR(next.luma(2, 2), 90, 1);
+  EXPECT_EQ(engine.handle->queuedFrames.load(), 0);
+}
+
+TEST(Intake, AnUnknownModeStillReturns) {
+  TestEngine engine(16, 8, {.mode = 7});
+  NOXEL_NEEDS_GL(engine);
+  Frame frame(16, 8, 77);
+  const Frame given = frame;
+  ASSERT_EQ(engine.process(&frame), 0);
+  EXPECT_EQ(frame.bytes, given.bytes);
+  EXPECT_EQ(engine.handle->queuedFrames.load(), 0);
+}
+
+}  // namespace
+}  // namespace noxel

@@ -1,0 +1,204 @@
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <thread>
+
+#include "api/properties.h"
+#include "platform/properties.h"
+#include "support/faults.h"
+#include "support/log_capture.h"
+#include "support/test_engine.h"
+
+namespace noxel {
+namespace {
+
+int liveThreads() {
+  int count = 0;
+  DIR* tasks = opendir("/proc/self/task");
+  while (const dirent* entry = readdir(tasks)) count += entry->d_name[0] != '.' ? 1 : 0;
+  closedir(tasks);
+  return count;
+}
+
+// Detached jobs and the driver's own threads end a moment after the engine has.
+int settledThreads(int expected) {
+  for (int i = 0; i < 200 && liveThreads() > expected; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  return liveThreads();
+}
+
+TEST(Lifecycle, HundredsOfEnginesComeAndGoWithFramesStillOnTheirWay) {
+  const LogCapture log;
+  Frame frame(16, 8);
+  int threads = 0;
+  for (int i = 0; i < 200; ++i) {
+    _KRSuperResEngine* engine = nullptr;
+    ASSERT_EQ(Noxel_Initialize(16, 8, &engine), 0);
+    for (int n = 0; n < i % 4; ++n) ASSERT_EQ(Noxel_ProcessFrame(frame.bytes.data(), engine), 0);
+    _KRSuperResEngine* const before = engine;
+    ASSERT_EQ(Noxel_Release(&engine), 0);
+    ASSERT_EQ(engine, before);
+    if (i == 20) threads = settledThreads(0);
+  }
+  EXPECT_LE(settledThreads(threads), threads);
+}
+
+TEST(Lifecycle, ReleasedAndForeignHandlesAreRefused) {
+  const LogCapture log;
+  Frame frame(16, 8, 50);
+  const Frame untouched = frame;
+  int value = 1;
+  EXPECT_EQ(Noxel_ProcessFrame(frame.bytes.data(), nullptr), 1);
+  EXPECT_EQ(Noxel_SetParameter(0, &value, nullptr), 1);
+  EXPECT_EQ(Noxel_SetParameter(5, &value, nullptr), 1);
+  EXPECT_EQ(Noxel_Release(nullptr), 1);
+  _KRSuperResEngine* engine = nullptr;
+  EXPECT_EQ(Noxel_Release(&engine), 1);
+
+  ASSERT_EQ(Noxel_Initialize(16, 8, &engine), 0);
+  EXPECT_EQ(Noxel_ProcessFrame(nullptr, engine), 1);
+  EXPECT_EQ(Noxel_SetParameter(0, nullptr, engine), 1);
+  ASSERT_EQ(Noxel_Release(&engine), 0);
+  EXPECT_EQ(Noxel_ProcessFrame(frame.bytes.data(), engine), 1);
+  EXPECT_EQ(Noxel_SetParameter(0, &value, engine), 1);
+  EXPECT_EQ(Noxel_Release(&engine), 1);
+  EXPECT_EQ(frame.bytes, untouched.bytes);
+  EXPECT_TRUE(log.contains("Engine NULL"));
+  EXPECT_TRUE(log.contains("Engine not initialized"));
+  EXPECT_TRUE(log.contains("setparam eng == NULL"));
+  EXPECT_TRUE(log.contains("eng not initialized"));
+}
+
+TEST(Lifecycle, SizesOutOfRangeLeaveTheHandleAlone) {
+  const LogCapture log;
+  auto* const marker = reinterpret_cast<_KRSuperResEngine*>(uintptr_t{8});
+  const int sizes[][2] = {{0, 8}, {8, 0}, {-16, 8}, {65536, 65536}, {32768, 16385}, {INT32_MAX, 1}};
+  for (const auto& size : sizes) {
+    _KRSuperResEngine* engine = marker;
+    EXPECT_EQ(Noxel_Initialize(size[0], size[1], &engine), 1) << size[0] << " x " << size[1];
+    EXPECT_EQ(engine, marker);
+  }
+  EXPECT_EQ(Noxel_Initialize(16, 8, nullptr), 1);
+  EXPECT_TRUE(log.contains("failed to initialize engine"));
+}
+
+TEST(Lifecycle, SizesThatFitNoTileAreSafe) {
+  const LogCapture log;
+  for (const auto& [width, height] : {std::pair{1, 1}, {2, 2}, {3, 5}, {6, 2}, {5, 5}, {13, 7}, {4, 2}}) {
+    for (const int lightMode : {1, 0}) {
+      TestEngine engine(width, height);
+      engine.set(kParamLightMode, lightMode);
+      engine.setMotion([](bool, MotionEstimate*) { return true; });
+      for (int i = 0; i < 3; ++i) {
+        Frame frame(width, height, 40);
+        EXPECT_EQ(engine.process(&frame), 0);
+      }
+    }
+  }
+}
+
+TEST(Lifecycle, OneEngineEndsWhileTheOtherRuns) {
+  TestEngine staying(32, 16, {.mode = kModeNeutralExposure});
+  NOXEL_NEEDS_GL(staying);
+  staying.set(kParamNoiseReductionStrength, 0);
+  for (int round = 0; round < 3; ++round) {
+    {
+      TestEngine leaving(16, 8);
+      Frame frame(16, 8);
+      leaving.process(&frame);
+    }
+    Frame frame(32, 16, static_cast<unsigned char>(100 + round));
+    ASSERT_EQ(staying.process(&frame), 0);
+    EXPECT_NEAR(frame.luma(9, 9), 100 + round, 1) << "the first engine lost its context in round " << round;
+  }
+}
+
+
+// Memory, threads and EGL calls of one engine's life: each nth and all later ones fail.
+class FaultTest : public ::testing::TestWithParam<Fault> {};
+
+TEST_P(FaultTest, NeverCrashesAndHandsTheFrameBack) {
+  const LogCapture log;
+  int calls = 0;
+  {
+    const FaultInjection counting(GetParam(), -1);
+    TestEngine engine(16, 8);
+    Frame frame(16, 8);
+    engine.process(&frame);
+    calls = counting.calls();
+  }
+  ASSERT_GT(calls, 0);
+  const int step = std::max(1, calls / 60);  // programs ask for memory hundreds of times
+  for (int nth = 0; nth < calls; nth += step) {
+    const TestClock clock;
+    auto* const marker = reinterpret_cast<_KRSuperResEngine*>(uintptr_t{8});
+    _KRSuperResEngine* engine = marker;
+    Frame frame(16, 8, 90);
+    const Frame given = frame;
+    {
+      const FaultInjection fault(GetParam(), nth);
+      if (initializeEngine(16, 8, kModeEnhance, 1, 1, 1, nullptr, &engine) != 0) {
+        EXPECT_EQ(engine, marker) << "call " << nth;
+        continue;
+      }
+      EXPECT_EQ(KRProcessFrame(frame.bytes.data(), engine), 0) << "call " << nth;
+    }
+    if (!engineReady(engine)) {
+      EXPECT_EQ(frame.bytes, given.bytes) << "call " << nth;
+    }
+    EXPECT_EQ(releaseEngine(&engine), 0) << "call " << nth;
+  }
+  TestEngine afterwards(16, 8);
+  NOXEL_NEEDS_GL(afterwards);
+  Frame frame(16, 8, 40);
+  EXPECT_EQ(afterwards.process(&frame), 0);
+  EXPECT_GT(frame.luma(5, 5), 40);
+}
+
+INSTANTIATE_TEST_SUITE_P(Classes, FaultTest, ::testing::Values(Fault::kThread, Fault::kMemory, Fault::kEgl),
+                         [](const auto& named) {
+                           return std::string(named.param == Fault::kThread   ? "Threads"
+                                              : named.param == Fault::kMemory ? "Memory"
+                                                                              : "Egl");
+                         });
+
+TEST(Properties, AFailedLookupIsTriedAgainAndAGoodOneKept) {
+  const LogCapture log;
+  static int opened = 0;
+  static bool symbolKnown = false;
+  const platform::DynamicLibraries libraries = {
+      [](const char*) -> void* { return opened++ == 0 ? nullptr : &opened; },
+      [](void*, const char*) -> void* {
+        if (!symbolKnown) return nullptr;
+        return reinterpret_cast<void*>(+[](const char* key, char* value, const char*) {
+          EXPECT_STREQ(key, "persist.camera.rtsp.log");
+          value[0] = '1';
+          value[1] = '\0';
+          return 1;
+        });
+      },
+      [] { return "for the test"; }};
+  platform::setDynamicLibraries(&libraries);
+  forgetPropertyInterface();
+  readDebugProperty();
+  EXPECT_TRUE(log.contains("ERROR: could not dlopen libcutils.so: for the test"));
+  readDebugProperty();
+  EXPECT_TRUE(log.contains("ERROR: could not dlsym Link_property_get: for the test"));
+  EXPECT_TRUE(log.contains("INITIALIZING INTERFACE FAILED"));
+  EXPECT_EQ(debugLog.load(), 0);
+  symbolKnown = true;
+  readDebugProperty();
+  EXPECT_EQ(debugLog.load(), 1);
+  const int lookups = opened;
+  readDebugProperty();
+  EXPECT_EQ(opened, lookups);
+
+  platform::setDynamicLibraries(nullptr);
+  forgetPropertyInterface();
+  readDebugProperty();
+  EXPECT_EQ(debugLog.load(), 0);
+}
+
+}  // namespace
+}  // namespace noxel

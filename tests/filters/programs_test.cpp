@@ -1,0 +1,196 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <set>
+#include <string>
+
+#include "filters/bilateral_filter.h"
+#include "filters/low_light_filter.h"
+#include "filters/rgb_to_yuv_filter.h"
+#include "filters/selector_texture.h"
+#include "filters/shader_texts.h"
+#include "filters/yuv_to_rgb_filter.h"
+#include "gl/runtime/shader_dialect.h"
+#include "support/gl_fixture.h"
+#include "support/log_capture.h"
+#include "support/temporary_directory.h"
+
+namespace noxel {
+namespace {
+
+class FilterPrograms : public GlTest {};
+
+std::set<std::string> filesIn(const std::string& directory) {
+  std::set<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(directory)) names.insert(entry.path().filename());
+  return names;
+}
+
+struct BuildCase {
+  const char* name;
+  bool syncMode;
+  bool reducedPrograms;
+  std::set<int> programs;  // kr_w<n>
+};
+
+std::set<int> range(int first, int last) {
+  std::set<int> numbers;
+  for (int n = first; n <= last; ++n) numbers.insert(n);
+  return numbers;
+}
+
+class BuildSets : public GlTest, public ::testing::WithParamInterface<BuildCase> {};
+
+TEST_P(BuildSets, BuildAndCacheTheirProgramsAndNoOther) {
+  const TemporaryDirectory cache;
+  LowLightFilter filter;
+  filter.syncMode = GetParam().syncMode;
+  filter.reducedPrograms = GetParam().reducedPrograms;
+  {
+    const LogCapture log;
+    EXPECT_TRUE(filter.setupPrograms(cache.path().c_str()));
+    for (const LogLine& line : log.lines()) {
+      EXPECT_EQ(line.message.find("Unable to open file"), 0u) << line.message;  // the empty cache's, and nothing else
+    }
+  }
+  size_t built = 0;
+  for (const Program* program : filter.programs) {
+    if (program == nullptr) continue;
+    ++built;
+    EXPECT_EQ(program->initialized, 1);
+  }
+  EXPECT_EQ(built, GetParam().programs.size());
+
+  GLint formats = 0;
+  glGetIntegerv(GL_NUM_PROGRAM_BINARY_FORMATS, &formats);
+  if (formats > 0) {
+    std::set<std::string> names;
+    for (const int n : GetParam().programs) names.insert("kr_w" + std::to_string(n));
+    EXPECT_EQ(filesIn(cache.path()), names);
+  }
+  filter.Release();
+  for (const Program* program : filter.programs) EXPECT_EQ(program, nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, BuildSets,
+                         ::testing::Values(BuildCase{"Synchronous", true, false, range(1, 7)},
+                                           BuildCase{
+                                               "Preview", false, true, {1, 8, 14, 15, 17, 18, 20, 21, 22, 23, 24}},
+                                           BuildCase{"Everything", false, false, range(1, 27)}),
+                         [](const auto& test) { return test.param.name; });
+
+TEST_F(FilterPrograms, ABuildSetWithoutWhatItNeedsIsAFailure) {
+  LowLightFilter filter;
+  filter.syncMode = true;
+  filter.reducedPrograms = true;  // leaves the copy program alone
+  EXPECT_FALSE(filter.setupPrograms(nullptr));
+  EXPECT_NE(filter.programs[kCopy], nullptr);
+  filter.Release();
+}
+
+TEST_F(FilterPrograms, TheOtherFiltersCacheUnderTheirNames) {
+  const TemporaryDirectory cache;
+  const LogCapture quiet;
+  BilateralFilter bilateral;
+  RgbToYuvFilter toYuv;
+  YuvToRgbFilter toRgb;
+  EXPECT_TRUE(bilateral.setupPrograms(cache.path().c_str()));
+  EXPECT_TRUE(toYuv.setupPrograms(cache.path().c_str()));
+  EXPECT_TRUE(toRgb.setupPrograms(cache.path().c_str()));
+  EXPECT_TRUE(toRgb.packedLuma);
+  bilateral.Release();
+  toYuv.Release();
+  toRgb.Release();
+
+  GLint formats = 0;
+  glGetIntegerv(GL_NUM_PROGRAM_BINARY_FORMATS, &formats);
+  if (formats == 0) GTEST_SKIP() << "this driver keeps no program binaries";
+  const std::set<std::string> names = {"kr_bl1", "kr_bl2",    "kr_r1",     "kr_r2",
+                                       "kr_r3",  "kr_convr1", "kr_convr2", "kr_convr3"};
+  EXPECT_EQ(filesIn(cache.path()), names);
+}
+
+TEST_F(FilterPrograms, WithoutACacheDirectoryNothingIsOpened) {
+  const LogCapture log;
+  for (const char* directory : {static_cast<const char*>(nullptr), ""}) {
+    BilateralFilter filter;
+    EXPECT_TRUE(filter.setupPrograms(directory));
+    filter.Release();
+  }
+  EXPECT_EQ(log.text(), "");  // a cache that misses says so
+}
+
+// Texts of no build set would otherwise rot unseen.
+TEST_F(FilterPrograms, EveryShaderTextCompiles) {
+  for (const shaders::ShaderText& shader : shaders::kShaderTexts) {
+    const bool vertex = std::string(shader.file).ends_with(".vert");
+    const Text text = TranslateShader((std::string("#version 300 es\n") + shader.text).c_str());
+    const char* source = text.c_str();
+    const GLuint id = glCreateShader(vertex ? GL_VERTEX_SHADER : GL_FRAGMENT_SHADER);
+    glShaderSource(id, 1, &source, nullptr);
+    glCompileShader(id);
+    GLint compiled = GL_FALSE;
+    glGetShaderiv(id, GL_COMPILE_STATUS, &compiled);
+    char log[1024] = "";
+    glGetShaderInfoLog(id, sizeof(log), nullptr, log);
+    EXPECT_EQ(compiled, GL_TRUE) << shader.file << ": " << log;
+    glDeleteShader(id);
+  }
+}
+
+// Half floats have 11 bits: what addresses texels must not be kept in them.
+TEST(ShaderTexts, CoordinatesOfMediumPrecisionTextsAreHighp) {
+  for (const shaders::ShaderText& shader : shaders::kShaderTexts) {
+    const std::string text = shader.text;
+    EXPECT_EQ(text.find("#version"), std::string::npos) << shader.file;
+    if (text.find("precision mediump") == std::string::npos) continue;
+    for (size_t at = text.find("\nIN "); at != std::string::npos; at = text.find("\nIN ", at + 1)) {
+      EXPECT_EQ(text.compare(at, 10, "\nIN highp "), 0) << shader.file << text.substr(at, 40);
+    }
+    for (const char* name : {"u_PixelSize", "uPixelSize", "u_step"}) {
+      const size_t declared = text.find(std::string(name) + ";");
+      const size_t line = text.rfind('\n', declared);
+      if (declared != std::string::npos) {
+        EXPECT_EQ(text.compare(line, 15, "\nuniform highp "), 0) << shader.file << ": " << name;
+      }
+    }
+  }
+}
+
+TEST_F(FilterPrograms, SelectorPicksOneChannelAndRepeats) {
+  Texture* selector = createSelectorTexture();
+  ASSERT_NE(selector, nullptr);
+  Program copy(
+      "precision highp float;\nFRAGC\nuniform sampler2D s_LTexture;\nIN highp vec2 coord;\n"
+      "void main() { vFragColor = TEXTURE(s_LTexture, vec2(coord.x * 5.0 / 4.0, 0.0)); }\n",
+      "ATTR vec2 a_Position;\nOUT vec2 coord;\n"
+      "void main() { gl_Position = vec4(a_Position, 0.0, 1.0); coord = (a_Position + 1.0) * 0.5; }\n");
+  TestTarget columns(5, 1);
+  columns.Bind();
+  copy.Use();
+  copy.SetTexture(0, selector->GetId(), "s_LTexture");
+  copy.SetAttribute(gSquareVertices, 2, false, 0, "a_Position");
+  copy.draw(4);
+  const Picture actual = columns.read();
+  for (int x = 0; x < 5; ++x) {
+    for (int c = 0; c < 4; ++c) EXPECT_EQ(actual.at(x, 0, c), c == x % 4 ? 255 : 0) << x << ", " << c;
+  }
+  selector->Release();
+  delete selector;
+}
+
+TEST(SetContrast, InterpolatesTheCurveWidthAndClamps) {
+  const struct {
+    float value, contrast, curve;
+  } cases[] = {{-1, 0, 0.5f},      {0, 0, 0.5f},     {10, 10, 0.4269f}, {35, 35, 0.2862f},
+               {95, 95, 0.10875f}, {100, 100, 0.1f}, {101, 100, 0.1f},  {99.99999f, 99.99999f, 0.1f}};
+  LowLightFilter filter;
+  for (const auto& c : cases) {
+    filter.setContrast(c.value);
+    EXPECT_FLOAT_EQ(filter.state.contrast, c.contrast);
+    EXPECT_NEAR(filter.state.contrastCurve, c.curve, 1e-6) << c.value;  // float arithmetic
+  }
+}
+
+}  // namespace
+}  // namespace noxel

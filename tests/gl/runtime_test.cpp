@@ -1,0 +1,492 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "gl/runtime/gl_filter.h"
+#include "gl/runtime/program.h"
+#include "gl/runtime/program_cache.h"
+#include "gl/runtime/shader_dialect.h"
+#include "support/gl_fixture.h"
+#include "support/log_capture.h"
+#include "support/temporary_directory.h"
+
+namespace noxel {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kVertex[] =
+    "ATTR vec2 a_Position;\nOUT highp vec2 v_TexCoord;\n"
+    "void main() { gl_Position = vec4(a_Position, 0.0, 1.0); v_TexCoord = (a_Position + 1.0) * 0.5; }\n";
+constexpr char kFragment[] =
+    "precision highp float;\nFRAGC\nuniform vec4 u_Colour;\nuniform float u_Gain;\nuniform mat2 u_Matrix;\n"
+    "IN highp vec2 v_TexCoord;\n"
+    "void main() { vFragColor = u_Colour * u_Gain + vec4(u_Matrix * v_TexCoord, 0.0, 0.0); }\n";
+
+void drawSquare(Program& program) {
+  program.SetAttribute(gSquareVertices, 2, false, 0, "a_Position");
+  program.draw(4);
+}
+
+TEST(ShaderDialect, TranslatesEveryKeyEverywhere) {
+  EXPECT_STREQ(TranslateShader("ATTR vec2 a_Position;\nOUT vec2 v_texCoord;").c_str(),
+               "in vec2 a_Position;\nout vec2 v_texCoord;");
+  EXPECT_STREQ(
+      TranslateShader("IN vec2 v;\nFRAGC\nvoid main() { vFragColor = TEXTURE(s, v) + TEXTURE(t, v); }").c_str(),
+      "in vec2 v;\nout mediump vec4 vxFragColor;\n\nvoid main() { vxFragColor = texture(s, v) + texture(t, v); }");
+  EXPECT_STREQ(TranslateShader("MINIMUM ROUTE").c_str(), "MinIMUM RoutE");
+  EXPECT_STREQ(TranslateShader("").c_str(), "");
+}
+
+TEST(ShaderDialect, TranslatingTwiceChangesNothing) {
+  for (const char* text : {kVertex, kFragment, "ATTR IN OUT TEXTURE FRAGC vFragColor vxFragColor"}) {
+    const Text once = TranslateShader(text);
+    EXPECT_STREQ(TranslateShader(once.c_str()).c_str(), once.c_str());
+  }
+}
+
+class Programs : public GlTest {};
+
+TEST_F(Programs, SettersReachTheShader) {
+  Program program(kFragment, kVertex);
+  ASSERT_EQ(program.initialized, 1);
+  TestTarget target(2, 1);
+  target.Bind();
+  program.Use();
+  const float colour[4] = {0.2f, 0.4f, 0.6f, 1.0f};
+  const float matrix[4] = {0.8f, 0.0f, 0.0f, 0.0f};
+  program.SetVector(colour, 4, "u_Colour");
+  program.SetFloat(0.5f, "u_Gain");
+  program.SetMatrix(matrix, 4, false, "u_Matrix");
+  drawSquare(program);
+  Picture actual = target.read();
+  // Red: 0.2 * 0.5 + 0.8 * (0.25 or 0.75).
+  EXPECT_NEAR(actual.at(0, 0, 0), 0.3 * 255, 1);
+  EXPECT_NEAR(actual.at(1, 0, 0), 0.7 * 255, 1);
+  EXPECT_NEAR(actual.at(0, 0, 1), 0.2 * 255, 1);
+
+  // Sizes that no GL call takes leave the values alone, and without a log line: the name is not even looked up.
+  const LogCapture log;
+  const float other[16] = {};
+  program.SetMatrix(other, 6, false, "u_Matrix");
+  program.SetVector(other, 1, "u_Colour");
+  program.SetVector(other, 5, "u_Nowhere");
+  drawSquare(program);
+  EXPECT_EQ(target.read().rgba, actual.rgba);
+  EXPECT_EQ(log.text(), "");
+
+  EXPECT_EQ(program.GetLocation("u_Nowhere"), -1);
+  program.SetAttribute(other, 2, false, 0, "a_Nowhere");
+  EXPECT_EQ(log.lines().size(), 2u);
+  EXPECT_TRUE(log.contains("Could not get attrib location for u_Nowhere"));
+}
+
+TEST_F(Programs, ABrokenTextIsLoggedAndLeavesNoProgram) {
+  const LogCapture log;
+  const Program syntax("FRAGC\nvoid main() { vFragColor = nonsense; }", kVertex);
+  EXPECT_EQ(syntax.initialized, 0);
+  EXPECT_EQ(syntax.id, 0u);
+  EXPECT_TRUE(log.contains("Could not compile shader " + std::to_string(GL_FRAGMENT_SHADER) + ":\n"));
+  EXPECT_TRUE(log.contains("#version 300 es\nout mediump vec4 vxFragColor;\n")) << "the translated text follows";
+
+  const Program interface(
+      "precision highp float;\nFRAGC\nIN vec3 v_TexCoord;\nvoid main() { vFragColor = vec4(v_TexCoord, 1.0); }",
+      kVertex);
+  EXPECT_EQ(interface.initialized, 0);
+  EXPECT_EQ(interface.id, 0u);
+  EXPECT_TRUE(log.contains("Could not link program"));
+}
+
+// Every bad cache file is a miss: the program links all the same, and a good file replaces it.
+class ProgramCache : public GlTest {
+ protected:
+  void SetUp() override {
+    GlTest::SetUp();
+    if (egl == nullptr) return;
+    GLint formats = 0;
+    glGetIntegerv(GL_NUM_PROGRAM_BINARY_FORMATS, &formats);
+    EXPECT_TRUE(links());
+    if (formats == 0) {
+      EXPECT_TRUE(fs::is_empty(cache.path()));
+      GTEST_SKIP() << "this driver keeps no program binaries";
+    }
+    good = content();
+    ASSERT_GT(good.size(), 12u);
+  }
+
+  bool links() {
+    const Program program(kFragment, kVertex, "kr_test", cache.path().c_str());
+    return program.initialized == 1 && program.id != 0;
+  }
+
+  std::string content() const {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+  void store(const std::string& bytes) const { std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes; }
+
+  const LogCapture quiet;
+  const TemporaryDirectory cache;
+  const std::string path = cache.path() + "/kr_test";
+  std::string good;
+};
+
+uint32_t word(const std::string& bytes, size_t index) {
+  uint32_t value = 0;
+  std::memcpy(&value, bytes.data() + 4 * index, 4);
+  return value;
+}
+
+TEST_F(ProgramCache, WritesChecksumVersionAndFormat) {
+  uint32_t sum = 0;
+  for (size_t i = 12; i < good.size(); ++i) sum += static_cast<unsigned char>(good[i]);
+  EXPECT_EQ(word(good, 0), sum);
+  EXPECT_EQ(word(good, 1), 10u);
+  GLint formats[64] = {};
+  glGetIntegerv(GL_PROGRAM_BINARY_FORMATS, formats);
+  EXPECT_EQ(word(good, 2), static_cast<uint32_t>(formats[0]));
+  EXPECT_EQ(std::distance(fs::directory_iterator(cache.path()), {}), 1) << "no temporary file stays behind";
+}
+
+TEST_F(ProgramCache, LoadsWhatItStored) {
+  // Broken texts: only the stored binary can make this program.
+  const Program program("broken", "broken", "kr_test", (cache.path() + "/").c_str());
+  EXPECT_EQ(program.initialized, 1);
+  TestTarget target(1, 1);
+  target.Bind();
+  Program loaded("broken", "broken", "kr_test", cache.path().c_str());
+  loaded.Use();
+  const float colour[4] = {1, 0.2f, 0, 1};
+  loaded.SetVector(colour, 4, "u_Colour");
+  loaded.SetFloat(1, "u_Gain");
+  drawSquare(loaded);
+  EXPECT_EQ(target.read().rgba, (std::vector<uint8_t>{255, 51, 0, 255}));
+}
+
+TEST_F(ProgramCache, RewritesWhatIsNoCacheFile) {
+  std::string flipped = good;
+  flipped.back() = static_cast<char>(flipped.back() ^ 1);
+  std::string otherVersion = good;
+  otherVersion[4] = 9;
+  std::string wrongSum = good;
+  wrongSum[0] = static_cast<char>(wrongSum[0] + 1);
+  std::string foreign = good;  // a valid file whose blob the driver has to refuse
+  foreign[20] = static_cast<char>(foreign[20] ^ 0x10);
+  uint32_t sum = 0;
+  for (size_t i = 12; i < foreign.size(); ++i) sum += static_cast<unsigned char>(foreign[i]);
+  std::memcpy(foreign.data(), &sum, 4);
+
+  std::vector<std::string> bad = {flipped,   otherVersion, wrongSum, foreign, good.substr(0, good.size() - 1),
+                                  good + "x"};
+  for (size_t size = 0; size <= 13; ++size) bad.push_back(good.substr(0, size));
+  for (const std::string& bytes : bad) {
+    store(bytes);
+    ProgramBinary binary;
+    EXPECT_EQ(binary.read(path.c_str()), bytes == foreign) << bytes.size() << " bytes";
+    EXPECT_TRUE(links());
+    EXPECT_EQ(content(), good) << bytes.size() << " bytes";
+  }
+}
+
+TEST_F(ProgramCache, WhatIsNoFileIsLeftAlone) {
+  fs::remove(path);
+  fs::create_directory(path);
+  EXPECT_TRUE(links());
+  EXPECT_TRUE(fs::is_directory(path));
+  fs::remove(path);
+
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);  // opening one for reading waits for a writer: this must return
+  EXPECT_TRUE(links());
+  EXPECT_EQ(std::distance(fs::directory_iterator(cache.path()), {}), 1) << "no temporary file stays behind";
+}
+
+TEST_F(ProgramCache, MakesTheLastDirectoryOfItsPathPrivately) {
+  const std::string directory = cache.path() + "/one";
+  const Program made(kFragment, kVertex, "kr_test", directory.c_str());
+  EXPECT_TRUE(fs::exists(directory + "/kr_test"));
+  struct stat status = {};
+  ASSERT_EQ(stat(directory.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0700u);
+
+  const std::string tooDeep = cache.path() + "/two/three";
+  const Program unkept(kFragment, kVertex, "kr_test", tooDeep.c_str());
+  EXPECT_EQ(unkept.initialized, 1);
+  EXPECT_FALSE(fs::exists(cache.path() + "/two"));
+}
+
+TEST_F(ProgramCache, WithoutANameNothingIsKept) {
+  fs::remove(path);
+  for (const char* name : {static_cast<const char*>(nullptr), ""}) {
+    const Program program(kFragment, kVertex, name, cache.path().c_str());
+    EXPECT_EQ(program.initialized, 1);
+  }
+  EXPECT_TRUE(fs::is_empty(cache.path()));
+}
+
+class Textures : public GlTest {};
+
+Picture copyOf(GLuint texture, int width, int height) {
+  TestTarget target(width, height);
+  Program copy(
+      "precision highp float;\nFRAGC\nuniform highp sampler2D s_Texture;\nIN highp vec2 v_TexCoord;\n"
+      "void main() { vFragColor = TEXTURE(s_Texture, v_TexCoord); }\n",
+      kVertex);
+  target.Bind();
+  copy.Use();
+  copy.SetTexture(0, texture, "s_Texture");
+  drawSquare(copy);
+  return target.read();
+}
+
+TEST_F(Textures, RowsOfAnyLengthArriveUnpadded) {
+  Texture fresh;
+  EXPECT_EQ(fresh.GetId(), ~0u);
+  for (const int width : {1, 3, 5, 8}) {
+    std::vector<uint8_t> bytes(static_cast<size_t>(width * 3));
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(10 * i + 5);
+    glPixelStorei(GL_UNPACK_ALIGNMENT, 4);  // what GL starts with
+    const TestTexture initialised(width, 3, GL_LUMINANCE, bytes, GL_NEAREST);
+    Texture loaded;
+    loaded.Init(width, 3, GL_LUMINANCE, GL_NEAREST);
+    glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
+    loaded.Load(bytes.data());
+    for (const GLuint id : {initialised.GetId(), loaded.GetId()}) {
+      const Picture picture = copyOf(id, width, 3);
+      for (size_t i = 0; i < bytes.size(); ++i) EXPECT_EQ(picture.rgba[4 * i], bytes[i]) << width << ", " << i;
+    }
+    loaded.Release();
+  }
+}
+
+TEST_F(Textures, ARectangleIsLoadedWhereItBelongs) {
+  Picture picture(4, 3);
+  TestTexture texture(picture, GL_NEAREST);
+  const std::vector<uint8_t> white(2 * 1 * 4, 255);
+  texture.Load(white.data(), 1, 2, 2, 1);
+  for (int x : {1, 2}) {
+    for (int c = 0; c < 4; ++c) picture.at(x, 2, c) = 255;
+  }
+  EXPECT_TRUE(closeTo(copyOf(texture.GetId(), 4, 3), picture, 0));
+}
+
+TEST_F(Textures, VolumesLoadEverySlice) {
+  Texture volume;
+  volume.Init3D(2, 2, 2, GL_RGBA, GL_NEAREST);
+  EXPECT_EQ(volume.is3D, 1);
+  std::vector<uint8_t> texels(2 * 2 * 2 * 4, 200);
+  std::fill(texels.begin(), texels.begin() + 16, static_cast<uint8_t>(100));
+  volume.Load(texels.data());
+  TestTarget target(1, 1);
+  for (const auto& [depth, value] : {std::pair{0.25f, 100}, std::pair{0.75f, 200}}) {
+    Program slice(
+        "precision highp float;\nFRAGC\nuniform highp sampler3D s_Volume;\nuniform float u_Depth;\n"
+        "IN highp vec2 v_TexCoord;\nvoid main() { vFragColor = TEXTURE(s_Volume, vec3(v_TexCoord, u_Depth)); }\n",
+        kVertex);
+    target.Bind();
+    slice.Use();
+    slice.SetTexture(0, volume.GetId(), GL_TEXTURE_3D, "s_Volume");
+    slice.SetFloat(depth, "u_Depth");
+    drawSquare(slice);
+    EXPECT_EQ(target.read().at(0, 0, 2), value);
+  }
+  volume.Release();
+}
+
+class FrameBuffers : public GlTest {};
+
+TEST_F(FrameBuffers, LiveThroughInitAgainReleaseAndInvalidate) {
+  FrameBuffer image;
+  EXPECT_EQ(image.Init(8, 6, GL_RGBA), 1);
+  const GLuint name = image.GetFramebufferId();
+  EXPECT_EQ(image.Init(5, 3, GL_RGBA), 1);
+  EXPECT_EQ(image.GetFramebufferId(), name);
+  EXPECT_EQ(image.GetWidth(), 5);
+  GLint viewport[4] = {};
+  glViewport(1, 2, 3, 4);
+  image.Bind();
+  glGetIntegerv(GL_VIEWPORT, viewport);
+  EXPECT_EQ(viewport[2], 5);
+  EXPECT_EQ(viewport[3], 3);
+  EXPECT_TRUE(image.CheckStatus("image"));
+
+  image.Release(egl);
+  EXPECT_FALSE(glIsFramebuffer(name));
+  EXPECT_EQ(image.GetFramebufferId(), ~0u);
+  EXPECT_EQ(image.GetWidth(), 0);
+
+  EXPECT_EQ(image.UseDefaultFramebuffer(7, 7), 1);
+  EXPECT_EQ(image.GetFramebufferId(), 0u);
+  EXPECT_EQ(image.Invalidate(), 1);
+  image.Release(egl);  // of an empty object: nothing to delete
+}
+
+TEST_F(FrameBuffers, AnIncompleteOneIsLogged) {
+  const LogCapture log;
+  GLuint empty = 0;
+  glGenFramebuffers(1, &empty);
+  glBindFramebuffer(GL_FRAMEBUFFER, empty);
+  FrameBuffer image;
+  EXPECT_FALSE(image.CheckStatus("empty"));
+  EXPECT_TRUE(log.contains("Framebuffer: empty is INCOMPLETE: missing attachment, 8cd7"));
+  glDeleteFramebuffers(1, &empty);
+}
+
+struct RingCase {
+  int count;
+  int mode;
+};
+
+class ReadBackRing : public GlTest, public ::testing::WithParamInterface<RingCase> {};
+
+INSTANTIATE_TEST_SUITE_P(CountsAndModes, ReadBackRing,
+                         ::testing::Values(RingCase{0, 0}, RingCase{0, 1}, RingCase{-1, 0}, RingCase{1, 0},
+                                           RingCase{1, 1}, RingCase{2, 0}, RingCase{2, 1}, RingCase{3, 0},
+                                           RingCase{3, 1}, RingCase{5, 0}, RingCase{5, 1}),
+                         [](const auto& test) {
+                           const int count = test.param.count;
+                           return (count < 0 ? "None" : std::to_string(count) + "Buffers") + "Mode" +
+                                  std::to_string(test.param.mode);
+                         });
+
+TEST_P(ReadBackRing, DeliversTheOldestFrameWrittenSinceTheRestart) {
+  const int buffers = std::min(GetParam().count, 3);
+  constexpr int kWidth = 3;  // rows of 12 bytes
+  constexpr int kHeight = 2;
+  TestTarget target(kWidth, kHeight);
+  EXPECT_EQ(target.InitPixelBuffers(kWidth * kHeight * 4, GetParam().count), 1);
+  EXPECT_EQ(target.packBufferCount, buffers);
+
+  int frame = 0;
+  for (const int framesUntilRestart : {1, 2, 7, 4}) {
+    const int first = frame + 1;
+    target.RestartReadBack();
+    for (int i = 0; i < framesUntilRestart; ++i) {
+      ++frame;
+      target.Bind();
+      glClearColor(static_cast<float>(frame) / 255, 0, 0, 1);
+      glClear(GL_COLOR_BUFFER_BIT);
+      std::vector<unsigned char> bytes(kWidth * kHeight * 4, 99);
+      const bool delivered = target.ReadPixelsAsync(bytes.data(), GetParam().mode);
+      EXPECT_EQ(delivered, buffers > 0);
+      const int expected = buffers <= 0 ? 99 : GetParam().mode == 1 ? frame : std::max(first, frame - (buffers - 1));
+      EXPECT_EQ(bytes.front(), expected) << "frame " << frame;
+      EXPECT_EQ(bytes.back(), buffers > 0 ? 255 : 99);
+    }
+  }
+}
+
+TEST_F(FrameBuffers, TheHalvesOfTheReadBackDoWhatTheWholeDoes) {
+  TestTarget target(2, 2);
+  unsigned char bytes[16] = {};
+  EXPECT_FALSE(target.FinishReadPixels(bytes));  // no ring yet
+  EXPECT_EQ(target.MapReadPixels(), nullptr);
+  target.InitPixelBuffers(16, 2);
+  for (int frame = 1; frame <= 3; ++frame) {
+    target.Bind();
+    target.StartReadPixels();  // before this frame's clear: delivers the one before
+    glClearColor(static_cast<float>(frame) / 255, 0, 0, 1);
+    glClear(GL_COLOR_BUFFER_BIT);
+  }
+  // Started: 0 (whatever the image came with), 1, 2. With two buffers the older of the last two is 1.
+  EXPECT_TRUE(target.FinishReadPixels(bytes));
+  EXPECT_EQ(bytes[0], 1);
+  const auto* mapped = static_cast<const unsigned char*>(target.MapReadPixels());
+  ASSERT_NE(mapped, nullptr);
+  EXPECT_EQ(std::memcmp(mapped, bytes, sizeof(bytes)), 0);
+  glUnmapBuffer(GL_PIXEL_PACK_BUFFER);
+  glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
+}
+
+class PlainFilter : public GLFilter {
+ public:
+  void Release() override {}
+};
+
+TEST_F(FrameBuffers, BindTargetSetsTheViewportAndRemembers) {
+  PlainFilter filter;
+  TestTarget target(6, 4);
+  glViewport(9, 9, 9, 9);
+  EXPECT_EQ(filter.BindTarget(&target), 1);
+  GLint viewport[4] = {};
+  GLint bound = 0;
+  glGetIntegerv(GL_VIEWPORT, viewport);
+  glGetIntegerv(GL_FRAMEBUFFER_BINDING, &bound);
+  EXPECT_EQ(std::vector<GLint>(viewport, viewport + 4), (std::vector<GLint>{0, 0, 6, 4}));
+  EXPECT_EQ(static_cast<GLuint>(bound), target.GetFramebufferId());
+  EXPECT_EQ(filter.target, &target);
+
+  filter.BindTarget(1, 2, 3, 4);
+  glGetIntegerv(GL_VIEWPORT, viewport);
+  glGetIntegerv(GL_FRAMEBUFFER_BINDING, &bound);
+  EXPECT_EQ(std::vector<GLint>(viewport, viewport + 4), (std::vector<GLint>{1, 2, 3, 4}));
+  EXPECT_EQ(bound, 0);
+  EXPECT_EQ(filter.target, nullptr);
+  EXPECT_EQ(filter.viewportWidth, 3);
+
+  filter.EnableBlending(true);
+  EXPECT_TRUE(glIsEnabled(GL_BLEND));
+  filter.EnableBlending(false);
+  EXPECT_FALSE(glIsEnabled(GL_BLEND));
+  EXPECT_FALSE(filter.blendingEnabled);
+}
+
+class Engines : public GlTest {};
+
+TEST_F(Engines, ReleaseOfWhatWasNeverInitialisedIsHarmless) {
+  EGLEngine never;
+  EXPECT_EQ(never.Release(), 1);
+  TestTarget target(1, 1);
+  EXPECT_EQ(eglGetCurrentContext(), egl->context) << "the other engine's context stays current";
+}
+
+TEST_F(Engines, OneIsReleasedWhileAnotherRenders) {
+  EGLEngine second;
+  {
+    const LogCapture quiet;
+    ASSERT_EQ(second.Initialize(64, 64), 1);
+  }
+  EXPECT_NE(second.context, egl->context);
+  EXPECT_EQ(second.Release(), 1);
+  EXPECT_EQ(eglGetCurrentContext(), EGL_NO_CONTEXT);
+
+  ASSERT_EQ(egl->MakeCurrent(egl->surface, egl->surface), EGL_SUCCESS);
+  TestTarget target(2, 2);
+  target.Bind();
+  glClearColor(1, 0, 0, 1);
+  glClear(GL_COLOR_BUFFER_BIT);
+  EXPECT_EQ(target.read().at(1, 1, 0), 255);
+}
+
+TEST_F(Engines, ExtensionsAreMatchedAsWholeWords) {
+  const char* all = reinterpret_cast<const char*>(glGetString(GL_EXTENSIONS));
+  ASSERT_NE(all, nullptr);
+  const std::string first(all, std::strcspn(all, " "));
+  EXPECT_EQ(egl->HasGLExtension(first.c_str()), 1);
+  EXPECT_EQ(egl->HasGLExtension(first.substr(0, first.size() - 1).c_str()), 0);
+  EXPECT_EQ(egl->HasGLExtension((first + "x").c_str()), 0);
+  EXPECT_EQ(egl->HasGLExtension(""), 0);
+}
+
+TEST_F(Engines, MissingEntryPointsAnswerNothing) {
+  EGLEngine bare;
+  int attributes[] = {EGL_NONE};
+  EXPECT_EQ(bare.CreateImage(0, nullptr, attributes), nullptr);
+  EXPECT_EQ(bare.DestroyImage(&bare), 0);
+  EXPECT_EQ(bare.CreateSync(0, attributes), nullptr);
+  EXPECT_EQ(bare.ClientWaitSync(nullptr, 0, 0), 0);
+  EXPECT_EQ(bare.DestroySync(nullptr), 0);
+  EXPECT_EQ(bare.SetPresentationTime(nullptr, 0), 0);
+  EXPECT_EQ(egl->DestroyImage(nullptr), 0);
+}
+
+}  // namespace
+}  // namespace noxel

@@ -1,0 +1,410 @@
+#include "reference/passes.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace noxel::reference {
+
+Colour operator+(Colour x, Colour y) {
+  return {x.r + y.r, x.g + y.g, x.b + y.b, x.a + y.a};
+}
+
+Colour operator-(Colour x, Colour y) {
+  return {x.r - y.r, x.g - y.g, x.b - y.b, x.a - y.a};
+}
+
+Colour operator*(Colour x, Colour y) {
+  return {x.r * y.r, x.g * y.g, x.b * y.b, x.a * y.a};
+}
+
+Colour operator*(Colour x, double factor) {
+  return {x.r * factor, x.g * factor, x.b * factor, x.a * factor};
+}
+
+Colour each(Colour x, const std::function<double(double)>& function) {
+  return {function(x.r), function(x.g), function(x.b), function(x.a)};
+}
+
+Colour mix(Colour x, Colour y, double share) {
+  return x * (1 - share) + y * share;
+}
+
+Image::Image(int imageWidth, int imageHeight, Filter imageFilter)
+    : width(imageWidth), height(imageHeight), filter(imageFilter), texels(static_cast<size_t>(width * height)) {}
+
+Image::Image(int imageWidth, int imageHeight, const std::vector<uint8_t>& rgba, Filter imageFilter)
+    : Image(imageWidth, imageHeight, imageFilter) {
+  for (size_t i = 0; i < texels.size(); ++i) {
+    texels[i] = {rgba[4 * i] / 255.0, rgba[4 * i + 1] / 255.0, rgba[4 * i + 2] / 255.0, rgba[4 * i + 3] / 255.0};
+  }
+}
+
+Image Image::luminance(int width, int height, const std::vector<uint8_t>& bytes) {
+  Image image(width, height);
+  for (size_t i = 0; i < image.texels.size(); ++i) {
+    const double value = bytes[i] / 255.0;
+    image.texels[i] = {value, value, value, 1};
+  }
+  return image;
+}
+
+Image Image::chroma(int width, int height, const std::vector<uint8_t>& vuPairs) {
+  Image image(width, height);
+  for (size_t i = 0; i < image.texels.size(); ++i) {
+    const double value = vuPairs[2 * i] / 255.0;
+    image.texels[i] = {value, value, value, vuPairs[2 * i + 1] / 255.0};
+  }
+  return image;
+}
+
+void Image::store(int x, int y, Colour colour) {
+  texels[static_cast<size_t>(y * width + x)] =
+      each(colour, [](double value) { return std::round(std::clamp(value, 0.0, 1.0) * 255) / 255; });
+}
+
+Colour Image::texel(int x, int y) const {
+  return texels[static_cast<size_t>(std::clamp(y, 0, height - 1) * width + std::clamp(x, 0, width - 1))];
+}
+
+Colour Image::sample(double u, double v) const {
+  if (filter == Filter::kNearest) {
+    return texel(static_cast<int>(std::floor(u * width)), static_cast<int>(std::floor(v * height)));
+  }
+  const double x = u * width - 0.5;
+  const double y = v * height - 0.5;
+  const int left = static_cast<int>(std::floor(x));
+  const int top = static_cast<int>(std::floor(y));
+  return mix(mix(texel(left, top), texel(left + 1, top), x - left),
+             mix(texel(left, top + 1), texel(left + 1, top + 1), x - left), y - top);
+}
+
+std::vector<uint8_t> Image::bytes() const {
+  std::vector<uint8_t> rgba;
+  for (const Colour& colour : texels) {
+    for (int c = 0; c < 4; ++c) rgba.push_back(static_cast<uint8_t>(std::lround(colour[c] * 255)));
+  }
+  return rgba;
+}
+
+namespace {
+
+// Evaluates colour(point) at the centre of every pixel.
+template <typename Shade>
+Image render(Size size, Filter filter, const Shade& shade) {
+  Image image(size.width, size.height, filter);
+  for (int y = 0; y < size.height; ++y) {
+    for (int x = 0; x < size.width; ++x) {
+      image.store(x, y, shade(Point{(x + 0.5) / size.width, (y + 0.5) / size.height}));
+    }
+  }
+  return image;
+}
+
+template <typename Shade>
+Image render(Size size, const Shade& shade) {
+  return render(size, Filter::kBilinear, shade);
+}
+
+// The quad has depth 0, half-way through the depth range: the third coordinate is 0.5.
+Point warped(const Matrix& m, Point p) {
+  return {m[0] * p.u + m[4] * p.v + m[8] * 0.5 + m[12], m[1] * p.u + m[5] * p.v + m[9] * 0.5 + m[13]};
+}
+
+Colour sampleAt(const Image& image, Point p) {
+  return image.sample(p.u, p.v);
+}
+
+Colour sampleBeside(const Image& image, Point p, double texelsRight, double texelsDown) {
+  return image.sample(p.u + texelsRight / image.width, p.v + texelsDown / image.height);
+}
+
+Colour opaque(Colour colour) {
+  colour.a = 1;
+  return colour;
+}
+
+Colour grey(double value) {
+  return {value, value, value, 1};
+}
+
+// Full-range BT.601.
+Colour rgbOf(double y, Colour chroma) {
+  const double v = chroma.r - 0.5;
+  const double u = chroma.a - 0.5;
+  return {y + 1.402 * v, y - 0.34414 * u - 0.71414 * v, y + 1.772 * u, 1};
+}
+
+double lumaOf(Colour c) {
+  return 0.299 * c.r + 0.587 * c.g + 0.114 * c.b;
+}
+
+double uOf(Colour c) {
+  return 0.5 + (c.b - lumaOf(c)) / 1.772;
+}
+
+double vOf(Colour c) {
+  return 0.5 + (c.r - lumaOf(c)) / 1.402;
+}
+
+Colour applyTone(Colour colour, Tone tone) {
+  Colour result = each(colour, [tone](double x) { return std::pow(std::max(x * tone.gain, 0.0), tone.exponent); });
+  result.a = colour.a;
+  return result;
+}
+
+Colour clampedTone(Colour colour, double gamma) {
+  return opaque(each(colour, [gamma](double x) { return std::pow(std::clamp(x, 0.0, 1.0), gamma); }));
+}
+
+// A luma sample by its column: sample k of a row is channel k mod 4 of texel k / 4.
+double unpacked(const Image& packedLuma, Point p, int lumaWidth) {
+  const int column = static_cast<int>(p.u * lumaWidth);
+  return sampleAt(packedLuma, p)[column % 4];
+}
+
+// Uniform cubic B-spline, with its sixths written to three digits.
+std::array<double, 4> splineWeights(double f) {
+  const double before = -0.167 * f * f * f + 0.5 * f * f - 0.5 * f + 0.167;
+  const double here = 0.5 * f * f * f - f * f + 0.667;
+  const double after = 0.167 * f * f * f;
+  return {before, here, 1 - before - here - after, after};
+}
+
+double cubicLuma(const Image& luma, Point p) {
+  const double x = p.u * luma.width - 0.5;
+  const double y = p.v * luma.height - 0.5;
+  const int left = static_cast<int>(std::floor(x));
+  const int top = static_cast<int>(std::floor(y));
+  const auto across = splineWeights(x - left);
+  const auto down = splineWeights(y - top);
+  double sum = 0;
+  for (int row = 0; row < 4; ++row) {
+    for (int column = 0; column < 4; ++column) {
+      sum += across[static_cast<size_t>(column)] * down[static_cast<size_t>(row)] *
+             luma.texel(left - 1 + column, top - 1 + row).r;
+    }
+  }
+  return sum;
+}
+
+// Logistic of the given width, shifted and scaled to keep 0 and 1.
+double contrastCurve(double x, double width) {
+  const auto logistic = [width](double t) { return 1 / (1 + std::exp((0.5 - t) / width)); };
+  return (logistic(x) - logistic(0)) / (logistic(1) - logistic(0));
+}
+
+Colour contrasted(Colour colour, double width) {
+  Colour result = each(colour, [width](double x) { return contrastCurve(x, width); });
+  result.a = colour.a;
+  return result;
+}
+
+}  // namespace
+
+Image yuvToRgb(const Image& luma, const Image& chroma, const Matrix& warp, Tone tone, Size size) {
+  return render(size, [&](Point p) {
+    const Point at = warped(warp, p);
+    return applyTone(rgbOf(sampleAt(luma, at).r, sampleAt(chroma, at)), tone);
+  });
+}
+
+Image bicubicYuvToRgb(const Image& luma, const Image& chroma, const Matrix& warp, Size size) {
+  return render(size, [&](Point p) {
+    const Point at = warped(warp, p);
+    return rgbOf(cubicLuma(luma, at), sampleAt(chroma, at));
+  });
+}
+
+Image toned(const Image& picture, const Matrix& warp, Tone tone, Size size) {
+  return render(size, [&](Point p) { return applyTone(sampleAt(picture, warped(warp, p)), tone); });
+}
+
+Image packedYuvToRgb(const Image& packedLuma, const Image& chroma, Tone tone, int lumaWidth, Size size) {
+  return render(
+      size, [&](Point p) { return applyTone(rgbOf(unpacked(packedLuma, p, lumaWidth), sampleAt(chroma, p)), tone); });
+}
+
+Image ghostMask(const Image& old, const Image& current, const Matrix& warp, double threshold, Size size) {
+  return render(size, [&](Point p) {
+    const Colour d = each(sampleAt(old, warped(warp, p)) - sampleAt(current, p), [](double x) { return std::abs(x); });
+    return grey(d.r + d.g + d.b >= threshold ? 1 : 0);
+  });
+}
+
+Image deghostMix(const Image& old, const Image& current, const Image& mask, const Matrix& warp, Size size) {
+  return render(size, [&](Point p) {
+    return opaque(mix(sampleAt(old, warped(warp, p)), sampleAt(current, p), sampleAt(mask, p).r));
+  });
+}
+
+namespace {
+
+template <typename Tap>
+Image bothWays(const Image& image, double step, const Tap& tap) {
+  const Size size = {image.width, image.height};
+  const Image across = render(size, [&](Point p) {
+    return grey(tap([&](double steps) { return sampleBeside(image, p, steps * step, 0).r; }));
+  });
+  return render(size, [&](Point p) {
+    return grey(tap([&](double steps) { return sampleBeside(across, p, 0, steps * step).r; }));
+  });
+}
+
+}  // namespace
+
+Image eroded(const Image& mask, double step, double minWeight) {
+  return bothWays(mask, step, [minWeight](const auto& at) {
+    const double least = std::min({at(-1), at(0), at(1)});
+    return least < 0.95 ? minWeight : least;
+  });
+}
+
+Image blurred(const Image& mask, double step) {
+  return bothWays(mask, step, [](const auto& at) {
+    return 0.1538 * (at(-5.5) + at(-3.5) + at(-1.5) + at(1.5) + at(3.5) + at(5.5)) + 0.0769 * at(0);
+  });
+}
+
+Image dilated(const Image& mask, int iterations, double minWeight) {
+  const double blendFactor = minWeight >= 0.5 ? 1 : 1 - 0.5 * std::min(0.5 - minWeight, 0.4);
+  // Reach of the four corner taps to the left and above, and to the right and below.
+  const double reach[][2] = {{-1.5, 0.5}, {-2.5, 2.5}, {-5.5, 5.5}, {-11.5, 11.5}};
+  Image image = mask;
+  for (int k = 0; k < iterations; ++k) {
+    const auto [low, high] = reach[k];
+    image = render({mask.width, mask.height}, [&, least = low, most = high](Point p) {
+      const double value = std::max({sampleBeside(image, p, least, least).r, sampleBeside(image, p, most, least).r,
+                                     sampleBeside(image, p, least, most).r, sampleBeside(image, p, most, most).r});
+      return grey(value > minWeight + 0.01 ? blendFactor : value);
+    });
+  }
+  return image;
+}
+
+namespace {
+
+// Weighted mean, channel by channel, with weights that fall with the distance from a reference value.
+struct RangeMean {
+  Colour reference;
+  double factor;
+  double slopes[4];  // limit and slope of the first part, scale and slope of the second
+  Colour sum;
+  Colour weights = {1, 1, 1, 1};
+
+  void add(Colour tap, double times) {
+    const Colour distance = each(tap - reference, [this](double d) { return std::abs(d) * factor; });
+    const Colour weight = each(distance, [this](double r) {
+      return 1 - slopes[1] * std::min(r, slopes[0]) - slopes[3] * std::min(r * slopes[2], 1.0);
+    });
+    sum = sum + tap * weight * times;
+    weights = weights + weight * times;
+  }
+
+  Colour mean() const { return {sum.r / weights.r, sum.g / weights.g, sum.b / weights.b, sum.a / weights.a}; }
+};
+
+}  // namespace
+
+// Neighbours are one texel away in x and four rows in y; the centre lies a quarter of a row below the pixel's.
+Image bilateralSmooth(const Image& packedLuma, double factor, Size size) {
+  return render(size, Filter::kNearest, [&](Point p) {
+    const Colour centre = sampleBeside(packedLuma, p, 0, 0.25);
+    RangeMean range = {centre, factor, {0.8333, 0.6, 0.3, 0.5}, centre};
+    const int taps[7][2] = {{0, -1}, {1, -1}, {-1, 0}, {0, 0}, {1, 0}, {-1, 1}, {0, 1}};
+    for (const auto& [dx, dy] : taps) range.add(sampleBeside(packedLuma, p, dx, 4 * dy + 0.25), 1);
+    return range.mean();
+  });
+}
+
+Image bilateralRefine(const Image& smoothed, const Image& packedLuma, double factor, double blend, double gamma,
+                      Size size) {
+  return render(size, Filter::kNearest, [&](Point p) {
+    const Colour centre = sampleAt(packedLuma, p);
+    RangeMean range = {centre, factor, {0.6667, 1.125, 0.375, 0.25}, centre};
+    range.add(sampleAt(smoothed, p), 2);
+    for (const int dx : {-1, 1}) {
+      for (const int dy : {-1, 1}) {
+        range.add(smoothed.sample(p.u + static_cast<double>(dx) / packedLuma.width, p.v + 4.0 * dy / smoothed.height),
+                  1);
+      }
+    }
+    return each(mix(centre, range.mean(), blend), [gamma](double x) { return std::pow(std::max(x, 0.0), gamma); });
+  });
+}
+
+Image packedLumaOf(const Image& picture, Size size) {
+  return render(size, Filter::kNearest, [&](Point p) {
+    const auto luma = [&](double pixels) { return lumaOf(picture.sample(p.u + pixels * 0.25 / size.width, p.v)); };
+    return Colour{luma(-1.5), luma(-0.5), luma(0.5), luma(1.5)};
+  });
+}
+
+Image packedChromaOf(const Image& picture, bool vFirst, Size size) {
+  return render(size, Filter::kNearest, [&](Point p) {
+    const Colour first = sampleAt(picture, p);
+    const Colour second = picture.sample(p.u + 0.25 / size.width, p.v);
+    return vFirst ? Colour{vOf(first), uOf(first), vOf(second), uOf(second)}
+                  : Colour{uOf(first), vOf(first), uOf(second), vOf(second)};
+  });
+}
+
+Image yuvToRgbClamped(const Image& luma, const Image& chroma, double gamma, Size size) {
+  return render(size, [&](Point p) { return clampedTone(rgbOf(sampleAt(luma, p).r, sampleAt(chroma, p)), gamma); });
+}
+
+Image packedYuvToRgbClamped(const Image& packedLuma, const Image& chroma, double gamma, int lumaWidth, Size size) {
+  return render(size, [&](Point p) {
+    return clampedTone(rgbOf(unpacked(packedLuma, p, lumaWidth), sampleAt(chroma, p)), gamma);
+  });
+}
+
+namespace {
+
+// Centre against the mean of its eight neighbours. `strength` is in hundredths of 4.5 beyond the factor 1.5.
+Colour sharpenedAt(const Image& picture, Point p, double strength) {
+  const double gain = 1.5 + 0.045 * strength;
+  Colour around = {0, 0, 0, 0};
+  for (int dy = -1; dy <= 1; ++dy) {
+    for (int dx = -1; dx <= 1; ++dx) {
+      if (dx != 0 || dy != 0) around = around + sampleBeside(picture, p, dx, dy);
+    }
+  }
+  return sampleAt(picture, p) * gain - around * ((gain - 1) / 8);
+}
+
+Colour detailedAt(const Image& picture, const Image& smooth, Point p, double edgeFactor, double strength) {
+  const Colour centre = sampleAt(picture, p);
+  const Colour d = centre - sampleAt(smooth, p);
+  const double edge = std::min(0.5, edgeFactor * (std::abs(d.r) + std::abs(d.g) + std::abs(d.b)));
+  return opaque(centre + d * ((0.6 + edge) * strength));
+}
+
+}  // namespace
+
+Image sharpened(const Image& picture, double strength) {
+  return render({picture.width, picture.height}, [&](Point p) { return sharpenedAt(picture, p, strength); });
+}
+
+Image sharpenedWithContrast(const Image& picture, double strength, double curveWidth) {
+  return render({picture.width, picture.height},
+                [&](Point p) { return contrasted(sharpenedAt(picture, p, strength), curveWidth); });
+}
+
+Image diagonalBox(const Image& picture, Point step, Size size) {
+  return render(size, [&](Point p) {
+    const Colour sum = picture.sample(p.u - step.u, p.v - step.v) + picture.sample(p.u + step.u, p.v - step.v) +
+                       picture.sample(p.u - step.u, p.v + step.v) + picture.sample(p.u + step.u, p.v + step.v);
+    return opaque(sum * 0.25);
+  });
+}
+
+Image detailed(const Image& picture, const Image& smooth, double strength) {
+  return render({picture.width, picture.height}, [&](Point p) { return detailedAt(picture, smooth, p, 2, strength); });
+}
+
+Image detailedWithContrast(const Image& picture, const Image& smooth, double strength, double curveWidth) {
+  return render({picture.width, picture.height},
+                [&](Point p) { return contrasted(detailedAt(picture, smooth, p, 1, strength), curveWidth); });
+}
+
+}  // namespace noxel::reference

@@ -1,0 +1,229 @@
+#include "registration/exposure.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "platform/log.h"
+#include "support/log_capture.h"
+
+namespace noxel {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+constexpr float kShare = 0.9999f;  // of the samples, which the brightest level is taken from
+constexpr int kUntouched = -7;
+
+struct Statistics {
+  int mean = kUntouched;
+  int maxLevel = kUntouched;
+  int minLevel = kUntouched;
+};
+
+LumaImage oneRow(const Bytes& pixels) {
+  return {static_cast<int>(pixels.size()), 1, pixels.data()};
+}
+
+Statistics statisticsOf(const LumaImage& image, float share = kShare) {
+  Statistics result;
+  lumaStatistics(image, &result.mean, &result.maxLevel, &result.minLevel, share);
+  return result;
+}
+
+// Pixels whose samples are exactly `levels`; those that are not looked at are white or black in turns.
+Bytes pixelsWithSamples(const Bytes& levels) {
+  Bytes pixels(levels.size() * 16);
+  for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = i % 2 == 0 ? 255 : 0;
+  for (size_t i = 0; i < levels.size(); ++i) pixels[i / 2 * 32 + i % 2] = levels[i];
+  return pixels;
+}
+
+TEST(LumaStatistics, LooksAtTwoPixelsOfThirtyTwo) {
+  const Statistics actual = statisticsOf(oneRow(pixelsWithSamples({10, 20, 30, 41})));
+  EXPECT_EQ(actual.mean, 25);  // 101 / 4, truncated
+  EXPECT_EQ(actual.maxLevel, 41);
+  EXPECT_EQ(actual.minLevel, 10);
+}
+
+TEST(LumaStatistics, AStandingAlonePixelCountsTwice) {
+  // What lies behind the picture is not part of it.
+  const Bytes one = {77, 255};
+  const Statistics single = statisticsOf({1, 1, one.data()});
+  EXPECT_EQ(single.mean, 77);
+  EXPECT_EQ(single.maxLevel, 77);
+  EXPECT_EQ(single.minLevel, 77);
+
+  Bytes pixels(34, 255);
+  pixels[0] = 10;
+  pixels[1] = 20;
+  pixels[32] = 100;
+  const Statistics actual = statisticsOf({11, 3, pixels.data()});
+  EXPECT_EQ(actual.mean, 57);  // (10 + 20 + 100 + 100) / 4
+  EXPECT_EQ(actual.maxLevel, 100);
+}
+
+TEST(LumaStatistics, NothingToSeeLeavesTheBrightestLevel) {
+  const Statistics empty = statisticsOf({0, 5, nullptr});
+  EXPECT_EQ(empty.mean, 0);
+  EXPECT_EQ(empty.maxLevel, kUntouched);
+  EXPECT_EQ(empty.minLevel, 255);
+
+  const Bytes black(640, 0);
+  const Statistics dark = statisticsOf(oneRow(black));
+  EXPECT_EQ(dark.mean, 0);
+  EXPECT_EQ(dark.maxLevel, kUntouched);
+  EXPECT_EQ(dark.minLevel, 0);
+}
+
+TEST(LumaStatistics, SharesThatAreMetExactly) {
+  // Half of four samples is two: the two darkest suffice for maxLevel, while minLevel wants more than two.
+  const Statistics half = statisticsOf(oneRow(pixelsWithSamples({40, 10, 30, 20})), 0.5f);
+  EXPECT_EQ(half.maxLevel, 20);
+  EXPECT_EQ(half.minLevel, 30);
+}
+
+TEST(LumaStatistics, TwoOddPixelsInTwentyThousandAreLeftOut) {
+  Bytes levels(20000, 100);
+  levels[5] = levels[6000] = 255;
+  levels[7] = levels[19999] = 3;
+  Statistics actual = statisticsOf(oneRow(pixelsWithSamples(levels)));
+  EXPECT_EQ(actual.maxLevel, 100);
+  EXPECT_EQ(actual.minLevel, 100);
+  levels[11] = 250;
+  levels[12] = 4;
+  actual = statisticsOf(oneRow(pixelsWithSamples(levels)));
+  EXPECT_EQ(actual.maxLevel, 250);
+  EXPECT_EQ(actual.minLevel, 4);
+}
+
+// The formulas of the exposure in double precision.
+struct Twin {
+  double smoothedGamma = 1.0;
+  double smoothedGain = 1.0;
+  double lastGamma = 1.0;
+  double maxLevel = 0.0;
+
+  void update(const Bytes& pixels, int mode, int strength) {
+    Bytes samples;
+    for (size_t at = 0; at + 1 < pixels.size(); at += 32) samples.insert(samples.end(), {pixels[at], pixels[at + 1]});
+    std::sort(samples.begin(), samples.end());
+    double sum = 0.0;
+    for (const uint8_t level : samples) sum += level;
+    const double mean = std::floor(sum / static_cast<double>(samples.size()));
+    const auto rank = static_cast<size_t>(std::ceil(0.9999 * static_cast<double>(samples.size())));
+    if (samples[rank - 1] > 0) maxLevel = samples[rank - 1];
+
+    double gamma = 1.0;
+    if (mean > 0.0 && maxLevel > 0.0 && mean < maxLevel)
+      gamma = std::min(std::log(0.5) / std::log(mean / maxLevel), 1.0);
+    double gain = maxLevel > 0.0 ? 255.0 / maxLevel : 1.0;
+    const double s = mode == 1 ? strength : 0.0;
+    const double floor = 0.75 - 0.001 * s;
+    gamma = std::max(gamma - 0.0005 * s, floor);
+    gain = std::min(gain + 0.0015 * s, 1.75 + 0.01 * s);
+    lastGamma = std::max(lastGamma + (gamma - lastGamma) / 5.0, floor);
+    smoothedGamma = mode == 3 ? 1.0 : smoothedGamma + (lastGamma - smoothedGamma) / 5.0;
+    smoothedGain = mode == 3 ? 1.0 : smoothedGain + (gain - smoothedGain) / 5.0;
+  }
+};
+
+// Noise between two levels, more of it near the lower.
+Bytes picture(int lowest, int highest, unsigned seed) {
+  std::mt19937 random(seed);
+  Bytes pixels(64 * 48, static_cast<uint8_t>(highest));
+  const auto range = static_cast<unsigned>(highest - lowest);
+  for (uint8_t& pixel : pixels) {
+    if (range == 0) break;
+    const auto above = static_cast<unsigned>(random() % (range + 1));
+    pixel = static_cast<uint8_t>(static_cast<unsigned>(lowest) + above * above / range);
+  }
+  return pixels;
+}
+
+TEST(Exposure, SettlesAsTheFormulasSay) {
+  // Dark, black (which says nothing about the brightest level), flat (whose gamma is undefined), nearly black, and
+  // bright with a mean above half of the brightest level, for which gamma would have to exceed 1.
+  struct Step {
+    int lowest;
+    int highest;
+  };
+  constexpr Step kSteps[12] = {{0, 0}, {0, 40}, {0, 40},    {0, 60}, {180, 255}, {0, 0},
+                               {0, 0}, {0, 12}, {200, 200}, {0, 1},  {0, 90},    {130, 160}};
+  struct Setting {
+    int mode;
+    int strength;
+  };
+  for (const Setting setting : {Setting{1, 0}, Setting{1, 50}, Setting{1, 100}, Setting{2, 100}, Setting{3, 50}}) {
+    ExposureState state;
+    Twin twin;
+    unsigned seed = 0;
+    for (const Step& step : kSteps) {
+      SCOPED_TRACE(testing::Message() << "mode " << setting.mode << ", strength " << setting.strength << ", step "
+                                      << seed);
+      const Bytes pixels = picture(step.lowest, step.highest, ++seed);
+      updateExposure(&state, {64, 48, pixels.data()}, setting.mode, setting.strength);
+      twin.update(pixels, setting.mode, setting.strength);
+      // A step rounds some four times, to half of 2^-22 for a gain below 4, and the easing keeps the errors of five
+      // steps.
+      constexpr double kTolerance = 4 * 5 * 0x1p-23;
+      EXPECT_NEAR(state.lastGamma, twin.lastGamma, kTolerance);
+      EXPECT_NEAR(state.smoothedGamma, twin.smoothedGamma, kTolerance);
+      EXPECT_NEAR(state.smoothedGain, twin.smoothedGain, kTolerance);
+      EXPECT_EQ(state.maxLevel, twin.maxLevel);
+    }
+  }
+}
+
+TEST(Exposure, StrengthWidensTheLimitsOfTheMainModeAlone) {
+  struct Limit {
+    int mode;
+    int strength;
+    float gamma;
+    float gain;
+  };
+  // A mean of 1 below a brightest level of 20 asks for a gamma of 0.23 and a gain of 12.75: the limits are what
+  // remains.
+  Bytes pixels(64 * 48, 1);
+  pixels[0] = 20;
+  for (const Limit limit : {Limit{1, 0, 0.75f, 1.75f}, Limit{1, 100, 0.65f, 2.75f}, Limit{2, 100, 0.75f, 1.75f}}) {
+    SCOPED_TRACE(testing::Message() << "mode " << limit.mode << ", strength " << limit.strength);
+    ExposureState state;
+    for (int i = 0; i < 100; ++i) updateExposure(&state, {64, 48, pixels.data()}, limit.mode, limit.strength);
+    EXPECT_NEAR(state.smoothedGamma, limit.gamma, 1e-5);  // 0.8^100 of the way is left, and single precision's rounding
+    EXPECT_NEAR(state.smoothedGain, limit.gain, 1e-5);
+  }
+}
+
+TEST(Exposure, ANarrowerLimitHoldsAtOnce) {
+  Bytes pixels(64 * 48, 1);
+  pixels[0] = 20;
+  ExposureState state;
+  for (int i = 0; i < 100; ++i) updateExposure(&state, {64, 48, pixels.data()}, 1, 100);
+  ASSERT_LT(state.lastGamma, 0.7f);
+  updateExposure(&state, {64, 48, pixels.data()}, 1, 0);
+  EXPECT_EQ(state.lastGamma, 0.75f);
+}
+
+TEST(Exposure, SaysSoWhenGammaRunsAway) {
+  const LogCapture log;
+  const Bytes pixels(64 * 48, 50);
+  ExposureState state;
+  state.lastGamma = 1000.0f;
+  updateExposure(&state, {64, 48, pixels.data()}, 2, 50);
+  updateExposure(&state, {64, 48, pixels.data()}, 3, 50);
+  ASSERT_EQ(log.lines().size(), 2u) << log.text();
+  EXPECT_EQ(log.lines()[0].priority, platform::kLogInfo);
+  EXPECT_EQ(log.lines()[0].message.rfind("kusee: gamma = 800.2", 0), 0u) << log.text();
+  EXPECT_TRUE(log.contains("lastgamma = 1000.000000, meany = 50, maxy = 50")) << log.text();
+
+  state.lastGamma = 1.0f;
+  updateExposure(&state, {64, 48, pixels.data()}, 2, 50);
+  EXPECT_EQ(log.lines().size(), 2u) << log.text();
+}
+
+}  // namespace
+}  // namespace noxel

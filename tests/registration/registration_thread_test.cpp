@@ -1,0 +1,206 @@
+#include "registration/registration_thread.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <vector>
+
+namespace noxel {
+namespace {
+
+constexpr int kWidth = 8;
+constexpr int kHeight = 6;
+
+constexpr MotionEstimate kMotion = {{1.01f, -0.02f, 2.25f, 0.03f, 0.99f, -0.75f, 0, 0, 1},
+                                    {0.98f, 0.02f, -2.2f, -0.03f, 1.01f, 0.8f, 0, 0, 1},
+                                    {1.0f, 0.01f, 5.0f, -0.01f, 1.0f, -3.5f, 0, 0, 1}};
+
+// Answers what it is told to, and keeps what it was asked.
+struct ScriptedMotion {
+  MotionEstimate answer = kMotion;
+  bool valid = true;
+  int calls = 0;
+  bool lastFirst = false;
+  LumaImage lastImage = {};
+
+  static bool measure(void* context, const LumaImage& image, bool first, MotionEstimate* estimate) {
+    auto* self = static_cast<ScriptedMotion*>(context);
+    ++self->calls;
+    self->lastFirst = first;
+    self->lastImage = image;
+    *estimate = self->answer;
+    return self->valid;
+  }
+};
+
+::testing::AssertionResult isMatrix(const float (&actual)[9], const float (&expected)[9],
+                                    float translationFactor = 1.0f) {
+  for (int i = 0; i < 9; ++i) {
+    const float value = i == 2 || i == 5 ? expected[i] * translationFactor : expected[i];
+    if (actual[i] != value)
+      return ::testing::AssertionFailure() << "element " << i << ": " << actual[i] << ", not " << value;
+  }
+  return ::testing::AssertionSuccess();
+}
+
+// The thread, with the frame path's side of the hand-off.
+class RegistrationThread : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    context.width = kWidth;
+    context.height = kHeight;
+    context.motionSource = ScriptedMotion::measure;
+    context.motionSourceContext = &motion;
+    for (int i = 0; i < 2; ++i) context.luminanceFrames[i] = images[i].data();
+    ASSERT_EQ(pthread_create(&thread, nullptr, registrationThreadMain, &context), 0);
+    running = true;
+  }
+
+  void TearDown() override {
+    if (running) quit();
+  }
+
+  void* quit() {
+    {
+      Lock lock(context.quitMutex);
+      context.quitFlag = 1;
+    }
+    context.registrationRequest.raise();
+    context.registrationDone.wait();
+    void* result = nullptr;
+    pthread_join(thread, &result);
+    running = false;
+    return result;
+  }
+
+  void frame(uint8_t level = 100) {
+    context.frameSelect = 1 - context.frameSelect;
+    std::fill(images[context.frameSelect].begin(), images[context.frameSelect].end(), level);
+    context.registrationRequest.raise();
+    context.registrationDone.wait();
+  }
+
+  ::testing::AssertionResult hasNoMotion() const {
+    for (const auto* matrix : {&context.motionMatrix, &context.inverseMotionMatrix, &context.stabilizationMatrix}) {
+      if (const auto same = isMatrix(*matrix, kIdentity3x3); !same) return same;
+    }
+    return ::testing::AssertionSuccess();
+  }
+
+  ScriptedMotion motion;
+  RegistrationContext context;
+
+ private:
+  std::vector<uint8_t> images[2] = {std::vector<uint8_t>(kWidth * kHeight), std::vector<uint8_t>(kWidth* kHeight)};
+  pthread_t thread = {};
+  bool running = false;
+};
+
+TEST_F(RegistrationThread, FirstFrameOnlyPrimes) {
+  frame();
+  EXPECT_TRUE(motion.lastFirst);
+  EXPECT_EQ(context.registrationResult, kRegistrationFailed);
+  EXPECT_TRUE(hasNoMotion());
+
+  frame();
+  EXPECT_FALSE(motion.lastFirst);
+  EXPECT_EQ(context.registrationResult, kRegistrationValid);
+  EXPECT_TRUE(isMatrix(context.motionMatrix, kMotion.previousFromCurrent));
+  EXPECT_TRUE(isMatrix(context.inverseMotionMatrix, kMotion.currentFromPrevious));
+  EXPECT_TRUE(isMatrix(context.stabilizationMatrix, kMotion.stabilizedFromCurrent));
+
+  context.firstFrame = 1;  // a break of the sequence
+  frame();
+  EXPECT_TRUE(motion.lastFirst);
+  EXPECT_EQ(context.registrationResult, kRegistrationFailed);
+  EXPECT_TRUE(hasNoMotion());
+  frame();
+  EXPECT_EQ(context.registrationResult, kRegistrationValid);
+}
+
+TEST_F(RegistrationThread, MeasuresTheSelectedFrame) {
+  for (int i = 0; i < 4; ++i) {
+    frame(static_cast<uint8_t>(50 + 40 * i));
+    EXPECT_EQ(motion.lastImage.pixels, context.luminanceFrames[context.frameSelect]);
+    EXPECT_EQ(motion.lastImage.width, kWidth);
+    EXPECT_EQ(motion.lastImage.height, kHeight);
+    EXPECT_EQ(context.exposure.maxLevel, 50 + 40 * i);
+  }
+}
+
+TEST_F(RegistrationThread, TranslationsAreInFramePixels) {
+  context.resolutionFactor = 2;
+  frame();
+  EXPECT_TRUE(hasNoMotion());
+  for (int i = 0; i < 2; ++i) {  // doubled once each frame, not over and over
+    frame();
+    EXPECT_TRUE(isMatrix(context.motionMatrix, kMotion.previousFromCurrent, 2.0f));
+    EXPECT_TRUE(isMatrix(context.inverseMotionMatrix, kMotion.currentFromPrevious, 2.0f));
+    EXPECT_TRUE(isMatrix(context.stabilizationMatrix, kMotion.stabilizedFromCurrent, 2.0f));
+  }
+}
+
+TEST_F(RegistrationThread, MotionThatIsNoNumberIsNoMotion) {
+  frame();
+  for (int matrix = 0; matrix < 3; ++matrix) {
+    for (const float bad : {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity()}) {
+      SCOPED_TRACE(testing::Message() << "matrix " << matrix << ", " << bad);
+      motion.answer = kMotion;
+      float(*const matrices[3])[9] = {&motion.answer.previousFromCurrent, &motion.answer.currentFromPrevious,
+                                      &motion.answer.stabilizedFromCurrent};
+      (*matrices[matrix])[4 * matrix] = bad;
+      frame();
+      EXPECT_EQ(context.registrationResult, kRegistrationFailed);
+      EXPECT_TRUE(hasNoMotion());
+
+      motion.answer = kMotion;
+      frame();
+      EXPECT_EQ(context.registrationResult, kRegistrationValid);
+    }
+  }
+}
+
+TEST_F(RegistrationThread, AFailedMeasurementLeavesNoMotion) {
+  frame();
+  frame();
+  motion.valid = false;
+  frame();
+  EXPECT_EQ(context.registrationResult, kRegistrationFailed);
+  EXPECT_TRUE(hasNoMotion());
+  EXPECT_FALSE(motion.lastFirst);
+
+  context.motionSource = nullptr;
+  frame();
+  EXPECT_EQ(context.registrationResult, kRegistrationFailed);
+  EXPECT_TRUE(hasNoMotion());
+}
+
+TEST_F(RegistrationThread, SwitchedOffItOnlyMeasuresExposure) {
+  frame();
+  frame();
+  const int callsBefore = motion.calls;
+  ExposureState expected = context.exposure;
+  context.registrationResult = kRegistrationOff;
+  context.exposureStrength.store(90, std::memory_order_relaxed);
+  frame(40);
+  EXPECT_EQ(motion.calls, callsBefore);
+  EXPECT_EQ(context.registrationResult, kRegistrationOff);
+  EXPECT_TRUE(isMatrix(context.motionMatrix, kIdentity3x3));
+  EXPECT_TRUE(isMatrix(context.inverseMotionMatrix, kIdentity3x3));
+
+  updateExposure(&expected, {kWidth, kHeight, context.luminanceFrames[context.frameSelect]}, context.mode, 90);
+  EXPECT_EQ(context.exposure.smoothedGain, expected.smoothedGain);
+  EXPECT_EQ(context.exposure.smoothedGamma, expected.smoothedGamma);
+  EXPECT_EQ(context.exposure.maxLevel, 40);
+}
+
+TEST_F(RegistrationThread, QuitReleasesTheWaiterAndMeasuresNothing) {
+  frame();
+  EXPECT_EQ(quit(), &context);
+  EXPECT_EQ(motion.calls, 1);
+}
+
+}  // namespace
+}  // namespace noxel

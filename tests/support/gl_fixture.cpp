@@ -1,0 +1,62 @@
+#include "support/gl_fixture.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace noxel {
+
+EGLEngine* GlTest::egl = nullptr;
+
+void GlTest::SetUpTestSuite() {
+  egl = new EGLEngine;
+  if (egl->Initialize(1, 1) == 1) return;
+  egl->Release();
+  delete egl;
+  egl = nullptr;
+}
+
+void GlTest::TearDownTestSuite() {
+  if (egl != nullptr) egl->Release();
+  delete egl;
+  egl = nullptr;
+}
+
+void GlTest::SetUp() {
+  if (egl != nullptr) return;
+  const char* required = std::getenv("NOXEL_REQUIRE_GL");
+  ASSERT_FALSE(required != nullptr && std::strcmp(required, "1") == 0) << "no OpenGL ES 3.0, and NOXEL_REQUIRE_GL is 1";
+  GTEST_SKIP() << "no OpenGL ES 3.0 here";
+}
+
+void GlTest::TearDown() {
+  if (egl == nullptr) return;
+  EXPECT_EQ(glGetError(), static_cast<GLenum>(GL_NO_ERROR));
+}
+
+TestTexture::TestTexture(const Picture& picture, GLenum filter) {
+  Init(picture.width, picture.height, GL_RGBA, filter, GL_CLAMP_TO_EDGE, picture.rgba.data());
+}
+
+TestTexture::TestTexture(int textureWidth, int textureHeight, GLenum textureFormat, const std::vector<uint8_t>& bytes,
+                         GLenum filter) {
+  Init(textureWidth, textureHeight, textureFormat, filter, GL_CLAMP_TO_EDGE, bytes.data());
+}
+
+TestTarget::TestTarget(const Picture& picture, GLenum filter) {
+  Init(picture.width, picture.height, GL_RGBA, filter);
+  glBindTexture(GL_TEXTURE_2D, textureId);
+  glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, width, height, GL_RGBA, GL_UNSIGNED_BYTE, picture.rgba.data());
+}
+
+TestTarget::~TestTarget() {
+  EGLEngine withoutImages;  // no EGL image was ever bound to this target
+  Release(&withoutImages);
+}
+
+Picture TestTarget::read() {
+  Picture picture(width, height);
+  ReadPixels(0, 0, width, height, GL_RGBA, GL_UNSIGNED_BYTE, picture.rgba.data());
+  return picture;
+}
+
+}  // namespace noxel

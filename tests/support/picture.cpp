@@ -1,0 +1,95 @@
+#include "support/picture.h"
+
+#include <png.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+
+namespace noxel {
+
+Picture noisyPicture(int width, int height, unsigned seed) {
+  Picture picture(width, height);
+  std::mt19937 random(seed);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      for (int c = 0; c < 4; ++c) {
+        const bool bright = (x / 7 + y / 5 + c) % 2 == 0;
+        picture.at(x, y, c) = static_cast<uint8_t>((bright ? 150 : 20) + random() % 96);
+      }
+    }
+  }
+  return picture;
+}
+
+bool writePng(const Picture& picture, const std::string& path) {
+  png_image image;
+  std::memset(&image, 0, sizeof(image));
+  image.version = PNG_IMAGE_VERSION;
+  image.width = static_cast<png_uint_32>(picture.width);
+  image.height = static_cast<png_uint_32>(picture.height);
+  image.format = PNG_FORMAT_RGBA;
+  return png_image_write_to_file(&image, path.c_str(), 0, picture.rgba.data(), 0, nullptr) != 0;
+}
+
+Difference compare(const Picture& actual, const Picture& expected, int bound) {
+  Difference difference = {0, 0.0};
+  size_t within = 0;
+  for (size_t i = 0; i < actual.rgba.size(); ++i) {
+    const int distance = std::abs(actual.rgba[i] - expected.rgba[i]);
+    difference.largest = std::max(difference.largest, distance);
+    if (distance <= bound) ++within;
+  }
+  difference.shareWithin = static_cast<double>(within) / static_cast<double>(std::max<size_t>(actual.rgba.size(), 1));
+  return difference;
+}
+
+namespace {
+
+// Of the running test, fit for a file name.
+std::string testName() {
+  const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
+  std::string name = test != nullptr ? std::string(test->test_suite_name()) + "_" + test->name() : "picture";
+  std::replace(name.begin(), name.end(), '/', '_');
+  return name;
+}
+
+Picture differencePicture(const Picture& actual, const Picture& expected) {
+  Picture picture(actual.width, actual.height);
+  for (size_t i = 0; i < picture.rgba.size(); ++i) {
+    const int distance = std::abs(actual.rgba[i] - expected.rgba[i]);
+    picture.rgba[i] = i % 4 == 3 ? 255 : static_cast<uint8_t>(std::min(16 * distance, 255));
+  }
+  return picture;
+}
+
+// Alpha carries data in packed pictures, so that nothing would be seen of them: shown opaque.
+Picture opaque(Picture picture) {
+  for (size_t i = 3; i < picture.rgba.size(); i += 4) picture.rgba[i] = 255;
+  return picture;
+}
+
+}  // namespace
+
+::testing::AssertionResult closeTo(const Picture& actual, const Picture& expected, int largest, double share,
+                                   int bound) {
+  if (actual.width != expected.width || actual.height != expected.height || actual.rgba.empty()) {
+    return ::testing::AssertionFailure() << "actual is " << actual.width << " x " << actual.height << ", expected "
+                                         << expected.width << " x " << expected.height;
+  }
+  const int shareBound = share < 1.0 ? bound : largest;
+  const Difference difference = compare(actual, expected, shareBound);
+  if (difference.largest <= largest && difference.shareWithin >= share) return ::testing::AssertionSuccess();
+
+  const std::string name = testName();
+  const bool written = writePng(opaque(actual), name + "_actual.png") &&
+                       writePng(opaque(expected), name + "_expected.png") &&
+                       writePng(differencePicture(actual, expected), name + "_difference.png");
+  return ::testing::AssertionFailure() << "largest difference " << difference.largest << " (allowed " << largest
+                                       << "), " << 100.0 * difference.shareWithin << " % within " << shareBound
+                                       << " (wanted " << 100.0 * share << " %); pictures "
+                                       << (written ? "in " : "could not be written to ") << name << "_*.png";
+}
+
+}  // namespace noxel

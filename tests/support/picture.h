@@ -1,0 +1,41 @@
+// Pictures of 8-bit RGBA in tests: compared, and written out when they differ.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace noxel {
+
+struct Picture {
+  int width = 0;
+  int height = 0;
+  std::vector<uint8_t> rgba;  // row 0 first, no padding
+
+  Picture() = default;
+  Picture(int pictureWidth, int pictureHeight)
+      : width(pictureWidth), height(pictureHeight), rgba(static_cast<size_t>(pictureWidth * pictureHeight) * 4) {}
+
+  uint8_t& at(int x, int y, int channel) { return rgba[static_cast<size_t>(y * width + x) * 4 + channel]; }
+  uint8_t at(int x, int y, int channel) const { return rgba[static_cast<size_t>(y * width + x) * 4 + channel]; }
+};
+
+// Random bytes under hard edges: every tap of a filter that is off by one texel shows. The same seed, the same picture.
+Picture noisyPicture(int width, int height, unsigned seed);
+
+bool writePng(const Picture& picture, const std::string& path);
+
+struct Difference {
+  int largest;         // codes, over all four channels
+  double shareWithin;  // of all samples, those within the bound asked about
+};
+Difference compare(const Picture& actual, const Picture& expected, int bound);
+
+// Success when no sample differs by more than `largest` codes and at least `share` of them by no more than `bound`. On
+// failure <name>_actual.png, _expected.png and _difference.png (times 16) are left in the working directory.
+::testing::AssertionResult closeTo(const Picture& actual, const Picture& expected, int largest, double share = 1.0,
+                                   int bound = 0);
+
+}  // namespace noxel

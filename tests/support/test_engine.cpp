@@ -1,0 +1,79 @@
+#include "support/test_engine.h"
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+namespace noxel {
+
+TestClock::TestClock() : microseconds(int64_t{1'700'000'000} * 1'000'000) {
+  platform::setFrameClock(
+      [](void* self) {
+        const int64_t now = static_cast<TestClock*>(self)->microseconds.load();
+        return platform::TimeOfDay{now / 1'000'000, now % 1'000'000};
+      },
+      this);
+}
+
+TestClock::~TestClock() {
+  platform::setFrameClock(nullptr, nullptr);
+}
+
+void TestClock::advance(double milliseconds) {
+  microseconds += static_cast<int64_t>(milliseconds * 1000.0);
+}
+
+Frame::Frame(int frameWidth, int frameHeight, unsigned char luma, unsigned char v, unsigned char u)
+    : width(frameWidth), height(frameHeight), bytes(frameSize(frameWidth, frameHeight), luma) {
+  for (size_t i = static_cast<size_t>(width) * height; i + 1 < bytes.size(); i += 2) {
+    bytes[i] = v;
+    bytes[i + 1] = u;
+  }
+}
+
+TestEngine::TestEngine(int width, int height, EngineSetUp setUp) {
+  const int result = initializeEngine(width, height, setUp.mode, setUp.ringSlots, setUp.outputDelay,
+                                      setUp.syncWithCaller, nullptr, &handle);
+  EXPECT_EQ(result, 0);
+}
+
+TestEngine::~TestEngine() {
+  EXPECT_EQ(releaseEngine(&handle), 0);
+}
+
+int TestEngine::process(Frame* frame) {
+  clock.advance(33);
+  return KRProcessFrame(frame->bytes.data(), handle);
+}
+
+void TestEngine::set(unsigned internalId, int value) {
+  EXPECT_EQ(KRSetParameter(internalId, &value, handle), 0);
+}
+
+void TestEngine::setMotion(std::function<bool(bool, MotionEstimate*)> source) {
+  motion = std::move(source);
+  handle->registration.motionSourceContext = this;
+  handle->registration.motionSource = [](void* self, const LumaImage&, bool first, MotionEstimate* estimate) {
+    return static_cast<TestEngine*>(self)->motion(first, estimate);
+  };
+}
+
+bool driverRequired() {
+  const char* required = std::getenv("NOXEL_REQUIRE_GL");
+  return required != nullptr && std::strcmp(required, "1") == 0;
+}
+
+double lumaPsnr(const Frame& a, const Frame& b, int margin) {
+  double sum = 0.0;
+  int count = 0;
+  for (int y = margin; y < a.height - margin; ++y) {
+    for (int x = margin; x < a.width - margin; ++x) {
+      const double difference = a.luma(x, y) - b.luma(x, y);
+      sum += difference * difference;
+      ++count;
+    }
+  }
+  return 10.0 * std::log10(255.0 * 255.0 * count / sum);
+}
+
+}  // namespace noxel
