@@ -1,0 +1,54 @@
+// Small clips for the tests, made with FFmpeg's encoders.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "av_types.h"
+#include "video_reader.h"
+
+namespace noxel::tool {
+
+// A folder of the running test, removed with everything in it.
+class TemporaryFolder {
+ public:
+  TemporaryFolder();
+  ~TemporaryFolder();
+  TemporaryFolder(const TemporaryFolder&) = delete;
+  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+  std::vector<std::string> names() const;  // of the files in it, sorted
+
+ private:
+  std::string path_;
+};
+
+struct ClipSpec {
+  int width = 64;
+  int height = 48;
+  AVRational timeBase = {1, 1000};
+  std::vector<int64_t> times = {0, 40, 80, 120, 160, 200};  // one frame each, in timeBase
+  AVCodecID video = AV_CODEC_ID_MPEG4;                      // or MJPEG
+  AVCodecID audio = AV_CODEC_ID_NONE;                       // AAC or PCM, one second of a tone
+  bool rotated = false;                                     // shown turned by 90 degrees
+  AVColorSpace matrix = AVCOL_SPC_SMPTE170M;
+  AVColorRange range = AVCOL_RANGE_JPEG;
+};
+
+// In the container of the name's extension; Matroska keeps all of it. Frame i is a ramp of luma with lumaOf(i) added.
+void writeClip(const std::string& path, const ClipSpec& spec);
+int lumaOf(int frame);  // the mean luma that frame i has, to within a coder's loss
+
+FramePtr flatPlanar(int width, int height, int y, int u, int v);
+FramePtr rampPlanar(int width, int height, int meanLuma);
+
+// Times of all frames in seconds; the sizes (bytes) of all audio packets.
+struct ClipContents {
+  std::vector<double> seconds;
+  std::vector<int> audioSizes;
+  std::optional<DisplayMatrix> displayMatrix;
+};
+ClipContents contentsOf(const std::string& path);
+
+}  // namespace noxel::tool

@@ -1,0 +1,163 @@
+#include "colour_conversion.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <cstdlib>
+
+#include "clips.h"
+#include "nv21_frame.h"
+#include "tool_error.h"
+
+namespace noxel::tool {
+namespace {
+
+using Triple = std::array<int, 3>;  // Y, Cb, Cr codes
+
+struct Weights {
+  double red, blue;
+};
+constexpr Weights kBt601 = {0.299, 0.114};
+constexpr Weights kBt709 = {0.2126, 0.0722};
+
+// The codes of an R'G'B' colour in 0..1 by the standards' formulas.
+Triple codes(const std::array<double, 3>& rgb, Weights weights, bool full) {
+  const double y = weights.red * rgb[0] + (1 - weights.red - weights.blue) * rgb[1] + weights.blue * rgb[2];
+  const double cb = (rgb[2] - y) / (2 * (1 - weights.blue));
+  const double cr = (rgb[0] - y) / (2 * (1 - weights.red));
+  const auto code = [](double value) { return static_cast<int>(std::lround(std::min(std::max(value, 0.0), 255.0))); };
+  if (full) return {code(255 * y), code(128 + 255 * cb), code(128 + 255 * cr)};
+  return {code(16 + 219 * y), code(128 + 224 * cb), code(128 + 224 * cr)};
+}
+
+FramePtr tagged(FramePtr frame, AVColorSpace matrix, AVColorRange range) {
+  frame->colorspace = matrix;
+  frame->color_range = range;
+  return frame;
+}
+
+Triple middle(const AVFrame& frame) {
+  const ptrdiff_t y = frame.height / 2;
+  return {frame.data[0][y * frame.linesize[0] + frame.width / 2],
+          frame.data[1][y / 2 * frame.linesize[1] + frame.width / 4],
+          frame.data[2][y / 2 * frame.linesize[2] + frame.width / 4]};
+}
+
+int distance(const Triple& a, const Triple& b) {
+  int largest = 0;
+  for (size_t i = 0; i < 3; ++i) largest = std::max(largest, std::abs(a[i] - b[i]));
+  return largest;
+}
+
+constexpr std::array<double, 3> kPatches[] = {{0, 0, 0},          {1, 1, 1},       {0.5, 0.5, 0.5}, {1, 0, 0},
+                                              {0, 1, 0},          {0, 0, 1},       {1, 1, 0},       {0, 1, 1},
+                                              {0.02, 0.03, 0.05}, {0.8, 0.2, 0.4}, {0.1, 0.6, 0.9}};
+
+TEST(ColourConversion, EngineColoursPassBitExactly) {
+  for (const AVColorSpace matrix : {AVCOL_SPC_SMPTE170M, AVCOL_SPC_BT470BG, AVCOL_SPC_UNSPECIFIED}) {
+    const FramePtr frame = tagged(rampPlanar(641, 361, 128), matrix, AVCOL_RANGE_JPEG);
+    ColourConversion colours(*frame);
+    const FramePtr engine = colours.toEngine(*padded(*colours.planar(*frame)));
+    const FramePtr back = colours.fromEngine(*engine);
+    for (int y = 0; y < 361; ++y) {
+      const ptrdiff_t offset = static_cast<ptrdiff_t>(y) * frame->linesize[0];
+      ASSERT_EQ(std::equal(frame->data[0] + offset, frame->data[0] + offset + 641,
+                           back->data[0] + static_cast<ptrdiff_t>(y) * back->linesize[0]),
+                true)
+          << "row " << y;
+    }
+    EXPECT_EQ(distance(middle(*frame), middle(*back)), 0);
+  }
+}
+
+TEST(ColourConversion, LimitedRangeReachesTheEngineAsFullBt601AndComesBack) {
+  const struct {
+    AVColorSpace matrix;
+    Weights weights;
+    bool full;
+  } kinds[] = {{AVCOL_SPC_SMPTE170M, kBt601, false}, {AVCOL_SPC_BT709, kBt709, false}, {AVCOL_SPC_BT709, kBt709, true}};
+  for (const auto& kind : kinds) {
+    for (const auto& rgb : kPatches) {
+      SCOPED_TRACE(testing::Message() << kind.matrix << " rgb " << rgb[0] << ' ' << rgb[1] << ' ' << rgb[2]);
+      const Triple in = codes(rgb, kind.weights, kind.full);
+      const FramePtr frame =
+          tagged(flatPlanar(20, 10, in[0], in[1], in[2]), kind.matrix, kind.full ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG);
+      ColourConversion colours(*frame);
+      const FramePtr engine = colours.toEngine(*colours.planar(*frame));
+      // The input is rounded to codes, which the expansion widens by 255 / 219, and the result is rounded once more.
+      EXPECT_LE(distance(middle(*engine), codes(rgb, kBt601, true)), 2);
+      EXPECT_LE(distance(middle(*colours.fromEngine(*engine)), in), 2);
+    }
+  }
+}
+
+TEST(ColourConversion, Bt709RedBecomesBt601Red) {
+  const FramePtr frame = tagged(flatPlanar(8, 8, 63, 102, 240), AVCOL_SPC_BT709, AVCOL_RANGE_MPEG);
+  ColourConversion colours(*frame);
+  // Taken for BT.601 it would stay near (55, 98, 255); red is (76, 85, 255), reached to within the input's rounding.
+  EXPECT_LE(distance(middle(*colours.toEngine(*colours.planar(*frame))), {76, 85, 255}), 1);
+}
+
+TEST(ColourConversion, WhatIsNotStatedFollowsSizeAndFormat) {
+  const struct {
+    int width, height;
+    AVPixelFormat format;
+    AVColorSpace matrix;
+    AVColorRange range;
+  } rows[] = {{1278, 576, AV_PIX_FMT_YUV420P, AVCOL_SPC_SMPTE170M, AVCOL_RANGE_MPEG},
+              {1280, 20, AV_PIX_FMT_YUV420P, AVCOL_SPC_BT709, AVCOL_RANGE_MPEG},
+              {20, 578, AV_PIX_FMT_YUVJ420P, AVCOL_SPC_BT709, AVCOL_RANGE_JPEG},
+              {20, 20, AV_PIX_FMT_RGB24, AVCOL_SPC_SMPTE170M, AVCOL_RANGE_MPEG}};
+  for (const auto& row : rows) {
+    const FramePtr frame = makePicture(row.width, row.height, row.format);
+    const ColourConversion colours(*frame);
+    EXPECT_EQ(colours.matrix(), row.matrix) << row.width;
+    EXPECT_EQ(colours.range(), row.range) << row.width;
+  }
+  // The guess serves the conversion only: the output stays as untagged as the input.
+  EXPECT_EQ(ColourConversion(*makePicture(8, 8, AV_PIX_FMT_YUV420P)).tags().matrix, AVCOL_SPC_UNSPECIFIED);
+}
+
+TEST(ColourConversion, OtherFormatsBecomeEightBit420InTheirOwnRange) {
+  const FramePtr ten = tagged(makePicture(9, 7, AV_PIX_FMT_YUV422P10LE), AVCOL_SPC_BT709, AVCOL_RANGE_MPEG);
+  const int values[] = {63 * 4, 102 * 4, 240 * 4};
+  for (int plane = 0; plane < 3; ++plane) {
+    auto* samples = reinterpret_cast<uint16_t*>(ten->data[plane]);
+    std::fill_n(samples, 7 * ten->linesize[plane] / 2, static_cast<uint16_t>(values[plane]));
+  }
+  ColourConversion colours(*ten);
+  const FramePtr planar = colours.planar(*ten);
+  EXPECT_EQ(planar->format, AV_PIX_FMT_YUV420P);
+  EXPECT_EQ(middle(*planar), (Triple{63, 102, 240}));
+
+  const FramePtr rgb = makePicture(16, 16, AV_PIX_FMT_RGB24);
+  for (int i = 0; i < 16 * rgb->linesize[0]; ++i) rgb->data[0][i] = i % 3 == 0 ? 255 : 0;
+  for (int y = 0; y < 16; ++y) {
+    for (int x = 0; x < 48; ++x) rgb->data[0][y * rgb->linesize[0] + x] = x % 3 == 0 ? 255 : 0;
+  }
+  ColourConversion fromRgb(*rgb);
+  EXPECT_LE(distance(middle(*fromRgb.planar(*rgb)), codes({1, 0, 0}, kBt601, false)), 1);
+}
+
+TEST(ColourConversion, RefusesAMatrixItCannotConvert) {
+  const FramePtr frame = tagged(flatPlanar(8, 8, 100, 128, 128), AVCOL_SPC_BT2020_CL, AVCOL_RANGE_MPEG);
+  try {
+    ColourConversion colours(*frame);
+    FAIL() << "accepted";
+  } catch (const ToolError& error) {
+    EXPECT_EQ(error.code(), kExitFailed);
+    EXPECT_NE(std::string(error.what()).find("bt2020c"), std::string::npos);
+  }
+}
+
+TEST(ColourConversion, PictureShowsTheEnginesColours) {
+  const Triple red = codes({1, 0, 0}, kBt601, true);
+  const FramePtr rgb = engineToRgb(*flatPlanar(16, 4, red[0], red[1], red[2]));
+  EXPECT_GE(rgb->data[0][0], 253);  // codes are rounded: up to 1.4 levels in red
+  EXPECT_LE(rgb->data[0][1], 2);
+  EXPECT_LE(rgb->data[0][2], 2);
+}
+
+}  // namespace
+}  // namespace noxel::tool

@@ -1,0 +1,85 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "clips.h"
+#include "tool_error.h"
+
+namespace noxel::tool {
+namespace {
+
+struct Outcome {
+  int exitCode;
+  std::string out;
+  std::string error;
+};
+
+std::string contents(const std::string& path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// The built command with these arguments, standard input empty.
+Outcome noxel(const TemporaryFolder& folder, const std::string& arguments) {
+  const TemporaryFolder output;
+  const std::string command = "XDG_CACHE_HOME='" + folder.file("cache") + "' '" NOXEL_EXECUTABLE "' " + arguments +
+                              " </dev/null >'" + output.file("out") + "' 2>'" + output.file("error") + "'";
+  const int status = std::system(command.c_str());
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contents(output.file("out")), contents(output.file("error"))};
+}
+
+TEST(Command, HelpAndVersionAreNoErrors) {
+  const TemporaryFolder folder;
+  EXPECT_EQ(noxel(folder, "--help").exitCode, kExitFine);
+  EXPECT_NE(noxel(folder, "enhance --help").out.find("--neutral-exposure"), std::string::npos);
+  const Outcome version = noxel(folder, "--version");
+  EXPECT_EQ(version.exitCode, kExitFine);
+  EXPECT_EQ(version.out.rfind("Version: 1.1.7, Build date: ", 0), 0u) << version.out;
+}
+
+TEST(Command, RefusesWhatItWasNotMeantToDo) {
+  const TemporaryFolder folder;
+  const std::string in = folder.file("in.mp4");
+  writeClip(in, {});
+  std::ofstream(folder.file("old.mp4")) << "old";
+  for (const std::string& arguments :
+       {std::string(), std::string("bogus"), "enhance " + in, "enhance " + in + " -o " + folder.file("old.mp4"),
+        "enhance " + in + " -o " + folder.file("x.avi"), "enhance " + in + " -y -o " + in,
+        "enhance " + in + " --strength 101 -o " + folder.file("x.mp4"),
+        "enhance " + in + " --denoise both -o " + folder.file("x.mp4"), std::string("enhance - -y -o /dev/null")}) {
+    const Outcome outcome = noxel(folder, arguments);
+    EXPECT_EQ(outcome.exitCode, kExitUsage) << arguments;
+    EXPECT_EQ(outcome.error.rfind("noxel: ", 0), 0u) << outcome.error;
+  }
+  EXPECT_EQ(contents(folder.file("old.mp4")), "old");
+}
+
+TEST(Command, TellsUnreadableInput) {
+  const TemporaryFolder folder;
+  std::ofstream(folder.file("text.mp4")) << "no video";
+  for (const std::string& input : {folder.file("text.mp4"), folder.file("missing.mp4"), std::string("-")}) {
+    const Outcome outcome = noxel(folder, "enhance " + input + " -o " + folder.file("x.mp4"));
+    EXPECT_EQ(outcome.exitCode, kExitUnreadable) << input;
+    EXPECT_EQ(outcome.error.rfind("noxel: ", 0), 0u) << outcome.error;
+  }
+}
+
+TEST(Command, TellsThatThereIsNoGl) {
+  const TemporaryFolder folder;
+  writeClip(folder.file("in.mp4"), {});
+  // The EGL dispatcher finds no driver.
+  ASSERT_EQ(setenv("__EGL_VENDOR_LIBRARY_FILENAMES", "/nonexistent", 1), 0);
+  const Outcome enhance = noxel(folder, "enhance " + folder.file("in.mp4") + " -o " + folder.file("x.mp4"));
+  unsetenv("__EGL_VENDOR_LIBRARY_FILENAMES");
+  if (enhance.exitCode == kExitFine) GTEST_SKIP() << "this EGL has no dispatcher in front of its driver";
+  EXPECT_EQ(enhance.exitCode, kExitNoGl);
+  EXPECT_NE(enhance.error.find("noxel: no usable OpenGL ES 3.0"), std::string::npos) << enhance.error;
+  EXPECT_EQ(folder.names(), (std::vector<std::string>{"cache", "in.mp4"}));
+}
+
+}  // namespace
+}  // namespace noxel::tool

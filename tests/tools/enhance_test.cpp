@@ -1,0 +1,184 @@
+#include "enhance.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "clips.h"
+#include "interrupt.h"
+#include "nv21_frame.h"
+#include "progress.h"
+#include "statistics.h"
+#include "tool_error.h"
+
+namespace noxel::tool {
+namespace {
+
+constexpr int kLift = 40;
+
+// What the engine would be told, and a lift of the luma in its place.
+struct FakeRecord {
+  EnhancerSettings settings;
+  int warmUps = 0;
+  std::vector<int64_t> times;  // microseconds
+  int stopAt = -1;             // the frame during which the user asks for the end
+};
+
+class FakeEnhancer : public Enhancer {
+ public:
+  FakeEnhancer(const EnhancerSettings& settings, FakeRecord& record) : record_(record) { record.settings = settings; }
+  int warmUp(const uint8_t*) override { return ++record_.warmUps; }
+  void enhance(uint8_t* nv21, int64_t presentationUs) override {
+    if (static_cast<int>(record_.times.size()) == record_.stopAt) requestStop(true);
+    record_.times.push_back(presentationUs);
+    const int count = record_.settings.width * record_.settings.height;
+    for (int i = 0; i < count; ++i) nv21[i] = static_cast<uint8_t>(nv21[i] + kLift);
+  }
+  FrameReport report() const override { return {1, 0.75f, 1.25f, 1.0f, 2.0, 1.0}; }
+
+ private:
+  FakeRecord& record_;
+};
+
+class Enhance : public testing::Test {
+ protected:
+  Enhance() {
+    options_.input = folder_.file("in.mkv");
+    options_.output = folder_.file("out.mkv");
+    options_.quiet = true;
+  }
+  ~Enhance() override { requestStop(false); }
+
+  int run() {
+    return runEnhance(options_, [this](const EnhancerSettings& settings) {
+      return std::make_unique<FakeEnhancer>(settings, record_);
+    });
+  }
+
+  const TemporaryFolder folder_;
+  EnhanceOptions options_;
+  FakeRecord record_;
+};
+
+TEST_F(Enhance, OneFrameOutForEachInLiftedByTheEnhancer) {
+  ClipSpec spec;
+  spec.width = 66;  // padded to 68 for the engine
+  spec.height = 50;
+  spec.times = {0, 40, 120, 2000, 2040};
+  writeClip(options_.input, spec);
+  options_.exposure = 30;
+  options_.denoise = "temporal";
+  ASSERT_EQ(run(), kExitFine);
+
+  EXPECT_EQ(record_.settings.width, 68);
+  EXPECT_EQ(record_.settings.height, 50);
+  EXPECT_EQ(record_.settings.exposure, 30);
+  EXPECT_FALSE(record_.settings.spatialDenoise);
+  EXPECT_EQ(record_.warmUps, 1);
+  EXPECT_EQ(record_.times, (std::vector<int64_t>{0, 40'000, 120'000, 2'000'000, 2'040'000}));
+
+  VideoReader reader(options_.output);
+  for (size_t i = 0; i < spec.times.size(); ++i) {
+    const FramePtr frame = reader.next();
+    ASSERT_TRUE(frame);
+    ASSERT_EQ(frame->width, 66);
+    EXPECT_EQ(av_rescale_q(frame->pts, reader.timeBase(), spec.timeBase), spec.times[i]);
+    // Two coders' losses in the mean.
+    EXPECT_NEAR(meanLuma(frame->data[0], frame->linesize[0], 66, 50), lumaOf(static_cast<int>(i)) + kLift, 1.5);
+  }
+  EXPECT_FALSE(reader.next());
+}
+
+TEST_F(Enhance, CompareLeavesTheLeftHalfAsItCame) {
+  ClipSpec spec;
+  spec.matrix = AVCOL_SPC_BT709;
+  spec.range = AVCOL_RANGE_MPEG;
+  writeClip(options_.input, spec);
+  options_.output = folder_.file("out.y4m");
+  options_.compare = true;
+  ASSERT_EQ(run(), kExitFine);
+  const FramePtr in = VideoReader(options_.input).next();
+  const FramePtr out = VideoReader(options_.output).next();
+  for (int y = 0; y < in->height; ++y) {
+    const uint8_t* before = in->data[0] + static_cast<ptrdiff_t>(y) * in->linesize[0];
+    const uint8_t* after = out->data[0] + static_cast<ptrdiff_t>(y) * out->linesize[0];
+    for (int x = 0; x < 32; ++x) ASSERT_EQ(before[x], after[x]) << x << ',' << y;
+    // The lift of 40 full-range codes is 34.4 limited ones; the conversions round within 2.
+    for (int x = 32; x < 64; ++x) ASSERT_NEAR(after[x] - before[x], kLift * 219.0 / 255, 2) << x << ',' << y;
+  }
+}
+
+TEST_F(Enhance, WritesStatisticsAndPicture) {
+  writeClip(options_.input, {});
+  options_.statsFile = folder_.file("run.json");
+  options_.pictureFile = folder_.file("frame.png");
+  options_.warmUp = false;
+  ASSERT_EQ(run(), kExitFine);
+  EXPECT_EQ(record_.warmUps, 0);
+
+  const auto json = nlohmann::json::parse(std::ifstream(options_.statsFile));
+  EXPECT_EQ(json["summary"]["frames"], 6);
+  EXPECT_EQ(json["input"]["width"], 64);
+  EXPECT_EQ(json["options"]["warm_up"], false);
+  ASSERT_EQ(json["frames"].size(), 6u);
+  EXPECT_EQ(json["frames"][3]["index"], 3);
+  EXPECT_DOUBLE_EQ(json["frames"][3]["time"].get<double>(), 0.12);
+  EXPECT_EQ(json["frames"][3]["status"], 1);
+  EXPECT_FLOAT_EQ(json["frames"][3]["gamma"].get<float>(), 0.75f);
+  const double before = json["frames"][3]["mean_luma_before"];
+  // Full range: the clip's codes are the engine's.
+  EXPECT_NEAR(before, lumaOf(3), 1.0);
+  EXPECT_DOUBLE_EQ(json["frames"][3]["mean_luma_after"].get<double>() - before, kLift);
+
+  // Asked for frame 25 of 6: the last one, before on the left, after on the right.
+  const FramePtr picture = VideoReader(options_.pictureFile).next();
+  ASSERT_EQ(picture->width, 128);
+  ASSERT_EQ(picture->height, 48);
+  const auto green = [&](int x) { return picture->data[0][24 * picture->linesize[0] + 3 * x + 1]; };
+  EXPECT_NEAR(green(96) - green(32), kLift, 2);
+}
+
+TEST_F(Enhance, FinishesTheFileWhenStopped) {
+  writeClip(options_.input, {});
+  record_.stopAt = 2;
+  ASSERT_EQ(run(), kExitFine);
+  requestStop(false);
+  EXPECT_EQ(contentsOf(options_.output).seconds.size(), 3u);
+}
+
+TEST_F(Enhance, ASizeChangeLeavesNoOutput) {
+  ClipSpec spec;
+  spec.video = AV_CODEC_ID_MJPEG;  // whose files can be put one behind the other
+  writeClip(folder_.file("a.mjpeg"), spec);
+  spec.width = 32;
+  writeClip(folder_.file("b.mjpeg"), spec);
+  std::ofstream(options_.input = folder_.file("ab.mjpeg"), std::ios::binary)
+      << std::ifstream(folder_.file("a.mjpeg"), std::ios::binary).rdbuf()
+      << std::ifstream(folder_.file("b.mjpeg"), std::ios::binary).rdbuf();
+  try {
+    run();
+    FAIL() << "accepted";
+  } catch (const ToolError& error) {
+    EXPECT_EQ(error.code(), kExitFailed);
+    EXPECT_NE(std::string(error.what()).find("64x48 to 32x48"), std::string::npos) << error.what();
+  }
+  EXPECT_EQ(folder_.names(), (std::vector<std::string>{"a.mjpeg", "ab.mjpeg", "b.mjpeg"}));
+}
+
+TEST(Statistics, PercentilesAreNearestRanks) {
+  EXPECT_EQ(percentile({}, 50), 0);
+  EXPECT_EQ(percentile({4, 1, 3, 2}, 50), 2);
+  EXPECT_EQ(percentile({4, 1, 3, 2}, 95), 4);
+  EXPECT_EQ(percentile({7}, 0), 7);
+}
+
+TEST(Progress, TellsFrameRateAndTimeLeft) {
+  EXPECT_EQ(progressText(120, 1500, 5.0), "frame 120/1500  24.0 fps  0:58 left");
+  EXPECT_EQ(progressText(10, 100010, 10.0), "frame 10/100010  1.0 fps  27:46:40 left");
+  EXPECT_EQ(progressText(30, 0, 2.0), "frame 30  15.0 fps");
+  EXPECT_EQ(progressText(31, 30, 2.0), "frame 31/31  15.5 fps  0:00 left");
+}
+
+}  // namespace
+}  // namespace noxel::tool

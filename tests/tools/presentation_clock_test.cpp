@@ -1,0 +1,93 @@
+#include "presentation_clock.h"
+
+#include <gtest/gtest.h>
+
+#include "enhancer_session.h"
+
+namespace noxel::tool {
+namespace {
+
+int64_t microseconds(const PresentationClock& clock) {
+  const platform::TimeOfDay time = clock.now();
+  EXPECT_GE(time.microseconds, 0);
+  EXPECT_LT(time.microseconds, 1'000'000);
+  return time.seconds * 1'000'000 + time.microseconds;
+}
+
+TEST(PresentationClock, StepsStayWithinASequenceUnlessTheClipHasAHole) {
+  struct Row {
+    int64_t nominal, interval, step;
+  };
+  constexpr Row kRows[] = {
+      {40'000, 40'000, 40'000},         // the clip's own
+      {33'367, 33'366, 33'366},         //
+      {40'000, 200'000, 199'000},       // five intervals: a pause, shortened
+      {40'000, 200'001, 1'600'000},     // a hole, made long enough to be a break
+      {40'000, 7'000'000, 7'000'000},   //
+      {100'000, 199'000, 199'000},      // longest step that is no break
+      {100'000, 500'000, 199'000},      //
+      {199'999, 199'999, 199'000},      // just no slow clip
+      {200'000, 200'000, 33'000},       // slow clips run like a camera
+      {250'000, 1'000'000, 33'000},     // exactly one second is no hole
+      {250'000, 1'000'001, 1'600'000},  //
+      {500'000, 1'000'000, 33'000},     // one frame lost
+      {3'000'000, 6'000'000, 33'000},   // a time lapse: each interval is above a second
+      {3'000'000, 15'000'001, 15'000'001},
+      {40'000, 0, 1},                   // times that stand still keep the clock running
+  };
+  for (const Row& row : kRows) {
+    EXPECT_EQ(PresentationClock(row.nominal).stepFor(row.interval), row.step) << row.nominal << ' ' << row.interval;
+  }
+}
+
+TEST(PresentationClock, FollowsTheClipWithoutDrift) {
+  PresentationClock clock(33'367);
+  clock.show(-500);
+  const int64_t start = microseconds(clock);
+  for (int64_t i = 1; i <= 300; ++i) clock.show(i * 1'001'000 / 30 - 500);
+  EXPECT_EQ(microseconds(clock) - start, 10'010'000);
+}
+
+TEST(PresentationClock, FirstFrameAndRestartAreBreaksForTheEngine) {
+  constexpr int64_t kEngineBreakUs = 1'500'000;
+  PresentationClock clock(40'000);
+  const int64_t before = microseconds(clock);
+  EXPECT_GT(before, kEngineBreakUs);  // the engine's first time is zero
+  clock.repeat();
+  const int64_t first = microseconds(clock);
+  EXPECT_GT(first - before, kEngineBreakUs);
+  clock.repeat();
+  EXPECT_EQ(microseconds(clock) - first, 33'000);
+  clock.restart();
+  clock.show(0);
+  EXPECT_GT(microseconds(clock) - first - 33'000, kEngineBreakUs);
+  const platform::TimeOfDay read = PresentationClock::read(&clock);
+  EXPECT_EQ(read.seconds, clock.now().seconds);
+}
+
+TEST(ExposureSettling, EndsWhenGammaAndGainRestAndNotBeforeTheyMove) {
+  ExposureSettling settling;
+  FrameReport report = {};
+  report.gamma = report.gain = 1.0f;
+  // Eased twice with 0.2, as the engine eases gamma: slow at first, then quick, then slow.
+  float eased = 1.0f;
+  bool settled = false;
+  while (!settled) {
+    eased += 0.2f * (0.6f - eased);
+    report.gamma += 0.2f * (eased - report.gamma);
+    settled = settling.settled(report);
+  }
+  EXPECT_NEAR(report.gamma, 0.6f, 0.01f);  // changes below 0.001 at a rate of 0.2 leave less than 0.01
+  EXPECT_LT(settling.rounds(), ExposureSettling::kMostRounds);
+
+  ExposureSettling restless;
+  int rounds = 0;
+  do {
+    ++rounds;
+    report.gain = rounds % 2 == 0 ? 1.0f : 1.1f;
+  } while (!restless.settled(report) && rounds < 1000);
+  EXPECT_EQ(rounds, 60);
+}
+
+}  // namespace
+}  // namespace noxel::tool

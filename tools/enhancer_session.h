@@ -1,0 +1,74 @@
+// The engine as the run uses it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "api/engine_control.h"
+#include "presentation_clock.h"
+
+namespace noxel::tool {
+
+struct EnhancerSettings {
+  int width = 0;  // padded
+  int height = 0;
+  int64_t nominalIntervalUs = 40'000;
+  bool spatialDenoise = true;
+  int strength = 65;  // 0..100, as the next
+  int exposure = 50;
+  bool neutralExposure = false;
+  bool stabilize = false;
+};
+
+// Enhances frame after frame of one clip, each in place and at once. One thread.
+class Enhancer {
+ public:
+  virtual ~Enhancer() = default;
+  // Lets the exposure settle on the first frame, which is not changed. Returns the number of rounds it took.
+  virtual int warmUp(const uint8_t* nv21) = 0;
+  virtual void enhance(uint8_t* nv21, int64_t presentationUs) = 0;
+  virtual FrameReport report() const = 0;  // on the frame enhanced last
+};
+
+using EnhancerFactory = std::function<std::unique_ptr<Enhancer>(const EnhancerSettings&)>;
+
+// Owns an engine and the process-wide frame clock: one at a time. ToolError with kExitNoGl where no engine can work.
+class EnhancerSession : public Enhancer {
+ public:
+  explicit EnhancerSession(const EnhancerSettings& settings);
+  ~EnhancerSession() override;
+  EnhancerSession(const EnhancerSession&) = delete;
+  EnhancerSession& operator=(const EnhancerSession&) = delete;
+
+  int warmUp(const uint8_t* nv21) override;
+  void enhance(uint8_t* nv21, int64_t presentationUs) override;
+  FrameReport report() const override;
+
+ private:
+  void process(uint8_t* nv21);
+
+  EnhancerSettings settings_;
+  PresentationClock clock_;
+  _KRSuperResEngine* engine_ = nullptr;
+};
+
+// Whether gamma and gain have come to rest, fed with one report after the other.
+class ExposureSettling {
+ public:
+  static constexpr float kSmallChange = 0.001f;
+  static constexpr int kQuietRounds = 5;
+  static constexpr int kFirstRounds = 10;  // the easing starts slowly: rest before it moves is none
+  static constexpr int kMostRounds = 60;
+
+  bool settled(const FrameReport& report);
+  int rounds() const { return rounds_; }
+
+ private:
+  float gamma_ = 1.0f;
+  float gain_ = 1.0f;
+  int rounds_ = 0;
+  int quiet_ = 0;
+};
+
+}  // namespace noxel::tool

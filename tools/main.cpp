@@ -1,0 +1,145 @@
+// The command `noxel`.
+extern "C" {
+#include <libavutil/log.h>
+}
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+
+#include "engine_log.h"
+#include "enhance.h"
+#include "info.h"
+#include "interrupt.h"
+#include "noxel/noxel.h"
+#include "program_cache_path.h"
+#include "tool_error.h"
+
+namespace noxel::tool {
+namespace {
+
+constexpr char kFooter[] = R"(Exit codes:
+  0  fine (also when Ctrl-C ended the run early: the output then is whole up to there)
+  1  failed while running; no output is left behind
+  2  the command line asks for something that cannot be done
+  3  no usable OpenGL ES 3.0
+  4  the input cannot be read
+)";
+
+constexpr char kEnhanceFooter[] = R"(Examples:
+  noxel enhance night.mp4 -o bright.mp4
+  noxel enhance night.mp4 -o half.mp4 --compare --picture frame.png --stats run.json
+  other-tool --to-y4m | noxel enhance - -o - --denoise temporal | player -
+
+The output has one frame for each of the input with the same time stamps, size and colour tags; audio and rotation are
+kept (.y4m holds neither). It is written as 8-bit H.264 under a temporary name beside OUTPUT and renamed when it is whole.
+Ctrl-C finishes the file with the frames done so far; pressed again it ends at once.
+)";
+
+void addEnhance(CLI::App& app, EnhanceOptions& options) {
+  CLI::App* command = app.add_subcommand("enhance", "Brighten and denoise a video");
+  command->footer(kEnhanceFooter);
+  command->add_option("INPUT", options.input, "Any video FFmpeg reads, or - for Y4M on standard input")->required();
+  command->add_option("-o,--output", options.output, ".mp4, .mkv or .y4m, or - for Y4M on standard output")
+      ->required()
+      ->type_name("OUTPUT");
+  command->add_flag("-y,--overwrite", options.overwrite, "Overwrite files that exist");
+
+  const char* look = "Look";
+  command
+      ->add_option("--denoise", options.denoise,
+                   "spatial works within a frame, temporal across frames along the camera's motion")
+      ->check(CLI::IsMember({"temporal", "spatial"}))
+      ->capture_default_str()
+      ->group(look);
+  command->add_option("--strength", options.strength, "Noise reduction")
+      ->check(CLI::Range(0, 100))
+      ->capture_default_str()
+      ->group(look);
+  command->add_option("--exposure", options.exposure, "How far dark pictures are brightened")
+      ->check(CLI::Range(0, 100))
+      ->capture_default_str()
+      ->group(look);
+  command->add_flag("--neutral-exposure", options.neutralExposure, "Denoise only; --exposure has no effect")
+      ->group(look);
+  command->add_flag("--stabilize", options.stabilize, "Smooth the camera's motion")->group(look);
+  command
+      ->add_flag_callback(
+          "--no-warm-up", [&options] { options.warmUp = false; },
+          "Let the exposure ease in from neutral instead of settling on the first frame beforehand")
+      ->group(look);
+
+  const char* written = "What is written";
+  command->add_flag("--compare", options.compare, "Left half as it came, right half enhanced")->group(written);
+  command->add_option("--crf", options.crf, "H.264 quality; less is better and larger")
+      ->check(CLI::Range(0, 51))
+      ->capture_default_str()
+      ->group(written);
+  command->add_option("--picture", options.pictureFile, "One frame before and after, as a PNG")
+      ->type_name("FILE.png")
+      ->group(written);
+  command
+      ->add_option("--picture-frame", options.pictureFrame,
+                   "Which frame, counted from 0; the last one if the clip is shorter")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str()
+      ->group(written);
+  command->add_option("--stats", options.statsFile, "Measurements of the run and of each frame, as JSON")
+      ->type_name("FILE.json")
+      ->group(written);
+
+  command->add_flag("-q,--quiet", options.quiet, "No progress and no notes, only errors");
+  command->add_flag("-v,--verbose", options.verbose, "Show the engine's log and FFmpeg's warnings");
+}
+
+int enhanceWithLog(const EnhanceOptions& options) {
+  av_log_set_level(options.verbose ? AV_LOG_WARNING : AV_LOG_QUIET);
+  installInterruptHandlers();
+  useProgramCache();
+  const EngineLog log(options.verbose);
+  try {
+    return runEnhance(options);
+  } catch (const ToolError& error) {
+    if (error.code() == kExitNoGl) log.printErrors();
+    throw;
+  }
+}
+
+int run(int argc, char** argv) {
+  CLI::App app("Noxel makes dark videos bright and clean.", "noxel");
+  app.set_version_flag("--version", Noxel_GetVersion());
+  app.require_subcommand(1);
+  app.footer(std::string(kFooter) + "\n`noxel enhance --help` lists the options.\n");
+
+  EnhanceOptions options;
+  addEnhance(app, options);
+  bool verboseInfo = false;
+  CLI::App* info = app.add_subcommand("info", "Tell version, GL driver and program cache");
+  info->add_flag("-v,--verbose", verboseInfo, "Show the engine's log");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& asked) {  // --help, --version
+    return app.exit(asked);
+  } catch (const CLI::ParseError& error) {
+    throw ToolError(kExitUsage, std::string(error.what()) + "; see noxel --help");
+  }
+  return info->parsed() ? runInfo(verboseInfo) : enhanceWithLog(options);
+}
+
+}  // namespace
+}  // namespace noxel::tool
+
+int main(int argc, char** argv) {
+  try {
+    return noxel::tool::run(argc, argv);
+  } catch (const noxel::tool::ToolError& error) {
+    std::fprintf(stderr, "noxel: %s\n", error.what());
+    return error.code();
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "noxel: out of memory; try a smaller video\n");
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "noxel: %s\n", error.what());
+  }
+  return noxel::tool::kExitFailed;
+}
