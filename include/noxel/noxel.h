@@ -35,11 +35,11 @@ typedef struct _KRSuperResEngine _KRSuperResEngine;
 
 /** Parameter ids of Noxel_SetParameter. Each value is one int. */
 enum {
-  NOXEL_PARAMETER_STABILIZATION = 0,  /**< 0 off (default), else on; has an effect with light mode 0 */
-  NOXEL_PARAMETER_NOISE_REDUCTION = 1,/**< strength, 0..100, default 65; stored as given, limited where it is used */
-  NOXEL_PARAMETER_LIGHT_MODE = 2,     /**< 1 each frame by itself (default), 0 consecutive frames together */
-  NOXEL_PARAMETER_IMAGE_FORMAT = 3,   /**< NOXEL_FORMAT_NV21 (default) or NOXEL_FORMAT_YV12 */
-  NOXEL_PARAMETER_EXPOSURE = 4        /**< how far dark pictures are opened, 0..100, default 50; clamped */
+  NOXEL_PARAMETER_STABILIZATION = 0,   /**< 0 off (default), else on; has an effect with light mode 0 */
+  NOXEL_PARAMETER_NOISE_REDUCTION = 1, /**< strength, 0..100, default 65; stored as given, limited where it is used */
+  NOXEL_PARAMETER_LIGHT_MODE = 2,      /**< 1 each frame by itself (default), 0 consecutive frames together */
+  NOXEL_PARAMETER_IMAGE_FORMAT = 3,    /**< NOXEL_FORMAT_NV21 (default) or NOXEL_FORMAT_YV12 */
+  NOXEL_PARAMETER_EXPOSURE = 4         /**< how far dark pictures are opened, 0..100, default 50; clamped */
 };
 
 /** Layouts of a frame, by Android's image-format code. No row padding; width * height luma bytes come first. */
@@ -60,8 +60,8 @@ NOXEL_API const char* Noxel_GetVersion(void);
 
 /** Makes an engine that renders off-screen: each enhanced frame comes back in the buffer given to Noxel_ProcessFrame.
  *
- *  width, height  frame size in pixels, each at least 1 with width * height * 4 within an int. Widths that are a multiple of
- *                 4 and even heights are processed whole; others lose the picture's last columns or row.
+ *  width, height  frame size in pixels, each at least 1 with width * height * 4 within an int. The width is to be a multiple
+ *                 of 4 and the height even: pad other frames. Any size is safe; the picture of others comes back sheared.
  *  handle         receives the engine; untouched on failure.
  *
  *  0  the engine stands. Without a usable OpenGL ES 3.0 it stands too, says so in the log, and hands each frame back as it

@@ -55,9 +55,10 @@ struct GpuThreadContext {
 
   // Parameters. Set by any thread, read by the GPU thread or a job: relaxed, a frame late is fine.
   std::atomic<int> enabled = 1;
-  std::atomic<float> zoom = 1.0f;         // 1..32
-  std::atomic<float> currentZoom = 1.0f;  // eased; a job's step is a compare-and-swap, so that a zoom set meanwhile stays
-  std::atomic<float> totalzoom = -1.0f;   // 1..32, or not set
+  std::atomic<float> zoom = 1.0f;  // 1..32
+  std::atomic<float> currentZoom =
+      1.0f;  // eased; a job's step is a compare-and-swap, so that a zoom set meanwhile stays
+  std::atomic<float> totalzoom = -1.0f;  // 1..32, or not set
   std::atomic<float> quadA[8] = {-1, 1, -1, -1, 1, 1, 1, -1};
   std::atomic<float> quadB[8] = {-1, 1, -1, -1, 1, 1, 1, -1};
   std::atomic<int> quadAEnabled = 0;
@@ -104,9 +105,9 @@ struct _KRSuperResEngine {
   int ringIndex = 0;    // next slot to fill
   int uploadIndex = 0;  // next slot a job reads
   std::atomic<int> queuedFrames = 0;
-  std::atomic<uint32_t> sequence = 0;  // raised at each break; jobs and frames carry the number they began with
-  std::atomic<int> repriming = 0;      // 1: the next frame of this sequence primes the tracker; taken by exchange
-  unsigned char* frameBuffers[4] = {};  // 0..2 input ring, 3 output
+  std::atomic<uint32_t> sequence = 0;        // raised at each break; jobs and frames carry the number they began with
+  std::atomic<int> repriming = 0;            // 1: the next frame of this sequence primes the tracker; taken by exchange
+  unsigned char* frameBuffers[4] = {};       // 0..2 input ring, 3 output
   unsigned char* spareBuffer = nullptr;      // takes the place of a slot that is to be filled while a job reads it
   unsigned char* bufferBeingRead = nullptr;  // by the running job
 
@@ -120,8 +121,8 @@ struct _KRSuperResEngine {
   bool registrationThreadStarted = false;
   noxel::GpuThreadContext gpu;
 
-  std::atomic<int> initialized = 0;  // acquire/release
-  std::atomic<int> running = 0;      // 1 while a job or an in-place frame runs; acquire/release
+  std::atomic<int> initialized = 0;   // acquire/release
+  std::atomic<int> running = 0;       // 1 while a job or an in-place frame runs; acquire/release
   std::atomic<int> imageFormat = 17;  // relaxed; one snapshot a call
 
   // The registry's, under its mutex.

@@ -8,15 +8,15 @@ namespace noxel {
 // Engine modes. The C interface always makes kModeEnhance.
 enum EngineMode : int {
   kModeEnhance = 1,
-  kModeStabilize = 2,         // stabilisation on from the start
-  kModeNeutralExposure = 3,   // as kModeEnhance with gamma and gain held at 1
-  kModeSynchronousRgba = 4    // packed RGBA in place, blocking; no ring, no registration
+  kModeStabilize = 2,        // stabilisation on from the start
+  kModeNeutralExposure = 3,  // as kModeEnhance with gamma and gain held at 1
+  kModeSynchronousRgba = 4   // packed RGBA in place, blocking; no ring, no registration
 };
 
 // Ids of KRSetParameter. Value: one int unless said otherwise.
 enum InternalParameter : unsigned {
   kParamEnabled = 0,
-  kParamZoom = 1,  // float, 1..32; 4 is the same
+  kParamZoom = 1,   // float, 1..32; 4 is the same
   kParamQuadA = 2,  // eight floats, null switches the quad off: the untouched view
   kParamQuadB = 3,  // the same for the enhanced picture
   kParamZoomAlias = 4,
@@ -28,9 +28,9 @@ enum InternalParameter : unsigned {
   kParamNoiseReductionStrength = 10,  // 0..100 where it is used
   kParamForceStabilization = 11,      // no value
   kParamFlipChroma = 12,
-  kParamLightMode = 16,      // 0 temporal, 1 spatial; others keep the registration state as it is
-  kParamImageFormat = 17,    // 17 NV21, 0x32315659 YV12
-  kParamTotalZoom = 18,      // float, 1..32
+  kParamLightMode = 16,        // 0 temporal, 1 spatial; others keep the registration state as it is
+  kParamImageFormat = 17,      // 17 NV21, 0x32315659 YV12
+  kParamTotalZoom = 18,        // float, 1..32
   kParamExposureStrength = 19  // 0..100, clamped
 };
 
@@ -62,10 +62,10 @@ bool engineReady(_KRSuperResEngine* engine);
 // What was decided about the newest frame that was posted to the GPU. In the synchronous set-up above that is the frame
 // KRProcessFrame just returned.
 struct FrameReport {
-  int status;     // -1 spatial path, 0 first frame or failed registration, 1 registered
-  float gamma;    // exponent and gain of the tone step
+  int status;   // -1 spatial path, 0 first frame or failed registration, 1 registered
+  float gamma;  // exponent and gain of the tone step
   float gain;
-  float zoom;     // the eased zoom
+  float zoom;             // the eased zoom
   double uploadMs;        // upload and registration, as the job saw them
   double registrationMs;  // the part of it that waited for motion and exposure
 };

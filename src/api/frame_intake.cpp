@@ -144,7 +144,8 @@ int KRProcessFrame(unsigned char* frame, _KRSuperResEngine* engine) {
     NOXEL_LOG_INFO("Frame NULL");
     return 1;
   }
-  if (engine->gpu.ready.load(std::memory_order_acquire) == 0) return 0;  // nothing to enhance it with: it stays as it came
+  if (engine->gpu.ready.load(std::memory_order_acquire) == 0)
+    return 0;  // nothing to enhance it with: it stays as it came
   if (engine->mode == kModeSynchronousRgba) {
     KRProcessFrameSync(frame, engine);
     return 0;

@@ -41,8 +41,7 @@ void loadFrame(GpuThreadContext* context) {
   const int lightMode = context->commandLightMode;
   const bool ring0 = context->gpuMode == 0;
   const bool spatialByStatus = status == -1 && !ring0 && (lightMode == 0 || lightMode == 1);
-  const bool spatialByMode =
-      (status == -1 || ring0) && relaxed(context->noiseReductionStrength) > 0 && lightMode == 1;
+  const bool spatialByMode = (status == -1 || ring0) && relaxed(context->noiseReductionStrength) > 0 && lightMode == 1;
   startWatch(5);
   if (spatialByStatus || spatialByMode) {
     loadPackedTextures(context->gpuEngine, context->commandBuffer);
@@ -89,8 +88,8 @@ void process(GpuThreadContext* context) {
     dropFrame(context->handOver, sequence);
   }
   int countdown = context->outputCountdown.load(std::memory_order_acquire);
-  while (countdown < 1 && !context->outputCountdown.compare_exchange_weak(countdown, countdown + 1,
-                                                                          std::memory_order_acq_rel)) {
+  while (countdown < 1 &&
+         !context->outputCountdown.compare_exchange_weak(countdown, countdown + 1, std::memory_order_acq_rel)) {
   }
 }
 
@@ -181,8 +180,8 @@ int startGPUThread(_KRSuperResEngine* engine) {
   GpuThreadContext* context = &engine->gpu;
   context->gpuWidth = engine->width;
   context->gpuHeight = engine->height;
-  context->handOver = {engine->frameBuffers[3],  engine->frameMutex,     &engine->queuedFrames, &engine->sequence,
-                       &engine->initialized,     engine->syncWithCaller, engine->outputDelay,   &engine->callerSignal};
+  context->handOver = {engine->frameBuffers[3], engine->frameMutex,     &engine->queuedFrames, &engine->sequence,
+                       &engine->initialized,    engine->syncWithCaller, engine->outputDelay,   &engine->callerSignal};
   if (pthread_create(&context->gpuThread, nullptr, gpuThreadMain, context) != 0) {
     NOXEL_LOG_ERROR("could not start the GPU thread");
     return 1;

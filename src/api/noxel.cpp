@@ -1,9 +1,8 @@
 // The C interface.
 #include "noxel/noxel.h"
 
-#include <ctime>
-
 #include <cstdio>
+#include <ctime>
 
 #include "api/engine_control.h"
 #include "platform/log.h"

@@ -162,8 +162,7 @@ void takeResults(_KRSuperResEngine* engine, int lightMode) {
   engine->frameGain = registration.exposure.smoothedGain;
   std::memcpy(parameters->frameMatrixA, registration.motionMatrix, sizeof(registration.motionMatrix));
   std::memcpy(parameters->frameMatrixB, registration.inverseMotionMatrix, sizeof(registration.inverseMotionMatrix));
-  const bool stabilizing =
-      engine->gpu.useStabilization.load(std::memory_order_relaxed) != 0 && lightMode != 1;
+  const bool stabilizing = engine->gpu.useStabilization.load(std::memory_order_relaxed) != 0 && lightMode != 1;
   std::memcpy(parameters->stabilizationTransform, stabilizing ? registration.stabilizationMatrix : kIdentity3x3,
               sizeof(kIdentity3x3));
   easeZoom(&engine->gpu, stabilizing);
@@ -202,8 +201,8 @@ void processClaimed(_KRSuperResEngine* engine, const Claim& claim, uint32_t sequ
   stopWatch("c2s", 72);
   takeResults(engine, lightMode);
   engine->gpu.gpuDone.wait();  // the load
-  engine->report = {engine->frameStatus, engine->frameGamma,
-                    engine->frameGain,   engine->gpu.currentZoom.load(std::memory_order_relaxed),
+  engine->report = {engine->frameStatus,      engine->frameGamma,
+                    engine->frameGain,        engine->gpu.currentZoom.load(std::memory_order_relaxed),
                     millisecondsSince(start), registrationMs};
   postProcessFrame(engine, claim, sequence);
   engine->gpu.gpuDone.wait();

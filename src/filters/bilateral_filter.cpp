@@ -22,8 +22,7 @@ bool BilateralFilter::apply(Texture* input, FrameBuffer* intermediate, FrameBuff
   smoothProgram->SetTexture(0, input->GetId(), "sTexture");
   smoothProgram->SetFloat(factor, "uFactor");
   smoothProgram->SetAttribute(quad, 2, false, 0, "aPosition");
-  BindTarget(intermediate);
-  DiscardTarget();
+  BindWholeTarget(intermediate);
   smoothProgram->draw(4);
 
   pixelSize[1] = 4.0f / static_cast<float>(intermediate->GetHeight());
@@ -36,8 +35,7 @@ bool BilateralFilter::apply(Texture* input, FrameBuffer* intermediate, FrameBuff
   refineProgram->SetFloat(factor, "uFactor");
   refineProgram->SetVector(pixelSize, 2, "uPixelSize");
   refineProgram->SetAttribute(quad, 2, false, 0, "aPosition");
-  BindTarget(output);
-  DiscardTarget();
+  BindWholeTarget(output);
   refineProgram->draw(4);
   return true;
 }

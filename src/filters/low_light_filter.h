@@ -143,6 +143,7 @@ class LowLightFilter : public GLFilter {
   void drawSeparableMask(bool erode);
   void drawMaskDilation();
   void drawEdgeAware();
+  void bindLastTarget();  // of a two-pass code
 };
 
 }  // namespace noxel

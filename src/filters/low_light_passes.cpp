@@ -150,6 +150,14 @@ void LowLightFilter::drawSinglePass(bool selectorLuma) {
   program->draw(4);
 }
 
+void LowLightFilter::bindLastTarget() {
+  if (state.targetFrameBuffer != nullptr) {
+    BindWholeTarget(state.targetFrameBuffer);
+  } else {
+    BindTarget(state.viewportX, state.viewportY, state.viewportWidth, state.viewportHeight);
+  }
+}
+
 void LowLightFilter::drawEdgeAware() {
   Program* program = programs[kEdgeAwareBlend];
   if (!linked(program)) return;
@@ -159,20 +167,14 @@ void LowLightFilter::drawEdgeAware() {
   program->SetMatrix(state.transform, 16, false, "m_Transform");
   program->SetMatrix(state.warp, 16, false, "m_Warp");
 
-  BindTarget(state.intermediateFrameBuffer);
-  DiscardTarget();
+  BindWholeTarget(state.intermediateFrameBuffer);
   program->SetTexture(0, state.sourceTexture, "s_texture");
   program->SetTexture(1, state.sourceTexture, "s_textureOrig");
   program->SetFloat(3.0f, "u_step");
   program->SetFloat(1.0f, "u_blend");
   drawFullScreen(program);
 
-  if (state.targetFrameBuffer != nullptr) {
-    BindTarget(state.targetFrameBuffer);
-    DiscardTarget();
-  } else {
-    BindTarget(state.viewportX, state.viewportY, state.viewportWidth, state.viewportHeight);
-  }
+  bindLastTarget();
   program->SetTexture(0, state.intermediateFrameBuffer->GetTextureId(), "s_texture");
   program->SetFloat(1.0f, "u_step");
   program->SetFloat(static_cast<float>(state.noiseReduction) * 0.01f, "u_blend");
@@ -188,18 +190,12 @@ void LowLightFilter::drawSeparableMask(bool erode) {
   if (erode) program->SetFloat(state.maskWeight, "u_MinWeight");
 
   setPair(state.pixelPair, step / static_cast<float>(state.imageWidth), 0.0f);
-  BindTarget(state.intermediateFrameBuffer);
-  DiscardTarget();
+  BindWholeTarget(state.intermediateFrameBuffer);
   program->SetTexture(0, state.sourceTexture, "s_Texture");
   program->SetVector(state.pixelPair, 2, "u_PixelSize");
   drawFullScreen(program);
 
-  if (state.targetFrameBuffer != nullptr) {
-    BindTarget(state.targetFrameBuffer);
-    DiscardTarget();
-  } else {
-    BindTarget(state.viewportX, state.viewportY, state.viewportWidth, state.viewportHeight);
-  }
+  bindLastTarget();
   setPair(state.pixelPair, 0.0f, step / static_cast<float>(state.imageHeight));
   program->SetTexture(0, state.intermediateFrameBuffer->GetTextureId(), "s_Texture");
   program->SetVector(state.pixelPair, 2, "u_PixelSize");
@@ -238,8 +234,7 @@ void LowLightFilter::dilateMask(int iterations, Program* program, FrameBuffer* a
         steps[2 * corner + 1] = corner < 2 ? -distance * py : distance * py;
       }
     }
-    BindTarget(to);
-    DiscardTarget();
+    BindWholeTarget(to);
     program->SetTexture(0, from->GetTextureId(), "s_Texture");
     program->SetVector(steps, 4, 2, "u_steps");
     drawFullScreen(program);
@@ -251,23 +246,20 @@ void LowLightFilter::smoothMask(FrameBuffer* source, FrameBuffer* a, FrameBuffer
   Program* blur = programs[kMaskBlur7];
   if (!linked(copy) || !linked(blur)) return;
   copy->Use();
-  BindTarget(a);
-  DiscardTarget();
+  BindWholeTarget(a);
   copy->SetTexture(0, source->GetTextureId(), "s_YTexture");
   copy->SetMatrix(transform, 16, false, "m_Transform");
   drawFullScreen(copy);
 
   blur->Use();
   const float across[2] = {1.0f / static_cast<float>(a->GetWidth()), 0.0f};
-  BindTarget(b);
-  DiscardTarget();
+  BindWholeTarget(b);
   blur->SetTexture(0, a->GetTextureId(), "s_Texture");
   blur->SetVector(across, 2, "u_PixelSize");
   drawFullScreen(blur);
 
   const float down[2] = {0.0f, 1.0f / static_cast<float>(a->GetHeight())};
-  BindTarget(a);
-  DiscardTarget();
+  BindWholeTarget(a);
   blur->SetTexture(0, b->GetTextureId(), "s_Texture");
   blur->SetVector(down, 2, "u_PixelSize");
   drawFullScreen(blur);
@@ -284,8 +276,7 @@ void LowLightFilter::downsampleChain(int levels, FrameBuffer* source, FrameBuffe
     program->SetTexture(0, state.texture0, "s_YTexture");
     program->SetMatrix(transform, 16, false, "m_Transform");
     if (level > 0) program->SetVector(state.pixelPair, 2, "u_pixelsize");
-    BindTarget(targets[level]);
-    DiscardTarget();
+    BindWholeTarget(targets[level]);
     drawFullScreen(program);
   }
 }
@@ -304,8 +295,7 @@ Program* LowLightFilter::runSyncChain(GLuint inputTexture, FrameBuffer** targets
     first->Use();
     first->SetTexture(0, inputTexture, "s_YTexture");
     first->SetMatrix(transform, 16, false, "m_Transform");
-    BindTarget(targets[0]);
-    DiscardTarget();
+    BindWholeTarget(targets[0]);
     drawFullScreen(first);
     smoothed = targets[0]->GetTextureId();
   }
@@ -313,8 +303,7 @@ Program* LowLightFilter::runSyncChain(GLuint inputTexture, FrameBuffer** targets
   copy->Use();
   copy->SetTexture(0, smoothed, "s_YTexture");
   copy->SetMatrix(transform, 16, false, "m_Transform");
-  BindTarget(targets[1]);
-  DiscardTarget();
+  BindWholeTarget(targets[1]);
   drawFullScreen(copy);
 
   const float spread = (0.25f + 0.0025f * state.sharpening) * std::max(state.scale, 1.0f);
@@ -324,8 +313,7 @@ Program* LowLightFilter::runSyncChain(GLuint inputTexture, FrameBuffer** targets
   box->SetTexture(0, targets[1]->GetTextureId(), "s_YTexture");
   box->SetMatrix(transform, 16, false, "m_Transform");
   box->SetVector(state.pixelPair, 2, "u_pixelsize");
-  BindTarget(targets[2]);
-  DiscardTarget();
+  BindWholeTarget(targets[2]);
   drawFullScreen(box);
 
   detail->Use();

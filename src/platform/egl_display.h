@@ -1,7 +1,9 @@
 // Which EGL display the engine renders on.
 #pragma once
 
+#if !defined(EGL_NO_X11)
 #define EGL_NO_X11 1
+#endif
 #include <EGL/egl.h>
 #include <EGL/eglext.h>
 
@@ -20,7 +22,7 @@ const char* engineDisplayName();
 
 // The library passes windows as plain pointers; EGL's own type is a pointer on Android and an integer elsewhere.
 inline EGLNativeWindowType nativeWindow(void* window) {
-  return (EGLNativeWindowType)reinterpret_cast<uintptr_t>(window);
+  return (EGLNativeWindowType) reinterpret_cast<uintptr_t>(window);
 }
 
 }  // namespace noxel::platform

@@ -76,7 +76,9 @@ extern "C" int __android_log_print(int priority, const char* tag, const char* fo
     va_copy(again, arguments);
     length = std::vsnprintf(piece, sizeof(piece), format, arguments);
     va_end(arguments);
-    char* whole = length >= static_cast<int>(sizeof(piece)) ? static_cast<char*>(std::malloc(static_cast<size_t>(length) + 1)) : nullptr;
+    char* whole = length >= static_cast<int>(sizeof(piece))
+                      ? static_cast<char*>(std::malloc(static_cast<size_t>(length) + 1))
+                      : nullptr;
     if (whole != nullptr) std::vsnprintf(whole, static_cast<size_t>(length) + 1, format, again);
     va_end(again);
     // Without memory for the whole message its first piece still goes out.

@@ -37,9 +37,9 @@ struct RegistrationContext {
   int mode = 1;
   int width = 0;  // of the registration image
   int height = 0;
-  int resolutionFactor = 1;            // frame pixels per registration pixel: 1 or 2
-  uint8_t* luminanceFrames[2] = {};    // the frame path fills one and selects it
-  uint8_t* scratchFrame = nullptr;     // the frame path's, for smoothing
+  int resolutionFactor = 1;          // frame pixels per registration pixel: 1 or 2
+  uint8_t* luminanceFrames[2] = {};  // the frame path fills one and selects it
+  uint8_t* scratchFrame = nullptr;   // the frame path's, for smoothing
   int frameSelect = 0;
 
   // Off: the thread only updates the exposure. Otherwise in: on, out: the last frame's validity.

@@ -57,8 +57,8 @@ TEST(Intake, ABreakIsAGapBeyondTheThresholds) {
     int framesSinceReset;  // after the third
   };
   // The second frame is measured against 1500 ms alone; equality and a clock set back are no break.
-  const Case cases[] = {{33, 33, 3},     {33, 200, 3},   {33, 200.1, 1},  {33, 1500, 1},  {200.1, 33, 3},
-                        {1500, 33, 3},   {1500.1, 33, 2}, {1500.1, 201, 2}, {33, -5000, 3}, {1500.1, 1500.1, 1}};
+  const Case cases[] = {{33, 33, 3},   {33, 200, 3},    {33, 200.1, 1},   {33, 1500, 1},  {200.1, 33, 3},
+                        {1500, 33, 3}, {1500.1, 33, 2}, {1500.1, 201, 2}, {33, -5000, 3}, {1500.1, 1500.1, 1}};
   for (const Case& each : cases) {
     TestEngine engine(16, 8);
     NOXEL_NEEDS_GL(engine);

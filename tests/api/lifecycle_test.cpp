@@ -1,6 +1,5 @@
-#include <gtest/gtest.h>
-
 #include <dirent.h>
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <thread>
@@ -114,7 +113,6 @@ TEST(Lifecycle, OneEngineEndsWhileTheOtherRuns) {
   }
 }
 
-
 // Memory, threads and EGL calls of one engine's life: each nth and all later ones fail.
 class FaultTest : public ::testing::TestWithParam<Fault> {};
 
@@ -156,12 +154,10 @@ TEST_P(FaultTest, NeverCrashesAndHandsTheFrameBack) {
   EXPECT_GT(frame.luma(5, 5), 40);
 }
 
-INSTANTIATE_TEST_SUITE_P(Classes, FaultTest, ::testing::Values(Fault::kThread, Fault::kMemory, Fault::kEgl),
-                         [](const auto& named) {
-                           return std::string(named.param == Fault::kThread   ? "Threads"
-                                              : named.param == Fault::kMemory ? "Memory"
-                                                                              : "Egl");
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Classes, FaultTest, ::testing::Values(Fault::kThread, Fault::kMemory, Fault::kEgl), [](const auto& named) {
+      return std::string(named.param == Fault::kThread ? "Threads" : named.param == Fault::kMemory ? "Memory" : "Egl");
+    });
 
 TEST(Properties, AFailedLookupIsTriedAgainAndAGoodOneKept) {
   const LogCapture log;

@@ -91,9 +91,8 @@ TEST(Passes, FollowTheFramesStatus) {
   const Passes temporal = {kPassBicubicYuv, kPassGhostMask,  kPassMaskErode,
                            kPassMaskDilate, kPassDeghostMix, kPassTone};
   const Passes spatial = {kPassPackedYuv};
-  const Step steps[] = {{0, false, 0, restart}, {0, true, 1, temporal}, {0, true, 2, temporal},
-                        {1, true, -1, spatial}, {0, true, 0, restart},  {0, true, 1, temporal},
-                        {5, true, 2, temporal}, {0, false, 0, restart}};
+  const Step steps[] = {{0, false, 0, restart}, {0, true, 1, temporal}, {0, true, 2, temporal}, {1, true, -1, spatial},
+                        {0, true, 0, restart},  {0, true, 1, temporal}, {5, true, 2, temporal}, {0, false, 0, restart}};
   int number = 0;
   for (const Step& step : steps) {
     engine.set(kParamLightMode, step.lightMode);

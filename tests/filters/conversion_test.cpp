@@ -4,10 +4,10 @@
 #include <cmath>
 
 #include "filters/bilateral_filter.h"
+#include "filters/filter_fixture.h"
 #include "filters/rgb_to_yuv_filter.h"
 #include "filters/yuv_to_rgb_filter.h"
 #include "reference/passes.h"
-#include "support/gl_fixture.h"
 #include "support/reference_picture.h"
 
 namespace noxel {
@@ -22,18 +22,8 @@ Picture filled(int width, int height, std::initializer_list<int> colour) {
   return picture;
 }
 
-class RgbToYuv : public GlTest {
+class RgbToYuv : public FilterTest<RgbToYuvFilter> {
  protected:
-  void SetUp() override {
-    GlTest::SetUp();
-    if (egl == nullptr) return;
-    ASSERT_TRUE(filter.setupPrograms(nullptr));
-  }
-  void TearDown() override {
-    filter.Release();
-    GlTest::TearDown();
-  }
-
   Picture convert(const Picture& picture, int plane) {
     const TestTexture source(picture);
     TestTarget bytes(picture.width / 4, plane == 0 ? picture.height : picture.height / 2, GL_NEAREST);
@@ -43,8 +33,6 @@ class RgbToYuv : public GlTest {
     filter.convert(plane);
     return bytes.read();
   }
-
-  RgbToYuvFilter filter;
 };
 
 TEST_F(RgbToYuv, PacksWhatTheFormulaSays) {
@@ -76,18 +64,8 @@ TEST_F(RgbToYuv, DrawsNothingForAnUnknownPlane) {
   }
 }
 
-class YuvToRgb : public GlTest {
+class YuvToRgb : public FilterTest<YuvToRgbFilter> {
  protected:
-  void SetUp() override {
-    GlTest::SetUp();
-    if (egl == nullptr) return;
-    ASSERT_TRUE(filter.setupPrograms(nullptr));
-  }
-  void TearDown() override {
-    filter.Release();
-    GlTest::TearDown();
-  }
-
   Picture convert(const Texture& luma, const Texture& chroma, int width, int height, bool useSelector, float gamma) {
     TestTarget target(width, height);
     filter.lumaTexture = luma.GetId();
@@ -97,8 +75,6 @@ class YuvToRgb : public GlTest {
     EXPECT_TRUE(filter.convert(useSelector, gamma));
     return target.read();
   }
-
-  YuvToRgbFilter filter;
 };
 
 TEST_F(YuvToRgb, AllThreeLumaLayoutsFollowTheFormula) {
@@ -136,18 +112,8 @@ TEST_F(YuvToRgb, ClampsWhatLiesOutsideOfRgb) {
   EXPECT_TRUE(closeTo(convert(black, reddest, 4, 2, false, 1.0f), filled(4, 2, {179, 0, 1, 255}), 0));
 }
 
-class Bilateral : public GlTest {
+class Bilateral : public FilterTest<BilateralFilter> {
  protected:
-  void SetUp() override {
-    GlTest::SetUp();
-    if (egl == nullptr) return;
-    ASSERT_TRUE(filter.setupPrograms(nullptr));
-  }
-  void TearDown() override {
-    filter.Release();
-    GlTest::TearDown();
-  }
-
   Picture apply(const Picture& packed) {
     TestTexture input(packed, GL_NEAREST);
     TestTarget smoothed(packed.width, packed.height / 2, GL_NEAREST);
@@ -156,8 +122,6 @@ class Bilateral : public GlTest {
     intermediate = smoothed.read();
     return output.read();
   }
-
-  BilateralFilter filter;
   Picture intermediate;
 };
 

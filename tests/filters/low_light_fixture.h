@@ -4,9 +4,9 @@
 #include <memory>
 #include <optional>
 
+#include "filters/filter_fixture.h"
 #include "filters/low_light_filter.h"
 #include "reference/passes.h"
-#include "support/gl_fixture.h"
 #include "support/log_capture.h"
 #include "support/reference_picture.h"
 
@@ -15,21 +15,18 @@ namespace noxel {
 // Turned by half a degree, shrunk by 2 % and shifted by a few texels of a small picture: no sample falls on a texel.
 inline constexpr reference::Matrix kWarp = {0.98, 0.0087, 0, 0, -0.0087, 0.98, 0, 0, 0, 0, 1, 0, 0.031, -0.027, 0, 1};
 
-class LowLightTest : public GlTest {
+class LowLightTest : public FilterTest<LowLightFilter> {
  protected:
   void SetUp() override {
-    GlTest::SetUp();
-    if (egl == nullptr) return;
-    ASSERT_TRUE(filter.setupPrograms(nullptr));
-    log.emplace();
+    FilterTest::SetUp();
+    if (egl != nullptr) log.emplace();
   }
 
   // A pass must not log: it would do so in every frame.
   void TearDown() override {
     EXPECT_EQ(log ? log->text() : "", "");
     log.reset();
-    filter.Release();
-    GlTest::TearDown();
+    FilterTest::TearDown();
   }
 
   Picture draw(int code, int width, int height, bool selectorLuma = true) {
@@ -45,7 +42,6 @@ class LowLightTest : public GlTest {
     filter.state.warp = warpValues;
   }
 
-  LowLightFilter filter;
   LowLightState& state = filter.state;
   std::optional<LogCapture> log;
 

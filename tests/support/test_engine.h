@@ -71,11 +71,11 @@ class TestEngine {
 };
 
 // A picture test needs a driver: skipped without one, or failed where the environment says NOXEL_REQUIRE_GL=1.
-#define NOXEL_NEEDS_GL(engine)                                                       \
-  if (!::noxel::engineReady((engine).handle)) {                                      \
-    if (::noxel::driverRequired()) FAIL() << "no usable GL driver";                  \
-    GTEST_SKIP() << "no usable GL driver";                                           \
-  }                                                                                  \
+#define NOXEL_NEEDS_GL(engine)                                      \
+  if (!::noxel::engineReady((engine).handle)) {                     \
+    if (::noxel::driverRequired()) FAIL() << "no usable GL driver"; \
+    GTEST_SKIP() << "no usable GL driver";                          \
+  }                                                                 \
   static_assert(true, "a semicolon follows")
 
 bool driverRequired();

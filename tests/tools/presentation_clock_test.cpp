@@ -33,7 +33,7 @@ TEST(PresentationClock, StepsStayWithinASequenceUnlessTheClipHasAHole) {
       {500'000, 1'000'000, 33'000},     // one frame lost
       {3'000'000, 6'000'000, 33'000},   // a time lapse: each interval is above a second
       {3'000'000, 15'000'001, 15'000'001},
-      {40'000, 0, 1},                   // times that stand still keep the clock running
+      {40'000, 0, 1},  // times that stand still keep the clock running
   };
   for (const Row& row : kRows) {
     EXPECT_EQ(PresentationClock(row.nominal).stepFor(row.interval), row.step) << row.nominal << ' ' << row.interval;

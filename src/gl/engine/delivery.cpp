@@ -12,8 +12,7 @@ bool readBack(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst) {
   const int mode = engine->firstFrameDone == 0 ? 1 : 0;
   const auto convert = [source](RgbToYuvFilter* filter, FrameBuffer* target, int plane) {
     filter->sourceTexture = source->GetTextureId();
-    filter->BindTarget(target);
-    filter->DiscardTarget();
+    filter->BindWholeTarget(target);
     filter->convert(plane);
   };
   engine->stage = 0;

@@ -54,8 +54,7 @@ void updateWarps(_KRGPUEngine* engine, const FrameInput& input) {
   const Warp previous = engine->stabilizedTextureWarp;
   const Warp zoom = zoomAboutCentre(static_cast<double>(engine->inverseZoom));
   const bool stabilized = engine->historyCount != 0;  // a frame that restarts history is drawn zoomed only
-  const Warp stabilization =
-      textureSpace(input.parameters.stabilizationTransform, engine->width, engine->height);
+  const Warp stabilization = textureSpace(input.parameters.stabilizationTransform, engine->width, engine->height);
   const Warp current = stabilized ? multiply(inverse(stabilization), zoom) : zoom;
 
   Warp previousFromCurrent;

@@ -67,7 +67,8 @@ void CreateResources(_KRGPUEngine* engine) {
     target->Init(imageWidth, imageHeight, GL_RGBA, filter);
   };
 
-  image(engine->reducedImage, std::max(static_cast<int>(width * 0.75), 1), std::max(static_cast<int>(height * 0.75), 1));
+  image(engine->reducedImage, std::max(static_cast<int>(width * 0.75), 1),
+        std::max(static_cast<int>(height * 0.75), 1));
   if (isRgbaMode(*engine)) {
     engine->rgbaTexture->Init(width, height, GL_RGBA);
     image(engine->levelImages[0][0], width, height);
@@ -167,7 +168,8 @@ void releaseAndDelete(Filter*& filter) {
 void ReleaseResources(_KRGPUEngine* engine) {
   EGLEngine* egl = engine->egl;
   releaseAndDelete(engine->reducedImage, egl);
-  for (Texture** texture : {&engine->rgbaTexture, &engine->lumaTexture, &engine->packedLumaTexture, &engine->chromaTexture}) {
+  for (Texture** texture :
+       {&engine->rgbaTexture, &engine->lumaTexture, &engine->packedLumaTexture, &engine->chromaTexture}) {
     releaseAndDelete(*texture, egl);
   }
   for (int s = 0; s < 2; ++s) {

@@ -20,14 +20,14 @@ namespace noxel {
 
 // Where finished frames go. The words belong to the engine record above and outlive the GPU engine.
 struct HandOver {
-  unsigned char* outputBuffer;             // width * height * 3/2 bytes, NV21, written under frameMutex
+  unsigned char* outputBuffer;  // width * height * 3/2 bytes, NV21, written under frameMutex
   pthread_mutex_t* frameMutex;
-  std::atomic<int>* queuedFrames;          // lowered under frameMutex, once per frame of the current sequence
-  const std::atomic<uint32_t>* sequence;   // current number, stable under frameMutex
-  const std::atomic<int>* initialized;     // 0 ends every wait for the caller
+  std::atomic<int>* queuedFrames;         // lowered under frameMutex, once per frame of the current sequence
+  const std::atomic<uint32_t>* sequence;  // current number, stable under frameMutex
+  const std::atomic<int>* initialized;    // 0 ends every wait for the caller
   int syncWithCaller;
-  int outputDelay;                         // read-back buffers, 1..3
-  _KRSignal* callerSignal;                 // 1 output ready, -1 output taken
+  int outputDelay;          // read-back buffers, 1..3
+  _KRSignal* callerSignal;  // 1 output ready, -1 output taken
 };
 
 // The three matrices that come with a frame: 3 x 3, row-major, in frame pixels.
@@ -47,8 +47,8 @@ struct FrameInput {
   float gain = 1.0f;
   float zoom = 1.0f;
   float transform[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};  // column-major
-  float quadA[8] = {};  // the untouched view
-  float quadB[8] = {};  // the enhanced picture
+  float quadA[8] = {};                                                     // the untouched view
+  float quadB[8] = {};                                                     // the enhanced picture
   int enabled = 1;
   int quadAEnabled = 0;
   int quadBEnabled = 1;
@@ -104,10 +104,10 @@ struct _KRGPUEngine {
   int passThroughQuadEnabled = 0;
   int enhancementEnabled = 1;
   float inverseZoom = 1.0f;
-  int historyCount = 1;    // -1 spatial path, 0 history restarts here, n: the nth frame blended into it
-  int historyIndex = 1;    // levelImages[0][historyIndex] is the accumulated frame
-  int texturesLoaded = 0;  // the current frame's planes are in textures
-  bool lumaFilled = false;        // and which of the two luma textures they are in
+  int historyCount = 1;     // -1 spatial path, 0 history restarts here, n: the nth frame blended into it
+  int historyIndex = 1;     // levelImages[0][historyIndex] is the accumulated frame
+  int texturesLoaded = 0;   // the current frame's planes are in textures
+  bool lumaFilled = false;  // and which of the two luma textures they are in
   bool packedLumaFilled = false;
   float frameGamma = 1.0f;
   float frameGain = 1.0f;

@@ -30,11 +30,6 @@ class OutputTarget {
   bool cleared = false;
 };
 
-void bindWhole(LowLightFilter* filter, FrameBuffer* target) {
-  filter->BindTarget(target);
-  filter->DiscardTarget();
-}
-
 void setImageSize(LowLightState* state, int width, int height) {
   state->imageWidth = width;
   state->imageHeight = height;
@@ -45,23 +40,28 @@ void draw(LowLightFilter* filter, PassCode code) {
   filter->drawPass(true);
 }
 
-// The last pass: `picture` through tone into the output quad.
-void drawTone(_KRGPUEngine* engine, OutputTarget* output, FrameBuffer* picture) {
+// A last pass: into the output, through `quad`, with the exposure pair given.
+void drawOutput(_KRGPUEngine* engine, OutputTarget* output, PassCode code, const float* quad, float gamma, float gain) {
   LowLightState& state = engine->lowLight->state;
   output->bind();
-  state.texture0 = picture->GetTextureId();
   state.transform = engine->outputTransform;
+  state.positionVertices = quad;
+  state.limits[0] = gamma;
+  state.limits[1] = gain;
+  draw(engine->lowLight, code);
+}
+
+void drawTone(_KRGPUEngine* engine, OutputTarget* output, FrameBuffer* picture) {
+  LowLightState& state = engine->lowLight->state;
+  state.texture0 = picture->GetTextureId();
   state.warp = engine->identityTransform;
-  state.positionVertices = engine->outputQuad;
-  state.limits[0] = engine->frameGamma;
-  state.limits[1] = engine->frameGain;
-  draw(engine->lowLight, kPassTone);
+  drawOutput(engine, output, kPassTone, engine->outputQuad, engine->frameGamma, engine->frameGain);
 }
 
 // Planes of the current frame to RGB under `warp`.
 void drawPlanes(_KRGPUEngine* engine, FrameBuffer* target, const float* warp) {
   LowLightState& state = engine->lowLight->state;
-  bindWhole(engine->lowLight, target);
+  engine->lowLight->BindWholeTarget(target);
   state.texture0 = engine->lumaTexture->GetId();
   state.texture1 = engine->chromaTexture->GetId();
   state.transform = engine->identityTransform;
@@ -82,15 +82,10 @@ void drawSpatial(_KRGPUEngine* engine, OutputTarget* output, int strength) {
   bilateral->apply(engine->packedLumaTexture, engine->packedImages[1], engine->packedImages[2]);
 
   LowLightState& state = engine->lowLight->state;
-  output->bind();
   state.texture0 = engine->packedImages[2]->GetTextureId();
   state.texture1 = engine->chromaTexture->GetId();
-  state.transform = engine->outputTransform;
   state.warp = engine->zoomWarp;
-  state.positionVertices = engine->outputQuad;
-  state.limits[0] = engine->frameGamma;
-  state.limits[1] = engine->frameGain;
-  draw(engine->lowLight, kPassPackedYuv);
+  drawOutput(engine, output, kPassPackedYuv, engine->outputQuad, engine->frameGamma, engine->frameGain);
 }
 
 // Where accumulated and current frame differ by more than noise, the mask keeps the current frame. Ends in
@@ -100,7 +95,7 @@ void drawGhostMask(_KRGPUEngine* engine, FrameBuffer* accumulated, FrameBuffer* 
   LowLightState& state = filter->state;
   FrameBuffer* const* quarter = engine->quarterImages;
 
-  bindWhole(filter, quarter[0]);
+  filter->BindWholeTarget(quarter[0]);
   state.texture0 = accumulated->GetTextureId();
   state.texture1 = current->GetTextureId();
   state.transform = engine->identityTransform;
@@ -118,14 +113,15 @@ void drawGhostMask(_KRGPUEngine* engine, FrameBuffer* accumulated, FrameBuffer* 
   setImageSize(&state, engine->width, engine->height);
 }
 
-void drawTemporal(_KRGPUEngine* engine, OutputTarget* output, FrameBuffer* accumulated, FrameBuffer* next, int strength) {
+void drawTemporal(_KRGPUEngine* engine, OutputTarget* output, FrameBuffer* accumulated, FrameBuffer* next,
+                  int strength) {
   LowLightFilter* filter = engine->lowLight;
   LowLightState& state = filter->state;
   FrameBuffer* current = engine->levelImages[0][2];
   drawPlanes(engine, current, engine->stabilizedWarp);
   drawGhostMask(engine, accumulated, current, strength);
 
-  bindWhole(filter, next);
+  filter->BindWholeTarget(next);
   state.texture0 = accumulated->GetTextureId();
   state.texture1 = current->GetTextureId();
   state.maskTexture = engine->quarterImages[2]->GetTextureId();
@@ -139,15 +135,10 @@ void drawTemporal(_KRGPUEngine* engine, OutputTarget* output, FrameBuffer* accum
 void drawUntouched(_KRGPUEngine* engine, OutputTarget* output) {
   LowLightState& state = engine->lowLight->state;
   const bool packed = engine->historyCount == -1;
-  output->bind();
   state.texture0 = packed ? engine->packedLumaTexture->GetId() : engine->lumaTexture->GetId();
   state.texture1 = engine->chromaTexture->GetId();
-  state.transform = engine->outputTransform;
-  state.limits[0] = 1.0f;
-  state.limits[1] = 1.0f;
   state.warp = engine->zoomWarp;
-  state.positionVertices = engine->passThroughQuad;
-  draw(engine->lowLight, packed ? kPassPackedYuv : kPassYuv);
+  drawOutput(engine, output, packed ? kPassPackedYuv : kPassYuv, engine->passThroughQuad, 1.0f, 1.0f);
 }
 
 void drawPicture(_KRGPUEngine* engine, int strength) {
@@ -212,7 +203,7 @@ void processInPlace(_KRGPUEngine* engine, unsigned char* frame, const InPlacePar
   setImageSize(&filter->state, engine->width, engine->height);
   Program* detail = filter->runSyncChain(engine->rgbaTexture->GetId(), targets, false, parameters.rgbaLayout);
   if (detail == nullptr) return;
-  bindWhole(filter, output);
+  filter->BindWholeTarget(output);
   detail->draw(4);
   output->ReadPixelsAsync(frame, 1);
   engine->texturesLoaded = 0;

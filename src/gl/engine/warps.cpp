@@ -24,9 +24,9 @@ Warp inverse(const Warp& warp) {
   const double determinant = m[0] * c0 + m[1] * c1 + m[2] * c2;
   if (!std::isfinite(determinant) || std::abs(determinant) < 1e-12) return {};
   const double s = 1.0 / determinant;
-  return {{c0 * s, (m[2] * m[7] - m[1] * m[8]) * s, (m[1] * m[5] - m[2] * m[4]) * s,
-           c1 * s, (m[0] * m[8] - m[2] * m[6]) * s, (m[2] * m[3] - m[0] * m[5]) * s,
-           c2 * s, (m[1] * m[6] - m[0] * m[7]) * s, (m[0] * m[4] - m[1] * m[3]) * s}};
+  return {{c0 * s, (m[2] * m[7] - m[1] * m[8]) * s, (m[1] * m[5] - m[2] * m[4]) * s, c1 * s,
+           (m[0] * m[8] - m[2] * m[6]) * s, (m[2] * m[3] - m[0] * m[5]) * s, c2 * s, (m[1] * m[6] - m[0] * m[7]) * s,
+           (m[0] * m[4] - m[1] * m[3]) * s}};
 }
 
 Warp textureSpace(const float* pixelSpace3x3, int width, int height) {

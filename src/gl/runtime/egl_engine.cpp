@@ -72,9 +72,18 @@ int EGLEngine::Initialize(int width, int height, void* window, void* shareContex
 }
 
 int EGLEngine::initWithWindow(int /*width*/, int /*height*/, void* window, void* shareContext, int alphaSize) {
-  const EGLint attributes[] = {EGL_SURFACE_TYPE, EGL_WINDOW_BIT, EGL_RENDERABLE_TYPE, EGL_OPENGL_ES2_BIT,
-                               EGL_ALPHA_SIZE,   alphaSize,      EGL_GREEN_SIZE,      8,
-                               EGL_BLUE_SIZE,    8,              EGL_RED_SIZE,        8,
+  const EGLint attributes[] = {EGL_SURFACE_TYPE,
+                               EGL_WINDOW_BIT,
+                               EGL_RENDERABLE_TYPE,
+                               EGL_OPENGL_ES2_BIT,
+                               EGL_ALPHA_SIZE,
+                               alphaSize,
+                               EGL_GREEN_SIZE,
+                               8,
+                               EGL_BLUE_SIZE,
+                               8,
+                               EGL_RED_SIZE,
+                               8,
                                EGL_NONE};
   return initWithSurface(attributes, window, shareContext);
 }
@@ -103,9 +112,8 @@ int EGLEngine::initWithSurface(const EGLint* configAttributes, void* window, voi
   if (window != nullptr) {
     surface = eglCreateWindowSurface(display, config, platform::nativeWindow(window), nullptr);
   } else {
-    const EGLint pbufferAttributes[] = {EGL_WIDTH,          1,              EGL_HEIGHT,         1,
-                                        EGL_TEXTURE_TARGET, EGL_NO_TEXTURE, EGL_TEXTURE_FORMAT, EGL_NO_TEXTURE,
-                                        EGL_NONE};
+    const EGLint pbufferAttributes[] = {
+        EGL_WIDTH, 1, EGL_HEIGHT, 1, EGL_TEXTURE_TARGET, EGL_NO_TEXTURE, EGL_TEXTURE_FORMAT, EGL_NO_TEXTURE, EGL_NONE};
     surface = eglCreatePbufferSurface(display, config, pbufferAttributes);
   }
   EGLint error = eglGetError();

@@ -32,10 +32,11 @@ int GLFilter::BindTarget(FrameBuffer* fb) {
   return BindTarget(0, 0, fb);
 }
 
-void GLFilter::DiscardTarget() {
-  const bool isDefault = target == nullptr || target->GetFramebufferId() == 0;
-  const GLenum attachment = isDefault ? GL_COLOR : GL_COLOR_ATTACHMENT0;
+int GLFilter::BindWholeTarget(FrameBuffer* fb) {
+  BindTarget(fb);
+  const GLenum attachment = fb->GetFramebufferId() == 0 ? GL_COLOR : GL_COLOR_ATTACHMENT0;
   glInvalidateFramebuffer(GL_FRAMEBUFFER, 1, &attachment);
+  return 1;
 }
 
 void GLFilter::EnableBlending(bool on) {

@@ -29,8 +29,8 @@ class GLFilter {
   int BindTarget(int x, int y, FrameBuffer* fb);  // viewport of fb's size, at (x, y)
   int BindTarget(FrameBuffer* fb);
 
-  // Tells a tiled GPU that the pass about to be drawn covers the whole target, so that it need not load the old tiles.
-  void DiscardTarget();
+  // For a pass that covers the whole of fb: a tiled GPU is told that it need not load the old tiles.
+  int BindWholeTarget(FrameBuffer* fb);
 
   void EnableBlending(bool on);
   int Clear(float red, float green, float blue, float alpha);

@@ -16,8 +16,8 @@ struct ProgramBinary {
   ProgramBinary(const ProgramBinary&) = delete;
   ProgramBinary& operator=(const ProgramBinary&) = delete;
 
-  bool allocate(size_t blobSize);  // zeroed; false when the size is out of range or memory ran out
-  bool read(const char* path);     // false, and nothing to use, for whatever is not such a file
+  bool allocate(size_t blobSize);      // zeroed; false when the size is out of range or memory ran out
+  bool read(const char* path);         // false, and nothing to use, for whatever is not such a file
   bool write(const char* path) const;  // through a temporary file in the same directory, so that no reader sees a half
 
   uint32_t format = 0;

@@ -11,7 +11,11 @@ struct Replacement {
 };
 
 constexpr Replacement kReplacements[] = {
-    {"ATTR", "in"},           {"IN", "in"}, {"OUT", "out"}, {"TEXTURE", "texture"}, {"FRAGC", "out mediump vec4 vxFragColor;\n"},
+    {"ATTR", "in"},
+    {"IN", "in"},
+    {"OUT", "out"},
+    {"TEXTURE", "texture"},
+    {"FRAGC", "out mediump vec4 vxFragColor;\n"},
     {"vFragColor", "vxFragColor"},
 };
 
@@ -34,7 +38,8 @@ Text TranslateShader(const char* text) {
   Text result(text);
   for (const Replacement& replacement : kReplacements) {
     Text next = replaceAll(result.c_str(), replacement);
-    if (result.failed() || next.failed()) return next.failed() ? static_cast<Text&&>(next) : static_cast<Text&&>(result);
+    if (result.failed() || next.failed())
+      return next.failed() ? static_cast<Text&&>(next) : static_cast<Text&&>(result);
     result = static_cast<Text&&>(next);
   }
   return result;
