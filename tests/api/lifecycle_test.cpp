@@ -161,8 +161,10 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(Properties, AFailedLookupIsTriedAgainAndAGoodOneKept) {
   const LogCapture log;
-  static int opened = 0;
-  static bool symbolKnown = false;
+  static int opened;
+  static bool symbolKnown;
+  opened = 0;
+  symbolKnown = false;
   const platform::DynamicLibraries libraries = {
       [](const char*) -> void* { return opened++ == 0 ? nullptr : &opened; },
       [](void*, const char*) -> void* {
