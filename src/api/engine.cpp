@@ -32,7 +32,8 @@ _KRSuperResEngine* allocateEngine() {
 
 // The ring, the output, and the spare that a reset may need.
 bool allocateFrames(_KRSuperResEngine* engine) {
-  const size_t size = frameSize(engine->width, engine->height);
+  // A texture is at least one texel of four luma bytes wide and a chroma pair high: uploads of tiny frames read that far.
+  const size_t size = frameSize(engine->width + 4, engine->height + 2);
   for (unsigned char*& buffer : engine->frameBuffers) {
     buffer = static_cast<unsigned char*>(std::calloc(size, 1));
     if (buffer == nullptr) return false;
