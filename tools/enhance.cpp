@@ -17,6 +17,7 @@ extern "C" {
 #include "noxel/noxel.h"
 #include "nv21_frame.h"
 #include "output_file.h"
+#include "overlay.h"
 #include "picture.h"
 #include "progress.h"
 #include "statistics.h"
@@ -26,6 +27,12 @@ extern "C" {
 
 namespace noxel::tool {
 namespace {
+
+void checkLook(const EnhanceOptions& options) {
+  if (options.denoise == "temporal" || !(options.stabilize || options.overlay)) return;
+  throw ToolError(kExitUsage, std::string(options.stabilize ? "--stabilize" : "--overlay") +
+                                  " needs the camera's motion, which --denoise spatial does not measure");
+}
 
 void checkOutputs(const EnhanceOptions& options) {
   containerOf(options.output);
@@ -118,6 +125,7 @@ void Run::enhanceAll(const EnhancerFactory& factory) {
   settings.exposure = options_.exposure;
   settings.neutralExposure = options_.neutralExposure;
   settings.stabilize = options_.stabilize;
+  settings.overlay = options_.overlay;
   const std::unique_ptr<Enhancer> enhancer = factory(settings);
   for (const std::string& text : writer_.notes()) note(text);
   const size_t notesBefore = writer_.notes().size();
@@ -156,6 +164,7 @@ void Run::enhanceFrame(Enhancer& enhancer) {
   statistics.totalMs = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   statistics.report = enhancer.report();
   statistics.lumaAfter = meanLuma(nv21_.data(), nv21Width_, width_, height_);
+  if (options_.overlay) drawOverlay(enhancer.overlay(), nv21_.data(), nv21Width_, paddedHeight(height_));
 
   FramePtr enhanced = unpackNv21(nv21_.data(), nv21Width_, paddedHeight(height_));
   FramePtr output = colours_.fromEngine(*enhanced);
@@ -194,6 +203,7 @@ void Run::writeStatistics(double seconds) const {
         {"neutral_exposure", options_.neutralExposure},
         {"stabilize", options_.stabilize},
         {"compare", options_.compare},
+        {"overlay", options_.overlay},
         {"warm_up", options_.warmUp && !options_.neutralExposure},
         {"crf", options_.crf}}}};
   json.update(statistics_.json(seconds));
@@ -225,6 +235,7 @@ int runEnhance(const EnhanceOptions& options) {
 }
 
 int runEnhance(const EnhanceOptions& options, const EnhancerFactory& factory) {
+  checkLook(options);
   checkOutputs(options);
   VideoReader reader(options.input);
   FramePtr first = reader.next();

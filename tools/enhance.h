@@ -10,15 +10,16 @@ namespace noxel::tool {
 constexpr int kDefaultPictureFrame = 25;
 
 struct EnhanceOptions {
-  std::string input;                // a file, or "-": Y4M on standard input
-  std::string output;               // .mp4, .mkv, .y4m, or "-": Y4M on standard output
-  std::string denoise = "spatial";  // or "temporal"
-  int strength = 65;                // 0..100, as the next
+  std::string input;                 // a file, or "-": Y4M on standard input
+  std::string output;                // .mp4, .mkv, .y4m, or "-": Y4M on standard output
+  std::string denoise = "temporal";  // or "spatial"
+  int strength = 65;                 // 0..100, as the next
   int exposure = 50;
   int crf = 18;  // 0..51
   bool neutralExposure = false;
   bool stabilize = false;
   bool compare = false;
+  bool overlay = false;  // temporal only, as stabilize
   bool warmUp = true;
   bool quiet = false;
   bool verbose = false;

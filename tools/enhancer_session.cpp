@@ -1,6 +1,7 @@
 #include "enhancer_session.h"
 
 #include <cmath>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,11 @@ EnhancerSession::EnhancerSession(const EnhancerSettings& settings)
   KRSetParameter(kParamNoiseReductionStrength, &settings.strength, engine_);
   KRSetParameter(kParamExposureStrength, &settings.exposure, engine_);
   KRSetParameter(kParamStabilization, &stabilization, engine_);
+  if (settings.overlay && captureGhostMask(engine_, true) != 0) {
+    releaseEngine(&engine_);
+    platform::setFrameClock(nullptr, nullptr);
+    throw std::bad_alloc();
+  }
 }
 
 EnhancerSession::~EnhancerSession() {
@@ -69,6 +75,19 @@ void EnhancerSession::enhance(uint8_t* nv21, int64_t presentationUs) {
 
 FrameReport EnhancerSession::report() const {
   return lastFrameReport(engine_);
+}
+
+Overlay EnhancerSession::overlay() const {
+  Overlay overlay;
+  overlay.report = report();
+  overlay.tracks.resize(kMaxPoints);
+  overlay.tracks.resize(static_cast<size_t>(lastTracks(engine_, overlay.tracks.data(), kMaxPoints)));
+  overlay.mask.resize(static_cast<size_t>(settings_.width) * static_cast<size_t>(settings_.height));
+  if (!lastGhostMask(engine_, overlay.mask.data(), settings_.width * settings_.height, &overlay.maskWidth,
+                     &overlay.maskHeight)) {
+    overlay.mask.clear();
+  }
+  return overlay;
 }
 
 }  // namespace noxel::tool

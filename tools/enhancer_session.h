@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "api/engine_control.h"
+#include "overlay.h"
 #include "presentation_clock.h"
 
 namespace noxel::tool {
@@ -14,11 +15,12 @@ struct EnhancerSettings {
   int width = 0;  // padded
   int height = 0;
   int64_t nominalIntervalUs = 40'000;
-  bool spatialDenoise = true;
+  bool spatialDenoise = false;
   int strength = 65;  // 0..100, as the next
   int exposure = 50;
   bool neutralExposure = false;
   bool stabilize = false;
+  bool overlay = false;  // keep what an overlay shows of each frame
 };
 
 // Enhances frame after frame of one clip, each in place and at once. One thread.
@@ -28,7 +30,9 @@ class Enhancer {
   // Lets the exposure settle on the first frame, which is not changed. Returns the number of rounds it took.
   virtual int warmUp(const uint8_t* nv21) = 0;
   virtual void enhance(uint8_t* nv21, int64_t presentationUs) = 0;
-  virtual FrameReport report() const = 0;  // on the frame enhanced last
+  // On the frame enhanced last.
+  virtual FrameReport report() const = 0;
+  virtual Overlay overlay() const = 0;
 };
 
 using EnhancerFactory = std::function<std::unique_ptr<Enhancer>(const EnhancerSettings&)>;
@@ -44,6 +48,7 @@ class EnhancerSession : public Enhancer {
   int warmUp(const uint8_t* nv21) override;
   void enhance(uint8_t* nv21, int64_t presentationUs) override;
   FrameReport report() const override;
+  Overlay overlay() const override;
 
  private:
   void process(uint8_t* nv21);

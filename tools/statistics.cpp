@@ -1,7 +1,8 @@
 #include "statistics.h"
 
-#include <algorithm>
-#include <cmath>
+#include <string>
+
+#include "percentile.h"
 
 namespace noxel::tool {
 namespace {
@@ -12,14 +13,19 @@ double meanOf(const std::vector<FrameStatistics>& frames, double FrameStatistics
   return frames.empty() ? 0 : sum / static_cast<double>(frames.size());
 }
 
-}  // namespace
-
-double percentile(std::vector<double> samples, double percent) {
-  if (samples.empty()) return 0;
-  std::sort(samples.begin(), samples.end());
-  const double rank = std::ceil(percent / 100 * static_cast<double>(samples.size()));
-  return samples[static_cast<size_t>(std::max(rank, 1.0)) - 1];
+nlohmann::ordered_json rowsOf(const float (&matrix)[9]) {
+  nlohmann::ordered_json rows = nlohmann::ordered_json::array();
+  for (int row = 0; row < 3; ++row) rows.push_back({matrix[3 * row], matrix[3 * row + 1], matrix[3 * row + 2]});
+  return rows;
 }
+
+std::vector<double> times(const std::vector<FrameStatistics>& frames, double FrameReport::*member) {
+  std::vector<double> result;
+  for (const FrameStatistics& frame : frames) result.push_back(frame.report.*member);
+  return result;
+}
+
+}  // namespace
 
 double Statistics::meanLumaBefore() const {
   return meanOf(frames_, &FrameStatistics::lumaBefore);
@@ -29,32 +35,55 @@ double Statistics::meanLumaAfter() const {
   return meanOf(frames_, &FrameStatistics::lumaAfter);
 }
 
+double Statistics::lostShare() const {
+  size_t measured = 0;
+  size_t lost = 0;
+  for (const FrameStatistics& frame : frames_) {
+    if (frame.report.status < 0 || frame.report.startsSequence) continue;
+    ++measured;
+    if (frame.report.status == 0) ++lost;
+  }
+  return measured > 0 ? static_cast<double>(lost) / static_cast<double>(measured) : 0;
+}
+
 nlohmann::ordered_json Statistics::json(double seconds) const {
-  std::vector<double> times;
+  std::vector<double> totals;
   nlohmann::ordered_json list = nlohmann::ordered_json::array();
   for (const FrameStatistics& frame : frames_) {
-    times.push_back(frame.totalMs);
+    totals.push_back(frame.totalMs);
     list.push_back({{"index", list.size()},
                     {"time", frame.seconds},
                     {"status", frame.report.status},
+                    {"starts_sequence", frame.report.startsSequence},
+                    {"points_tracked", frame.report.pointsTracked},
+                    {"points_kept", frame.report.pointsKept},
+                    {"motion", rowsOf(frame.report.motion)},
+                    {"stabilization", rowsOf(frame.report.stabilization)},
+                    {"zoom", frame.report.zoom},
                     {"gamma", frame.report.gamma},
                     {"gain", frame.report.gain},
-                    {"zoom", frame.report.zoom},
-                    {"upload_ms", frame.report.uploadMs},
                     {"registration_ms", frame.report.registrationMs},
+                    {"upload_ms", frame.report.uploadMs},
+                    {"gpu_ms", frame.report.gpuMs},
                     {"total_ms", frame.totalMs},
                     {"mean_luma_before", frame.lumaBefore},
                     {"mean_luma_after", frame.lumaAfter}});
   }
-  return {{"summary",
-           {{"frames", count()},
-            {"seconds", seconds},
-            {"fps", seconds > 0 ? static_cast<double>(count()) / seconds : 0.0},
-            {"mean_luma_before", meanLumaBefore()},
-            {"mean_luma_after", meanLumaAfter()},
-            {"ms_p50", percentile(times, 50)},
-            {"ms_p95", percentile(times, 95)}}},
-          {"frames", std::move(list)}};
+  nlohmann::ordered_json summary = {{"frames", count()},
+                                    {"seconds", seconds},
+                                    {"fps", seconds > 0 ? static_cast<double>(count()) / seconds : 0.0},
+                                    {"lost_share", lostShare()},
+                                    {"mean_luma_before", meanLumaBefore()},
+                                    {"mean_luma_after", meanLumaAfter()}};
+  const auto addPercentiles = [&summary](const std::string& prefix, const std::vector<double>& samples) {
+    for (const int percent : {50, 95})
+      summary[prefix + "ms_p" + std::to_string(percent)] = percentile(samples, percent);
+  };
+  addPercentiles("", totals);
+  addPercentiles("registration_", times(frames_, &FrameReport::registrationMs));
+  addPercentiles("upload_", times(frames_, &FrameReport::uploadMs));
+  addPercentiles("gpu_", times(frames_, &FrameReport::gpuMs));
+  return {{"summary", std::move(summary)}, {"frames", std::move(list)}};
 }
 
 }  // namespace noxel::tool

@@ -17,15 +17,13 @@ struct FrameStatistics {
   double lumaAfter = 0;
 };
 
-// The value below or at which `percent` of the samples lie (nearest rank). 0 without samples.
-double percentile(std::vector<double> samples, double percent);
-
 class Statistics {
  public:
   void add(const FrameStatistics& frame) { frames_.push_back(frame); }
   size_t count() const { return frames_.size(); }
   double meanLumaBefore() const;
   double meanLumaAfter() const;
+  double lostShare() const;  // of the frames whose motion was asked for, those without one; 0 where none was
 
   // Members "summary" and "frames". `seconds`: wall-clock time from the first frame on, without the warm-up.
   nlohmann::ordered_json json(double seconds) const;

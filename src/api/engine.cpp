@@ -12,6 +12,7 @@
 #include "api/properties.h"
 #include "api/threads.h"
 #include "platform/log.h"
+#include "registration/luminance.h"
 
 namespace noxel {
 
@@ -50,6 +51,8 @@ void freeEngine(_KRSuperResEngine* engine) {
                             &engine->registration.registrationRequest, &engine->registration.registrationDone}) {
     signal->destroy();
   }
+  std::free(engine->notes.maskPixels);
+  std::free(engine->notes.mask);
   engine->~_KRSuperResEngine();
   std::free(engine);
 }
@@ -72,7 +75,7 @@ bool setUpSynchronous(_KRSuperResEngine* engine) {
 }
 
 bool setUpPipelined(_KRSuperResEngine* engine) {
-  engine->scale = engine->width > 1000 || engine->height > 1000 ? 2 : 1;
+  engine->scale = resolutionFactor(engine->width, engine->height);
   engine->gpu.useStabilization.store(engine->mode == kModeStabilize ? 1 : 0, std::memory_order_relaxed);
   return allocateFrames(engine) && startRegistrationThread(engine) == 0;
 }
@@ -147,7 +150,55 @@ bool engineReady(_KRSuperResEngine* engine) {
 
 FrameReport lastFrameReport(_KRSuperResEngine* engine) {
   const EngineReference reference(engine);
-  return reference ? engine->report : FrameReport{};
+  if (!reference) return {};
+  Lock lock(frameMutex);
+  FrameReport report = engine->report;
+  report.gpuMs = engine->notes.gpuMs;
+  return report;
+}
+
+int lastTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity) {
+  const EngineReference reference(engine);
+  if (!reference) return 0;
+  const RegistrationContext& registration = engine->registration;
+  const int known = engine->report.status == kRegistrationOff ? 0 : registration.matchCount;
+  const int count = std::clamp(capacity, 0, known);
+  const auto factor = static_cast<float>(engine->scale);
+  for (int i = 0; i < count; ++i) {
+    const _KRMatch& match = registration.matches[i];
+    tracks[i] = {match.sourceX * factor, match.sourceY * factor, match.targetX * factor, match.targetY * factor};
+  }
+  return count;
+}
+
+int captureGhostMask(_KRSuperResEngine* engine, bool on) {
+  const EngineReference reference(engine);
+  if (!reference || engine->mode == kModeSynchronousRgba) return 1;
+  DeliveryNotes* notes = &engine->notes;
+  Lock lock(frameMutex);
+  if (on && notes->mask == nullptr) {
+    const MaskSize size = ghostMaskSize(engine->width, engine->height);
+    const size_t count = static_cast<size_t>(size.width) * static_cast<size_t>(size.height);
+    if (notes->maskPixels == nullptr) notes->maskPixels = static_cast<unsigned char*>(std::calloc(count, 4));
+    if (notes->maskPixels == nullptr) return 1;
+    notes->mask = static_cast<unsigned char*>(std::calloc(count, 1));
+    if (notes->mask == nullptr) return 1;
+  }
+  notes->captureMask.store(on ? 1 : 0, std::memory_order_release);
+  return 0;
+}
+
+bool lastGhostMask(_KRSuperResEngine* engine, unsigned char* mask, int capacity, int* width, int* height) {
+  const EngineReference reference(engine);
+  if (!reference) return false;
+  const MaskSize size = ghostMaskSize(engine->width, engine->height);
+  const int count = size.width * size.height;
+  Lock lock(frameMutex);
+  if (!engine->notes.maskValid || capacity < count) return false;
+  std::copy_n(engine->notes.mask, count, mask);
+  *width = size.width;
+  *height = size.height;
+  return true;
 }
 
 }  // namespace noxel

@@ -11,6 +11,7 @@
 #include "gl/engine/gpu_engine.h"
 #include "platform/signal.h"
 #include "registration/registration_thread.h"
+#include "registration/worker_pool.h"
 
 namespace noxel {
 
@@ -48,6 +49,7 @@ struct GpuThreadContext {
   unsigned char* commandBuffer = nullptr;
   uint32_t commandSequence = 0;
   int commandLightMode = 1;  // the job's snapshot
+  double uploadMs = 0.0;     // of the frame's load commands
 
   HandOver handOver = {};
   _KRGPUEngine* gpuEngine = nullptr;  // the GPU thread's alone
@@ -82,6 +84,9 @@ struct GpuThreadContext {
   bool gpuThreadStarted = false;
 };
 
+// Beside the registration thread itself.
+inline constexpr int kMaxRegistrationWorkers = 3;
+
 }  // namespace noxel
 
 // Allocated zeroed and constructed in place; freed when the last reference is dropped after release.
@@ -96,7 +101,7 @@ struct _KRSuperResEngine {
   int frameStatus = 1;  // -1 spatial, 0 failed or first, 1 registered
   float frameGamma = 1.0f;
   float frameGain = 1.0f;
-  noxel::FrameReport report = {};
+  noxel::FrameReport report;
 
   // The sequence, under frameMutex; the atomics among them are also read without it.
   int framesSinceReset = 0;
@@ -115,10 +120,14 @@ struct _KRSuperResEngine {
   noxel::_KRSignal callerSignal;  // 1 output ready, -1 output taken
   pthread_mutex_t* frameMutex = nullptr;
   int offscreen = 1;
+  noxel::DeliveryNotes notes;  // what the GPU thread tells of a delivered frame
 
   noxel::RegistrationContext registration;
   pthread_t registrationThread = {};
   bool registrationThreadStarted = false;
+  noxel::WorkerPool registrationWorkers;
+  pthread_t registrationWorkerThreads[noxel::kMaxRegistrationWorkers] = {};
+  int registrationWorkerCount = 0;
   noxel::GpuThreadContext gpu;
 
   std::atomic<int> initialized = 0;   // acquire/release

@@ -60,15 +60,38 @@ int KRProcessFrame(unsigned char* frame, _KRSuperResEngine* engine);
 bool engineReady(_KRSuperResEngine* engine);
 
 // What was decided about the newest frame that was posted to the GPU. In the synchronous set-up above that is the frame
-// KRProcessFrame just returned.
+// KRProcessFrame just returned. Matrices are 3 x 3, row-major, in frame pixels with the first one's centre at (0.5, 0.5).
 struct FrameReport {
-  int status;   // -1 spatial path, 0 first frame or failed registration, 1 registered
-  float gamma;  // exponent and gain of the tone step
-  float gain;
-  float zoom;             // the eased zoom
-  double uploadMs;        // upload and registration, as the job saw them
-  double registrationMs;  // the part of it that waited for motion and exposure
+  int status = 0;      // -1 spatial path, 0 first frame or failed registration, 1 registered
+  float gamma = 1.0f;  // exponent and gain of the tone step
+  float gain = 1.0f;
+  float zoom = 1.0f;            // the eased zoom
+  double uploadMs = 0.0;        // of the GPU thread, planes to textures
+  double registrationMs = 0.0;  // until the job had motion and exposure, luminance included
+  double gpuMs = 0.0;           // of the GPU thread, from taking the frame over to its delivery
+  bool startsSequence = false;  // its motion was not measured: it is what the next one is measured against
+  int pointsTracked = 0;        // into this frame, 0 on the spatial path
+  int pointsKept = 0;           // of them, what the motion was fitted to
+  float motion[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};         // current to previous frame
+  float stabilization[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};  // current frame to stabilised picture, before the zoom
 };
-FrameReport lastFrameReport(_KRSuperResEngine* engine);  // call it between frames, on the caller's thread
+
+// What follows is called between frames, on the caller's thread.
+
+FrameReport lastFrameReport(_KRSuperResEngine* engine);
+
+// The pairs that registration kept of that frame, in frame pixels as above: source in the previous frame, target in the
+// current one. Returns how many were written, at most `capacity`.
+struct _KRMatch;
+int lastTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity);
+
+// How far the blend of the frame delivered last was held back, over the output picture: 0 as the strength asks for, 255
+// the current frame alone. Off by default; while it is on, the GPU thread waits for the mask of each frame. 1 when there
+// is no live engine, memory ran out, or the engine keeps no history.
+int captureGhostMask(_KRSuperResEngine* engine, bool on);
+
+// Writes width x height bytes, 1/8 of the frame's size, and says so in *width and *height. False, and nothing written, when
+// that frame was not blended, the capture is off, or `capacity` is too small.
+bool lastGhostMask(_KRSuperResEngine* engine, unsigned char* mask, int capacity, int* width, int* height);
 
 }  // namespace noxel

@@ -103,6 +103,15 @@ void processRgba(GpuThreadContext* context) {
   processInPlace(context->gpuEngine, context->commandBuffer, parameters);
 }
 
+// Loads that no GL stands for are skipped.
+template <typename Load>
+void timedLoad(GpuThreadContext* context, Load load) {
+  if (!isReady(*context)) return;
+  const uint64_t start = KRTimeNow();
+  load();
+  context->uploadMs += static_cast<double>(KRTimeDiff(start, KRTimeNow())) * 1e-6;
+}
+
 // Runs a command that is done when it returns. False for one that answers by itself or not at all.
 bool runCommand(GpuThreadContext* context, int command) {
   switch (command) {
@@ -118,13 +127,13 @@ bool runCommand(GpuThreadContext* context, int command) {
       DestroyGPUEngine(&context->gpuEngine);
       return true;
     case kCommandLoad:
-      if (isReady(*context)) loadFrame(context);
+      timedLoad(context, [=] { loadFrame(context); });
       return true;
     case kCommandLoadLuma:
-      if (isReady(*context)) loadPackedTextureYOnly(context->gpuEngine, context->commandBuffer);
+      timedLoad(context, [=] { loadPackedTextureYOnly(context->gpuEngine, context->commandBuffer); });
       return true;
     case kCommandLoadChroma:
-      if (isReady(*context)) loadTextureUVOnly(context->gpuEngine, context->commandBuffer);
+      timedLoad(context, [=] { loadTextureUVOnly(context->gpuEngine, context->commandBuffer); });
       return true;
     case kCommandProcessInPlace:
       if (isReady(*context) && context->gpuMode == kModeSynchronousRgba) processRgba(context);
@@ -180,8 +189,9 @@ int startGPUThread(_KRSuperResEngine* engine) {
   GpuThreadContext* context = &engine->gpu;
   context->gpuWidth = engine->width;
   context->gpuHeight = engine->height;
-  context->handOver = {engine->frameBuffers[3], engine->frameMutex,     &engine->queuedFrames, &engine->sequence,
-                       &engine->initialized,    engine->syncWithCaller, engine->outputDelay,   &engine->callerSignal};
+  context->handOver = {engine->frameBuffers[3], engine->frameMutex,    &engine->queuedFrames,
+                       &engine->sequence,       &engine->initialized,  engine->syncWithCaller,
+                       engine->outputDelay,     &engine->callerSignal, &engine->notes};
   if (pthread_create(&context->gpuThread, nullptr, gpuThreadMain, context) != 0) {
     NOXEL_LOG_ERROR("could not start the GPU thread");
     return 1;

@@ -1,10 +1,43 @@
-// Start and stop of the registration thread.
+// Start and stop of the registration thread and of its helpers.
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdlib>
 
 #include "api/threads.h"
 #include "platform/log.h"
+#include "registration/point_tracker.h"
 
 namespace noxel {
+namespace {
+
+// One helper for each further core, up to a number that leaves cores to the application. With fewer, or none, a frame only
+// takes longer.
+void startWorkers(_KRSuperResEngine* engine) {
+  const auto serve = [](void* pool) -> void* {
+    static_cast<WorkerPool*>(pool)->serve();
+    return nullptr;
+  };
+  const long wanted = std::min<long>(kMaxRegistrationWorkers, sysconf(_SC_NPROCESSORS_ONLN) - 1);
+  int& count = engine->registrationWorkerCount;
+  while (count < wanted) {
+    if (pthread_create(&engine->registrationWorkerThreads[count], nullptr, serve, &engine->registrationWorkers) != 0) {
+      NOXEL_LOG_ERROR("registration goes on with %d of %ld workers", count, wanted);
+      break;
+    }
+    ++count;
+  }
+  if (count > 0) setTrackerWorkers(engine->registration.registration, &engine->registrationWorkers);
+}
+
+void stopWorkers(_KRSuperResEngine* engine) {
+  engine->registrationWorkers.stop();
+  while (engine->registrationWorkerCount > 0) {
+    pthread_join(engine->registrationWorkerThreads[--engine->registrationWorkerCount], nullptr);
+  }
+}
+
+}  // namespace
 
 int startRegistrationThread(_KRSuperResEngine* engine) {
   RegistrationContext* context = &engine->registration;
@@ -17,6 +50,9 @@ int startRegistrationThread(_KRSuperResEngine* engine) {
     *image = static_cast<uint8_t*>(std::calloc(size, 1));
     if (*image == nullptr) return 1;
   }
+  if (!initStabilization(&context->stabilization, 1, 1, context->width, context->height)) return 1;
+  if (createRegistration(context->width, context->height, 1, &context->registration) != 0) return 1;
+  startWorkers(engine);
   if (pthread_create(&engine->registrationThread, nullptr, registrationThreadMain, context) != 0) {
     NOXEL_LOG_ERROR("could not start the registration thread");
     return 1;
@@ -37,6 +73,9 @@ void stopRegistrationThread(_KRSuperResEngine* engine) {
     pthread_join(engine->registrationThread, nullptr);
     engine->registrationThreadStarted = false;
   }
+  stopWorkers(engine);
+  releaseRegistration(&context->registration);
+  releaseStabilization(&context->stabilization, 1, 1);
   for (uint8_t** image : {&context->luminanceFrames[0], &context->luminanceFrames[1], &context->scratchFrame}) {
     std::free(*image);
     *image = nullptr;

@@ -7,6 +7,7 @@
 #include "kernels/planes.h"
 #include "platform/log.h"
 #include "platform/stopwatch.h"
+#include "registration/luminance.h"
 
 namespace noxel {
 namespace {
@@ -127,17 +128,8 @@ void takeRepriming(_KRSuperResEngine* engine, uint32_t sequence) {
 void submitRegistrationFrame(_KRSuperResEngine* engine, const unsigned char* frame) {
   RegistrationContext* registration = &engine->registration;
   registration->frameSelect = 1 - registration->frameSelect;
-  uint8_t* luminance = registration->luminanceFrames[registration->frameSelect];
-  if (engine->scale == 1) {
-    std::memcpy(luminance, frame, static_cast<size_t>(engine->width) * static_cast<size_t>(engine->height));
-  } else {
-    if (engine->mode == 0) {
-      kernels::downscaleByTwoDiagonal(frame, engine->width, engine->height, luminance);
-    } else {
-      kernels::downscaleByTwo(frame, engine->width, engine->height, luminance);
-    }
-    kernels::smoothTwice(luminance, registration->width, registration->height, registration->scratchFrame);
-  }
+  prepareLuminance({engine->width, engine->height, frame}, engine->scale, engine->mode == 0,
+                   registration->luminanceFrames[registration->frameSelect], registration->scratchFrame);
   registration->registrationRequest.raise();
 }
 
@@ -185,15 +177,34 @@ double millisecondsSince(uint64_t start) {
   return static_cast<double>(KRTimeDiff(start, KRTimeNow())) * 1e-6;
 }
 
+void fillReport(_KRSuperResEngine* engine, bool startsSequence, double registrationMs) {
+  const _KROFRegistration* tracker = engine->registration.registration;
+  const bool measured = engine->frameStatus != kRegistrationOff && tracker != nullptr;
+  FrameReport* report = &engine->report;
+  report->status = engine->frameStatus;
+  report->gamma = engine->frameGamma;
+  report->gain = engine->frameGain;
+  report->zoom = engine->gpu.currentZoom.load(std::memory_order_relaxed);
+  report->uploadMs = engine->gpu.uploadMs;
+  report->registrationMs = registrationMs;
+  report->startsSequence = measured && startsSequence;
+  report->pointsTracked = measured ? tracker->trackedCount : 0;
+  report->pointsKept = measured ? tracker->matchedCount : 0;
+  std::memcpy(report->motion, engine->frameParameters.frameMatrixA, sizeof(report->motion));
+  std::memcpy(report->stabilization, engine->frameParameters.stabilizationTransform, sizeof(report->stabilization));
+}
+
 void processClaimed(_KRSuperResEngine* engine, const Claim& claim, uint32_t sequence) {
-  const uint64_t start = KRTimeNow();
+  engine->gpu.uploadMs = 0.0;
   startWatch(72);
   const int lightMode = engine->gpu.lightMode.load(std::memory_order_relaxed);
   upload(engine, claim, lightMode);
   double registrationMs = 0.0;
+  bool startsSequence = false;
   if (lightMode == 0 || engine->gpu.gpuMode != 0) {
     const uint64_t submitted = KRTimeNow();
     takeRepriming(engine, sequence);
+    startsSequence = engine->registration.firstFrame == 1;
     submitRegistrationFrame(engine, claim.buffer);
     engine->registration.registrationDone.wait();
     registrationMs = millisecondsSince(submitted);
@@ -201,9 +212,7 @@ void processClaimed(_KRSuperResEngine* engine, const Claim& claim, uint32_t sequ
   stopWatch("c2s", 72);
   takeResults(engine, lightMode);
   engine->gpu.gpuDone.wait();  // the load
-  engine->report = {engine->frameStatus,      engine->frameGamma,
-                    engine->frameGain,        engine->gpu.currentZoom.load(std::memory_order_relaxed),
-                    millisecondsSince(start), registrationMs};
+  fillReport(engine, startsSequence, registrationMs);
   postProcessFrame(engine, claim, sequence);
   engine->gpu.gpuDone.wait();
 }

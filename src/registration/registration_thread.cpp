@@ -3,6 +3,9 @@
 #include <cmath>
 #include <cstring>
 
+#include "registration/matrix.h"
+#include "registration/register_frame.h"
+
 namespace noxel {
 namespace {
 
@@ -24,6 +27,22 @@ void storeMatrix(float (&to)[9], const float (&from)[9], int resolutionFactor) {
   to[5] *= static_cast<float>(resolutionFactor);
 }
 
+bool measureBySource(RegistrationContext* context, MotionEstimate* estimate) {
+  const bool first = context->firstFrame == 1;
+  return context->motionSource(context->motionSourceContext, selectedImage(*context), first, estimate) && !first;
+}
+
+bool measureByTracker(RegistrationContext* context, MotionEstimate* estimate) {
+  _KRStabilizationParameters* const stabilization = &context->stabilization;
+  int valid = 0;
+  registerFrame(selectedImage(*context).pixels, estimate->previousFromCurrent, estimate->currentFromPrevious,
+                context->matches, &valid, context->registration, &context->firstFrame, stabilization);
+  context->matchCount = context->registration->matchedCount;
+  std::memcpy(estimate->stabilizedFromCurrent, stabilization->stabilizationMatrix,
+              sizeof(stabilization->stabilizationMatrix));
+  return valid == 1;
+}
+
 bool quitRequested(RegistrationContext* context) {
   Lock lock(context->quitMutex);
   return context->quitFlag != 0;
@@ -31,16 +50,20 @@ bool quitRequested(RegistrationContext* context) {
 
 }  // namespace
 
-void registerFrame(RegistrationContext* context) {
+void measureMotion(RegistrationContext* context) {
   MotionEstimate estimate;
-  std::memcpy(estimate.previousFromCurrent, kIdentity3x3, sizeof(kIdentity3x3));
-  std::memcpy(estimate.currentFromPrevious, kIdentity3x3, sizeof(kIdentity3x3));
-  std::memcpy(estimate.stabilizedFromCurrent, kIdentity3x3, sizeof(kIdentity3x3));
+  setIdentity(estimate.previousFromCurrent);
+  setIdentity(estimate.currentFromPrevious);
+  setIdentity(estimate.stabilizedFromCurrent);
 
-  const bool first = context->firstFrame == 1;
+  bool valid = false;
+  context->matchCount = 0;
+  if (context->motionSource != nullptr) {
+    valid = measureBySource(context, &estimate);
+  } else if (context->registration != nullptr) {
+    valid = measureByTracker(context, &estimate);
+  }
   context->firstFrame = 0;
-  bool valid = context->motionSource != nullptr &&
-               context->motionSource(context->motionSourceContext, selectedImage(*context), first, &estimate) && !first;
   valid = valid && isFinite(estimate.previousFromCurrent) && isFinite(estimate.currentFromPrevious) &&
           isFinite(estimate.stabilizedFromCurrent);
 
@@ -57,7 +80,7 @@ void* registrationThreadMain(void* argument) {
     context->registrationRequest.wait();
     if (quitRequested(context)) break;
     if (context->registrationResult != kRegistrationOff) {
-      registerFrame(context);
+      measureMotion(context);
     } else {
       // No motion is known of a frame that was not measured.
       storeMatrix(context->motionMatrix, kIdentity3x3, 1);

@@ -7,7 +7,9 @@
 #include <cstdint>
 
 #include "platform/signal.h"
+#include "registration/camera_path.h"
 #include "registration/exposure.h"
+#include "registration/registration_state.h"
 
 namespace noxel {
 
@@ -54,7 +56,12 @@ struct RegistrationContext {
   ExposureState exposure;
   std::atomic<int> exposureStrength = 50;  // 0..100, set by any thread, relaxed: a frame late is fine
 
-  // Null: nothing measures motion yet, and every frame counts as a failed registration.
+  _KRStabilizationParameters stabilization = {};  // in pixels of the registration image
+  _KROFRegistration* registration = nullptr;      // the tracker's state; null: every frame is a failed registration
+  _KRMatch matches[kMaxPoints] = {};  // the kept pairs of the last frame, in pixels of the registration image
+  int matchCount = 0;
+
+  // Takes the tracker's place when it is set: known motion for tests.
   MotionSource motionSource = nullptr;
   void* motionSourceContext = nullptr;
 
@@ -66,8 +73,8 @@ struct RegistrationContext {
 // the context.
 void* registrationThreadMain(void* context);
 
-// Measures the selected frame into the context's matrices and registrationResult. A frame without valid motion, non-finite
-// matrices included, has identity matrices.
-void registerFrame(RegistrationContext* context);
+// Measures the selected frame into the context's matrices, matches and registrationResult. A frame without valid motion,
+// non-finite matrices included, has identity matrices.
+void measureMotion(RegistrationContext* context);
 
 }  // namespace noxel

@@ -196,6 +196,69 @@ TEST_F(RegistrationThread, SwitchedOffItOnlyMeasuresExposure) {
   EXPECT_EQ(context.exposure.maxLevel, 40);
 }
 
+// Smooth noise, seen by a camera at rest but for a small turn and a shift of `frame` times (1.5, -1) pixels.
+std::vector<uint8_t> view(int width, int height, int frame) {
+  const auto grain = [](uint32_t x, uint32_t y) {
+    const uint32_t mixed = (x * 73856093u) ^ (y * 19349663u);
+    return static_cast<double>(mixed * 2654435761u >> 24);
+  };
+  std::vector<uint8_t> pixels;
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      const double u = (x - 1.5 * frame - 0.004 * frame * y) / 6 + 100, v = (y + frame + 0.004 * frame * x) / 6 + 100;
+      const auto column = static_cast<uint32_t>(u), row = static_cast<uint32_t>(v);
+      const double right = u - column, below = v - row;
+      const double level = (grain(column, row) * (1 - right) + grain(column + 1, row) * right) * (1 - below) +
+                           (grain(column, row + 1) * (1 - right) + grain(column + 1, row + 1) * right) * below;
+      pixels.push_back(static_cast<uint8_t>(level));
+    }
+  }
+  return pixels;
+}
+
+TEST(MotionMeasurement, TheTrackersMotionIsInFramePixelsAndItsPathInItsOwn) {
+  constexpr int kSide = 160;
+  RegistrationContext context;
+  context.width = context.height = kSide;
+  context.resolutionFactor = 2;
+  ASSERT_EQ(createRegistration(kSide, kSide, 1, &context.registration), 0);
+  ASSERT_TRUE(initStabilization(&context.stabilization, 1, 1, kSide, kSide));
+  const float(&path)[9] = context.stabilization.stabilizationMatrix;
+  for (int frame = 0; frame < 4; ++frame) {
+    SCOPED_TRACE(frame);
+    std::vector<uint8_t> pixels = view(kSide, kSide, frame);
+    context.luminanceFrames[0] = pixels.data();
+    measureMotion(&context);
+    EXPECT_EQ(context.firstFrame, 0);
+    if (frame == 0) {
+      EXPECT_EQ(context.registrationResult, kRegistrationFailed);
+      EXPECT_EQ(context.matchCount, 0);
+      EXPECT_TRUE(isMatrix(context.motionMatrix, kIdentity3x3));
+      EXPECT_TRUE(isMatrix(context.stabilizationMatrix, kIdentity3x3));
+      continue;
+    }
+    ASSERT_EQ(context.registrationResult, kRegistrationValid);
+    EXPECT_GE(context.matchCount, 5);
+    // A tracker is right to some tenth of a pixel, twice that in the frame.
+    EXPECT_NEAR(context.inverseMotionMatrix[2], 2 * 1.5, 0.2);
+    EXPECT_NEAR(context.inverseMotionMatrix[5], 2 * -1.0, 0.2);
+    EXPECT_NEAR(context.motionMatrix[2], 2 * -1.5, 0.2);
+    EXPECT_NEAR(context.motionMatrix[5], 2 * 1.0, 0.2);
+    EXPECT_TRUE(isMatrix(context.stabilizationMatrix, path, 2.0f));
+    EXPECT_LT(path[2], 0.0f);  // back to where the picture was
+    EXPECT_NEAR(context.stabilization.rawPath[0], 1.5 * frame, 0.1 * frame);
+  }
+
+  context.firstFrame = 1;  // a break of the sequence: the path waits
+  measureMotion(&context);
+  EXPECT_EQ(context.registrationResult, kRegistrationFailed);
+  EXPECT_TRUE(isMatrix(context.motionMatrix, kIdentity3x3));
+  EXPECT_TRUE(isMatrix(context.stabilizationMatrix, kIdentity3x3));
+  EXPECT_NEAR(context.stabilization.rawPath[0], 4.5, 0.3);
+  releaseRegistration(&context.registration);
+  releaseStabilization(&context.stabilization, 1, 1);
+}
+
 TEST_F(RegistrationThread, QuitReleasesTheWaiterAndMeasuresNothing) {
   frame();
   EXPECT_EQ(quit(), &context);

@@ -50,7 +50,9 @@ TEST(Command, RefusesWhatItWasNotMeantToDo) {
        {std::string(), std::string("bogus"), "enhance " + in, "enhance " + in + " -o " + folder.file("old.mp4"),
         "enhance " + in + " -o " + folder.file("x.avi"), "enhance " + in + " -y -o " + in,
         "enhance " + in + " --strength 101 -o " + folder.file("x.mp4"),
-        "enhance " + in + " --denoise both -o " + folder.file("x.mp4"), std::string("enhance - -y -o /dev/null")}) {
+        "enhance " + in + " --denoise both -o " + folder.file("x.mp4"),
+        "enhance " + in + " --denoise spatial --stabilize -o " + folder.file("x.mp4"),
+        std::string("enhance - -y -o /dev/null")}) {
     const Outcome outcome = noxel(folder, arguments);
     EXPECT_EQ(outcome.exitCode, kExitUsage) << arguments;
     EXPECT_EQ(outcome.error.rfind("noxel: ", 0), 0u) << outcome.error;

@@ -8,6 +8,7 @@
 #include "clips.h"
 #include "interrupt.h"
 #include "nv21_frame.h"
+#include "percentile.h"
 #include "progress.h"
 #include "statistics.h"
 #include "tool_error.h"
@@ -35,7 +36,28 @@ class FakeEnhancer : public Enhancer {
     const int count = record_.settings.width * record_.settings.height;
     for (int i = 0; i < count; ++i) nv21[i] = static_cast<uint8_t>(nv21[i] + kLift);
   }
-  FrameReport report() const override { return {1, 0.75f, 1.25f, 1.0f, 2.0, 1.0}; }
+  // The first frame of six starts the sequence, the fourth is lost, and the times rise.
+  FrameReport report() const override {
+    const auto frame = record_.times.size() - 1;
+    FrameReport report;
+    report.status = frame == 0 || frame == 3 ? 0 : 1;
+    report.startsSequence = frame == 0;
+    report.gamma = 0.75f;
+    report.gain = 1.25f;
+    report.registrationMs = 1.0 + static_cast<double>(frame);
+    report.uploadMs = 11.0 + static_cast<double>(frame);
+    report.gpuMs = 21.0 + static_cast<double>(frame);
+    report.pointsTracked = 700;
+    report.pointsKept = 500;
+    report.motion[2] = 2.5f;
+    report.stabilization[3] = -0.25f;
+    return report;
+  }
+  Overlay overlay() const override {
+    Overlay overlay;
+    overlay.tracks = {{20.5f, 20.5f, 26.5f, 20.5f}};
+    return overlay;
+  }
 
  private:
   FakeRecord& record_;
@@ -68,13 +90,13 @@ TEST_F(Enhance, OneFrameOutForEachInLiftedByTheEnhancer) {
   spec.times = {0, 40, 120, 2000, 2040};
   writeClip(options_.input, spec);
   options_.exposure = 30;
-  options_.denoise = "temporal";
+  options_.denoise = "spatial";
   ASSERT_EQ(run(), kExitFine);
 
   EXPECT_EQ(record_.settings.width, 68);
   EXPECT_EQ(record_.settings.height, 50);
   EXPECT_EQ(record_.settings.exposure, 30);
-  EXPECT_FALSE(record_.settings.spatialDenoise);
+  EXPECT_TRUE(record_.settings.spatialDenoise);
   EXPECT_EQ(record_.warmUps, 1);
   EXPECT_EQ(record_.times, (std::vector<int64_t>{0, 40'000, 120'000, 2'000'000, 2'040'000}));
 
@@ -109,6 +131,23 @@ TEST_F(Enhance, CompareLeavesTheLeftHalfAsItCame) {
   }
 }
 
+TEST_F(Enhance, OverlayIsDrawnIntoTheOutputAndMeasuredWithoutIt) {
+  writeClip(options_.input, {});
+  options_.output = folder_.file("out.y4m");
+  options_.statsFile = folder_.file("run.json");
+  options_.overlay = true;
+  ASSERT_EQ(run(), kExitFine);
+  EXPECT_TRUE(record_.settings.overlay);
+  const FramePtr out = VideoReader(options_.output).next();
+  EXPECT_EQ(out->data[0][20 * out->linesize[0] + 26], 255) << "the dot";
+  const auto frame = nlohmann::json::parse(std::ifstream(options_.statsFile))["frames"][0];
+  EXPECT_DOUBLE_EQ(frame["mean_luma_after"].get<double>() - frame["mean_luma_before"].get<double>(), kLift);
+
+  options_.denoise = "spatial";
+  options_.overwrite = true;
+  EXPECT_THROW(run(), ToolError) << "there is nothing to show";
+}
+
 TEST_F(Enhance, WritesStatisticsAndPicture) {
   writeClip(options_.input, {});
   options_.statsFile = folder_.file("run.json");
@@ -124,7 +163,19 @@ TEST_F(Enhance, WritesStatisticsAndPicture) {
   ASSERT_EQ(json["frames"].size(), 6u);
   EXPECT_EQ(json["frames"][3]["index"], 3);
   EXPECT_DOUBLE_EQ(json["frames"][3]["time"].get<double>(), 0.12);
-  EXPECT_EQ(json["frames"][3]["status"], 1);
+  EXPECT_EQ(json["frames"][2]["status"], 1);
+  EXPECT_EQ(json["frames"][0]["starts_sequence"], true);
+  EXPECT_EQ(json["frames"][3]["points_tracked"], 700);
+  EXPECT_EQ(json["frames"][3]["points_kept"], 500);
+  EXPECT_EQ(json["frames"][3]["motion"][0][2], 2.5);
+  EXPECT_EQ(json["frames"][3]["stabilization"][1][0], -0.25);
+  EXPECT_EQ(json["frames"][3]["registration_ms"], 4);
+  EXPECT_EQ(json["frames"][3]["upload_ms"], 14);
+  EXPECT_EQ(json["frames"][3]["gpu_ms"], 24);
+  EXPECT_DOUBLE_EQ(json["summary"]["lost_share"].get<double>(), 1.0 / 5) << "the first frame cannot be lost";
+  EXPECT_EQ(json["summary"]["registration_ms_p50"], 3);
+  EXPECT_EQ(json["summary"]["upload_ms_p95"], 16);
+  EXPECT_EQ(json["summary"]["gpu_ms_p95"], 26);
   EXPECT_FLOAT_EQ(json["frames"][3]["gamma"].get<float>(), 0.75f);
   const double before = json["frames"][3]["mean_luma_before"];
   // Full range: the clip's codes are the engine's.

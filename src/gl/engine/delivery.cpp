@@ -1,4 +1,7 @@
 // How a finished frame leaves the GPU.
+#include <algorithm>
+#include <chrono>
+#include <cmath>
 #include <cstring>
 
 #include "gl/engine/gpu_engine.h"
@@ -33,6 +36,25 @@ bool countDelivered(const HandOver& handOver, uint32_t sequence) {
   return true;
 }
 
+// The mask holds the weight of the current frame: the strength's own where nothing holds the blend back, 1 at most.
+void noteMask(DeliveryNotes* notes, MaskSize size, float ownWeight) {
+  for (int i = 0; i < size.width * size.height; ++i) {
+    const float weight = static_cast<float>(notes->maskPixels[4 * i]) / 255.0f;
+    const float heldBack = std::clamp((weight - ownWeight) / (1.0f - ownWeight), 0.0f, 1.0f);
+    notes->mask[i] = static_cast<unsigned char>(std::lround(255.0f * heldBack));
+  }
+}
+
+// Called under frameMutex.
+void takeNotes(const _KRGPUEngine& engine, DeliveryNotes* notes) {
+  notes->gpuMs =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - engine.frameStart).count();
+  notes->maskValid = engine.maskCaptured;
+  if (notes->maskValid) {
+    noteMask(notes, ghostMaskSize(engine.width, engine.height), engine.lowLight->state.maskWeight);
+  }
+}
+
 }  // namespace
 
 void deliver(_KRGPUEngine* engine, const unsigned char* bytes) {
@@ -42,6 +64,7 @@ void deliver(_KRGPUEngine* engine, const unsigned char* bytes) {
   if (current && bytes != nullptr) {
     std::memcpy(handOver.outputBuffer, bytes, engine->lumaSize + engine->lumaSize / 2);
   }
+  if (current && handOver.notes != nullptr) takeNotes(*engine, handOver.notes);
   // A frame from before a break leaves the caller waiting for its own. Under the lock, so that a break finds either no
   // output of the old sequence announced or all of it.
   if (handOver.syncWithCaller == 1) handOver.callerSignal->raise(current ? 1 : -1);

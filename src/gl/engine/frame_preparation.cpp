@@ -93,6 +93,7 @@ void loadRgbaTexture(_KRGPUEngine* engine, const unsigned char* frame) {
 }
 
 void prepareFrame(_KRGPUEngine* engine, const FrameInput& input) {
+  engine->frameStart = std::chrono::steady_clock::now();
   engine->frame = input.frame;
   engine->frameSequence = input.sequence;
   if (engine->texturesLoaded == 0) loadTextures(engine, input.frame);

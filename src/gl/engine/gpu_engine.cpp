@@ -95,8 +95,9 @@ void CreateResources(_KRGPUEngine* engine) {
   const int quarterHeight = part(height, 4);
   image(engine->quarterImages[0], quarterWidth, quarterHeight);
   image(engine->quarterImages[1], quarterWidth, quarterHeight);
-  image(engine->quarterImages[2], part(quarterWidth, 2), part(quarterHeight, 2));
-  image(engine->quarterImages[3], part(quarterWidth, 2), part(quarterHeight, 2));
+  const MaskSize mask = ghostMaskSize(width, height);
+  image(engine->quarterImages[2], mask.width, mask.height);
+  image(engine->quarterImages[3], mask.width, mask.height);
   if (!readsBackYuv(*engine)) return;
   image(engine->lumaOutput, part(width, 4), height, GL_NEAREST);
   engine->lumaOutput->InitPixelBuffers(width / 4 * height * 4, engine->handOver.outputDelay);
@@ -183,6 +184,10 @@ void ReleaseResources(_KRGPUEngine* engine) {
 }
 
 }  // namespace
+
+MaskSize ghostMaskSize(int frameWidth, int frameHeight) {
+  return {part(part(frameWidth, 4), 2), part(part(frameHeight, 4), 2)};
+}
 
 void CreateGPUEngine(int width, int height, const HandOver& handOver, int mode, _KRGPUEngine** result) {
   create(width, height, nullptr, handOver, mode, result);

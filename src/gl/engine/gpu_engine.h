@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 
 #include "filters/bilateral_filter.h"
@@ -18,6 +19,18 @@
 
 namespace noxel {
 
+// What the frame delivered last tells of its making. Belongs to the engine record; under frameMutex but where it says
+// otherwise.
+struct DeliveryNotes {
+  double gpuMs = 0.0;  // of the GPU thread, from prepareFrame to delivery; a wait for the caller counts
+
+  // The ghost mask, for a person who asks why the picture looks as it does.
+  std::atomic<int> captureMask = 0;     // 1: release/acquire, once the buffers stand
+  unsigned char* maskPixels = nullptr;  // RGBA as read back; the GPU thread's
+  unsigned char* mask = nullptr;        // 0 the blend that the strength asks for, 255 the current frame alone
+  bool maskValid = false;               // the frame was blended, and `mask` is its own
+};
+
 // Where finished frames go. The words belong to the engine record above and outlive the GPU engine.
 struct HandOver {
   unsigned char* outputBuffer;  // width * height * 3/2 bytes, NV21, written under frameMutex
@@ -26,8 +39,9 @@ struct HandOver {
   const std::atomic<uint32_t>* sequence;  // current number, stable under frameMutex
   const std::atomic<int>* initialized;    // 0 ends every wait for the caller
   int syncWithCaller;
-  int outputDelay;          // read-back buffers, 1..3
-  _KRSignal* callerSignal;  // 1 output ready, -1 output taken
+  int outputDelay;                 // read-back buffers, 1..3
+  _KRSignal* callerSignal;         // 1 output ready, -1 output taken
+  DeliveryNotes* notes = nullptr;  // null: nobody wants to know
 };
 
 // The three matrices that come with a frame: 3 x 3, row-major, in frame pixels.
@@ -93,8 +107,10 @@ struct _KRGPUEngine {
   float outputTransform[16] = {};
   unsigned char* frame = nullptr;
   uint32_t frameSequence = 0;
-  Warp stabilizedTextureWarp;  // W of the newest frame drawn into history
-  float motionWarp[16] = {};   // current picture to accumulated frame
+  std::chrono::steady_clock::time_point frameStart;  // prepareFrame
+  bool maskCaptured = false;                         // the notes' maskPixels are this frame's
+  Warp stabilizedTextureWarp;                        // W of the newest frame drawn into history
+  float motionWarp[16] = {};                         // current picture to accumulated frame
   float identityTransform[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
   float zoomWarp[16] = {};
   float stabilizedWarp[16] = {};
@@ -119,6 +135,13 @@ void CreateGPUEngine(int width, int height, const HandOver& handOver, int mode, 
 void CreateGPUEngineWithWindow(int width, int height, void* window, const HandOver& handOver, int mode,
                                _KRGPUEngine** result);
 void DestroyGPUEngine(_KRGPUEngine** engine);  // null is allowed
+
+// Of the ghost mask that the blend reads, for frames of this size.
+struct MaskSize {
+  int width;
+  int height;
+};
+MaskSize ghostMaskSize(int frameWidth, int frameHeight);
 
 // Loaders: the planes of an NV21 frame into textures.
 void loadTextures(_KRGPUEngine* engine, const unsigned char* frame);

@@ -154,6 +154,16 @@ void drawPicture(_KRGPUEngine* engine, int strength) {
   if (!enhanced) engine->historyCount = -1;  // nothing went into `next`: the next frame starts history anew
 }
 
+// Reads back the mask that the blend has just used. Blocks, and is for looking at pictures.
+void captureMask(_KRGPUEngine* engine) {
+  const DeliveryNotes* notes = engine->handOver.notes;
+  engine->maskCaptured = false;
+  if (notes == nullptr || notes->captureMask.load(std::memory_order_acquire) == 0 || engine->historyCount < 1) return;
+  FrameBuffer* mask = engine->quarterImages[2];
+  mask->ReadPixels(0, 0, mask->GetWidth(), mask->GetHeight(), GL_RGBA, GL_UNSIGNED_BYTE, notes->maskPixels);
+  engine->maskCaptured = true;
+}
+
 // The output buffer may be written once the caller has taken what it holds.
 void waitForCaller(const HandOver& handOver) {
   _KRSignal* signal = handOver.callerSignal;
@@ -174,6 +184,7 @@ void processFrame(_KRGPUEngine* engine, int noiseReductionStrength, int deghosti
   startWatch(6);
   drawPicture(engine, strength);
   stopWatch("ld", 6);
+  captureMask(engine);
 
   engine->texturesLoaded = 0;
   engine->lumaFilled = engine->packedLumaFilled = false;

@@ -1,0 +1,26 @@
+#include "registration/luminance.h"
+
+#include <cstring>
+
+#include "kernels/planes.h"
+
+namespace noxel {
+
+int resolutionFactor(int width, int height) {
+  return width > 1000 || height > 1000 ? 2 : 1;
+}
+
+void prepareLuminance(const LumaImage& luma, int factor, bool diagonal, uint8_t* luminance, uint8_t* scratch) {
+  if (factor == 1) {
+    std::memcpy(luminance, luma.pixels, static_cast<size_t>(luma.width) * static_cast<size_t>(luma.height));
+    return;
+  }
+  if (diagonal) {
+    kernels::downscaleByTwoDiagonal(luma.pixels, luma.width, luma.height, luminance);
+  } else {
+    kernels::downscaleByTwo(luma.pixels, luma.width, luma.height, luminance);
+  }
+  kernels::smoothTwice(luminance, luma.width / 2, luma.height / 2, scratch);
+}
+
+}  // namespace noxel

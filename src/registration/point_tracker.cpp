@@ -1,0 +1,273 @@
+#include "registration/point_tracker.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include "registration/tracker/point_tracker_state.h"
+
+namespace noxel {
+namespace {
+
+using tracker::BlockGrid;
+using tracker::kBackward;
+using tracker::kBlockSide;
+using tracker::kForward;
+using tracker::MotionFound;
+using tracker::PatchEvidence;
+
+constexpr float kLostError = 1e3f;
+constexpr int kCellSide = 16;  // pixels: about the distance of two points
+
+// Points within this many pixels of the common motion, and three times their median forward-backward distance, follow it.
+// Where as many do, the others are taken for things that move on their own.
+constexpr float kTolerance = 1.5f;
+constexpr int kLeastConsensus = 30;
+constexpr float kLeastShare = 0.4f;
+
+// Of a displacement's variance, what noise that is white before the frame is smoothed may account for: the kernel gathers
+// the noise of the samples under it, so that low frequencies carry more of it than the variance of a sample says.
+constexpr float kNoiseGathered = 4.0f;
+
+// A picture that moves less than this and not more than noise would stands on a tripod: measured jitter, drawn into the
+// history again and again, would blur it. A chi-squared of six degrees of freedom exceeds the bound once in 500 times.
+constexpr float kStill = 0.05f;
+constexpr double kStillSignificance = 21.0;
+
+// A motion must not be an exact translation, or none: the driver takes a coefficient of zero for a fit that failed. This much of a
+// rotation and zoom, with a sign that changes each frame, is at most 0.02 pixels in the corners.
+constexpr float kStillStep = 0x1p-16f;
+
+constexpr float kGoodCorrelation = 0.9f;
+
+// Texture in its weaker direction, for choosing points.
+float cornerness(const PatchEvidence& patch) {
+  const float half = 0.5f * (patch.hxx - patch.hyy);
+  return 0.5f * (patch.hxx + patch.hyy) - std::sqrt(half * half + patch.hxy * patch.hxy);
+}
+
+float medianOf(float* values, int count) {
+  if (count == 0) return 0.0f;
+  float* middle = values + (count - 1) / 2;
+  std::nth_element(values, middle, values + count);
+  return *middle;
+}
+
+// The block of a grid that holds a point of the registration image.
+int blockAt(const BlockGrid& grid, int level, float x, float y) {
+  const auto scale = static_cast<float>(1 << level);
+  const auto column = static_cast<int>((x / scale - static_cast<float>(grid.originX)) / kBlockSide);
+  const auto row = static_cast<int>((y / scale - static_cast<float>(grid.originY)) / kBlockSide);
+  return std::clamp(row, 0, grid.rows - 1) * grid.columns + std::clamp(column, 0, grid.columns - 1);
+}
+
+}  // namespace
+
+PointTracker::~PointTracker() {
+  std::free(identifiers);
+}
+
+bool PointTracker::allocate(int width, int height, int levels) {
+  frameWidth = static_cast<float>(width);
+  frameHeight = static_cast<float>(height);
+  cellColumns = (width + kCellSide - 1) / kCellSide;
+  cellRows = (height + kCellSide - 1) / kCellSide;
+  identifiers =
+      static_cast<int*>(std::calloc(static_cast<size_t>(cellColumns) * static_cast<size_t>(cellRows), sizeof(int)));
+  return identifiers != nullptr && estimator.allocate(width, height, levels);
+}
+
+int PointTracker::cellAt(float x, float y) const {
+  const int column = std::clamp(static_cast<int>(x) / kCellSide, 0, cellColumns - 1);
+  const int row = std::clamp(static_cast<int>(y) / kCellSide, 0, cellRows - 1);
+  return row * cellColumns + column;
+}
+
+void PointTracker::prime(const uint8_t* frame) {
+  std::memset(identifiers, 0, sizeof(int) * static_cast<size_t>(cellColumns) * static_cast<size_t>(cellRows));
+  estimator.forgetMotion();
+  estimator.read(frame, pool);
+}
+
+// The block with the best texture in each cell of the grid, with as many cells as there may be points.
+int PointTracker::choosePoints(int level, int maxPoints) {
+  const BlockGrid& grid = estimator.grid(level);
+  const PatchEvidence* patches = estimator.patches(level, kForward);
+  int side = 1;
+  while (((grid.columns + side - 1) / side) * ((grid.rows + side - 1) / side) > maxPoints) ++side;
+  int count = 0;
+  for (int top = 0; top < grid.rows; top += side) {
+    for (int left = 0; left < grid.columns; left += side) {
+      int best = -1;
+      float bestTexture = 0.0f;
+      for (int row = top; row < std::min(top + side, grid.rows); ++row) {
+        for (int column = left; column < std::min(left + side, grid.columns); ++column) {
+          const int block = row * grid.columns + column;
+          if (!(patches[block].blocks > 0.0f)) continue;
+          const float texture = cornerness(patches[block]);
+          if (texture > bestTexture) {
+            best = block;
+            bestTexture = texture;
+          }
+        }
+      }
+      if (best >= 0) chosen[count++] = best;
+    }
+  }
+  return count;
+}
+
+// The finest level whose patches look alike, as seen past the noise; failing that, the one where they do most.
+int PointTracker::scoreLevel() const {
+  int best = 0;
+  float bestMedian = -1.0f;
+  for (int level = 0; level < estimator.levels() && estimator.measured(level); ++level) {
+    const PatchEvidence* patches = estimator.patches(level, kForward);
+    const int blocks = estimator.grid(level).count();
+    const int stride = std::max(1, blocks / kMaxPoints + 1);
+    int count = 0;
+    for (int i = 0; i < blocks; i += stride) {
+      if (patches[i].blocks > 0.0f) scratch[count++] = patches[i].correlation();
+    }
+    const float median = medianOf(scratch, count);
+    if (median > bestMedian) {
+      bestMedian = median;
+      best = level;
+    }
+    if (median >= kGoodCorrelation) break;
+  }
+  return best;
+}
+
+void PointTracker::track(const uint8_t* frame, _KROFRegistration* registration) {
+  estimator.read(frame, pool);
+  const MotionFound found = estimator.estimate(pool);
+  placePoints(found.level, registration);
+  if (found.known) {
+    displacePoints(found, registration);
+    markOthers(registration);
+    holdStill(found, registration);
+  }
+  for (int i = 0; i < registration->pointCount; ++i) {
+    const KRPoint& source = registration->sourcePoints[i];
+    const KRPoint& displacement = registration->displacements[i];
+    registration->targetPoints[i] = {source.x + displacement.x, source.y + displacement.y};
+  }
+}
+
+// Fills in the points as if all were lost.
+void PointTracker::placePoints(int level, _KROFRegistration* registration) {
+  const BlockGrid& grid = estimator.grid(level);
+  const auto scale = static_cast<float>(1 << level);
+  registration->pointCount = choosePoints(level, registration->maxPoints);
+  for (int i = 0; i < registration->pointCount; ++i) {
+    const float x = grid.centreX(chosen[i] % grid.columns) * scale;
+    const float y = grid.centreY(chosen[i] / grid.columns) * scale;
+    registration->sourcePoints[i] = {x, y};
+    registration->displacements[i] = {0.0f, 0.0f};
+    registration->scores[i] = 0.0f;
+    registration->errors[i] = kLostError;
+    registration->indices[i] = i;
+    int& identifier = identifiers[cellAt(x, y)];
+    registration->identifiers[i] = identifier != 0 ? identifier : ++lastIdentifier;
+    identifier = 0;  // two points of a cell are two
+  }
+}
+
+// Each point along the common motion, with as much of a displacement of its own as noise does not explain.
+void PointTracker::displacePoints(const MotionFound& found, _KROFRegistration* registration) {
+  const int level = found.level;
+  const BlockGrid& grid = estimator.grid(level);
+  const PatchEvidence* forward = estimator.patches(level, kForward);
+  const PatchEvidence* backward = estimator.patches(level, kBackward);
+  const auto scale = static_cast<float>(1 << level);
+  const int count = registration->pointCount;
+
+  for (int i = 0; i < count; ++i) {
+    const PatchEvidence& patch = forward[chosen[i]];
+    scratch[i] = patch.energy / (patch.blocks * tracker::kBlockArea);
+  }
+  const float explained = kNoiseGathered * medianOf(scratch, count);
+  const float ownShare = found.noise > explained ? 1.0f - explained / found.noise : 0.0f;
+
+  const int comparedAt = scoreLevel();
+  const BlockGrid& comparedGrid = estimator.grid(comparedAt);
+  const PatchEvidence* compared = estimator.patches(comparedAt, kForward);
+  for (int i = 0; i < count; ++i) {
+    const KRPoint& source = registration->sourcePoints[i];
+    const auto dx = static_cast<float>(found.motion.dx(estimator.u(source.x), estimator.v(source.y)));
+    const auto dy = static_cast<float>(found.motion.dy(estimator.u(source.x), estimator.v(source.y)));
+    float ownX, ownY, backX, backY;
+    const PatchEvidence& back = backward[blockAt(grid, level, source.x + dx, source.y + dy)];
+    if (!forward[chosen[i]].displacement(&ownX, &ownY) || !back.displacement(&backX, &backY)) continue;
+    registration->displacements[i] = {dx + ownShare * ownX * scale, dy + ownShare * ownY * scale};
+    registration->scores[i] = compared[blockAt(comparedGrid, comparedAt, source.x, source.y)].correlation();
+    registration->errors[i] = std::hypot(ownX + backX, ownY + backY) * scale;
+    offCourse[i] = std::hypot(ownX, ownY) * scale;
+  }
+}
+
+void PointTracker::markOthers(_KROFRegistration* registration) {
+  const int count = registration->pointCount;
+  std::memcpy(scratch, registration->errors, sizeof(float) * static_cast<size_t>(count));
+  const float tolerance = kTolerance + 3.0f * medianOf(scratch, count);
+  const auto follows = [&](int i) { return registration->errors[i] < kLostError && offCourse[i] <= tolerance; };
+  int following = 0;
+  for (int i = 0; i < count; ++i) following += follows(i) ? 1 : 0;
+  if (following < kLeastConsensus || static_cast<float>(following) < kLeastShare * static_cast<float>(count)) return;
+  for (int i = 0; i < count; ++i) {
+    if (!follows(i)) registration->errors[i] = kLostError;
+  }
+}
+
+void PointTracker::holdStill(const MotionFound& found, _KROFRegistration* registration) {
+  const int count = registration->pointCount;
+  const KRPoint& first = registration->displacements[0];
+  bool exactly = true;
+  for (int i = 0; i < count; ++i) {
+    const KRPoint& displacement = registration->displacements[i];
+    scratch[i] = std::hypot(displacement.x, displacement.y);
+    exactly = exactly && displacement.x == first.x && displacement.y == first.y;
+  }
+  const bool still = medianOf(scratch, count) < kStill && found.significance < kStillSignificance;
+  if (!still && !exactly) return;
+  stillSign = !stillSign;
+  const float step = stillSign ? kStillStep : -kStillStep;
+  for (int i = 0; i < count; ++i) {
+    const float x = registration->sourcePoints[i].x - 0.5f * frameWidth;
+    const float y = registration->sourcePoints[i].y - 0.5f * frameHeight;
+    KRPoint& displacement = registration->displacements[i];
+    if (still) displacement = {0.0f, 0.0f};
+    displacement = {displacement.x + step * (x + y), displacement.y + step * (y - x)};
+  }
+}
+
+void PointTracker::advance(const _KROFRegistration& registration) {
+  std::memset(identifiers, 0, sizeof(int) * static_cast<size_t>(cellColumns) * static_cast<size_t>(cellRows));
+  for (int i = 0; i < registration.pointCount; ++i) {
+    const KRPoint& target = registration.targetPoints[i];
+    identifiers[cellAt(target.x, target.y)] = registration.identifiers[i];
+  }
+  estimator.advance();
+}
+
+void primeTracker(_KROFRegistration* registration, const uint8_t* frame) {
+  registration->pointCount = 0;
+  registration->tracker->prime(frame);
+  registration->tracker->advance(*registration);
+}
+
+void trackPoints(_KROFRegistration* registration, const uint8_t* frame) {
+  registration->tracker->track(frame, registration);
+}
+
+void advanceTracker(_KROFRegistration* registration) {
+  registration->tracker->advance(*registration);
+}
+
+void setTrackerWorkers(_KROFRegistration* registration, WorkerPool* pool) {
+  registration->tracker->pool = pool;
+}
+
+}  // namespace noxel

@@ -1,0 +1,37 @@
+#include "registration/registration_state.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <new>
+
+#include "registration/tracker/point_tracker_state.h"
+
+namespace noxel {
+
+int createRegistration(int width, int height, int channels, _KROFRegistration** state) {
+  if (width < 1 || height < 1 || channels != 1) return 1;
+  auto* created = static_cast<_KROFRegistration*>(std::calloc(1, sizeof(_KROFRegistration)));
+  if (created == nullptr) return 1;
+  created->width = width;
+  created->height = height;
+  created->maxPoints = kMaxPoints;
+  created->levels = std::clamp(static_cast<int>(std::lround(std::log2(width / 16.0))), 2, tracker::kMostLevels);
+  created->noiseScale = 1.0f;
+  created->tracker = new (std::nothrow) PointTracker();
+  if (created->tracker == nullptr || !created->tracker->allocate(width, height, created->levels)) {
+    releaseRegistration(&created);
+    return 1;
+  }
+  *state = created;
+  return 0;
+}
+
+void releaseRegistration(_KROFRegistration** state) {
+  if (state == nullptr || *state == nullptr) return;
+  delete (*state)->tracker;
+  std::free(*state);
+  *state = nullptr;
+}
+
+}  // namespace noxel

@@ -1,0 +1,83 @@
+#include "registration/tracker/consensus.h"
+
+#include <cstdint>
+
+namespace noxel::tracker {
+namespace {
+
+constexpr int kHypotheses = 64;
+constexpr float kLeastDistance = 0.2f;  // of the two points, in radii: closer ones say little about the linear part
+
+// Numerical Recipes' generator: the same choice for the same points, on every machine.
+class Sequence {
+ public:
+  int below(int limit) {
+    state = state * 1664525u + 1013904223u;
+    return static_cast<int>((uint64_t{state} * static_cast<uint64_t>(limit)) >> 32);
+  }
+
+ private:
+  uint32_t state = 20260411u;
+};
+
+// The similarity that takes both points where they were seen: with z = u + iv and the displacement as a complex number,
+// it is t + m z. False when the points are too close.
+bool through(const Displaced& a, const Displaced& b, GlobalMotion* motion) {
+  const double du = b.u - a.u;
+  const double dv = b.v - a.v;
+  const double square = du * du + dv * dv;
+  if (!(square >= kLeastDistance * kLeastDistance)) return false;
+  const double ddx = b.dx - a.dx;
+  const double ddy = b.dy - a.dy;
+  const double real = (ddx * du + ddy * dv) / square;
+  const double imaginary = (ddy * du - ddx * dv) / square;
+  motion->p[1] = motion->p[5] = real;
+  motion->p[2] = -imaginary;
+  motion->p[4] = imaginary;
+  motion->p[0] = a.dx - (real * a.u - imaginary * a.v);
+  motion->p[3] = a.dy - (imaginary * a.u + real * a.v);
+  return true;
+}
+
+}  // namespace
+
+bool agrees(const Displaced& point, const GlobalMotion& motion, float tolerance) {
+  const auto ex = static_cast<float>(point.dx - motion.dx(point.u, point.v));
+  const auto ey = static_cast<float>(point.dy - motion.dy(point.u, point.v));
+  return ex * ex + ey * ey <= tolerance * tolerance;
+}
+
+Consensus findConsensus(const Displaced* points, int count, float tolerance, const GlobalMotion* known,
+                        int knownCount) {
+  Consensus best;
+  const auto consider = [&](const GlobalMotion& motion) {
+    Consensus candidate;
+    candidate.motion = motion;
+    for (int i = 0; i < count; ++i) {
+      candidate.total += points[i].weight;
+      if (points[i].weight > 0.0f && agrees(points[i], motion, tolerance)) {
+        ++candidate.inliers;
+        candidate.weight += points[i].weight;
+      }
+    }
+    if (candidate.weight > best.weight) best = candidate;
+  };
+  for (int i = 0; i < knownCount; ++i) consider(known[i]);
+  if (count < 2) return best;
+  Sequence sequence;
+  for (int i = 0; i < kHypotheses; ++i) {
+    GlobalMotion motion;
+    // A few tries for a pair that can say something: two points with a weight, apart from each other.
+    for (int attempt = 0; attempt < 8; ++attempt) {
+      const Displaced& a = points[sequence.below(count)];
+      const Displaced& b = points[sequence.below(count)];
+      if (a.weight > 0.0f && b.weight > 0.0f && through(a, b, &motion)) {
+        consider(motion);
+        break;
+      }
+    }
+  }
+  return best;
+}
+
+}  // namespace noxel::tracker

@@ -1,0 +1,162 @@
+#include "registration/tracker/global_motion.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+namespace noxel::tracker {
+namespace {
+
+// The similarity (tx, ty, a, b) as six parameters: dx = tx + a u + b v, dy = ty + a v - b u.
+constexpr double kSimilarity[6][4] = {{1, 0, 0, 0}, {0, 0, 1, 0},  {0, 0, 0, 1},
+                                      {0, 1, 0, 0}, {0, 0, 0, -1}, {0, 0, 1, 0}};
+
+// What an affine has beyond it: both vanish for every similarity.
+constexpr double kShear[2][6] = {{0, 1, 0, 0, 0, -1}, {0, 0, 1, 0, 1, 0}};
+
+// A chi-squared of two degrees of freedom stays below this in 86 of 100 cases: a shear that does not is real in part.
+constexpr double kShearDoubt = 4.0;
+
+// Inverse by Gauss and Jordan with row pivoting. False for a singular matrix, and for one with a NaN.
+template <int size>
+bool invert(const double (&matrix)[size][size], double (&inverse)[size][size]) {
+  double work[size][2 * size] = {};
+  double largest = 0.0;
+  for (int i = 0; i < size; ++i) {
+    for (int j = 0; j < size; ++j) {
+      work[i][j] = matrix[i][j];
+      largest = std::max(largest, std::fabs(matrix[i][j]));
+    }
+    work[i][size + i] = 1.0;
+  }
+  for (int column = 0; column < size; ++column) {
+    int pivot = column;
+    for (int row = column + 1; row < size; ++row) {
+      if (std::fabs(work[row][column]) > std::fabs(work[pivot][column])) pivot = row;
+    }
+    if (!(std::fabs(work[pivot][column]) > 1e-9 * largest)) return false;
+    if (pivot != column) std::swap(work[pivot], work[column]);
+    const double scale = 1.0 / work[column][column];
+    for (double& value : work[column]) value *= scale;
+    for (int row = 0; row < size; ++row) {
+      if (row == column) continue;
+      const double factor = work[row][column];
+      for (int j = 0; j < 2 * size; ++j) work[row][j] -= factor * work[column][j];
+    }
+  }
+  for (int i = 0; i < size; ++i) {
+    for (int j = 0; j < size; ++j) inverse[i][j] = work[i][size + j];
+  }
+  return true;
+}
+
+}  // namespace
+
+void MotionEquations::clear() {
+  *this = {};
+}
+
+void MotionEquations::add(const MotionEquation& equation) {
+  const double phi[3] = {1.0, equation.u, equation.v};
+  const double w = equation.weight;
+  for (int i = 0; i < 3; ++i) {
+    for (int j = 0; j < 3; ++j) {
+      const double both = w * phi[i] * phi[j];
+      slopes[i][j] += both * equation.slope[0];
+      slopes[i][3 + j] += both * equation.slope[1];
+      slopes[3 + i][j] += both * equation.slope[2];
+      slopes[3 + i][3 + j] += both * equation.slope[3];
+      const double spread = w * both;
+      noises[i][j] += spread * equation.noise[0];
+      noises[i][3 + j] += spread * equation.noise[1];
+      noises[3 + i][j] += spread * equation.noise[1];
+      noises[3 + i][3 + j] += spread * equation.noise[2];
+    }
+    rhs[i] += w * phi[i] * equation.rhs[0];
+    rhs[3 + i] += w * phi[i] * equation.rhs[1];
+  }
+}
+
+bool MotionEquations::solveSimilarity(GlobalMotion* motion) const {
+  double target[6];  // the equations' right-hand side for the motion itself rather than a change of it
+  for (int i = 0; i < 6; ++i) {
+    target[i] = rhs[i];
+    for (int j = 0; j < 6; ++j) target[i] += slopes[i][j] * motion->p[j];
+  }
+  double reduced[4][4] = {};
+  double right[4] = {};
+  for (int i = 0; i < 4; ++i) {
+    for (int k = 0; k < 6; ++k) {
+      right[i] += kSimilarity[k][i] * target[k];
+      for (int j = 0; j < 4; ++j) {
+        for (int m = 0; m < 6; ++m) reduced[i][j] += kSimilarity[k][i] * slopes[k][m] * kSimilarity[m][j];
+      }
+    }
+  }
+  double inverse[4][4];
+  if (!invert(reduced, inverse)) return false;
+  double solution[4] = {};
+  for (int i = 0; i < 4; ++i) {
+    for (int j = 0; j < 4; ++j) solution[i] += inverse[i][j] * right[j];
+  }
+  for (int k = 0; k < 6; ++k) {
+    motion->p[k] = 0.0;
+    for (int i = 0; i < 4; ++i) motion->p[k] += kSimilarity[k][i] * solution[i];
+  }
+  return true;
+}
+
+bool MotionEquations::solve(double noiseVariance, GlobalMotion* motion, double (*covariance)[6][6]) const {
+  GlobalMotion similar = *motion;
+  double inverse[6][6];
+  if (!solveSimilarity(&similar) || !invert(slopes, inverse)) return false;
+  GlobalMotion full = *motion;
+  double half[6][6] = {};
+  for (int i = 0; i < 6; ++i) {
+    for (int j = 0; j < 6; ++j) {
+      full.p[i] += inverse[i][j] * rhs[j];
+      for (int k = 0; k < 6; ++k) half[i][j] += inverse[i][k] * noises[k][j];
+    }
+  }
+  for (int i = 0; i < 6; ++i) {
+    for (int j = 0; j < 6; ++j) {
+      double sum = 0.0;
+      for (int k = 0; k < 6; ++k) sum += half[i][k] * inverse[j][k];
+      (*covariance)[i][j] = noiseVariance * sum;
+    }
+  }
+
+  double shear[2] = {};
+  double spread[2][2] = {};
+  for (int i = 0; i < 2; ++i) {
+    for (int k = 0; k < 6; ++k) {
+      shear[i] += kShear[i][k] * full.p[k];
+      for (int j = 0; j < 2; ++j) {
+        for (int m = 0; m < 6; ++m) spread[i][j] += kShear[i][k] * (*covariance)[k][m] * kShear[j][m];
+      }
+    }
+  }
+  double certainty[2][2];
+  double share = 1.0;  // without noise, all of the shear is real
+  if (invert(spread, certainty)) {
+    double chi = 0.0;
+    for (int i = 0; i < 2; ++i) {
+      for (int j = 0; j < 2; ++j) chi += shear[i] * certainty[i][j] * shear[j];
+    }
+    share = chi > kShearDoubt ? 1.0 - kShearDoubt / chi : 0.0;
+  }
+  for (int k = 0; k < 6; ++k) motion->p[k] = similar.p[k] + share * (full.p[k] - similar.p[k]);
+  return true;
+}
+
+double significance(const GlobalMotion& motion, const double (&covariance)[6][6]) {
+  double inverse[6][6];
+  if (!invert(covariance, inverse)) return 0.0;
+  double sum = 0.0;
+  for (int i = 0; i < 6; ++i) {
+    for (int j = 0; j < 6; ++j) sum += motion.p[i] * inverse[i][j] * motion.p[j];
+  }
+  return sum;
+}
+
+}  // namespace noxel::tracker

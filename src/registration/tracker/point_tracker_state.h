@@ -1,0 +1,48 @@
+// What the tracker keeps from frame to frame.
+#pragma once
+
+#include "registration/registration_state.h"
+#include "registration/tracker/motion_estimator.h"
+
+namespace noxel {
+
+// Registration thread only.
+class PointTracker {
+ public:
+  PointTracker() = default;
+  ~PointTracker();
+  PointTracker(const PointTracker&) = delete;
+  PointTracker& operator=(const PointTracker&) = delete;
+
+  bool allocate(int width, int height, int levels);
+  void prime(const uint8_t* frame);
+  void track(const uint8_t* frame, _KROFRegistration* registration);
+  void advance(const _KROFRegistration& registration);
+
+  WorkerPool* pool = nullptr;  // null: no help
+
+ private:
+  void placePoints(int level, _KROFRegistration* registration);
+  void displacePoints(const tracker::MotionFound& found, _KROFRegistration* registration);
+  void markOthers(_KROFRegistration* registration);
+  void holdStill(const tracker::MotionFound& found, _KROFRegistration* registration);
+  int choosePoints(int level, int maxPoints);
+  int scoreLevel() const;
+  int cellAt(float x, float y) const;
+
+  tracker::MotionEstimator estimator;
+  float frameWidth = 0.0f;
+  float frameHeight = 0.0f;
+  int chosen[kMaxPoints] = {};       // blocks of the level the motion was measured at
+  float offCourse[kMaxPoints] = {};  // distance of a point's own displacement from the common one, pixels
+  mutable float scratch[kMaxPoints] = {};
+
+  // Who is where: a cell of the frame keeps the identifier of the point that ended in it.
+  int cellColumns = 0;
+  int cellRows = 0;
+  int* identifiers = nullptr;  // 0: nobody's
+  int lastIdentifier = 0;
+  bool stillSign = false;  // of the displacement given to a still frame
+};
+
+}  // namespace noxel

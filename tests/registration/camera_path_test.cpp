@@ -1,0 +1,221 @@
+#include "registration/camera_path.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <limits>
+#include <numbers>
+#include <random>
+#include <vector>
+
+#include "registration/affine_fit.h"
+#include "registration/point_pairs.h"
+
+namespace noxel {
+namespace {
+
+constexpr int kWidth = 320;
+constexpr int kHeight = 180;
+constexpr double kLimits[kPathValues] = {0.03 * kWidth, 0.03 * kHeight, 0.1, 0.02};
+
+// A record that was set to rest.
+struct Path : _KRStabilizationParameters {
+  Path() : _KRStabilizationParameters{} { EXPECT_TRUE(initStabilization(this, 1, 1, kWidth, kHeight)); }
+  ~Path() { releaseStabilization(this, 1, 1); }
+  Path(const Path&) = delete;
+  Path& operator=(const Path&) = delete;
+};
+
+// One value's smoothing in double precision, and which of its branches were taken.
+struct Twin {
+  double alpha, limit, level;
+  double trend = 0;
+  int clamped[2] = {};
+  int bands[4] = {};
+
+  double step(double raw) {
+    double predicted = level + trend;
+    // The step ends at raw + (1 - alpha) (predicted - raw), which is to stay within the limit.
+    const double farthest = limit / (1 - alpha);
+    if (std::fabs(predicted - raw) > farthest) {
+      ++clamped[predicted > raw];
+      predicted = raw + std::copysign(farthest, predicted - raw);
+    }
+    level = predicted + alpha * (raw - predicted);
+    trend += 0.02 * (raw - predicted);
+    const double share = std::fabs(level - raw) / limit;
+    ++bands[share < 1.0 / 32 ? 0 : share < 0.25 ? 1 : share < 0.5 ? 2 : 3];
+    trend *= share < 1.0 / 32 ? 0.9 * 0.9 * 0.6 : share < 0.25 ? 0.9 * 0.9 : share < 0.5 ? 0.9 : 1.0;
+    return level;
+  }
+};
+
+TEST(PathFilter, SmoothsAsTheFormulasSay) {
+  Path path;
+  Twin twins[kPathValues] = {{.alpha = 0.05, .limit = kLimits[0], .level = 0},
+                             {.alpha = 0.05, .limit = kLimits[1], .level = 0},
+                             {.alpha = 0.15, .limit = kLimits[2], .level = 0},
+                             {.alpha = 0.15, .limit = kLimits[3], .level = 1}};
+  std::mt19937 random(7);
+  std::normal_distribution<double> step(0, 1);
+  float raw[kPathValues] = {0, 0, 0, 1};
+  float smoothed[kPathValues];
+  for (int frame = 0; frame < 1000; ++frame) {
+    // A hundred frames of calm, a hundred of unrest, in turns; each value returns to where it began.
+    const double unrest = frame / 100 % 2 == 0 ? 0.03 : 0.6;
+    for (int i = 0; i < kPathValues; ++i) {
+      const double origin = i == 3 ? 1 : 0;
+      raw[i] = static_cast<float>(raw[i] + unrest * kLimits[i] * step(random) - 0.02 * (raw[i] - origin));
+    }
+    updatePathFilter(&path.pathFilter, raw, smoothed);
+    for (int i = 0; i < kPathValues; ++i) {
+      // Single precision of what is stored each frame, for a value near 1 relative to its limit of 0.02, over the some
+      // twenty frames that the smoothing remembers.
+      EXPECT_NEAR(smoothed[i], twins[i].step(raw[i]), 1e-4 * kLimits[i]) << "value " << i << ", frame " << frame;
+    }
+  }
+  for (const Twin& twin : twins) {
+    for (const int count : twin.clamped) EXPECT_GT(count, 10);
+    for (const int count : twin.bands) EXPECT_GT(count, 10);
+  }
+}
+
+TEST(PathFilter, IsSetBackInPlace) {
+  Path path;
+  PathFilterComponent* const components = path.pathFilter.components;
+  const float similarity[4] = {3, 4, 0.01f, 0.02f};
+  for (int i = 0; i < 10; ++i) EXPECT_TRUE(stepStabilization(&path, similarity));
+  ASSERT_TRUE(initStabilization(&path, 1, 1, 2 * kWidth, kHeight));
+  EXPECT_EQ(path.pathFilter.components, components);
+  for (int i = 0; i < kPathValues; ++i) {
+    const float rest = i == 3 ? 1.0f : 0.0f;
+    EXPECT_EQ(path.rawPath[i], rest);
+    EXPECT_EQ(path.smoothedPath[i], rest);
+    EXPECT_EQ(components[i].trend, 0.0f);
+    EXPECT_EQ(components[i].level, rest);
+    EXPECT_FLOAT_EQ(components[i].limit, static_cast<float>(i == 0 ? 2 * kLimits[0] : kLimits[i]));
+  }
+  for (int i = 0; i < 9; ++i) EXPECT_EQ(path.stabilizationMatrix[i], i % 4 == 0 ? 1.0f : 0.0f);
+}
+
+TEST(CameraPath, AConstantDriftIsFollowedWithinTheLimits) {
+  Path path;
+  const float similarity[4] = {7, -4, 0.006f, 0.03f};
+  for (int frame = 0; frame < 200; ++frame) {
+    ASSERT_TRUE(stepStabilization(&path, similarity));
+    for (int i = 0; i < kPathValues; ++i) {
+      // The level is clamped and stored in single precision, of a path that is 1400 pixels long at the end.
+      const double distance = std::fabs(double(path.smoothedPath[i]) - path.rawPath[i]);
+      EXPECT_LE(distance, kLimits[i] + 2e-7 * std::fabs(path.rawPath[i])) << "value " << i << ", frame " << frame;
+    }
+  }
+  EXPECT_NEAR(path.rawPath[0], 1400, 1e-3);
+  EXPECT_NEAR(path.rawPath[2], 200 * std::atan2(0.03, 1.006), 1e-4);
+  EXPECT_NEAR(path.rawPath[3], std::pow(std::hypot(1.006, 0.03), 200), 1e-3);
+}
+
+TEST(CameraPath, WhatCannotBeSmoothedIsRefused) {
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const float similarities[][4] = {{nan, 0, 0, 0}, {0, nan, 0, 0},      {0, 0, nan, 0},  {0, 0, 0, nan},
+                                   {0, 0, -1, 0},  {0, 0, -0.9991f, 0}, {0, 0, 1000, 0}, {INFINITY, 0, 0, 0}};
+  for (const auto& similarity : similarities) {
+    Path path;
+    EXPECT_FALSE(stepStabilization(&path, similarity));
+  }
+  Path path;
+  const float large[4] = {0, 0, 998, 0};
+  const float small[4] = {0, 0, -0.9989f, 0};
+  EXPECT_TRUE(stepStabilization(&path, large));
+  EXPECT_TRUE(stepStabilization(&path, small));
+  _KRStabilizationParameters empty = {};
+  EXPECT_FALSE(stepStabilization(&empty, small));
+}
+
+// The camera's pose, in the terms of the path.
+struct Pose {
+  double x = 0, y = 0, angle = 0, scale = 1;
+
+  Motion matrix() const {
+    const double c = scale * std::cos(angle), s = scale * std::sin(angle);
+    return {c, s, x, -s, c, y};
+  }
+};
+
+Motion product(const Motion& a, const Motion& b) {
+  return {a.m00 * b.m00 + a.m01 * b.m10, a.m00 * b.m01 + a.m01 * b.m11, a.m00 * b.m02 + a.m01 * b.m12 + a.m02,
+          a.m10 * b.m00 + a.m11 * b.m10, a.m10 * b.m01 + a.m11 * b.m11, a.m10 * b.m02 + a.m11 * b.m12 + a.m12};
+}
+
+Motion inverse(const Motion& m) {
+  const double det = m.m00 * m.m11 - m.m01 * m.m10;
+  return {m.m11 / det,  -m.m01 / det, (m.m01 * m.m12 - m.m11 * m.m02) / det,
+          -m.m10 / det, m.m00 / det,  (m.m10 * m.m02 - m.m00 * m.m12) / det};
+}
+
+// A hand's tremor: four sines between 2 and 9 Hz for each value.
+Pose tremor(int frame) {
+  constexpr double kFramesPerSecond = 30;
+  constexpr double kFrequencies[4] = {2.1, 3.7, 5.9, 8.7};
+  constexpr double kAmplitudes[kPathValues] = {0.8, 0.8, 0.0015, 0.0005};
+  double values[kPathValues] = {};
+  for (int i = 0; i < kPathValues; ++i) {
+    for (int k = 0; k < 4; ++k) {
+      const double turns = kFrequencies[k] * (1 + 0.03 * i) * frame / kFramesPerSecond;
+      values[i] += kAmplitudes[i] * std::sin(2 * std::numbers::pi * turns + 1.7 * i + 0.9 * k);
+    }
+  }
+  return {values[0], values[1], values[2], 1 + values[3]};
+}
+
+enum class Fault { kNone, kTurnsTheWrongWay, kMatrixUndone };
+
+// How much of the tremor's second differences, root mean square, is left in the stabilised picture.
+std::array<double, kPathValues> remainingTremor(Fault fault) {
+  Path path;
+  std::vector<std::array<double, kPathValues>> shaken, stabilized;
+  const auto valuesOf = [](const Motion& m) {
+    return std::array{m.m02, m.m12, std::atan2(m.m01, m.m00), std::hypot(m.m00, m.m01)};
+  };
+  for (int frame = 0; frame < 600; ++frame) {
+    const Motion now = tremor(frame).matrix();
+    const Motion step = product(now, inverse(tremor(frame - 1).matrix()));
+    Pairs pairs = scattered(step, 60, kWidth, kHeight, 0.0, 8);
+    AffineMatrix fit;
+    float similarity[4];
+    EXPECT_TRUE(fitAffine(*registrationOf(pairs), &fit));
+    EXPECT_TRUE(refineAffine(*registrationOf(pairs), &fit, similarity));
+    if (fault == Fault::kTurnsTheWrongWay) similarity[3] = -similarity[3];
+    EXPECT_TRUE(stepStabilization(&path, similarity));
+    const float* m = path.stabilizationMatrix;
+    const Motion correction = {m[0], m[1], m[2], m[3], m[4], m[5]};
+    shaken.push_back(valuesOf(now));
+    stabilized.push_back(valuesOf(product(fault == Fault::kMatrixUndone ? inverse(correction) : correction, now)));
+  }
+  std::array<double, kPathValues> remaining;
+  for (size_t i = 0; i < kPathValues; ++i) {
+    double before = 0, after = 0;
+    for (size_t k = 31; k + 1 < shaken.size(); ++k) {  // after a second of settling
+      before += std::pow(shaken[k + 1][i] - 2 * shaken[k][i] + shaken[k - 1][i], 2);
+      after += std::pow(stabilized[k + 1][i] - 2 * stabilized[k][i] + stabilized[k - 1][i], 2);
+    }
+    remaining[i] = std::sqrt(after / before);
+  }
+  return remaining;
+}
+
+TEST(CameraPath, TremorIsTakenOutOfThePicture) {
+  const auto remaining = remainingTremor(Fault::kNone);
+  // Smoothing passes some alpha / (2 sin(pi f / 30 Hz)) of a sine: 0.12 at 2 Hz and 0.03 at 9 Hz, which weighs most in
+  // second differences, for x and y, and three times that for the others.
+  EXPECT_LT(remaining[0], 0.05);
+  EXPECT_LT(remaining[1], 0.05);
+  EXPECT_LT(remaining[2], 0.25);
+  EXPECT_LT(remaining[3], 0.25);
+  // The measure sees a sign that is wrong.
+  EXPECT_GT(remainingTremor(Fault::kTurnsTheWrongWay)[2], 1.0);
+  for (const double share : remainingTremor(Fault::kMatrixUndone)) EXPECT_GT(share, 1.0);
+}
+
+}  // namespace
+}  // namespace noxel

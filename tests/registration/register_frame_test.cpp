@@ -1,0 +1,224 @@
+#include "registration/register_frame.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "registration/point_pairs.h"
+
+namespace noxel {
+namespace {
+
+constexpr int kWidth = 320;
+constexpr int kHeight = 180;
+
+::testing::AssertionResult isIdentity(const float (&matrix)[9]) {
+  for (int i = 0; i < 9; ++i) {
+    if (matrix[i] != (i % 4 == 0 ? 1.0f : 0.0f))
+      return ::testing::AssertionFailure() << "element " << i << " is " << matrix[i];
+  }
+  return ::testing::AssertionSuccess();
+}
+
+constexpr Motion kCalm = {1.01, 0.02, 2.5, -0.015, 0.99, -1.5};
+
+// What a frame is fitted with, for the pairs that the tracker is to have found.
+class FitFrame : public ::testing::Test {
+ protected:
+  FitFrame() { EXPECT_TRUE(initStabilization(records, kColumns, kRows, kWidth, kHeight)); }
+  ~FitFrame() override { releaseStabilization(records, kColumns, kRows); }
+
+  bool fit(const Pairs& pairs) {
+    registration = registrationOf(pairs, kWidth, kHeight);
+    return fitFrame(motion, inverseMotion, matches, registration.get(), records);
+  }
+  bool fitGrid(const Pairs& pairs, int columns, int rows) {
+    registration = registrationOf(pairs, kWidth, kHeight);
+    return fitFrameGrid(motion, inverseMotion, matches, registration.get(), records, columns, rows);
+  }
+  bool isAtRest(const _KRStabilizationParameters& record) const {
+    const float rest[kPathValues] = {0, 0, 0, 1};
+    return std::equal(rest, rest + kPathValues, record.rawPath) &&
+           std::equal(rest, rest + kPathValues, record.smoothedPath) && isIdentity(record.stabilizationMatrix);
+  }
+
+  static constexpr int kColumns = 3, kRows = 2;
+  std::unique_ptr<_KROFRegistration> registration;
+  _KRStabilizationParameters records[kColumns * kRows] = {};
+  _KRMatch matches[kMaxPoints];
+  float motion[9], inverseMotion[9];
+};
+
+// Pairs whose sums are exact in single precision, so that the fit is too: `back`, previous from current, of targets 10
+// pixels apart in a square around the origin.
+Pairs exactly(const Motion& back) {
+  Pairs pairs;
+  for (int i = -2; i <= 2; ++i) {
+    for (int k = -2; k <= 2; ++k) {
+      const _KRMatch reversed = back(10 * i, 10 * k);
+      pairs.push_back({reversed.targetX, reversed.targetY, reversed.sourceX, reversed.sourceY});
+    }
+  }
+  return pairs;
+}
+
+TEST_F(FitFrame, KeepsTheBetterHalfWithinLimits) {
+  // Limits of the error for 320 + 180 pixels: 0.25 and 1.
+  const struct {
+    float scores[3], errors[3];
+    std::vector<int> kept;
+  } kCases[] = {
+      {{0.7f, 0.8f, 0.85f}, {0.5f, 0.6f, 0.4f}, {2}},          // the medians: 0.8 and 0.5
+      {{0.8f, 0.81f, 0.7f}, {0.5f, 0.4f, 0.6f}, {0, 1}},       // both met exactly
+      {{0.99f, 0.9f, 0.95f}, {0.1f, 0.25f, 0.2f}, {0, 1, 2}},  // no more than 0.9 is asked, errors of 0.25 are fine
+      {{0.9f, 0.899f, 0.99f}, {0.251f, 0.2f, 0.1f}, {2}},
+      {{0.65f, 0.6f, 0.64f}, {2.0f, 1.5f, 1.6f}, {}},  // 0.65 is asked, and an error of at most 1
+      {{0.65f, 0.6f, 0.64f}, {1.0f, 1.5f, 1.6f}, {0}},
+      {{NAN, 0.95f, 0.95f}, {0.1f, NAN, 0.1f}, {2}},
+  };
+  for (const auto& each : kCases) {
+    SCOPED_TRACE(testing::Message() << "case " << &each - kCases);
+    const Pairs pairs = scattered(kCalm, 3, kWidth, kHeight, 1.0, 9);
+    registration = registrationOf(pairs, kWidth, kHeight);
+    std::copy_n(each.scores, 3, registration->scores);
+    std::copy_n(each.errors, 3, registration->errors);
+    pruneMatches(registration.get());
+    ASSERT_EQ(registration->pointCount, static_cast<int>(each.kept.size()));
+    EXPECT_EQ(registration->matchedCount, registration->pointCount);
+    EXPECT_EQ(registration->trackedCount, 3);
+    for (size_t i = 0; i < each.kept.size(); ++i) {
+      const int was = each.kept[i];
+      const _KRMatch& pair = pairs[static_cast<size_t>(was)];
+      EXPECT_EQ(registration->indices[i], was);
+      EXPECT_EQ(registration->identifiers[i], 1000 + was);
+      EXPECT_EQ(registration->sourcePoints[i].x, pair.sourceX);
+      EXPECT_EQ(registration->targetPoints[i].y, pair.targetY);
+      EXPECT_EQ(registration->displacements[i].x, pair.targetX - pair.sourceX);
+    }
+  }
+  registration = registrationOf(Pairs(4), kWidth, kHeight);
+  for (int i = 0; i < 4; ++i) {
+    registration->scores[i] = 0.7f + 0.05f * static_cast<float>(i);
+    registration->errors[i] = 0.3f + 0.1f * static_cast<float>(i);
+  }
+  pruneMatches(registration.get());
+  EXPECT_EQ(registration->medianScore, 0.75f);  // the lower of the two in the middle
+  EXPECT_EQ(registration->medianError, 0.4f);
+}
+
+TEST_F(FitFrame, FiveMatchesAreFittedAndFourAreNot) {
+  constexpr Motion kBack = {1, 0.1, 1, -0.1, 1, 2};
+  const Pairs square = exactly(kBack);
+  const Pairs five = {square[0], square[4], square[12], square[20], square[24]};
+  ASSERT_TRUE(fit(five));
+  const float expected[9] = {1, 0.1f, 1, -0.1f, 1, 2, 0, 0, 1};
+  for (int i = 0; i < 9; ++i) EXPECT_FLOAT_EQ(motion[i], expected[i]) << i;
+  // The inverse of that, whose determinant is 1.01.
+  const double undone[9] = {1 / 1.01, -0.1 / 1.01, -0.8 / 1.01, 0.1 / 1.01, 1 / 1.01, -2.1 / 1.01, 0, 0, 1};
+  for (int i = 0; i < 9; ++i) EXPECT_FLOAT_EQ(inverseMotion[i], static_cast<float>(undone[i])) << i;
+  for (size_t i = 0; i < 5; ++i) {
+    EXPECT_EQ(matches[i].sourceX, five[i].sourceX);
+    EXPECT_EQ(matches[i].sourceY, five[i].sourceY);
+    EXPECT_EQ(matches[i].targetX, five[i].targetX);
+    EXPECT_EQ(matches[i].targetY, five[i].targetY);
+  }
+  EXPECT_FALSE(isAtRest(records[0]));
+
+  EXPECT_FALSE(fit(Pairs(five.begin(), five.end() - 1)));
+  EXPECT_TRUE(isAtRest(records[0]));
+  EXPECT_TRUE(isIdentity(motion));
+  EXPECT_TRUE(isIdentity(inverseMotion));
+  EXPECT_EQ(registration->matchedCount, 4);
+  EXPECT_EQ(registration->trackedCount, 4);
+
+  // Those that are pruned do not count.
+  registration = registrationOf(scattered(kCalm, 9, kWidth, kHeight, 0.0, 10), kWidth, kHeight);
+  std::fill_n(registration->scores, 5, 0.5f);
+  EXPECT_FALSE(fitFrame(motion, inverseMotion, matches, registration.get(), records));
+  EXPECT_EQ(registration->matchedCount, 4);
+  EXPECT_EQ(registration->trackedCount, 9);
+}
+
+TEST_F(FitFrame, AMotionAtTheLimitsIsValidAndOneBeyondResetsThePath) {
+  constexpr Motion kBase = {1, 0.1, 1, -0.1, 1, 2};
+  const struct {
+    double Motion::*entry;
+    double limit, beyond;
+  } kLimits[] = {{&Motion::m00, 1.7, 1.7001}, {&Motion::m00, 0.3, 0.2999},   {&Motion::m11, 1.7, 1.7001},
+                 {&Motion::m11, 0.3, 0.2999}, {&Motion::m01, 0.4, 0.4001},   {&Motion::m01, -0.4, -0.4001},
+                 {&Motion::m10, 0.4, 0.4001}, {&Motion::m10, -0.4, -0.4001}, {&Motion::m02, 50, 50.01},
+                 {&Motion::m02, -50, -50.01}, {&Motion::m12, 50, 50.01},     {&Motion::m12, -50, -50.01},
+                 {&Motion::m01, 0.1, 0},      {&Motion::m10, -0.1, 0}};
+  for (const auto& each : kLimits) {
+    SCOPED_TRACE(each.beyond);
+    Motion back = kBase;
+    back.*each.entry = each.limit;
+    EXPECT_TRUE(fit(exactly(back)));
+    const float expected[6] = {float(back.m00), float(back.m01), float(back.m02),
+                               float(back.m10), float(back.m11), float(back.m12)};
+    for (int i = 0; i < 6; ++i) EXPECT_FLOAT_EQ(motion[i], expected[i]) << i;
+    EXPECT_FALSE(isAtRest(records[0]));
+    back.*each.entry = each.beyond;
+    EXPECT_FALSE(fit(exactly(back)));
+    EXPECT_TRUE(isAtRest(records[0]));
+  }
+}
+
+TEST_F(FitFrame, PairsThatAreNoNumbersAreNoMotion) {
+  for (const float bad : {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity()}) {
+    for (float _KRMatch::*const coordinate : {&_KRMatch::sourceX, &_KRMatch::targetY}) {
+      ASSERT_TRUE(fit(scattered(kCalm, 200, kWidth, kHeight, 0.0, 11)));
+      Pairs pairs = scattered(kCalm, 200, kWidth, kHeight, 0.0, 11);
+      for (_KRMatch& pair : pairs) pair.*coordinate = bad;
+      EXPECT_FALSE(fit(pairs));
+      EXPECT_TRUE(isAtRest(records[0]));
+      for (const float value : motion) EXPECT_TRUE(std::isfinite(value));
+    }
+  }
+}
+
+TEST_F(FitFrame, APathThatRunsAwayStartsAgainAndTheMotionStands) {
+  for (int frame = 0; frame < 30; ++frame) {
+    ASSERT_TRUE(fit(exactly({0.7, 0.001, 0, -0.001, 0.7, 0})));
+    ASSERT_GE(records[0].rawPath[3], 1e-3f);
+    ASSERT_LE(records[0].rawPath[3], 1e3f);
+  }
+  // 0.7^-19 is 876 and 0.7^-20 is 1253: the twentieth frame set it to 1 and the others go on from there.
+  EXPECT_NEAR(records[0].rawPath[3], std::pow(0.7, -10), 0.01);
+}
+
+TEST_F(FitFrame, EachCellOfAGridFollowsItsOwnPart) {
+  // The left part turns and moves, the right part moves the other way, and the middle is torn.
+  const Motion left = {1, 0.02, 3, -0.02, 1, 1}, right = {1.01, 0.001, -6, -0.001, 1.01, -2};
+  Pairs pairs;
+  for (const _KRMatch& pair : scattered({}, 900, kWidth, kHeight, 0.0, 12)) {
+    if (pair.sourceX < 150 || pair.sourceX > 170) {
+      pairs.push_back((pair.sourceX < 150 ? left : right)(pair.sourceX, pair.sourceY));
+    }
+  }
+  ASSERT_TRUE(fitGrid(pairs, 3, 2));
+  for (const int cell : {0, 3}) {
+    EXPECT_NEAR(records[cell].rawPath[0], 3, 0.01) << cell;
+    EXPECT_NEAR(records[cell].rawPath[1], 1, 0.01) << cell;
+    EXPECT_NEAR(records[cell].rawPath[2], std::atan(0.02), 1e-4) << cell;
+  }
+  for (const int cell : {2, 5}) {
+    EXPECT_NEAR(records[cell].rawPath[0], -6, 0.05) << cell;
+    EXPECT_NEAR(records[cell].rawPath[3], 1.01, 1e-4) << cell;
+  }
+  EXPECT_NEAR(inverseMotion[2], -6, 0.05) << "the last cell's";
+  EXPECT_FALSE(fitGrid(Pairs(pairs.begin(), pairs.begin() + 4), 3, 2));
+  for (const auto& record : records) EXPECT_TRUE(isAtRest(record));
+
+  // No column to divide by, and no row.
+  const Pairs calm = scattered(kCalm, 400, kWidth, kHeight, 0.0, 13);
+  for (const auto& [columns, rows] : {std::pair{1, 1}, {1, 2}, {2, 1}}) {
+    ASSERT_TRUE(fitGrid(calm, columns, rows));
+    EXPECT_NEAR(inverseMotion[2], kCalm.m02, 0.01);
+  }
+  EXPECT_FALSE(fitGrid(exactly({1, 0, 2, 0, 1, 2}), 1, 1));  // zeros, as of a fit that failed
+}
+
+}  // namespace
+}  // namespace noxel

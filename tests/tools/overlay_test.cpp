@@ -1,0 +1,159 @@
+#include "overlay.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "enhancer_session.h"
+#include "nv21_frame.h"
+#include "tool_error.h"
+
+namespace noxel::tool {
+namespace {
+
+constexpr int kWidth = 64;
+constexpr int kHeight = 48;
+constexpr int kGrey = 90;
+
+class Picture {
+ public:
+  Picture() : bytes_(nv21Size(kWidth, kHeight), kGrey) {}
+  uint8_t* data() { return bytes_.data(); }
+  int luma(int x, int y) const { return bytes_[static_cast<size_t>(y * kWidth + x)]; }
+  int v(int x, int y) const { return bytes_[static_cast<size_t>(kWidth * kHeight + y / 2 * kWidth + x / 2 * 2)]; }
+  int changedOutside(int left, int top, int right, int bottom) const {  // both ends belong to the inside
+    int count = 0;
+    for (int y = 0; y < kHeight; ++y) {
+      for (int x = 0; x < kWidth; ++x) {
+        const bool inside = x >= left && x <= right && y >= top && y <= bottom;
+        if (!inside && (luma(x, y) != kGrey || v(x, y) != kGrey)) ++count;
+      }
+    }
+    return count;
+  }
+
+ private:
+  std::vector<uint8_t> bytes_;
+};
+
+Overlay oneTrack(int status) {
+  Overlay overlay;
+  overlay.report.status = status;
+  overlay.tracks = {{20.5f, 30.5f, 32.5f, 30.5f}};
+  return overlay;
+}
+
+TEST(OverlayTracks, HaveADotAtTheTargetAndATailToTheSource) {
+  Picture kept, lost;
+  drawOverlay(oneTrack(1), kept.data(), kWidth, kHeight);
+  drawOverlay(oneTrack(0), lost.data(), kWidth, kHeight);
+  EXPECT_EQ(kept.luma(32, 30), 255);
+  EXPECT_NE(kept.luma(31, 29), kGrey) << "the rim of the dot";
+  EXPECT_NE(kept.luma(20, 30), kGrey);
+  EXPECT_EQ(kept.luma(20, 29), kGrey) << "the tail's end is thin";
+  EXPECT_LT(kept.v(24, 30), kGrey) << "green";
+  EXPECT_GT(lost.v(24, 30), kGrey) << "red";
+  // Chroma comes in pairs of rows and columns.
+  EXPECT_EQ(kept.changedOutside(20, 28, 33, 31), 0);
+}
+
+TEST(OverlayTracks, GoWhereStabilizationAndZoomPutThem) {
+  Overlay overlay = oneTrack(1);
+  overlay.report.zoom = 1.25f;
+  overlay.report.stabilization[2] = 4.0f;   // x
+  overlay.report.stabilization[5] = -2.0f;  // y
+  Picture picture;
+  drawOverlay(overlay, picture.data(), kWidth, kHeight);
+  // (32.5 + 4 - 32) * 1.25 + 32 = 37.625 and (30.5 - 2 - 24) * 1.25 + 24 = 29.625; the source at 22.625.
+  EXPECT_EQ(picture.luma(37, 29), 255);
+  EXPECT_NE(picture.luma(22, 29), kGrey);
+  EXPECT_EQ(picture.changedOutside(22, 28, 39, 31), 0);
+
+  overlay.tracks = {{-1e9f, 0, 1e9f, 0}, {NAN, NAN, NAN, NAN}, {-30, 20, 2, 20}};  // only the last ends in the picture
+  Picture edge;
+  drawOverlay(overlay, edge.data(), kWidth, kHeight);
+  EXPECT_EQ(edge.changedOutside(0, 16, 3, 19), 0);
+}
+
+TEST(OverlayMask, TintsWhereTheBlendIsHeldBackAndNothingElse) {
+  Overlay overlay;
+  overlay.report.status = 1;
+  overlay.maskWidth = 8;
+  overlay.maskHeight = 6;
+  overlay.mask.assign(48, 6);  // below what is shown
+  overlay.mask[2 * 8 + 3] = 255;
+  Picture picture;
+  drawOverlay(overlay, picture.data(), kWidth, kHeight);
+  // The texel's middle is at (28, 20), an eighth of a texel each way from that of the chroma pair.
+  const double held = 7.0 / 8 * 7.0 / 8;
+  EXPECT_NEAR(picture.v(27, 19), kGrey + 0.5 * held * (235 - kGrey), 1) << "half purple";
+  EXPECT_NE(picture.luma(27, 19), kGrey);
+  // It fades out over one texel of 8 pixels each way.
+  EXPECT_EQ(picture.changedOutside(20, 12, 35, 27), 0);
+}
+
+// A textured scene that moves by (1.25, -0.75) pixels a frame, but for a square that turns bright in the last one.
+std::vector<uint8_t> sceneFrame(int width, int height, int frame) {
+  std::vector<uint8_t> nv21(nv21Size(width, height), 128);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      const double u = x - 1.25 * frame;
+      const double v = y + 0.75 * frame;
+      const double texture = 70 + 20 * std::sin(0.31 * u + 0.11 * v) + 20 * std::sin(0.16 * u - 0.37 * v) +
+                             12 * std::sin(0.05 * u + 0.6 * v + 2 * std::sin(0.07 * u - 0.04 * v));
+      const bool square = frame == 3 && x >= 256 && x < 288 && y >= 32 && y < 64;
+      nv21[static_cast<size_t>(y * width + x)] = square ? 250 : static_cast<uint8_t>(std::lround(texture));
+    }
+  }
+  return nv21;
+}
+
+TEST(OverlayOfTheEngine, TracksTheSceneAndMasksWhatChangedByItself) {
+  constexpr int kSceneWidth = 320, kSceneHeight = 96;
+  EnhancerSettings settings;
+  settings.width = kSceneWidth;
+  settings.height = kSceneHeight;
+  settings.neutralExposure = true;
+  settings.overlay = true;
+  std::unique_ptr<EnhancerSession> session;
+  try {
+    session = std::make_unique<EnhancerSession>(settings);
+  } catch (const ToolError& error) {
+    const char* required = std::getenv("NOXEL_REQUIRE_GL");
+    if (required != nullptr && std::string(required) == "1") FAIL() << error.what();
+    GTEST_SKIP() << error.what();
+  }
+  Overlay overlay;
+  for (int frame = 0; frame < 4; ++frame) {
+    std::vector<uint8_t> nv21 = sceneFrame(kSceneWidth, kSceneHeight, frame);
+    session->enhance(nv21.data(), frame * int64_t{33'000});
+    overlay = session->overlay();
+    EXPECT_EQ(overlay.report.startsSequence, frame == 0);
+    EXPECT_EQ(overlay.mask.empty(), frame == 0) << "a first frame is not blended";
+  }
+  ASSERT_EQ(overlay.report.status, 1);
+  EXPECT_NEAR(overlay.report.motion[2], -1.25, 0.5) << "current to previous";
+  EXPECT_GT(overlay.report.gpuMs, 0);
+  EXPECT_GT(overlay.report.uploadMs, 0);
+  EXPECT_GT(overlay.report.pointsKept, 0);
+  EXPECT_GE(overlay.report.pointsTracked, overlay.report.pointsKept);
+  ASSERT_EQ(overlay.tracks.size(), static_cast<size_t>(overlay.report.pointsKept));
+  for (const _KRMatch& track : overlay.tracks) {
+    // Each by itself; a track told the wrong way round is off by 2.5.
+    ASSERT_NEAR(track.targetX - track.sourceX, 1.25, 0.6);
+    ASSERT_NEAR(track.targetY - track.sourceY, -0.75, 0.6);
+    ASSERT_TRUE(track.targetX > 0 && track.targetX < kSceneWidth && track.targetY > 0 && track.targetY < kSceneHeight);
+  }
+  ASSERT_EQ(overlay.maskWidth, 40);
+  ASSERT_EQ(overlay.maskHeight, 12);
+  const auto maskAt = [&](int x, int y) { return overlay.mask[static_cast<size_t>(y / 8 * 40 + x / 8)]; };
+  EXPECT_GT(maskAt(272, 48), 200);
+  EXPECT_LT(maskAt(100, 48), 13) << "too strong to be left out of the picture";
+}
+
+}  // namespace
+}  // namespace noxel::tool

@@ -1,0 +1,137 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "clips.h"
+#include "tool_error.h"
+
+namespace noxel::tool {
+namespace {
+
+struct Line {
+  int valid;
+  double m[6];
+  double ms;
+};
+
+class Register : public testing::Test {
+ protected:
+  // Runs the built command; its lines are in lines_, the rest of its words in error_.
+  int run(const std::string& arguments) {
+    const std::string command = "'" NOXEL_REGISTER_EXECUTABLE "' " + arguments + " >'" + folder_.file("out") + "' 2>'" +
+                                folder_.file("error") + "'";
+    const int status = std::system(command.c_str());
+    lines_.clear();
+    std::ifstream out(folder_.file("out"));
+    for (Line line;
+         out >> line.valid >> line.m[0] >> line.m[1] >> line.m[2] >> line.m[3] >> line.m[4] >> line.m[5] >> line.ms;)
+      lines_.push_back(line);
+    std::stringstream error;
+    error << std::ifstream(folder_.file("error")).rdbuf();
+    error_ = error.str();
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  // Planes of a blocky random texture, blurred once, that moves by (dx, dy) pixels a frame, each with noise of +-2 levels
+  // of its own: without any, every point moves exactly alike, and a fit whose shear is exactly 0 is taken for a failed one.
+  // Returns "FILE W H N".
+  std::string writePlanes(int width, int height, int frames, int dx, int dy) {
+    const auto level = [](int x, int y) {
+      const uint32_t cell = static_cast<uint32_t>(x >> 3) * 73856093u ^ static_cast<uint32_t>(y >> 3) * 19349663u;
+      return static_cast<int>((cell * 2654435761u) >> 24);
+    };
+    std::minstd_rand random(7);
+    std::ofstream file(folder_.file("planes"), std::ios::binary);
+    for (int frame = 0; frame < frames; ++frame) {
+      std::string plane;
+      for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+          const int u = x + 4096 - dx * frame;
+          const int v = y + 4096 - dy * frame;
+          int sum = 0;
+          for (int j = -1; j <= 1; ++j) {
+            for (int i = -1; i <= 1; ++i) sum += level(u + i, v + j);
+          }
+          const int noise = static_cast<int>(random() % 5) - 2;
+          plane.push_back(static_cast<char>(std::clamp(sum / 9 + noise, 0, 255)));
+        }
+      }
+      file << plane;
+    }
+    return folder_.file("planes") + ' ' + std::to_string(width) + ' ' + std::to_string(height) + ' ' +
+           std::to_string(frames);
+  }
+
+  void expectTranslation(size_t count, double dx, double dy, double width, double height, double tolerance) {
+    ASSERT_EQ(lines_.size(), count) << error_;
+    for (const Line& line : lines_) {
+      EXPECT_EQ(line.valid, 1);
+      EXPECT_GT(line.ms, 0);
+      for (const double x : {0.0, width - 1}) {
+        for (const double y : {0.0, height - 1}) {
+          EXPECT_NEAR(line.m[0] * x + line.m[1] * y + line.m[2], x + dx, tolerance);
+          EXPECT_NEAR(line.m[3] * x + line.m[4] * y + line.m[5], y + dy, tolerance);
+        }
+      }
+    }
+  }
+
+  const TemporaryFolder folder_;
+  std::vector<Line> lines_;
+  std::string error_;
+};
+
+// In strong texture the corners come within 0.05 pixel; a motion told the wrong way round is off by 6 and more.
+TEST_F(Register, TellsWhereThePixelsOfTheFrameBeforeAre) {
+  ASSERT_EQ(run(writePlanes(320, 180, 4, 4, -3) + " --threads 1 --stats"), kExitFine) << error_;
+  expectTranslation(3, 4, -3, 320, 180, 0.1);
+  EXPECT_EQ(error_.rfind("3 frames, 0 lost, ", 0), 0u) << error_;
+}
+
+// Half the size: the error is twice that of the half-size image.
+TEST_F(Register, MeasuresLargeFramesAtHalfSizeInFullPixels) {
+  const std::string planes = writePlanes(1024, 160, 3, -6, 2);
+  ASSERT_EQ(run(planes), kExitFine) << error_;
+  expectTranslation(2, -6, 2, 1024, 160, 0.2);
+  const double half = lines_[0].m[2];
+  ASSERT_EQ(run(planes + " --full --threads 0"), kExitFine) << error_;
+  expectTranslation(2, -6, 2, 1024, 160, 0.1);
+  EXPECT_NE(lines_[0].m[2], half) << "the same image was measured";
+}
+
+TEST_F(Register, AFrameWithoutTextureHasNoMotion) {
+  std::ofstream(folder_.file("flat"), std::ios::binary) << std::string(3 * 64 * 48, '\x40');
+  ASSERT_EQ(run(folder_.file("flat") + " 64 48 3"), kExitFine) << error_;
+  ASSERT_EQ(lines_.size(), 2u);
+  const std::vector<double> identity = {1, 0, 0, 0, 1, 0};
+  for (const Line& line : lines_) {
+    EXPECT_EQ(line.valid, 0);
+    EXPECT_EQ(std::vector<double>(line.m, line.m + 6), identity);
+  }
+}
+
+TEST_F(Register, TellsWhatItCannotDo) {
+  const std::string planes = writePlanes(32, 16, 2, 0, 0);
+  for (const std::string& arguments :
+       {std::string(), folder_.file("planes") + " 32 16", folder_.file("planes") + " 0 16 2", planes + " --threads -1",
+        planes + " --speed 1", folder_.file("planes") + " 100000 100000 2"}) {
+    EXPECT_EQ(run(arguments), kExitUsage) << arguments;
+    EXPECT_EQ(error_.rfind("noxel-register: ", 0), 0u) << error_;
+  }
+  for (const std::string& arguments : {folder_.file("missing") + " 32 16 2", folder_.file("planes") + " 32 16 3"}) {
+    EXPECT_EQ(run(arguments), kExitUnreadable) << arguments;
+    EXPECT_EQ(error_.rfind("noxel-register: ", 0), 0u) << error_;
+  }
+  EXPECT_EQ(run("--help"), kExitFine);
+}
+
+}  // namespace
+}  // namespace noxel::tool
