@@ -1,0 +1,321 @@
+// Motion registration against exact truth, beside OpenCV's trackers where OpenCV is found.
+//
+//   noxel_motion_bench [--width W] [--height H] [--pairs N] [--seed S] [--full] [--dump DIR] [photo.pgm...]
+//
+// Pairs of seeded frames of every class of motion at three levels of light, from the photos or from procedural scenes. A
+// pair's error is the root mean square over the four frame corners of the distance between the measured and the true image
+// of the corner, in frame pixels; above 3 pixels, or without a result, it failed. No result counts as infinitely far off.
+//
+// Time is processor time on one thread. Ours is that of a frame in a running sequence, tracking and finding the points of
+// the next frame included, at half size with the downscale as well; a sequence's first frame is told apart at the end. All
+// methods take turns on each pair, so that what else the machine does falls on all of them.
+#include <time.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <limits>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kernels/planes.h"
+#include "registration/camera_path.h"
+#include "registration/register_frame.h"
+#include "registration/registration_state.h"
+#include "scene_pairs.h"
+
+#if NOXEL_BENCH_OPENCV
+#include "opencv_rows.h"
+#endif
+
+namespace noxel {
+namespace {
+
+using scenes::Affine;
+using scenes::FramePair;
+using scenes::Light;
+using scenes::Motion;
+using scenes::Photo;
+
+constexpr double kFailurePixels = 3;
+constexpr int kLargestFullSide = 1000;  // pixels; frames beyond are registered at half size
+constexpr int kProceduralPhotos = 6;
+
+struct Options {
+  int width = 640;
+  int height = 360;
+  int pairs = 20;
+  uint64_t seed = 1;
+  bool full = false;
+  std::string dump;
+  std::vector<std::string> photos;
+};
+
+[[noreturn]] void fail(const std::string& reason) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "noxel_motion_bench: %s\n", reason.c_str());
+  std::exit(1);
+}
+
+double processorMilliseconds() {
+  timespec now;
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return 1e3 * static_cast<double>(now.tv_sec) + 1e-6 * static_cast<double>(now.tv_nsec);
+}
+
+// Registration as the engine uses it, on frames of one size.
+class OurRegistration {
+ public:
+  OurRegistration(int frameWidth, int frameHeight, bool full)
+      : width(frameWidth),
+        height(frameHeight),
+        factor(!full && std::max(frameWidth, frameHeight) > kLargestFullSide ? 2 : 1),
+        halved(static_cast<size_t>(width / 2) * static_cast<size_t>(height / 2)),
+        scratch(halved.size()),
+        matches(kMaxPoints) {
+    if (createRegistration(width / factor, height / factor, 1, &registration) != 0 ||
+        !initStabilization(&stabilization, 1, 1, width / factor, height / factor)) {
+      fail("no registration of this size");
+    }
+  }
+  ~OurRegistration() {
+    releaseStabilization(&stabilization, 1, 1);
+    releaseRegistration(&registration);
+  }
+  OurRegistration(const OurRegistration&) = delete;
+  OurRegistration& operator=(const OurRegistration&) = delete;
+
+  void prime(const std::vector<uint8_t>& frame) {
+    firstFrame = 1;
+    const double start = processorMilliseconds();
+    registerOne(frame);
+    primeMilliseconds.push_back(processorMilliseconds() - start);
+  }
+
+  bool measure(const std::vector<uint8_t>& frame, Affine* currentFromPrevious) {
+    if (!registerOne(frame)) return false;
+    // From pixels of the registration image to those of the frame, and from first centres at (0.5, 0.5) to (0, 0).
+    for (int row = 0; row < 2; ++row) {
+      const double a = static_cast<double>(inverseMotion[3 * row]);
+      const double b = static_cast<double>(inverseMotion[3 * row + 1]);
+      const double shift = factor * static_cast<double>(inverseMotion[3 * row + 2]);
+      currentFromPrevious->m[3 * row] = a;
+      currentFromPrevious->m[3 * row + 1] = b;
+      currentFromPrevious->m[3 * row + 2] = shift + 0.5 * (a + b) - 0.5;
+    }
+    return true;
+  }
+
+  std::vector<double> primeMilliseconds;
+
+ private:
+  bool registerOne(const std::vector<uint8_t>& frame) {
+    const uint8_t* pixels = frame.data();
+    if (factor == 2) {
+      kernels::downscaleByTwo(pixels, width, height, halved.data());
+      kernels::smoothTwice(halved.data(), width / 2, height / 2, scratch.data());
+      pixels = halved.data();
+    }
+    int valid = 0;
+    float motion[9];
+    registerFrame(pixels, motion, inverseMotion, matches.data(), &valid, registration, &firstFrame, &stabilization);
+    return valid == 1;
+  }
+
+  int width;
+  int height;
+  int factor;  // frame pixels per registration pixel
+  std::vector<uint8_t> halved;
+  std::vector<uint8_t> scratch;
+  std::vector<_KRMatch> matches;
+  _KROFRegistration* registration = nullptr;
+  _KRStabilizationParameters stabilization = {};
+  float inverseMotion[9] = {};
+  int firstFrame = 1;
+};
+
+struct Method {
+  std::string name;
+  std::function<void(const FramePair&)> prepare;  // before the clock starts
+  std::function<bool(const FramePair&, Affine*)> measure;
+};
+
+struct Results {
+  std::vector<double> errors;  // pixels, infinite without a result
+  std::vector<double> milliseconds;
+
+  void append(const Results& other) {
+    errors.insert(errors.end(), other.errors.begin(), other.errors.end());
+    milliseconds.insert(milliseconds.end(), other.milliseconds.begin(), other.milliseconds.end());
+  }
+};
+
+double percentile(std::vector<double> values, double share) {
+  const auto at = values.begin() + static_cast<ptrdiff_t>(share * static_cast<double>(values.size() - 1));
+  std::nth_element(values.begin(), at, values.end());
+  return *at;
+}
+
+// All methods on one pair. The first to run changes from pair to pair: it finds the frames out of the cache.
+void runPair(const std::vector<Method>& methods, const FramePair& frames, const Affine& truth, size_t turn,
+             std::vector<Results>* results) {
+  for (size_t i = 0; i < methods.size(); ++i) {
+    const size_t at = (turn + i) % methods.size();
+    if (methods[at].prepare) methods[at].prepare(frames);
+    Affine measured;
+    const double start = processorMilliseconds();
+    const bool valid = methods[at].measure(frames, &measured);
+    Results& result = (*results)[at];
+    result.milliseconds.push_back(processorMilliseconds() - start);
+    const double error = scenes::cornerError(measured, truth, frames.width, frames.height);
+    result.errors.push_back(valid && std::isfinite(error) ? error : std::numeric_limits<double>::infinity());
+  }
+}
+
+void printHeader(const std::vector<Method>& methods) {
+  std::printf("%-18s", "");
+  for (const Method& method : methods) std::printf(" | %-32s", method.name.c_str());
+  std::printf("\n%-18s", "");
+  for (size_t i = 0; i < methods.size(); ++i) std::printf(" | %8s %8s %6s %7s", "p50 px", "p90 px", "fail %", "cpu ms");
+  std::printf("\n");
+}
+
+void printRow(const std::string& label, const std::vector<Results>& results) {
+  std::printf("%-18s", label.c_str());
+  for (const Results& result : results) {
+    const auto failed =
+        std::count_if(result.errors.begin(), result.errors.end(), [](double error) { return error > kFailurePixels; });
+    std::printf(" | %8.3f %8.3f %6.1f %7.2f", percentile(result.errors, 0.5), percentile(result.errors, 0.9),
+                100.0 * static_cast<double>(failed) / static_cast<double>(result.errors.size()),
+                percentile(result.milliseconds, 0.5));
+  }
+  std::printf("\n");
+  std::fflush(stdout);
+}
+
+void dumpPair(const std::string& stem, const FramePair& frames, const Affine& truth) {
+  std::ofstream planes(stem + ".raw", std::ios::binary);
+  for (const std::vector<uint8_t>* plane : {&frames.previous, &frames.current}) {
+    planes.write(reinterpret_cast<const char*>(plane->data()), static_cast<std::streamsize>(plane->size()));
+  }
+  std::ofstream text(stem + ".txt");
+  text.precision(17);
+  for (double value : truth.m) text << value << '\n';
+  if (!planes.flush() || !text.flush()) fail("cannot write " + stem);
+}
+
+std::vector<Photo> loadPhotos(const Options& options) {
+  std::vector<Photo> photos;
+  for (const std::string& path : options.photos) {
+    Photo photo;
+    if (!scenes::readPhoto(path, &photo)) fail(path + " is not a binary PGM or PPM of 8 bits");
+    photos.push_back(std::move(photo));
+  }
+  if (!photos.empty()) {
+    std::printf("scenes: %zu photos\n", photos.size());
+    return photos;
+  }
+  std::printf("scenes: %d procedural ones, for want of photos\n", kProceduralPhotos);
+  for (int i = 0; i < kProceduralPhotos; ++i) {
+    photos.push_back(
+        scenes::proceduralPhoto(3 * options.width, 3 * options.height, options.seed + static_cast<uint64_t>(i)));
+  }
+  return photos;
+}
+
+std::vector<Method> allMethods(OurRegistration* ours) {
+  std::vector<Method> methods;
+  methods.push_back(
+      {"ours", [ours](const FramePair& frames) { ours->prime(frames.previous); },
+       [ours](const FramePair& frames, Affine* motion) { return ours->measure(frames.current, motion); }});
+#if NOXEL_BENCH_OPENCV
+  scenes::prepareOpenCv();
+  for (const scenes::OpenCvRow& row : scenes::kOpenCvRow) {
+    methods.push_back({row.name, {}, [&row](const FramePair& frames, Affine* motion) {
+                         return row.measure(frames.previous.data(), frames.current.data(), frames.width, frames.height,
+                                            motion);
+                       }});
+  }
+#else
+  std::printf("OpenCV was not found when this was built: no rows to compare with\n");
+#endif
+  return methods;
+}
+
+// Median over the pairs of our time as a share of the other's on the same pair.
+double timeShare(const Results& ours, const Results& other) {
+  std::vector<double> shares;
+  for (size_t i = 0; i < ours.milliseconds.size(); ++i) {
+    shares.push_back(ours.milliseconds[i] / other.milliseconds[i]);
+  }
+  return percentile(shares, 0.5);
+}
+
+void run(const Options& options) {
+  std::printf("%d x %d, %d pairs a class and light, seed %llu\n", options.width, options.height, options.pairs,
+              static_cast<unsigned long long>(options.seed));
+  const std::vector<Photo> photos = loadPhotos(options);
+  OurRegistration ours(options.width, options.height, options.full);
+  const std::vector<Method> methods = allMethods(&ours);
+  if (!options.dump.empty()) std::filesystem::create_directories(options.dump);
+
+  printHeader(methods);
+  std::map<Light, std::vector<Results>> everything;
+  for (Light light : scenes::kLights) everything[light].resize(methods.size());
+  size_t turn = 0;
+  for (Motion motion : scenes::kMotions) {
+    std::map<Light, std::vector<Results>> results;
+    for (Light light : scenes::kLights) results[light].resize(methods.size());
+    for (int index = 0; index < options.pairs; ++index) {
+      const scenes::ScenePair pair =
+          scenes::renderPair(photos, motion, options.width, options.height, options.seed, index);
+      for (Light light : scenes::kLights) {
+        const FramePair frames = scenes::expose(pair, light, options.seed + static_cast<uint64_t>(index));
+        runPair(methods, frames, pair.currentFromPrevious, turn++, &results[light]);
+        if (!options.dump.empty()) {
+          dumpPair(options.dump + "/" + nameOf(motion) + "_" + nameOf(light) + "_" + std::to_string(index), frames,
+                   pair.currentFromPrevious);
+        }
+      }
+    }
+    for (Light light : scenes::kLights) {
+      printRow(std::string(nameOf(motion)) + " " + nameOf(light), results[light]);
+      for (size_t i = 0; i < methods.size(); ++i) everything[light][i].append(results[light][i]);
+    }
+  }
+
+  for (Light light : scenes::kLights) printRow(std::string("all ") + nameOf(light), everything[light]);
+  for (Light light : scenes::kLights) {
+    for (size_t i = 1; i < methods.size(); ++i) {
+      std::printf("%s: our time is %.3f of %s\n", nameOf(light), timeShare(everything[light][0], everything[light][i]),
+                  methods[i].name.c_str());
+    }
+  }
+  std::printf("our first frame of a sequence: %.2f ms\n", percentile(ours.primeMilliseconds, 0.5));
+}
+
+}  // namespace
+}  // namespace noxel
+
+int main(int argc, char** argv) {
+  noxel::Options options;
+  CLI::App app("Motion registration against exact truth");
+  app.add_option("--width", options.width, "Frame width in pixels")->check(CLI::Range(64, 4096));
+  app.add_option("--height", options.height, "Frame height in pixels")->check(CLI::Range(64, 4096));
+  app.add_option("--pairs", options.pairs, "Frame pairs a class and light")->check(CLI::Range(1, 10000));
+  app.add_option("--seed", options.seed, "Seed of scenes, motions and noise");
+  app.add_flag("--full", options.full, "Register large frames at full size, not at half");
+  app.add_option("--dump", options.dump, "Write every pair into this directory: two planes, and the truth beside them");
+  app.add_option("photos", options.photos, "Binary PGM or PPM files, larger than the frame");
+  CLI11_PARSE(app, argc, argv);
+  noxel::run(options);
+  return 0;
+}

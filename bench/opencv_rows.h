@@ -1,0 +1,24 @@
+// OpenCV's building blocks put together into motion estimators, to measure ours beside. Built only where OpenCV is found.
+#pragma once
+
+#include <cstdint>
+
+#include "scene_pairs.h"
+
+namespace noxel::scenes {
+
+struct OpenCvRow {
+  const char* name;
+  // False: no motion was found. Frames are width x height bytes, tightly packed.
+  bool (*measure)(const uint8_t* previous, const uint8_t* current, int width, int height, Affine* currentFromPrevious);
+};
+
+inline constexpr int kOpenCvRows = 3;
+// Careful: 1000 corners tracked there and back, affine by RANSAC. Similar: the same, rotation, scale and shift only.
+// Quick: 300 corners in small windows tracked once, affine by MAGSAC.
+extern const OpenCvRow kOpenCvRow[kOpenCvRows];
+
+// One thread, so that processor time compares with ours.
+void prepareOpenCv();
+
+}  // namespace noxel::scenes

@@ -1,0 +1,350 @@
+// How much of a hand's shake is left in the stabilised picture, with the true motion and with the measured one.
+//
+//   noxel_shake_bench [--light clean|dim|dark] [--low HZ] [--high HZ] [--slope N] [--shift PX] [--roll MRAD] [--zoom %]
+//                     [photo.pgm...]
+//
+// Clips of a still scene, from photos or procedural scenes, under a known camera path about the centre of the frame: a slow
+// drift of some tens of pixels below 1 Hz, and shake, a sum of sinusoids of random phase between two frequencies whose
+// amplitudes fall with the frequency to the power `slope`.
+//
+// The camera path takes the scene to the frame, the stabilisation matrix takes the frame to the picture: a viewer sees their
+// product. Of both the shift, roll and log scale are followed from frame to frame, and
+//
+//   residual = rms of the second difference of the picture's / rms of the second difference of the frame's
+//
+// with x and y together, at the centre of the frame and at its top-left corner, the point that the smoothing turns and scales
+// about. The last row is the same for the difference of the two pictures: what the measurement adds to what smoothing leaves.
+#include <CLI/CLI.hpp>
+#include <array>
+#include <cmath>
+#include <complex>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <numbers>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "registration/camera_path.h"
+#include "registration/register_frame.h"
+#include "registration/registration_state.h"
+#include "scene_pairs.h"
+
+namespace noxel {
+namespace {
+
+using scenes::Light;
+using scenes::Photo;
+
+constexpr int kProceduralPhotos = 2;
+constexpr int kTones = 16;  // sinusoids of the shake
+constexpr double kDriftLowHz = 0.05;
+constexpr double kDriftHighHz = 0.4;
+constexpr int kDriftTones = 3;
+constexpr double kDriftPixels = 10;  // rms, as the next two
+constexpr double kDriftRadians = 0.01;
+constexpr double kDriftZoom = 0.005;
+
+struct Options {
+  int width = 640;
+  int height = 360;
+  int frames = 150;
+  double framesPerSecond = 30;
+  std::string light = "dark";
+  double lowHz = 2;
+  double highHz = 9;
+  double slope = 0;
+  double shiftPixels = 4;  // rms along each axis
+  double rollMilliradians = 4;
+  double zoomPercent = 0.3;
+  uint64_t seed = 1;
+  std::vector<std::string> photos;
+};
+
+[[noreturn]] void fail(const std::string& reason) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "noxel_shake_bench: %s\n", reason.c_str());
+  std::exit(1);
+}
+
+// z -> scale * z + shift on pixels x + iy, the first one's centre at (0.5, 0.5).
+struct Similarity {
+  std::complex<double> scale = 1;
+  std::complex<double> shift = 0;
+
+  std::complex<double> operator()(std::complex<double> z) const { return scale * z + shift; }
+};
+
+Similarity operator*(const Similarity& outer, const Similarity& inner) {
+  return {outer.scale * inner.scale, outer(inner.shift)};
+}
+
+Similarity inverse(const Similarity& similarity) {
+  return {1.0 / similarity.scale, -similarity.shift / similarity.scale};
+}
+
+// One value of the camera's path over time.
+class Wander {
+ public:
+  Wander(double lowHz, double highHz, int tones, double slope, double rms, std::mt19937_64& random) {
+    double power = 0;
+    for (int i = 0; i < tones; ++i) {
+      const double hz = lowHz + (highHz - lowHz) * (i + 0.5) / tones;
+      const double phase = 2 * std::numbers::pi * static_cast<double>(random() >> 11) * 0x1p-53;
+      tones_.push_back({std::pow(hz, -slope), 2 * std::numbers::pi * hz, phase});
+      power += 0.5 * tones_.back().amplitude * tones_.back().amplitude;
+    }
+    for (Tone& tone : tones_) tone.amplitude *= rms / std::sqrt(power);
+  }
+  double at(double seconds) const {
+    double sum = 0;
+    for (const Tone& tone : tones_) sum += tone.amplitude * std::sin(tone.radiansPerSecond * seconds + tone.phase);
+    return sum;
+  }
+
+ private:
+  struct Tone {
+    double amplitude;
+    double radiansPerSecond;
+    double phase;
+  };
+  std::vector<Tone> tones_;
+};
+
+// Scene to frame, one for each frame of the clip.
+std::vector<Similarity> cameraPath(const Options& options, uint64_t seed) {
+  std::mt19937_64 random(seed);
+  const auto wander = [&](double driftRms, double shakeRms) {
+    return std::array<Wander, 2>{Wander(kDriftLowHz, kDriftHighHz, kDriftTones, 0, driftRms, random),
+                                 Wander(options.lowHz, options.highHz, kTones, options.slope, shakeRms, random)};
+  };
+  const std::array<std::array<Wander, 2>, 4> values = {
+      wander(kDriftPixels, options.shiftPixels), wander(kDriftPixels, options.shiftPixels),
+      wander(kDriftRadians, 1e-3 * options.rollMilliradians), wander(kDriftZoom, 1e-2 * options.zoomPercent)};
+
+  const std::complex<double> centre(0.5 * options.width, 0.5 * options.height);
+  std::vector<Similarity> path;
+  for (int frame = 0; frame < options.frames; ++frame) {
+    const double seconds = frame / options.framesPerSecond;
+    double now[4];
+    for (size_t i = 0; i < 4; ++i) now[i] = values[i][0].at(seconds) + values[i][1].at(seconds);
+    const std::complex<double> scale = std::polar(std::exp(now[3]), now[2]);
+    path.push_back({scale, centre + std::complex<double>(now[0], now[1]) - scale * centre});
+  }
+  return path;
+}
+
+// Between pixels whose first centre is at (0, 0).
+scenes::Affine sceneFromFrame(const Similarity& frameFromScene) {
+  const Similarity s = inverse(frameFromScene);
+  const std::complex<double> half(0.5, 0.5);
+  const std::complex<double> shift = s(half) - half;
+  return {{s.scale.real(), -s.scale.imag(), shift.real(), s.scale.imag(), s.scale.real(), shift.imag()}};
+}
+
+// The engine's camera path, fed frame by frame. Each call returns the stabilisation matrix of its frame.
+class Stabilizer {
+ public:
+  explicit Stabilizer(const Options& options) {
+    if (createRegistration(options.width, options.height, 1, &registration_) != 0 ||
+        !initStabilization(&stabilization_, 1, 1, options.width, options.height)) {
+      fail("no registration of this size");
+    }
+  }
+  ~Stabilizer() {
+    releaseStabilization(&stabilization_, 1, 1);
+    releaseRegistration(&registration_);
+  }
+  Stabilizer(const Stabilizer&) = delete;
+  Stabilizer& operator=(const Stabilizer&) = delete;
+
+  Similarity measured(const std::vector<uint8_t>& frame) {
+    float motion[9];
+    float inverseMotion[9];
+    int valid = 0;
+    const bool first = firstFrame_ == 1;
+    registerFrame(frame.data(), motion, inverseMotion, matches_.data(), &valid, registration_, &firstFrame_,
+                  &stabilization_);
+    if (valid == 1) return matrix();
+    if (!first) ++lost_;
+    return {};
+  }
+  Similarity known(const Similarity& currentFromPrevious) {
+    const std::complex<double> scale = currentFromPrevious.scale;
+    const std::complex<double> shift = currentFromPrevious.shift;
+    const float similarity[4] = {static_cast<float>(shift.real()), static_cast<float>(shift.imag()),
+                                 static_cast<float>(scale.real() - 1), static_cast<float>(-scale.imag())};
+    if (!stepStabilization(&stabilization_, similarity)) fail("the true path left what can be smoothed");
+    return matrix();
+  }
+  int lost() const { return lost_; }
+
+ private:
+  Similarity matrix() const {
+    const float* m = stabilization_.stabilizationMatrix;
+    return {std::complex<double>(static_cast<double>(m[0]), -static_cast<double>(m[1])),
+            std::complex<double>(static_cast<double>(m[2]), static_cast<double>(m[5]))};
+  }
+
+  _KROFRegistration* registration_ = nullptr;
+  _KRStabilizationParameters stabilization_ = {};
+  std::vector<_KRMatch> matches_ = std::vector<_KRMatch>(kMaxPoints);
+  int firstFrame_ = 1;
+  int lost_ = 0;
+};
+
+// What is followed of a path: x and y at the centre, x and y at the corner, roll, log scale.
+constexpr size_t kValues = 6;
+using Values = std::array<double, kValues>;
+
+Values valuesOf(const Similarity& path, std::complex<double> centre) {
+  const std::complex<double> atCentre = path(centre);
+  return {atCentre.real(),   atCentre.imag(),      path.shift.real(),
+          path.shift.imag(), std::arg(path.scale), std::log(std::abs(path.scale))};
+}
+
+// Sums of squared second differences.
+void addShake(const std::vector<Values>& path, Values* shake) {
+  for (size_t i = 2; i < path.size(); ++i) {
+    for (size_t value = 0; value < kValues; ++value) {
+      const double second = path[i][value] - 2 * path[i - 1][value] + path[i - 2][value];
+      (*shake)[value] += second * second;
+    }
+  }
+}
+
+struct Shake {
+  Values input = {};
+  Values known = {};
+  Values measured = {};
+  Values difference = {};
+  int frames = 0;
+  int lost = 0;
+
+  void add(const Shake& other) {
+    for (size_t i = 0; i < kValues; ++i) {
+      input[i] += other.input[i];
+      known[i] += other.known[i];
+      measured[i] += other.measured[i];
+      difference[i] += other.difference[i];
+    }
+    frames += other.frames;
+    lost += other.lost;
+  }
+};
+
+Shake shakeOf(const Photo& photo, Light light, const Options& options, uint64_t seed) {
+  const scenes::StillScene scene = scenes::drawStillScene(photo, options.width, options.height, seed);
+  const std::vector<Similarity> camera = cameraPath(options, seed);
+  const std::complex<double> centre(0.5 * options.width, 0.5 * options.height);
+  Stabilizer tracked(options);
+  Stabilizer told(options);
+  double gain = 0;
+  std::vector<Values> input;
+  std::vector<Values> known;
+  std::vector<Values> measured;
+  std::vector<Values> difference;
+  for (size_t i = 0; i < camera.size(); ++i) {
+    const std::vector<float> view = scenes::renderView(scene, sceneFromFrame(camera[i]), options.width, options.height);
+    if (i == 0) gain = scenes::gainFor(light, view);
+    const Similarity byTracker = tracked.measured(scenes::expose(view, light, gain, seed * 100'000 + i));
+    const Similarity byTruth = i == 0 ? Similarity() : told.known(camera[i] * inverse(camera[i - 1]));
+    input.push_back(valuesOf(camera[i], centre));
+    known.push_back(valuesOf(byTruth * camera[i], centre));
+    measured.push_back(valuesOf(byTracker * camera[i], centre));
+    Values apart;
+    for (size_t value = 0; value < kValues; ++value) apart[value] = measured[i][value] - known[i][value];
+    difference.push_back(apart);
+  }
+  Shake shake;
+  addShake(input, &shake.input);
+  addShake(known, &shake.known);
+  addShake(measured, &shake.measured);
+  addShake(difference, &shake.difference);
+  shake.frames = options.frames;
+  shake.lost = tracked.lost();
+  return shake;
+}
+
+void printRow(const char* label, const Values& output, const Values& input) {
+  const auto ratio = [&](size_t first, size_t last) {
+    double above = 0;
+    double below = 0;
+    for (size_t i = first; i <= last; ++i) {
+      above += output[i];
+      below += input[i];
+    }
+    return std::sqrt(above / below);
+  };
+  std::printf("  %-14s %8.4f %8.4f %8.4f %8.4f\n", label, ratio(0, 1), ratio(2, 3), ratio(4, 4), ratio(5, 5));
+}
+
+void print(const std::string& label, const Shake& shake) {
+  std::printf("%s: %d of %d frames lost\n", label.c_str(), shake.lost, shake.frames);
+  printRow("true motion", shake.known, shake.input);
+  printRow("measured", shake.measured, shake.input);
+  printRow("apart", shake.difference, shake.input);
+  std::fflush(stdout);
+}
+
+std::vector<std::pair<std::string, Photo>> loadPhotos(const Options& options) {
+  std::vector<std::pair<std::string, Photo>> photos;
+  for (const std::string& path : options.photos) {
+    Photo photo;
+    if (!scenes::readPhoto(path, &photo)) fail(path + " is not a binary PGM or PPM of 8 bits");
+    photos.emplace_back(path.substr(path.find_last_of('/') + 1), std::move(photo));
+  }
+  for (int i = 0; photos.size() < kProceduralPhotos && options.photos.empty(); ++i) {
+    photos.emplace_back(
+        "procedural " + std::to_string(i),
+        scenes::proceduralPhoto(3 * options.width, 3 * options.height, options.seed + static_cast<uint64_t>(i)));
+  }
+  return photos;
+}
+
+void run(const Options& options) {
+  std::printf(
+      "%d frames of %d x %d, %g/s, %s; shake of %g..%g Hz, slope %g, rms %g px along x and along y, %g mrad, %g %%\n",
+      options.frames, options.width, options.height, options.framesPerSecond, options.light.c_str(), options.lowHz,
+      options.highHz, options.slope, options.shiftPixels, options.rollMilliradians, options.zoomPercent);
+  std::printf("  %-14s %8s %8s %8s %8s\n", "residual", "x,y mid", "corner", "roll", "scale");
+  Light light = Light::Clean;
+  for (Light candidate : scenes::kLights) {
+    if (options.light == scenes::nameOf(candidate)) light = candidate;
+  }
+  Shake everything;
+  uint64_t seed = options.seed;
+  for (const auto& [name, photo] : loadPhotos(options)) {
+    const Shake shake = shakeOf(photo, light, options, seed++);
+    print(name, shake);
+    everything.add(shake);
+  }
+  print("all", everything);
+}
+
+}  // namespace
+}  // namespace noxel
+
+int main(int argc, char** argv) {
+  noxel::Options options;
+  CLI::App app("Residual shake of the stabilised picture");
+  app.add_option("--width", options.width, "Frame width in pixels")->check(CLI::Range(64, 1000));
+  app.add_option("--height", options.height, "Frame height in pixels")->check(CLI::Range(64, 1000));
+  app.add_option("--frames", options.frames, "Frames a clip")->check(CLI::Range(3, 100'000));
+  app.add_option("--fps", options.framesPerSecond, "Frames a second")->check(CLI::PositiveNumber);
+  app.add_option("--light", options.light, "How the clip is exposed")->check(CLI::IsMember({"clean", "dim", "dark"}));
+  app.add_option("--low", options.lowHz, "Lowest frequency of the shake, Hz")->check(CLI::PositiveNumber);
+  app.add_option("--high", options.highHz, "Highest frequency of the shake, Hz")->check(CLI::PositiveNumber);
+  app.add_option("--slope", options.slope, "Power by which the shake falls with the frequency");
+  app.add_option("--shift", options.shiftPixels, "Shake along each axis, rms, pixels");
+  app.add_option("--roll", options.rollMilliradians, "Rolling shake, rms, milliradians");
+  app.add_option("--zoom", options.zoomPercent, "Scaling shake, rms, percent");
+  app.add_option("--seed", options.seed, "Seed of scenes, paths and noise");
+  app.add_option("photos", options.photos, "Binary PGM or PPM files, larger than the frame");
+  CLI11_PARSE(app, argc, argv);
+  noxel::run(options);
+  return 0;
+}
