@@ -6,6 +6,7 @@ namespace noxel::tracker {
 namespace {
 
 constexpr int kHypotheses = 64;
+constexpr int kRefits = 4;
 constexpr float kLeastDistance = 0.2f;  // of the two points, in radii: closer ones say little about the linear part
 
 // Numerical Recipes' generator: the same choice for the same points, on every machine.
@@ -39,6 +40,22 @@ bool through(const Displaced& a, const Displaced& b, GlobalMotion* motion) {
   return true;
 }
 
+// Least squares over the points that agree with a motion.
+bool refit(const Displaced* points, int count, float tolerance, GlobalMotion* motion) {
+  MotionEquations equations;
+  for (int i = 0; i < count; ++i) {
+    const Displaced& point = points[i];
+    if (!(point.weight > 0.0f) || !agrees(point, *motion, tolerance)) continue;
+    equations.add({point.u,
+                   point.v,
+                   {1.0, 0.0, 1.0},
+                   {},
+                   {point.dx - motion->dx(point.u, point.v), point.dy - motion->dy(point.u, point.v)},
+                   point.weight});
+  }
+  return equations.solveSimilarity(motion);
+}
+
 }  // namespace
 
 bool agrees(const Displaced& point, const GlobalMotion& motion, float tolerance) {
@@ -50,7 +67,7 @@ bool agrees(const Displaced& point, const GlobalMotion& motion, float tolerance)
 Consensus findConsensus(const Displaced* points, int count, float tolerance, const GlobalMotion* known,
                         int knownCount) {
   Consensus best;
-  const auto consider = [&](const GlobalMotion& motion) {
+  const auto supportOf = [&](const GlobalMotion& motion) {
     Consensus candidate;
     candidate.motion = motion;
     for (int i = 0; i < count; ++i) {
@@ -59,6 +76,18 @@ Consensus findConsensus(const Displaced* points, int count, float tolerance, con
         ++candidate.inliers;
         candidate.weight += points[i].weight;
       }
+    }
+    return candidate;
+  };
+  const auto consider = [&](const GlobalMotion& motion) {
+    Consensus candidate = supportOf(motion);
+    if (!(candidate.weight > best.weight)) return;
+    // Two points of many, with the noise of both: the others that agree make it better, and then more agree.
+    for (int i = 0; i < kRefits && candidate.weight > best.weight; ++i) {
+      best = candidate;
+      GlobalMotion refined = best.motion;
+      if (!refit(points, count, tolerance, &refined)) return;
+      candidate = supportOf(refined);
     }
     if (candidate.weight > best.weight) best = candidate;
   };

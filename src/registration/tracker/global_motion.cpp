@@ -52,32 +52,33 @@ bool invert(const double (&matrix)[size][size], double (&inverse)[size][size]) {
 
 }  // namespace
 
-void MotionEquations::clear() {
-  *this = {};
+void MotionEquations::add(const MotionEquation& equation) {
+  const double u = equation.u;
+  const double v = equation.v;
+  const double products[6] = {1.0, u, v, u * u, u * v, v * v};
+  const double weight = equation.weight;
+  for (int i = 0; i < 3; ++i) {
+    const double slope = weight * equation.slope[i];
+    const double noise = weight * weight * equation.noise[i];
+    for (int j = 0; j < 6; ++j) slopeSums.entries[i][j] += slope * products[j];
+    for (int j = 0; j < 6; ++j) noiseSums.entries[i][j] += noise * products[j];
+  }
+  for (int i = 0; i < 2; ++i) {
+    const double right = weight * equation.rhs[i];
+    for (int j = 0; j < 3; ++j) rhs[3 * i + j] += right * products[j];
+  }
 }
 
-void MotionEquations::add(const MotionEquation& equation) {
-  const double phi[3] = {1.0, equation.u, equation.v};
-  const double w = equation.weight;
-  for (int i = 0; i < 3; ++i) {
-    for (int j = 0; j < 3; ++j) {
-      const double both = w * phi[i] * phi[j];
-      slopes[i][j] += both * equation.slope[0];
-      slopes[i][3 + j] += both * equation.slope[1];
-      slopes[3 + i][j] += both * equation.slope[2];
-      slopes[3 + i][3 + j] += both * equation.slope[3];
-      const double spread = w * both;
-      noises[i][j] += spread * equation.noise[0];
-      noises[i][3 + j] += spread * equation.noise[1];
-      noises[3 + i][j] += spread * equation.noise[1];
-      noises[3 + i][3 + j] += spread * equation.noise[2];
-    }
-    rhs[i] += w * phi[i] * equation.rhs[0];
-    rhs[3 + i] += w * phi[i] * equation.rhs[1];
+void MotionEquations::Sums::expand(double (*matrix)[6][6]) const {
+  constexpr int kProduct[3][3] = {{0, 1, 2}, {1, 3, 4}, {2, 4, 5}};
+  for (int i = 0; i < 6; ++i) {
+    for (int j = 0; j < 6; ++j) (*matrix)[i][j] = entries[i / 3 + j / 3][kProduct[i % 3][j % 3]];
   }
 }
 
 bool MotionEquations::solveSimilarity(GlobalMotion* motion) const {
+  double slopes[6][6];
+  slopeSums.expand(&slopes);
   double target[6];  // the equations' right-hand side for the motion itself rather than a change of it
   for (int i = 0; i < 6; ++i) {
     target[i] = rhs[i];
@@ -107,6 +108,10 @@ bool MotionEquations::solveSimilarity(GlobalMotion* motion) const {
 }
 
 bool MotionEquations::solve(double noiseVariance, GlobalMotion* motion, double (*covariance)[6][6]) const {
+  double slopes[6][6];
+  double noises[6][6];
+  slopeSums.expand(&slopes);
+  noiseSums.expand(&noises);
   GlobalMotion similar = *motion;
   double inverse[6][6];
   if (!solveSimilarity(&similar) || !invert(slopes, inverse)) return false;

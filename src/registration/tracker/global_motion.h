@@ -13,14 +13,15 @@ struct GlobalMotion {
 
   double dx(double u, double v) const { return p[0] + p[1] * u + p[2] * v; }
   double dy(double u, double v) const { return p[3] + p[4] * u + p[5] * v; }
+  bool operator==(const GlobalMotion&) const = default;
 };
 
 // What one block contributes: b = rhs when the motion is `at`, and falls by `slope` times what is added to it.
 struct MotionEquation {
   double u;
   double v;
-  double slope[4];  // row-major 2 x 2
-  double noise[3];  // xx, xy, yy: the covariance of b, up to a factor that all blocks share
+  double slope[3];  // xx, xy, yy of a symmetric 2 x 2
+  double noise[3];  // the same of the covariance of b, up to a factor that all blocks share
   double rhs[2];
   double weight;
 };
@@ -28,7 +29,6 @@ struct MotionEquation {
 // Sums of weighted equations, and their solutions.
 class MotionEquations {
  public:
-  void clear();
   void add(const MotionEquation& equation);
 
   // *motion is where the equations were taken, and is moved to their solution. False when they do not determine one, and
@@ -41,8 +41,14 @@ class MotionEquations {
   bool solve(double noiseVariance, GlobalMotion* motion, double (*covariance)[6][6]) const;
 
  private:
-  double slopes[6][6] = {};
-  double noises[6][6] = {};
+  // Sums over equations of slope x (1, u, v)^T (1, u, v): three entries by the six different products.
+  struct Sums {
+    double entries[3][6] = {};
+    void expand(double (*matrix)[6][6]) const;
+  };
+
+  Sums slopeSums;
+  Sums noiseSums;
   double rhs[6] = {};
 };
 

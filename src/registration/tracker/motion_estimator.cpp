@@ -26,6 +26,7 @@ constexpr float kMiddleWeight = 0.5f;
 // Finer than the level that is always searched, so many blocks are tried.
 constexpr int kSearchedBlocks = 64;
 constexpr int kApproaches = 2;
+constexpr double kRivalSupport = 0.7;  // of the best hypothesis' support: worth a look on the next level
 
 // A motion this uncertain at the corners, in pixels, or that leaves the two pictures no more alike than this on every
 // level, is no motion to build on. Pictures with nothing in common, each moved to where they fit best, reach 0.28; the
@@ -33,8 +34,11 @@ constexpr int kApproaches = 2;
 constexpr double kMostDeviation = 3.0;
 constexpr float kLeastCorrelation = 0.45f;
 
+constexpr double kCertain = 0.1;  // pixels at the corners: good enough not to look further
+
 constexpr float kSharedDoubt = 0.2f;
-constexpr int kFewestPatches = 8;  // with fewer, nothing can be said about the noise
+constexpr int kFewestPatches = 8;     // with fewer, nothing can be said about the noise
+constexpr int kSampledPatches = 800;  // about as many are enough for a median
 constexpr int kMostSteps = 5;
 constexpr float kCloseEnough = 0.05f;  // samples
 constexpr float kLongestStep = 2.0f;
@@ -73,6 +77,20 @@ PatchEvidence evidenceOf(const BlockTexture& texture, const BlockMatch& match) {
           match.bx,      match.by,    match.cxx,   0.5f * (match.cxy + match.cyx),
           match.cyy,     texture.sum, match.sum,   texture.squares,
           match.squares, match.energy};
+}
+
+// Each block's evidence with that of its neighbours to the left and right.
+void sumAlongRow(const BlockTexture* textures, const BlockMatch* matches, int count, PatchEvidence* sums) {
+  PatchEvidence before = {};
+  PatchEvidence here = evidenceOf(textures[0], matches[0]);
+  for (int i = 0; i < count; ++i) {
+    const PatchEvidence after = i + 1 < count ? evidenceOf(textures[i + 1], matches[i + 1]) : PatchEvidence{};
+    sums[i] = here;
+    addTo(&sums[i], before);
+    addTo(&sums[i], after);
+    before = here;
+    here = after;
+  }
 }
 
 // Weight of a block: the part of its texture that is not noise, less what the other picture does not have of it, and less
@@ -226,21 +244,11 @@ void MotionEstimator::measure(int level, Direction direction, const GlobalMotion
         match.qx = wantedX;
         match.qy = wantedY;
       }
+      sumAlongRow(textures + row * grid.columns, matches + row * grid.columns, grid.columns,
+                  state.rowSums + row * grid.columns);
     }
   });
-
-  // Sums over 3 x 3 blocks, along rows and then across them.
-  forBands(pool, grid.rows, grid.columns * kBlockArea, [&](int begin, int end) {
-    for (int row = begin; row < end; ++row) {
-      for (int column = 0; column < grid.columns; ++column) {
-        const int at = row * grid.columns + column;
-        PatchEvidence sum = evidenceOf(textures[at], matches[at]);
-        if (column > 0) addTo(&sum, evidenceOf(textures[at - 1], matches[at - 1]));
-        if (column + 1 < grid.columns) addTo(&sum, evidenceOf(textures[at + 1], matches[at + 1]));
-        state.rowSums[at] = sum;
-      }
-    }
-  });
+  // Across rows, so that a patch is 3 x 3 blocks.
   forBands(pool, grid.rows, grid.columns * kBlockArea, [&](int begin, int end) {
     for (int row = begin; row < end; ++row) {
       for (int column = 0; column < grid.columns; ++column) {
@@ -261,8 +269,9 @@ bool MotionEstimator::noiseOf(int level, Direction direction, LevelNoise* noise)
   LevelState& state = states[level];
   const PatchEvidence* patches = state.patches[direction];
   const auto scale = static_cast<float>(1 << level);
+  const int step = state.grid.count() / kSampledPatches + 1;
   int count = 0;
-  for (int i = 0; i < state.grid.count(); ++i) {
+  for (int i = 0; i < state.grid.count(); i += step) {
     const PatchEvidence& patch = patches[i];
     if (patch.blocks > 0.0f) {
       state.surprises[count++] = (patch.hxx + patch.hyy - patch.cxx - patch.cyy) / patch.blocks;
@@ -271,7 +280,7 @@ bool MotionEstimator::noiseOf(int level, Direction direction, LevelNoise* noise)
   if (count < kFewestPatches) return false;
   noise->texture = std::max(medianOf(state.surprises, count), 0.0f);
   count = 0;
-  for (int i = 0; i < state.grid.count(); ++i) {
+  for (int i = 0; i < state.grid.count(); i += step) {
     const PatchEvidence& patch = patches[i];
     float dx, dy;
     if (patch.blocks > 0.0f && patch.shared() > 0.1f && patch.displacement(&dx, &dy) &&
@@ -330,8 +339,8 @@ void MotionEstimator::gather(int level, Direction direction, bool sharedSlopes, 
     equation.u = u(x * scale);
     equation.v = v(y * scale);
     equation.slope[0] = (sharedSlopes ? match.cxx : own.gxx) / scale;
-    equation.slope[1] = equation.slope[2] = cross / scale;
-    equation.slope[3] = (sharedSlopes ? match.cyy : own.gyy) / scale;
+    equation.slope[1] = cross / scale;
+    equation.slope[2] = (sharedSlopes ? match.cyy : own.gyy) / scale;
     equation.noise[0] = own.gxx;
     equation.noise[1] = own.gxy;
     equation.noise[2] = own.gyy;
@@ -353,8 +362,9 @@ void MotionEstimator::approach(int level, GlobalMotion* motion, WorkerPool* pool
 }
 
 // The last steps, with both frames as the one the gradients are taken from: noise in a gradient is not in both.
-bool MotionEstimator::settle(MotionFound* found, WorkerPool* pool) {
-  const int level = found->level;
+bool MotionEstimator::settle(int level, MotionFound* found, WorkerPool* pool) {
+  found->level = level;
+  approach(level, &found->motion, pool);
   MotionEquations equations;
   LevelNoise noise[2];
   for (const Direction direction : {kForward, kBackward}) {
@@ -367,7 +377,6 @@ bool MotionEstimator::settle(MotionFound* found, WorkerPool* pool) {
   found->noise = noise[kForward].displacement;
   double covariance[6][6];
   if (!equations.solve(found->noise, &found->motion, &covariance)) return false;
-  found->known = true;
   found->significance = significance(found->motion, covariance);
   const double cornerU = centreX / radius;
   const double cornerV = centreY / radius;
@@ -438,6 +447,7 @@ GlobalMotion MotionEstimator::consensusMotion(int level, const GlobalMotion* sta
         Displaced& point = displaced[row * grid.columns + column];
         point = {atU, atV, 0.0f, 0.0f, 0.0f};
         for (int i = 0; i < startCount; ++i) {
+          if (std::find(starts, starts + i, starts[i]) != starts + i) continue;
           float dx = static_cast<float>(starts[i].dx(atU, atV)) / scale;
           float dy = static_cast<float>(starts[i].dy(atU, atV)) / scale;
           const PatchEvidence block = follow(level, column, row, &dx, &dy);
@@ -472,46 +482,66 @@ double MotionEstimator::support(int level) const {
   return sum;
 }
 
-// The motions most blocks of the searched level agree on, none at all, and that of the frame before: what fits the picture
-// best on a level where subjects can be told from the scene.
+void MotionEstimator::test(int level, Hypothesis* hypothesis, WorkerPool* pool) {
+  for (int i = 0; i < kApproaches; ++i) approach(level, &hypothesis->motion, pool);
+  measure(level, kForward, hypothesis->motion, pool);
+  hypothesis->support = support(level);
+}
+
+bool MotionEstimator::isFar(const GlobalMotion& a, const GlobalMotion& b) const {
+  double square = 0.0;
+  for (int i = 0; i < 6; ++i) square += (a.p[i] - b.p[i]) * (a.p[i] - b.p[i]);
+  return square > 1.0;
+}
+
+// What the search and the frame before suggest, tested against the picture level by level until one is left.
 GlobalMotion MotionEstimator::startingMotion(int searchLevel, int level, WorkerPool* pool) {
-  GlobalMotion starts[4];
+  GlobalMotion starts[4];  // the two motions most blocks of the searched level agree on, none, and the last one
   searchMotions(searchLevel, &starts[0], &starts[1]);
   starts[3] = lastMotion;
-  GlobalMotion best;
-  double most = -1.0;
-  for (int i = -1; i < 4; ++i) {
-    GlobalMotion motion = i < 0 ? consensusMotion(level, starts, 4, pool) : starts[i];
-    for (int step = 0; step < kApproaches + 1; ++step) approach(level, &motion, pool);
-    measure(level, kForward, motion, pool);
-    const double supported = support(level);
-    if (supported > most) {
-      most = supported;
-      best = motion;
+  Hypothesis best;
+  Hypothesis second;
+  const auto keep = [&](const Hypothesis& hypothesis) {
+    if (hypothesis.support > best.support) {
+      if (isFar(hypothesis.motion, best.motion)) second = best;
+      best = hypothesis;
+    } else if (hypothesis.support > second.support && isFar(hypothesis.motion, best.motion)) {
+      second = hypothesis;
     }
+  };
+  for (int i = -1; i < 4; ++i) {
+    if (i > 0 && std::find(starts, starts + i, starts[i]) != starts + i) continue;
+    Hypothesis hypothesis = {i < 0 ? consensusMotion(level, starts, 4, pool) : starts[i], 0.0};
+    test(level, &hypothesis, pool);
+    keep(hypothesis);
   }
-  return best;
+  for (int finer = level - 1; finer >= 1; --finer) {
+    test(finer, &best, pool);
+    if (!(second.support > kRivalSupport * best.support)) continue;
+    test(finer, &second, pool);
+    if (second.support > best.support) std::swap(best, second);
+  }
+  return best.motion;
 }
 
 MotionFound MotionEstimator::estimateFrom(int searchLevel, int level, WorkerPool* pool) {
   for (LevelState& state : states) state.measured = false;
-  GlobalMotion motion = startingMotion(searchLevel, level, pool);
-  for (int finer = level - 1; finer >= 1; --finer) {
-    for (int i = 0; i < kApproaches; ++i) approach(finer, &motion, pool);
-  }
+  const GlobalMotion motion = startingMotion(searchLevel, level, pool);
   MotionFound best;
-  for (int finer = std::min(1, level); finer >= 0; --finer) {
-    MotionFound found;
-    found.motion = motion;
-    found.level = finer;
-    bool held = true;
-    for (int i = 0; held && i < kApproaches; ++i) held = settle(&found, pool);
-    if (!held) continue;
-    motion = found.motion;
-    if (!best.known || found.cornerDeviation < best.cornerDeviation) best = found;
+  best.motion = motion;
+  best.known = settle(0, &best, pool);
+  if (level > 0 && !(best.known && best.cornerDeviation <= kCertain)) {
+    // Deep in noise steps are short and the level above may know better: down from there once more.
+    MotionFound again;
+    again.motion = motion;
+    for (const int from : {1, 0}) {
+      for (int i = 0; i < kApproaches; ++i) again.known = settle(from, &again, pool);
+      if (again.known && !(best.known && best.cornerDeviation <= again.cornerDeviation)) best = again;
+    }
   }
   if (best.known) {
-    for (int i = 0; i <= level; ++i) best.correlation = std::max(best.correlation, correlationOf(i));
+    if (!states[consensusLevel].measured) measure(consensusLevel, kForward, best.motion, pool);
+    for (int i = 0; i <= consensusLevel; ++i) best.correlation = std::max(best.correlation, correlationOf(i));
     best.known = best.cornerDeviation <= kMostDeviation && best.correlation >= kLeastCorrelation;
   }
   return best;

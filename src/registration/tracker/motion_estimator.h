@@ -96,7 +96,14 @@ class MotionEstimator {
   void searchMotions(int level, GlobalMotion* first, GlobalMotion* second);
   PatchEvidence follow(int level, int column, int row, float* dx, float* dy) const;
   GlobalMotion consensusMotion(int level, const GlobalMotion* starts, int startCount, WorkerPool* pool);
+  struct Hypothesis {
+    GlobalMotion motion;
+    double support = -1.0;
+  };
+
   double support(int level) const;
+  void test(int level, Hypothesis* hypothesis, WorkerPool* pool);
+  bool isFar(const GlobalMotion& a, const GlobalMotion& b) const;
   GlobalMotion startingMotion(int searchLevel, int level, WorkerPool* pool);
   MotionFound estimateFrom(int searchLevel, int level, WorkerPool* pool);
 
@@ -106,7 +113,7 @@ class MotionEstimator {
   void gather(int level, Direction direction, bool sharedSlopes, const LevelNoise& noise,
               MotionEquations* equations) const;
   void approach(int level, GlobalMotion* motion, WorkerPool* pool);
-  bool settle(MotionFound* found, WorkerPool* pool);
+  bool settle(int level, MotionFound* found, WorkerPool* pool);
 
   ImagePyramid pyramids[2];
   int previousIndex = 0;
