@@ -26,8 +26,8 @@
 #include <utility>
 #include <vector>
 
-#include "kernels/planes.h"
 #include "registration/camera_path.h"
+#include "registration/luminance.h"
 #include "registration/register_frame.h"
 #include "registration/registration_state.h"
 #include "scene_pairs.h"
@@ -46,7 +46,6 @@ using scenes::Motion;
 using scenes::Photo;
 
 constexpr double kFailurePixels = 3;
-constexpr int kLargestFullSide = 1000;  // pixels; frames beyond are registered at half size
 constexpr int kProceduralPhotos = 6;
 
 struct Options {
@@ -55,6 +54,7 @@ struct Options {
   int pairs = 20;
   uint64_t seed = 1;
   bool full = false;
+  bool alone = false;
   std::string dump;
   std::vector<std::string> photos;
 };
@@ -77,9 +77,9 @@ class OurRegistration {
   OurRegistration(int frameWidth, int frameHeight, bool full)
       : width(frameWidth),
         height(frameHeight),
-        factor(!full && std::max(frameWidth, frameHeight) > kLargestFullSide ? 2 : 1),
-        halved(static_cast<size_t>(width / 2) * static_cast<size_t>(height / 2)),
-        scratch(halved.size()),
+        factor(full ? 1 : resolutionFactor(width, height)),
+        luminance(static_cast<size_t>(width / factor) * static_cast<size_t>(height / factor)),
+        scratch(luminance.size()),
         matches(kMaxPoints) {
     if (createRegistration(width / factor, height / factor, 1, &registration) != 0 ||
         !initStabilization(&stabilization, 1, 1, width / factor, height / factor)) {
@@ -118,22 +118,18 @@ class OurRegistration {
 
  private:
   bool registerOne(const std::vector<uint8_t>& frame) {
-    const uint8_t* pixels = frame.data();
-    if (factor == 2) {
-      kernels::downscaleByTwo(pixels, width, height, halved.data());
-      kernels::smoothTwice(halved.data(), width / 2, height / 2, scratch.data());
-      pixels = halved.data();
-    }
+    prepareLuminance({width, height, frame.data()}, factor, false, luminance.data(), scratch.data());
     int valid = 0;
     float motion[9];
-    registerFrame(pixels, motion, inverseMotion, matches.data(), &valid, registration, &firstFrame, &stabilization);
+    registerFrame(luminance.data(), motion, inverseMotion, matches.data(), &valid, registration, &firstFrame,
+                  &stabilization);
     return valid == 1;
   }
 
   int width;
   int height;
   int factor;  // frame pixels per registration pixel
-  std::vector<uint8_t> halved;
+  std::vector<uint8_t> luminance;
   std::vector<uint8_t> scratch;
   std::vector<_KRMatch> matches;
   _KROFRegistration* registration = nullptr;
@@ -231,12 +227,13 @@ std::vector<Photo> loadPhotos(const Options& options) {
   return photos;
 }
 
-std::vector<Method> allMethods(OurRegistration* ours) {
+std::vector<Method> allMethods(OurRegistration* ours, [[maybe_unused]] bool alone) {
   std::vector<Method> methods;
   methods.push_back(
       {"ours", [ours](const FramePair& frames) { ours->prime(frames.previous); },
        [ours](const FramePair& frames, Affine* motion) { return ours->measure(frames.current, motion); }});
 #if NOXEL_BENCH_OPENCV
+  if (alone) return methods;
   scenes::prepareOpenCv();
   for (const scenes::OpenCvRow& row : scenes::kOpenCvRow) {
     methods.push_back({row.name, {}, [&row](const FramePair& frames, Affine* motion) {
@@ -264,7 +261,7 @@ void run(const Options& options) {
               static_cast<unsigned long long>(options.seed));
   const std::vector<Photo> photos = loadPhotos(options);
   OurRegistration ours(options.width, options.height, options.full);
-  const std::vector<Method> methods = allMethods(&ours);
+  const std::vector<Method> methods = allMethods(&ours, options.alone);
   if (!options.dump.empty()) std::filesystem::create_directories(options.dump);
 
   printHeader(methods);
@@ -313,6 +310,7 @@ int main(int argc, char** argv) {
   app.add_option("--pairs", options.pairs, "Frame pairs a class and light")->check(CLI::Range(1, 10000));
   app.add_option("--seed", options.seed, "Seed of scenes, motions and noise");
   app.add_flag("--full", options.full, "Register large frames at full size, not at half");
+  app.add_flag("--alone", options.alone, "Only our own registration");
   app.add_option("--dump", options.dump, "Write every pair into this directory: two planes, and the truth beside them");
   app.add_option("photos", options.photos, "Binary PGM or PPM files, larger than the frame");
   CLI11_PARSE(app, argc, argv);

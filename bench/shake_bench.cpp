@@ -1,10 +1,10 @@
 // How much of a hand's shake is left in the stabilised picture, with the true motion and with the measured one.
 //
-//   noxel_shake_bench [--light clean|dim|dark] [--low HZ] [--high HZ] [--slope N] [--shift PX] [--roll MRAD] [--zoom %]
-//                     [photo.pgm...]
+//   noxel_shake_bench [--light clean|dim|dark] [--low HZ] [--high HZ] [--slope N] [--drift PX] [--shift PX]
+//                     [--roll MRAD] [--zoom %] [photo.pgm...]
 //
 // Clips of a still scene, from photos or procedural scenes, under a known camera path about the centre of the frame: a slow
-// drift of some tens of pixels below 1 Hz, and shake, a sum of sinusoids of random phase between two frequencies whose
+// drift of at most a quarter of a hertz, and shake, a sum of sinusoids of random phase between two frequencies whose
 // amplitudes fall with the frequency to the power `slope`.
 //
 // The camera path takes the scene to the frame, the stabilisation matrix takes the frame to the picture: a viewer sees their
@@ -42,11 +42,10 @@ using scenes::Photo;
 constexpr int kProceduralPhotos = 2;
 constexpr int kTones = 16;  // sinusoids of the shake
 constexpr double kDriftLowHz = 0.05;
-constexpr double kDriftHighHz = 0.4;
+constexpr double kDriftHighHz = 0.25;
 constexpr int kDriftTones = 3;
-constexpr double kDriftPixels = 10;  // rms, as the next two
-constexpr double kDriftRadians = 0.01;
-constexpr double kDriftZoom = 0.005;
+constexpr double kDriftRadians = 0.005;  // rms, as the next
+constexpr double kDriftZoom = 0.003;
 
 struct Options {
   int width = 640;
@@ -57,7 +56,8 @@ struct Options {
   double lowHz = 2;
   double highHz = 9;
   double slope = 0;
-  double shiftPixels = 4;  // rms along each axis
+  double driftPixels = 6;  // rms along each axis, as the next
+  double shiftPixels = 4;
   double rollMilliradians = 4;
   double zoomPercent = 0.3;
   uint64_t seed = 1;
@@ -122,7 +122,7 @@ std::vector<Similarity> cameraPath(const Options& options, uint64_t seed) {
                                  Wander(options.lowHz, options.highHz, kTones, options.slope, shakeRms, random)};
   };
   const std::array<std::array<Wander, 2>, 4> values = {
-      wander(kDriftPixels, options.shiftPixels), wander(kDriftPixels, options.shiftPixels),
+      wander(options.driftPixels, options.shiftPixels), wander(options.driftPixels, options.shiftPixels),
       wander(kDriftRadians, 1e-3 * options.rollMilliradians), wander(kDriftZoom, 1e-2 * options.zoomPercent)};
 
   const std::complex<double> centre(0.5 * options.width, 0.5 * options.height);
@@ -307,9 +307,11 @@ std::vector<std::pair<std::string, Photo>> loadPhotos(const Options& options) {
 
 void run(const Options& options) {
   std::printf(
-      "%d frames of %d x %d, %g/s, %s; shake of %g..%g Hz, slope %g, rms %g px along x and along y, %g mrad, %g %%\n",
+      "%d frames of %d x %d, %g/s, %s; shake of %g..%g Hz, slope %g, rms %g px (drift %g px) along x and along y, %g "
+      "mrad, %g %%\n",
       options.frames, options.width, options.height, options.framesPerSecond, options.light.c_str(), options.lowHz,
-      options.highHz, options.slope, options.shiftPixels, options.rollMilliradians, options.zoomPercent);
+      options.highHz, options.slope, options.shiftPixels, options.driftPixels, options.rollMilliradians,
+      options.zoomPercent);
   std::printf("  %-14s %8s %8s %8s %8s\n", "residual", "x,y mid", "corner", "roll", "scale");
   Light light = Light::Clean;
   for (Light candidate : scenes::kLights) {
@@ -339,6 +341,7 @@ int main(int argc, char** argv) {
   app.add_option("--low", options.lowHz, "Lowest frequency of the shake, Hz")->check(CLI::PositiveNumber);
   app.add_option("--high", options.highHz, "Highest frequency of the shake, Hz")->check(CLI::PositiveNumber);
   app.add_option("--slope", options.slope, "Power by which the shake falls with the frequency");
+  app.add_option("--drift", options.driftPixels, "Slow drift along each axis, rms, pixels");
   app.add_option("--shift", options.shiftPixels, "Shake along each axis, rms, pixels");
   app.add_option("--roll", options.rollMilliradians, "Rolling shake, rms, milliradians");
   app.add_option("--zoom", options.zoomPercent, "Scaling shake, rms, percent");

@@ -26,10 +26,6 @@ constexpr float kTolerance = 1.5f;
 constexpr int kLeastConsensus = 30;
 constexpr float kLeastShare = 0.4f;
 
-// Of a displacement's variance, what noise that is white before the frame is smoothed may account for: the kernel gathers
-// the noise of the samples under it, so that low frequencies carry more of it than the variance of a sample says.
-constexpr float kNoiseGathered = 4.0f;
-
 // A picture that moves less than this and not more than noise would stands on a tripod: measured jitter, drawn into the
 // history again and again, would blur it. A chi-squared of six degrees of freedom exceeds the bound once in 500 times.
 constexpr float kStill = 0.05f;
@@ -175,7 +171,9 @@ void PointTracker::placePoints(int level, _KROFRegistration* registration) {
   }
 }
 
-// Each point along the common motion, with as much of a displacement of its own as noise does not explain.
+// Each point along the common motion. What a patch by itself says is too noisy in the dark, and where a scene has depth the
+// fit over points of their own would follow the middle of the picture and let go of the rest; it only says how far the
+// point can be believed.
 void PointTracker::displacePoints(const MotionFound& found, _KROFRegistration* registration) {
   const int level = found.level;
   const BlockGrid& grid = estimator.grid(level);
@@ -183,13 +181,6 @@ void PointTracker::displacePoints(const MotionFound& found, _KROFRegistration* r
   const PatchEvidence* backward = estimator.patches(level, kBackward);
   const auto scale = static_cast<float>(1 << level);
   const int count = registration->pointCount;
-
-  for (int i = 0; i < count; ++i) {
-    const PatchEvidence& patch = forward[chosen[i]];
-    scratch[i] = patch.energy / (patch.blocks * tracker::kBlockArea);
-  }
-  const float explained = kNoiseGathered * medianOf(scratch, count);
-  const float ownShare = found.noise > explained ? 1.0f - explained / found.noise : 0.0f;
 
   const int comparedAt = scoreLevel();
   const BlockGrid& comparedGrid = estimator.grid(comparedAt);
@@ -201,7 +192,7 @@ void PointTracker::displacePoints(const MotionFound& found, _KROFRegistration* r
     float ownX, ownY, backX, backY;
     const PatchEvidence& back = backward[blockAt(grid, level, source.x + dx, source.y + dy)];
     if (!forward[chosen[i]].displacement(&ownX, &ownY) || !back.displacement(&backX, &backY)) continue;
-    registration->displacements[i] = {dx + ownShare * ownX * scale, dy + ownShare * ownY * scale};
+    registration->displacements[i] = {dx, dy};
     registration->scores[i] = compared[blockAt(comparedGrid, comparedAt, source.x, source.y)].correlation();
     registration->errors[i] = std::hypot(ownX + backX, ownY + backY) * scale;
     offCourse[i] = std::hypot(ownX, ownY) * scale;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -21,7 +22,7 @@ constexpr float kMedianSurprise = 1.386f;
 // Geman and McClure's weight falls to a quarter at this many variances.
 constexpr float kRobustness = 9.0f;
 constexpr float kTolerance = 1.5f;  // pixels of the registration image off the common motion: one of the picture's own
-constexpr float kMiddleWeight = 0.5f;
+constexpr float kMiddleWeight = 0.3f;
 
 // Finer than the level that is always searched, so many blocks are tried.
 constexpr int kSearchedBlocks = 64;
@@ -29,12 +30,24 @@ constexpr int kApproaches = 2;
 constexpr double kRivalSupport = 0.7;  // of the best hypothesis' support: worth a look on the next level
 
 // A motion this uncertain at the corners, in pixels, or that leaves the two pictures no more alike than this on every
-// level, is no motion to build on. Pictures with nothing in common, each moved to where they fit best, reach 0.28; the
-// same scene under noise of three times its contrast 0.65.
-constexpr double kMostDeviation = 3.0;
-constexpr float kLeastCorrelation = 0.45f;
+// level, is no motion to build on. Pictures with nothing in common, each moved to where they fit best, reach 0.28, and 0.54
+// where both repeat themselves, but are never certain; the same scene under noise of three times its contrast has 0.65, and
+// 0.43 where it is certain.
+constexpr double kMostDeviation = 4.0;
+constexpr double kFirmDeviation = 1.0;
+constexpr float kLeastCorrelation = 0.6f;
+constexpr float kLeastCorrelationIfFirm = 0.4f;
 
-constexpr double kCertain = 0.1;  // pixels at the corners: good enough not to look further
+constexpr double kFarApart = 1.0;  // pixels at the corners: two hypotheses, not one
+constexpr int kMostSettling = 5;
+constexpr double kSettled = 0.25;  // of the expected error: a step that is no longer worth another
+constexpr double kAlike = 0.02;    // of the support of one of them: two motions that explain the picture equally well
+constexpr double kCertain = 0.1;   // pixels at the corners: good enough not to look further
+
+// Frames that differ by more than this in contrast or brightness (8-bit levels) are compared as if they did not. The sums of
+// frames that share their exposure differ by less, from what enters and leaves.
+constexpr double kGainNoticed = 0.05;
+constexpr double kOffsetNoticed = 2.0;
 
 constexpr float kSharedDoubt = 0.2f;
 constexpr int kFewestPatches = 8;     // with fewer, nothing can be said about the noise
@@ -90,6 +103,52 @@ void sumAlongRow(const BlockTexture* textures, const BlockMatch* matches, int co
     addTo(&sums[i], after);
     before = here;
     here = after;
+  }
+}
+
+// J = gain * I + offset, where one frame was exposed otherwise than the other.
+struct Exposure {
+  bool differs = false;
+  float gain = 1.0f;
+  float offset = 0.0f;  // 8-bit levels
+};
+
+Exposure exposureBetween(const BlockTexture* textures, const BlockMatch* matches, int count) {
+  double samples = 0.0, sum = 0.0, otherSum = 0.0, squares = 0.0, otherSquares = 0.0;
+  for (int i = 0; i < count; ++i) {
+    if (!matches[i].inside) continue;
+    samples += kBlockArea;
+    sum += textures[i].sum;
+    squares += textures[i].squares;
+    otherSum += matches[i].sum;
+    otherSquares += matches[i].squares;
+  }
+  Exposure exposure;
+  if (!(samples > 0.0)) return exposure;
+  const double variance = squares - sum * sum / samples;
+  const double otherVariance = otherSquares - otherSum * otherSum / samples;
+  if (!(variance > 0.0 && otherVariance > 0.0)) return exposure;
+  const double gain = std::sqrt(otherVariance / variance);
+  const double brighter = (otherSum - sum) / samples;
+  exposure.differs = std::fabs(gain - 1.0) > kGainNoticed || std::fabs(brighter) > kOffsetNoticed;
+  exposure.gain = static_cast<float>(gain);
+  exposure.offset = static_cast<float>((otherSum - gain * sum) / samples);
+  return exposure;
+}
+
+// As if J had been exposed as I was.
+void adaptExposure(const Exposure& exposure, const BlockTexture* textures, int count, BlockMatch* matches) {
+  const float scale = 1.0f / exposure.gain;
+  for (int i = 0; i < count; ++i) {
+    BlockMatch& match = matches[i];
+    if (!match.inside) continue;
+    const BlockTexture& own = textures[i];
+    match.bx = own.gxI - scale * (own.gxI - match.bx - exposure.offset * own.gx);
+    match.by = own.gyI - scale * (own.gyI - match.by - exposure.offset * own.gy);
+    match.cxx *= scale;
+    match.cxy *= scale;
+    match.cyx *= scale;
+    match.cyy *= scale;
   }
 }
 
@@ -244,11 +303,18 @@ void MotionEstimator::measure(int level, Direction direction, const GlobalMotion
         match.qx = wantedX;
         match.qy = wantedY;
       }
-      sumAlongRow(textures + row * grid.columns, matches + row * grid.columns, grid.columns,
-                  state.rowSums + row * grid.columns);
     }
   });
-  // Across rows, so that a patch is 3 x 3 blocks.
+  const Exposure exposure = exposureBetween(textures, matches, grid.count());
+
+  // Sums over 3 x 3 blocks, along rows and then across them.
+  forBands(pool, grid.rows, grid.columns * kBlockArea, [&](int begin, int end) {
+    for (int row = begin; row < end; ++row) {
+      const int first = row * grid.columns;
+      if (exposure.differs) adaptExposure(exposure, textures + first, grid.columns, matches + first);
+      sumAlongRow(textures + first, matches + first, grid.columns, state.rowSums + first);
+    }
+  });
   forBands(pool, grid.rows, grid.columns * kBlockArea, [&](int begin, int end) {
     for (int row = begin; row < end; ++row) {
       for (int column = 0; column < grid.columns; ++column) {
@@ -462,8 +528,9 @@ GlobalMotion MotionEstimator::consensusMotion(int level, const GlobalMotion* sta
   return findConsensus(displaced, grid.count(), kTolerance, starts, startCount).motion;
 }
 
-// How much of the picture a motion explains, on the level it was measured at last.
-double MotionEstimator::support(int level) const {
+// How much of the picture a motion explains.
+double MotionEstimator::supportOf(int level, const GlobalMotion& motion, WorkerPool* pool) {
+  measure(level, kForward, motion, pool);
   const LevelState& state = states[level];
   const BlockGrid& grid = state.grid;
   const auto scale = static_cast<float>(1 << level);
@@ -484,14 +551,17 @@ double MotionEstimator::support(int level) const {
 
 void MotionEstimator::test(int level, Hypothesis* hypothesis, WorkerPool* pool) {
   for (int i = 0; i < kApproaches; ++i) approach(level, &hypothesis->motion, pool);
-  measure(level, kForward, hypothesis->motion, pool);
-  hypothesis->support = support(level);
+  hypothesis->support = supportOf(level, hypothesis->motion, pool);
 }
 
-bool MotionEstimator::isFar(const GlobalMotion& a, const GlobalMotion& b) const {
+// Root mean square over the picture's corners of what two motions differ by, pixels.
+double MotionEstimator::cornerDistance(const GlobalMotion& a, const GlobalMotion& b) const {
+  const double u2 = centreX * centreX / (radius * radius);
+  const double v2 = centreY * centreY / (radius * radius);
+  const double parts[6] = {1.0, u2, v2, 1.0, u2, v2};  // the corners lie evenly round the centre: mixed terms cancel
   double square = 0.0;
-  for (int i = 0; i < 6; ++i) square += (a.p[i] - b.p[i]) * (a.p[i] - b.p[i]);
-  return square > 1.0;
+  for (int i = 0; i < 6; ++i) square += parts[i] * (a.p[i] - b.p[i]) * (a.p[i] - b.p[i]);
+  return std::sqrt(square);
 }
 
 // What the search and the frame before suggest, tested against the picture level by level until one is left.
@@ -503,9 +573,9 @@ GlobalMotion MotionEstimator::startingMotion(int searchLevel, int level, WorkerP
   Hypothesis second;
   const auto keep = [&](const Hypothesis& hypothesis) {
     if (hypothesis.support > best.support) {
-      if (isFar(hypothesis.motion, best.motion)) second = best;
+      if (cornerDistance(hypothesis.motion, best.motion) > kFarApart) second = best;
       best = hypothesis;
-    } else if (hypothesis.support > second.support && isFar(hypothesis.motion, best.motion)) {
+    } else if (hypothesis.support > second.support && cornerDistance(hypothesis.motion, best.motion) > kFarApart) {
       second = hypothesis;
     }
   };
@@ -531,18 +601,31 @@ MotionFound MotionEstimator::estimateFrom(int searchLevel, int level, WorkerPool
   best.motion = motion;
   best.known = settle(0, &best, pool);
   if (level > 0 && !(best.known && best.cornerDeviation <= kCertain)) {
-    // Deep in noise steps are short and the level above may know better: down from there once more.
+    // Deep in noise steps are short, and the level above may know better: down from there, as long as it gets anywhere.
+    double most = best.known ? supportOf(1, best.motion, pool) : 0.0;
     MotionFound again;
     again.motion = motion;
     for (const int from : {1, 0}) {
-      for (int i = 0; i < kApproaches; ++i) again.known = settle(from, &again, pool);
-      if (again.known && !(best.known && best.cornerDeviation <= again.cornerDeviation)) best = again;
+      for (int i = 0; i < kMostSettling; ++i) {
+        const GlobalMotion before = again.motion;
+        again.known = settle(from, &again, pool);
+        if (!again.known || cornerDistance(before, again.motion) < kSettled * again.cornerDeviation) break;
+      }
+      if (!again.known) continue;
+      const double supported = supportOf(1, again.motion, pool);
+      const bool alike = std::fabs(supported - most) < kAlike * most;
+      if (!best.known || (alike ? again.cornerDeviation < best.cornerDeviation : supported > most)) {
+        best = again;
+        most = supported;
+      }
     }
+    for (const Direction direction : {kForward, kBackward}) measure(best.level, direction, best.motion, pool);
   }
   if (best.known) {
     if (!states[consensusLevel].measured) measure(consensusLevel, kForward, best.motion, pool);
     for (int i = 0; i <= consensusLevel; ++i) best.correlation = std::max(best.correlation, correlationOf(i));
-    best.known = best.cornerDeviation <= kMostDeviation && best.correlation >= kLeastCorrelation;
+    const float least = best.cornerDeviation <= kFirmDeviation ? kLeastCorrelationIfFirm : kLeastCorrelation;
+    best.known = best.cornerDeviation <= kMostDeviation && best.correlation >= least;
   }
   return best;
 }

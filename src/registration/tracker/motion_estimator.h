@@ -101,9 +101,9 @@ class MotionEstimator {
     double support = -1.0;
   };
 
-  double support(int level) const;
+  double supportOf(int level, const GlobalMotion& motion, WorkerPool* pool);
   void test(int level, Hypothesis* hypothesis, WorkerPool* pool);
-  bool isFar(const GlobalMotion& a, const GlobalMotion& b) const;
+  double cornerDistance(const GlobalMotion& a, const GlobalMotion& b) const;
   GlobalMotion startingMotion(int searchLevel, int level, WorkerPool* pool);
   MotionFound estimateFrom(int searchLevel, int level, WorkerPool* pool);
 

@@ -1,0 +1,60 @@
+// The temporal path with its history switched off: every frame is drawn as the first of a sequence. What
+// scripts/measure-temporal compares the temporal path with.
+//
+//   noxel_single_frames INPUT OUTPUT        exposure is neutral; OUTPUT as `noxel enhance` takes it, .y4m is lossless
+#include <cstdio>
+#include <exception>
+#include <memory>
+
+#include "engine_log.h"
+#include "enhance.h"
+#include "enhancer_session.h"
+#include "program_cache_path.h"
+
+namespace noxel::tool {
+namespace {
+
+class SingleFrames : public EnhancerSession {
+ public:
+  using EnhancerSession::EnhancerSession;
+
+  void enhance(uint8_t* nv21, int64_t) override {
+    shownUs_ += kHoleUs;
+    EnhancerSession::enhance(nv21, shownUs_);
+  }
+
+ private:
+  static constexpr int64_t kHoleUs = 3'600'000'000;  // a break in the sequence, whatever the clip's frame rate
+
+  int64_t shownUs_ = 0;
+};
+
+int run(const char* input, const char* output) {
+  useProgramCache();
+  const EngineLog log(false);
+  EnhanceOptions options;
+  options.input = input;
+  options.output = output;
+  options.overwrite = true;
+  options.quiet = true;
+  options.denoise = "temporal";
+  options.neutralExposure = true;
+  options.warmUp = false;
+  return runEnhance(options, [](const EnhancerSettings& settings) { return std::make_unique<SingleFrames>(settings); });
+}
+
+}  // namespace
+}  // namespace noxel::tool
+
+int main(int argc, char** argv) {
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: noxel_single_frames INPUT OUTPUT\n");
+    return 2;
+  }
+  try {
+    return noxel::tool::run(argv[1], argv[2]);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "noxel_single_frames: %s\n", error.what());
+  }
+  return 1;
+}
