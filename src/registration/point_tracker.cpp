@@ -88,8 +88,8 @@ void PointTracker::prime(const uint8_t* frame) {
 
 // The block with the best texture in each cell of the grid, with as many cells as there may be points.
 int PointTracker::choosePoints(int level, int maxPoints) {
-  const BlockGrid& grid = estimator.grid(level);
-  const PatchEvidence* patches = estimator.patches(level, kForward);
+  const BlockGrid& grid = estimator.level(level).grid();
+  const PatchEvidence* patches = estimator.level(level).patches(kForward);
   int side = 1;
   while (((grid.columns + side - 1) / side) * ((grid.rows + side - 1) / side) > maxPoints) ++side;
   int count = 0;
@@ -118,9 +118,9 @@ int PointTracker::choosePoints(int level, int maxPoints) {
 int PointTracker::scoreLevel() const {
   int best = 0;
   float bestMedian = -1.0f;
-  for (int level = 0; level < estimator.levels() && estimator.measured(level); ++level) {
-    const PatchEvidence* patches = estimator.patches(level, kForward);
-    const int blocks = estimator.grid(level).count();
+  for (int level = 0; level <= estimator.coarsest() && estimator.level(level).compared(); ++level) {
+    const PatchEvidence* patches = estimator.level(level).patches(kForward);
+    const int blocks = estimator.level(level).grid().count();
     const int stride = std::max(1, blocks / kMaxPoints + 1);
     int count = 0;
     for (int i = 0; i < blocks; i += stride) {
@@ -154,8 +154,8 @@ void PointTracker::track(const uint8_t* frame, _KROFRegistration* registration) 
 
 // Fills in the points as if all were lost.
 void PointTracker::placePoints(int level, _KROFRegistration* registration) {
-  const BlockGrid& grid = estimator.grid(level);
-  const auto scale = static_cast<float>(1 << level);
+  const BlockGrid& grid = estimator.level(level).grid();
+  const float scale = estimator.level(level).scale();
   registration->pointCount = choosePoints(level, registration->maxPoints);
   for (int i = 0; i < registration->pointCount; ++i) {
     const float x = grid.centreX(chosen[i] % grid.columns) * scale;
@@ -176,19 +176,20 @@ void PointTracker::placePoints(int level, _KROFRegistration* registration) {
 // point can be believed.
 void PointTracker::displacePoints(const MotionFound& found, _KROFRegistration* registration) {
   const int level = found.level;
-  const BlockGrid& grid = estimator.grid(level);
-  const PatchEvidence* forward = estimator.patches(level, kForward);
-  const PatchEvidence* backward = estimator.patches(level, kBackward);
-  const auto scale = static_cast<float>(1 << level);
+  const BlockGrid& grid = estimator.level(level).grid();
+  const PatchEvidence* forward = estimator.level(level).patches(kForward);
+  const PatchEvidence* backward = estimator.level(level).patches(kBackward);
+  const float scale = estimator.level(level).scale();
+  const tracker::PictureFrame& frame = estimator.pictureFrame();
   const int count = registration->pointCount;
 
   const int comparedAt = scoreLevel();
-  const BlockGrid& comparedGrid = estimator.grid(comparedAt);
-  const PatchEvidence* compared = estimator.patches(comparedAt, kForward);
+  const BlockGrid& comparedGrid = estimator.level(comparedAt).grid();
+  const PatchEvidence* compared = estimator.level(comparedAt).patches(kForward);
   for (int i = 0; i < count; ++i) {
     const KRPoint& source = registration->sourcePoints[i];
-    const auto dx = static_cast<float>(found.motion.dx(estimator.u(source.x), estimator.v(source.y)));
-    const auto dy = static_cast<float>(found.motion.dy(estimator.u(source.x), estimator.v(source.y)));
+    const auto dx = static_cast<float>(found.motion.dx(frame.u(source.x), frame.v(source.y)));
+    const auto dy = static_cast<float>(found.motion.dy(frame.u(source.x), frame.v(source.y)));
     float ownX, ownY, backX, backY;
     const PatchEvidence& back = backward[blockAt(grid, level, source.x + dx, source.y + dy)];
     if (!forward[chosen[i]].displacement(&ownX, &ownY) || !back.displacement(&backX, &backY)) continue;

@@ -1,0 +1,44 @@
+#include "registration/tracker/picture_frame.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace noxel::tracker {
+
+PictureFrame::PictureFrame(int width, int height)
+    : centreX(0.5f * static_cast<float>(width)),
+      centreY(0.5f * static_cast<float>(height)),
+      radius(std::hypot(centreX, centreY)) {}
+
+void PictureFrame::backward(const GlobalMotion& motion, float x, float y, double* dx, double* dy) const {
+  // x' = x + D(x): three steps of the fixed point are exact to 1e-4 pixels for motions that the fit accepts.
+  *dx = 0.0;
+  *dy = 0.0;
+  for (int i = 0; i < 3; ++i) {
+    const double atU = u(x + static_cast<float>(*dx));
+    const double atV = v(y + static_cast<float>(*dy));
+    *dx = -motion.dx(atU, atV);
+    *dy = -motion.dy(atU, atV);
+  }
+}
+
+// The corners lie evenly round the centre, so that mixed terms cancel and 1, u and v add up by themselves.
+double PictureFrame::cornerDistance(const GlobalMotion& a, const GlobalMotion& b) const {
+  const double u2 = centreX * centreX / (radius * radius);
+  const double v2 = centreY * centreY / (radius * radius);
+  const double parts[6] = {1.0, u2, v2, 1.0, u2, v2};
+  double square = 0.0;
+  for (int i = 0; i < 6; ++i) square += parts[i] * (a.p[i] - b.p[i]) * (a.p[i] - b.p[i]);
+  return std::sqrt(square);
+}
+
+double PictureFrame::cornerDeviation(const double (&covariance)[6][6]) const {
+  const double u2 = centreX * centreX / (radius * radius);
+  const double v2 = centreY * centreY / (radius * radius);
+  const double parts[6] = {1.0, u2, v2, 1.0, u2, v2};
+  double variance = 0.0;
+  for (int i = 0; i < 6; ++i) variance += parts[i] * covariance[i][i];
+  return std::sqrt(std::max(variance, 0.0));
+}
+
+}  // namespace noxel::tracker
