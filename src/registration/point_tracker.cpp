@@ -34,6 +34,7 @@ constexpr double kStillSignificance = 21.0;
 // A motion must not be an exact translation, or none: the driver takes a coefficient of zero for a fit that failed. This much of a
 // rotation and zoom, with a sign that changes each frame, is at most 0.02 pixels in the corners.
 constexpr float kStillStep = 0x1p-16f;
+constexpr float kSamePlace = 1e-3f;  // pixels: between displacements that a fit may take for one
 
 constexpr float kGoodCorrelation = 0.9f;
 
@@ -220,7 +221,8 @@ void PointTracker::holdStill(const MotionFound& found, _KROFRegistration* regist
   for (int i = 0; i < count; ++i) {
     const KRPoint& displacement = registration->displacements[i];
     scratch[i] = std::hypot(displacement.x, displacement.y);
-    exactly = exactly && displacement.x == first.x && displacement.y == first.y;
+    exactly =
+        exactly && std::fabs(displacement.x - first.x) < kSamePlace && std::fabs(displacement.y - first.y) < kSamePlace;
   }
   const bool still = medianOf(scratch, count) < kStill && found.significance < kStillSignificance;
   if (!still && !exactly) return;

@@ -23,16 +23,18 @@ constexpr double kRivalSupport = 0.7;  // of the best hypothesis' support: worth
 // level, is no motion to build on. Pictures with nothing in common, each moved to where they fit best, reach 0.28, and 0.54
 // where both repeat themselves, but are never certain; the same scene under noise of three times its contrast has 0.65, and
 // 0.43 where it is certain.
-constexpr double kMostDeviation = 4.0;
-constexpr double kFirmDeviation = 1.0;
+constexpr double kMostDeviation = 5.6;
+constexpr double kFirmDeviation = 1.4;
 constexpr float kLeastCorrelation = 0.6f;
 constexpr float kLeastCorrelationIfFirm = 0.4f;
 
 constexpr double kFarApart = 1.0;  // pixels at the corners: two hypotheses, not one
 constexpr int kMostSettling = 5;
-constexpr double kSettled = 0.25;  // of the expected error: a step that is no longer worth another
+// A step of less than either, pixels at the corners and of the expected error, is not worth another.
+constexpr double kSettledStep = 0.1;
+constexpr double kSettled = 0.5;
 constexpr double kAlike = 0.02;    // of the support of one of them: two motions that explain the picture equally well
-constexpr double kCertain = 0.1;   // pixels at the corners: good enough not to look further
+constexpr double kCertain = 0.14;  // pixels at the corners: good enough not to look further
 
 }  // namespace
 
@@ -77,7 +79,12 @@ void MotionEstimator::approach(int level, GlobalMotion* motion, WorkerPool* pool
   if (!here.noise(kForward, &noise)) return;
   MotionEquations equations;
   here.gather(kForward, false, noise, &equations);
-  equations.solveSimilarity(motion);
+  if (level == consensusLevel) {
+    equations.solveSimilarity(motion);
+  } else {
+    double unused[6][6];
+    equations.solve(noise.displacement, motion, &unused);
+  }
 }
 
 // The last steps, with both frames as the one the gradients are taken from: noise in a gradient is not in both.
@@ -85,19 +92,26 @@ bool MotionEstimator::settle(int level, MotionFound* found, WorkerPool* pool) {
   found->level = level;
   approach(level, &found->motion, pool);
   LevelComparison& here = levels[level];
-  MotionEquations equations;
-  LevelNoise noise[2];
-  for (const Direction direction : {kForward, kBackward}) {
-    here.compare(direction, found->motion, pool);
-    if (!here.noise(direction, &noise[direction])) return false;
+  for (int step = 0; step < kMostSettling; ++step) {
+    MotionEquations equations;
+    LevelNoise noise[2];
+    for (const Direction direction : {kForward, kBackward}) {
+      here.compare(direction, found->motion, pool);
+      if (!here.noise(direction, &noise[direction])) return false;
+    }
+    for (const Direction direction : {kForward, kBackward}) {
+      here.gather(direction, true, noise[direction], &equations);
+    }
+    // Both directions see the same noise, but are added as if each had its own: its variance counts twice.
+    const double variance = 2.0 * static_cast<double>(noise[kForward].displacement);
+    const GlobalMotion before = found->motion;
+    double covariance[6][6];
+    if (!equations.solve(variance, &found->motion, &covariance)) return false;
+    found->significance = significance(found->motion, covariance);
+    found->cornerDeviation = frame.cornerDeviation(covariance);
+    const double moved = frame.cornerDistance(before, found->motion);
+    if (!(moved > std::max(kSettledStep, kSettled * found->cornerDeviation))) break;
   }
-  for (const Direction direction : {kForward, kBackward}) {
-    here.gather(direction, true, noise[direction], &equations);
-  }
-  double covariance[6][6];
-  if (!equations.solve(noise[kForward].displacement, &found->motion, &covariance)) return false;
-  found->significance = significance(found->motion, covariance);
-  found->cornerDeviation = frame.cornerDeviation(covariance);
   return true;
 }
 
@@ -207,11 +221,7 @@ MotionFound MotionEstimator::estimateFrom(int searchLevel, int level, WorkerPool
     MotionFound again;
     again.motion = motion;
     for (const int from : {1, 0}) {
-      for (int i = 0; i < kMostSettling; ++i) {
-        const GlobalMotion before = again.motion;
-        again.known = settle(from, &again, pool);
-        if (!again.known || frame.cornerDistance(before, again.motion) < kSettled * again.cornerDeviation) break;
-      }
+      again.known = settle(from, &again, pool);
       if (!again.known) continue;
       const double supported = supportOf(1, again.motion, pool);
       const bool alike = std::fabs(supported - most) < kAlike * most;

@@ -1,0 +1,396 @@
+// Motion of whole frames through the tracker, and the sums it is measured by.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstddef>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "registration/point_tracker.h"
+#include "registration/register_frame.h"
+#include "registration/tracker/block_grid.h"
+#include "registration/tracker/lanes.h"
+#include "support/waves.h"
+
+namespace noxel {
+namespace {
+
+using Pixels = std::vector<uint8_t>;
+
+namespace sums {
+
+using namespace tracker;
+
+struct Samples {
+  int width;
+  int height;
+  std::vector<int16_t> values;
+
+  Image image() { return {width, height, values.data()}; }
+  int at(int x, int y) const { return values[static_cast<size_t>(y * width + x)]; }
+};
+
+// Every fourth sample at the least or the most there can be: sums that overflow do it here.
+Samples randomSamples(int width, int height, std::mt19937* random) {
+  Samples samples = {width, height, {}};
+  for (int i = 0; i < width * height; ++i) {
+    const unsigned drawn = (*random)();
+    samples.values.push_back(static_cast<int16_t>(drawn % 8 < 2 ? drawn % 2 * 4080 : (drawn >> 8) % 4081));
+  }
+  return samples;
+}
+
+::testing::AssertionResult sameBits(const BlockMatch& a, const BlockMatch& b) {
+  constexpr size_t kStart = offsetof(BlockMatch, qx);
+  const auto bytes = [](const BlockMatch& match) { return reinterpret_cast<const char*>(&match) + kStart; };
+  if (a.inside == b.inside && std::memcmp(bytes(a), bytes(b), sizeof(BlockMatch) - kStart) == 0)
+    return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "bx " << a.bx << ", " << b.bx << "; energy " << a.energy << ", " << b.energy;
+}
+
+// Sums over a block of 8 x 8, in double precision.
+template <class Term>
+double over(int x, int y, Term&& term) {
+  double sum = 0;
+  for (int i = 0; i < kBlockArea; ++i) sum += term(x + i % kBlockSide, y + i / kBlockSide);
+  return sum;
+}
+
+TEST(BlockSums, AreThoseOfTheirFormulasInAnyLanes) {
+  std::mt19937 random(5);
+  constexpr int kWidth = 41, kHeight = 27;
+  int compared = 0;
+  for (int round = 0; round < 300; ++round) {
+    // Of the size of the picture to the byte, for an address sanitizer to see what reads beyond.
+    Samples own = randomSamples(kWidth, kHeight, &random), other = randomSamples(kWidth, kHeight, &random);
+    if (round == 0) std::fill(own.values.begin(), own.values.end(), 4080);
+    const int x = 1 + static_cast<int>(random() % (kWidth - 9)), y = 1 + static_cast<int>(random() % (kHeight - 9));
+    const int stepX = static_cast<int>(random() % 700) - 350, stepY = static_cast<int>(random() % 500) - 250;
+    const auto dx = static_cast<float>(stepX) / 16, dy = static_cast<float>(stepY) / 16;
+    const BlockMatch match = matchBlock<NativeLanes>(own.image(), other.image(), x, y, dx, dy);
+    EXPECT_TRUE(sameBits(match, matchBlock<PlainLanes>(own.image(), other.image(), x, y, dx, dy)));
+
+    // Ten samples and the next one, for interpolation.
+    const auto fits = [](int at, float d, int size) {
+      const int first = at + static_cast<int>(std::floor(d)) - 1;
+      return first >= 0 && first + 11 <= size;
+    };
+    ASSERT_EQ(match.inside, fits(x, dx, kWidth) && fits(y, dy, kHeight))
+        << x << ", " << y << " by " << dx << ", " << dy;
+    if (!match.inside) continue;
+    ++compared;
+    const auto i = [&](int px, int py) { return own.at(px, py) / 16.0; };
+    const auto j = [&](int px, int py) {
+      const double atX = px + dx, atY = py + dy;
+      const int left = static_cast<int>(std::floor(atX)), top = static_cast<int>(std::floor(atY));
+      const double u = atX - left, v = atY - top;
+      return ((other.at(left, top) * (1 - u) + other.at(left + 1, top) * u) * (1 - v) +
+              (other.at(left, top + 1) * (1 - u) + other.at(left + 1, top + 1) * u) * v) /
+             16;
+    };
+    const auto gx = [](auto&& of) { return [&of](int px, int py) { return (of(px + 1, py) - of(px - 1, py)) / 2; }; };
+    const auto gy = [](auto&& of) { return [&of](int px, int py) { return (of(px, py + 1) - of(px, py - 1)) / 2; }; };
+    const auto product = [&](auto&& a, auto&& b) {
+      return over(x, y, [&](int px, int py) { return a(px, py) * b(px, py); });
+    };
+    const auto difference = [&](int px, int py) { return i(px, py) - j(px, py); };
+    const auto one = [](int, int) { return 1.0; };
+    // Interpolation rounds twice, by up to half of 1/16 level each: every sample of J is within 1/16 of its formula, and so
+    // is a gradient of J.
+    const auto bound = [&](auto&& a) { return over(x, y, [&](int px, int py) { return std::fabs(a(px, py)) / 16; }); };
+    EXPECT_NEAR(match.bx, product(gx(i), difference), bound(gx(i)));
+    EXPECT_NEAR(match.by, product(gy(i), difference), bound(gy(i)));
+    EXPECT_NEAR(match.cxx, product(gx(i), gx(j)), bound(gx(i)));
+    EXPECT_NEAR(match.cxy, product(gx(i), gy(j)), bound(gx(i)));
+    EXPECT_NEAR(match.cyx, product(gy(i), gx(j)), bound(gy(i)));
+    EXPECT_NEAR(match.cyy, product(gy(i), gy(j)), bound(gy(i)));
+    EXPECT_NEAR(match.sum, product(j, one), bound(one));
+    EXPECT_NEAR(match.squares, product(j, j), 2 * bound(j) + bound(one));
+    EXPECT_NEAR(match.energy, product(difference, difference), 2 * bound(difference) + bound(one));
+  }
+  EXPECT_GT(compared, 30);
+
+  Samples own = randomSamples(kWidth, kHeight, &random);
+  for (const float bad : {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(), -1e30f}) {
+    EXPECT_FALSE(matchBlock<NativeLanes>(own.image(), own.image(), 9, 9, bad, 0).inside);
+    EXPECT_FALSE(matchBlock<NativeLanes>(own.image(), own.image(), 9, 9, 0, bad).inside);
+  }
+
+  // A picture at rest against itself shares all of its texture.
+  const BlockGrid grid(kWidth, kHeight);
+  std::vector<BlockTexture> textures(static_cast<size_t>(grid.count()));
+  readTextures(own.image(), grid, textures.data(), 0, grid.rows);
+  const BlockTexture& texture = textures[static_cast<size_t>(grid.columns + 1)];
+  const BlockMatch same = matchBlock<NativeLanes>(own.image(), own.image(), grid.originX + 8, grid.originY + 8, 0, 0);
+  EXPECT_EQ((std::array{texture.gxx, texture.gxy, texture.gxy, texture.gyy, texture.sum, texture.squares}),
+            (std::array{same.cxx, same.cxy, same.cyx, same.cyy, same.sum, same.squares}));
+  EXPECT_EQ((std::array{same.bx, same.by, same.energy}), (std::array{0.0f, 0.0f, 0.0f}));
+}
+
+TEST(ImagePyramid, LevelsAreSmoothedMeans) {
+  for (const auto& [width, height] : {std::pair{301, 9}, {37, 23}, {5, 40}, {1, 1}}) {
+    std::mt19937 random(7);
+    Pixels frame;
+    for (int i = 0; i < width * height; ++i) frame.push_back(static_cast<uint8_t>(random() % 3 == 0 ? 255 : random()));
+    ImagePyramid pyramid;
+    ASSERT_TRUE(pyramid.allocate(width, height, 4));
+    ASSERT_EQ(pyramid.levels(), std::min(4, static_cast<int>(std::log2(std::min(width, height))) + 1));
+    pyramid.build(frame.data(), nullptr);
+
+    std::vector<double> twin(frame.begin(), frame.end());
+    int w = width, h = height;
+    for (int level = 0; level < pyramid.levels(); ++level) {
+      const auto at = [&](int x, int y) {
+        return twin[static_cast<size_t>(std::clamp(y, 0, h - 1) * w + std::clamp(x, 0, w - 1))];
+      };
+      if (level > 0) {
+        std::vector<double> halved;
+        for (int i = 0; i < (w / 2) * (h / 2); ++i) {
+          const int x = i % (w / 2) * 2, y = i / (w / 2) * 2;
+          halved.push_back((at(x, y) + at(x + 1, y) + at(x, y + 1) + at(x + 1, y + 1)) / 4);
+        }
+        twin = halved;
+        w /= 2;
+        h /= 2;
+      }
+      std::vector<double> smooth;
+      for (int i = 0; i < w * h; ++i) {
+        double sum = 0;
+        for (int k = 0; k < 9; ++k)
+          sum += (2 - std::abs(k % 3 - 1)) * (2 - std::abs(k / 3 - 1)) * at(i % w + k % 3 - 1, i / w + k / 3 - 1);
+        smooth.push_back(sum / 16);
+      }
+      twin = smooth;
+      ASSERT_EQ(pyramid.level(level).width, w);
+      ASSERT_EQ(pyramid.level(level).height, h);
+      // Level 0 is exact; each further one rounds twice, by half a unit of 1/16 level.
+      for (int i = 0; i < w * h; ++i) {
+        ASSERT_NEAR(pyramid.level(level).pixels[i], 16 * twin[static_cast<size_t>(i)], level) << level << ": " << i;
+      }
+    }
+  }
+}
+
+}  // namespace sums
+
+// A registration and what it said about the last frame.
+class Tracker {
+ public:
+  Tracker(int frameWidth, int frameHeight, WorkerPool* pool = nullptr) : width(frameWidth), height(frameHeight) {
+    EXPECT_EQ(createRegistration(width, height, 1, &registration), 0);
+    EXPECT_TRUE(initStabilization(&stabilization, 1, 1, width, height));
+    setTrackerWorkers(registration, pool);
+  }
+  ~Tracker() {
+    releaseRegistration(&registration);
+    releaseStabilization(&stabilization, 1, 1);
+  }
+  Tracker(const Tracker&) = delete;
+  Tracker& operator=(const Tracker&) = delete;
+
+  // True: valid. Whatever comes of a frame, its matrices are numbers.
+  bool take(const Pixels& frame) {
+    int valid = 0;
+    registerFrame(frame.data(), motion, inverseMotion, matches, &valid, registration, &firstFrame, &stabilization);
+    for (const float(*matrix)[9] : {&motion, &inverseMotion, &stabilization.stabilizationMatrix}) {
+      for (const float value : *matrix) EXPECT_TRUE(std::isfinite(value));
+    }
+    return valid == 1;
+  }
+  double error(const View& currentFromPrevious) const {
+    return cornerError(inverseMotion, currentFromPrevious, width, height);
+  }
+
+  const int width;
+  const int height;
+  int firstFrame = 1;
+  float motion[9];
+  float inverseMotion[9];
+  _KRMatch matches[kMaxPoints];
+  _KROFRegistration* registration = nullptr;
+  _KRStabilizationParameters stabilization = {};
+};
+
+const Waves& scene() {
+  static const Waves waves(11, 7);
+  return waves;
+}
+
+View still() {
+  return shifted(0, 0);
+}
+
+// Pixels, root mean square over the corners: about twice the worst seen in these frames, whose error is what noise leaves.
+constexpr double kErrorUnderNoise3 = 0.15;
+
+TEST(Tracking, FindsASimilarityUnderNoise) {
+  for (const auto& [width, height] : {std::pair{160, 96}, {322, 181}}) {
+    const double cx = width / 2.0, cy = height / 2.0;
+    const View motions[] = {shifted(0.37, -0.61), turned(0.006, 1.002, cx, cy, 2.4, -1.7),
+                            turned(-0.03, 0.985, cx, cy, -9.3, 6.2), turned(0.004, 0.998, cx, cy, 18.25, 0.5)};
+    for (const auto& [sigma, bound] : {std::pair{0.0, 0.08}, {3.0, kErrorUnderNoise3}, {8.0, 0.4}}) {
+      for (const View& motion : motions) {
+        Tracker tracker(width, height);
+        EXPECT_FALSE(tracker.take(scene().seen(width, height, still(), sigma, 1)));
+        ASSERT_TRUE(tracker.take(scene().seen(width, height, inverted(motion), sigma, 2)));
+        EXPECT_LT(tracker.error(motion), bound) << width << " pixels wide, sigma " << sigma;
+        EXPECT_LT(cornerError(tracker.motion, inverted(motion), width, height), bound);
+      }
+    }
+  }
+}
+
+TEST(Tracking, ShearIsFoundOnce) {
+  constexpr int kWidth = 640, kHeight = 360;
+  for (const View& shear : {View{1.002, 0.001, 0, 0.001, 0.998, 0}, {1, 0.004, 0, 0, 1, 0}}) {  // of rolling shutters
+    const View motion = composed(shear, shifted(1.3, 2.2));
+    for (const double sigma : {0.0, 3.0}) {
+      Tracker tracker(kWidth, kHeight);
+      tracker.take(scene().seen(kWidth, kHeight, still(), sigma, 1));
+      ASSERT_TRUE(tracker.take(scene().seen(kWidth, kHeight, inverted(motion), sigma, 2)));
+      // 0.8 pixels when the shear is left out, 0.7 when a point's own motion adds it once more.
+      EXPECT_LT(tracker.error(motion), kErrorUnderNoise3);
+    }
+  }
+}
+
+TEST(Tracking, WithoutNoiseThereIsAMotionInEachFrame) {
+  constexpr int kWidth = 200, kHeight = 120;
+  for (const View& step : {still(), shifted(-7, 5), shifted(3, 0), shifted(0, -2)}) {
+    Tracker tracker(kWidth, kHeight);
+    View pose = still();
+    for (int n = 0; n < 10; ++n, pose = composed(pose, inverted(step))) {
+      ASSERT_EQ(tracker.take(scene().seen(kWidth, kHeight, pose)), n > 0) << "frame " << n;
+      EXPECT_LT(n == 0 ? 0.0 : tracker.error(step), 0.02) << "frame " << n;
+    }
+  }
+}
+
+TEST(Tracking, ATripodUnderNoiseStandsStill) {
+  constexpr int kWidth = 200, kHeight = 120, kFrames = 30;
+  for (const double sigma : {3.0, 8.0}) {
+    Tracker tracker(kWidth, kHeight);
+    tracker.take(scene().seen(kWidth, kHeight, still(), sigma, 100));
+    int held = 0;
+    for (unsigned n = 1; n <= kFrames; ++n) {
+      ASSERT_TRUE(tracker.take(scene().seen(kWidth, kHeight, still(), sigma, 100 + n)));
+      // What keeps the fit from an exact zero is 0.004 pixels in the corners of this frame, noise that is measured 0.03.
+      held += tracker.error(still()) < 0.005;
+    }
+    EXPECT_GE(held, kFrames - 1) << "sigma " << sigma;
+  }
+}
+
+TEST(Tracking, WhatCannotBeFollowedIsNotValidAndTheSceneAfterItIs) {
+  constexpr int kWidth = 200, kHeight = 120;
+  const View step = shifted(1.5, -0.75);
+  int shown = 0;
+  const auto next = [&] {
+    const unsigned n = static_cast<unsigned>(shown++);
+    return scene().seen(kWidth, kHeight, shifted(-1.5 * n, 0.75 * n), 3, 50 + n);
+  };
+  const auto flat = [](int level) { return Pixels(kWidth * kHeight, static_cast<uint8_t>(level)); };
+  const auto cap = [&](unsigned seed) {  // nothing but noise
+    std::mt19937 random(seed);
+    Pixels pixels;
+    for (int i = 0; i < kWidth * kHeight; ++i) pixels.push_back(static_cast<uint8_t>(random() % 5));
+    return pixels;
+  };
+  const Pixels other = Waves(99, 7).seen(kWidth, kHeight, still(), 3);
+  const std::vector<Pixels> interruptions[] = {
+      {flat(0), flat(0)}, {flat(200), flat(120)}, {cap(1), cap(2), cap(3)}, {other}, {flat(255), other}};
+  for (const std::vector<Pixels>& interruption : interruptions) {
+    SCOPED_TRACE(&interruption - interruptions);
+    Tracker tracker(kWidth, kHeight);
+    tracker.take(next());
+    EXPECT_TRUE(tracker.take(next()));
+    for (const Pixels& frame : interruption) EXPECT_FALSE(tracker.take(frame));
+    EXPECT_FALSE(tracker.take(next()));
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_TRUE(tracker.take(next()));
+      EXPECT_LT(tracker.error(step), kErrorUnderNoise3);
+    }
+  }
+}
+
+TEST(Tracking, AChangeOfExposureIsNoMotion) {
+  const View step = shifted(1.5, -0.75);
+  struct Exposed {
+    double gain;
+    int offset;
+  };
+  for (const auto& [gain, offset] : {Exposed{1, 60}, {1, -20}, {0.8, 0}, {1.25, 0}}) {
+    Tracker tracker(200, 120);
+    for (unsigned n = 0; n < 5; ++n) {
+      Pixels pixels = scene().seen(200, 120, shifted(-1.5 * n, 0.75 * n), 3, n);
+      for (uint8_t& pixel : pixels) {
+        if (n == 2) pixel = static_cast<uint8_t>(std::clamp(gain * pixel + offset, 0.0, 255.0));
+      }
+      ASSERT_EQ(tracker.take(pixels), n > 0);
+      EXPECT_LT(n == 0 ? 0.0 : tracker.error(step), kErrorUnderNoise3) << "frame " << n << ", gain " << gain;
+    }
+  }
+}
+
+TEST(Tracking, TheBackgroundMovesTheFrameNotWhatIsInFrontOfIt) {
+  constexpr int kWidth = 320, kHeight = 180;
+  const Waves subject(5, 7);
+  const View background = turned(0.003, 1, 160, 90, 1.2, -0.8);
+  const auto frame = [&](int at, const View& pose, unsigned seed) {
+    Pixels pixels = scene().seen(kWidth, kHeight, pose, 3, seed);
+    const Pixels own = subject.seen(kWidth, kHeight, shifted(-at, 0), 3, seed + 1);
+    for (int i = 0; i < kWidth * kHeight; ++i) {
+      const bool covered = std::abs(i % kWidth - kWidth / 2 - at) < 88 && std::abs(i / kWidth - kHeight / 2) < 50;
+      if (covered) pixels[static_cast<size_t>(i)] = own[static_cast<size_t>(i)];  // 30 % of the frame
+    }
+    return pixels;
+  };
+  Tracker tracker(kWidth, kHeight);
+  tracker.take(frame(0, still(), 1));
+  ASSERT_TRUE(tracker.take(frame(12, inverted(background), 3)));
+  EXPECT_LT(tracker.error(background), kErrorUnderNoise3);  // the subject's 12 pixels would pull it by pixels
+}
+
+TEST(Tracking, HelpersChangeNoBit) {
+  constexpr int kWidth = 640, kHeight = 360;  // enough to be shared out
+  std::vector<Pixels> frames;
+  for (unsigned n = 0; n < 3; ++n) {
+    frames.push_back(scene().seen(kWidth, kHeight, turned(0.01 * n, 1, 0, 0, 5.3 * n, n), 5, n));
+  }
+  std::vector<float> alone;
+  for (const int helpers : {-1, 0, 1, 4}) {
+    WorkerPool pool;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < helpers; ++i) threads.emplace_back([&pool] { pool.serve(); });
+    Tracker tracker(kWidth, kHeight, helpers < 0 ? nullptr : &pool);
+    std::vector<float> results;
+    for (const Pixels& frame : frames) {
+      EXPECT_EQ(tracker.take(frame), &frame != &frames[0]);
+      results.insert(results.end(), tracker.motion, tracker.motion + 9);
+      for (int i = 0; i < tracker.registration->matchedCount; ++i) {
+        results.insert(results.end(), {tracker.matches[i].targetX, tracker.matches[i].targetY});
+      }
+    }
+    pool.stop();
+    for (std::thread& thread : threads) thread.join();
+    if (helpers < 0) alone = results;
+    EXPECT_EQ(results, alone) << helpers << " helpers";
+  }
+}
+
+TEST(Tracking, FramesTooSmallToMeasureHaveNoMotion) {
+  for (const auto& [width, height] : {std::pair{1, 1}, {2, 2}, {7, 5}, {17, 9}, {300, 3}, {3, 300}}) {
+    Tracker tracker(width, height);
+    for (unsigned n = 0; n < 4; ++n) {
+      EXPECT_FALSE(tracker.take(scene().seen(width, height, shifted(0.3 * n, 0.2), 2, n))) << width << " x " << height;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace noxel

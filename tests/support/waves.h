@@ -1,0 +1,39 @@
+// A scene without end, and what a camera sees of it: the motion between two views is exact to any fraction of a pixel.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+namespace noxel {
+
+// Row-major 2 x 3, acting on pixels whose first one has its centre at (0.5, 0.5).
+using View = std::array<double, 6>;
+
+View shifted(double x, double y);
+// By `angleRad` and `scale` about (x, y), then shifted.
+View turned(double angleRad, double scale, double x, double y, double shiftX, double shiftY);
+// First `right`, then `left`.
+View composed(const View& left, const View& right);
+View inverted(const View& view);
+// Root mean square over the corners of a width x height picture of the distance between their images. `matrix`: 3 x 3.
+double cornerError(const float (&matrix)[9], const View& truth, int width, int height);
+
+// Levels are a sum of 32 plane waves, the longest strongest, as in photos: 110 on average, standard deviation 35.
+class Waves {
+ public:
+  Waves(unsigned seed, double shortestPixels, double longestPixels = 90.0);
+
+  double at(double x, double y) const;
+  // 8-bit levels of a picture whose pixels look at sceneFromFrame, with noise of `sigma` levels, drawn from `noiseSeed`.
+  std::vector<uint8_t> seen(int width, int height, const View& sceneFromFrame, double sigma = 0.0,
+                            unsigned noiseSeed = 1) const;
+
+ private:
+  struct Wave {
+    double amplitude, x, y, phase;
+  };
+  std::array<Wave, 32> waves;
+};
+
+}  // namespace noxel
