@@ -19,7 +19,7 @@ constexpr float kRobustness = 9.0f;
 
 // Of the middle against the edges, which are one farther out: the scene reaches to the frame's edges, and what fills its
 // middle may be a subject that moves on its own.
-constexpr float kMiddleWeight = 0.3f;
+constexpr float kMiddleWeight = 0.2f;
 
 // Frames that differ by more than this in contrast or brightness (8-bit levels) are compared as if they did not. The sums of
 // frames that share their exposure differ by less, from what enters and leaves.
