@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "registration/tracker/median.h"
 #include "registration/tracker/point_tracker_state.h"
 
 namespace noxel {
@@ -14,6 +15,7 @@ using tracker::BlockGrid;
 using tracker::kBackward;
 using tracker::kBlockSide;
 using tracker::kForward;
+using tracker::medianOf;
 using tracker::MotionFound;
 using tracker::PatchEvidence;
 
@@ -26,13 +28,13 @@ constexpr float kTolerance = 1.5f;
 constexpr int kLeastConsensus = 30;
 constexpr float kLeastShare = 0.4f;
 
-// A picture that moves less than this and not more than noise would stands on a tripod: measured jitter, drawn into the
+// A picture that moves less than this, and no more than noise would, stands on a tripod: measured jitter, drawn into the
 // history again and again, would blur it. A chi-squared of six degrees of freedom exceeds the bound once in 500 times.
 constexpr float kStill = 0.05f;
 constexpr double kStillSignificance = 21.0;
 
-// A motion must not be an exact translation, or none: the driver takes a coefficient of zero for a fit that failed. This much of a
-// rotation and zoom, with a sign that changes each frame, is at most 0.02 pixels in the corners.
+// A motion must not be an exact translation, or none: the driver takes a coefficient of zero for a fit that failed. This
+// much of a rotation and zoom, with a sign that changes each frame, is at most 0.02 pixels in the corners.
 constexpr float kStillStep = 0x1p-16f;
 constexpr float kSamePlace = 1e-3f;  // pixels: between displacements that a fit may take for one
 
@@ -42,13 +44,6 @@ constexpr float kGoodCorrelation = 0.9f;
 float cornerness(const PatchEvidence& patch) {
   const float half = 0.5f * (patch.hxx - patch.hyy);
   return 0.5f * (patch.hxx + patch.hyy) - std::sqrt(half * half + patch.hxy * patch.hxy);
-}
-
-float medianOf(float* values, int count) {
-  if (count == 0) return 0.0f;
-  float* middle = values + (count - 1) / 2;
-  std::nth_element(values, middle, values + count);
-  return *middle;
 }
 
 // The block of a grid that holds a point of the registration image.
@@ -127,6 +122,7 @@ int PointTracker::scoreLevel() const {
     for (int i = 0; i < blocks; i += stride) {
       if (patches[i].blocks > 0.0f) scratch[count++] = patches[i].correlation();
     }
+    if (count == 0) continue;
     const float median = medianOf(scratch, count);
     if (median > bestMedian) {
       bestMedian = median;
@@ -216,16 +212,18 @@ void PointTracker::markOthers(_KROFRegistration* registration) {
 
 void PointTracker::holdStill(const MotionFound& found, _KROFRegistration* registration) {
   const int count = registration->pointCount;
-  const KRPoint& first = registration->displacements[0];
-  bool exactly = true;
+  int followed = 0;
+  bool alike = true;
+  KRPoint first = {};
   for (int i = 0; i < count; ++i) {
+    if (!(registration->errors[i] < kLostError)) continue;
     const KRPoint& displacement = registration->displacements[i];
-    scratch[i] = std::hypot(displacement.x, displacement.y);
-    exactly =
-        exactly && std::fabs(displacement.x - first.x) < kSamePlace && std::fabs(displacement.y - first.y) < kSamePlace;
+    if (followed == 0) first = displacement;
+    scratch[followed++] = std::hypot(displacement.x, displacement.y);
+    alike = alike && std::hypot(displacement.x - first.x, displacement.y - first.y) < kSamePlace;
   }
-  const bool still = medianOf(scratch, count) < kStill && found.significance < kStillSignificance;
-  if (!still && !exactly) return;
+  const bool still = medianOf(scratch, followed) < kStill && found.significance < kStillSignificance;
+  if (!still && !alike) return;
   stillSign = !stillSign;
   const float step = stillSign ? kStillStep : -kStillStep;
   for (int i = 0; i < count; ++i) {

@@ -7,6 +7,7 @@
 
 #include "registration/tracker/bands.h"
 #include "registration/tracker/lanes.h"
+#include "registration/tracker/median.h"
 #include "registration/tracker/memory.h"
 
 namespace noxel::tracker {
@@ -34,12 +35,6 @@ constexpr int kSampledPatches = 800;  // about as many are enough for a median
 constexpr int kMostSteps = 5;
 constexpr float kCloseEnough = 0.05f;  // samples
 constexpr float kLongestStep = 2.0f;
-
-float medianOf(float* values, int count) {
-  float* middle = values + (count - 1) / 2;
-  std::nth_element(values, middle, values + count);
-  return *middle;
-}
 
 // J = gain * I + offset, where one frame was exposed otherwise than the other.
 struct Exposure {
