@@ -45,9 +45,9 @@ Options parse(CLI::App& app, int argc, char** argv) {
   Options options;
   options.threads = engineThreads();
   app.add_option("FILE", options.file, "N planes of W x H bytes, one behind the other")->required();
-  app.add_option("W", options.width, "Width")->required()->check(CLI::PositiveNumber);
-  app.add_option("H", options.height, "Height")->required()->check(CLI::PositiveNumber);
-  app.add_option("N", options.frames, "Number of planes")->required()->check(CLI::PositiveNumber);
+  app.add_option("W", options.width, "Width")->required()->check(CLI::Range(1, INT_MAX));
+  app.add_option("H", options.height, "Height")->required()->check(CLI::Range(1, INT_MAX));
+  app.add_option("N", options.frames, "Number of planes")->required()->check(CLI::Range(1, INT_MAX));
   app.add_flag("--full", options.full, "Measure at full size also where a side is above 1000");
   app.add_option("--threads", options.threads, "Threads beside the main one")
       ->check(CLI::Range(0, 64))

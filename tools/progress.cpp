@@ -13,7 +13,7 @@ constexpr std::chrono::seconds kPlainLineEvery{5};
 
 std::string progressText(int64_t frame, int64_t total, double seconds) {
   std::string text = "frame " + std::to_string(frame);
-  if (total > 0) text += "/" + std::to_string(std::max(total, frame));
+  if (total > 0) text.append("/").append(std::to_string(std::max(total, frame)));
   if (frame <= 0 || seconds <= 0) return text;
   const double rate = static_cast<double>(frame) / seconds;
   char buffer[64];

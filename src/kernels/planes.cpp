@@ -50,7 +50,8 @@ void interleave(const uint8_t* first, const uint8_t* second, uint8_t* pairs, siz
   size_t i = 0;
 #if defined(__ARM_NEON)
   for (; i + 16 <= count; i += 16) {
-    vst2q_u8(pairs + 2 * i, uint8x16x2_t{{vld1q_u8(first + i), vld1q_u8(second + i)}});
+    const uint8x16x2_t both = {{vld1q_u8(first + i), vld1q_u8(second + i)}};
+    vst2q_u8(pairs + 2 * i, both);
   }
 #elif defined(__SSE2__)
   for (; i + 16 <= count; i += 16) {

@@ -224,9 +224,10 @@ TEST(MotionMeasurement, TheTrackersMotionIsInFramePixelsAndItsPathInItsOwn) {
   ASSERT_EQ(createRegistration(kSide, kSide, 1, &context.registration), 0);
   ASSERT_TRUE(initStabilization(&context.stabilization, 1, 1, kSide, kSide));
   const float(&path)[9] = context.stabilization.stabilizationMatrix;
+  std::vector<uint8_t> pixels;
   for (int frame = 0; frame < 4; ++frame) {
     SCOPED_TRACE(frame);
-    std::vector<uint8_t> pixels = view(kSide, kSide, frame);
+    pixels = view(kSide, kSide, frame);
     context.luminanceFrames[0] = pixels.data();
     measureMotion(&context);
     EXPECT_EQ(context.firstFrame, 0);

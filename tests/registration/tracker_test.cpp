@@ -247,7 +247,9 @@ TEST(Tracking, FindsASimilarityUnderNoise) {
 
 TEST(Tracking, ShearIsFoundOnce) {
   constexpr int kWidth = 640, kHeight = 360;
-  for (const View& shear : {View{1.002, 0.001, 0, 0.001, 0.998, 0}, {1, 0.004, 0, 0, 1, 0}, {1, 0.012, 0, 0, 1, 0}}) {  // of rolling shutters
+  for (const View& shear : {View{1.002, 0.001, 0, 0.001, 0.998, 0},
+                            {1, 0.004, 0, 0, 1, 0},
+                            {1, 0.012, 0, 0, 1, 0}}) {  // of rolling shutters
     const View motion = composed(shear, shifted(1.3, 2.2));
     for (const double sigma : {0.0, 3.0}) {
       Tracker tracker(kWidth, kHeight);
