@@ -26,10 +26,7 @@
 #include <utility>
 #include <vector>
 
-#include "registration/camera_path.h"
-#include "registration/luminance.h"
-#include "registration/register_frame.h"
-#include "registration/registration_state.h"
+#include "registration/plane_registration.h"
 #include "scene_pairs.h"
 
 #if NOXEL_BENCH_OPENCV
@@ -74,68 +71,29 @@ double processorMilliseconds() {
 // Registration as the engine uses it, on frames of one size.
 class OurRegistration {
  public:
-  OurRegistration(int frameWidth, int frameHeight, bool full)
-      : width(frameWidth),
-        height(frameHeight),
-        factor(full ? 1 : resolutionFactor(width, height)),
-        luminance(static_cast<size_t>(width / factor) * static_cast<size_t>(height / factor)),
-        scratch(luminance.size()),
-        matches(kMaxPoints) {
-    if (createRegistration(width / factor, height / factor, 1, &registration) != 0 ||
-        !initStabilization(&stabilization, 1, 1, width / factor, height / factor)) {
-      fail("no registration of this size");
-    }
+  OurRegistration(int width, int height, bool full) {
+    if (!registration.create(width, height, full, nullptr)) fail("no registration of this size");
   }
-  ~OurRegistration() {
-    releaseStabilization(&stabilization, 1, 1);
-    releaseRegistration(&registration);
-  }
-  OurRegistration(const OurRegistration&) = delete;
-  OurRegistration& operator=(const OurRegistration&) = delete;
 
   void prime(const std::vector<uint8_t>& frame) {
-    firstFrame = 1;
+    registration.restart();
     const double start = processorMilliseconds();
-    registerOne(frame);
+    registration.measure(frame.data());
     primeMilliseconds.push_back(processorMilliseconds() - start);
   }
 
   bool measure(const std::vector<uint8_t>& frame, Affine* currentFromPrevious) {
-    if (!registerOne(frame)) return false;
-    // From pixels of the registration image to those of the frame, and from first centres at (0.5, 0.5) to (0, 0).
-    for (int row = 0; row < 2; ++row) {
-      const double a = static_cast<double>(inverseMotion[3 * row]);
-      const double b = static_cast<double>(inverseMotion[3 * row + 1]);
-      const double shift = factor * static_cast<double>(inverseMotion[3 * row + 2]);
-      currentFromPrevious->m[3 * row] = a;
-      currentFromPrevious->m[3 * row + 1] = b;
-      currentFromPrevious->m[3 * row + 2] = shift + 0.5 * (a + b) - 0.5;
-    }
+    if (!registration.measure(frame.data())) return false;
+    double affine[6];
+    registration.currentFromPrevious(affine);
+    std::copy_n(affine, 6, std::begin(currentFromPrevious->m));
     return true;
   }
 
   std::vector<double> primeMilliseconds;
 
  private:
-  bool registerOne(const std::vector<uint8_t>& frame) {
-    prepareLuminance({width, height, frame.data()}, factor, false, luminance.data(), scratch.data());
-    int valid = 0;
-    float motion[9];
-    registerFrame(luminance.data(), motion, inverseMotion, matches.data(), &valid, registration, &firstFrame,
-                  &stabilization);
-    return valid == 1;
-  }
-
-  int width;
-  int height;
-  int factor;  // frame pixels per registration pixel
-  std::vector<uint8_t> luminance;
-  std::vector<uint8_t> scratch;
-  std::vector<_KRMatch> matches;
-  _KROFRegistration* registration = nullptr;
-  _KRStabilizationParameters stabilization = {};
-  float inverseMotion[9] = {};
-  int firstFrame = 1;
+  PlaneRegistration registration;
 };
 
 struct Method {

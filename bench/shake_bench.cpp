@@ -29,8 +29,7 @@
 #include <vector>
 
 #include "registration/camera_path.h"
-#include "registration/register_frame.h"
-#include "registration/registration_state.h"
+#include "registration/plane_registration.h"
 #include "scene_pairs.h"
 
 namespace noxel {
@@ -149,26 +148,12 @@ scenes::Affine sceneFromFrame(const Similarity& frameFromScene) {
 class Stabilizer {
  public:
   explicit Stabilizer(const Options& options) {
-    if (createRegistration(options.width, options.height, 1, &registration_) != 0 ||
-        !initStabilization(&stabilization_, 1, 1, options.width, options.height)) {
-      fail("no registration of this size");
-    }
+    if (!registration_.create(options.width, options.height, true, nullptr)) fail("no registration of this size");
   }
-  ~Stabilizer() {
-    releaseStabilization(&stabilization_, 1, 1);
-    releaseRegistration(&registration_);
-  }
-  Stabilizer(const Stabilizer&) = delete;
-  Stabilizer& operator=(const Stabilizer&) = delete;
 
   Similarity measured(const std::vector<uint8_t>& frame) {
-    float motion[9];
-    float inverseMotion[9];
-    int valid = 0;
-    const bool first = firstFrame_ == 1;
-    registerFrame(frame.data(), motion, inverseMotion, matches_.data(), &valid, registration_, &firstFrame_,
-                  &stabilization_);
-    if (valid == 1) return matrix();
+    const bool first = frames_++ == 0;
+    if (registration_.measure(frame.data())) return matrix();
     if (!first) ++lost_;
     return {};
   }
@@ -177,22 +162,20 @@ class Stabilizer {
     const std::complex<double> shift = currentFromPrevious.shift;
     const float similarity[4] = {static_cast<float>(shift.real()), static_cast<float>(shift.imag()),
                                  static_cast<float>(scale.real() - 1), static_cast<float>(-scale.imag())};
-    if (!stepStabilization(&stabilization_, similarity)) fail("the true path left what can be smoothed");
+    if (!stepStabilization(registration_.stabilization(), similarity)) fail("the true path left what can be smoothed");
     return matrix();
   }
   int lost() const { return lost_; }
 
  private:
-  Similarity matrix() const {
-    const float* m = stabilization_.stabilizationMatrix;
+  Similarity matrix() {
+    const float* m = registration_.stabilization()->stabilizationMatrix;
     return {std::complex<double>(static_cast<double>(m[0]), -static_cast<double>(m[1])),
             std::complex<double>(static_cast<double>(m[2]), static_cast<double>(m[5]))};
   }
 
-  _KROFRegistration* registration_ = nullptr;
-  _KRStabilizationParameters stabilization_ = {};
-  std::vector<_KRMatch> matches_ = std::vector<_KRMatch>(kMaxPoints);
-  int firstFrame_ = 1;
+  PlaneRegistration registration_;
+  int frames_ = 0;
   int lost_ = 0;
 };
 

@@ -16,11 +16,7 @@
 
 #include "api/engine.h"
 #include "percentile.h"
-#include "registration/camera_path.h"
-#include "registration/luminance.h"
-#include "registration/point_tracker.h"
-#include "registration/register_frame.h"
-#include "registration/registration_state.h"
+#include "registration/plane_registration.h"
 #include "registration/worker_pool.h"
 #include "tool_error.h"
 
@@ -94,68 +90,6 @@ struct Motion {
   double m[6] = {1, 0, 0, 0, 1, 0};  // current from previous, pixel centres at integers
 };
 
-// From an affine over registration pixels, whose centres lie at halves, each as large as `factor` file pixels:
-// factor * (A p / factor + t) has the translation factor * t, and p + 1/2 for p takes 1/2 off the result again.
-Motion inFilePixels(const float (&affine)[9], int factor) {
-  Motion motion;
-  motion.valid = true;
-  for (int row = 0; row < 2; ++row) {
-    const double a = static_cast<double>(affine[3 * row]);
-    const double b = static_cast<double>(affine[3 * row + 1]);
-    const double t = static_cast<double>(affine[3 * row + 2]);
-    motion.m[3 * row] = a;
-    motion.m[3 * row + 1] = b;
-    motion.m[3 * row + 2] = factor * t + 0.5 * (a + b) - 0.5;
-  }
-  return motion;
-}
-
-class Registration {
- public:
-  Registration(const Options& options, WorkerPool* pool)
-      : width_(options.width),
-        height_(options.height),
-        factor_(options.full ? 1 : resolutionFactor(options.width, options.height)),
-        luminance_(static_cast<size_t>(width_ / factor_) * static_cast<size_t>(height_ / factor_)),
-        scratch_(luminance_.size()) {
-    if (createRegistration(width_ / factor_, height_ / factor_, 1, &state_) != 0) throw std::bad_alloc();
-    setTrackerWorkers(state_, pool);
-    if (!initStabilization(&stabilization_, 1, 1, width_ / factor_, height_ / factor_)) {
-      releaseRegistration(&state_);
-      throw std::bad_alloc();
-    }
-  }
-  ~Registration() {
-    releaseStabilization(&stabilization_, 1, 1);
-    releaseRegistration(&state_);
-  }
-  Registration(const Registration&) = delete;
-  Registration& operator=(const Registration&) = delete;
-
-  Motion measure(const uint8_t* luma) {
-    prepareLuminance({width_, height_, luma}, factor_, false, luminance_.data(), scratch_.data());
-    float motion[9];
-    float inverseMotion[9];
-    int valid = 0;
-    registerFrame(luminance_.data(), motion, inverseMotion, matches_.data(), &valid, state_, &firstFrame_,
-                  &stabilization_);
-    return valid == 1 ? inFilePixels(inverseMotion, factor_) : Motion();
-  }
-  int tracked() const { return state_->trackedCount; }
-  int kept() const { return state_->matchedCount; }
-
- private:
-  int width_;
-  int height_;
-  int factor_;
-  std::vector<uint8_t> luminance_;
-  std::vector<uint8_t> scratch_;
-  std::vector<_KRMatch> matches_{kMaxPoints};
-  _KROFRegistration* state_ = nullptr;
-  _KRStabilizationParameters stabilization_ = {};
-  int firstFrame_ = 1;
-};
-
 double processorMs() {
   timespec time = {};
   clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
@@ -179,7 +113,8 @@ void run(const Options& options) {
   if (!file) throw ToolError(kExitUnreadable, "cannot read " + options.file);
   std::vector<uint8_t> luma(static_cast<size_t>(options.width) * static_cast<size_t>(options.height));
   Workers workers(options.threads);
-  Registration registration(options, workers.pool());
+  PlaneRegistration registration;
+  if (!registration.create(options.width, options.height, options.full, workers.pool())) throw std::bad_alloc();
   Summary summary;
   for (int i = 0; i < options.frames; ++i) {
     file.read(reinterpret_cast<char*>(luma.data()), static_cast<std::streamsize>(luma.size()));
@@ -188,15 +123,17 @@ void run(const Options& options) {
                                            std::to_string(options.frames));
     }
     const double start = processorMs();
-    const Motion motion = registration.measure(luma.data());
+    Motion motion;
+    motion.valid = registration.measure(luma.data());
+    if (motion.valid) registration.currentFromPrevious(motion.m);
     const double ms = processorMs() - start;
     if (i == 0) continue;
     const double* m = motion.m;
     std::printf("%d %.9g %.9g %.9g %.9g %.9g %.9g %.3f\n", motion.valid ? 1 : 0, m[0], m[1], m[2], m[3], m[4], m[5],
                 ms);
     if (!motion.valid) ++summary.lost;
-    summary.tracked.push_back(registration.tracked());
-    summary.kept.push_back(registration.kept());
+    summary.tracked.push_back(registration.state().trackedCount);
+    summary.kept.push_back(registration.state().matchedCount);
     summary.ms.push_back(ms);
   }
   if (options.stats) summary.print();
