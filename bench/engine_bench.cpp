@@ -21,6 +21,7 @@
 #include "api/engine.h"
 #include "api/engine_control.h"
 #include "gl/engine/gpu_engine.h"
+#include "percentile.h"
 #include "platform/cache_directory.h"
 #include "platform/egl_display.h"
 #include "platform/frame_clock.h"
@@ -42,12 +43,6 @@ constexpr int kPanCycle = 16;  // frames; the pan goes out for half of them and 
 
 double millisecondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-}
-
-double percentile(std::vector<double> values, double share) {
-  const auto at = values.begin() + static_cast<ptrdiff_t>(share * static_cast<double>(values.size() - 1));
-  std::nth_element(values.begin(), at, values.end());
-  return *at;
 }
 
 const char* nameOf(int lightMode) {
@@ -243,10 +238,10 @@ void compareWithBarePasses(int width, int height, int lightMode, int frames) {
     engineMs.push_back(engineTime);
     bareMs.push_back(bareTime);
   }
-  const double engineMedian = percentile(engineMs, 0.5);
-  const double bareMedian = percentile(bareMs, 0.5);
-  const double engineTail = percentile(engineMs, 0.95);
-  const double bareTail = percentile(bareMs, 0.95);
+  const double engineMedian = tool::percentile(engineMs, 50);
+  const double bareMedian = tool::percentile(bareMs, 50);
+  const double engineTail = tool::percentile(engineMs, 95);
+  const double bareTail = tool::percentile(bareMs, 95);
   std::printf("%4dx%-4d  %-8s  %8.2f %8.2f  %8.2f %8.2f  %7.3f %7.3f\n", width, height, nameOf(lightMode), engineMedian,
               engineTail, bareMedian, bareTail, engineMedian / bareMedian, engineTail / bareTail);
   std::fflush(stdout);
@@ -415,7 +410,8 @@ void startSection() {
   }
   std::printf("%-36s  %10s  %11s\n", "", "initialise", "first frame");
   for (const Case& one : cases) {
-    std::printf("%-36s  %10.1f  %11.1f\n", one.name, percentile(one.initialise, 0.5), percentile(one.firstFrame, 0.5));
+    std::printf("%-36s  %10.1f  %11.1f\n", one.name, tool::percentile(one.initialise, 50),
+                tool::percentile(one.firstFrame, 50));
   }
   std::printf("%zu programs kept\n", files);
 }

@@ -26,6 +26,7 @@
 #include <utility>
 #include <vector>
 
+#include "percentile.h"
 #include "registration/plane_registration.h"
 #include "scene_pairs.h"
 
@@ -112,12 +113,6 @@ struct Results {
   }
 };
 
-double percentile(std::vector<double> values, double share) {
-  const auto at = values.begin() + static_cast<ptrdiff_t>(share * static_cast<double>(values.size() - 1));
-  std::nth_element(values.begin(), at, values.end());
-  return *at;
-}
-
 // All methods on one pair. The first to run changes from pair to pair: it finds the frames out of the cache.
 void runPair(const std::vector<Method>& methods, const FramePair& frames, const Affine& truth, size_t turn,
              std::vector<Results>* results) {
@@ -147,9 +142,9 @@ void printRow(const std::string& label, const std::vector<Results>& results) {
   for (const Results& result : results) {
     const auto failed =
         std::count_if(result.errors.begin(), result.errors.end(), [](double error) { return error > kFailurePixels; });
-    std::printf(" | %8.3f %8.3f %6.1f %7.2f", percentile(result.errors, 0.5), percentile(result.errors, 0.9),
+    std::printf(" | %8.3f %8.3f %6.1f %7.2f", tool::percentile(result.errors, 50), tool::percentile(result.errors, 90),
                 100.0 * static_cast<double>(failed) / static_cast<double>(result.errors.size()),
-                percentile(result.milliseconds, 0.5));
+                tool::percentile(result.milliseconds, 50));
   }
   std::printf("\n");
   std::fflush(stdout);
@@ -166,24 +161,35 @@ void dumpPair(const std::string& stem, const FramePair& frames, const Affine& tr
   if (!planes.flush() || !text.flush()) fail("cannot write " + stem);
 }
 
-std::vector<Photo> loadPhotos(const Options& options) {
+std::vector<Photo> photosFor(const Options& options) {
+  std::vector<scenes::NamedPhoto> named;
+  std::string unreadable;
+  if (!scenes::loadPhotos(options.photos, kProceduralPhotos, options.width, options.height, options.seed, &named,
+                          &unreadable)) {
+    fail(unreadable + " is not a binary PGM or PPM of 8 bits");
+  }
+  std::printf("scenes: %zu %s\n", named.size(), options.photos.empty() ? "procedural, for want of photos" : "photos");
   std::vector<Photo> photos;
-  for (const std::string& path : options.photos) {
-    Photo photo;
-    if (!scenes::readPhoto(path, &photo)) fail(path + " is not a binary PGM or PPM of 8 bits");
-    photos.push_back(std::move(photo));
-  }
-  if (!photos.empty()) {
-    std::printf("scenes: %zu photos\n", photos.size());
-    return photos;
-  }
-  std::printf("scenes: %d procedural ones, for want of photos\n", kProceduralPhotos);
-  for (int i = 0; i < kProceduralPhotos; ++i) {
-    photos.push_back(
-        scenes::proceduralPhoto(3 * options.width, 3 * options.height, options.seed + static_cast<uint64_t>(i)));
-  }
+  for (scenes::NamedPhoto& one : named) photos.push_back(std::move(one.photo));
   return photos;
 }
+
+// Frames with nothing in common, one cut after another: each is measured against the one before.
+struct Cuts {
+  int measured = 0;
+  int taken = 0;  // for a motion
+  std::vector<uint8_t> before;
+
+  void add(OurRegistration* ours, const std::vector<uint8_t>& frame) {
+    if (!before.empty()) {
+      Affine unused;
+      ours->prime(before);
+      ++measured;
+      taken += ours->measure(frame, &unused) ? 1 : 0;
+    }
+    before = frame;
+  }
+};
 
 std::vector<Method> allMethods(OurRegistration* ours, [[maybe_unused]] bool alone) {
   std::vector<Method> methods;
@@ -211,13 +217,13 @@ double timeShare(const Results& ours, const Results& other) {
   for (size_t i = 0; i < ours.milliseconds.size(); ++i) {
     shares.push_back(ours.milliseconds[i] / other.milliseconds[i]);
   }
-  return percentile(shares, 0.5);
+  return tool::percentile(shares, 50);
 }
 
 void run(const Options& options) {
   std::printf("%d x %d, %d pairs a class and light, seed %llu\n", options.width, options.height, options.pairs,
               static_cast<unsigned long long>(options.seed));
-  const std::vector<Photo> photos = loadPhotos(options);
+  const std::vector<Photo> photos = photosFor(options);
   OurRegistration ours(options.width, options.height, options.full);
   const std::vector<Method> methods = allMethods(&ours, options.alone);
   if (!options.dump.empty()) std::filesystem::create_directories(options.dump);
@@ -225,6 +231,7 @@ void run(const Options& options) {
   printHeader(methods);
   std::map<Light, std::vector<Results>> everything;
   for (Light light : scenes::kLights) everything[light].resize(methods.size());
+  std::map<Light, Cuts> cuts;
   size_t turn = 0;
   for (Motion motion : scenes::kMotions) {
     std::map<Light, std::vector<Results>> results;
@@ -235,6 +242,7 @@ void run(const Options& options) {
       for (Light light : scenes::kLights) {
         const FramePair frames = scenes::expose(pair, light, options.seed + static_cast<uint64_t>(index));
         runPair(methods, frames, pair.currentFromPrevious, turn++, &results[light]);
+        cuts[light].add(&ours, frames.current);
         if (!options.dump.empty()) {
           dumpPair(options.dump + "/" + nameOf(motion) + "_" + nameOf(light) + "_" + std::to_string(index), frames,
                    pair.currentFromPrevious);
@@ -254,7 +262,10 @@ void run(const Options& options) {
                   methods[i].name.c_str());
     }
   }
-  std::printf("our first frame of a sequence: %.2f ms\n", percentile(ours.primeMilliseconds, 0.5));
+  for (Light light : scenes::kLights) {
+    std::printf("%s: %d of %d cuts taken for a motion\n", nameOf(light), cuts[light].taken, cuts[light].measured);
+  }
+  std::printf("our first frame of a sequence: %.2f ms\n", tool::percentile(ours.primeMilliseconds, 50));
 }
 
 }  // namespace

@@ -490,4 +490,22 @@ std::vector<uint8_t> expose(const std::vector<float>& frame, Light light, double
   return shoot(frame, light, gain, random);
 }
 
+bool loadPhotos(const std::vector<std::string>& paths, int standIns, int width, int height, uint64_t seed,
+                std::vector<NamedPhoto>* photos, std::string* unreadable) {
+  for (const std::string& path : paths) {
+    NamedPhoto one;
+    one.name = path.substr(path.find_last_of('/') + 1);
+    if (!readPhoto(path, &one.photo)) {
+      *unreadable = path;
+      return false;
+    }
+    photos->push_back(std::move(one));
+  }
+  for (int i = 0; i < standIns && paths.empty(); ++i) {
+    photos->push_back(
+        {"procedural " + std::to_string(i), proceduralPhoto(3 * width, 3 * height, seed + static_cast<uint64_t>(i))});
+  }
+  return true;
+}
+
 }  // namespace noxel::scenes

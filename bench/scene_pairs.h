@@ -37,6 +37,16 @@ bool readPhoto(const std::string& path, Photo* photo);
 // noise; its spectrum falls off about as that of photos does.
 Photo proceduralPhoto(int width, int height, uint64_t seed);
 
+struct NamedPhoto {
+  std::string name;
+  Photo photo;
+};
+
+// The photos in these files, or without any `standIns` procedural ones for frames of width x height. False, and the file
+// in *unreadable: one is not a photo.
+bool loadPhotos(const std::vector<std::string>& paths, int standIns, int width, int height, uint64_t seed,
+                std::vector<NamedPhoto>* photos, std::string* unreadable);
+
 enum class Motion {
   Tremor,      // up to 4 pixels, 0.5 degrees of roll, 0.3 % of zoom
   Pan,         // 10 to 40 pixels, with a quarter of the tremor

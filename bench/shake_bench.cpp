@@ -273,21 +273,6 @@ void print(const std::string& label, const Shake& shake) {
   std::fflush(stdout);
 }
 
-std::vector<std::pair<std::string, Photo>> loadPhotos(const Options& options) {
-  std::vector<std::pair<std::string, Photo>> photos;
-  for (const std::string& path : options.photos) {
-    Photo photo;
-    if (!scenes::readPhoto(path, &photo)) fail(path + " is not a binary PGM or PPM of 8 bits");
-    photos.emplace_back(path.substr(path.find_last_of('/') + 1), std::move(photo));
-  }
-  for (int i = 0; photos.size() < kProceduralPhotos && options.photos.empty(); ++i) {
-    photos.emplace_back(
-        "procedural " + std::to_string(i),
-        scenes::proceduralPhoto(3 * options.width, 3 * options.height, options.seed + static_cast<uint64_t>(i)));
-  }
-  return photos;
-}
-
 void run(const Options& options) {
   std::printf(
       "%d frames of %d x %d, %g/s, %s; shake of %g..%g Hz, slope %g, rms %g px (drift %g px) along x and along y, %g "
@@ -302,7 +287,13 @@ void run(const Options& options) {
   }
   Shake everything;
   uint64_t seed = options.seed;
-  for (const auto& [name, photo] : loadPhotos(options)) {
+  std::vector<scenes::NamedPhoto> photos;
+  std::string unreadable;
+  if (!scenes::loadPhotos(options.photos, kProceduralPhotos, options.width, options.height, options.seed, &photos,
+                          &unreadable)) {
+    fail(unreadable + " is not a binary PGM or PPM of 8 bits");
+  }
+  for (const auto& [name, photo] : photos) {
     const Shake shake = shakeOf(photo, light, options, seed++);
     print(name, shake);
     everything.add(shake);

@@ -64,32 +64,26 @@ bool agrees(const Displaced& point, const GlobalMotion& motion, float tolerance)
   return ex * ex + ey * ey <= tolerance * tolerance;
 }
 
-Consensus findConsensus(const Displaced* points, int count, float tolerance, const GlobalMotion* known,
-                        int knownCount) {
-  Consensus best;
+GlobalMotion findConsensus(const Displaced* points, int count, float tolerance, const GlobalMotion* known,
+                           int knownCount) {
   const auto supportOf = [&](const GlobalMotion& motion) {
-    Consensus candidate;
-    candidate.motion = motion;
+    double support = 0.0;
     for (int i = 0; i < count; ++i) {
-      candidate.total += points[i].weight;
-      if (points[i].weight > 0.0f && agrees(points[i], motion, tolerance)) {
-        ++candidate.inliers;
-        candidate.weight += points[i].weight;
-      }
+      if (points[i].weight > 0.0f && agrees(points[i], motion, tolerance)) support += points[i].weight;
     }
-    return candidate;
+    return support;
   };
-  const auto consider = [&](const GlobalMotion& motion) {
-    Consensus candidate = supportOf(motion);
-    if (!(candidate.weight > best.weight)) return;
+  GlobalMotion best;
+  double most = 0.0;
+  const auto consider = [&](GlobalMotion motion) {
     // Two points of many, with the noise of both: the others that agree make it better, and then more agree.
-    for (int i = 0; i < kRefits && candidate.weight > best.weight; ++i) {
-      best = candidate;
-      GlobalMotion refined = best.motion;
-      if (!refit(points, count, tolerance, &refined)) return;
-      candidate = supportOf(refined);
+    for (int i = 0; i <= kRefits; ++i) {
+      const double support = supportOf(motion);
+      if (!(support > most)) return;
+      best = motion;
+      most = support;
+      if (!refit(points, count, tolerance, &motion)) return;
     }
-    if (candidate.weight > best.weight) best = candidate;
   };
   for (int i = 0; i < knownCount; ++i) consider(known[i]);
   if (count < 2) return best;

@@ -132,11 +132,11 @@ void MotionEstimator::searchMotions(int level, GlobalMotion* first, GlobalMotion
   // Whole samples: half of one in each direction is the tolerance, and as much again for the pattern between them.
   const float tolerance = 1.2f * scale;
   const GlobalMotion known[2] = {{}, lastMotion};
-  *first = findConsensus(displaced, grid.count(), tolerance, known, 2).motion;
+  *first = findConsensus(displaced, grid.count(), tolerance, known, 2);
   for (int i = 0; i < grid.count(); ++i) {
     if (agrees(displaced[i], *first, tolerance)) displaced[i].weight = 0.0f;
   }
-  *second = findConsensus(displaced, grid.count(), tolerance, known, 2).motion;
+  *second = findConsensus(displaced, grid.count(), tolerance, known, 2);
 }
 
 // The motion of most of the scene, from blocks that each went their own way.
@@ -163,7 +163,7 @@ GlobalMotion MotionEstimator::consensusMotion(int level, const GlobalMotion* sta
       }
     }
   });
-  return findConsensus(displaced, grid.count(), LevelComparison::kTolerance, starts, startCount).motion;
+  return findConsensus(displaced, grid.count(), LevelComparison::kTolerance, starts, startCount);
 }
 
 double MotionEstimator::supportOf(int level, const GlobalMotion& motion, WorkerPool* pool) {
