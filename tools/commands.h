@@ -1,0 +1,21 @@
+// The subcommands of `noxel`. Each adds its page to the command line; `run` does the work once that was parsed, and returns
+// the exit code or throws a ToolError.
+#pragma once
+
+#include <functional>
+
+namespace CLI {
+class App;
+}
+
+namespace noxel::tool {
+
+struct Command {
+  CLI::App* app;  // owned by the one it was added to
+  std::function<int()> run;
+};
+
+Command addEnhance(CLI::App& app);
+Command addInfo(CLI::App& app);
+
+}  // namespace noxel::tool
