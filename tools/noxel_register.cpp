@@ -15,9 +15,9 @@
 #include <vector>
 
 #include "api/engine.h"
+#include "kernels/worker_pool.h"
 #include "percentile.h"
 #include "registration/plane_registration.h"
-#include "registration/worker_pool.h"
 #include "tool_error.h"
 
 namespace noxel::tool {

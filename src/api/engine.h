@@ -9,9 +9,9 @@
 
 #include "api/engine_control.h"
 #include "gl/engine/gpu_engine.h"
+#include "kernels/worker_pool.h"
 #include "platform/signal.h"
 #include "registration/registration_thread.h"
-#include "registration/worker_pool.h"
 
 namespace noxel {
 

@@ -15,6 +15,12 @@ struct PlaneSizes {
   size_t chroma;
 };
 
+// A chroma plane as one row: a quarter of the samples is no rectangle where a side is odd.
+template <class Byte>
+auto oneRow(Byte* pixels, size_t count) {
+  return kernels::packed(pixels, static_cast<int>(count), 1);
+}
+
 PlaneSizes planeSizes(int width, int height) {
   const size_t luma = static_cast<size_t>(width) * static_cast<size_t>(height);
   return {luma, luma / 4};
@@ -31,7 +37,8 @@ void copyAndConvertInput(unsigned char* destination, const unsigned char* frame,
     const PlaneSizes sizes = planeSizes(width, height);
     const unsigned char* v = frame + sizes.luma;
     std::memcpy(destination, frame, sizes.luma);
-    kernels::interleave(v, v + sizes.chroma, destination + sizes.luma, sizes.chroma);
+    kernels::interleave(oneRow(v, sizes.chroma), oneRow(v + sizes.chroma, sizes.chroma),
+                        oneRow(destination + sizes.luma, 2 * sizes.chroma));
   }
   stopWatch("copyAndConvertInput", 10);
 }
@@ -44,7 +51,8 @@ void copyAndConvertOutput(unsigned char* frame, const unsigned char* source, int
     const PlaneSizes sizes = planeSizes(width, height);
     unsigned char* v = frame + sizes.luma;
     std::memcpy(frame, source, sizes.luma);
-    kernels::deinterleave(source + sizes.luma, v, v + sizes.chroma, sizes.chroma);
+    kernels::deinterleave(oneRow(source + sizes.luma, 2 * sizes.chroma), oneRow(v, sizes.chroma),
+                          oneRow(v + sizes.chroma, sizes.chroma));
   }
   stopWatch("copyAndConvertOutput", 9);
 }

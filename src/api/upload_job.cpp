@@ -86,7 +86,8 @@ void uploadSplit(_KRSuperResEngine* engine, const Claim& claim, int strength) {
   startWatch(1);
   postLoad(engine, claim, kCommandLoadLuma);
   unsigned char* chroma = claim.buffer + static_cast<size_t>(width) * static_cast<size_t>(height);
-  kernels::smoothChroma(chroma, width / 2, height / 2, reach + 1, 4, engine->registration.scratchFrame);
+  kernels::smoothChroma(kernels::packed(chroma, width / 2 * 2, height / 2), reach + 1, 4,
+                        engine->registration.scratchFrame, &engine->registrationWorkers);
   stopWatch("Load Y kasky ja UV:n filtterointi", 1);
   startWatch(3);
   engine->gpu.gpuDone.wait();

@@ -1,134 +1,152 @@
 #include "kernels/planes.h"
 
 #include <algorithm>
-#include <cstring>
+#include <cassert>
 
-#if defined(__ARM_NEON)
-#include <arm_neon.h>
-#elif defined(__SSE2__)
-#include <emmintrin.h>
-#endif
+#include "kernels/row_jobs.h"
+#include "kernels/row_kernels.h"
 
 namespace noxel::kernels {
 namespace {
 
-// One 4 x 4 box over offsets first..first + 3 in both directions. Column sums first: each output then adds four of them.
-void boxFour(const uint8_t* source, int width, int height, int first, uint8_t* destination) {
-  const auto clampTo = [](int value, int limit) { return std::clamp(value, 0, limit - 1); };
-  for (int y = 0; y < height; ++y) {
-    const uint8_t* rows[4];
-    for (int k = 0; k < 4; ++k) rows[k] = source + static_cast<size_t>(clampTo(y + first + k, height)) * width;
-    const auto columnSum = [&](int x) {
-      const int at = clampTo(x, width);
-      return rows[0][at] + rows[1][at] + rows[2][at] + rows[3][at];
-    };
-    uint8_t* out = destination + static_cast<size_t>(y) * width;
-    int sum = columnSum(first) + columnSum(first + 1) + columnSum(first + 2) + columnSum(first + 3);
-    for (int x = 0; x < width; ++x) {
-      out[x] = static_cast<uint8_t>((sum + 8) >> 4);
-      sum += columnSum(x + first + 4) - columnSum(x + first);
+// Helpers are woken for blocks of this many bytes or more.
+constexpr int kBlockBytes = 32768;
+
+int blockRows(int width) {
+  return std::max(1, kBlockBytes / std::max(width, 1));
+}
+
+[[maybe_unused]] bool sameSize(const ConstPlane& a, const ConstPlane& b) {
+  return a.width == b.width && a.height == b.height;
+}
+
+// A separable filter over offsets first..first + taps - 1 of rows [begin, end). finish(y, x, count, means) takes
+// `count` results of row y from x on.
+template <class Finish>
+void filterRows(const ConstPlane& source, Separable filter, int first, int begin, int end, const Finish& finish) {
+  constexpr int kStrip = 512;  // columns at a time: the sums stay in the nearest cache, and off the heap
+  const RowKernels& kernels = rowKernels();
+  const int taps = kTaps[filter];
+  uint16_t sums[kStrip + kMostTaps - 1];
+  uint8_t means[kStrip];
+  for (int y = begin; y < end; ++y) {
+    for (int x = 0; x < source.width; x += kStrip) {
+      const int count = std::min(kStrip, source.width - x);
+      const int reach = count + taps - 1;  // sums[i] is that of column x + first + i
+      const int left = std::max(-(x + first), 0);
+      const int right = std::min(reach, source.width - (x + first));
+      const uint8_t* rows[kMostTaps];
+      for (int k = 0; k < taps; ++k) {
+        rows[k] = source.row(std::clamp(y + first + k, 0, source.height - 1)) + (x + first + left);
+      }
+      kernels.columnSums[filter](rows, 0, right - left, sums + left);
+      std::fill(sums, sums + left, sums[left]);
+      std::fill(sums + right, sums + reach, sums[right - 1]);
+      kernels.rowMeans[filter](sums, 0, count, means);
+      finish(y, x, count, means);
     }
   }
 }
 
-// Running mean along one line of `count` samples that are `step` bytes apart.
-void boxLine(uint8_t* line, int count, ptrdiff_t step, int radius, uint8_t* scratch) {
-  for (int i = 0; i < count; ++i) scratch[i] = line[i * step];
-  const int taps = 2 * radius + 1;
-  const auto sample = [&](int i) { return static_cast<int>(scratch[std::clamp(i, 0, count - 1)]); };
-  int sum = 0;
-  for (int i = -radius; i <= radius; ++i) sum += sample(i);
-  for (int i = 0; i < count; ++i) {
-    line[i * step] = static_cast<uint8_t>((sum + radius) / taps);
-    sum += sample(i + radius + 1) - sample(i - radius);
+void filterPlane(const ConstPlane& source, Separable filter, int first, const Plane& destination, WorkerPool* pool) {
+  assert(sameSize(source, destination));
+  forEachRowBlock(pool, source.height, blockRows(source.width), [&](int begin, int end) {
+    filterRows(source, filter, first, begin, end, [&](int y, int x, int count, const uint8_t* means) {
+      std::copy(means, means + count, destination.row(y) + x);
+    });
+  });
+}
+
+Separable separable(Gauss taps) {
+  return taps == Gauss::kThree ? kGaussThree : kGaussFive;
+}
+
+using HalveRow = void (*)(const uint8_t* upper, const uint8_t* lower, int begin, int end, uint8_t* out);
+
+void halvePlane(const ConstPlane& source, const Plane& destination, HalveRow halve) {
+  assert(destination.width == source.width / 2 && destination.height == source.height / 2);
+  for (int y = 0; y < destination.height; ++y) {
+    halve(source.row(2 * y), source.row(2 * y + 1), 0, destination.width, destination.row(y));
   }
+}
+
+// Calls work(begin, end) for blocks of `lines` rows or columns, each `length` pairs long. Blocks begin where a tile of
+// running means does and hold two tiles or more, as long as there are as many lines: see smoothRows.
+template <class Work>
+void forTiles(WorkerPool* pool, int lines, int length, const Work& work) {
+  constexpr int kTileLines = 8;
+  constexpr int kPasses = 8;  // over a pair, about: copies and iterations
+  const int tiles = std::max(lines / kTileLines, 1);
+  const int perBlock = std::max(blockRows(length * kPasses) / kTileLines, 2);
+  forEachRowBlock(pool, tiles, perBlock,
+                  [&](int begin, int end) { work(begin * kTileLines, end == tiles ? lines : end * kTileLines); });
 }
 
 }  // namespace
 
-void interleave(const uint8_t* first, const uint8_t* second, uint8_t* pairs, size_t count) {
-  size_t i = 0;
-#if defined(__ARM_NEON)
-  for (; i + 16 <= count; i += 16) {
-    const uint8x16x2_t both = {{vld1q_u8(first + i), vld1q_u8(second + i)}};
-    vst2q_u8(pairs + 2 * i, both);
-  }
-#elif defined(__SSE2__)
-  for (; i + 16 <= count; i += 16) {
-    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(first + i));
-    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(second + i));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(pairs + 2 * i), _mm_unpacklo_epi8(a, b));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(pairs + 2 * i + 16), _mm_unpackhi_epi8(a, b));
-  }
-#endif
-  for (; i < count; ++i) {
-    pairs[2 * i] = first[i];
-    pairs[2 * i + 1] = second[i];
+void interleave(const ConstPlane& first, const ConstPlane& second, const Plane& pairs) {
+  assert(sameSize(first, second) && pairs.width == 2 * first.width && pairs.height == first.height);
+  const RowKernels& kernels = rowKernels();
+  for (int y = 0; y < first.height; ++y) {
+    kernels.interleave(first.row(y), second.row(y), 0, first.width, pairs.row(y));
   }
 }
 
-void deinterleave(const uint8_t* pairs, uint8_t* first, uint8_t* second, size_t count) {
-  size_t i = 0;
-#if defined(__ARM_NEON)
-  for (; i + 16 <= count; i += 16) {
-    const uint8x16x2_t both = vld2q_u8(pairs + 2 * i);
-    vst1q_u8(first + i, both.val[0]);
-    vst1q_u8(second + i, both.val[1]);
-  }
-#elif defined(__SSE2__)
-  const __m128i low = _mm_set1_epi16(0x00ff);
-  for (; i + 16 <= count; i += 16) {
-    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pairs + 2 * i));
-    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pairs + 2 * i + 16));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(first + i),
-                     _mm_packus_epi16(_mm_and_si128(a, low), _mm_and_si128(b, low)));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(second + i),
-                     _mm_packus_epi16(_mm_srli_epi16(a, 8), _mm_srli_epi16(b, 8)));
-  }
-#endif
-  for (; i < count; ++i) {
-    first[i] = pairs[2 * i];
-    second[i] = pairs[2 * i + 1];
+void deinterleave(const ConstPlane& pairs, const Plane& first, const Plane& second) {
+  assert(sameSize(first, second) && pairs.width == 2 * first.width && pairs.height == first.height);
+  const RowKernels& kernels = rowKernels();
+  for (int y = 0; y < first.height; ++y) {
+    kernels.deinterleave(pairs.row(y), 0, first.width, first.row(y), second.row(y));
   }
 }
 
-void downscaleByTwo(const uint8_t* source, int width, int height, uint8_t* destination) {
-  for (int y = 0; y < height / 2; ++y) {
-    const uint8_t* upper = source + static_cast<size_t>(2 * y) * width;
-    const uint8_t* lower = upper + width;
-    uint8_t* out = destination + static_cast<size_t>(y) * (width / 2);
-    for (int x = 0; x < width / 2; ++x) {
-      out[x] = static_cast<uint8_t>((upper[2 * x] + upper[2 * x + 1] + lower[2 * x] + lower[2 * x + 1] + 2) >> 2);
-    }
-  }
+void downscaleByTwo(const ConstPlane& source, const Plane& destination) {
+  halvePlane(source, destination, rowKernels().halve);
 }
 
-void downscaleByTwoDiagonal(const uint8_t* source, int width, int height, uint8_t* destination) {
-  for (int y = 0; y < height / 2; ++y) {
-    const uint8_t* upper = source + static_cast<size_t>(2 * y) * width;
-    const uint8_t* lower = upper + width;
-    uint8_t* out = destination + static_cast<size_t>(y) * (width / 2);
-    for (int x = 0; x < width / 2; ++x) out[x] = static_cast<uint8_t>((upper[2 * x] + lower[2 * x + 1] + 1) >> 1);
-  }
+void downscaleByTwoDiagonal(const ConstPlane& source, const Plane& destination) {
+  halvePlane(source, destination, rowKernels().halveDiagonal);
 }
 
-void smoothTwice(uint8_t* image, int width, int height, uint8_t* scratch) {
-  boxFour(image, width, height, -2, scratch);
-  boxFour(scratch, width, height, -1, image);
+void boxFour(const ConstPlane& source, int first, const Plane& destination, WorkerPool* pool) {
+  assert(first >= -3 && first <= 0);
+  filterPlane(source, kBoxFour, first, destination, pool);
 }
 
-void smoothChroma(uint8_t* pairs, int width, int height, int radius, int iterations, uint8_t* scratch) {
-  for (int component = 0; component < 2; ++component) {
-    uint8_t* plane = pairs + component;
-    for (int y = 0; y < height; ++y) {
-      uint8_t* row = plane + static_cast<size_t>(y) * width * 2;
-      for (int i = 0; i < iterations; ++i) boxLine(row, width, 2, radius, scratch);
-    }
-    for (int x = 0; x < width; ++x) {
-      uint8_t* column = plane + static_cast<size_t>(x) * 2;
-      for (int i = 0; i < iterations; ++i) boxLine(column, height, ptrdiff_t{2} * width, radius, scratch);
-    }
-  }
+void smoothTwice(const Plane& image, uint8_t* scratch, WorkerPool* pool) {
+  const Plane between = packed(scratch, image.width, image.height);
+  boxFour(image, -2, between, pool);
+  boxFour(between, -1, image, pool);
+}
+
+void gauss(const ConstPlane& source, Gauss taps, const Plane& destination, WorkerPool* pool) {
+  filterPlane(source, separable(taps), taps == Gauss::kThree ? -1 : -2, destination, pool);
+}
+
+void sharpen(const ConstPlane& source, Gauss taps, int sixteenths, const Plane& destination, WorkerPool* pool) {
+  assert(sameSize(source, destination) && sixteenths >= 0 && sixteenths <= kMostSharpening);
+  forEachRowBlock(pool, source.height, blockRows(source.width), [&](int begin, int end) {
+    const RowKernels& kernels = rowKernels();
+    const auto finish = [&](int y, int x, int count, const uint8_t* means) {
+      kernels.sharpen(source.row(y) + x, means, sixteenths, 0, count, destination.row(y) + x);
+    };
+    filterRows(source, separable(taps), taps == Gauss::kThree ? -1 : -2, begin, end, finish);
+  });
+}
+
+void smoothChroma(const Plane& pairs, int radius, int iterations, uint8_t* scratch, WorkerPool* pool) {
+  assert(pairs.width % 2 == 0 && radius >= 0);
+  const RowKernels& kernels = rowKernels();
+  const int width = pairs.width / 2;
+  const int height = pairs.height;
+  if (width == 0 || height == 0) return;
+  // A block's share of the scratch is that of its own pairs.
+  forTiles(pool, height, width, [&](int begin, int end) {
+    kernels.smoothRows(pairs, begin, end, radius, iterations, scratch + static_cast<ptrdiff_t>(begin) * width);
+  });
+  forTiles(pool, width, height, [&](int begin, int end) {
+    kernels.smoothColumns(pairs, begin, end, radius, iterations, scratch + static_cast<ptrdiff_t>(begin) * height);
+  });
 }
 
 }  // namespace noxel::kernels

@@ -15,12 +15,14 @@ void prepareLuminance(const LumaImage& luma, int factor, bool diagonal, uint8_t*
     std::memcpy(luminance, luma.pixels, static_cast<size_t>(luma.width) * static_cast<size_t>(luma.height));
     return;
   }
+  const kernels::ConstPlane source = kernels::packed(luma.pixels, luma.width, luma.height);
+  const kernels::Plane half = kernels::packed(luminance, luma.width / 2, luma.height / 2);
   if (diagonal) {
-    kernels::downscaleByTwoDiagonal(luma.pixels, luma.width, luma.height, luminance);
+    kernels::downscaleByTwoDiagonal(source, half);
   } else {
-    kernels::downscaleByTwo(luma.pixels, luma.width, luma.height, luminance);
+    kernels::downscaleByTwo(source, half);
   }
-  kernels::smoothTwice(luminance, luma.width / 2, luma.height / 2, scratch);
+  kernels::smoothTwice(half, scratch);
 }
 
 }  // namespace noxel

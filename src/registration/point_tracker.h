@@ -1,8 +1,8 @@
 // What the registration driver asks of the tracker, once per frame.
 #pragma once
 
+#include "kernels/worker_pool.h"
 #include "registration/registration_state.h"
-#include "registration/worker_pool.h"
 
 namespace noxel {
 

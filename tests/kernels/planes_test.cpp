@@ -4,13 +4,21 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
+#include <functional>
 #include <random>
 #include <vector>
+
+#include "kernels/row_kernels.h"
+#include "lent_threads.h"
 
 namespace noxel {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using kernels::ConstPlane;
+using kernels::Gauss;
+using kernels::packed;
 
 struct Size {
   int width;
@@ -18,11 +26,10 @@ struct Size {
   size_t area() const { return static_cast<size_t>(width) * static_cast<size_t>(height); }
 };
 
-// One pixel, one line, odd, below and just above a vector's 16 bytes, larger than every filter's reach.
-constexpr Size kSizes[] = {{1, 1}, {1, 9}, {7, 1}, {4, 2}, {3, 5}, {17, 15}, {31, 18}, {65, 33}};
-
-// 16 and the lengths round it are where a vector loop hands over to its tail.
-constexpr size_t kCounts[] = {0, 1, 15, 16, 17, 31, 32, 33, 1000};
+// One pixel, one line, odd, below and just above a vector's 16 bytes, larger than every filter's reach, wider than a
+// strip.
+constexpr Size kSizes[] = {{1, 1},   {1, 9},   {7, 1},   {4, 2},   {3, 2},   {3, 5},   {17, 5},
+                           {17, 15}, {31, 18}, {33, 31}, {65, 33}, {66, 49}, {1030, 5}};
 
 Bytes randomBytes(size_t count, unsigned seed) {
   std::mt19937 random(seed);
@@ -31,32 +38,74 @@ Bytes randomBytes(size_t count, unsigned seed) {
   return bytes;
 }
 
-// A buffer that notices what is written beside it. It begins at an odd address: no kernel may count on alignment. Each
-// has marks of its own: what one kernel copies out of one buffer's guard shows in another's.
-class Guarded {
+// A plane's memory, with padding between the rows. It begins at an odd address: no kernel may count on alignment. A
+// target has guards round it that notice what is written beside it; a source ends with its last pixel, so that an
+// address sanitizer notices what is read behind it. Each has marks of its own: what one kernel copies out of one guard
+// shows in another.
+class Sheet {
  public:
-  explicit Guarded(size_t count) : size(count), mark(++lastMark), bytes(count + 2 * kGuard, mark) {}
-  explicit Guarded(const Bytes& content) : Guarded(content.size()) {
-    std::copy(content.begin(), content.end(), data());
+  static Sheet target(Size size, const Bytes& content = {}) { return Sheet(size, content, 33); }
+  static Sheet source(Size size, const Bytes& content) { return Sheet(size, content, 1); }
+
+  kernels::Plane plane() { return {bytes.data() + guard, size.width, size.height, size.width + kPadding}; }
+
+  Bytes content() {
+    Bytes pixels;
+    for (int y = 0; y < size.height; ++y) pixels.insert(pixels.end(), plane().row(y), plane().row(y) + size.width);
+    return pixels;
   }
 
-  uint8_t* data() { return bytes.data() + kGuard; }
-  Bytes content() { return {data(), data() + size}; }
-  bool intact() const {
-    const auto isMark = [this](uint8_t byte) { return byte == mark; };
-    return std::all_of(bytes.begin(), bytes.begin() + kGuard, isMark) &&
-           std::all_of(bytes.end() - kGuard, bytes.end(), isMark);
+  bool intact() {
+    Bytes outside = bytes;
+    for (int y = size.height - 1; y >= 0; --y) {
+      const auto row = outside.begin() + (plane().row(y) - bytes.data());
+      outside.erase(row, row + size.width);
+    }
+    return std::all_of(outside.begin(), outside.end(), [this](uint8_t byte) { return byte == mark; });
   }
 
  private:
-  static constexpr ptrdiff_t kGuard = 33;
+  static constexpr int kPadding = 5;
+
+  Sheet(Size ofPlane, const Bytes& content, size_t guardBytes) : size(ofPlane), guard(guardBytes), mark(++lastMark) {
+    const size_t rows = static_cast<size_t>(size.height);
+    const size_t inside = size.area() == 0 ? 0 : size.area() + (rows - 1) * kPadding;
+    bytes.assign(inside + guard + (guard > 1 ? guard : 0), mark);
+    for (int y = 0; y < size.height && !content.empty(); ++y) {
+      std::copy_n(content.begin() + static_cast<ptrdiff_t>(y) * size.width, size.width, plane().row(y));
+    }
+  }
+
   static inline uint8_t lastMark = 0;
-  size_t size;
+  Size size;
+  size_t guard;
   uint8_t mark;
   Bytes bytes;
 };
 
-struct Plane {
+// Runs `test` once with the plain kernels and once with the processor's; each is compared with the truth, so with the
+// other.
+void onEachPath(const std::function<void()>& test) {
+  for (const char* path : {"plain", "vectors"}) {
+    SCOPED_TRACE(path);
+    setenv("NOXEL_KERNELS", path, 1);
+    kernels::rereadKernelChoice();
+    test();
+  }
+  unsetenv("NOXEL_KERNELS");
+  kernels::rereadKernelChoice();
+}
+
+void onEachPathAndSize(const std::function<void(Size)>& test) {
+  onEachPath([&] {
+    for (const Size size : kSizes) {
+      SCOPED_TRACE(testing::Message() << size.width << " x " << size.height);
+      test(size);
+    }
+  });
+}
+
+struct Picture {
   Size size;
   Bytes bytes;
   int at(int x, int y) const {  // edge pixels repeated
@@ -66,22 +115,35 @@ struct Plane {
   }
 };
 
-Plane boxOfSixteen(const Plane& source, int first) {
-  Plane result = {source.size, {}};
+// Each pixel the mean over the products of the weights, at offsets from `first` on, rounded half up.
+Picture filtered(const Picture& source, int first, const std::vector<int>& weights) {
+  Picture result = {source.size, {}};
+  const int taps = static_cast<int>(weights.size());
   for (int y = 0; y < source.size.height; ++y) {
     for (int x = 0; x < source.size.width; ++x) {
-      int sum = 0;
-      for (int dy = first; dy < first + 4; ++dy) {
-        for (int dx = first; dx < first + 4; ++dx) sum += source.at(x + dx, y + dy);
+      double sum = 0;
+      double weight = 0;
+      for (int k = 0; k < taps * taps; ++k) {
+        const int product = weights[static_cast<size_t>(k / taps)] * weights[static_cast<size_t>(k % taps)];
+        sum += product * source.at(x + first + k % taps, y + first + k / taps);
+        weight += product;
       }
-      result.bytes.push_back(static_cast<uint8_t>(std::floor(sum / 16.0 + 0.5)));
+      result.bytes.push_back(static_cast<uint8_t>(std::floor(sum / weight + 0.5)));
     }
   }
   return result;
 }
 
-Plane lineMean(const Plane& source, int radius, bool horizontal) {
-  Plane result = {source.size, {}};
+Picture boxOfSixteen(const Picture& source, int first) {
+  return filtered(source, first, {1, 1, 1, 1});
+}
+
+Picture gaussian(const Picture& source, Gauss taps) {
+  return taps == Gauss::kThree ? filtered(source, -1, {1, 2, 1}) : filtered(source, -2, {1, 4, 6, 4, 1});
+}
+
+Picture lineMean(const Picture& source, int radius, bool horizontal) {
+  Picture result = {source.size, {}};
   for (int y = 0; y < source.size.height; ++y) {
     for (int x = 0; x < source.size.width; ++x) {
       double sum = 0;
@@ -92,32 +154,46 @@ Plane lineMean(const Plane& source, int radius, bool horizontal) {
   return result;
 }
 
+TEST(KernelChoice, PlainIsTakenWhenAskedForAndNotOtherwise) {
+  const kernels::RowKernels* taken[2] = {};
+  int path = 0;
+  onEachPath([&] { taken[path++] = &kernels::rowKernels(); });
+  EXPECT_EQ(taken[0], &kernels::kPlainRows);
+#if defined(__SSE2__) || defined(__ARM_NEON)
+  EXPECT_NE(taken[1], &kernels::kPlainRows);
+#endif
+}
+
 TEST(Interleave, PairsAndTakesApartEveryLength) {
-  for (const size_t count : kCounts) {
-    SCOPED_TRACE(count);
-    const Bytes first = randomBytes(count, 1);
-    const Bytes second = randomBytes(count, 2);
-    Bytes expected;
-    for (size_t i = 0; i < count; ++i) expected.insert(expected.end(), {first[i], second[i]});
+  onEachPath([] {
+    // 16 and the lengths round it are where a vector loop hands over to its tail.
+    for (const int count : {0, 1, 15, 16, 17, 31, 32, 33, 1000}) {
+      SCOPED_TRACE(count);
+      const Size size = {count, 3};
+      const Size doubled = {2 * count, 3};
+      const Bytes first = randomBytes(size.area(), 1);
+      const Bytes second = randomBytes(size.area(), 2);
+      Bytes expected;
+      for (size_t i = 0; i < size.area(); ++i) expected.insert(expected.end(), {first[i], second[i]});
 
-    Guarded pairs(2 * count);
-    kernels::interleave(Guarded(first).data(), Guarded(second).data(), pairs.data(), count);
-    EXPECT_EQ(pairs.content(), expected);
-    EXPECT_TRUE(pairs.intact());
+      Sheet pairs = Sheet::target(doubled);
+      kernels::interleave(Sheet::source(size, first).plane(), Sheet::source(size, second).plane(), pairs.plane());
+      EXPECT_EQ(pairs.content(), expected);
+      EXPECT_TRUE(pairs.intact());
 
-    Guarded firstBack(count);
-    Guarded secondBack(count);
-    kernels::deinterleave(pairs.data(), firstBack.data(), secondBack.data(), count);
-    EXPECT_EQ(firstBack.content(), first);
-    EXPECT_EQ(secondBack.content(), second);
-    EXPECT_TRUE(firstBack.intact() && secondBack.intact());
-  }
+      Sheet firstBack = Sheet::target(size);
+      Sheet secondBack = Sheet::target(size);
+      kernels::deinterleave(Sheet::source(doubled, expected).plane(), firstBack.plane(), secondBack.plane());
+      EXPECT_EQ(firstBack.content(), first);
+      EXPECT_EQ(secondBack.content(), second);
+      EXPECT_TRUE(firstBack.intact() && secondBack.intact());
+    }
+  });
 }
 
 TEST(Downscale, AveragesBlocksAndDropsTheOddRowAndColumn) {
-  for (const Size size : kSizes) {
-    SCOPED_TRACE(testing::Message() << size.width << " x " << size.height);
-    const Plane source = {size, randomBytes(size.area(), 3)};
+  onEachPathAndSize([](Size size) {
+    const Picture source = {size, randomBytes(size.area(), 3)};
     const Size half = {size.width / 2, size.height / 2};
     Bytes ofFour;
     Bytes ofDiagonal;
@@ -129,25 +205,25 @@ TEST(Downscale, AveragesBlocksAndDropsTheOddRowAndColumn) {
         ofDiagonal.push_back(static_cast<uint8_t>(std::floor(diagonal / 2.0 + 0.5)));
       }
     }
-    Guarded actual(half.area());
-    kernels::downscaleByTwo(source.bytes.data(), size.width, size.height, actual.data());
+    Sheet from = Sheet::source(size, source.bytes);
+    Sheet actual = Sheet::target(half);
+    kernels::downscaleByTwo(from.plane(), actual.plane());
     EXPECT_EQ(actual.content(), ofFour);
-    kernels::downscaleByTwoDiagonal(source.bytes.data(), size.width, size.height, actual.data());
+    kernels::downscaleByTwoDiagonal(from.plane(), actual.plane());
     EXPECT_EQ(actual.content(), ofDiagonal);
     EXPECT_TRUE(actual.intact());
-  }
+  });
 }
 
 TEST(SmoothTwice, IsTwoBoxesOfSixteen) {
-  for (const Size size : kSizes) {
-    SCOPED_TRACE(testing::Message() << size.width << " x " << size.height);
-    const Plane source = {size, randomBytes(size.area(), 4)};
-    Guarded image(source.bytes);
-    Guarded scratch(size.area());
-    kernels::smoothTwice(image.data(), size.width, size.height, scratch.data());
+  onEachPathAndSize([](Size size) {
+    const Picture source = {size, randomBytes(size.area(), 4)};
+    Sheet image = Sheet::target(size, source.bytes);
+    Bytes scratch(size.area());
+    kernels::smoothTwice(image.plane(), scratch.data());
     EXPECT_EQ(image.content(), boxOfSixteen(boxOfSixteen(source, -2), -1).bytes);
-    EXPECT_TRUE(image.intact() && scratch.intact());
-  }
+    EXPECT_TRUE(image.intact());
+  });
 }
 
 TEST(SmoothTwice, ShiftsNothing) {
@@ -157,7 +233,7 @@ TEST(SmoothTwice, ShiftsNothing) {
   Bytes image(kSize.area(), 0);
   Bytes scratch(kSize.area());
   image[kY * kSize.width + kX] = 255;
-  kernels::smoothTwice(image.data(), kSize.width, kSize.height, scratch.data());
+  kernels::smoothTwice(packed(image.data(), kSize.width, kSize.height), scratch.data());
 
   long weight = 0;
   long momentX = 0;
@@ -175,30 +251,137 @@ TEST(SmoothTwice, ShiftsNothing) {
   EXPECT_EQ(momentY, 0);
 }
 
+TEST(BoxAndGauss, AreWeightedMeansWithTheEdgeRepeated) {
+  onEachPathAndSize([](Size size) {
+    const Picture source = {size, randomBytes(size.area(), 7)};
+    Sheet from = Sheet::source(size, source.bytes);
+    Sheet actual = Sheet::target(size);
+    for (const int first : {-3, 0}) {  // the boxes furthest to either side
+      kernels::boxFour(from.plane(), first, actual.plane());
+      EXPECT_EQ(actual.content(), boxOfSixteen(source, first).bytes) << "box from " << first;
+    }
+    for (const Gauss taps : {Gauss::kThree, Gauss::kFive}) {
+      kernels::gauss(from.plane(), taps, actual.plane());
+      EXPECT_EQ(actual.content(), gaussian(source, taps).bytes) << (taps == Gauss::kThree ? "3 taps" : "5 taps");
+    }
+    EXPECT_TRUE(actual.intact());
+  });
+}
+
+TEST(BoxAndGauss, HoldTheBrightestPlane) {
+  onEachPath([] {
+    constexpr Size kSize = {40, 9};
+    const Bytes white(kSize.area(), 255);  // 255 * 256 + 128 is the largest sum that there is
+    Sheet from = Sheet::source(kSize, white);
+    Sheet actual = Sheet::target(kSize);
+    kernels::gauss(from.plane(), Gauss::kFive, actual.plane());
+    EXPECT_EQ(actual.content(), white);
+    kernels::boxFour(from.plane(), -1, actual.plane());
+    EXPECT_EQ(actual.content(), white);
+  });
+}
+
+TEST(Sharpen, AddsTheDifferenceToTheGaussAndSaturates) {
+  onEachPathAndSize([](Size size) {
+    // Black and white among the rest: the largest differences there are, to both sides.
+    Picture source = {size, randomBytes(size.area(), 8)};
+    for (size_t i = 0; i < source.bytes.size(); i += 3) source.bytes[i] = source.bytes[i] < 128 ? 0 : 255;
+    Sheet from = Sheet::source(size, source.bytes);
+    Sheet actual = Sheet::target(size);
+    for (const Gauss taps : {Gauss::kThree, Gauss::kFive}) {
+      const Picture means = gaussian(source, taps);
+      for (const int sixteenths : {0, 5, 16, kernels::kMostSharpening}) {
+        Bytes expected;
+        for (size_t i = 0; i < source.bytes.size(); ++i) {
+          const double sharp = source.bytes[i] + sixteenths * (source.bytes[i] - means.bytes[i]) / 16.0;
+          expected.push_back(static_cast<uint8_t>(std::clamp(std::floor(sharp + 0.5), 0.0, 255.0)));
+        }
+        kernels::sharpen(from.plane(), taps, sixteenths, actual.plane());
+        EXPECT_EQ(actual.content(), expected) << sixteenths << " sixteenths";
+      }
+    }
+    EXPECT_TRUE(actual.intact());
+  });
+}
+
 TEST(SmoothChroma, AveragesRowsThenColumnsOfEachComponent) {
-  for (const Size size : kSizes) {
-    for (const int radius : {1, 4, 16}) {
-      SCOPED_TRACE(testing::Message() << size.width << " x " << size.height << ", radius " << radius);
+  onEachPathAndSize([](Size size) {
+    for (const int radius : {0, 1, 4, 26, 63, 64}) {  // vectors go up to 63
+      SCOPED_TRACE(testing::Message() << "radius " << radius);
       constexpr int kIterations = 3;
-      Plane components[2] = {{size, randomBytes(size.area(), 5)}, {size, randomBytes(size.area(), 6)}};
+      Picture components[2] = {{size, randomBytes(size.area(), 5)}, {size, randomBytes(size.area(), 6)}};
+      std::fill_n(components[1].bytes.begin(), size.area() / 2, uint8_t{255});  // the largest sums
       Bytes interleaved;
       for (size_t i = 0; i < 2 * size.area(); ++i) interleaved.push_back(components[i % 2].bytes[i / 2]);
-      Guarded pairs(interleaved);
-      Guarded scratch(static_cast<size_t>(std::max(size.width, size.height)));
-      kernels::smoothChroma(pairs.data(), size.width, size.height, radius, kIterations, scratch.data());
+      Sheet pairs = Sheet::target({2 * size.width, size.height}, interleaved);
+      Bytes scratch(size.area());
+      kernels::smoothChroma(pairs.plane(), radius, kIterations, scratch.data());
 
-      for (Plane& plane : components) {
+      for (Picture& component : components) {
         for (const bool horizontal : {true, false}) {
-          for (int i = 0; i < kIterations; ++i) plane = lineMean(plane, radius, horizontal);
+          for (int i = 0; i < kIterations; ++i) component = lineMean(component, radius, horizontal);
         }
       }
-      const Bytes actual = pairs.content();
-      bool same = true;
-      for (size_t i = 0; i < actual.size(); ++i) same = same && actual[i] == components[i % 2].bytes[i / 2];
-      EXPECT_TRUE(same);
-      EXPECT_TRUE(pairs.intact() && scratch.intact());
+      Bytes expected;
+      for (size_t i = 0; i < 2 * size.area(); ++i) expected.push_back(components[i % 2].bytes[i / 2]);
+      EXPECT_EQ(pairs.content(), expected);
+      EXPECT_TRUE(pairs.intact());
     }
-  }
+  });
+}
+
+// Dark, a pixel of each value, then white: the window that moves over it takes every sum there is. Rows alone, so that
+// no second mean hides a wrong quotient.
+TEST(SmoothChroma, DividesEverySumExactly) {
+  onEachPath([] {
+    for (int radius = 1; radius <= 63; ++radius) {
+      const int width = 2 * radius + 2;
+      const int taps = 2 * radius + 1;
+      constexpr int kHeight = 256;
+      Bytes pairs;
+      for (int value = 0; value < kHeight; ++value) {
+        for (int x = 0; x < width; ++x) {
+          pairs.insert(pairs.end(), 2, static_cast<uint8_t>(x <= radius ? 0 : x == radius + 1 ? value : 255));
+        }
+      }
+      Bytes scratch(pairs.size() / 2);
+      kernels::rowKernels().smoothRows(packed(pairs.data(), 2 * width, kHeight), 0, kHeight, radius, 1, scratch.data());
+      int wrong = 0;
+      for (int sum = 0; sum < 255 * taps; ++sum) {
+        const int at = 2 * (sum % 255 * width + sum / 255 + 1);
+        wrong += pairs[static_cast<size_t>(at)] != (sum + radius) / taps;
+        wrong += pairs[static_cast<size_t>(at + 1)] != (sum + radius) / taps;
+      }
+      EXPECT_EQ(wrong, 0) << "radius " << radius;
+    }
+  });
+}
+
+TEST(Kernels, HelpersChangeNoByte) {
+  constexpr Size kSize = {643, 205};  // enough rows and columns for several blocks, none of them whole
+  const Bytes source = randomBytes(kSize.area(), 9);
+  const Bytes chroma = randomBytes(2 * kSize.area(), 10);
+  onEachPath([&] {
+    std::vector<Bytes> alone;
+    for (const int helpers : {-1, 0, 1, 4}) {
+      SCOPED_TRACE(testing::Message() << helpers << " helpers");
+      WorkerPool pool;
+      const Lent lent(&pool, std::max(helpers, 0));
+      WorkerPool* help = helpers < 0 ? nullptr : &pool;
+      const ConstPlane from = packed(source.data(), kSize.width, kSize.height);
+      std::vector<Bytes> results(4, Bytes(kSize.area()));
+      const auto plane = [&](size_t i) { return packed(results[i].data(), kSize.width, kSize.height); };
+      kernels::gauss(from, Gauss::kFive, plane(0), help);
+      kernels::sharpen(from, Gauss::kThree, 20, plane(1), help);
+      Bytes scratch(kSize.area());
+      results[2] = source;
+      kernels::smoothTwice(plane(2), scratch.data(), help);
+      results[3] = chroma;
+      kernels::smoothChroma(packed(results[3].data(), 2 * kSize.width, kSize.height), 7, 4, scratch.data(), help);
+      if (helpers < 0) alone = results;
+      EXPECT_EQ(results, alone);
+    }
+  });
 }
 
 }  // namespace

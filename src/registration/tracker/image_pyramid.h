@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "registration/worker_pool.h"
+#include "kernels/worker_pool.h"
 
 namespace noxel::tracker {
 

@@ -1,4 +1,4 @@
-#include "registration/worker_pool.h"
+#include "kernels/worker_pool.h"
 
 #include "platform/signal.h"
 

@@ -1,5 +1,5 @@
-// Threads that help with a frame's registration. The pool starts none itself: whoever owns threads lends them by calling
-// serve(), and takes them back with stop().
+// Threads that help with a job: a frame's registration, a plane's filter. The pool starts none itself: whoever owns
+// threads lends them by calling serve(), and takes them back with stop().
 #pragma once
 
 #include <pthread.h>

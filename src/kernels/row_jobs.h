@@ -1,0 +1,35 @@
+// Work that is split into blocks of rows: what a row gets may not depend on who does it, nor on which block it is in.
+#pragma once
+
+#include <cstdint>
+
+#include "kernels/worker_pool.h"
+
+namespace noxel {
+
+// Calls work(firstRow, endRow) for blocks that cover `rows`, on the calling thread and the pool's helpers, and returns
+// when all are done. A block has `rowsPerBlock` rows or more, and less than twice as many; with fewer rows than that in
+// all, or without a pool, the calling thread takes them all at once.
+template <class Work>
+void forEachRowBlock(WorkerPool* pool, int rows, int rowsPerBlock, const Work& work) {
+  const int blocks = rows / rowsPerBlock;
+  if (pool == nullptr || blocks < 2) {
+    if (rows > 0) work(0, rows);
+    return;
+  }
+  struct Job {
+    const Work* work;
+    int64_t rows;
+    int blocks;
+    int first(int block) const { return static_cast<int>(rows * block / blocks); }
+  } job = {&work, rows, blocks};
+  pool->run(
+      blocks,
+      [](void* argument, int index) {
+        const Job& own = *static_cast<Job*>(argument);
+        (*own.work)(own.first(index), own.first(index + 1));
+      },
+      &job);
+}
+
+}  // namespace noxel

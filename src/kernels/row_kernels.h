@@ -1,0 +1,63 @@
+// What the plane kernels do with a row: one table in plain C++, one in the processor's vectors. Internal to
+// src/kernels, its tests and its bench.
+//
+// Spans are [begin, end) into the rows given; nothing outside of them is read or written, so that a vector loop hands
+// the rest of a row to the plain one.
+#pragma once
+
+#include <cstdint>
+
+#include "kernels/planes.h"
+
+namespace noxel::kernels {
+
+// Filters that are a sum down the column, then along the row of these sums, then a rounded shift.
+enum Separable { kBoxFour, kGaussThree, kGaussFive, kSeparableCount };
+
+inline constexpr int kMostTaps = 5;
+inline constexpr int kTaps[kSeparableCount] = {4, 3, 5};
+inline constexpr int kWeightBits[kSeparableCount] = {4, 4, 8};  // log2 of the weights' sum; 255 times it fits 16 bits
+
+// The taps' weighted sum, for one sample or a vector of them.
+template <Separable kFilter, class Number>
+Number weighted(const Number* tap) {
+  if constexpr (kFilter == kBoxFour) {
+    return (tap[0] + tap[1]) + (tap[2] + tap[3]);
+  } else if constexpr (kFilter == kGaussThree) {
+    return (tap[0] + tap[2]) + (tap[1] << 1);
+  } else {
+    return (tap[0] + tap[4]) + ((tap[1] + tap[2] + tap[3]) << 2) + (tap[2] << 1);
+  }
+}
+
+struct RowKernels {
+  void (*interleave)(const uint8_t* first, const uint8_t* second, int begin, int end, uint8_t* pairs);
+  void (*deinterleave)(const uint8_t* pairs, int begin, int end, uint8_t* first, uint8_t* second);
+
+  // Of two source rows; the span is the destination's.
+  void (*halve)(const uint8_t* upper, const uint8_t* lower, int begin, int end, uint8_t* out);
+  void (*halveDiagonal)(const uint8_t* upper, const uint8_t* lower, int begin, int end, uint8_t* out);
+
+  // sums[x]: the weighted sum of rows[0][x], rows[1][x], ...
+  void (*columnSums[kSeparableCount])(const uint8_t* const* rows, int begin, int end, uint16_t* sums);
+  // out[x]: the weighted sum of sums[x], sums[x + 1], ..., shifted by the weights' bits, rounded half up.
+  void (*rowMeans[kSeparableCount])(const uint16_t* sums, int begin, int end, uint8_t* out);
+
+  void (*sharpen)(const uint8_t* source, const uint8_t* blurred, int sixteenths, int begin, int end, uint8_t* out);
+
+  // smoothChroma's two halves, on rows [begin, end) and on columns of pairs [begin, end). `scratch`: a byte for each
+  // pair.
+  void (*smoothRows)(const Plane& pairs, int begin, int end, int radius, int iterations, uint8_t* scratch);
+  void (*smoothColumns)(const Plane& pairs, int begin, int end, int radius, int iterations, uint8_t* scratch);
+};
+
+extern const RowKernels kPlainRows;
+extern const RowKernels* const kVectorRows;  // null where the processor has neither SSE2 nor NEON
+
+// The table in use: the plain one where there is no other or NOXEL_KERNELS is "plain", which is read at the first call.
+const RowKernels& rowKernels();
+
+// Reads NOXEL_KERNELS again. For tests; not while a kernel runs.
+void rereadKernelChoice();
+
+}  // namespace noxel::kernels
