@@ -173,7 +173,7 @@ int lastTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity) {
 
 int captureGhostMask(_KRSuperResEngine* engine, bool on) {
   const EngineReference reference(engine);
-  if (!reference || engine->mode == kModeSynchronousRgba) return 1;
+  if (!reference || (engine->mode != kModeEnhance && engine->mode != kModeNeutralExposure)) return 1;
   DeliveryNotes* notes = &engine->notes;
   Lock lock(frameMutex);
   if (on && notes->mask == nullptr) {

@@ -7,8 +7,10 @@ namespace noxel {
 
 // Engine modes. The C interface always makes kModeEnhance.
 enum EngineMode : int {
+  kModeThreeFrames =
+      0,  // sharpened mean of the last three frames, or of each by itself along its edges; neutral exposure
   kModeEnhance = 1,
-  kModeStabilize = 2,        // stabilisation on from the start
+  kModeStabilize = 2,        // stabilised and sharpened, no history; stabilisation is on from the start
   kModeNeutralExposure = 3,  // as kModeEnhance with gamma and gain held at 1
   kModeSynchronousRgba = 4   // packed RGBA in place, blocking; no ring, no registration
 };
@@ -21,17 +23,17 @@ enum InternalParameter : unsigned {
   kParamQuadB = 3,  // the same for the enhanced picture
   kParamZoomAlias = 4,
   kParamStabilization = 5,  // 9 is the same
-  kParamSharpening = 6,
+  kParamSharpening = 6,     // 0..100 where it is used, as the next: modes 0, 2 and 4
   kParamContrast = 7,
   kParamDeghosting = 8,
   kParamStabilizationAlias = 9,
   kParamNoiseReductionStrength = 10,  // 0..100 where it is used
   kParamForceStabilization = 11,      // no value
-  kParamFlipChroma = 12,
-  kParamLightMode = 16,        // 0 temporal, 1 spatial; others keep the registration state as it is
-  kParamImageFormat = 17,      // 17 NV21, 0x32315659 YV12
-  kParamTotalZoom = 18,        // float, 1..32
-  kParamExposureStrength = 19  // 0..100, clamped
+  kParamFlipChroma = 12,              // 1: U comes back before V; modes 0 and 2
+  kParamLightMode = 16,               // 0 temporal, 1 spatial; others keep the registration state as it is
+  kParamImageFormat = 17,             // 17 NV21, 0x32315659 YV12
+  kParamTotalZoom = 18,               // float, 1..32; mode 4: how far the picture will be magnified
+  kParamExposureStrength = 19         // 0..100, clamped
 };
 
 // Makes an engine and its threads; returns when the GPU side stands. 0, and *handle set; 1 when the sizes are refused (each
@@ -87,7 +89,7 @@ int lastTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity);
 
 // How far the blend of the frame delivered last was held back, over the output picture: 0 as the strength asks for, 255
 // the current frame alone. Off by default; while it is on, the GPU thread waits for the mask of each frame. 1 when there
-// is no live engine, memory ran out, or the engine keeps no history.
+// is no live engine, memory ran out, or the engine blends no frames under a mask (modes 1 and 3 do).
 int captureGhostMask(_KRSuperResEngine* engine, bool on);
 
 // Writes width x height bytes, 1/8 of the frame's size, and says so in *width and *height. False, and nothing written, when

@@ -39,7 +39,7 @@ bool isReady(const GpuThreadContext& context) {
 void loadFrame(GpuThreadContext* context) {
   const int status = context->registrationStatus;
   const int lightMode = context->commandLightMode;
-  const bool ring0 = context->gpuMode == 0;
+  const bool ring0 = context->gpuMode == kModeThreeFrames;
   const bool spatialByStatus = status == -1 && !ring0 && (lightMode == 0 || lightMode == 1);
   const bool spatialByMode = (status == -1 || ring0) && relaxed(context->noiseReductionStrength) > 0 && lightMode == 1;
   startWatch(5);
@@ -70,13 +70,16 @@ FrameInput frameInput(const GpuThreadContext& context) {
   input.enabled = relaxed(context.enabled);
   input.quadAEnabled = relaxed(context.quadAEnabled);
   input.quadBEnabled = relaxed(context.quadBEnabled);
+  input.sharpening = relaxed(context.sharpening);
+  input.contrast = relaxed(context.contrast);
+  input.flipChroma = relaxed(context.flipChroma);
   return input;
 }
 
 // Raises gpuDone between taking the frame over and drawing it: the next frame may be loaded into the ring meanwhile. The
 // next poster overwrites the context's words from then on, so nothing of them is read later.
 void process(GpuThreadContext* context) {
-  const bool drawn = context->gpuMode == kModeEnhance || context->gpuMode == kModeNeutralExposure;
+  const bool drawn = context->gpuMode >= kModeThreeFrames && context->gpuMode <= kModeNeutralExposure;
   const uint32_t sequence = context->commandSequence;
   takeReset(context, sequence);
   if (drawn && isReady(*context)) {

@@ -77,7 +77,8 @@ void postLoad(_KRSuperResEngine* engine, const Claim& claim, GpuCommand command)
   postCommand(engine, command);
 }
 
-// Engine mode 0: the chroma is smoothed here while the GPU thread uploads the luma.
+// Engine mode 0: the chroma is smoothed here while the GPU thread uploads the luma. Such a frame is not registered, so that
+// registration's helpers are free.
 void uploadSplit(_KRSuperResEngine* engine, const Claim& claim, int strength) {
   int reach = strength / 2;
   if (reach > 15) reach /= 2;
@@ -97,6 +98,11 @@ void uploadSplit(_KRSuperResEngine* engine, const Claim& claim, int strength) {
   stopWatch("Load UV", 2);
 }
 
+// Mode 0 measures no motion where it was not asked to use it.
+bool isRegistered(const _KRSuperResEngine& engine, int lightMode) {
+  return lightMode == 0 || engine.gpu.gpuMode != kModeThreeFrames;
+}
+
 // Which path the frame takes follows from the light mode; a light mode other than 0 and 1 keeps the path it finds. The
 // status of the frame before decides which loader fits.
 void upload(_KRSuperResEngine* engine, const Claim& claim, int lightMode) {
@@ -106,7 +112,7 @@ void upload(_KRSuperResEngine* engine, const Claim& claim, int lightMode) {
     registration->registrationResult = kRegistrationOff;
     engine->frameStatus = kRegistrationOff;
     const int strength = engine->gpu.noiseReductionStrength.load(std::memory_order_relaxed);
-    if (engine->gpu.gpuMode == 0 && strength > 0) {
+    if (engine->gpu.gpuMode == kModeThreeFrames && strength > 0) {
       uploadSplit(engine, claim, strength);
       return;
     }
@@ -114,6 +120,10 @@ void upload(_KRSuperResEngine* engine, const Claim& claim, int lightMode) {
     // Registration is switched on again: what the tracker remembers is from before the light frames.
     registration->registrationResult = kRegistrationFailed;
     engine->frameStatus = kRegistrationFailed;
+    registration->firstFrame = 1;
+  } else if (!isRegistered(*engine, lightMode) && registration->registrationResult == kRegistrationValid) {
+    // The motion that stands there is an older frame's.
+    registration->registrationResult = kRegistrationFailed;
     registration->firstFrame = 1;
   }
   postLoad(engine, claim, kCommandLoad);
@@ -129,7 +139,7 @@ void takeRepriming(_KRSuperResEngine* engine, uint32_t sequence) {
 void submitRegistrationFrame(_KRSuperResEngine* engine, const unsigned char* frame) {
   RegistrationContext* registration = &engine->registration;
   registration->frameSelect = 1 - registration->frameSelect;
-  prepareLuminance({engine->width, engine->height, frame}, engine->scale, engine->mode == 0,
+  prepareLuminance({engine->width, engine->height, frame}, engine->scale, engine->mode == kModeThreeFrames,
                    registration->luminanceFrames[registration->frameSelect], registration->scratchFrame);
   registration->registrationRequest.raise();
 }
@@ -202,7 +212,7 @@ void processClaimed(_KRSuperResEngine* engine, const Claim& claim, uint32_t sequ
   upload(engine, claim, lightMode);
   double registrationMs = 0.0;
   bool startsSequence = false;
-  if (lightMode == 0 || engine->gpu.gpuMode != 0) {
+  if (isRegistered(*engine, lightMode)) {
     const uint64_t submitted = KRTimeNow();
     takeRepriming(engine, sequence);
     startsSequence = engine->registration.firstFrame == 1;

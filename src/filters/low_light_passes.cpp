@@ -74,7 +74,7 @@ LowLightProgram LowLightFilter::singlePassProgram(bool selectorLuma) const {
     case kPassHighlightDecay:
       return kHighlightDecay;
     default:
-      return selectorLuma ? kSelectorYuv : kPackedYuv;
+      return selectorLuma && linked(programs[kSelectorYuv]) && selectorTexture != nullptr ? kSelectorYuv : kPackedYuv;
   }
 }
 
@@ -82,7 +82,7 @@ LowLightProgram LowLightFilter::singlePassProgram(bool selectorLuma) const {
 void LowLightFilter::drawSinglePass(bool selectorLuma) {
   const LowLightProgram slot = singlePassProgram(selectorLuma);
   Program* program = programs[slot];
-  if (!linked(program) || (slot == kSelectorYuv && selectorTexture == nullptr)) return;
+  if (!linked(program)) return;
   program->Use();
   switch (slot) {
     case kYuvGamma:

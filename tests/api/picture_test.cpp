@@ -239,20 +239,5 @@ TEST(Temporal, StabilizationUndoesAShiftAndKeepsHistoryAligned) {
   }
 }
 
-TEST(InPlace, ModeFourEnhancesRgbaWhereItLies) {
-  TestEngine engine(32, 16, {.mode = kModeSynchronousRgba});
-  NOXEL_NEEDS_GL(engine);
-  engine.set(kParamContrast, 0);
-  std::vector<unsigned char> flat(32 * 16 * 4);
-  for (size_t i = 0; i < flat.size(); ++i) flat[i] = static_cast<unsigned char>(std::array{90, 60, 30, 255}[i % 4]);
-  std::vector<unsigned char> frame = flat;
-  ASSERT_EQ(KRProcessFrame(frame.data(), engine.handle), 0);
-  for (size_t i = 0; i < frame.size(); ++i) ASSERT_NEAR(frame[i], flat[i], 1) << "a flat picture has no detail: " << i;
-
-  for (int y = 0; y < 16; ++y) frame[static_cast<size_t>(y * 32 + 16) * 4] = 140;  // a red line
-  ASSERT_EQ(KRProcessFrame(frame.data(), engine.handle), 0);
-  EXPECT_GT(frame[(8 * 32 + 16) * 4], 140);
-}
-
 }  // namespace
 }  // namespace noxel

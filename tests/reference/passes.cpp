@@ -237,6 +237,33 @@ Image deghostMix(const Image& old, const Image& current, const Image& mask, cons
   });
 }
 
+Image weightedMean(const std::vector<Seen>& pictures, Size size) {
+  return render(size, [&](Point p) {
+    Colour sum = {0, 0, 0, 0};
+    for (const Seen& seen : pictures) sum = sum + sampleAt(seen.picture, warped(seen.warp, p)) * seen.weight;
+    return opaque(sum);
+  });
+}
+
+Image edgeAware(const Image& smoothed, const Image& original, double step, double blend) {
+  const double s = step;
+  const double offsets[4][2] = {{s, s}, {-s, s * s}, {s, -s * s * s}, {-s, -s * s * s * s}};
+  return render({original.width, original.height}, [&](Point p) {
+    const Colour colour = sampleAt(original, p);
+    const auto distance = [&](Colour c) { return std::hypot(c.r - colour.r, c.g - colour.g, c.b - colour.b); };
+    const Colour centre = sampleAt(smoothed, p);
+    const double d = distance(centre);
+    double sum = 1.5 * std::max(0.01, std::max(0.0, 0.5 - 10 * d) + std::max(0.0, 0.3 - d));
+    Colour value = centre * sum;
+    for (const auto& [right, down] : offsets) {
+      const Colour tap = sampleBeside(smoothed, p, right, down);
+      value = value + tap * distance(tap);
+      sum += distance(tap);
+    }
+    return opaque(mix(colour, value * (1 / sum), blend));
+  });
+}
+
 namespace {
 
 template <typename Tap>
@@ -381,13 +408,14 @@ Colour detailedAt(const Image& picture, const Image& smooth, Point p, double edg
 
 }  // namespace
 
-Image sharpened(const Image& picture, double strength) {
-  return render({picture.width, picture.height}, [&](Point p) { return sharpenedAt(picture, p, strength); });
+Image sharpened(const Image& picture, double strength, const Matrix& warp) {
+  return render({picture.width, picture.height},
+                [&](Point p) { return sharpenedAt(picture, warped(warp, p), strength); });
 }
 
-Image sharpenedWithContrast(const Image& picture, double strength, double curveWidth) {
+Image sharpenedWithContrast(const Image& picture, double strength, double curveWidth, const Matrix& warp) {
   return render({picture.width, picture.height},
-                [&](Point p) { return contrasted(sharpenedAt(picture, p, strength), curveWidth); });
+                [&](Point p) { return contrasted(sharpenedAt(picture, warped(warp, p), strength), curveWidth); });
 }
 
 Image diagonalBox(const Image& picture, Point step, Size size) {

@@ -75,6 +75,17 @@ Image packedYuvToRgb(const Image& packedLuma, const Image& chroma, Tone tone, in
 Image ghostMask(const Image& old, const Image& current, const Matrix& warp, double threshold, Size size);
 Image deghostMix(const Image& old, const Image& current, const Image& mask, const Matrix& warp, Size size);
 
+// kr_w9 and kr_w10: several pictures, each seen under its warp, weighted.
+struct Seen {
+  const Image& picture;
+  Matrix warp;
+  double weight;
+};
+Image weightedMean(const std::vector<Seen>& pictures, Size size);
+
+// One pass of kr_w19 with taps `step` texels away.
+Image edgeAware(const Image& smoothed, const Image& original, double step, double blend);
+
 // kr_w22 and kr_w24 in both directions with steps of `step` texels; kr_w23 as often as asked.
 Image eroded(const Image& mask, double step, double minWeight);
 Image blurred(const Image& mask, double step);
@@ -94,8 +105,8 @@ Image yuvToRgbClamped(const Image& luma, const Image& chroma, double gamma, Size
 Image packedYuvToRgbClamped(const Image& packedLuma, const Image& chroma, double gamma, int lumaWidth, Size size);
 
 // kr_w12, and kr_w11 with a curve of the given width; steps of one texel.
-Image sharpened(const Image& picture, double strength);
-Image sharpenedWithContrast(const Image& picture, double strength, double curveWidth);
+Image sharpened(const Image& picture, double strength, const Matrix& warp = kIdentity);
+Image sharpenedWithContrast(const Image& picture, double strength, double curveWidth, const Matrix& warp = kIdentity);
 
 // kr_w3; kr_w4, and kr_w5 with a curve.
 Image diagonalBox(const Image& picture, Point step, Size size);

@@ -49,7 +49,8 @@ void updateHistory(_KRGPUEngine* engine, int status) {
 
 // The stabilisation matrix S takes current to stabilised pixels, so a texture coordinate of the output goes through the
 // crop Z and then through N(S)^-1 to the current frame: W = N(S)^-1 Z. From there N(A) leads to the previous frame and
-// W_prev^-1 to where that frame was drawn: motionWarp = W_prev^-1 N(A) W.
+// W_prev^-1 to where that frame was drawn: motionWarp = W_prev^-1 N(A) W. Mode 0 keeps frames undrawn: N(A) W leads to the
+// previous one and N(A_prev) N(A) W to the one before.
 void updateWarps(_KRGPUEngine* engine, const FrameInput& input) {
   const Warp previous = engine->stabilizedTextureWarp;
   const Warp zoom = zoomAboutCentre(static_cast<double>(engine->inverseZoom));
@@ -64,7 +65,21 @@ void updateWarps(_KRGPUEngine* engine, const FrameInput& input) {
   engine->stabilizedTextureWarp = current;
   widen(zoom, engine->zoomWarp);
   widen(current, engine->stabilizedWarp);
-  widen(multiply(inverse(previous), multiply(previousFromCurrent, current)), engine->motionWarp);
+  const Warp previousFromPicture = multiply(previousFromCurrent, current);
+  widen(multiply(inverse(previous), previousFromPicture), engine->motionWarp);
+  widen(previousFromCurrent, engine->previousFromCurrent);
+  widen(previousFromPicture, engine->previousFromPicture);
+  widen(multiply(engine->lastMotion, previousFromPicture), engine->oldestFromPicture);
+  engine->lastMotion = previousFromCurrent;
+}
+
+// A window may have been resized since the frame before: the picture fills it.
+void followWindow(_KRGPUEngine* engine) {
+  if (engine->offscreen == 0) engine->egl->GetSurfaceSize(&engine->outputWidth, &engine->outputHeight);
+}
+
+float percent(int value) {
+  return static_cast<float>(std::clamp(value, 0, 100));
 }
 
 }  // namespace
@@ -98,11 +113,15 @@ void prepareFrame(_KRGPUEngine* engine, const FrameInput& input) {
   engine->frameSequence = input.sequence;
   if (engine->texturesLoaded == 0) loadTextures(engine, input.frame);
 
+  followWindow(engine);
   setOutputTransform(engine, input.transform);
   engine->enhancementEnabled = input.enabled;
   engine->outputQuadEnabled = input.quadBEnabled;
   engine->passThroughQuadEnabled = input.quadAEnabled;
   engine->inverseZoom = 1.0f / input.zoom;
+  engine->flipChroma = input.flipChroma;
+  engine->lowLight->state.sharpening = percent(input.sharpening);
+  engine->lowLight->setContrast(percent(input.contrast));
   engine->frameGamma = input.gamma;
   engine->frameGain = input.gain;
   std::memcpy(engine->passThroughQuad, input.quadA, sizeof(input.quadA));

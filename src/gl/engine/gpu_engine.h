@@ -66,6 +66,9 @@ struct FrameInput {
   int enabled = 1;
   int quadAEnabled = 0;
   int quadBEnabled = 1;
+  int sharpening = 2;  // 0..100, as the next; modes 0 and 2
+  int contrast = 30;
+  int flipChroma = 0;  // 1: U before V in what is handed back; modes 0 and 2
 };
 
 // One per engine. Made, used and destroyed by the GPU thread; other threads meet it only through the HandOver.
@@ -86,7 +89,7 @@ struct _KRGPUEngine {
   Texture* chromaTexture = nullptr;      // V in red, U in alpha
   Texture* rgbaTexture = nullptr;        // mode 4
 
-  FrameBuffer* levelImages[2][4] = {};  // full and half size; [0][0] and [0][1] take turns as accumulated frame
+  FrameBuffer* levelImages[2][4] = {};  // full and half size; [0][0] and [0][1], in mode 0 [0][2] too, are a ring
   FrameBuffer* reducedImage = nullptr;
   FrameBuffer* pyramid[2][3] = {};
   FrameBuffer* quarterImages[4] = {};
@@ -110,7 +113,11 @@ struct _KRGPUEngine {
   std::chrono::steady_clock::time_point frameStart;  // prepareFrame
   bool maskCaptured = false;                         // the notes' maskPixels are this frame's
   Warp stabilizedTextureWarp;                        // W of the newest frame drawn into history
+  Warp lastMotion;                                   // previous from current frame, in texture coordinates
   float motionWarp[16] = {};                         // current picture to accumulated frame
+  float previousFromCurrent[16] = {};                // mode 0: this frame to the one before
+  float previousFromPicture[16] = {};                // mode 0: current picture to the frame before
+  float oldestFromPicture[16] = {};                  // mode 0: current picture to the frame before that
   float identityTransform[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
   float zoomWarp[16] = {};
   float stabilizedWarp[16] = {};
@@ -119,9 +126,10 @@ struct _KRGPUEngine {
   int outputQuadEnabled = 1;
   int passThroughQuadEnabled = 0;
   int enhancementEnabled = 1;
+  int flipChroma = 0;
   float inverseZoom = 1.0f;
   int historyCount = 1;     // -1 spatial path, 0 history restarts here, n: the nth frame blended into it
-  int historyIndex = 1;     // levelImages[0][historyIndex] is the accumulated frame
+  int historyIndex = 1;     // levelImages[0][historyIndex] is the accumulated frame, in mode 0 the one before
   int texturesLoaded = 0;   // the current frame's planes are in textures
   bool lumaFilled = false;  // and which of the two luma textures they are in
   bool packedLumaFilled = false;
@@ -157,7 +165,7 @@ void resetFirstFrame(_KRGPUEngine* engine);
 // overwritten.
 void prepareFrame(_KRGPUEngine* engine, const FrameInput& input);
 
-// Draws the frame and hands it over. Modes 1 and 3.
+// Draws the frame by its mode's sequence and hands it over. Modes 0 to 3.
 void processFrame(_KRGPUEngine* engine, int noiseReductionStrength, int deghosting);
 
 // Mode 4: enhances width * height * 4 bytes in place and returns when they are there. rgbaLayout: r, g, b come first.

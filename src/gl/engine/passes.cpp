@@ -1,19 +1,86 @@
 // The pass sequence of a frame.
 #include "gl/engine/gpu_engine.h"
+#include "gl/engine/sequences.h"
 #include "platform/stopwatch.h"
 
 namespace noxel {
 namespace {
 
+void setImageSize(LowLightState* state, int width, int height) {
+  state->imageWidth = width;
+  state->imageHeight = height;
+}
+
+void draw(LowLightFilter* filter, int code) {
+  filter->state.passCode = code;
+  filter->drawPass(true);
+}
+
+int ringLength(const _KRGPUEngine& engine) {
+  return engine.mode == 0 ? 3 : 2;
+}
+
+// The place in the ring `steps` frames after the newest one that is whole.
+FrameBuffer* ringImage(const _KRGPUEngine& engine, int steps) {
+  return engine.levelImages[0][(engine.historyIndex + steps) % ringLength(engine)];
+}
+
+// Null for what is no framebuffer of ours: a texture that was uploaded, or the output.
+FrameBuffer* frameBufferOf(const _KRGPUEngine& engine, Image image) {
+  switch (image) {
+    case Image::kSmoothedLuma:
+      return engine.packedImages[2];
+    case Image::kPast:
+      return ringImage(engine, 0);
+    case Image::kNext:
+      return ringImage(engine, 1);
+    case Image::kOldest:
+      return ringImage(engine, 2);
+    case Image::kCurrent:
+      return engine.levelImages[0][2];
+    case Image::kSmoothed:
+      return engine.levelImages[0][1];
+    case Image::kMean:
+      return engine.levelImages[0][3];
+    case Image::kRawMask:
+      return engine.quarterImages[0];
+    case Image::kMask:
+      return engine.quarterImages[2];
+    default:
+      return nullptr;
+  }
+}
+
+GLuint textureOf(const _KRGPUEngine& engine, Image image) {
+  switch (image) {
+    case Image::kLuma:
+      return engine.lumaTexture->GetId();
+    case Image::kPackedLuma:
+      return engine.packedLumaTexture->GetId();
+    case Image::kChroma:
+      return engine.chromaTexture->GetId();
+    default: {
+      const FrameBuffer* frameBuffer = frameBufferOf(engine, image);
+      return frameBuffer != nullptr ? frameBuffer->GetTextureId() : 0;
+    }
+  }
+}
+
+// Where the finished picture is read back from. The mean of three takes levelImages[0][3], and the oldest frame of the ring
+// is done with by the time that the output is drawn.
+FrameBuffer* finishedImage(const _KRGPUEngine& engine) {
+  return engine.mode == 0 && engine.historyCount >= 0 ? ringImage(engine, 2) : engine.levelImages[0][3];
+}
+
 // Where the finished picture goes. It is cleared when it is first bound, not before: on a tiled GPU a clear of a target that
 // other passes follow costs a store and a load of the whole image.
 class OutputTarget {
  public:
-  explicit OutputTarget(_KRGPUEngine* gpuEngine) : engine(gpuEngine) {}
+  OutputTarget(_KRGPUEngine* gpuEngine, FrameBuffer* offscreenImage) : engine(gpuEngine), image(offscreenImage) {}
 
   void bind() {
     if (engine->offscreen == 1) {
-      engine->lowLight->BindTarget(engine->levelImages[0][3]);
+      engine->lowLight->BindTarget(image);
     } else {
       engine->lowLight->BindTarget(0, 0, engine->outputWidth, engine->outputHeight);
     }
@@ -27,81 +94,56 @@ class OutputTarget {
 
  private:
   _KRGPUEngine* engine;
+  FrameBuffer* image;
   bool cleared = false;
 };
 
-void setImageSize(LowLightState* state, int width, int height) {
-  state->imageWidth = width;
-  state->imageHeight = height;
-}
-
-void draw(LowLightFilter* filter, PassCode code) {
-  filter->state.passCode = code;
-  filter->drawPass(true);
-}
-
-// A last pass: into the output, through `quad`, with the exposure pair given.
-void drawOutput(_KRGPUEngine* engine, OutputTarget* output, PassCode code, const float* quad, float gamma, float gain) {
+void setMapping(_KRGPUEngine* engine, Mapping mapping) {
   LowLightState& state = engine->lowLight->state;
-  output->bind();
-  state.transform = engine->outputTransform;
-  state.positionVertices = quad;
-  state.limits[0] = gamma;
-  state.limits[1] = gain;
-  draw(engine->lowLight, code);
+  switch (mapping) {
+    case Mapping::kIdentity:
+      state.warp = engine->identityTransform;
+      break;
+    case Mapping::kZoom:
+      state.warp = engine->zoomWarp;
+      break;
+    case Mapping::kStabilized:
+      state.warp = engine->stabilizedWarp;
+      break;
+    case Mapping::kMotion:
+      state.warp = engine->motionWarp;
+      break;
+    case Mapping::kPrevious:
+      state.warp = engine->previousFromCurrent;
+      break;
+    case Mapping::kThreeFrames:
+      state.warp = engine->previousFromPicture;
+      state.warpLatest = engine->stabilizedWarp;
+      state.warpLatestTm = engine->oldestFromPicture;
+      break;
+  }
 }
 
-void drawTone(_KRGPUEngine* engine, OutputTarget* output, FrameBuffer* picture) {
+void setSources(_KRGPUEngine* engine, const Image (&sources)[3]) {
   LowLightState& state = engine->lowLight->state;
-  state.texture0 = picture->GetTextureId();
-  state.warp = engine->identityTransform;
-  drawOutput(engine, output, kPassTone, engine->outputQuad, engine->frameGamma, engine->frameGain);
+  state.texture0 = textureOf(*engine, sources[0]);
+  state.texture1 = textureOf(*engine, sources[1]);
+  state.texture2 = state.maskTexture = textureOf(*engine, sources[2]);
 }
 
-// Planes of the current frame to RGB under `warp`.
-void drawPlanes(_KRGPUEngine* engine, FrameBuffer* target, const float* warp) {
-  LowLightState& state = engine->lowLight->state;
-  engine->lowLight->BindWholeTarget(target);
-  state.texture0 = engine->lumaTexture->GetId();
-  state.texture1 = engine->chromaTexture->GetId();
-  state.transform = engine->identityTransform;
-  state.warp = warp;
-  draw(engine->lowLight, kPassBicubicYuv);
-}
-
-void drawHistoryStart(_KRGPUEngine* engine, OutputTarget* output, FrameBuffer* next) {
-  drawPlanes(engine, next, engine->zoomWarp);
-  drawTone(engine, output, next);
-}
-
-void drawSpatial(_KRGPUEngine* engine, OutputTarget* output, int strength) {
+void smoothLuma(_KRGPUEngine* engine, int strength) {
   BilateralFilter* bilateral = engine->bilateral;
   bilateral->gamma = 1.0f;
   bilateral->factor = 15.0f - 0.08f * static_cast<float>(strength);
   bilateral->strength = strength;
   bilateral->apply(engine->packedLumaTexture, engine->packedImages[1], engine->packedImages[2]);
-
-  LowLightState& state = engine->lowLight->state;
-  state.texture0 = engine->packedImages[2]->GetTextureId();
-  state.texture1 = engine->chromaTexture->GetId();
-  state.warp = engine->zoomWarp;
-  drawOutput(engine, output, kPassPackedYuv, engine->outputQuad, engine->frameGamma, engine->frameGain);
 }
 
-// Where accumulated and current frame differ by more than noise, the mask keeps the current frame. Ends in
-// quarterImages[2].
-void drawGhostMask(_KRGPUEngine* engine, FrameBuffer* accumulated, FrameBuffer* current, int strength) {
+// Where accumulated and current frame differ by more than noise, the mask keeps the current frame.
+void shapeMask(_KRGPUEngine* engine, int strength) {
   LowLightFilter* filter = engine->lowLight;
   LowLightState& state = filter->state;
   FrameBuffer* const* quarter = engine->quarterImages;
-
-  filter->BindWholeTarget(quarter[0]);
-  state.texture0 = accumulated->GetTextureId();
-  state.texture1 = current->GetTextureId();
-  state.transform = engine->identityTransform;
-  state.warp = engine->motionWarp;
-  draw(filter, kPassGhostMask);
-
   state.maskWeight = 0.99f - 0.0089f * static_cast<float>(strength);
   setImageSize(&state, quarter[0]->GetWidth(), quarter[0]->GetHeight());
   state.sourceTexture = quarter[0]->GetTextureId();
@@ -113,45 +155,81 @@ void drawGhostMask(_KRGPUEngine* engine, FrameBuffer* accumulated, FrameBuffer* 
   setImageSize(&state, engine->width, engine->height);
 }
 
-void drawTemporal(_KRGPUEngine* engine, OutputTarget* output, FrameBuffer* accumulated, FrameBuffer* next,
-                  int strength) {
-  LowLightFilter* filter = engine->lowLight;
-  LowLightState& state = filter->state;
-  FrameBuffer* current = engine->levelImages[0][2];
-  drawPlanes(engine, current, engine->stabilizedWarp);
-  drawGhostMask(engine, accumulated, current, strength);
+void smoothAlongEdges(_KRGPUEngine* engine, const Step& step, int strength) {
+  LowLightState& state = engine->lowLight->state;
+  state.viewportWidth = engine->width;
+  state.viewportHeight = engine->height;
+  state.noiseReduction = strength;
+  state.sourceTexture = textureOf(*engine, step.sources[0]);
+  state.intermediateFrameBuffer = engine->levelImages[0][0];
+  state.targetFrameBuffer = frameBufferOf(*engine, step.target);
+  draw(engine->lowLight, kPassEdgeAware);
+}
 
-  filter->BindWholeTarget(next);
-  state.texture0 = accumulated->GetTextureId();
-  state.texture1 = current->GetTextureId();
-  state.maskTexture = engine->quarterImages[2]->GetTextureId();
-  state.transform = engine->identityTransform;
-  state.warp = engine->motionWarp;
-  draw(filter, kPassDeghostMix);
-  drawTone(engine, output, next);
+void drawSinglePass(_KRGPUEngine* engine, const Step& step, OutputTarget* output) {
+  LowLightState& state = engine->lowLight->state;
+  if (step.target == Image::kOut) {
+    output->bind();
+    state.transform = engine->outputTransform;
+    state.positionVertices = engine->outputQuad;
+  } else {
+    engine->lowLight->BindWholeTarget(frameBufferOf(*engine, step.target));
+  }
+  setSources(engine, step.sources);
+  const bool toned = step.tone == Tone::kExposure;
+  state.limits[0] = toned ? engine->frameGamma : 1.0f;
+  state.limits[1] = toned ? engine->frameGain : 1.0f;
+  state.pixelPair[0] = 1.0f / static_cast<float>(engine->width);  // the sharpening's neighbours are a pixel away
+  state.pixelPair[1] = 1.0f / static_cast<float>(engine->height);
+  draw(engine->lowLight, step.operation);
+}
+
+void drawStep(_KRGPUEngine* engine, const Step& step, OutputTarget* output, int strength) {
+  engine->lowLight->state.transform = engine->identityTransform;
+  setMapping(engine, step.mapping);
+  switch (step.operation) {
+    case kStepSmoothLuma:
+      smoothLuma(engine, strength);
+      break;
+    case kStepShapeMask:
+      shapeMask(engine, strength);
+      break;
+    case kPassEdgeAware:
+      smoothAlongEdges(engine, step, strength);
+      break;
+    default:
+      drawSinglePass(engine, step, output);
+      break;
+  }
 }
 
 // The frame as it came, for a view side by side.
 void drawUntouched(_KRGPUEngine* engine, OutputTarget* output) {
-  LowLightState& state = engine->lowLight->state;
   const bool packed = engine->historyCount == -1;
-  state.texture0 = packed ? engine->packedLumaTexture->GetId() : engine->lumaTexture->GetId();
-  state.texture1 = engine->chromaTexture->GetId();
-  state.warp = engine->zoomWarp;
-  drawOutput(engine, output, packed ? kPassPackedYuv : kPassYuv, engine->passThroughQuad, 1.0f, 1.0f);
+  LowLightState& state = engine->lowLight->state;
+  output->bind();
+  setSources(engine, {packed ? Image::kPackedLuma : Image::kLuma, Image::kChroma, Image::kNone});
+  setMapping(engine, Mapping::kZoom);
+  state.transform = engine->outputTransform;
+  state.positionVertices = engine->passThroughQuad;
+  state.limits[0] = state.limits[1] = 1.0f;
+  draw(engine->lowLight, packed ? kPassPackedYuv : kPassYuv);
 }
 
-void drawPicture(_KRGPUEngine* engine, int strength) {
-  FrameBuffer* accumulated = engine->levelImages[0][engine->historyIndex];
-  FrameBuffer* next = engine->levelImages[0][1 - engine->historyIndex];
-  const bool enhanced = engine->outputQuadEnabled == 1 && engine->enhancementEnabled == 1;
-  OutputTarget output(engine);
-  if (enhanced && engine->historyCount == 0) drawHistoryStart(engine, &output, next);
-  if (enhanced && engine->historyCount == -1) drawSpatial(engine, &output, strength);
-  if (enhanced && engine->historyCount >= 1) drawTemporal(engine, &output, accumulated, next, strength);
+bool drawsEnhanced(const _KRGPUEngine& engine) {
+  return engine.outputQuadEnabled == 1 && engine.enhancementEnabled == 1;
+}
+
+void drawPicture(_KRGPUEngine* engine, FrameBuffer* finished, int strength) {
+  const bool enhanced = drawsEnhanced(*engine);
+  OutputTarget output(engine, finished);
+  if (enhanced) {
+    for (const Step& step : frameSequence(engine->mode, engine->historyCount)) {
+      drawStep(engine, step, &output, strength);
+    }
+  }
   if (engine->passThroughQuadEnabled == 1) drawUntouched(engine, &output);
   output.clearUnlessDrawn();
-  if (!enhanced) engine->historyCount = -1;  // nothing went into `next`: the next frame starts history anew
 }
 
 // Reads back the mask that the blend has just used. Blocks, and is for looking at pictures.
@@ -162,6 +240,11 @@ void captureMask(_KRGPUEngine* engine) {
   FrameBuffer* mask = engine->quarterImages[2];
   mask->ReadPixels(0, 0, mask->GetWidth(), mask->GetHeight(), GL_RGBA, GL_UNSIGNED_BYTE, notes->maskPixels);
   engine->maskCaptured = true;
+}
+
+// The blending modes hand the chroma back in the order that they were given.
+bool readsFlipChroma(const _KRGPUEngine& engine) {
+  return engine.mode == 0 || engine.mode == 2;
 }
 
 // The output buffer may be written once the caller has taken what it holds.
@@ -181,18 +264,20 @@ void processFrame(_KRGPUEngine* engine, int noiseReductionStrength, int deghosti
   const int strength = noiseReductionStrength < 0 ? 0 : noiseReductionStrength > 100 ? 100 : noiseReductionStrength;
   engine->lowLight->state.deghosting = deghosting;
   setImageSize(&engine->lowLight->state, engine->width, engine->height);
+  FrameBuffer* const finished = finishedImage(*engine);
   startWatch(6);
-  drawPicture(engine, strength);
+  drawPicture(engine, finished, strength);
   stopWatch("ld", 6);
+  if (!drawsEnhanced(*engine)) engine->historyCount = -1;  // nothing was kept of it: the next frame starts history anew
   captureMask(engine);
 
   engine->texturesLoaded = 0;
   engine->lumaFilled = engine->packedLumaFilled = false;
-  engine->historyIndex = 1 - engine->historyIndex;
+  engine->historyIndex = (engine->historyIndex + 1) % ringLength(*engine);
   if (engine->handOver.syncWithCaller == 1) waitForCaller(engine->handOver);
   startWatch(7);
   if (engine->offscreen == 1) {
-    ReadBackYuv(engine, engine->levelImages[0][3], 0);
+    ReadBackYuv(engine, finished, readsFlipChroma(*engine) ? engine->flipChroma : 0);
     engine->egl->SwapBuffers();
   } else {
     engine->egl->SwapBuffers();

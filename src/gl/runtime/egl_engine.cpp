@@ -168,6 +168,17 @@ EGLBoolean EGLEngine::SetSwapInterval(int interval) {
   return eglSwapInterval(display, interval);
 }
 
+void EGLEngine::GetSurfaceSize(int* width, int* height) {
+  EGLint surfaceWidth = 0, surfaceHeight = 0;
+  if (eglQuerySurface(display, surface, EGL_WIDTH, &surfaceWidth) != EGL_TRUE ||
+      eglQuerySurface(display, surface, EGL_HEIGHT, &surfaceHeight) != EGL_TRUE || surfaceWidth < 1 ||
+      surfaceHeight < 1) {
+    return;
+  }
+  *width = surfaceWidth;
+  *height = surfaceHeight;
+}
+
 EGLint EGLEngine::MakeCurrent(void* draw, void* read) {
   const EGLBoolean made = eglMakeCurrent(display, draw, read, context);
   const EGLint error = eglGetError();

@@ -22,6 +22,8 @@ class EGLEngine {
   EGLBoolean SwapBuffers();
   EGLBoolean SwapBuffers(void* otherSurface);
   EGLBoolean SetSwapInterval(int interval);
+  // Of the surface as it is now, in pixels; leaves them as they are when that cannot be told.
+  void GetSurfaceSize(int* width, int* height);
   EGLint MakeCurrent(void* draw, void* read);  // EGL_SUCCESS, or the error, which was logged
   void* CreateWindowSurface(void* window);     // may be null
   EGLBoolean DestroySurface(void* otherSurface);

@@ -1,0 +1,276 @@
+// The pictures of the engine modes beside the enhancing one, against double-precision twins of their whole sequences.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "kernels/planes.h"
+#include "reference/passes.h"
+#include "support/faults.h"
+#include "support/reference_picture.h"
+#include "support/test_engine.h"
+#include "support/waves.h"
+
+namespace noxel {
+namespace {
+
+using reference::Image;
+using reference::Matrix;
+using reference::Size;
+
+constexpr int kWidth = 80;
+constexpr int kHeight = 48;
+constexpr Size kSize = {kWidth, kHeight};
+constexpr float kZoom = 1.25f;
+constexpr int kSharpening = 20;
+constexpr int kContrast = 30;
+constexpr double kCurveWidth = 0.38;  // 1/2 - 0.004 * contrast
+
+// The scene from a camera that pans and rolls, with colours that change across it.
+Frame frameOf(int n) {
+  static const Waves scene(5, 8);
+  Frame frame(kWidth, kHeight);
+  const View pose = turned(0.01 * n, 1, kWidth / 2.0, kHeight / 2.0, 2.25 * n, -0.75 * n);
+  const std::vector<uint8_t> luma = scene.seen(kWidth, kHeight, pose, 2.0, static_cast<unsigned>(n));
+  std::copy(luma.begin(), luma.end(), frame.bytes.begin());
+  for (int y = 0; y < kHeight; y += 2) {
+    for (int x = 0; x < kWidth; x += 2) {
+      frame.v(x, y) = static_cast<unsigned char>(104 + (x + 3 * n) % 40);
+      frame.u(x, y) = static_cast<unsigned char>(150 - y);
+    }
+  }
+  return frame;
+}
+
+// What registration says of frame n: near the truth, and no two frames alike.
+View previousFromCurrent(int n) {
+  return turned(0.01 + 0.002 * n, 1, kWidth / 2.0, kHeight / 2.0, 2.0 + 0.25 * n, -0.75);
+}
+View stabilizedFromCurrent(int n) {
+  return turned(0.008 * n, 1, kWidth / 2.0, kHeight / 2.0, 1.5 * n, 0.5 * n);
+}
+
+// From a coordinate of the picture to pixels of frame n: the crop, then what the stabilisation did, undone.
+View frameFromPicture(int n) {
+  const View crop = turned(0, 1 / static_cast<double>(kZoom), kWidth / 2.0, kHeight / 2.0, 0, 0);
+  return n == 0 ? crop : composed(inverted(stabilizedFromCurrent(n)), crop);
+}
+
+// Pixels to texture coordinates.
+Matrix warpOf(const View& v) {
+  constexpr double kAspect = static_cast<double>(kWidth) / kHeight;
+  return {v[0], v[3] * kAspect, 0, 0, v[1] / kAspect, v[4], 0, 0, 0, 0, 1, 0, v[2] / kWidth, v[5] / kHeight, 0, 1};
+}
+
+void store(float (&matrix)[9], const View& view) {
+  for (size_t i = 0; i < view.size(); ++i) matrix[i] = static_cast<float>(view[i]);
+}
+
+void useScene(TestEngine* engine, const int* n) {
+  engine->set(kParamLightMode, 0);
+  engine->set(kParamStabilization, 1);
+  engine->set(kParamSharpening, kSharpening);
+  engine->set(kParamContrast, kContrast);
+  ASSERT_EQ(KRSetParameter(kParamZoom, &kZoom, engine->handle), 0);
+  engine->setMotion([n](bool first, MotionEstimate* estimate) {
+    store(estimate->previousFromCurrent, previousFromCurrent(*n));
+    store(estimate->currentFromPrevious, inverted(previousFromCurrent(*n)));
+    store(estimate->stabilizedFromCurrent, stabilizedFromCurrent(*n));
+    return !first;
+  });
+}
+
+Image chromaOf(const Frame& frame) {
+  return Image::chroma(kWidth / 2, kHeight / 2, {frame.bytes.begin() + kWidth * kHeight, frame.bytes.end()});
+}
+
+Image converted(const Frame& frame, const Matrix& warp = reference::kIdentity) {
+  const std::vector<uint8_t> luma(frame.bytes.begin(), frame.bytes.begin() + kWidth * kHeight);
+  std::vector<uint8_t> rgba;
+  for (const uint8_t y : luma) rgba.insert(rgba.end(), {y, y, y, 255});
+  return bicubicYuvToRgb(Image(kWidth, kHeight, rgba), chromaOf(frame), warp, kSize);
+}
+
+Image sharp(const Image& picture, const Matrix& warp = reference::kIdentity) {
+  return sharpenedWithContrast(picture, kSharpening, kCurveWidth, warp);
+}
+
+// The frame as the read-back packs it, four bytes a texel, luma above chroma.
+Picture packed(const std::vector<uint8_t>& nv21) {
+  Picture picture(kWidth / 4, kHeight * 3 / 2);
+  picture.rgba = nv21;
+  return picture;
+}
+Picture packed(const Image& picture) {
+  std::vector<uint8_t> bytes = packedLumaOf(picture, {kWidth / 4, kHeight}).bytes();
+  const std::vector<uint8_t> chroma = packedChromaOf(picture, true, {kWidth / 4, kHeight / 2}).bytes();
+  bytes.insert(bytes.end(), chroma.begin(), chroma.end());
+  return packed(bytes);
+}
+
+// The last stored image is half a code off at most, 0.29 rms. The sharpening (2.4 times the centre, each neighbour 0.18 times)
+// and the curve (slope 1.14) make 0.8 rms of it, and 5 where all neighbours err against the centre.
+::testing::AssertionResult matches(const Frame& actual, const Image& expected) {
+  return closeTo(packed(actual.bytes), packed(expected), 5, 0.98, 2);
+}
+
+TEST(Modes, ThreeFramesAreAveragedAlongTheirMotion) {
+  TestEngine engine(kWidth, kHeight, {.mode = kModeThreeFrames});
+  NOXEL_NEEDS_GL(engine);
+  int n = 0;
+  useScene(&engine, &n);
+  std::vector<Image> ring;
+  for (n = 0; n < 6; ++n) {
+    Frame frame = frameOf(n);
+    ring.push_back(converted(frame));
+    engine.process(&frame);
+    const View w = frameFromPicture(n);
+    const View previous = previousFromCurrent(n);
+    const auto past = [&](int back) -> const Image& { return ring[static_cast<size_t>(n - back)]; };
+    if (n == 0) {
+      EXPECT_TRUE(matches(frame, sharp(weightedMean({{past(0), warpOf(w), 1}}, kSize)))) << n;
+    } else if (n == 1) {
+      const Image blend = weightedMean({{past(1), warpOf(previous), 0.8}, {past(0), reference::kIdentity, 0.2}}, kSize);
+      EXPECT_TRUE(matches(frame, sharp(blend, warpOf(w)))) << n;
+    } else {
+      const View second = composed(previous, w);
+      const View third = composed(previousFromCurrent(n - 1), second);
+      const Image mean = weightedMean(
+          {{past(0), warpOf(w), 1 / 3.0}, {past(1), warpOf(second), 1 / 3.0}, {past(2), warpOf(third), 1 / 3.0}},
+          kSize);
+      EXPECT_TRUE(matches(frame, sharp(mean))) << n;
+    }
+  }
+}
+
+TEST(Modes, ALightFrameIsSmoothedAlongItsEdges) {
+  constexpr int kStrength = 40;
+  TestEngine engine(kWidth, kHeight, {.mode = kModeThreeFrames});
+  NOXEL_NEEDS_GL(engine);
+  int n = 0;
+  useScene(&engine, &n);
+  engine.set(kParamLightMode, 1);
+  engine.set(kParamNoiseReductionStrength, kStrength);
+  Frame frame = frameOf(3);
+  Frame smoothed = frame;
+  std::vector<uint8_t> scratch(kWidth * kHeight);
+  // Half the strength is beyond 15 and halved again; one more.
+  kernels::smoothChroma(kernels::packed(&smoothed.bytes[kWidth * kHeight], kWidth, kHeight / 2), 11, 4, scratch.data());
+  engine.process(&frame);
+
+  const Image packedLuma(kWidth / 4, kHeight,
+                         std::vector<uint8_t>(smoothed.bytes.begin(), smoothed.bytes.begin() + kWidth * kHeight),
+                         reference::Filter::kNearest);
+  const Image picture = packedYuvToRgb(packedLuma, chromaOf(smoothed), {}, kWidth, kSize);
+  const Image edges = edgeAware(edgeAware(picture, picture, 3, 1), picture, 1, 0.01 * kStrength);
+  const View crop = frameFromPicture(0);
+  EXPECT_TRUE(matches(frame, sharp(edges, warpOf(crop))));
+}
+
+TEST(Modes, StabilizedFramesAreSharpenedAndNothingElse) {
+  TestEngine engine(kWidth, kHeight, {.mode = kModeStabilize});
+  NOXEL_NEEDS_GL(engine);
+  EXPECT_EQ(engine.handle->gpu.useStabilization.load(), 1);
+  int n = 0;
+  useScene(&engine, &n);
+  for (n = 0; n < 3; ++n) {
+    Frame frame = frameOf(n);
+    const Image current = converted(frame, warpOf(frameFromPicture(n)));
+    engine.process(&frame);
+    EXPECT_TRUE(matches(frame, sharp(current))) << n;
+  }
+}
+
+TEST(Modes, RgbaGetsItsDetailInPlace) {
+  const auto part = [](double share) {
+    return Size{static_cast<int>(kWidth * share), static_cast<int>(kHeight * share)};
+  };
+  const Picture given = noisyPicture(kWidth, kHeight, 8);
+  const Image image(kWidth, kHeight, given.rgba);
+  TestEngine engine(kWidth, kHeight, {.mode = kModeSynchronousRgba});
+  NOXEL_NEEDS_GL(engine);
+  engine.set(kParamSharpening, 10);
+  const float magnification = 2.0f;
+  ASSERT_EQ(KRSetParameter(kParamTotalZoom, &magnification, engine.handle), 0);
+
+  const auto copied = [](const Image& from, Size size) { return diagonalBox(from, {0, 0}, size); };
+  const double spread = (0.25 + 0.0025 * 10) * static_cast<double>(magnification);
+  const Image smooth =
+      diagonalBox(copied(copied(image, part(0.75)), part(0.5)), {spread / kWidth, spread / kHeight}, part(0.25));
+  for (const int contrast : {0, 35}) {
+    engine.set(kParamContrast, contrast);
+    Picture frame = given;
+    ASSERT_EQ(KRProcessFrame(frame.rgba.data(), engine.handle), 0);
+    const Image expected =
+        contrast == 0 ? detailed(image, smooth, 0.6) : detailedWithContrast(image, smooth, 0.6, 0.2862);
+    // Three smoothed images round a code each, of which the detail takes up to 0.66; the curve's slope is 1.5 at most.
+    EXPECT_TRUE(closeTo(frame, toPicture(expected), 3, 0.99, 2)) << contrast;
+  }
+
+  // Any other format than 1 has its colours in the last three bytes, and 255 is put in the first.
+  engine.set(kParamContrast, 0);
+  engine.set(kParamImageFormat, 5);
+  Picture shifted(kWidth, kHeight);
+  for (size_t i = 0; i < given.rgba.size(); i += 4) std::copy_n(&given.rgba[i], 3, &shifted.rgba[i + 1]);
+  ASSERT_EQ(KRProcessFrame(shifted.rgba.data(), engine.handle), 0);
+  for (size_t i = 0; i < shifted.rgba.size(); i += 4) {
+    std::rotate(&shifted.rgba[i], &shifted.rgba[i + 1], &shifted.rgba[i] + 4);
+  }
+  EXPECT_TRUE(closeTo(shifted, toPicture(detailed(image, smooth, 0.6)), 3, 0.99, 2));
+}
+
+TEST(Modes, DrawTheirOwnSequences) {
+  using Passes = std::vector<int>;
+  const Passes light = {kPassPackedYuv, kPassEdgeAware, kPassSharpen};
+  const Passes first = {kPassBicubicYuv, kPassTone, kPassSharpen};
+  const Passes second = {kPassBicubicYuv, kPassRecursiveBlend, kPassSharpen};
+  const Passes third = {kPassBicubicYuv, kPassThreeFrameMean, kPassSharpen};
+  const Passes stable = {kPassBicubicYuv, kPassSharpen};
+  const Passes spatial = {kPassPackedYuv};
+  struct Given {
+    int lightMode;
+    bool valid;
+    Passes threeFrames;
+    Passes stabilized;
+  };
+  // The motion of a light frame is not measured: the first after it starts anew. Nor is it under a light mode that is
+  // neither, where three frames would be blended along an older frame's motion.
+  const Given frames[] = {{0, true, first, stable},  {0, true, second, stable}, {0, true, third, stable},
+                          {0, true, third, stable},  {0, false, first, stable}, {0, true, second, stable},
+                          {1, true, light, spatial}, {0, true, first, stable},  {0, true, second, stable},
+                          {5, true, first, stable},  {0, true, first, stable},  {0, true, second, stable}};
+  for (const int mode : {kModeThreeFrames, kModeStabilize}) {
+    TestEngine engine(32, 16, {.mode = mode});
+    NOXEL_NEEDS_GL(engine);
+    bool valid = true;
+    engine.setMotion([&](bool primes, MotionEstimate*) { return valid && !primes; });
+    takeDrawnPasses();
+    for (size_t i = 0; i < std::size(frames); ++i) {
+      engine.set(kParamLightMode, frames[i].lightMode);
+      valid = frames[i].valid;
+      Frame frame(32, 16, 60);
+      ASSERT_EQ(engine.process(&frame), 0);
+      EXPECT_EQ(takeDrawnPasses(), mode == kModeStabilize ? frames[i].stabilized : frames[i].threeFrames)
+          << "mode " << mode << ", frame " << i;
+    }
+  }
+}
+
+TEST(Modes, FlipChromaHandsUBackBeforeVWhereItIsRead) {
+  for (const int mode : {kModeThreeFrames, kModeEnhance, kModeStabilize, kModeNeutralExposure}) {
+    TestEngine engine(32, 16, {.mode = mode});
+    NOXEL_NEEDS_GL(engine);
+    engine.set(kParamLightMode, 0);
+    engine.set(kParamContrast, 0);
+    engine.set(kParamFlipChroma, 1);
+    Frame frame(32, 16, 120, 150, 110);
+    engine.process(&frame);
+    const bool read = mode == kModeThreeFrames || mode == kModeStabilize;
+    // Two codes: one for each conversion's rounding; gain and exponent move the colours of mode 1 by a few more.
+    EXPECT_NEAR(read ? frame.u(8, 8) : frame.v(8, 8), 150, 6) << mode;
+    EXPECT_NEAR(read ? frame.v(8, 8) : frame.u(8, 8), 110, 6) << mode;
+  }
+}
+
+}  // namespace
+}  // namespace noxel
