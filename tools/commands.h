@@ -17,5 +17,6 @@ struct Command {
 
 Command addEnhance(CLI::App& app);
 Command addInfo(CLI::App& app);
+Command addView(CLI::App& app);
 
 }  // namespace noxel::tool

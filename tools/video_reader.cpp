@@ -1,6 +1,7 @@
 #include "video_reader.h"
 
 extern "C" {
+#include <libavdevice/avdevice.h>
 #include <libavutil/display.h>
 }
 
@@ -25,9 +26,10 @@ bool plausible(AVRational rate) {
 
 }  // namespace
 
-VideoReader::VideoReader(const std::string& path) : name_(path == "-" ? "standard input" : path) {
+VideoReader::VideoReader(const std::string& path, const std::string& format)
+    : name_(path == "-" ? "standard input" : path) {
   try {
-    open(path);
+    open(path, format);
     selectStreams();
     openDecoder();
   } catch (...) {
@@ -40,17 +42,24 @@ VideoReader::~VideoReader() {
   avformat_close_input(&format_);
 }
 
-void VideoReader::open(const std::string& path) {
+void VideoReader::open(const std::string& path, const std::string& format) {
+  const AVInputFormat* forced = path == "-" ? av_find_input_format("yuv4mpegpipe") : nullptr;
+  if (!format.empty()) {
+    avdevice_register_all();
+    forced = av_find_input_format(format.c_str());
+    if (forced == nullptr) throw ToolError(kExitUnreadable, "this FFmpeg has no input of the kind " + format);
+  }
   format_ = allocated(avformat_alloc_context());
   format_->interrupt_callback.callback = onInterrupt;
   std::error_code ignored;
-  // A name with a colon in it is still a file's when there is such a file.
-  const std::string url = path == "-" ? "pipe:0" : std::filesystem::exists(path, ignored) ? "file:" + path : path;
-  const AVInputFormat* forced = path == "-" ? av_find_input_format("yuv4mpegpipe") : nullptr;
+  // A name with a colon in it is still a file's when there is such a file; a device's is its own.
+  const bool device = forced != nullptr && (forced->flags & AVFMT_NOFILE) != 0;
+  const bool file = !device && std::filesystem::exists(path, ignored);
+  const std::string url = path == "-" ? "pipe:0" : file ? "file:" + path : path;
   int result = avformat_open_input(&format_, url.c_str(), forced, nullptr);
   if (result >= 0) result = avformat_find_stream_info(format_, nullptr);
   if (result >= 0) return;
-  const char* remedy = path == "-" ? "; standard input must be Y4M" : "; is it a video file?";
+  const char* remedy = path == "-" ? "; standard input must be Y4M" : format.empty() ? "; is it a video file?" : "";
   throw ToolError(kExitUnreadable, "cannot read " + name_ + ": " + avErrorText(result) + remedy);
 }
 
@@ -87,7 +96,8 @@ void VideoReader::openDecoder() {
   decoder_.reset(allocated(avcodec_alloc_context3(codec)));
   int result = avcodec_parameters_to_context(decoder_.get(), stream_->codecpar);
   decoder_->pkt_timebase = stream_->time_base;
-  decoder_->thread_count = 0;  // as many as there are cores
+  decoder_->thread_count = 0;                           // as many as there are cores
+  if (live()) decoder_->thread_type = FF_THREAD_SLICE;  // threads by frame hold frames back
   if (result >= 0) result = avcodec_open2(decoder_.get(), codec, nullptr);
   if (result < 0)
     throw ToolError(kExitUnreadable, name_ + ": cannot decode " + codecName() + ": " + avErrorText(result));
@@ -146,6 +156,11 @@ std::vector<PacketPtr> VideoReader::takeAudio() {
   std::vector<PacketPtr> taken;
   taken.swap(audioPackets_);
   return taken;
+}
+
+bool VideoReader::live() const {
+  const AVClass* kind = format_->iformat->priv_class;
+  return kind != nullptr && kind->category == AV_CLASS_CATEGORY_DEVICE_VIDEO_INPUT;
 }
 
 int64_t VideoReader::nominalIntervalUs() const {

@@ -1,4 +1,4 @@
-// A video file, or Y4M on standard input, frame by frame, with the packets of its audio streams.
+// A video file, a device, or Y4M on standard input, frame by frame, with the packets of its audio streams.
 #pragma once
 
 #include <array>
@@ -16,7 +16,8 @@ using DisplayMatrix = std::array<int32_t, 9>;
 // One thread. Every failure is a ToolError with kExitUnreadable.
 class VideoReader {
  public:
-  explicit VideoReader(const std::string& path);  // "-": Y4M on standard input
+  // "-": Y4M on standard input. `format`: FFmpeg's name of the input's kind, devices included; empty: told by the path.
+  explicit VideoReader(const std::string& path, const std::string& format = "");
   ~VideoReader();
   VideoReader(const VideoReader&) = delete;
   VideoReader& operator=(const VideoReader&) = delete;
@@ -38,9 +39,10 @@ class VideoReader {
   const AVDictionary* metadata() const { return format_->metadata; }
   std::string codecName() const { return avcodec_get_name(stream_->codecpar->codec_id); }
   int damagedPackets() const { return damagedPackets_; }
+  bool live() const;  // a camera or screen, which gives a frame when it has one
 
  private:
-  void open(const std::string& path);
+  void open(const std::string& path, const std::string& format);
   void selectStreams();
   void openDecoder();
   void feedDecoder();

@@ -76,8 +76,9 @@ NOXEL_API int Noxel_Initialize(int width, int height, _KRSuperResEngine** handle
 
 /** As Noxel_Initialize, but renders into a window.
  *
- *  window  an ANativeWindow (elsewhere the EGL platform's native window), or null: exactly Noxel_Initialize. Frames are
- *          shown upright in its upper left width x height pixels; the buffers given to Noxel_ProcessFrame stay as they came.
+ *  window  an ANativeWindow; on Linux with X11 the id of a Window on the display that DISPLAY names, cast to a pointer;
+ *          elsewhere the EGL platform's native window; or null: exactly Noxel_Initialize. Frames are shown upright and fill
+ *          it, also after it took another size; the buffers given to Noxel_ProcessFrame stay as they came.
  *
  *  0, 1  as Noxel_Initialize.
  *

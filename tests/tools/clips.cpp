@@ -47,7 +47,9 @@ class ClipMaker {
 
   void make() {
     for (size_t i = 0; i < spec_.times.size(); ++i) {
-      const FramePtr frame = rampPlanar(spec_.width, spec_.height, lumaOf(static_cast<int>(i)));
+      const int index = static_cast<int>(i);
+      const FramePtr frame =
+          spec_.picture ? spec_.picture(index) : rampPlanar(spec_.width, spec_.height, lumaOf(index));
       frame->format = video_->pix_fmt;
       frame->pts = static_cast<int64_t>(i);
       encode(*video_, frame.get());

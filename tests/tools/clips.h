@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -34,9 +35,10 @@ struct ClipSpec {
   bool rotated = false;                                     // shown turned by 90 degrees
   AVColorSpace matrix = AVCOL_SPC_SMPTE170M;
   AVColorRange range = AVCOL_RANGE_JPEG;
+  std::function<FramePtr(int frame)> picture;  // planar; none: a ramp of luma with lumaOf(frame) added
 };
 
-// In the container of the name's extension; Matroska keeps all of it. Frame i is a ramp of luma with lumaOf(i) added.
+// In the container of the name's extension; Matroska keeps all of it but the rotation, MP4 that.
 void writeClip(const std::string& path, const ClipSpec& spec);
 int lumaOf(int frame);  // the mean luma that frame i has, to within a coder's loss
 

@@ -1,0 +1,157 @@
+// Engines that render into windows.
+#include <SDL.h>
+
+#include <array>
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "api/engine_control.h"
+#include "noxel/noxel.h"
+#include "sdl_window.h"
+#include "support/virtual_screen.h"
+
+namespace noxel {
+namespace {
+
+using tool::SdlVideo;
+using tool::SdlWindow;
+
+constexpr int kWidth = 64;
+constexpr int kHeight = 48;
+constexpr std::chrono::milliseconds kCameraInterval(33);
+
+enum Chroma { kReddish, kBluish };
+
+std::vector<unsigned char> flatFrame(Chroma chroma) {
+  std::vector<unsigned char> frame(kWidth * kHeight * 3 / 2, 60);
+  for (size_t i = kWidth * kHeight; i < frame.size(); i += 2) {
+    frame[i] = chroma == kReddish ? 180 : 110;      // V
+    frame[i + 1] = chroma == kReddish ? 110 : 180;  // U
+  }
+  return frame;
+}
+
+// The engine's own thread draws; the test's thread hands frames over and looks.
+class Stream {
+ public:
+  Stream(const SdlWindow& window, Chroma chroma) : frame_(flatFrame(chroma)) {
+    EXPECT_EQ(Noxel_InitializeWithWindow(kWidth, kHeight, window.native(), &engine_), 0);
+  }
+  ~Stream() { release(); }
+  Stream(const Stream&) = delete;
+  Stream& operator=(const Stream&) = delete;
+
+  bool ready() const { return engineReady(engine_); }
+  int process() { return Noxel_ProcessFrame(frame_.data(), engine_); }
+  int release() {
+    const int result = engine_ != nullptr ? Noxel_Release(&engine_) : 0;
+    engine_ = nullptr;
+    return result;
+  }
+  const std::vector<unsigned char>& frame() const { return frame_; }
+
+ private:
+  std::vector<unsigned char> frame_;
+  _KRSuperResEngine* engine_ = nullptr;
+};
+
+// Both ends of the diagonal; what is not drawn is black.
+bool isFilledWith(const Picture& picture, Chroma chroma) {
+  if (picture.rgba.empty()) return false;
+  const int strong = chroma == kReddish ? 0 : 2;
+  const auto shows = [&](int x, int y) { return picture.at(x, y, strong) > picture.at(x, y, 2 - strong) + 40; };
+  return shows(1, 1) && shows(picture.width - 2, picture.height - 2);
+}
+
+class Window : public ScreenTest {
+ protected:
+  void SetUp() override {
+    ScreenTest::SetUp();
+    if (!IsSkipped() && !HasFatalFailure()) video_.emplace();
+  }
+
+  bool comesToShow(const SdlWindow& window, const std::function<bool(const Picture&)>& wanted,
+                   const std::function<void()>& everyTurn) {
+    return eventually([&] {
+      SDL_PumpEvents();
+      everyTurn();
+      std::this_thread::sleep_for(kCameraInterval);
+      return wanted(screen->capture(window.id()));
+    });
+  }
+
+  std::optional<SdlVideo> video_;
+};
+
+TEST_F(Window, TwoEnginesShowTheirOwnPicturesAndLeaveTheFramesAlone) {
+  const SdlWindow left("left", {kWidth, kHeight});
+  const SdlWindow right("right", {kWidth, kHeight});
+  SDL_SetWindowPosition(left.get(), 0, 0);
+  SDL_SetWindowPosition(right.get(), 200, 0);
+  Stream red(left, kReddish);
+  Stream blue(right, kBluish);
+  ASSERT_TRUE(red.ready() && blue.ready());
+  const auto feed = [&] {
+    EXPECT_EQ(red.process(), 0);
+    EXPECT_EQ(blue.process(), 0);
+  };
+  EXPECT_TRUE(comesToShow(
+      left, [](const Picture& seen) { return isFilledWith(seen, kReddish); }, feed));
+  EXPECT_TRUE(comesToShow(
+      right, [](const Picture& seen) { return isFilledWith(seen, kBluish); }, feed));
+  EXPECT_EQ(red.frame(), flatFrame(kReddish));
+
+  // The display is shared: the end of one engine must not take the other's context along.
+  EXPECT_EQ(red.release(), 0);
+  SDL_SetWindowSize(right.get(), kWidth + 20, kHeight + 20);
+  EXPECT_TRUE(comesToShow(
+      right, [](const Picture& seen) { return seen.width == kWidth + 20 && isFilledWith(seen, kBluish); },
+      [&] { EXPECT_EQ(blue.process(), 0); }));
+}
+
+TEST_F(Window, IsFilledAtEachSizeItTakes) {
+  const SdlWindow window("resized", {kWidth, kHeight});
+  Stream stream(window, kReddish);
+  ASSERT_TRUE(stream.ready());
+  for (const auto& [width, height] : {std::array{200, 90}, {31, 77}, {3, 3}, {kWidth, kHeight}}) {
+    SDL_SetWindowSize(window.get(), width, height);
+    EXPECT_TRUE(comesToShow(
+        window,
+        [&, wanted = width](const Picture& seen) { return seen.width == wanted && isFilledWith(seen, kReddish); },
+        [&] { EXPECT_EQ(stream.process(), 0); }))
+        << width << " x " << height;
+  }
+}
+
+TEST_F(Window, DestroyedUnderARunningEngineDoesNoHarm) {
+  for (int round = 0; round < 3; ++round) {
+    auto window = std::make_unique<SdlWindow>("doomed", tool::Size{kWidth, kHeight});
+    Stream stream(*window, kBluish);
+    ASSERT_TRUE(stream.ready());
+    std::atomic<int> processed = 0;
+    std::atomic<int> refused = 0;
+    std::thread camera([&] {
+      while (processed < 40) {
+        refused += stream.process();
+        ++processed;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      }
+    });
+    while (processed < 10) std::this_thread::yield();
+    window.reset();
+    camera.join();
+    EXPECT_EQ(refused, 0);
+    EXPECT_EQ(stream.release(), 0);
+  }
+
+  const SdlWindow window("next", {kWidth, kHeight});
+  Stream stream(window, kReddish);
+  ASSERT_TRUE(stream.ready()) << "the driver is as good as before";
+  EXPECT_TRUE(comesToShow(
+      window, [](const Picture& seen) { return isFilledWith(seen, kReddish); },
+      [&] { EXPECT_EQ(stream.process(), 0); }));
+}
+
+}  // namespace
+}  // namespace noxel

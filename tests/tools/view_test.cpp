@@ -1,0 +1,320 @@
+#include "view.h"
+
+#include <SDL.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include "clips.h"
+#include "interrupt.h"
+#include "nv21_frame.h"
+#include "support/virtual_screen.h"
+#include "tool_error.h"
+
+namespace noxel::tool {
+namespace {
+
+constexpr int kWidth = 96;
+constexpr int kHeight = 64;
+
+struct Colour {
+  int y, u, v;
+};
+// Of the quarters: top left, top right, bottom left, bottom right. Dark red, green, blue and grey.
+constexpr Colour kQuarters[] = {{60, 110, 170}, {60, 105, 100}, {60, 160, 115}, {50, 128, 128}};
+
+std::array<int, 3> toRgb(const Colour& colour) {
+  const double u = colour.u - 128;
+  const double v = colour.v - 128;
+  const auto code = [](double value) { return static_cast<int>(std::lround(std::clamp(value, 0.0, 255.0))); };
+  return {code(colour.y + 1.402 * v), code(colour.y - 0.344136 * u - 0.714136 * v), code(colour.y + 1.772 * u)};
+}
+
+FramePtr quartered() {
+  FramePtr frame = flatPlanar(kWidth, kHeight, 0, 0, 0);
+  for (int y = 0; y < kHeight; ++y) {
+    for (int x = 0; x < kWidth; ++x) {
+      const Colour& colour = kQuarters[2 * (2 * y / kHeight) + 2 * x / kWidth];
+      frame->data[0][y * frame->linesize[0] + x] = static_cast<uint8_t>(colour.y);
+      frame->data[1][y / 2 * frame->linesize[1] + x / 2] = static_cast<uint8_t>(colour.u);
+      frame->data[2][y / 2 * frame->linesize[2] + x / 2] = static_cast<uint8_t>(colour.v);
+    }
+  }
+  return frame;
+}
+
+ClipSpec quarteredClip(int frames) {
+  ClipSpec spec;
+  spec.width = kWidth;
+  spec.height = kHeight;
+  spec.times.clear();
+  for (int i = 0; i < frames; ++i) spec.times.push_back(40 * i);
+  spec.picture = [](int) { return quartered(); };
+  return spec;
+}
+
+// The colour in the middle of a quarter of the window.
+std::array<int, 3> seenIn(const Picture& picture, int quarter) {
+  const int x = picture.width * (quarter % 2 == 0 ? 1 : 3) / 4;
+  const int y = picture.height * (quarter / 2 == 0 ? 1 : 3) / 4;
+  return {picture.at(x, y, 0), picture.at(x, y, 1), picture.at(x, y, 2)};
+}
+
+int brightness(const std::array<int, 3>& rgb) {
+  return rgb[0] + rgb[1] + rgb[2];
+}
+
+// Six codes: the coder's loss on flat areas, two roundings, and the chroma's weight of up to 1.8.
+bool isUntouched(const Picture& seen, int where, int quarter) {
+  const std::array<int, 3> wanted = toRgb(kQuarters[quarter]);
+  const std::array<int, 3> rgb = seenIn(seen, where);
+  for (int c = 0; c < 3; ++c) {
+    if (std::abs(rgb[c] - wanted[c]) > 6) return false;
+  }
+  return true;
+}
+
+// Half as bright again and more, and the strongest channel is the same; grey stays grey within the same six codes.
+bool isEnhanced(const Picture& seen, int where, int quarter) {
+  const std::array<int, 3> before = toRgb(kQuarters[quarter]);
+  const std::array<int, 3> rgb = seenIn(seen, where);
+  if (2 * brightness(rgb) < 3 * brightness(before)) return false;
+  const auto [least, most] = std::minmax_element(rgb.begin(), rgb.end());
+  if (quarter == 3) return *most - *least <= 6;
+  return most - rgb.begin() == std::max_element(before.begin(), before.end()) - before.begin() && *most - *least > 40;
+}
+
+std::string colours(const Picture& picture) {
+  std::ostringstream text;
+  text << picture.width << " x " << picture.height;
+  for (int quarter = 0; quarter < 4 && !picture.rgba.empty(); ++quarter) {
+    const std::array<int, 3> rgb = seenIn(picture, quarter);
+    text << "  " << rgb[0] << ',' << rgb[1] << ',' << rgb[2];
+  }
+  return text.str();
+}
+
+class View : public ScreenTest {
+ protected:
+  View() {
+    options_.input = folder_.file("quarters.mkv");
+    options_.loop = true;
+  }
+  ~View() override { requestStop(false); }
+
+  // Plays on until the window looks as wanted.
+  ::testing::AssertionResult comesToShow(Viewer& viewer, const std::function<bool(const Picture&)>& wanted) {
+    Picture seen;
+    const bool shown = playsUntil(viewer, [&] { return wanted(seen = screen->capture(viewer.window().id())); });
+    return shown ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << "shows " << colours(seen);
+  }
+
+  static bool playsUntil(Viewer& viewer, const std::function<bool()>& holds) {
+    return eventually([&] { return !viewer.step() || holds(); }) && holds();
+  }
+
+  static void press(SDL_Keycode key) {
+    SDL_Event event = {};
+    event.type = SDL_KEYDOWN;
+    event.key.state = SDL_PRESSED;
+    event.key.keysym.sym = key;
+    SDL_PushEvent(&event);
+  }
+
+  static std::string title(const Viewer& viewer) { return SDL_GetWindowTitle(viewer.window().get()); }
+
+  const TemporaryFolder folder_;
+  ViewOptions options_;
+};
+
+TEST_F(View, IsUprightEnhancedAndInTheClipsColours) {
+  writeClip(options_.input, quarteredClip(50));
+  for (const bool spatial : {false, true}) {
+    options_.look.spatial = spatial;
+    Viewer viewer(options_);
+    EXPECT_TRUE(comesToShow(viewer, [](const Picture& seen) {
+      return seen.width == kWidth && seen.height == kHeight && isEnhanced(seen, 0, 0) && isEnhanced(seen, 1, 1) &&
+             isEnhanced(seen, 2, 2) && isEnhanced(seen, 3, 3);
+    })) << spatial;
+  }
+}
+
+TEST_F(View, SplitLeavesTheRightHalfAsItCame) {
+  writeClip(options_.input, quarteredClip(50));
+  Viewer viewer(options_);
+  for (const bool spatial : {false, true}) {
+    if (!viewer.look().split) press(SDLK_s);
+    EXPECT_TRUE(comesToShow(viewer, [](const Picture& seen) {
+      return isEnhanced(seen, 0, 0) && isUntouched(seen, 1, 1) && isEnhanced(seen, 2, 2) && isUntouched(seen, 3, 3);
+    })) << spatial;
+    press(SDLK_d);
+  }
+  press(SDLK_s);
+  EXPECT_TRUE(
+      comesToShow(viewer, [](const Picture& seen) { return isEnhanced(seen, 1, 1) && isEnhanced(seen, 3, 3); }));
+}
+
+TEST_F(View, TurnsAClipAsItsContainerSays) {
+  ClipSpec spec = quarteredClip(50);
+  spec.rotated = true;             // clockwise, as FFmpeg's own player turns it
+  spec.video = AV_CODEC_ID_MJPEG;  // which says in itself that it has full range; an MP4 would not
+  options_.input = folder_.file("turned.mp4");
+  writeClip(options_.input, spec);
+  options_.look.split = true;
+  Viewer viewer(options_);
+  EXPECT_TRUE(comesToShow(viewer, [](const Picture& seen) {
+    return seen.width == kHeight && seen.height == kWidth && isEnhanced(seen, 0, 2) && isUntouched(seen, 1, 0) &&
+           isEnhanced(seen, 2, 3) && isUntouched(seen, 3, 1);
+  }));
+}
+
+TEST_F(View, KeysChangeWhatIsSeenAlsoWhileItStandsStill) {
+  writeClip(options_.input, quarteredClip(50));
+  Viewer viewer(options_);
+  ASSERT_TRUE(playsUntil(viewer, [&] { return viewer.framesShown() > 5; }));
+  EXPECT_TRUE(playsUntil(viewer, [&] {
+    return title(viewer).ends_with(" fps - temporal, strength 65, exposure 50") &&
+           title(viewer).find(" 0 fps") == std::string::npos;
+  })) << title(viewer);
+
+  for (const SDL_Keycode key : {SDLK_SPACE, SDLK_d, SDLK_UP, SDLK_e, SDLK_b}) press(key);
+  ASSERT_TRUE(viewer.step());
+  EXPECT_TRUE(viewer.paused());
+  EXPECT_EQ(title(viewer), "quarters.mkv - paused - spatial, strength 70, exposure 75");
+  press(SDLK_d);
+  press(SDLK_s);
+  ASSERT_TRUE(viewer.step());
+  EXPECT_EQ(title(viewer), "quarters.mkv - paused - temporal, strength 70, exposure 75, stabilised, split");
+  const int64_t shown = viewer.framesShown();
+  EXPECT_TRUE(
+      comesToShow(viewer, [](const Picture& seen) { return isEnhanced(seen, 0, 0) && isUntouched(seen, 1, 1); }));
+  SDL_SetWindowSize(viewer.window().get(), 150, 120);
+  EXPECT_TRUE(comesToShow(viewer, [](const Picture& seen) {
+    return seen.width == 150 && isEnhanced(seen, 0, 0) && isUntouched(seen, 3, 3);
+  }));
+  EXPECT_EQ(viewer.framesShown(), shown) << "it stands still";
+
+  press(SDLK_SPACE);
+  EXPECT_TRUE(playsUntil(viewer, [&] { return viewer.framesShown() > shown + 3; }));
+  press(SDLK_ESCAPE);
+  EXPECT_FALSE(viewer.step());
+}
+
+TEST_F(View, PlaysByTheClockStopsOnTheLastFrameAndStartsAgainWithSpace) {
+  constexpr int kFrames = 15;
+  writeClip(options_.input, quarteredClip(kFrames));
+  options_.loop = false;
+  const auto start = std::chrono::steady_clock::now();
+  Viewer viewer(options_);
+  ASSERT_TRUE(playsUntil(viewer, [&] { return viewer.atEnd(); }));
+  const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(taken.count(), 0.04 * kFrames) << "each frame has its 40 ms";
+  EXPECT_LE(viewer.framesShown(), kFrames);
+  EXPECT_GE(viewer.framesShown(), 2) << "a busy machine leaves frames out, not all of them";
+  EXPECT_TRUE(comesToShow(viewer, [](const Picture& seen) { return brightness(seenIn(seen, 0)) > 0; }));
+
+  const int64_t shown = viewer.framesShown();
+  press(SDLK_SPACE);
+  EXPECT_TRUE(playsUntil(viewer, [&] { return viewer.framesShown() > shown; }));
+  EXPECT_FALSE(viewer.atEnd());
+}
+
+TEST_F(View, LeavesOutFramesThatAreLate) {
+  writeClip(options_.input, quarteredClip(50));
+  options_.loop = false;
+  Viewer viewer(options_);
+  ASSERT_TRUE(playsUntil(viewer, [&] { return viewer.framesShown() > 0; }));
+  SDL_Delay(600);  // fifteen frames become due
+  const int64_t shown = viewer.framesShown();
+  ASSERT_TRUE(viewer.step());
+  EXPECT_LE(viewer.framesShown(), shown + 1);
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_TRUE(playsUntil(viewer, [&] { return viewer.atEnd(); }));
+  const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
+  // 1.4 s are left of the clip's 2.0; had it lagged instead, the rest would take 1.96.
+  EXPECT_LT(taken.count(), 1.7);
+  EXPECT_LE(viewer.framesShown(), 40);
+}
+
+TEST_F(View, ShowsADeviceThatGivesFramesInItsOwnTime) {
+  options_.input = std::getenv("DISPLAY");
+  options_.format = "x11grab";
+  options_.loop = false;
+  options_.look.spatial = true;
+  Viewer viewer(options_);
+  EXPECT_TRUE(playsUntil(viewer, [&] { return viewer.framesShown() >= 5; }));
+  press(SDLK_SPACE);
+  ASSERT_TRUE(viewer.step());
+  const int64_t shown = viewer.framesShown();
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(viewer.step());
+  EXPECT_EQ(viewer.framesShown(), shown);
+  requestStop(true);
+  EXPECT_FALSE(viewer.step());
+}
+
+struct Outcome {
+  int exitCode;
+  std::string error;
+};
+
+TEST_F(View, CommandEndsWithAnExitCodeThatTells) {
+  writeClip(options_.input, quarteredClip(5));
+  const auto noxel = [&](const std::string& environment, const std::string& arguments) -> Outcome {
+    const std::string command = environment + " XDG_CACHE_HOME='" + folder_.file("cache") +
+                                "' '" NOXEL_EXECUTABLE "' view " + arguments + " </dev/null 2>'" +
+                                folder_.file("error") + "'";
+    const int status = std::system(command.c_str());
+    std::ifstream file(folder_.file("error"));
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, {std::istreambuf_iterator<char>(file), {}}};
+  };
+  EXPECT_EQ(noxel("", options_.input + " --exit --split --exposure 0").exitCode, kExitFine);
+  EXPECT_EQ(noxel("", "--format lavfi testsrc=size=50x38:duration=0.2 --exit").exitCode, kExitFine);
+  EXPECT_EQ(noxel("", "--format no-such-kind x").exitCode, kExitUnreadable);
+  EXPECT_EQ(noxel("", "/dev/video-none").exitCode, kExitUnreadable);
+  EXPECT_EQ(noxel("", options_.input + " --denoise spatial --stabilize").exitCode, kExitUsage);
+  EXPECT_EQ(noxel("", options_.input + " --loop --exit").exitCode, kExitUsage);
+  EXPECT_EQ(noxel("", "- --loop").exitCode, kExitUsage);
+
+  const Outcome withoutDisplay = noxel("env -u DISPLAY", options_.input);
+  EXPECT_EQ(withoutDisplay.exitCode, kExitFailed);
+  EXPECT_NE(withoutDisplay.error.find("DISPLAY is not set"), std::string::npos) << withoutDisplay.error;
+  const Outcome withoutDriver = noxel("__EGL_VENDOR_LIBRARY_FILENAMES=/nonexistent", options_.input + " --exit");
+  EXPECT_EQ(withoutDriver.exitCode, kExitNoGl) << withoutDriver.error;
+}
+
+TEST(ViewControls, StrengthStaysWithinItsRangeAndOnlyItRepeats) {
+  Look look;
+  look.strength = 98;
+  look.exposure = 30;
+  EXPECT_EQ(press(SDLK_UP, true, look), Press::kLookChanged);
+  EXPECT_EQ(look.strength, 100);
+  for (int i = 0; i < 21; ++i) press(SDLK_DOWN, true, look);
+  EXPECT_EQ(look.strength, 0);
+  EXPECT_EQ(press(SDLK_s, true, look), Press::kNothing);
+  EXPECT_FALSE(look.split);
+  std::vector<int> exposures;
+  for (int i = 0; i < 5; ++i) {
+    press(SDLK_e, false, look);
+    exposures.push_back(look.exposure);
+  }
+  EXPECT_EQ(exposures, (std::vector<int>{50, 75, 100, 0, 25}));
+}
+
+TEST(ViewControls, ALargeClipFitsTheDesktopInItsProportions) {
+  const Size landscape = fitInto({3840, 2160}, {1920, 1000});
+  EXPECT_EQ(landscape.height, 1000);
+  EXPECT_NEAR(landscape.width, 1000 * 16 / 9, 1);
+  const Size portrait = fitInto({1080, 1920}, {1920, 1080});
+  EXPECT_EQ(portrait.height, 1080);
+  const Size small = fitInto({64, 48}, {1920, 1080});
+  EXPECT_EQ(small.width, 64) << "and a small one stays as it is";
+}
+
+}  // namespace
+}  // namespace noxel::tool
