@@ -15,6 +15,7 @@ struct Command {
   std::function<int()> run;
 };
 
+Command addAnalyze(CLI::App& app);
 Command addEnhance(CLI::App& app);
 Command addInfo(CLI::App& app);
 Command addView(CLI::App& app);

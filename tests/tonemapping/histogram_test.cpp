@@ -1,0 +1,89 @@
+#include "tonemapping/histogram.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <vector>
+
+namespace noxel {
+namespace {
+
+TEST(Histogram, CountsPlanesOfAnyStrideOnTopOfEachOther) {
+  // Two rows of three; what lies in the padding counts nowhere.
+  const std::vector<uint8_t> plane = {10, 20, 20, 99, 99, 255, 10, 0};
+  Histogram histogram;
+  addPlane(plane.data(), 3, 2, 5, &histogram);
+  addPlane(plane.data(), 1, 1, 1, &histogram);
+  EXPECT_EQ(histogram.bins[10], 3);
+  EXPECT_EQ(histogram.bins[20], 2);
+  EXPECT_EQ(histogram.bins[99], 0);
+  EXPECT_EQ(histogramMass(histogram), 7);
+  EXPECT_DOUBLE_EQ(meanLevel(histogram), (3 * 10 + 2 * 20 + 255) / 7.0);
+
+  EXPECT_EQ(levelAtShare(histogram, 1 / 7.0), 0);
+  EXPECT_EQ(levelAtShare(histogram, 0.15), 10);
+  EXPECT_EQ(levelAtShare(histogram, 0.6), 20);
+  EXPECT_EQ(levelAtShare(histogram, 1), 255);
+  EXPECT_EQ(levelAtShare({}, 0.5), 0);
+  EXPECT_EQ(meanLevel({}), 0);
+}
+
+TEST(SmoothedHistogram, IsATriangleFoldedAtTheEnds) {
+  // Radius 1 twice is 1 2 3 2 1 of 9. From level 0 the first box folds one of three back (2 1 of 3), and so does the second:
+  // level 0 gets 2 + 2 + 1 of 9.
+  Histogram histogram;
+  histogram.bins[0] = 9;
+  histogram.bins[100] = 18;
+  histogram.bins[254] = 9;
+  Histogram smoothed;
+  smoothHistogram(histogram, 1, &smoothed);
+  struct Expected {
+    int level;
+    double bin;
+  };
+  for (const Expected expected : {Expected{0, 5},
+                                  {1, 3},
+                                  {2, 1},
+                                  {3, 0},
+                                  {97, 0},
+                                  {98, 2},
+                                  {99, 4},
+                                  {100, 6},
+                                  {101, 4},
+                                  {102, 2},
+                                  {103, 0},
+                                  {251, 0},
+                                  {252, 1},
+                                  {253, 2},
+                                  {254, 3},
+                                  {255, 3}}) {
+    EXPECT_DOUBLE_EQ(smoothed.bins[expected.level], expected.bin) << expected.level;
+  }
+}
+
+TEST(SmoothedHistogram, KeepsMassAndFlatness) {
+  std::mt19937 random(1);
+  for (const int radius : {0, 1, 3, 40, 255, 1000, -1}) {
+    SCOPED_TRACE(radius);
+    Histogram flat;
+    Histogram wild;
+    for (double& bin : flat.bins) bin = 7;
+    for (double& bin : wild.bins) bin = random() % 4 == 0 ? random() % 100000 : 0;
+    wild.bins[255] = 1e6;
+    Histogram smoothed;
+    smoothHistogram(wild, radius, &smoothed);
+    // 2 x 511 roundings of partial sums, each to 2^-53 of the mass at most, with room for the quotients.
+    EXPECT_NEAR(histogramMass(smoothed), histogramMass(wild), histogramMass(wild) * 2048 * 0x1p-53);
+    for (const double bin : smoothed.bins) EXPECT_GE(bin, 0);
+    if (radius <= 0) {
+      EXPECT_EQ(smoothed.bins[255], 1e6) << "no radius, no change";
+    } else {
+      EXPECT_LT(smoothed.bins[255], 0.8e6);
+    }
+    smoothHistogram(flat, radius, &smoothed);
+    for (const double bin : smoothed.bins) EXPECT_DOUBLE_EQ(bin, 7);
+  }
+}
+
+}  // namespace
+}  // namespace noxel

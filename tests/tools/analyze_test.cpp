@@ -1,0 +1,240 @@
+#include "analyze.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+
+#include "analysis_plot.h"
+#include "clips.h"
+#include "enhance.h"
+#include "tool_error.h"
+
+namespace noxel::tool {
+namespace {
+
+using Luma = std::vector<uint8_t>;
+
+// Y4M in the engine's own colours, 4 frames a second: what is written is what is analysed. One luma plane a frame.
+void writeY4m(const std::string& path, int width, int height, const std::vector<Luma>& frames) {
+  std::ofstream file(path, std::ios::binary);
+  file << "YUV4MPEG2 W" << width << " H" << height << " F4:1 Ip A1:1 C420jpeg XCOLORRANGE=FULL\n";
+  const std::string chroma(static_cast<size_t>((width + 1) / 2 * ((height + 1) / 2)) * 2, '\x80');
+  for (const Luma& luma : frames) {
+    file << "FRAME\n";
+    file.write(reinterpret_cast<const char*>(luma.data()), static_cast<std::streamsize>(luma.size()));
+    file << chroma;
+  }
+}
+
+Luma flat(int width, int height, int level) {
+  return Luma(static_cast<size_t>(width) * static_cast<size_t>(height), static_cast<uint8_t>(level));
+}
+
+std::string contents(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+class Analyze : public testing::Test {
+ protected:
+  Analyze() {
+    options_.input = folder_.file("in.y4m");
+    options_.plotFile = folder_.file("plot.png");
+    options_.jsonFile = folder_.file("run.json");
+  }
+
+  // What goes to standard output.
+  std::string run() {
+    const std::string path = folder_.file("out");
+    std::FILE* out = std::fopen(path.c_str(), "w");
+    EXPECT_EQ(runAnalyze(options_, out), kExitFine);
+    std::fclose(out);
+    return contents(path);
+  }
+  nlohmann::json json() const { return nlohmann::json::parse(contents(options_.jsonFile)); }
+
+  int codeOfRun() {
+    try {
+      return runAnalyze(options_);
+    } catch (const ToolError& error) {
+      return error.code();
+    }
+  }
+
+  const TemporaryFolder folder_;
+  AnalyzeOptions options_;
+};
+
+TEST_F(Analyze, TellsEachSecondAndAllOfIt) {
+  // Six wide is eight to the engine: what is added on the right must not count. Two seconds and a half: flat, then one tenth
+  // black and the rest at 100, then white.
+  constexpr int kWidth = 6, kHeight = 10;
+  Luma mixed = flat(kWidth, kHeight, 100);
+  std::fill_n(mixed.begin(), kWidth, 0);
+  std::vector<Luma> frames(4, flat(kWidth, kHeight, 40));
+  frames.insert(frames.end(), 4, mixed);
+  frames.insert(frames.end(), 2, flat(kWidth, kHeight, 255));
+  writeY4m(options_.input, kWidth, kHeight, frames);
+
+  const std::string table = run();
+  const auto result = json();
+  ASSERT_EQ(result["seconds"].size(), 3u);
+  const auto& second = result["seconds"][1];
+  EXPECT_EQ(result["seconds"][0]["mean_luma"], 40);
+  EXPECT_EQ(second["second"], 1);
+  EXPECT_EQ(second["frames"], 4);
+  EXPECT_EQ(second["mean_luma"], 90);
+  EXPECT_EQ(second["level_p1"], 0);
+  EXPECT_EQ(second["level_p50"], 100);
+  EXPECT_EQ(second["level_p99"], 100);
+  EXPECT_DOUBLE_EQ(second["black_share"].get<double>(), 0.1);
+  EXPECT_EQ(second["white_share"], 0);
+  EXPECT_EQ(result["seconds"][2]["white_share"], 1);
+  EXPECT_EQ(result["seconds"][2]["frames"], 2);
+  const auto& all = result["summary"];
+  EXPECT_EQ(all["frames"], 10);
+  EXPECT_DOUBLE_EQ(all["mean_luma"].get<double>(), (4 * 40 + 4 * 90 + 2 * 255) / 10.0);
+  EXPECT_EQ(result["histogram"][40], 4 * 60);
+  EXPECT_EQ(result["histogram"][0], 4 * 6);
+  EXPECT_EQ(result["smoothed_histogram"].size(), 256u);
+  EXPECT_EQ(result["suggested_curve"][255], 255);
+  EXPECT_EQ(result["stopped_early"], false);
+
+  EXPECT_NE(table.find("\n     1       4    90.0     0   100   100   10.00%    0.00%"), std::string::npos) << table;
+  EXPECT_NE(table.find("\n   all      10   103.0"), std::string::npos) << table;
+
+  options_.jsonFile = "-";
+  options_.overwrite = true;
+  EXPECT_EQ(nlohmann::json::parse(run())["summary"], all) << "nothing but JSON on standard output";
+}
+
+TEST_F(Analyze, ThePairIsTheOneThatEnhanceApplies) {
+  // A ramp that gets brighter over two seconds, so that the easing never rests; above 1000 the engine looks at the halved and
+  // smoothed picture. 1010 is padded.
+  constexpr int kHeight = 34;
+  for (const int width : {66, 1010}) {
+    SCOPED_TRACE(width);
+    std::vector<Luma> frames;
+    for (int frame = 0; frame < 7; ++frame) {
+      Luma luma = flat(width, kHeight, 0);
+      for (size_t i = 0; i < luma.size(); ++i) luma[i] = static_cast<uint8_t>(4 + 12 * frame + i * 7919 % 31);
+      luma[0] = 255;  // lost in the smoothing, seen without
+      frames.push_back(luma);
+    }
+    writeY4m(options_.input, width, kHeight, frames);
+    EnhanceOptions enhance;
+    enhance.input = options_.input;
+    enhance.output = folder_.file("out.y4m");
+    enhance.statsFile = folder_.file("stats.json");
+    enhance.denoise = "spatial";
+    enhance.exposure = options_.exposure = 80;
+    enhance.quiet = enhance.overwrite = options_.overwrite = true;
+    try {
+      runEnhance(enhance);
+    } catch (const ToolError& error) {
+      const char* required = std::getenv("NOXEL_REQUIRE_GL");
+      if (required != nullptr && std::string(required) == "1") FAIL() << error.what();
+      GTEST_SKIP() << error.what();
+    }
+    run();
+    const auto applied = nlohmann::json::parse(contents(enhance.statsFile))["frames"];
+    ASSERT_EQ(applied.size(), 7u);
+    for (const char* name : {"gamma", "gain"}) {
+      double sums[2] = {};  // of four frames and of three
+      for (size_t i = 0; i < 7; ++i) sums[i / 4] += applied[i][name].get<double>();
+      const auto result = json();
+      // The same sums of the same numbers, but for their way through decimals.
+      EXPECT_NEAR(result["seconds"][0][name].get<double>(), sums[0] / 4, 1e-12) << name;
+      EXPECT_NEAR(result["seconds"][1][name].get<double>(), sums[1] / 3, 1e-12) << name;
+      EXPECT_NEAR(result["summary"][name].get<double>(), (sums[0] + sums[1]) / 7, 1e-12) << name;
+      EXPECT_NE(applied[0][name], applied[6][name]) << "the clip does not tell frames apart";
+    }
+  }
+}
+
+TEST_F(Analyze, RefusesAndLeavesNothingBehind) {
+  EXPECT_EQ(codeOfRun(), kExitUnreadable) << "no such clip";
+  EXPECT_TRUE(folder_.names().empty());
+
+  writeY4m(options_.input, 8, 8, {flat(8, 8, 30)});
+  std::ofstream(options_.plotFile) << "old";
+  EXPECT_EQ(codeOfRun(), kExitUsage) << "the plot exists";
+  EXPECT_EQ(contents(options_.plotFile), "old");
+  options_.overwrite = true;
+  for (const std::string& name : {options_.input, options_.jsonFile, std::string("-")}) {
+    options_.plotFile = name;
+    EXPECT_EQ(codeOfRun(), kExitUsage) << name;
+  }
+  options_.plotFile = folder_.file("missing/plot.png");
+  EXPECT_EQ(codeOfRun(), kExitFailed);
+  EXPECT_EQ(folder_.names(), (std::vector<std::string>{"in.y4m", "plot.png"}));
+}
+
+TEST(AnalyzeOptions, ThePlotIsNamedAfterTheClip) {
+  EXPECT_EQ(plotName("clips/night.final.mp4"), "night.final-analysis.png");
+  EXPECT_EQ(plotName("-"), "analysis.png");
+}
+
+class Picture {
+ public:
+  Picture(const TemporaryFolder& folder, const AnalysisPlot& plot) {
+    const std::vector<uint8_t> png = drawAnalysis(plot);
+    std::ofstream(folder.file("p.png"), std::ios::binary)
+        .write(reinterpret_cast<const char*>(png.data()), static_cast<std::streamsize>(png.size()));
+    VideoReader reader(folder.file("p.png"));
+    EXPECT_EQ(reader.codecName(), "png");
+    frame_ = reader.next();
+  }
+  int width() const { return frame_->width; }
+  int height() const { return frame_->height; }
+
+  // Whether a colour is met within a pixel and a half of the place: a line's middle has its own colour in at least one.
+  bool has(uint32_t rgb, double x, double y) const {
+    for (int row = static_cast<int>(y) - 1; row <= static_cast<int>(y) + 1; ++row) {
+      for (int column = static_cast<int>(x) - 1; column <= static_cast<int>(x) + 1; ++column) {
+        const uint8_t* pixel = frame_->data[0] + static_cast<ptrdiff_t>(row) * frame_->linesize[0] + 3 * column;
+        if (static_cast<uint32_t>(pixel[0] << 16 | pixel[1] << 8 | pixel[2]) == rgb) return true;
+      }
+    }
+    return false;
+  }
+
+ private:
+  FramePtr frame_;
+};
+
+TEST(AnalysisPlot, HasCurvesAndHistogramWhereTheyBelong) {
+  const TemporaryFolder folder;
+  AnalysisPlot plot;
+  plot.title = "a title that is far too long for its line, \xff no UTF-8, " + std::string(300, 'x');
+  for (int level = 0; level < 64; ++level) plot.histogram.bins[level] = 100;
+  plot.smoothed.bins[200] = 100;  // a peak of 1.56 %, as high as the histogram
+  plot.suggested = suggestToneCurve(plot.histogram, 1);
+  plot.gamma = 0.7;
+  plot.gain = 2;
+  const Picture picture(folder, plot);
+  ASSERT_EQ(picture.width(), kPlotWidth);
+  ASSERT_EQ(picture.height(), kPlotHeight);
+  for (const int level : {16, 40, 100, 160, 230}) {
+    SCOPED_TRACE(level);
+    const double x = kCurveArea.x(level);
+    const double toned = std::min(1.0, std::pow(2.0 * level / 255, 0.7));
+    EXPECT_TRUE(picture.has(kPairColour, x, kCurveArea.y(toned)));
+    EXPECT_TRUE(picture.has(kSuggestedColour, x, kCurveArea.y(plot.suggested.level[level] / 255)));
+    EXPECT_FALSE(picture.has(kPairColour, x, kCurveArea.y(toned) + 8)) << "a line, no area";
+    EXPECT_FALSE(picture.has(kSuggestedColour, x, kCurveArea.y(level / 255.0)));
+  }
+  // The axis ends at 2 %, the first round number above 1.15 x 1.56 %.
+  const double top = 100.0 / 64 / 2;
+  EXPECT_TRUE(picture.has(kHistogramColour, kHistogramArea.x(40), kHistogramArea.y(top) + 3));
+  EXPECT_FALSE(picture.has(kHistogramColour, kHistogramArea.x(40), kHistogramArea.y(top) - 4));
+  EXPECT_FALSE(picture.has(kHistogramColour, kHistogramArea.x(66), kHistogramArea.y(0.2)));
+  EXPECT_TRUE(picture.has(kSmoothedColour, kHistogramArea.x(200), kHistogramArea.y(top) + 4));
+}
+
+}  // namespace
+}  // namespace noxel::tool

@@ -1,0 +1,50 @@
+// The plot of `noxel analyze`: tone curves above, the histogram below, one axis of levels for both.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tonemapping/histogram.h"
+#include "tonemapping/tone_curve.h"
+
+namespace noxel::tool {
+
+struct AnalysisPlot {
+  std::string title;  // both in UTF-8; what is not becomes '?', what is too long is cut short
+  std::string subtitle;
+  Histogram histogram;
+  Histogram smoothed;
+  ToneCurve suggested;
+  double strength = 0;  // of the suggested curve
+  double gamma = 1;
+  double gain = 1;
+};
+
+// Where things are, in pixels from the upper left corner.
+struct PlotArea {
+  double left;
+  double top;
+  double width;
+  double height;
+
+  constexpr double x(double level) const { return left + (level + 0.5) * width / kLevels; }
+  constexpr double y(double share) const { return top + height * (1 - share); }  // 0 at the bottom, 1 at the top
+};
+
+constexpr int kPlotWidth = 1000;
+constexpr int kPlotHeight = 920;
+constexpr PlotArea kCurveArea = {72, 108, 3.5 * kLevels, 510};  // 0..255 upwards
+constexpr PlotArea kHistogramArea = {72, 678, 3.5 * kLevels, 180};
+
+// 0xRRGGBB, apart for the colour-blind (Okabe and Ito).
+constexpr uint32_t kSuggestedColour = 0xd55e00;
+constexpr uint32_t kPairColour = 0x0072b2;
+constexpr uint32_t kIdentityColour = 0x999999;
+constexpr uint32_t kHistogramColour = 0xc4ccd4;
+constexpr uint32_t kSmoothedColour = 0x009e73;
+
+// PNG bytes.
+std::vector<uint8_t> drawAnalysis(const AnalysisPlot& plot);
+
+}  // namespace noxel::tool
