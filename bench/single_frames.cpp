@@ -37,8 +37,8 @@ int run(const char* input, const char* output) {
   options.output = output;
   options.overwrite = true;
   options.quiet = true;
-  options.denoise = "temporal";
-  options.neutralExposure = true;
+  options.look.denoise = "temporal";
+  options.look.neutralExposure = true;
   options.warmUp = false;
   return runEnhance(options, [](const EnhancerSettings& settings) { return std::make_unique<SingleFrames>(settings); });
 }

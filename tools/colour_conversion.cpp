@@ -183,9 +183,24 @@ FramePtr ColourConversion::fromEngine(const AVFrame& planar) {
   return fromEngine_ ? fromEngine_->run(planar) : share(planar);
 }
 
-FramePtr engineToRgb(const AVFrame& planar) {
-  const SwsPtr scaler = makeScaler(planar, AV_PIX_FMT_YUV420P, AV_PIX_FMT_RGB24, AVCOL_SPC_SMPTE170M, true);
-  return scaled(scaler.get(), planar, AV_PIX_FMT_RGB24);
+FramePtr ColourConversion::rgba(const AVFrame& frame) const {
+  const AVPixelFormat format = plainFormat(static_cast<AVPixelFormat>(frame.format));
+  return scaled(makeScaler(frame, format, AV_PIX_FMT_RGBA, matrix_, range_ == AVCOL_RANGE_JPEG).get(), frame,
+                AV_PIX_FMT_RGBA);
+}
+
+FramePtr engineToRgb(const AVFrame& planar, AVPixelFormat format) {
+  return scaled(makeScaler(planar, AV_PIX_FMT_YUV420P, format, AVCOL_SPC_SMPTE170M, true).get(), planar, format);
+}
+
+FramePtr rgbToEngine(const AVFrame& rgb) {
+  const auto format = static_cast<AVPixelFormat>(rgb.format);
+  return scaled(makeScaler(rgb, format, AV_PIX_FMT_YUV420P, AVCOL_SPC_SMPTE170M, true).get(), rgb, AV_PIX_FMT_YUV420P);
+}
+
+FramePtr withoutAlpha(const AVFrame& rgba) {
+  return scaled(makeScaler(rgba, AV_PIX_FMT_RGBA, AV_PIX_FMT_RGB24, AVCOL_SPC_SMPTE170M, true).get(), rgba,
+                AV_PIX_FMT_RGB24);
 }
 
 }  // namespace noxel::tool

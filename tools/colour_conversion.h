@@ -48,6 +48,9 @@ class ColourConversion {
   FramePtr toEngine(const AVFrame& planar);
   FramePtr fromEngine(const AVFrame& planar);
 
+  // Of a frame as it was decoded, with its alpha: AV_PIX_FMT_RGBA.
+  FramePtr rgba(const AVFrame& frame) const;
+
  private:
   ColourTags tags_;
   AVColorSpace matrix_;
@@ -59,7 +62,11 @@ class ColourConversion {
   std::unique_ptr<FilterPass> fromEngine_;
 };
 
-// RGB24 of a planar frame in the engine's colours.
-FramePtr engineToRgb(const AVFrame& planar);
+// A planar frame in the engine's colours as packed RGB, and the way back.
+FramePtr engineToRgb(const AVFrame& planar, AVPixelFormat format = AV_PIX_FMT_RGB24);
+FramePtr rgbToEngine(const AVFrame& rgb);
+
+// AV_PIX_FMT_RGB24 of AV_PIX_FMT_RGBA.
+FramePtr withoutAlpha(const AVFrame& rgba);
 
 }  // namespace noxel::tool

@@ -6,6 +6,7 @@ extern "C" {
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -13,6 +14,7 @@ extern "C" {
 #include <vector>
 
 #include "colour_conversion.h"
+#include "frame_dump.h"
 #include "interrupt.h"
 #include "noxel/noxel.h"
 #include "nv21_frame.h"
@@ -20,7 +22,9 @@ extern "C" {
 #include "overlay.h"
 #include "picture.h"
 #include "progress.h"
+#include "rgba_session.h"
 #include "statistics.h"
+#include "still.h"
 #include "tool_error.h"
 #include "video_reader.h"
 #include "video_writer.h"
@@ -29,13 +33,18 @@ namespace noxel::tool {
 namespace {
 
 void checkLook(const EnhanceOptions& options) {
-  if (options.denoise == "temporal" || !(options.stabilize || options.overlay)) return;
-  throw ToolError(kExitUsage, std::string(options.stabilize ? "--stabilize" : "--overlay") +
-                                  " needs the camera's motion, which --denoise spatial does not measure");
+  const auto given = [&](const char* name) {
+    return std::find(options.given.begin(), options.given.end(), name) != options.given.end();
+  };
+  if (options.look.neutralExposure && given("--engine-mode") && options.look.engineMode != kModeNeutralExposure) {
+    throw ToolError(kExitUsage, "--neutral-exposure stands for --engine-mode 3; leave one of them out");
+  }
+  checkIsRead(options.look, options.given);
+  if (options.overlay) checkIsRead(options.look, {"--overlay"});
 }
 
 void checkOutputs(const EnhanceOptions& options) {
-  containerOf(options.output);
+  if (!isStill(options.output)) containerOf(options.output);
   std::error_code ignored;
   for (const std::string& path : {options.output, options.statsFile, options.pictureFile}) {
     if (path.empty() || path == "-") continue;
@@ -44,6 +53,7 @@ void checkOutputs(const EnhanceOptions& options) {
     }
     checkMayWrite(path, options.overwrite);
   }
+  checkMayDump(options.dumpFolder, options.overwrite);
 }
 
 std::string sizeText(const AVFrame& frame) {
@@ -68,6 +78,7 @@ class Run {
     if (frame_->color_trc == AVCOL_TRC_SMPTE2084 || frame_->color_trc == AVCOL_TRC_ARIB_STD_B67) {
       note("the clip is HDR; it is enhanced and written with 8 bits a sample");
     }
+    if (!options.dumpFolder.empty()) dump_.emplace(options.dumpFolder);
   }
 
   void enhanceAll(const EnhancerFactory& factory);
@@ -91,6 +102,7 @@ class Run {
   PictureKeeper picture_;
   Statistics statistics_;
   Progress progress_;
+  std::optional<FrameDump> dump_;
 };
 
 OutputSettings Run::outputSettings() const {
@@ -120,12 +132,8 @@ void Run::enhanceAll(const EnhancerFactory& factory) {
   settings.width = nv21Width_;
   settings.height = paddedHeight(height_);
   settings.nominalIntervalUs = reader_.nominalIntervalUs();
-  settings.spatialDenoise = options_.denoise == "spatial";
-  settings.strength = options_.strength;
-  settings.exposure = options_.exposure;
-  settings.neutralExposure = options_.neutralExposure;
-  settings.stabilize = options_.stabilize;
-  settings.overlay = options_.overlay;
+  settings.look = options_.look;
+  settings.overlay = options_.overlay || (dump_ && isRead(options_.look, "--overlay"));
   const std::unique_ptr<Enhancer> enhancer = factory(settings);
   for (const std::string& text : writer_.notes()) note(text);
   const size_t notesBefore = writer_.notes().size();
@@ -164,9 +172,17 @@ void Run::enhanceFrame(Enhancer& enhancer) {
   statistics.totalMs = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   statistics.report = enhancer.report();
   statistics.lumaAfter = meanLuma(nv21_.data(), nv21Width_, width_, height_);
-  if (options_.overlay) drawOverlay(enhancer.overlay(), nv21_.data(), nv21Width_, paddedHeight(height_));
+  const Overlay overlay = enhancer.overlay();
+  if (options_.overlay) drawOverlay(overlay, nv21_.data(), nv21Width_, paddedHeight(height_));
 
   FramePtr enhanced = unpackNv21(nv21_.data(), nv21Width_, paddedHeight(height_));
+  if (dump_) {
+    dump_->picture(index, "before", *input);
+    dump_->picture(index, "after", *enhanced);
+    if (!overlay.mask.empty()) {
+      dump_->grey(index, "mask", overlay.mask.data(), overlay.maskWidth, overlay.maskHeight);
+    }
+  }
   FramePtr output = colours_.fromEngine(*enhanced);
   crop(*output, width_, height_);
   if (options_.compare) {
@@ -197,14 +213,18 @@ void Run::writeStatistics(double seconds) const {
         {"audio_streams", reader_.audioStreams().size()}}},
       {"output", {{"file", options_.output}, {"encoder", writer_.encoderName()}, {"stopped_early", stopRequested()}}},
       {"options",
-       {{"denoise", options_.denoise},
-        {"strength", options_.strength},
-        {"exposure", options_.exposure},
-        {"neutral_exposure", options_.neutralExposure},
-        {"stabilize", options_.stabilize},
+       {{"engine_mode", options_.look.mode()},
+        {"denoise", options_.look.denoise},
+        {"strength", options_.look.strength},
+        {"exposure", options_.look.exposure},
+        {"neutral_exposure", options_.look.mode() == kModeNeutralExposure},
+        {"stabilize", options_.look.stabilize},
+        {"sharpening", options_.look.sharpening},
+        {"contrast", options_.look.contrast},
+        {"zoom", options_.look.zoom},
         {"compare", options_.compare},
         {"overlay", options_.overlay},
-        {"warm_up", options_.warmUp && !options_.neutralExposure},
+        {"warm_up", options_.warmUp && followsExposure(options_.look)},
         {"crf", options_.crf}}}};
   json.update(statistics_.json(seconds));
   const std::string text = json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
@@ -230,13 +250,16 @@ void Run::finish() {
 }  // namespace
 
 int runEnhance(const EnhanceOptions& options) {
-  return runEnhance(options,
-                    [](const EnhancerSettings& settings) { return std::make_unique<EnhancerSession>(settings); });
+  return runEnhance(options, [](const EnhancerSettings& settings) -> std::unique_ptr<Enhancer> {
+    if (settings.look.mode() == kModeSynchronousRgba) return std::make_unique<RgbaSession>(settings);
+    return std::make_unique<EnhancerSession>(settings);
+  });
 }
 
 int runEnhance(const EnhanceOptions& options, const EnhancerFactory& factory) {
   checkLook(options);
   checkOutputs(options);
+  if (isStill(options.output)) return runStill(options);
   VideoReader reader(options.input);
   FramePtr first = reader.next();
   if (!first) {

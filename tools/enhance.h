@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "enhancer_session.h"
 
@@ -10,21 +11,19 @@ namespace noxel::tool {
 constexpr int kDefaultPictureFrame = 25;
 
 struct EnhanceOptions {
-  std::string input;                 // a file, or "-": Y4M on standard input
-  std::string output;                // .mp4, .mkv, .y4m, or "-": Y4M on standard output
-  std::string denoise = "temporal";  // or "spatial"
-  int strength = 65;                 // 0..100, as the next
-  int exposure = 50;
-  int crf = 18;  // 0..51
-  bool neutralExposure = false;
-  bool stabilize = false;
+  std::string input;   // a file, or "-": Y4M on standard input
+  std::string output;  // .mp4, .mkv, .y4m, .png for a single picture, or "-": Y4M on standard output
+  Look look;
+  std::vector<std::string> given;  // names of the options that the user gave
+  int crf = 18;                    // 0..51
   bool compare = false;
-  bool overlay = false;  // temporal only, as stabilize
+  bool overlay = false;
   bool warmUp = true;
   bool quiet = false;
   bool verbose = false;
   bool overwrite = false;
   std::string statsFile;                    // empty: none
+  std::string dumpFolder;                   // empty: none
   std::string pictureFile;                  // empty: none
   int pictureFrame = kDefaultPictureFrame;  // from 0
 };

@@ -5,7 +5,8 @@
 #include <functional>
 #include <memory>
 
-#include "api/engine_control.h"
+#include "engine_handle.h"
+#include "look.h"
 #include "overlay.h"
 #include "presentation_clock.h"
 
@@ -15,11 +16,7 @@ struct EnhancerSettings {
   int width = 0;  // padded
   int height = 0;
   int64_t nominalIntervalUs = 40'000;
-  bool spatialDenoise = false;
-  int strength = 65;  // 0..100, as the next
-  int exposure = 50;
-  bool neutralExposure = false;
-  bool stabilize = false;
+  Look look;
   bool overlay = false;  // keep what an overlay shows of each frame
 };
 
@@ -37,7 +34,8 @@ class Enhancer {
 
 using EnhancerFactory = std::function<std::unique_ptr<Enhancer>(const EnhancerSettings&)>;
 
-// Owns an engine and the process-wide frame clock: one at a time. ToolError with kExitNoGl where no engine can work.
+// Engine modes 0 to 3. Owns an engine and the process-wide frame clock: one at a time. ToolError with kExitNoGl where no
+// engine can work.
 class EnhancerSession : public Enhancer {
  public:
   explicit EnhancerSession(const EnhancerSettings& settings);
@@ -51,11 +49,9 @@ class EnhancerSession : public Enhancer {
   Overlay overlay() const override;
 
  private:
-  void process(uint8_t* nv21);
-
   EnhancerSettings settings_;
   PresentationClock clock_;
-  _KRSuperResEngine* engine_ = nullptr;
+  EngineHandle engine_;
 };
 
 // Whether gamma and gain have come to rest, fed with one report after the other.

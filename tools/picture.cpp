@@ -9,6 +9,23 @@
 
 namespace noxel::tool {
 
+std::vector<uint8_t> encodePng(const AVFrame& picture) {
+  const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_PNG);
+  if (codec == nullptr) throw ToolError(kExitFailed, "this FFmpeg has no PNG encoder");
+  const CodecPtr encoder(allocated(avcodec_alloc_context3(codec)));
+  encoder->width = picture.width;
+  encoder->height = picture.height;
+  encoder->pix_fmt = static_cast<AVPixelFormat>(picture.format);
+  encoder->time_base = {1, 1};
+  const PacketPtr packet = makePacket();
+  int result = avcodec_open2(encoder.get(), codec, nullptr);
+  if (result >= 0) result = avcodec_send_frame(encoder.get(), &picture);
+  if (result >= 0) result = avcodec_send_frame(encoder.get(), nullptr);
+  if (result >= 0) result = avcodec_receive_packet(encoder.get(), packet.get());
+  if (result < 0) throw ToolError(kExitFailed, "the picture cannot be encoded: " + avErrorText(result));
+  return {packet->data, packet->data + packet->size};
+}
+
 std::vector<uint8_t> sideBySidePng(const AVFrame& before, const AVFrame& after) {
   const FramePtr halves[] = {engineToRgb(before), engineToRgb(after)};
   const FramePtr whole = makePicture(before.width * 2, before.height, AV_PIX_FMT_RGB24);
@@ -21,20 +38,7 @@ std::vector<uint8_t> sideBySidePng(const AVFrame& before, const AVFrame& after) 
     }
   }
 
-  const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_PNG);
-  if (codec == nullptr) throw ToolError(kExitFailed, "this FFmpeg has no PNG encoder; leave --picture out");
-  const CodecPtr encoder(allocated(avcodec_alloc_context3(codec)));
-  encoder->width = whole->width;
-  encoder->height = whole->height;
-  encoder->pix_fmt = AV_PIX_FMT_RGB24;
-  encoder->time_base = {1, 1};
-  const PacketPtr packet = makePacket();
-  int result = avcodec_open2(encoder.get(), codec, nullptr);
-  if (result >= 0) result = avcodec_send_frame(encoder.get(), whole.get());
-  if (result >= 0) result = avcodec_send_frame(encoder.get(), nullptr);
-  if (result >= 0) result = avcodec_receive_packet(encoder.get(), packet.get());
-  if (result < 0) throw ToolError(kExitFailed, "the picture cannot be encoded: " + avErrorText(result));
-  return {packet->data, packet->data + packet->size};
+  return encodePng(*whole);
 }
 
 void PictureKeeper::keep(FramePtr before, FramePtr after) {

@@ -1,4 +1,4 @@
-// One frame before and after, as a PNG.
+// Pictures as PNG, among them one frame before and after.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +8,9 @@
 #include "av_types.h"
 
 namespace noxel::tool {
+
+// Of AV_PIX_FMT_RGB24 or RGBA.
+std::vector<uint8_t> encodePng(const AVFrame& picture);
 
 // Both of one size, planar, in the engine's colours; the result is twice as wide. PNG bytes.
 std::vector<uint8_t> sideBySidePng(const AVFrame& before, const AVFrame& after);

@@ -130,8 +130,8 @@ TEST_F(Analyze, ThePairIsTheOneThatEnhanceApplies) {
     enhance.input = options_.input;
     enhance.output = folder_.file("out.y4m");
     enhance.statsFile = folder_.file("stats.json");
-    enhance.denoise = "spatial";
-    enhance.exposure = options_.exposure = 80;
+    enhance.look.denoise = "spatial";
+    enhance.look.exposure = options_.exposure = 80;
     enhance.quiet = enhance.overwrite = options_.overwrite = true;
     try {
       runEnhance(enhance);

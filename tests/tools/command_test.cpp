@@ -52,7 +52,13 @@ TEST(Command, RefusesWhatItWasNotMeantToDo) {
         "enhance " + in + " --strength 101 -o " + folder.file("x.mp4"),
         "enhance " + in + " --denoise both -o " + folder.file("x.mp4"),
         "enhance " + in + " --denoise spatial --stabilize -o " + folder.file("x.mp4"),
-        std::string("enhance - -y -o /dev/null")}) {
+        "enhance " + in + " --sharpening 3 -o " + folder.file("x.mp4"),
+        "enhance " + in + " --engine-mode 0 --exposure 3 -o " + folder.file("x.mp4"),
+        "enhance " + in + " --engine-mode 2 --strength 3 -o " + folder.file("x.mp4"),
+        "enhance " + in + " --engine-mode 4 --denoise spatial -o " + folder.file("x.mp4"),
+        "enhance " + in + " --engine-mode 2 --neutral-exposure -o " + folder.file("x.mp4"),
+        "enhance " + in + " --untouched-quad 0,0,1 -o " + folder.file("x.mp4"),
+        "enhance " + in + " -o " + folder.file("x.png"), std::string("enhance - -y -o /dev/null")}) {
     const Outcome outcome = noxel(folder, arguments);
     EXPECT_EQ(outcome.exitCode, kExitUsage) << arguments;
     EXPECT_EQ(outcome.error.rfind("noxel: ", 0), 0u) << outcome.error;

@@ -2,11 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "clips.h"
 #include "interrupt.h"
+#include "kernels/bmp.h"
 #include "nv21_frame.h"
 #include "percentile.h"
 #include "progress.h"
@@ -89,14 +92,14 @@ TEST_F(Enhance, OneFrameOutForEachInLiftedByTheEnhancer) {
   spec.height = 50;
   spec.times = {0, 40, 120, 2000, 2040};
   writeClip(options_.input, spec);
-  options_.exposure = 30;
-  options_.denoise = "spatial";
+  options_.look.exposure = 30;
+  options_.look.denoise = "spatial";
   ASSERT_EQ(run(), kExitFine);
 
   EXPECT_EQ(record_.settings.width, 68);
   EXPECT_EQ(record_.settings.height, 50);
-  EXPECT_EQ(record_.settings.exposure, 30);
-  EXPECT_TRUE(record_.settings.spatialDenoise);
+  EXPECT_EQ(record_.settings.look.exposure, 30);
+  EXPECT_TRUE(record_.settings.look.spatial());
   EXPECT_EQ(record_.warmUps, 1);
   EXPECT_EQ(record_.times, (std::vector<int64_t>{0, 40'000, 120'000, 2'000'000, 2'040'000}));
 
@@ -143,9 +146,27 @@ TEST_F(Enhance, OverlayIsDrawnIntoTheOutputAndMeasuredWithoutIt) {
   const auto frame = nlohmann::json::parse(std::ifstream(options_.statsFile))["frames"][0];
   EXPECT_DOUBLE_EQ(frame["mean_luma_after"].get<double>() - frame["mean_luma_before"].get<double>(), kLift);
 
-  options_.denoise = "spatial";
+  options_.look.denoise = "spatial";
   options_.overwrite = true;
   EXPECT_THROW(run(), ToolError) << "there is nothing to show";
+}
+
+TEST_F(Enhance, DumpsEachFrameBeforeAndAfter) {
+  writeClip(options_.input, {});
+  options_.dumpFolder = folder_.file("dump");
+  ASSERT_EQ(run(), kExitFine);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(options_.dumpFolder), {}), 12);
+  const auto green = [&](const char* name) {  // of the middle pixel; grey, so that it is the luma
+    std::ifstream file(options_.dumpFolder + "/frame-000003-" + name + ".bmp", std::ios::binary);
+    const std::string bytes(std::istreambuf_iterator<char>(file), {});
+    const char* reason = "";
+    kernels::BmpPicture bmp = {};
+    const auto* data = reinterpret_cast<const uint8_t*>(bytes.data());
+    EXPECT_TRUE(kernels::readBmp(data, bytes.size(), &bmp, &reason)) << reason;
+    return bmp.width == 64 && bmp.height == 48 ? bmp.plane.row(24)[32 * 3 + 1] : -1;
+  };
+  EXPECT_NEAR(green("after") - green("before"), kLift, 1);
+  EXPECT_THROW(run(), ToolError) << "the folder is not empty";
 }
 
 TEST_F(Enhance, WritesStatisticsAndPicture) {

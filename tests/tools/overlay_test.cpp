@@ -117,7 +117,7 @@ TEST(OverlayOfTheEngine, TracksTheSceneAndMasksWhatChangedByItself) {
   EnhancerSettings settings;
   settings.width = kSceneWidth;
   settings.height = kSceneHeight;
-  settings.neutralExposure = true;
+  settings.look.neutralExposure = true;
   settings.overlay = true;
   std::unique_ptr<EnhancerSession> session;
   try {

@@ -1,0 +1,114 @@
+// The engine's modes as the command offers them.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+
+#include "clips.h"
+#include "colour_conversion.h"
+#include "enhance.h"
+#include "nv21_frame.h"
+#include "picture.h"
+#include "rgba_session.h"
+#include "tool_error.h"
+
+namespace noxel::tool {
+namespace {
+
+// Skips without a driver, or fails where the environment says NOXEL_REQUIRE_GL=1.
+#define NEEDS_DRIVER()                                                               \
+  try {                                                                              \
+    const EngineHandle driver(16, 16, kModeEnhance);                                 \
+  } catch (const ToolError& error) {                                                 \
+    const char* required = std::getenv("NOXEL_REQUIRE_GL");                          \
+    if (required != nullptr && std::string(required) == "1") FAIL() << error.what(); \
+    GTEST_SKIP() << error.what();                                                    \
+  }                                                                                  \
+  static_assert(true, "a semicolon follows")
+
+TEST(EngineModes, AQuadLiesWhereItIsSeen) {
+  NEEDS_DRIVER();
+  EnhancerSettings settings;
+  settings.width = 64;
+  settings.height = 32;
+  settings.look.untouchedQuad = {-1, 1, -1, 0, 0, 1, 0, 0};  // upper left quarter
+  EnhancerSession session(settings);
+  std::vector<uint8_t> nv21(nv21Size(64, 32), 128);
+  std::fill_n(nv21.begin(), 64 * 32, 60);
+  session.warmUp(nv21.data());
+  session.enhance(nv21.data(), 0);
+  EXPECT_NEAR(nv21[4 * 64 + 8], 60, 1);
+  for (const int at : {4 * 64 + 56, 28 * 64 + 8, 28 * 64 + 56}) EXPECT_GT(nv21[static_cast<size_t>(at)], 90) << at;
+}
+
+TEST(EngineModes, RgbaFramesKeepTheirColoursAndGainContrast) {
+  NEEDS_DRIVER();
+  EnhancerSettings settings;
+  settings.width = 64;
+  settings.height = 32;
+  settings.look.engineMode = kModeSynchronousRgba;
+  for (const int contrast : {0, 80}) {
+    settings.look.contrast = contrast;
+    RgbaSession session(settings);
+    std::vector<uint8_t> nv21(nv21Size(64, 32));
+    std::fill_n(nv21.begin(), 64 * 32, 90);
+    for (size_t i = 64 * 32; i < nv21.size(); i += 2) {
+      nv21[i] = 150;
+      nv21[i + 1] = 110;
+    }
+    session.enhance(nv21.data(), 0);
+    // A flat picture has no detail; without contrast each of the two conversions rounds once, in 8 bits of RGB.
+    if (contrast == 0) {
+      EXPECT_NEAR(nv21[300], 90, 2);
+      EXPECT_NEAR(nv21[64 * 32], 150, 2);
+      EXPECT_NEAR(nv21[64 * 32 + 1], 110, 2);
+    } else {
+      EXPECT_LT(nv21[300], 80) << "what is darker than the middle gets darker";
+    }
+  }
+}
+
+TEST(EngineModes, APictureGoesFromPngToPngWithItsAlpha) {
+  NEEDS_DRIVER();
+  const TemporaryFolder folder;
+  constexpr int kWidth = 33, kHeight = 17;
+  const FramePtr picture = makePicture(kWidth, kHeight, AV_PIX_FMT_RGBA);
+  const auto pixel = [](const AVFrame& frame, int x, int y) {
+    return frame.data[0] + static_cast<ptrdiff_t>(y) * frame.linesize[0] + 4 * x;
+  };
+  for (int y = 0; y < kHeight; ++y) {
+    for (int x = 0; x < kWidth; ++x) {
+      const uint8_t bar = x == 16 ? 160 : 100;
+      const uint8_t values[4] = {bar, 60, 30, static_cast<uint8_t>(x * 7)};
+      std::copy_n(values, 4, pixel(*picture, x, y));
+    }
+  }
+  const std::vector<uint8_t> png = encodePng(*picture);
+  EnhanceOptions options;
+  options.input = folder.file("in.png");
+  options.output = folder.file("out.png");
+  options.look.engineMode = kModeSynchronousRgba;
+  options.look.contrast = 0;
+  options.quiet = true;
+  std::ofstream(options.input, std::ios::binary).write(reinterpret_cast<const char*>(png.data()), std::ssize(png));
+  ASSERT_EQ(runEnhance(options), kExitFine);
+
+  const FramePtr result = VideoReader(options.output).next();
+  ASSERT_EQ(result->format, AV_PIX_FMT_RGBA);
+  ASSERT_EQ(result->width, kWidth);
+  ASSERT_EQ(result->height, kHeight);
+  for (int x = 0; x < kWidth; ++x) ASSERT_EQ(pixel(*result, x, 5)[3], x * 7) << x;
+  EXPECT_GT(pixel(*result, 16, 5)[0], 163) << "a fifth of what the bar stands out by";
+  for (const int x : {2, 30}) {
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(pixel(*result, x, 5)[c], pixel(*picture, x, 5)[c], 1) << x << ", " << c;
+  }
+
+  options.input = folder.file("clip.mkv");
+  options.overwrite = true;
+  writeClip(options.input, {});
+  EXPECT_THROW(runEnhance(options), ToolError) << "a clip is no single picture";
+}
+
+}  // namespace
+}  // namespace noxel::tool

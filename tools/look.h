@@ -1,0 +1,40 @@
+// How the engine is asked to make a picture look, and which of it each of its modes reads.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "api/engine_control.h"
+
+namespace noxel::tool {
+
+struct Look {
+  int engineMode = kModeEnhance;
+  bool neutralExposure = false;      // stands for kModeNeutralExposure
+  std::string denoise = "temporal";  // or "spatial": light mode 0 or 1
+  int strength = 65;                 // 0..100, as the next three
+  int exposure = 50;
+  int sharpening = 2;
+  int contrast = 30;
+  float zoom = 1.0f;  // 1..32
+  bool stabilize = false;
+  bool flipChroma = false;
+  // Corners x, y in the order top left, bottom left, top right, bottom right; -1..1, y upwards. Empty: the whole picture,
+  // and none.
+  std::vector<float> enhancedQuad;
+  std::vector<float> untouchedQuad;
+
+  int mode() const { return neutralExposure ? kModeNeutralExposure : engineMode; }
+  bool spatial() const { return denoise == "spatial"; }
+};
+
+// Usage error for the first of these options, by their names on the command line, that the look's mode and path do not read.
+void checkIsRead(const Look& look, const std::vector<std::string>& options);
+bool isRead(const Look& look, const std::string& option);
+
+// Whether gamma and gain of the frame before matter to this one.
+bool followsExposure(const Look& look);
+
+void setParameters(const Look& look, _KRSuperResEngine* engine);
+
+}  // namespace noxel::tool
