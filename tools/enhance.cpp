@@ -9,11 +9,10 @@ extern "C" {
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
 #include <optional>
 #include <vector>
 
-#include "colour_conversion.h"
+#include "clip_input.h"
 #include "frame_dump.h"
 #include "interrupt.h"
 #include "noxel/noxel.h"
@@ -26,7 +25,6 @@ extern "C" {
 #include "statistics.h"
 #include "still.h"
 #include "tool_error.h"
-#include "video_reader.h"
 #include "video_writer.h"
 
 namespace noxel::tool {
@@ -45,39 +43,22 @@ void checkLook(const EnhanceOptions& options) {
 
 void checkOutputs(const EnhanceOptions& options) {
   if (!isStill(options.output)) containerOf(options.output);
-  std::error_code ignored;
   for (const std::string& path : {options.output, options.statsFile, options.pictureFile}) {
-    if (path.empty() || path == "-") continue;
-    if (options.input != "-" && std::filesystem::equivalent(options.input, path, ignored)) {
-      throw ToolError(kExitUsage, path + " is the input; choose another name");
-    }
-    checkMayWrite(path, options.overwrite);
+    if (!path.empty() && path != "-") checkMayWriteBeside(options.input, path, options.overwrite);
   }
   checkMayDump(options.dumpFolder, options.overwrite);
-}
-
-std::string sizeText(const AVFrame& frame) {
-  return std::to_string(frame.width) + "x" + std::to_string(frame.height);
 }
 
 // One run, from the first frame on.
 class Run {
  public:
-  Run(const EnhanceOptions& options, VideoReader& reader, FramePtr first)
+  explicit Run(const EnhanceOptions& options)
       : options_(options),
-        reader_(reader),
-        frame_(std::move(first)),
-        width_(frame_->width),
-        height_(frame_->height),
-        nv21Width_(paddedWidth(width_)),
-        nv21_(nv21Size(nv21Width_, paddedHeight(height_))),
-        colours_(*frame_),
+        clip_(options.input),
         writer_(outputSettings()),
         picture_(options.pictureFrame),
-        progress_(options.quiet, isatty(STDERR_FILENO) != 0, reader.expectedFrames()) {
-    if (frame_->color_trc == AVCOL_TRC_SMPTE2084 || frame_->color_trc == AVCOL_TRC_ARIB_STD_B67) {
-      note("the clip is HDR; it is enhanced and written with 8 bits a sample");
-    }
+        progress_(options.quiet, isatty(STDERR_FILENO) != 0, clip_.reader().expectedFrames()) {
+    if (clip_.highDynamicRange()) note("the clip is HDR; it is enhanced and written with 8 bits a sample");
     if (!options.dumpFolder.empty()) dump_.emplace(options.dumpFolder);
   }
 
@@ -91,13 +72,7 @@ class Run {
   void writeStatistics(double seconds) const;
 
   const EnhanceOptions& options_;
-  VideoReader& reader_;
-  FramePtr frame_;  // the one in hand; null after the last
-  const int width_;
-  const int height_;
-  const int nv21Width_;
-  std::vector<uint8_t> nv21_;
-  ColourConversion colours_;
+  ClipInput clip_;
   VideoWriter writer_;
   PictureKeeper picture_;
   Statistics statistics_;
@@ -106,18 +81,19 @@ class Run {
 };
 
 OutputSettings Run::outputSettings() const {
+  const VideoReader& reader = clip_.reader();
   OutputSettings settings;
   settings.path = options_.output;
   settings.crf = options_.crf;
-  settings.width = width_;
-  settings.height = height_;
-  settings.timeBase = reader_.timeBase();
-  settings.frameRate = reader_.frameRate();
-  settings.sampleAspectRatio = reader_.sampleAspectRatio(*frame_);
-  settings.tags = colours_.tags();
-  settings.displayMatrix = reader_.displayMatrix();
-  settings.audio = reader_.audioStreams();
-  settings.metadata = reader_.metadata();
+  settings.width = clip_.width();
+  settings.height = clip_.height();
+  settings.timeBase = reader.timeBase();
+  settings.frameRate = reader.frameRate();
+  settings.sampleAspectRatio = reader.sampleAspectRatio(clip_.frame());
+  settings.tags = clip_.colours().tags();
+  settings.displayMatrix = reader.displayMatrix();
+  settings.audio = reader.audioStreams();
+  settings.metadata = reader.metadata();
   return settings;
 }
 
@@ -129,25 +105,22 @@ void Run::note(const std::string& text) {
 
 void Run::enhanceAll(const EnhancerFactory& factory) {
   EnhancerSettings settings;
-  settings.width = nv21Width_;
-  settings.height = paddedHeight(height_);
-  settings.nominalIntervalUs = reader_.nominalIntervalUs();
+  settings.width = clip_.nv21Width();
+  settings.height = clip_.nv21Height();
+  settings.nominalIntervalUs = clip_.reader().nominalIntervalUs();
   settings.look = options_.look;
   settings.overlay = options_.overlay || (dump_ && isRead(options_.look, "--overlay"));
   const std::unique_ptr<Enhancer> enhancer = factory(settings);
   for (const std::string& text : writer_.notes()) note(text);
   const size_t notesBefore = writer_.notes().size();
 
-  if (options_.warmUp) {
-    packNv21(*colours_.toEngine(*padded(*colours_.planar(*frame_))), nv21_.data());
-    enhancer->warmUp(nv21_.data());
-  }
+  if (options_.warmUp) enhancer->warmUp(clip_.nv21().data());
   progress_.restart();
-  while (frame_) {
+  for (bool more = true; more;) {
     enhanceFrame(*enhancer);
     progress_.frameDone(static_cast<int64_t>(statistics_.count()));
-    frame_ = reader_.next();
-    for (const PacketPtr& packet : reader_.takeAudio()) writer_.writeAudio(*packet);
+    more = clip_.next();
+    for (const PacketPtr& packet : clip_.reader().takeAudio()) writer_.writeAudio(*packet);
   }
   writer_.finish();
   for (size_t i = notesBefore; i < writer_.notes().size(); ++i) note(writer_.notes()[i]);
@@ -155,45 +128,42 @@ void Run::enhanceAll(const EnhancerFactory& factory) {
 
 void Run::enhanceFrame(Enhancer& enhancer) {
   const auto index = static_cast<int64_t>(statistics_.count());
-  if (frame_->width != width_ || frame_->height != height_) {
-    throw ToolError(kExitFailed, "frame " + std::to_string(index) + " changes the size from " + std::to_string(width_) +
-                                     "x" + std::to_string(height_) + " to " + sizeText(*frame_) +
-                                     "; cut the clip there and enhance the parts one by one");
-  }
+  uint8_t* const nv21 = clip_.nv21().data();
+  const int width = clip_.nv21Width();
+  const int height = clip_.nv21Height();
   FrameStatistics statistics;
-  const FramePtr before = colours_.planar(*frame_);
-  FramePtr input = colours_.toEngine(*padded(*before));
-  packNv21(*input, nv21_.data());
-  statistics.seconds = static_cast<double>(frame_->pts) * av_q2d(reader_.timeBase());
-  statistics.lumaBefore = meanLuma(nv21_.data(), nv21Width_, width_, height_);
+  statistics.seconds = clip_.seconds();
+  statistics.lumaBefore = meanLuma(nv21, width, clip_.width(), clip_.height());
 
   const auto start = std::chrono::steady_clock::now();
-  enhancer.enhance(nv21_.data(), av_rescale_q(frame_->pts, reader_.timeBase(), kMicroseconds));
+  enhancer.enhance(nv21, clip_.microseconds());
   statistics.totalMs = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   statistics.report = enhancer.report();
-  statistics.lumaAfter = meanLuma(nv21_.data(), nv21Width_, width_, height_);
-  const Overlay overlay = enhancer.overlay();
-  if (options_.overlay) drawOverlay(overlay, nv21_.data(), nv21Width_, paddedHeight(height_));
+  statistics.lumaAfter = meanLuma(nv21, width, clip_.width(), clip_.height());
+  Overlay overlay;
+  if (options_.overlay || dump_) overlay = enhancer.overlay();
+  if (options_.overlay) drawOverlay(overlay, nv21, width, height);
 
-  FramePtr enhanced = unpackNv21(nv21_.data(), nv21Width_, paddedHeight(height_));
+  FramePtr enhanced = unpackNv21(nv21, width, height);
   if (dump_) {
-    dump_->picture(index, "before", *input);
+    dump_->picture(index, "before", clip_.engineFrame());
     dump_->picture(index, "after", *enhanced);
     if (!overlay.mask.empty()) {
       dump_->grey(index, "mask", overlay.mask.data(), overlay.maskWidth, overlay.maskHeight);
     }
   }
-  FramePtr output = colours_.fromEngine(*enhanced);
-  crop(*output, width_, height_);
+  FramePtr output = clip_.colours().fromEngine(*enhanced);
+  crop(*output, clip_.width(), clip_.height());
   if (options_.compare) {
     if (av_frame_make_writable(output.get()) < 0) throw std::bad_alloc();
-    copyLeftHalf(*before, *output);
+    copyLeftHalf(clip_.planar(), *output);
   }
-  writer_.write(*output, frame_->pts, frame_->pkt_duration);
+  writer_.write(*output, clip_.frame().pts, clip_.frame().pkt_duration);
 
   if (!options_.pictureFile.empty() && picture_.wants(index)) {
-    crop(*input, width_, height_);
-    crop(*enhanced, width_, height_);
+    FramePtr input = share(clip_.engineFrame());
+    crop(*input, clip_.width(), clip_.height());
+    crop(*enhanced, clip_.width(), clip_.height());
     picture_.keep(std::move(input), std::move(enhanced));
   }
   statistics_.add(statistics);
@@ -204,13 +174,13 @@ void Run::writeStatistics(double seconds) const {
       {"noxel", Noxel_GetVersion()},
       {"input",
        {{"file", options_.input},
-        {"codec", reader_.codecName()},
-        {"width", width_},
-        {"height", height_},
-        {"frame_rate", av_q2d(reader_.frameRate())},
-        {"matrix", av_color_space_name(colours_.matrix())},
-        {"range", av_color_range_name(colours_.range())},
-        {"audio_streams", reader_.audioStreams().size()}}},
+        {"codec", clip_.reader().codecName()},
+        {"width", clip_.width()},
+        {"height", clip_.height()},
+        {"frame_rate", av_q2d(clip_.reader().frameRate())},
+        {"matrix", av_color_space_name(clip_.colours().matrix())},
+        {"range", av_color_range_name(clip_.colours().range())},
+        {"audio_streams", clip_.reader().audioStreams().size()}}},
       {"output", {{"file", options_.output}, {"encoder", writer_.encoderName()}, {"stopped_early", stopRequested()}}},
       {"options",
        {{"engine_mode", options_.look.mode()},
@@ -236,8 +206,8 @@ void Run::finish() {
   progress_.clear();
   if (!options_.pictureFile.empty()) picture_.write(options_.pictureFile);
   if (!options_.statsFile.empty()) writeStatistics(seconds);
-  if (reader_.damagedPackets() > 0) {
-    note(std::to_string(reader_.damagedPackets()) + " damaged packets of the input could not be decoded");
+  if (clip_.reader().damagedPackets() > 0) {
+    note(std::to_string(clip_.reader().damagedPackets()) + " damaged packets of the input could not be decoded");
   }
   if (stopRequested()) note("stopped on request; the output is whole up to there");
   if (options_.quiet) return;
@@ -260,13 +230,7 @@ int runEnhance(const EnhanceOptions& options, const EnhancerFactory& factory) {
   checkLook(options);
   checkOutputs(options);
   if (isStill(options.output)) return runStill(options);
-  VideoReader reader(options.input);
-  FramePtr first = reader.next();
-  if (!first) {
-    if (stopRequested()) throw ToolError(kExitFailed, "stopped before the first frame; nothing was written");
-    throw ToolError(kExitUnreadable, "no frame of " + options.input + " can be decoded");
-  }
-  Run run(options, reader, std::move(first));
+  Run run(options);
   run.enhanceAll(factory);
   run.finish();
   return kExitFine;

@@ -51,8 +51,7 @@ bool isStill(const std::string& outputPath) {
 int runStill(const EnhanceOptions& options) {
   check(options);
   VideoReader reader(options.input);
-  const FramePtr given = reader.next();
-  if (!given) throw ToolError(kExitUnreadable, "no picture of " + options.input + " can be decoded");
+  const FramePtr given = reader.first();
   if (reader.next()) {
     throw ToolError(kExitUsage, options.input + " has more than one frame; choose an output that ends in .mp4 or .mkv");
   }

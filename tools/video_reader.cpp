@@ -109,6 +109,7 @@ FramePtr VideoReader::next() {
     const int result = avcodec_receive_frame(decoder_.get(), frame.get());
     if (result == 0) {
       stamp(*frame);
+      checkSize(*frame);
       return frame;
     }
     if (result == AVERROR_EOF) return nullptr;
@@ -119,6 +120,26 @@ FramePtr VideoReader::next() {
     }
   }
   return nullptr;
+}
+
+FramePtr VideoReader::first() {
+  FramePtr frame = next();
+  if (frame) return frame;
+  if (stopRequested()) throw ToolError(kExitFailed, "stopped before the first frame; nothing was written");
+  throw ToolError(kExitUnreadable, "no frame of " + name_ + " can be decoded");
+}
+
+void VideoReader::checkSize(const AVFrame& frame) {
+  const int64_t index = framesRead_++;
+  if (index == 0) {
+    width_ = frame.width;
+    height_ = frame.height;
+  }
+  if (frame.width == width_ && frame.height == height_) return;
+  const auto size = [](int width, int height) { return std::to_string(width) + "x" + std::to_string(height); };
+  throw ToolError(kExitFailed, "frame " + std::to_string(index) + " changes the size from " + size(width_, height_) +
+                                   " to " + size(frame.width, frame.height) +
+                                   "; cut the clip there and take the parts one by one");
 }
 
 void VideoReader::feedDecoder() {

@@ -13,7 +13,7 @@ namespace noxel::tool {
 
 using DisplayMatrix = std::array<int32_t, 9>;
 
-// One thread. Every failure is a ToolError with kExitUnreadable.
+// One thread. Every failure is a ToolError, where nothing else is said with kExitUnreadable.
 class VideoReader {
  public:
   // "-": Y4M on standard input. `format`: FFmpeg's name of the input's kind, devices included; empty: told by the path.
@@ -23,8 +23,11 @@ class VideoReader {
   VideoReader& operator=(const VideoReader&) = delete;
 
   // The next frame in order of presentation, null at the end or when a stop was requested. `pts` is in timeBase() and
-  // rises from frame to frame; `pkt_duration` is in timeBase() too, 0 when unknown.
+  // rises from frame to frame; `pkt_duration` is in timeBase() too, 0 when unknown. All have one size: another is a
+  // ToolError with kExitFailed.
   FramePtr next();
+  // The same for a caller that cannot do without one: ToolError, with kExitFailed when the user stopped before it.
+  FramePtr first();
 
   // The audio packets that were met since the last call, `stream_index` being the place in audioStreams().
   std::vector<PacketPtr> takeAudio();
@@ -47,6 +50,7 @@ class VideoReader {
   void openDecoder();
   void feedDecoder();
   void stamp(AVFrame& frame);
+  void checkSize(const AVFrame& frame);
 
   std::string name_;  // as error messages call it
   AVFormatContext* format_ = nullptr;
@@ -59,6 +63,9 @@ class VideoReader {
   bool drained_ = false;
   int damagedPackets_ = 0;
   std::optional<int64_t> lastPts_;
+  int64_t framesRead_ = 0;
+  int width_ = 0;  // of the first frame
+  int height_ = 0;
 };
 
 }  // namespace noxel::tool

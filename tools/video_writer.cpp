@@ -38,7 +38,10 @@ std::string containerOf(const std::string& path) {
   if (extension == ".mp4") return "mp4";
   if (extension == ".mkv") return "matroska";
   if (extension == ".y4m") return kY4m;
-  throw ToolError(kExitUsage, "output " + path + " must end in .mp4, .mkv or .y4m (.png for a single picture), or be - for Y4M on standard output");
+  throw ToolError(
+      kExitUsage,
+      "output " + path +
+          " must end in .mp4, .mkv or .y4m (.png for a single picture), or be - for Y4M on standard output");
 }
 
 VideoWriter::VideoWriter(const OutputSettings& settings)

@@ -7,7 +7,6 @@ extern "C" {
 #include <cmath>
 #include <utility>
 
-#include "interrupt.h"
 #include "nv21_frame.h"
 #include "tool_error.h"
 
@@ -38,10 +37,7 @@ ViewSource::ViewSource(const std::string& input, const std::string& format)
 
 void ViewSource::open() {
   reader_ = std::make_unique<VideoReader>(input_, format_);
-  frame_ = reader_->next();
-  if (frame_) return;
-  if (stopRequested()) throw ToolError(kExitFailed, "stopped before the first frame");
-  throw ToolError(kExitUnreadable, "no frame of " + input_ + " can be decoded");
+  frame_ = reader_->first();
 }
 
 void ViewSource::measure() {
@@ -68,9 +64,6 @@ int64_t ViewSource::timeUs() const {
 bool ViewSource::advance() {
   FramePtr next = reader_->next();
   if (!next) return false;
-  if (next->width != clipWidth_ || next->height != clipHeight_) {
-    throw ToolError(kExitFailed, "the picture changes its size within " + input_ + "; cut the clip there");
-  }
   frame_ = std::move(next);
   return true;
 }
