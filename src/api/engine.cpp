@@ -40,13 +40,16 @@ bool allocateFrames(_KRSuperResEngine* engine) {
     if (buffer == nullptr) return false;
   }
   engine->spareBuffer = static_cast<unsigned char*>(std::calloc(size, 1));
-  return engine->spareBuffer != nullptr;
+  if (engine->spareBuffer == nullptr || engine->mode != kModeThreeFrames) return engine->spareBuffer != nullptr;
+  engine->chromaAsFilmed = static_cast<unsigned char*>(std::calloc(size / 3, 1));
+  return engine->chromaAsFilmed != nullptr;
 }
 
 // Undoes an engine in whatever state it is, when nobody else uses it.
 void freeEngine(_KRSuperResEngine* engine) {
   for (unsigned char* buffer : engine->frameBuffers) std::free(buffer);
   std::free(engine->spareBuffer);
+  std::free(engine->chromaAsFilmed);
   for (_KRSignal* signal : {&engine->callerSignal, &engine->gpu.gpuRequest, &engine->gpu.gpuDone,
                             &engine->registration.registrationRequest, &engine->registration.registrationDone}) {
     signal->destroy();

@@ -115,6 +115,7 @@ struct _KRSuperResEngine {
   unsigned char* frameBuffers[4] = {};       // 0..2 input ring, 3 output
   unsigned char* spareBuffer = nullptr;      // takes the place of a slot that is to be filled while a job reads it
   unsigned char* bufferBeingRead = nullptr;  // by the running job
+  unsigned char* chromaAsFilmed = nullptr;   // mode 0: the running job's, before it was smoothed
 
   int syncWithCaller = 0;
   noxel::_KRSignal callerSignal;  // 1 output ready, -1 output taken

@@ -1,4 +1,5 @@
 // One queued frame on its way: to the GPU, to registration, and to the process command.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -77,18 +78,25 @@ void postLoad(_KRSuperResEngine* engine, const Claim& claim, GpuCommand command)
   postCommand(engine, command);
 }
 
+// How far smoothing may move a chroma sample, in levels: noise, not the colour of a lamp that is narrower than the means.
+int chromaLimit(int strength) {
+  return 1 + strength / 16;
+}
+
 // Engine mode 0: the chroma is smoothed here while the GPU thread uploads the luma. Such a frame is not registered, so that
 // registration's helpers are free.
 void uploadSplit(_KRSuperResEngine* engine, const Claim& claim, int strength) {
   int reach = strength / 2;
   if (reach > 15) reach /= 2;
-  const int width = engine->width;
-  const int height = engine->height;
+  const int width = engine->width / 2 * 2;
+  const int height = engine->height / 2;
   startWatch(1);
   postLoad(engine, claim, kCommandLoadLuma);
-  unsigned char* chroma = claim.buffer + static_cast<size_t>(width) * static_cast<size_t>(height);
-  kernels::smoothChroma(kernels::packed(chroma, width / 2 * 2, height / 2), reach + 1, 4,
-                        engine->registration.scratchFrame, &engine->registrationWorkers);
+  unsigned char* chroma = claim.buffer + static_cast<size_t>(engine->width) * static_cast<size_t>(engine->height);
+  const kernels::Plane pairs = kernels::packed(chroma, width, height);
+  std::memcpy(engine->chromaAsFilmed, chroma, static_cast<size_t>(width) * static_cast<size_t>(height));
+  kernels::smoothChroma(pairs, reach + 1, 4, engine->registration.scratchFrame, &engine->registrationWorkers);
+  kernels::limitChange(kernels::packed(engine->chromaAsFilmed, width, height), chromaLimit(strength), pairs);
   stopWatch("Load Y kasky ja UV:n filtterointi", 1);
   startWatch(3);
   engine->gpu.gpuDone.wait();
@@ -111,7 +119,7 @@ void upload(_KRSuperResEngine* engine, const Claim& claim, int lightMode) {
   if (lightMode == 1) {
     registration->registrationResult = kRegistrationOff;
     engine->frameStatus = kRegistrationOff;
-    const int strength = engine->gpu.noiseReductionStrength.load(std::memory_order_relaxed);
+    const int strength = std::min(engine->gpu.noiseReductionStrength.load(std::memory_order_relaxed), 100);
     if (engine->gpu.gpuMode == kModeThreeFrames && strength > 0) {
       uploadSplit(engine, claim, strength);
       return;

@@ -42,14 +42,24 @@ struct Bytes {
   __m128i lanes;
 
   static Bytes load(const void* from) { return {loadVector(from)}; }
+  static Bytes all(int value) { return {_mm_set1_epi8(static_cast<char>(value))}; }
   void store(void* to) const { _mm_storeu_si128(static_cast<__m128i*>(to), lanes); }
 
+  Bytes plus(const Bytes& other) const { return {_mm_adds_epu8(lanes, other.lanes)}; }   // at most 255
+  Bytes minus(const Bytes& other) const { return {_mm_subs_epu8(lanes, other.lanes)}; }  // at least 0
   Words lowHalf() const { return {_mm_unpacklo_epi8(lanes, _mm_setzero_si128())}; }
   Words highHalf() const { return {_mm_unpackhi_epi8(lanes, _mm_setzero_si128())}; }
   Words evens() const { return {_mm_and_si128(lanes, _mm_set1_epi16(0x00ff))}; }
   Words odds() const { return {_mm_srli_epi16(lanes, 8)}; }
   Words pairSums() const { return evens() + odds(); }
 };
+
+inline Bytes smaller(const Bytes& a, const Bytes& b) {
+  return {_mm_min_epu8(a.lanes, b.lanes)};
+}
+inline Bytes larger(const Bytes& a, const Bytes& b) {
+  return {_mm_max_epu8(a.lanes, b.lanes)};
+}
 
 // Words with a sign, held within 0..255.
 inline Bytes narrowed(const Words& low, const Words& high) {
@@ -107,14 +117,24 @@ struct Bytes {
   uint8x16_t lanes;
 
   static Bytes load(const void* from) { return {vld1q_u8(static_cast<const uint8_t*>(from))}; }
+  static Bytes all(int value) { return {vdupq_n_u8(static_cast<uint8_t>(value))}; }
   void store(void* to) const { vst1q_u8(static_cast<uint8_t*>(to), lanes); }
 
+  Bytes plus(const Bytes& other) const { return {vqaddq_u8(lanes, other.lanes)}; }   // at most 255
+  Bytes minus(const Bytes& other) const { return {vqsubq_u8(lanes, other.lanes)}; }  // at least 0
   Words lowHalf() const { return {vmovl_u8(vget_low_u8(lanes))}; }
   Words highHalf() const { return {vmovl_u8(vget_high_u8(lanes))}; }
   Words evens() const { return {vandq_u16(vreinterpretq_u16_u8(lanes), vdupq_n_u16(0x00ff))}; }
   Words odds() const { return {vshrq_n_u16(vreinterpretq_u16_u8(lanes), 8)}; }
   Words pairSums() const { return {vpaddlq_u8(lanes)}; }
 };
+
+inline Bytes smaller(const Bytes& a, const Bytes& b) {
+  return {vminq_u8(a.lanes, b.lanes)};
+}
+inline Bytes larger(const Bytes& a, const Bytes& b) {
+  return {vmaxq_u8(a.lanes, b.lanes)};
+}
 
 // Words with a sign, held within 0..255.
 inline Bytes narrowed(const Words& low, const Words& high) {

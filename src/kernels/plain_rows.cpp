@@ -56,6 +56,14 @@ void sharpenRow(const uint8_t* source, const uint8_t* blurred, int sixteenths, i
   }
 }
 
+void limitRow(const uint8_t* original, int limit, int begin, int end, uint8_t* changed) {
+  for (int x = begin; x < end; ++x) {
+    const int least = std::max(original[x] - limit, 0);
+    const int most = std::min(original[x] + limit, 255);
+    changed[x] = static_cast<uint8_t>(std::clamp<int>(changed[x], least, most));
+  }
+}
+
 // Running mean along one line of `count` samples that are `step` bytes apart.
 void smoothLine(uint8_t* line, int count, ptrdiff_t step, int radius, uint8_t* scratch) {
   for (int i = 0; i < count; ++i) scratch[i] = line[i * step];
@@ -93,6 +101,7 @@ const RowKernels kPlainRows = {
     {columnSums<kBoxFour>, columnSums<kGaussThree>, columnSums<kGaussFive>},
     {rowMeans<kBoxFour>, rowMeans<kGaussThree>, rowMeans<kGaussFive>},
     sharpenRow,
+    limitRow,
     smoothRows,
     smoothColumns,
 };

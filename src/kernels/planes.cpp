@@ -134,6 +134,13 @@ void sharpen(const ConstPlane& source, Gauss taps, int sixteenths, const Plane& 
   });
 }
 
+void limitChange(const ConstPlane& original, int limit, const Plane& changed) {
+  assert(original.width == changed.width && original.height == changed.height && limit >= 0 && limit <= 255);
+  const RowKernels& kernels = rowKernels();
+  for (int y = 0; y < changed.height; ++y)
+    kernels.limitChange(original.row(y), limit, 0, changed.width, changed.row(y));
+}
+
 void smoothChroma(const Plane& pairs, int radius, int iterations, uint8_t* scratch, WorkerPool* pool) {
   assert(pairs.width % 2 == 0 && radius >= 0);
   const RowKernels& kernels = rowKernels();

@@ -78,6 +78,9 @@ inline constexpr int kMostSharpening = 128;  // 255 times this still fits 16 bit
 void sharpen(const ConstPlane& source, Gauss taps, int sixteenths, const Plane& destination,
              WorkerPool* pool = nullptr);
 
+// Brings each sample of `changed` to within `limit` (0..255) of what it was in `original`. The planes have one size.
+void limitChange(const ConstPlane& original, int limit, const Plane& changed);
+
 // Chroma noise: each component of interleaved pairs (width / 2 of them a row) is replaced by the mean over 2 * radius +
 // 1 neighbours, horizontally `iterations` times, then vertically `iterations` times, edge pairs repeated, means rounded
 // half up. `scratch` holds width / 2 * height bytes.

@@ -45,6 +45,8 @@ struct RowKernels {
 
   void (*sharpen)(const uint8_t* source, const uint8_t* blurred, int sixteenths, int begin, int end, uint8_t* out);
 
+  void (*limitChange)(const uint8_t* original, int limit, int begin, int end, uint8_t* changed);
+
   // smoothChroma's two halves, on rows [begin, end) and on columns of pairs [begin, end). `scratch`: a byte for each
   // pair.
   void (*smoothRows)(const Plane& pairs, int begin, int end, int radius, int iterations, uint8_t* scratch);

@@ -95,6 +95,16 @@ void sharpenRow(const uint8_t* source, const uint8_t* blurred, int sixteenths, i
   kPlainRows.sharpen(source, blurred, sixteenths, x, end, out);
 }
 
+void limitRow(const uint8_t* original, int limit, int begin, int end, uint8_t* changed) {
+  const Bytes reach = Bytes::all(limit);
+  int x = begin;
+  for (; x + 16 <= end; x += 16) {
+    const Bytes middle = Bytes::load(original + x);
+    larger(smaller(Bytes::load(changed + x), middle.plus(reach)), middle.minus(reach)).store(changed + x);
+  }
+  kPlainRows.limitChange(original, limit, x, end, changed);
+}
+
 // Running means go down sixteen lines at once: the lines are copied side by side into a tile, sample i of all of them
 // at tile + 16 i.
 constexpr int kLanes = 16;
@@ -229,6 +239,7 @@ constexpr RowKernels kRows = {
     {columnSums<kBoxFour>, columnSums<kGaussThree>, columnSums<kGaussFive>},
     {rowMeans<kBoxFour>, rowMeans<kGaussThree>, rowMeans<kGaussFive>},
     sharpenRow,
+    limitRow,
     smoothRows,
     smoothColumns,
 };

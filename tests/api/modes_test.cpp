@@ -154,8 +154,10 @@ TEST(Modes, ALightFrameIsSmoothedAlongItsEdges) {
   Frame frame = frameOf(3);
   Frame smoothed = frame;
   std::vector<uint8_t> scratch(kWidth * kHeight);
-  // Half the strength is beyond 15 and halved again; one more.
-  kernels::smoothChroma(kernels::packed(&smoothed.bytes[kWidth * kHeight], kWidth, kHeight / 2), 11, 4, scratch.data());
+  // Half the strength is beyond 15 and halved again; one more. No sample moves further than 1 + 40 / 16.
+  const kernels::Plane chroma = kernels::packed(&smoothed.bytes[kWidth * kHeight], kWidth, kHeight / 2);
+  kernels::smoothChroma(chroma, 11, 4, scratch.data());
+  kernels::limitChange(kernels::packed(&frame.bytes[kWidth * kHeight], kWidth, kHeight / 2), 3, chroma);
   engine.process(&frame);
 
   const Image packedLuma(kWidth / 4, kHeight,

@@ -304,6 +304,24 @@ TEST(Sharpen, AddsTheDifferenceToTheGaussAndSaturates) {
   });
 }
 
+TEST(LimitChange, HoldsEachSampleNearItsOriginal) {
+  onEachPathAndSize([](Size size) {
+    const Bytes original = randomBytes(size.area(), 9);
+    const Bytes changed = randomBytes(size.area(), 10);
+    for (const int limit : {0, 5, 255}) {
+      Bytes expected;
+      for (size_t i = 0; i < original.size(); ++i) {
+        const int change = std::clamp(changed[i] - original[i], -limit, limit);
+        expected.push_back(static_cast<uint8_t>(original[i] + change));
+      }
+      Sheet actual = Sheet::target(size, changed);
+      kernels::limitChange(Sheet::source(size, original).plane(), limit, actual.plane());
+      EXPECT_EQ(actual.content(), expected) << "limit " << limit;
+      EXPECT_TRUE(actual.intact());
+    }
+  });
+}
+
 TEST(SmoothChroma, AveragesRowsThenColumnsOfEachComponent) {
   onEachPathAndSize([](Size size) {
     for (const int radius : {0, 1, 4, 26, 63, 64}) {  // vectors go up to 63
