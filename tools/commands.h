@@ -15,6 +15,10 @@ struct Command {
   std::function<int()> run;
 };
 
+// Runs what works with the engine: Ctrl-C ends it in order, programs are cached, and where there is no usable GL the engine's
+// log says why. `verbose` shows all of that log, and FFmpeg's warnings.
+int runWithEngine(bool verbose, const std::function<int()>& run);
+
 Command addAnalyze(CLI::App& app);
 Command addEnhance(CLI::App& app);
 Command addInfo(CLI::App& app);

@@ -1,16 +1,8 @@
 // `noxel enhance`: the command line.
-extern "C" {
-#include <libavutil/log.h>
-}
-
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
-#include "engine_log.h"
 #include "enhance.h"
-#include "interrupt.h"
-#include "program_cache_path.h"
-#include "tool_error.h"
 
 namespace noxel::tool {
 namespace {
@@ -157,19 +149,6 @@ void addOptions(CLI::App* command, EnhanceOptions& options) {
   command->add_flag("-v,--verbose", options.verbose, "Show the engine's log and FFmpeg's warnings");
 }
 
-int enhanceWithLog(const EnhanceOptions& options) {
-  av_log_set_level(options.verbose ? AV_LOG_WARNING : AV_LOG_QUIET);
-  installInterruptHandlers();
-  useProgramCache();
-  const EngineLog log(options.verbose);
-  try {
-    return runEnhance(options);
-  } catch (const ToolError& error) {
-    if (error.code() == kExitNoGl) log.printErrors();
-    throw;
-  }
-}
-
 }  // namespace
 
 Command addEnhance(CLI::App& app) {
@@ -180,7 +159,7 @@ Command addEnhance(CLI::App& app) {
             for (const CLI::Option* option : command->get_options()) {
               if (option->count() > 0) options->given.push_back(option->get_name());
             }
-            return enhanceWithLog(*options);
+            return runWithEngine(options->verbose, [&] { return runEnhance(*options); });
           }};
 }
 

@@ -1,15 +1,7 @@
 // `noxel view`: the command line.
-extern "C" {
-#include <libavutil/log.h>
-}
-
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
-#include "engine_log.h"
-#include "interrupt.h"
-#include "program_cache_path.h"
-#include "tool_error.h"
 #include "view.h"
 
 namespace noxel::tool {
@@ -65,26 +57,13 @@ void addOptions(CLI::App* command, ViewOptions& options) {
   command->add_flag("-v,--verbose", options.verbose, "Show the engine's log and FFmpeg's warnings");
 }
 
-int viewWithLog(const ViewOptions& options) {
-  av_log_set_level(options.verbose ? AV_LOG_WARNING : AV_LOG_QUIET);
-  installInterruptHandlers();
-  useProgramCache();
-  const EngineLog log(options.verbose);
-  try {
-    return runView(options);
-  } catch (const ToolError& error) {
-    if (error.code() == kExitNoGl) log.printErrors();
-    throw;
-  }
-}
-
 }  // namespace
 
 Command addView(CLI::App& app) {
   const auto options = std::make_shared<ViewOptions>();
   CLI::App* command = app.add_subcommand("view", "Play a video or a camera, enhanced, in a window");
   addOptions(command, *options);
-  return {command, [options] { return viewWithLog(*options); }};
+  return {command, [options] { return runWithEngine(options->verbose, [&] { return runView(*options); }); }};
 }
 
 }  // namespace noxel::tool

@@ -29,10 +29,8 @@ constexpr double kCurveWidth = 0.38;  // 1/2 - 0.004 * contrast
 // The scene from a camera that pans and rolls, with colours that change across it.
 Frame frameOf(int n) {
   static const Waves scene(5, 8);
-  Frame frame(kWidth, kHeight);
   const View pose = turned(0.01 * n, 1, kWidth / 2.0, kHeight / 2.0, 2.25 * n, -0.75 * n);
-  const std::vector<uint8_t> luma = scene.seen(kWidth, kHeight, pose, 2.0, static_cast<unsigned>(n));
-  std::copy(luma.begin(), luma.end(), frame.bytes.begin());
+  Frame frame(kWidth, kHeight, scene.seen(kWidth, kHeight, pose, 2.0, static_cast<unsigned>(n)));
   for (int y = 0; y < kHeight; y += 2) {
     for (int x = 0; x < kWidth; x += 2) {
       frame.v(x, y) = static_cast<unsigned char>(104 + (x + 3 * n) % 40);
@@ -60,10 +58,6 @@ View frameFromPicture(int n) {
 Matrix warpOf(const View& v) {
   constexpr double kAspect = static_cast<double>(kWidth) / kHeight;
   return {v[0], v[3] * kAspect, 0, 0, v[1] / kAspect, v[4], 0, 0, 0, 0, 1, 0, v[2] / kWidth, v[5] / kHeight, 0, 1};
-}
-
-void store(float (&matrix)[9], const View& view) {
-  for (size_t i = 0; i < view.size(); ++i) matrix[i] = static_cast<float>(view[i]);
 }
 
 void useScene(TestEngine* engine, const int* n) {

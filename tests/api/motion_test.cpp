@@ -19,19 +19,13 @@ const Waves& scene() {
   return waves;
 }
 
-Frame frameOf(const std::vector<uint8_t>& luma, int width = kWidth, int height = kHeight) {
-  Frame frame(width, height);
-  std::copy(luma.begin(), luma.end(), frame.bytes.begin());
-  return frame;
-}
-
 // A hand-held pan, to about 50 pixels off.
 View poseOf(int n) {
   return turned(0.004 * n, 1, kWidth / 2.0, kHeight / 2.0, 3.25 * n, -1.5 * n);
 }
 
 Frame panned(const Waves& waves, int n, double sigma = 0.0) {
-  return frameOf(waves.seen(kWidth, kHeight, poseOf(n), sigma, 100u + static_cast<unsigned>(n)));
+  return {kWidth, kHeight, waves.seen(kWidth, kHeight, poseOf(n), sigma, 100u + static_cast<unsigned>(n))};
 }
 
 struct Shown {
@@ -89,7 +83,7 @@ TEST(Motion, IsInFramePixelsAtEitherResolution) {
     const View step = shifted(6.5, -2.5);
     View pose = shifted(0, 0);
     for (int n = 0; n < 3; ++n, pose = composed(pose, step)) {
-      Frame frame = frameOf(scene().seen(width, 96, pose), width, 96);
+      Frame frame(width, 96, scene().seen(width, 96, pose));
       engine.process(&frame);
       if (n == 0) continue;
       const FrameReport report = lastFrameReport(engine.handle);

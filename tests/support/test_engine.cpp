@@ -1,5 +1,6 @@
 #include "support/test_engine.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -29,6 +30,10 @@ Frame::Frame(int frameWidth, int frameHeight, unsigned char luma, unsigned char 
     bytes[i] = v;
     bytes[i + 1] = u;
   }
+}
+
+Frame::Frame(int frameWidth, int frameHeight, const std::vector<unsigned char>& luma) : Frame(frameWidth, frameHeight) {
+  std::copy(luma.begin(), luma.end(), bytes.begin());
 }
 
 TestEngine::TestEngine(int width, int height, EngineSetUp setUp) {

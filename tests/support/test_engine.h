@@ -33,6 +33,7 @@ struct Frame {
   std::vector<unsigned char> bytes;
 
   Frame(int frameWidth, int frameHeight, unsigned char luma = 16, unsigned char v = 128, unsigned char u = 128);
+  Frame(int frameWidth, int frameHeight, const std::vector<unsigned char>& luma);  // grey
   unsigned char& luma(int x, int y) { return bytes[static_cast<size_t>(y * width + x)]; }
   unsigned char luma(int x, int y) const { return bytes[static_cast<size_t>(y * width + x)]; }
   unsigned char& v(int x, int y) { return bytes[chromaAt(x, y)]; }

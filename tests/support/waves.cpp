@@ -26,6 +26,10 @@ View inverted(const View& v) {
   return composed({v[4] / d, -v[1] / d, 0, -v[3] / d, v[0] / d, 0}, shifted(-v[2], -v[5]));
 }
 
+void store(float (&matrix)[9], const View& view) {
+  for (size_t i = 0; i < view.size(); ++i) matrix[i] = static_cast<float>(view[i]);
+}
+
 double cornerError(const float (&matrix)[9], const View& truth, int width, int height) {
   double squares = 0;
   for (int corner = 0; corner < 4; ++corner) {

@@ -16,6 +16,8 @@ View turned(double angleRad, double scale, double x, double y, double shiftX, do
 // First `right`, then `left`.
 View composed(const View& left, const View& right);
 View inverted(const View& view);
+// As the first two rows of a 3 x 3 matrix.
+void store(float (&matrix)[9], const View& view);
 // Root mean square over the corners of a width x height picture of the distance between their images. `matrix`: 3 x 3.
 double cornerError(const float (&matrix)[9], const View& truth, int width, int height);
 
