@@ -189,6 +189,11 @@ void sharpen(benchmark::State& state) {
       state, [&] { kernels::sharpen(frame.in(), kernels::Gauss::kFive, 16, frame.out()); }, peer);
 }
 
+void limitChange(benchmark::State& state) {
+  Frame frame(state);
+  measure(state, [&] { kernels::limitChange(frame.in(), 5, frame.out()); }, {});
+}
+
 void smoothChroma(benchmark::State& state, int radius) {
   constexpr int kIterations = 4;
   Frame frame(state);
@@ -217,6 +222,7 @@ BENCHMARK(boxFour)->Apply(atCameraSizes);
 BENCHMARK_CAPTURE(gauss, 3_taps, kernels::Gauss::kThree)->Apply(atCameraSizes);
 BENCHMARK_CAPTURE(gauss, 5_taps, kernels::Gauss::kFive)->Apply(atCameraSizes);
 BENCHMARK(sharpen)->Apply(atCameraSizes);
+BENCHMARK(limitChange)->Apply(atCameraSizes);
 BENCHMARK_CAPTURE(smoothChroma, radius_4, 4)->Apply(atCameraSizes);
 BENCHMARK_CAPTURE(smoothChroma, radius_17, 17)->Apply(atCameraSizes);
 

@@ -38,6 +38,11 @@ class Stream {
   Stream(const SdlWindow& window, Chroma chroma) : frame_(flatFrame(chroma)) {
     EXPECT_EQ(Noxel_InitializeWithWindow(kWidth, kHeight, window.native(), &engine_), 0);
   }
+  // An engine mode that the C interface does not make, on the path of a light mode.
+  Stream(const SdlWindow& window, Chroma chroma, int mode, int lightMode) : frame_(flatFrame(chroma)) {
+    EXPECT_EQ(initializeEngine(kWidth, kHeight, mode, 2, 2, 0, window.native(), &engine_), 0);
+    EXPECT_EQ(KRSetParameter(kParamLightMode, &lightMode, engine_), 0);
+  }
   ~Stream() { release(); }
   Stream(const Stream&) = delete;
   Stream& operator=(const Stream&) = delete;
@@ -121,6 +126,18 @@ TEST_F(Window, IsFilledAtEachSizeItTakes) {
         [&, wanted = width](const Picture& seen) { return seen.width == wanted && isFilledWith(seen, kReddish); },
         [&] { EXPECT_EQ(stream.process(), 0); }))
         << width << " x " << height;
+  }
+}
+
+TEST_F(Window, EachModeDrawsIntoIt) {
+  for (const auto& [mode, lightMode] : {std::pair{0, 0}, {0, 1}, {2, 0}, {2, 1}, {3, 0}}) {
+    const SdlWindow window("mode", {kWidth, kHeight});
+    Stream stream(window, kReddish, mode, lightMode);
+    ASSERT_TRUE(stream.ready());
+    EXPECT_TRUE(comesToShow(
+        window, [](const Picture& seen) { return isFilledWith(seen, kReddish); },
+        [&] { EXPECT_EQ(stream.process(), 0); }))
+        << "mode " << mode << ", light mode " << lightMode;
   }
 }
 
