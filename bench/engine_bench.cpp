@@ -20,8 +20,8 @@
 
 #include "api/engine.h"
 #include "api/engine_control.h"
+#include "common/percentile.h"
 #include "gl/engine/gpu_engine.h"
-#include "percentile.h"
 #include "platform/cache_directory.h"
 #include "platform/egl_display.h"
 #include "platform/frame_clock.h"

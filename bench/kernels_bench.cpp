@@ -12,9 +12,9 @@
 #include <random>
 #include <vector>
 
+#include "common/percentile.h"
 #include "kernels/planes.h"
 #include "kernels/row_kernels.h"
-#include "percentile.h"
 
 #if NOXEL_BENCH_OPENCV
 #include <opencv2/imgproc.hpp>

@@ -26,7 +26,7 @@
 #include <utility>
 #include <vector>
 
-#include "percentile.h"
+#include "common/percentile.h"
 #include "registration/plane_registration.h"
 #include "scene_pairs.h"
 

@@ -6,10 +6,10 @@
 #include <exception>
 #include <memory>
 
-#include "engine_log.h"
-#include "enhance.h"
-#include "enhancer_session.h"
-#include "program_cache_path.h"
+#include "common/engine_log.h"
+#include "common/program_cache_path.h"
+#include "enhance/enhance.h"
+#include "enhance/enhancer_session.h"
 
 namespace noxel::tool {
 namespace {

@@ -8,8 +8,8 @@
 
 #include "api/engine_control.h"
 #include "noxel/noxel.h"
-#include "sdl_window.h"
 #include "support/virtual_screen.h"
+#include "view/sdl_window.h"
 
 namespace noxel {
 namespace {

@@ -1,4 +1,4 @@
-#include "analyze.h"
+#include "analyze/analyze.h"
 
 #include <gtest/gtest.h>
 
@@ -8,10 +8,10 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 
-#include "analysis_plot.h"
+#include "analyze/analysis_plot.h"
 #include "clips.h"
-#include "enhance.h"
-#include "tool_error.h"
+#include "common/tool_error.h"
+#include "enhance/enhance.h"
 
 namespace noxel::tool {
 namespace {

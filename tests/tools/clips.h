@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "av_types.h"
-#include "video_reader.h"
+#include "media/av_types.h"
+#include "media/video_reader.h"
 
 namespace noxel::tool {
 

@@ -1,4 +1,4 @@
-#include "colour_conversion.h"
+#include "media/colour_conversion.h"
 
 #include <gtest/gtest.h>
 
@@ -7,8 +7,8 @@
 #include <cstdlib>
 
 #include "clips.h"
-#include "nv21_frame.h"
-#include "tool_error.h"
+#include "common/tool_error.h"
+#include "media/nv21_frame.h"
 
 namespace noxel::tool {
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "clips.h"
-#include "tool_error.h"
+#include "common/tool_error.h"
 
 namespace noxel::tool {
 namespace {

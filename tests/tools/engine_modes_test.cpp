@@ -6,12 +6,12 @@
 #include <memory>
 
 #include "clips.h"
-#include "colour_conversion.h"
-#include "enhance.h"
-#include "nv21_frame.h"
-#include "picture.h"
-#include "rgba_session.h"
-#include "tool_error.h"
+#include "common/tool_error.h"
+#include "enhance/enhance.h"
+#include "enhance/rgba_session.h"
+#include "media/colour_conversion.h"
+#include "media/nv21_frame.h"
+#include "media/picture.h"
 
 namespace noxel::tool {
 namespace {

@@ -1,4 +1,4 @@
-#include "enhance.h"
+#include "enhance/enhance.h"
 
 #include <gtest/gtest.h>
 
@@ -8,13 +8,13 @@
 #include <nlohmann/json.hpp>
 
 #include "clips.h"
-#include "interrupt.h"
+#include "common/interrupt.h"
+#include "common/percentile.h"
+#include "common/tool_error.h"
+#include "enhance/progress.h"
+#include "enhance/statistics.h"
 #include "kernels/bmp.h"
-#include "nv21_frame.h"
-#include "percentile.h"
-#include "progress.h"
-#include "statistics.h"
-#include "tool_error.h"
+#include "media/nv21_frame.h"
 
 namespace noxel::tool {
 namespace {

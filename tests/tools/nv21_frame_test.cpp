@@ -1,4 +1,4 @@
-#include "nv21_frame.h"
+#include "media/nv21_frame.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "overlay.h"
+#include "enhance/overlay.h"
 
 #include <gtest/gtest.h>
 
@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "enhancer_session.h"
-#include "nv21_frame.h"
-#include "tool_error.h"
+#include "common/tool_error.h"
+#include "enhance/enhancer_session.h"
+#include "media/nv21_frame.h"
 
 namespace noxel::tool {
 namespace {

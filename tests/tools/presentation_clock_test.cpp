@@ -1,8 +1,8 @@
-#include "presentation_clock.h"
+#include "media/presentation_clock.h"
 
 #include <gtest/gtest.h>
 
-#include "enhancer_session.h"
+#include "enhance/enhancer_session.h"
 
 namespace noxel::tool {
 namespace {

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "clips.h"
-#include "tool_error.h"
+#include "common/tool_error.h"
 
 namespace noxel::tool {
 namespace {

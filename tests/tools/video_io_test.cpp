@@ -4,10 +4,10 @@
 #include <numeric>
 
 #include "clips.h"
-#include "interrupt.h"
-#include "nv21_frame.h"
-#include "tool_error.h"
-#include "video_writer.h"
+#include "common/interrupt.h"
+#include "common/tool_error.h"
+#include "media/nv21_frame.h"
+#include "media/video_writer.h"
 
 namespace noxel::tool {
 namespace {

@@ -1,4 +1,4 @@
-#include "view.h"
+#include "view/view.h"
 
 #include <SDL.h>
 #include <gtest/gtest.h>
@@ -12,10 +12,10 @@
 #include <sstream>
 
 #include "clips.h"
-#include "interrupt.h"
-#include "nv21_frame.h"
+#include "common/interrupt.h"
+#include "common/tool_error.h"
+#include "media/nv21_frame.h"
 #include "support/virtual_screen.h"
-#include "tool_error.h"
 
 namespace noxel::tool {
 namespace {

@@ -1,0 +1,227 @@
+#include "analyze/analyze.h"
+
+#include <cmath>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "analyze/analysis_plot.h"
+#include "api/engine_control.h"
+#include "common/interrupt.h"
+#include "common/output_file.h"
+#include "common/tool_error.h"
+#include "enhance/enhancer_session.h"
+#include "media/clip_input.h"
+#include "noxel/noxel.h"
+#include "registration/luminance.h"
+#include "tonemapping/tone_curve.h"
+
+namespace noxel::tool {
+namespace {
+
+constexpr int kSmoothingRadius = 3;  // levels; a coder's gaps and combs are narrower
+
+std::string baseName(const std::string& input) {
+  return input == "-" ? "standard input" : std::filesystem::path(input).filename().string();
+}
+
+nlohmann::ordered_json jsonOf(const ExposureStatistics& statistics) {
+  const Histogram& histogram = statistics.histogram;
+  return {{"frames", statistics.frames},
+          {"mean_luma", meanLevel(histogram)},
+          {"level_p1", levelAtShare(histogram, 0.01)},
+          {"level_p50", levelAtShare(histogram, 0.5)},
+          {"level_p99", levelAtShare(histogram, 0.99)},
+          {"black_share", statistics.share(0)},
+          {"white_share", statistics.share(kLevels - 1)},
+          {"gamma", statistics.gamma()},
+          {"gain", statistics.gain()}};
+}
+
+void printHeader(std::FILE* out) {
+  std::fprintf(out, "second  frames    mean   1 %%  50 %%  99 %%    black    white   gamma    gain\n");
+}
+
+void printRow(std::FILE* out, const std::string& name, const ExposureStatistics& statistics) {
+  const Histogram& histogram = statistics.histogram;
+  std::fprintf(out, "%6s  %6lld  %6.1f  %4d  %4d  %4d  %6.2f%%  %6.2f%%  %6.3f  %6.3f\n", name.c_str(),
+               static_cast<long long>(statistics.frames), meanLevel(histogram), levelAtShare(histogram, 0.01),
+               levelAtShare(histogram, 0.5), levelAtShare(histogram, 0.99), 100 * statistics.share(0),
+               100 * statistics.share(kLevels - 1), statistics.gamma(), statistics.gain());
+  // Seconds are seen as they are done, also through a pipe.
+  if (std::fflush(out) != 0) throw ToolError(kExitFailed, "the table cannot be written");
+}
+
+class Analysis {
+ public:
+  Analysis(const AnalyzeOptions& options, std::string plotFile, std::FILE* out)
+      : options_(options),
+        plotFile_(std::move(plotFile)),
+        out_(out),
+        table_(options.jsonFile == "-" ? stderr : out),
+        clip_(options.input) {}
+
+  void run();
+
+ private:
+  void readAll();
+  void endSecond();
+  void writeJson() const;
+  void writePlot() const;
+  static void note(const std::string& text) { std::fprintf(stderr, "noxel: note: %s\n", text.c_str()); }
+
+  const AnalyzeOptions& options_;
+  const std::string plotFile_;
+  std::FILE* const out_;
+  std::FILE* const table_;
+  ClipInput clip_;
+  int64_t second_ = 0;          // counted from the first frame
+  ExposureStatistics current_;  // of that second
+  ExposureStatistics all_;
+  nlohmann::ordered_json seconds_ = nlohmann::ordered_json::array();
+  Histogram smoothed_;
+  ToneCurve suggested_;
+};
+
+void Analysis::run() {
+  if (clip_.highDynamicRange()) note("the clip is HDR; it is analysed with 8 bits a sample");
+  printHeader(table_);
+  readAll();
+  smoothHistogram(all_.histogram, kSmoothingRadius, &smoothed_);
+  suggested_ = suggestToneCurve(smoothed_, options_.strength);
+  printRow(table_, "all", all_);
+  std::fprintf(table_, "suggested curve of strength %g: mean %.1f -> %.1f\n", options_.strength,
+               meanLevel(all_.histogram), meanLevelAfter(all_.histogram, suggested_));
+  writePlot();
+  if (!options_.jsonFile.empty()) writeJson();
+  std::fprintf(table_, "plot: %s\n", plotFile_.c_str());
+  if (clip_.reader().damagedPackets() > 0) {
+    note(std::to_string(clip_.reader().damagedPackets()) + " damaged packets of the input could not be decoded");
+  }
+  if (stopRequested()) note("stopped on request; the analysis is of the frames up to there");
+}
+
+void Analysis::readAll() {
+  ExposureFollower exposure(clip_.nv21Width(), clip_.nv21Height(), options_.exposure);
+  exposure.settle(clip_.nv21().data());
+  const double start = clip_.seconds();
+  do {
+    // A frame every 1/3 s comes at 0.33, 0.67, 1.00: what is a thousandth short of a second belongs to it.
+    const auto second = static_cast<int64_t>(std::floor(clip_.seconds() - start + 0.001));
+    if (second != second_) endSecond();
+    second_ = second;
+    exposure.follow(clip_.nv21().data());
+    addPlane(clip_.nv21().data(), clip_.width(), clip_.height(), clip_.nv21Width(), &current_.histogram);
+    ++current_.frames;
+    current_.gammaSum += exposure.gamma();
+    current_.gainSum += exposure.gain();
+    clip_.reader().takeAudio();  // nobody listens
+  } while (clip_.next());
+  endSecond();
+}
+
+void Analysis::endSecond() {
+  printRow(table_, std::to_string(second_), current_);
+  nlohmann::ordered_json row = {{"second", second_}};
+  row.update(jsonOf(current_));
+  seconds_.push_back(std::move(row));
+  all_.add(current_);
+  current_ = {};
+}
+
+void Analysis::writePlot() const {
+  AnalysisPlot plot;
+  char figures[160];
+  std::snprintf(figures, sizeof(figures), "%d x %d, %lld frames, mean luma %.1f, clipped black %.2f %%, white %.2f %%",
+                clip_.width(), clip_.height(), static_cast<long long>(all_.frames), meanLevel(all_.histogram),
+                100 * all_.share(0), 100 * all_.share(kLevels - 1));
+  plot.title = baseName(options_.input);
+  plot.subtitle = figures;
+  plot.histogram = all_.histogram;
+  plot.smoothed = smoothed_;
+  plot.suggested = suggested_;
+  plot.strength = options_.strength;
+  plot.gamma = all_.gamma();
+  plot.gain = all_.gain();
+  const std::vector<uint8_t> png = drawAnalysis(plot);
+  writeWholeFile(plotFile_, png.data(), png.size());
+}
+
+void Analysis::writeJson() const {
+  nlohmann::ordered_json summary = jsonOf(all_);
+  summary["mean_luma_suggested"] = meanLevelAfter(all_.histogram, suggested_);
+  const nlohmann::ordered_json json = {{"noxel", Noxel_GetVersion()},
+                                       {"input",
+                                        {{"file", options_.input},
+                                         {"codec", clip_.reader().codecName()},
+                                         {"width", clip_.width()},
+                                         {"height", clip_.height()},
+                                         {"frame_rate", av_q2d(clip_.reader().frameRate())}}},
+                                       {"options", {{"strength", options_.strength}, {"exposure", options_.exposure}}},
+                                       {"plot", plotFile_},
+                                       {"stopped_early", stopRequested()},
+                                       {"summary", std::move(summary)},
+                                       {"seconds", seconds_},
+                                       {"histogram", all_.histogram.bins},
+                                       {"smoothed_histogram", smoothed_.bins},
+                                       {"suggested_curve", suggested_.level}};
+  const std::string text = json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+  if (options_.jsonFile != "-") {
+    writeWholeFile(options_.jsonFile, text.data(), text.size());
+  } else if (std::fwrite(text.data(), 1, text.size(), out_) != text.size() || std::fflush(out_) != 0) {
+    throw ToolError(kExitFailed, "cannot write to standard output");
+  }
+}
+
+}  // namespace
+
+std::string plotName(const std::string& input) {
+  return input == "-" ? "analysis.png" : std::filesystem::path(input).stem().string() + "-analysis.png";
+}
+
+ExposureFollower::ExposureFollower(int width, int height, int strength)
+    : width_(width), height_(height), factor_(resolutionFactor(width, height)), strength_(strength) {
+  const size_t size = static_cast<size_t>(width / factor_) * static_cast<size_t>(height / factor_);
+  image_.resize(size);
+  scratch_.resize(size);
+}
+
+void ExposureFollower::settle(const uint8_t* luma) {
+  ExposureSettling settling;
+  FrameReport report;
+  do {
+    follow(luma);
+    report.gamma = gamma();
+    report.gain = gain();
+  } while (!settling.settled(report));
+}
+
+void ExposureFollower::follow(const uint8_t* luma) {
+  prepareLuminance({width_, height_, luma}, factor_, false, image_.data(), scratch_.data());
+  updateExposure(&state_, {width_ / factor_, height_ / factor_, image_.data()}, kModeEnhance, strength_);
+}
+
+void ExposureStatistics::add(const ExposureStatistics& more) {
+  addHistogram(more.histogram, &histogram);
+  frames += more.frames;
+  gammaSum += more.gammaSum;
+  gainSum += more.gainSum;
+}
+
+double ExposureStatistics::share(int level) const {
+  const double mass = histogramMass(histogram);
+  return mass > 0 ? histogram.bins[level] / mass : 0;
+}
+
+int runAnalyze(const AnalyzeOptions& options, std::FILE* out) {
+  const std::string plotFile = options.plotFile.empty() ? plotName(options.input) : options.plotFile;
+  if (plotFile == "-") throw ToolError(kExitUsage, "the plot needs the name of a file");
+  if (plotFile == options.jsonFile) throw ToolError(kExitUsage, plotFile + " cannot be both the plot and the JSON");
+  checkMayWriteBeside(options.input, plotFile, options.overwrite);
+  if (!options.jsonFile.empty() && options.jsonFile != "-") {
+    checkMayWriteBeside(options.input, options.jsonFile, options.overwrite);
+  }
+  Analysis(options, plotFile, out).run();
+  return kExitFine;
+}
+
+}  // namespace noxel::tool

@@ -1,0 +1,56 @@
+// The command `noxel`.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+
+#include "commands/commands.h"
+#include "common/tool_error.h"
+#include "noxel/noxel.h"
+
+namespace noxel::tool {
+namespace {
+
+constexpr char kFooter[] = R"(Exit codes:
+  0  fine (also when Ctrl-C ended the run early: the output then is whole up to there)
+  1  failed while running; no output is left behind
+  2  the command line asks for something that cannot be done
+  3  no usable OpenGL ES 3.0
+  4  the input cannot be read
+)";
+
+int run(int argc, char** argv) {
+  CLI::App app("Noxel makes dark videos bright and clean.", "noxel");
+  app.set_version_flag("--version", Noxel_GetVersion());
+  app.require_subcommand(1);
+  app.footer(std::string(kFooter) + "\nEach command has its own --help.\n");
+  const Command commands[] = {addEnhance(app), addView(app), addAnalyze(app), addInfo(app)};
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& asked) {  // --help, --version
+    return app.exit(asked);
+  } catch (const CLI::ParseError& error) {
+    throw ToolError(kExitUsage, std::string(error.what()) + "; see noxel --help");
+  }
+  for (const Command& command : commands) {
+    if (command.app->parsed()) return command.run();
+  }
+  return kExitUsage;
+}
+
+}  // namespace
+}  // namespace noxel::tool
+
+int main(int argc, char** argv) {
+  try {
+    return noxel::tool::run(argc, argv);
+  } catch (const noxel::tool::ToolError& error) {
+    std::fprintf(stderr, "noxel: %s\n", error.what());
+    return error.code();
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "noxel: out of memory; try a smaller video\n");
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "noxel: %s\n", error.what());
+  }
+  return noxel::tool::kExitFailed;
+}

@@ -1,0 +1,169 @@
+// The command `noxel-register`: the camera's motion through raw luma planes, measured as the engine does.
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <exception>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "api/engine.h"
+#include "common/percentile.h"
+#include "common/tool_error.h"
+#include "kernels/worker_pool.h"
+#include "registration/plane_registration.h"
+
+namespace noxel::tool {
+namespace {
+
+struct Options {
+  std::string file;
+  int width = 0;
+  int height = 0;
+  int frames = 0;
+  bool full = false;
+  int threads = 0;
+  bool stats = false;
+};
+
+int engineThreads() {
+  return std::clamp(static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)) - 1, 0, kMaxRegistrationWorkers);
+}
+
+Options parse(CLI::App& app, int argc, char** argv) {
+  Options options;
+  options.threads = engineThreads();
+  app.add_option("FILE", options.file, "N planes of W x H bytes, one behind the other")->required();
+  app.add_option("W", options.width, "Width")->required()->check(CLI::Range(1, INT_MAX));
+  app.add_option("H", options.height, "Height")->required()->check(CLI::Range(1, INT_MAX));
+  app.add_option("N", options.frames, "Number of planes")->required()->check(CLI::Range(1, INT_MAX));
+  app.add_flag("--full", options.full, "Measure at full size also where a side is above 1000");
+  app.add_option("--threads", options.threads, "Threads beside the main one")
+      ->check(CLI::Range(0, 64))
+      ->capture_default_str();
+  app.add_flag("--stats", options.stats, "Tell at the end, on standard error, what was lost, kept and spent");
+  app.footer(R"(Prints, for each frame from the second on,
+
+  valid m00 m01 m02 m10 m11 m12 ms
+
+valid    1, or 0 where no motion could be measured: the rest is the identity then
+m        x' = m00 x + m01 y + m02, y' = m10 x + m11 y + m12: where a pixel of the frame before is in this one; in pixels
+         of the file, the first one's centre at (0, 0)
+ms       processor time of the frame over all threads, milliseconds
+
+Exit codes: 0 fine, 1 failed while running, 2 wrong use, 4 the file cannot be read or is too short.
+)");
+  app.parse(argc, argv);
+  if (int64_t{options.width} * options.height > INT_MAX / 4) throw ToolError(kExitUsage, "the frames are too large");
+  return options;
+}
+
+// Threads that serve a pool while it lives.
+class Workers {
+ public:
+  explicit Workers(int count) {
+    for (int i = 0; i < count; ++i) threads_.emplace_back([this] { pool_.serve(); });
+  }
+  ~Workers() {
+    pool_.stop();
+    for (std::thread& thread : threads_) thread.join();
+  }
+  Workers(const Workers&) = delete;
+  Workers& operator=(const Workers&) = delete;
+
+  WorkerPool* pool() { return threads_.empty() ? nullptr : &pool_; }
+
+ private:
+  WorkerPool pool_;
+  std::vector<std::thread> threads_;
+};
+
+struct Motion {
+  bool valid = false;
+  double m[6] = {1, 0, 0, 0, 1, 0};  // current from previous, pixel centres at integers
+};
+
+double processorMs() {
+  timespec time = {};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_nsec) * 1e-6;
+}
+
+struct Summary {
+  int lost = 0;
+  std::vector<double> tracked;
+  std::vector<double> kept;
+  std::vector<double> ms;
+
+  void print() const {
+    std::fprintf(stderr, "%zu frames, %d lost, median points tracked %.0f kept %.0f, ms p50 %.2f p95 %.2f\n", ms.size(),
+                 lost, percentile(tracked, 50), percentile(kept, 50), percentile(ms, 50), percentile(ms, 95));
+  }
+};
+
+void run(const Options& options) {
+  std::ifstream file(options.file, std::ios::binary);
+  if (!file) throw ToolError(kExitUnreadable, "cannot read " + options.file);
+  std::vector<uint8_t> luma(static_cast<size_t>(options.width) * static_cast<size_t>(options.height));
+  Workers workers(options.threads);
+  PlaneRegistration registration;
+  if (!registration.create(options.width, options.height, options.full, workers.pool())) throw std::bad_alloc();
+  Summary summary;
+  for (int i = 0; i < options.frames; ++i) {
+    file.read(reinterpret_cast<char*>(luma.data()), static_cast<std::streamsize>(luma.size()));
+    if (!file) {
+      throw ToolError(kExitUnreadable, options.file + " ends within plane " + std::to_string(i) + " of " +
+                                           std::to_string(options.frames));
+    }
+    const double start = processorMs();
+    Motion motion;
+    motion.valid = registration.measure(luma.data());
+    if (motion.valid) registration.currentFromPrevious(motion.m);
+    const double ms = processorMs() - start;
+    if (i == 0) continue;
+    const double* m = motion.m;
+    std::printf("%d %.9g %.9g %.9g %.9g %.9g %.9g %.3f\n", motion.valid ? 1 : 0, m[0], m[1], m[2], m[3], m[4], m[5],
+                ms);
+    if (!motion.valid) ++summary.lost;
+    summary.tracked.push_back(registration.state().trackedCount);
+    summary.kept.push_back(registration.state().matchedCount);
+    summary.ms.push_back(ms);
+  }
+  if (options.stats) summary.print();
+  if (std::fflush(stdout) != 0) throw ToolError(kExitFailed, "cannot write the result");
+}
+
+int runCommand(int argc, char** argv) {
+  CLI::App app("Measures the camera's motion through raw luma planes.", "noxel-register");
+  try {
+    run(parse(app, argc, argv));
+    return kExitFine;
+  } catch (const CLI::Success& asked) {
+    return app.exit(asked);
+  } catch (const CLI::ParseError& error) {
+    std::fprintf(stderr, "noxel-register: %s; see noxel-register --help\n", error.what());
+    return kExitUsage;
+  } catch (const ToolError& error) {
+    std::fprintf(stderr, "noxel-register: %s\n", error.what());
+    return error.code();
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "noxel-register: out of memory\n");
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "noxel-register: %s\n", error.what());
+  }
+  return kExitFailed;
+}
+
+}  // namespace
+}  // namespace noxel::tool
+
+int main(int argc, char** argv) {
+  return noxel::tool::runCommand(argc, argv);
+}

@@ -1,0 +1,69 @@
+// `noxel view`: the command line.
+#include <CLI/CLI.hpp>
+
+#include "commands/commands.h"
+#include "view/view.h"
+
+namespace noxel::tool {
+namespace {
+
+constexpr char kViewFooter[] = R"(Keys:
+  space        pause; at the end: play again
+  s            split: left half enhanced, right half as it came
+  d            denoise: temporal, spatial
+  up, down     strength of the noise reduction by 5
+  e            exposure: 0, 25, 50, 75, 100
+  b            stabilisation (temporal only)
+  q, Escape    quit
+
+Examples:
+  noxel view night.mp4
+  noxel view /dev/video0 --split
+  noxel view --format x11grab :0
+
+The window is one of X11. It opens at the clip's size, or smaller to fit the desktop, and the picture follows its size.
+A clip plays at its own speed; a machine that is too slow for it shows fewer frames, and the title tells how many were
+drawn a second. At the end the last frame stays. There is no sound.
+)";
+
+void addOptions(CLI::App* command, ViewOptions& options) {
+  command->footer(kViewFooter);
+  command->add_option("INPUT", options.input, "Any video FFmpeg reads, a camera (/dev/video0), or - for Y4M")
+      ->required();
+  command->add_option("--format", options.format, "FFmpeg's name of the input's kind, such as v4l2, x11grab or lavfi")
+      ->type_name("NAME");
+  CLI::Option* loop = command->add_flag("--loop", options.loop, "Start again at the end");
+  command->add_flag("--exit", options.exitAtEnd, "Quit at the end")->excludes(loop);
+
+  const char* look = "Look at the start";
+  command
+      ->add_option_function<std::string>(
+          "--denoise", [&options](const std::string& path) { options.look.spatial = path == "spatial"; },
+          "temporal works across frames along the camera's motion, spatial within each frame")
+      ->check(CLI::IsMember({"temporal", "spatial"}))
+      ->default_str("temporal")
+      ->group(look);
+  command->add_option("--strength", options.look.strength, "Noise reduction")
+      ->check(CLI::Range(0, 100))
+      ->capture_default_str()
+      ->group(look);
+  command->add_option("--exposure", options.look.exposure, "How far dark pictures are brightened")
+      ->check(CLI::Range(0, 100))
+      ->capture_default_str()
+      ->group(look);
+  command->add_flag("--stabilize", options.look.stabilize, "Smooth the camera's path; temporal only")->group(look);
+  command->add_flag("--split", options.look.split, "Left half enhanced, right half as it came")->group(look);
+
+  command->add_flag("-v,--verbose", options.verbose, "Show the engine's log and FFmpeg's warnings");
+}
+
+}  // namespace
+
+Command addView(CLI::App& app) {
+  const auto options = std::make_shared<ViewOptions>();
+  CLI::App* command = app.add_subcommand("view", "Play a video or a camera, enhanced, in a window");
+  addOptions(command, *options);
+  return {command, [options] { return runWithEngine(options->verbose, [&] { return runView(*options); }); }};
+}
+
+}  // namespace noxel::tool

@@ -1,0 +1,49 @@
+#include "common/output_file.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+
+#include "common/tool_error.h"
+
+namespace noxel::tool {
+
+namespace fs = std::filesystem;
+
+void checkMayWrite(const std::string& path, bool overwrite) {
+  std::error_code ignored;
+  const fs::file_status status = fs::status(path, ignored);
+  if (!fs::exists(status)) return;
+  if (!fs::is_regular_file(status)) {
+    throw ToolError(kExitUsage, path + " exists and is no regular file; choose another name, or - for standard output");
+  }
+  if (!overwrite) throw ToolError(kExitUsage, path + " exists; give -y to overwrite it");
+}
+
+PendingFile::PendingFile(const std::string& path)
+    : path_(path), temporaryPath_(path + "." + std::to_string(getpid()) + ".part") {}
+
+PendingFile::~PendingFile() {
+  if (!committed_) std::remove(temporaryPath_.c_str());
+}
+
+void PendingFile::commit() {
+  std::error_code error;
+  fs::rename(temporaryPath_, path_, error);
+  if (error) throw ToolError(kExitFailed, "cannot write " + path_ + ": " + error.message());
+  committed_ = true;
+}
+
+void writeWholeFile(const std::string& path, const void* data, size_t size) {
+  PendingFile pending(path);
+  std::ofstream file(pending.temporaryPath(), std::ios::binary);
+  file.write(static_cast<const char*>(data), static_cast<std::streamsize>(size));
+  file.close();
+  if (!file) throw ToolError(kExitFailed, "cannot write " + path + "; check the folder and the space left");
+  pending.commit();
+}
+
+}  // namespace noxel::tool

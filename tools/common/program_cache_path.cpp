@@ -1,0 +1,37 @@
+#include "common/program_cache_path.h"
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "platform/cache_directory.h"
+
+namespace noxel::tool {
+namespace {
+
+std::string environment(const char* name) {
+  const char* value = std::getenv(name);
+  return value != nullptr ? value : "";
+}
+
+}  // namespace
+
+std::string makeProgramCacheDirectory() {
+  std::string base = environment("XDG_CACHE_HOME");
+  // The base directory convention has relative paths ignored.
+  if (base.empty() || base.front() != '/') {
+    const std::string home = environment("HOME");
+    if (home.empty()) return "";
+    base = home + "/.cache";
+  }
+  std::string directory = base + "/noxel/";
+  std::error_code error;
+  std::filesystem::create_directories(directory, error);
+  return std::filesystem::is_directory(directory, error) ? directory : "";
+}
+
+void useProgramCache() {
+  const std::string directory = makeProgramCacheDirectory();
+  if (!platform::setProgramCacheDirectory(directory.c_str())) platform::setProgramCacheDirectory("");
+}
+
+}  // namespace noxel::tool

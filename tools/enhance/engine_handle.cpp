@@ -1,0 +1,24 @@
+#include "enhance/engine_handle.h"
+
+#include <string>
+
+#include "common/tool_error.h"
+
+namespace noxel::tool {
+
+EngineHandle::EngineHandle(int width, int height, int mode) {
+  const std::string size = std::to_string(width) + "x" + std::to_string(height);
+  if (initializeEngine(width, height, mode, 1, 1, 1, nullptr, &engine_) != 0) {
+    throw ToolError(kExitFailed, "no engine can be made for frames of " + size + "; scale the clip down first");
+  }
+  if (!engineReady(engine_)) {
+    releaseEngine(&engine_);
+    throw ToolError(kExitNoGl, "no usable OpenGL ES 3.0 for frames of " + size + "; `noxel info` tells what was found");
+  }
+}
+
+void EngineHandle::process(unsigned char* frame) const {
+  if (KRProcessFrame(frame, engine_) != 0) throw ToolError(kExitFailed, "the engine refused a frame");
+}
+
+}  // namespace noxel::tool

@@ -1,0 +1,239 @@
+#include "enhance/enhance.h"
+
+extern "C" {
+#include <libavutil/pixdesc.h>
+}
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <optional>
+#include <vector>
+
+#include "common/interrupt.h"
+#include "common/output_file.h"
+#include "common/tool_error.h"
+#include "enhance/frame_dump.h"
+#include "enhance/overlay.h"
+#include "enhance/progress.h"
+#include "enhance/rgba_session.h"
+#include "enhance/statistics.h"
+#include "enhance/still.h"
+#include "media/clip_input.h"
+#include "media/nv21_frame.h"
+#include "media/picture.h"
+#include "media/video_writer.h"
+#include "noxel/noxel.h"
+
+namespace noxel::tool {
+namespace {
+
+void checkLook(const EnhanceOptions& options) {
+  const auto given = [&](const char* name) {
+    return std::find(options.given.begin(), options.given.end(), name) != options.given.end();
+  };
+  if (options.look.neutralExposure && given("--engine-mode") && options.look.engineMode != kModeNeutralExposure) {
+    throw ToolError(kExitUsage, "--neutral-exposure stands for --engine-mode 3; leave one of them out");
+  }
+  checkIsRead(options.look, options.given);
+  if (options.overlay) checkIsRead(options.look, {"--overlay"});
+}
+
+void checkOutputs(const EnhanceOptions& options) {
+  if (!isStill(options.output)) containerOf(options.output);
+  for (const std::string& path : {options.output, options.statsFile, options.pictureFile}) {
+    if (!path.empty() && path != "-") checkMayWriteBeside(options.input, path, options.overwrite);
+  }
+  checkMayDump(options.dumpFolder, options.overwrite);
+}
+
+// One run, from the first frame on.
+class Run {
+ public:
+  explicit Run(const EnhanceOptions& options)
+      : options_(options),
+        clip_(options.input),
+        writer_(outputSettings()),
+        picture_(options.pictureFrame),
+        progress_(options.quiet, isatty(STDERR_FILENO) != 0, clip_.reader().expectedFrames()) {
+    if (clip_.highDynamicRange()) note("the clip is HDR; it is enhanced and written with 8 bits a sample");
+    if (!options.dumpFolder.empty()) dump_.emplace(options.dumpFolder);
+  }
+
+  void enhanceAll(const EnhancerFactory& factory);
+  void finish();
+
+ private:
+  OutputSettings outputSettings() const;
+  void enhanceFrame(Enhancer& enhancer);
+  void note(const std::string& text);
+  void writeStatistics(double seconds) const;
+
+  const EnhanceOptions& options_;
+  ClipInput clip_;
+  VideoWriter writer_;
+  PictureKeeper picture_;
+  Statistics statistics_;
+  Progress progress_;
+  std::optional<FrameDump> dump_;
+};
+
+OutputSettings Run::outputSettings() const {
+  const VideoReader& reader = clip_.reader();
+  OutputSettings settings;
+  settings.path = options_.output;
+  settings.crf = options_.crf;
+  settings.width = clip_.width();
+  settings.height = clip_.height();
+  settings.timeBase = reader.timeBase();
+  settings.frameRate = reader.frameRate();
+  settings.sampleAspectRatio = reader.sampleAspectRatio(clip_.frame());
+  settings.tags = clip_.colours().tags();
+  settings.displayMatrix = reader.displayMatrix();
+  settings.audio = reader.audioStreams();
+  settings.metadata = reader.metadata();
+  return settings;
+}
+
+void Run::note(const std::string& text) {
+  if (options_.quiet) return;
+  progress_.clear();
+  std::fprintf(stderr, "noxel: note: %s\n", text.c_str());
+}
+
+void Run::enhanceAll(const EnhancerFactory& factory) {
+  EnhancerSettings settings;
+  settings.width = clip_.nv21Width();
+  settings.height = clip_.nv21Height();
+  settings.nominalIntervalUs = clip_.reader().nominalIntervalUs();
+  settings.look = options_.look;
+  settings.overlay = options_.overlay || (dump_ && isRead(options_.look, "--overlay"));
+  const std::unique_ptr<Enhancer> enhancer = factory(settings);
+  for (const std::string& text : writer_.notes()) note(text);
+  const size_t notesBefore = writer_.notes().size();
+
+  if (options_.warmUp) enhancer->warmUp(clip_.nv21().data());
+  progress_.restart();
+  for (bool more = true; more;) {
+    enhanceFrame(*enhancer);
+    progress_.frameDone(static_cast<int64_t>(statistics_.count()));
+    more = clip_.next();
+    for (const PacketPtr& packet : clip_.reader().takeAudio()) writer_.writeAudio(*packet);
+  }
+  writer_.finish();
+  for (size_t i = notesBefore; i < writer_.notes().size(); ++i) note(writer_.notes()[i]);
+}
+
+void Run::enhanceFrame(Enhancer& enhancer) {
+  const auto index = static_cast<int64_t>(statistics_.count());
+  uint8_t* const nv21 = clip_.nv21().data();
+  const int width = clip_.nv21Width();
+  const int height = clip_.nv21Height();
+  FrameStatistics statistics;
+  statistics.seconds = clip_.seconds();
+  statistics.lumaBefore = meanLuma(nv21, width, clip_.width(), clip_.height());
+
+  const auto start = std::chrono::steady_clock::now();
+  enhancer.enhance(nv21, clip_.microseconds());
+  statistics.totalMs = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+  statistics.report = enhancer.report();
+  statistics.lumaAfter = meanLuma(nv21, width, clip_.width(), clip_.height());
+  Overlay overlay;
+  if (options_.overlay || dump_) overlay = enhancer.overlay();
+  if (options_.overlay) drawOverlay(overlay, nv21, width, height);
+
+  FramePtr enhanced = unpackNv21(nv21, width, height);
+  if (dump_) {
+    dump_->picture(index, "before", clip_.engineFrame());
+    dump_->picture(index, "after", *enhanced);
+    if (!overlay.mask.empty()) {
+      dump_->grey(index, "mask", overlay.mask.data(), overlay.maskWidth, overlay.maskHeight);
+    }
+  }
+  FramePtr output = clip_.colours().fromEngine(*enhanced);
+  crop(*output, clip_.width(), clip_.height());
+  if (options_.compare) {
+    if (av_frame_make_writable(output.get()) < 0) throw std::bad_alloc();
+    copyLeftHalf(clip_.planar(), *output);
+  }
+  writer_.write(*output, clip_.frame().pts, clip_.frame().pkt_duration);
+
+  if (!options_.pictureFile.empty() && picture_.wants(index)) {
+    FramePtr input = share(clip_.engineFrame());
+    crop(*input, clip_.width(), clip_.height());
+    crop(*enhanced, clip_.width(), clip_.height());
+    picture_.keep(std::move(input), std::move(enhanced));
+  }
+  statistics_.add(statistics);
+}
+
+void Run::writeStatistics(double seconds) const {
+  nlohmann::ordered_json json = {
+      {"noxel", Noxel_GetVersion()},
+      {"input",
+       {{"file", options_.input},
+        {"codec", clip_.reader().codecName()},
+        {"width", clip_.width()},
+        {"height", clip_.height()},
+        {"frame_rate", av_q2d(clip_.reader().frameRate())},
+        {"matrix", av_color_space_name(clip_.colours().matrix())},
+        {"range", av_color_range_name(clip_.colours().range())},
+        {"audio_streams", clip_.reader().audioStreams().size()}}},
+      {"output", {{"file", options_.output}, {"encoder", writer_.encoderName()}, {"stopped_early", stopRequested()}}},
+      {"options",
+       {{"engine_mode", options_.look.mode()},
+        {"denoise", options_.look.denoise},
+        {"strength", options_.look.strength},
+        {"exposure", options_.look.exposure},
+        {"neutral_exposure", options_.look.mode() == kModeNeutralExposure},
+        {"stabilize", options_.look.stabilize},
+        {"sharpening", options_.look.sharpening},
+        {"contrast", options_.look.contrast},
+        {"zoom", options_.look.zoom},
+        {"compare", options_.compare},
+        {"overlay", options_.overlay},
+        {"warm_up", options_.warmUp && followsExposure(options_.look)},
+        {"crf", options_.crf}}}};
+  json.update(statistics_.json(seconds));
+  const std::string text = json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+  writeWholeFile(options_.statsFile, text.data(), text.size());
+}
+
+void Run::finish() {
+  const double seconds = progress_.seconds();
+  progress_.clear();
+  if (!options_.pictureFile.empty()) picture_.write(options_.pictureFile);
+  if (!options_.statsFile.empty()) writeStatistics(seconds);
+  if (clip_.reader().damagedPackets() > 0) {
+    note(std::to_string(clip_.reader().damagedPackets()) + " damaged packets of the input could not be decoded");
+  }
+  if (stopRequested()) note("stopped on request; the output is whole up to there");
+  if (options_.quiet) return;
+  const auto frames = static_cast<double>(statistics_.count());
+  std::fprintf(stderr, "%zu frames in %.1f s (%.1f fps), mean luma %.1f -> %.1f: %s\n", statistics_.count(), seconds,
+               seconds > 0 ? frames / seconds : 0.0, statistics_.meanLumaBefore(), statistics_.meanLumaAfter(),
+               options_.output == "-" ? "standard output" : options_.output.c_str());
+}
+
+}  // namespace
+
+int runEnhance(const EnhanceOptions& options) {
+  return runEnhance(options, [](const EnhancerSettings& settings) -> std::unique_ptr<Enhancer> {
+    if (settings.look.mode() == kModeSynchronousRgba) return std::make_unique<RgbaSession>(settings);
+    return std::make_unique<EnhancerSession>(settings);
+  });
+}
+
+int runEnhance(const EnhanceOptions& options, const EnhancerFactory& factory) {
+  checkLook(options);
+  checkOutputs(options);
+  if (isStill(options.output)) return runStill(options);
+  Run run(options);
+  run.enhanceAll(factory);
+  run.finish();
+  return kExitFine;
+}
+
+}  // namespace noxel::tool

@@ -1,0 +1,35 @@
+// `noxel enhance`: a clip in, the same clip enhanced out.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "enhance/enhancer_session.h"
+
+namespace noxel::tool {
+
+constexpr int kDefaultPictureFrame = 25;
+
+struct EnhanceOptions {
+  std::string input;   // a file, or "-": Y4M on standard input
+  std::string output;  // .mp4, .mkv, .y4m, .png for a single picture, or "-": Y4M on standard output
+  Look look;
+  std::vector<std::string> given;  // names of the options that the user gave
+  int crf = 18;                    // 0..51
+  bool compare = false;
+  bool overlay = false;
+  bool warmUp = true;
+  bool quiet = false;
+  bool verbose = false;
+  bool overwrite = false;
+  std::string statsFile;                    // empty: none
+  std::string dumpFolder;                   // empty: none
+  std::string pictureFile;                  // empty: none
+  int pictureFrame = kDefaultPictureFrame;  // from 0
+};
+
+// Returns the exit code, or throws a ToolError. The factory makes what enhances; by default it is the engine.
+int runEnhance(const EnhanceOptions& options);
+int runEnhance(const EnhanceOptions& options, const EnhancerFactory& factory);
+
+}  // namespace noxel::tool

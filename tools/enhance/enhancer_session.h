@@ -1,0 +1,75 @@
+// The engine as the run uses it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "enhance/engine_handle.h"
+#include "enhance/look.h"
+#include "enhance/overlay.h"
+#include "media/presentation_clock.h"
+
+namespace noxel::tool {
+
+struct EnhancerSettings {
+  int width = 0;  // padded
+  int height = 0;
+  int64_t nominalIntervalUs = 40'000;
+  Look look;
+  bool overlay = false;  // keep what an overlay shows of each frame
+};
+
+// Enhances frame after frame of one clip, each in place and at once. One thread.
+class Enhancer {
+ public:
+  virtual ~Enhancer() = default;
+  // Lets the exposure settle on the first frame, which is not changed. Returns the number of rounds it took.
+  virtual int warmUp(const uint8_t* nv21) = 0;
+  virtual void enhance(uint8_t* nv21, int64_t presentationUs) = 0;
+  // On the frame enhanced last.
+  virtual FrameReport report() const = 0;
+  virtual Overlay overlay() const = 0;
+};
+
+using EnhancerFactory = std::function<std::unique_ptr<Enhancer>(const EnhancerSettings&)>;
+
+// Engine modes 0 to 3. Owns an engine and the process-wide frame clock: one at a time. ToolError with kExitNoGl where no
+// engine can work.
+class EnhancerSession : public Enhancer {
+ public:
+  explicit EnhancerSession(const EnhancerSettings& settings);
+  ~EnhancerSession() override;
+  EnhancerSession(const EnhancerSession&) = delete;
+  EnhancerSession& operator=(const EnhancerSession&) = delete;
+
+  int warmUp(const uint8_t* nv21) override;
+  void enhance(uint8_t* nv21, int64_t presentationUs) override;
+  FrameReport report() const override;
+  Overlay overlay() const override;
+
+ private:
+  EnhancerSettings settings_;
+  PresentationClock clock_;
+  EngineHandle engine_;
+};
+
+// Whether gamma and gain have come to rest, fed with one report after the other.
+class ExposureSettling {
+ public:
+  static constexpr float kSmallChange = 0.001f;
+  static constexpr int kQuietRounds = 5;
+  static constexpr int kFirstRounds = 10;  // the easing starts slowly: rest before it moves is none
+  static constexpr int kMostRounds = 60;
+
+  bool settled(const FrameReport& report);
+  int rounds() const { return rounds_; }
+
+ private:
+  float gamma_ = 1.0f;
+  float gain_ = 1.0f;
+  int rounds_ = 0;
+  int quiet_ = 0;
+};
+
+}  // namespace noxel::tool

@@ -1,0 +1,37 @@
+// Engine mode 4 as the tool uses it: detail and contrast of packed RGBA, one picture at a time.
+#pragma once
+
+#include "enhance/engine_handle.h"
+#include "enhance/enhancer_session.h"
+#include "media/av_types.h"
+
+namespace noxel::tool {
+
+class RgbaEngine {
+ public:
+  RgbaEngine(int width, int height, const Look& look);
+  // A picture of the engine's size in AV_PIX_FMT_RGBA; alpha comes back as it was.
+  FramePtr enhanced(const AVFrame& rgba);
+
+ private:
+  EngineHandle engine_;
+  std::vector<uint8_t> packed_;
+};
+
+// Frames of a clip through it. There is no motion to report and nothing to warm up.
+class RgbaSession : public Enhancer {
+ public:
+  explicit RgbaSession(const EnhancerSettings& settings);
+
+  int warmUp(const uint8_t*) override { return 0; }
+  void enhance(uint8_t* nv21, int64_t presentationUs) override;
+  FrameReport report() const override;
+  Overlay overlay() const override { return {}; }
+
+ private:
+  const int width_;
+  const int height_;
+  RgbaEngine engine_;
+};
+
+}  // namespace noxel::tool

@@ -1,0 +1,89 @@
+#include "enhance/statistics.h"
+
+#include <string>
+
+#include "common/percentile.h"
+
+namespace noxel::tool {
+namespace {
+
+double meanOf(const std::vector<FrameStatistics>& frames, double FrameStatistics::*member) {
+  double sum = 0;
+  for (const FrameStatistics& frame : frames) sum += frame.*member;
+  return frames.empty() ? 0 : sum / static_cast<double>(frames.size());
+}
+
+nlohmann::ordered_json rowsOf(const float (&matrix)[9]) {
+  nlohmann::ordered_json rows = nlohmann::ordered_json::array();
+  for (int row = 0; row < 3; ++row) rows.push_back({matrix[3 * row], matrix[3 * row + 1], matrix[3 * row + 2]});
+  return rows;
+}
+
+std::vector<double> times(const std::vector<FrameStatistics>& frames, double FrameReport::*member) {
+  std::vector<double> result;
+  for (const FrameStatistics& frame : frames) result.push_back(frame.report.*member);
+  return result;
+}
+
+}  // namespace
+
+double Statistics::meanLumaBefore() const {
+  return meanOf(frames_, &FrameStatistics::lumaBefore);
+}
+
+double Statistics::meanLumaAfter() const {
+  return meanOf(frames_, &FrameStatistics::lumaAfter);
+}
+
+double Statistics::lostShare() const {
+  size_t measured = 0;
+  size_t lost = 0;
+  for (const FrameStatistics& frame : frames_) {
+    if (frame.report.status < 0 || frame.report.startsSequence) continue;
+    ++measured;
+    if (frame.report.status == 0) ++lost;
+  }
+  return measured > 0 ? static_cast<double>(lost) / static_cast<double>(measured) : 0;
+}
+
+nlohmann::ordered_json Statistics::json(double seconds) const {
+  std::vector<double> totals;
+  nlohmann::ordered_json list = nlohmann::ordered_json::array();
+  for (const FrameStatistics& frame : frames_) {
+    totals.push_back(frame.totalMs);
+    list.push_back({{"index", list.size()},
+                    {"time", frame.seconds},
+                    {"status", frame.report.status},
+                    {"starts_sequence", frame.report.startsSequence},
+                    {"points_tracked", frame.report.pointsTracked},
+                    {"points_kept", frame.report.pointsKept},
+                    {"motion", rowsOf(frame.report.motion)},
+                    {"stabilization", rowsOf(frame.report.stabilization)},
+                    {"zoom", frame.report.zoom},
+                    {"gamma", frame.report.gamma},
+                    {"gain", frame.report.gain},
+                    {"registration_ms", frame.report.registrationMs},
+                    {"upload_ms", frame.report.uploadMs},
+                    {"gpu_ms", frame.report.gpuMs},
+                    {"total_ms", frame.totalMs},
+                    {"mean_luma_before", frame.lumaBefore},
+                    {"mean_luma_after", frame.lumaAfter}});
+  }
+  nlohmann::ordered_json summary = {{"frames", count()},
+                                    {"seconds", seconds},
+                                    {"fps", seconds > 0 ? static_cast<double>(count()) / seconds : 0.0},
+                                    {"lost_share", lostShare()},
+                                    {"mean_luma_before", meanLumaBefore()},
+                                    {"mean_luma_after", meanLumaAfter()}};
+  const auto addPercentiles = [&summary](const std::string& prefix, const std::vector<double>& samples) {
+    for (const int percent : {50, 95})
+      summary[prefix + "ms_p" + std::to_string(percent)] = percentile(samples, percent);
+  };
+  addPercentiles("", totals);
+  addPercentiles("registration_", times(frames_, &FrameReport::registrationMs));
+  addPercentiles("upload_", times(frames_, &FrameReport::uploadMs));
+  addPercentiles("gpu_", times(frames_, &FrameReport::gpuMs));
+  return {{"summary", std::move(summary)}, {"frames", std::move(list)}};
+}
+
+}  // namespace noxel::tool

@@ -1,0 +1,68 @@
+#include "enhance/still.h"
+
+extern "C" {
+#include <libavutil/pixdesc.h>
+}
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+
+#include "common/output_file.h"
+#include "common/tool_error.h"
+#include "enhance/rgba_session.h"
+#include "media/colour_conversion.h"
+#include "media/picture.h"
+#include "media/video_reader.h"
+
+namespace noxel::tool {
+namespace {
+
+void check(const EnhanceOptions& options) {
+  if (options.look.mode() != kModeSynchronousRgba) {
+    throw ToolError(kExitUsage, options.output + " is a still picture, which takes --engine-mode 4");
+  }
+  const std::pair<const char*, bool> clipOnly[] = {{"--stats", !options.statsFile.empty()},
+                                                   {"--picture", !options.pictureFile.empty()},
+                                                   {"--dump-frames", !options.dumpFolder.empty()}};
+  for (const auto& [name, given] : clipOnly) {
+    if (given) throw ToolError(kExitUsage, std::string(name) + " is for clips; the output is a still picture");
+  }
+}
+
+bool hasAlpha(const AVFrame& frame) {
+  const AVPixFmtDescriptor* format = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
+  return format != nullptr && (format->flags & (AV_PIX_FMT_FLAG_ALPHA | AV_PIX_FMT_FLAG_PAL)) != 0;
+}
+
+void copyLeftHalfRgba(const AVFrame& before, AVFrame& after) {
+  const auto bytes = static_cast<size_t>(before.width / 2) * 4;
+  for (ptrdiff_t y = 0; y < before.height; ++y) {
+    std::memcpy(after.data[0] + y * after.linesize[0], before.data[0] + y * before.linesize[0], bytes);
+  }
+}
+
+}  // namespace
+
+bool isStill(const std::string& outputPath) {
+  return std::filesystem::path(outputPath).extension() == ".png";
+}
+
+int runStill(const EnhanceOptions& options) {
+  check(options);
+  VideoReader reader(options.input);
+  const FramePtr given = reader.first();
+  if (reader.next()) {
+    throw ToolError(kExitUsage, options.input + " has more than one frame; choose an output that ends in .mp4 or .mkv");
+  }
+  const FramePtr before = ColourConversion(*given).rgba(*given);
+  const FramePtr after = RgbaEngine(before->width, before->height, options.look).enhanced(*before);
+  if (options.compare) copyLeftHalfRgba(*before, *after);
+  const std::vector<uint8_t> png = encodePng(hasAlpha(*given) ? *after : *withoutAlpha(*after));
+  writeWholeFile(options.output, png.data(), png.size());
+  if (!options.quiet)
+    std::fprintf(stderr, "one picture of %d x %d: %s\n", before->width, before->height, options.output.c_str());
+  return kExitFine;
+}
+
+}  // namespace noxel::tool

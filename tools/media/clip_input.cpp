@@ -1,0 +1,55 @@
+#include "media/clip_input.h"
+
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+#include "common/output_file.h"
+#include "common/tool_error.h"
+#include "media/nv21_frame.h"
+
+namespace noxel::tool {
+ClipInput::ClipInput(const std::string& path)
+    : reader_(path),
+      frame_(reader_.first()),
+      width_(frame_->width),
+      height_(frame_->height),
+      nv21Width_(paddedWidth(width_)),
+      nv21Height_(paddedHeight(height_)),
+      highDynamicRange_(frame_->color_trc == AVCOL_TRC_SMPTE2084 || frame_->color_trc == AVCOL_TRC_ARIB_STD_B67),
+      colours_(*frame_),
+      nv21_(nv21Size(nv21Width_, nv21Height_)) {
+  convert();
+}
+
+bool ClipInput::next() {
+  FramePtr frame = reader_.next();
+  if (!frame) return false;
+  frame_ = std::move(frame);
+  convert();
+  return true;
+}
+
+double ClipInput::seconds() const {
+  return static_cast<double>(frame_->pts) * av_q2d(reader_.timeBase());
+}
+
+int64_t ClipInput::microseconds() const {
+  return av_rescale_q(frame_->pts, reader_.timeBase(), kMicroseconds);
+}
+
+void ClipInput::convert() {
+  planar_ = colours_.planar(*frame_);
+  engineFrame_ = colours_.toEngine(*padded(*planar_));
+  packNv21(*engineFrame_, nv21_.data());
+}
+
+void checkMayWriteBeside(const std::string& input, const std::string& output, bool overwrite) {
+  std::error_code ignored;
+  if (input != "-" && std::filesystem::equivalent(input, output, ignored)) {
+    throw ToolError(kExitUsage, output + " is the input; choose another name");
+  }
+  checkMayWrite(output, overwrite);
+}
+
+}  // namespace noxel::tool

@@ -1,0 +1,32 @@
+// Pictures as PNG, among them one frame before and after.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "media/av_types.h"
+
+namespace noxel::tool {
+
+// Of AV_PIX_FMT_RGB24 or RGBA.
+std::vector<uint8_t> encodePng(const AVFrame& picture);
+
+// Both of one size, planar, in the engine's colours; the result is twice as wide. PNG bytes.
+std::vector<uint8_t> sideBySidePng(const AVFrame& before, const AVFrame& after);
+
+// The pair of one frame, or of the last one before it where the clip ends earlier.
+class PictureKeeper {
+ public:
+  explicit PictureKeeper(int64_t index) : index_(index) {}
+  bool wants(int64_t frame) const { return frame <= index_; }
+  void keep(FramePtr before, FramePtr after);
+  void write(const std::string& path) const;  // after at least one keep()
+
+ private:
+  int64_t index_;  // from 0
+  FramePtr before_;
+  FramePtr after_;
+};
+
+}  // namespace noxel::tool

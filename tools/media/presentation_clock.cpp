@@ -1,0 +1,38 @@
+#include "media/presentation_clock.h"
+
+#include <algorithm>
+
+namespace noxel::tool {
+
+bool PresentationClock::isHole(int64_t intervalUs) const {
+  // A clip of a frame a second or less has an interval above a second each time.
+  const bool aboveSecond = intervalUs > kHoleUs && intervalUs > 2 * nominalIntervalUs_;
+  return aboveSecond || intervalUs > kHoleIntervals * nominalIntervalUs_;
+}
+
+int64_t PresentationClock::stepFor(int64_t intervalUs) const {
+  if (isHole(intervalUs)) return std::max(intervalUs, kBreakStepUs);
+  if (nominalIntervalUs_ >= kSlowClipUs) return kCameraStepUs;
+  return std::clamp<int64_t>(intervalUs, 1, kLongestStepUs);
+}
+
+void PresentationClock::show(int64_t presentationUs) {
+  nowUs_ += startsSequence_ ? kBreakStepUs : stepFor(presentationUs - shownUs_);
+  shownUs_ = presentationUs;
+  startsSequence_ = false;
+}
+
+void PresentationClock::repeat() {
+  nowUs_ += startsSequence_ ? kBreakStepUs : kCameraStepUs;
+  startsSequence_ = false;
+}
+
+platform::TimeOfDay PresentationClock::now() const {
+  return {nowUs_ / 1'000'000, nowUs_ % 1'000'000};
+}
+
+platform::TimeOfDay PresentationClock::read(void* clock) {
+  return static_cast<const PresentationClock*>(clock)->now();
+}
+
+}  // namespace noxel::tool

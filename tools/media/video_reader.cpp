@@ -1,0 +1,212 @@
+#include "media/video_reader.h"
+
+extern "C" {
+#include <libavdevice/avdevice.h>
+#include <libavutil/display.h>
+}
+
+#include <algorithm>
+#include <filesystem>
+
+#include "common/interrupt.h"
+#include "common/tool_error.h"
+
+namespace noxel::tool {
+namespace {
+
+constexpr double kHighestRate = 1000.0;  // frames per second; above it a stated rate is a clock, no frame rate
+
+int onInterrupt(void*) {
+  return stopRequested() ? 1 : 0;
+}
+
+bool plausible(AVRational rate) {
+  return rate.num > 0 && rate.den > 0 && av_q2d(rate) <= kHighestRate;
+}
+
+}  // namespace
+
+VideoReader::VideoReader(const std::string& path, const std::string& format)
+    : name_(path == "-" ? "standard input" : path) {
+  try {
+    open(path, format);
+    selectStreams();
+    openDecoder();
+  } catch (...) {
+    avformat_close_input(&format_);
+    throw;
+  }
+}
+
+VideoReader::~VideoReader() {
+  avformat_close_input(&format_);
+}
+
+void VideoReader::open(const std::string& path, const std::string& format) {
+  const AVInputFormat* forced = path == "-" ? av_find_input_format("yuv4mpegpipe") : nullptr;
+  if (!format.empty()) {
+    avdevice_register_all();
+    forced = av_find_input_format(format.c_str());
+    if (forced == nullptr) throw ToolError(kExitUnreadable, "this FFmpeg has no input of the kind " + format);
+  }
+  format_ = allocated(avformat_alloc_context());
+  format_->interrupt_callback.callback = onInterrupt;
+  std::error_code ignored;
+  // A name with a colon in it is still a file's when there is such a file; a device's is its own.
+  const bool device = forced != nullptr && (forced->flags & AVFMT_NOFILE) != 0;
+  const bool file = !device && std::filesystem::exists(path, ignored);
+  const std::string url = path == "-" ? "pipe:0" : file ? "file:" + path : path;
+  int result = avformat_open_input(&format_, url.c_str(), forced, nullptr);
+  if (result >= 0) result = avformat_find_stream_info(format_, nullptr);
+  if (result >= 0) return;
+  const char* remedy = path == "-" ? "; standard input must be Y4M" : format.empty() ? "; is it a video file?" : "";
+  throw ToolError(kExitUnreadable, "cannot read " + name_ + ": " + avErrorText(result) + remedy);
+}
+
+void VideoReader::selectStreams() {
+  const int best = av_find_best_stream(format_, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+  if (best < 0 || (format_->streams[best]->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0) {
+    throw ToolError(kExitUnreadable, name_ + " has no video stream");
+  }
+  audioPlace_.assign(format_->nb_streams, -1);
+  for (unsigned i = 0; i < format_->nb_streams; ++i) {
+    AVStream* stream = format_->streams[i];
+    if (static_cast<int>(i) == best) {
+      stream_ = stream;
+    } else if (stream->codecpar->codec_type == AVMEDIA_TYPE_AUDIO) {
+      audioPlace_[i] = static_cast<int>(audioStreams_.size());
+      audioStreams_.push_back(stream);
+    } else {
+      stream->discard = AVDISCARD_ALL;
+    }
+  }
+  const AVRational guess = av_guess_frame_rate(format_, stream_, nullptr);
+  if (plausible(guess)) {
+    frameRate_ = guess;
+  } else if (plausible(stream_->avg_frame_rate)) {
+    frameRate_ = stream_->avg_frame_rate;
+  }
+}
+
+void VideoReader::openDecoder() {
+  const AVCodec* codec = avcodec_find_decoder(stream_->codecpar->codec_id);
+  if (codec == nullptr) {
+    throw ToolError(kExitUnreadable, name_ + ": this FFmpeg has no decoder for " + codecName());
+  }
+  decoder_.reset(allocated(avcodec_alloc_context3(codec)));
+  int result = avcodec_parameters_to_context(decoder_.get(), stream_->codecpar);
+  decoder_->pkt_timebase = stream_->time_base;
+  decoder_->thread_count = 0;                           // as many as there are cores
+  if (live()) decoder_->thread_type = FF_THREAD_SLICE;  // threads by frame hold frames back
+  if (result >= 0) result = avcodec_open2(decoder_.get(), codec, nullptr);
+  if (result < 0)
+    throw ToolError(kExitUnreadable, name_ + ": cannot decode " + codecName() + ": " + avErrorText(result));
+}
+
+FramePtr VideoReader::next() {
+  FramePtr frame = makeFrame();
+  while (!stopRequested()) {
+    const int result = avcodec_receive_frame(decoder_.get(), frame.get());
+    if (result == 0) {
+      stamp(*frame);
+      checkSize(*frame);
+      return frame;
+    }
+    if (result == AVERROR_EOF) return nullptr;
+    if (result == AVERROR(EAGAIN)) {
+      feedDecoder();
+    } else {
+      ++damagedPackets_;
+    }
+  }
+  return nullptr;
+}
+
+FramePtr VideoReader::first() {
+  FramePtr frame = next();
+  if (frame) return frame;
+  if (stopRequested()) throw ToolError(kExitFailed, "stopped before the first frame; nothing was written");
+  throw ToolError(kExitUnreadable, "no frame of " + name_ + " can be decoded");
+}
+
+void VideoReader::checkSize(const AVFrame& frame) {
+  const int64_t index = framesRead_++;
+  if (index == 0) {
+    width_ = frame.width;
+    height_ = frame.height;
+  }
+  if (frame.width == width_ && frame.height == height_) return;
+  const auto size = [](int width, int height) { return std::to_string(width) + "x" + std::to_string(height); };
+  throw ToolError(kExitFailed, "frame " + std::to_string(index) + " changes the size from " + size(width_, height_) +
+                                   " to " + size(frame.width, frame.height) +
+                                   "; cut the clip there and take the parts one by one");
+}
+
+void VideoReader::feedDecoder() {
+  const PacketPtr packet = makePacket();
+  const int result = av_read_frame(format_, packet.get());
+  if (result == AVERROR_EOF || stopRequested()) {
+    if (!drained_) avcodec_send_packet(decoder_.get(), nullptr);
+    drained_ = true;
+    return;
+  }
+  if (result < 0) throw ToolError(kExitUnreadable, "reading " + name_ + " failed: " + avErrorText(result));
+  if (packet->stream_index == stream_->index) {
+    if (avcodec_send_packet(decoder_.get(), packet.get()) < 0) ++damagedPackets_;
+  } else if (const int place = audioPlace_.at(static_cast<size_t>(packet->stream_index)); place >= 0) {
+    PacketPtr kept = makePacket();
+    av_packet_move_ref(kept.get(), packet.get());
+    kept->stream_index = place;
+    audioPackets_.push_back(std::move(kept));
+  }
+}
+
+// A frame without a time follows the one before at the nominal interval; a time that does not rise is moved behind it.
+void VideoReader::stamp(AVFrame& frame) {
+  const int64_t interval = std::max<int64_t>(1, av_rescale_q(1, av_inv_q(frameRate_), stream_->time_base));
+  const bool stated = frame.best_effort_timestamp != AV_NOPTS_VALUE;
+  if (!lastPts_) {
+    frame.pts = stated ? frame.best_effort_timestamp : 0;
+  } else {
+    frame.pts = stated ? std::max(frame.best_effort_timestamp, *lastPts_ + 1) : *lastPts_ + interval;
+  }
+  lastPts_ = frame.pts;
+}
+
+std::vector<PacketPtr> VideoReader::takeAudio() {
+  std::vector<PacketPtr> taken;
+  taken.swap(audioPackets_);
+  return taken;
+}
+
+bool VideoReader::live() const {
+  const AVClass* kind = format_->iformat->priv_class;
+  return kind != nullptr && kind->category == AV_CLASS_CATEGORY_DEVICE_VIDEO_INPUT;
+}
+
+int64_t VideoReader::nominalIntervalUs() const {
+  return av_rescale(1'000'000, frameRate_.den, frameRate_.num);
+}
+
+int64_t VideoReader::expectedFrames() const {
+  if (stream_->nb_frames > 0) return stream_->nb_frames;
+  if (stream_->duration > 0) return av_rescale_q(stream_->duration, stream_->time_base, av_inv_q(frameRate_));
+  if (format_->duration > 0) return av_rescale_q(format_->duration, kMicroseconds, av_inv_q(frameRate_));
+  return 0;
+}
+
+AVRational VideoReader::sampleAspectRatio(const AVFrame& frame) const {
+  // Declared without const, but only reads.
+  return av_guess_sample_aspect_ratio(format_, stream_, &const_cast<AVFrame&>(frame));
+}
+
+std::optional<DisplayMatrix> VideoReader::displayMatrix() const {
+  size_t size = 0;
+  const uint8_t* data = av_stream_get_side_data(stream_, AV_PKT_DATA_DISPLAYMATRIX, &size);
+  DisplayMatrix matrix;
+  if (data == nullptr || size < sizeof(matrix)) return std::nullopt;
+  std::copy_n(data, sizeof(matrix), reinterpret_cast<uint8_t*>(matrix.data()));
+  return matrix;
+}
+
+}  // namespace noxel::tool

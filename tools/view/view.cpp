@@ -1,0 +1,253 @@
+#include "view/view.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+
+#include "api/engine_control.h"
+#include "common/interrupt.h"
+#include "common/tool_error.h"
+#include "media/nv21_frame.h"
+
+namespace noxel::tool {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds kIdle(100);      // how long a signal may wait to be noticed
+constexpr milliseconds kRateSpan(500);  // over which frames a second are counted
+constexpr milliseconds kStillInterval(33);
+constexpr milliseconds kLongestLag(1000);  // a machine that is slower than this much skipping helps plays more slowly
+constexpr int kMostSkipped = 10;           // in a row
+constexpr int kRepaintFrames = 2;          // the surface may take its window's new size with the frame after
+constexpr int kSettleFrames = 30;  // of the way to a new exposure 0.8 is left a frame, twice smoothed: then a hundredth
+
+// x, y of top left, bottom left, top right, bottom right.
+constexpr float kWhole[8] = {-1, 1, -1, -1, 1, 1, 1, -1};
+constexpr float kLeftHalf[8] = {-1, 1, -1, -1, 0, 1, 0, -1};
+constexpr float kRightHalf[8] = {0, 1, 0, -1, 1, 1, 1, -1};
+
+std::string nameOf(const std::string& input) {
+  if (input == "-") return "standard input";
+  const std::string name = std::filesystem::path(input).filename();
+  return name.empty() ? input : name;
+}
+
+}  // namespace
+
+WindowEngine::WindowEngine(Size frame, const SdlWindow& window) {
+  const std::string size = std::to_string(frame.width) + "x" + std::to_string(frame.height);
+  if (Noxel_InitializeWithWindow(frame.width, frame.height, window.native(), &engine_) != 0) {
+    throw ToolError(kExitFailed, "no engine can be made for frames of " + size);
+  }
+  if (engineReady(engine_)) return;
+  Noxel_Release(&engine_);
+  throw ToolError(kExitNoGl, "no usable OpenGL ES 3.0 in a window for frames of " + size);
+}
+
+WindowEngine::~WindowEngine() {
+  Noxel_Release(&engine_);
+}
+
+void WindowEngine::set(const Look& look) {
+  int lightMode = look.spatial ? 1 : 0;
+  int strength = look.strength;
+  int exposure = look.exposure;
+  int stabilization = look.stabilize ? 1 : 0;
+  Noxel_SetParameter(NOXEL_PARAMETER_LIGHT_MODE, &lightMode, engine_);
+  Noxel_SetParameter(NOXEL_PARAMETER_NOISE_REDUCTION, &strength, engine_);
+  Noxel_SetParameter(NOXEL_PARAMETER_EXPOSURE, &exposure, engine_);
+  Noxel_SetParameter(NOXEL_PARAMETER_STABILIZATION, &stabilization, engine_);
+  KRSetParameter(kParamQuadB, look.split ? kLeftHalf : kWhole, engine_);
+  KRSetParameter(kParamQuadA, look.split ? kRightHalf : nullptr, engine_);
+}
+
+void WindowEngine::show(uint8_t* nv21) {
+  if (Noxel_ProcessFrame(nv21, engine_) != 0) throw ToolError(kExitFailed, "the engine refused a frame");
+}
+
+bool WindowEngine::drewAnother() {
+  const double gpuMs = lastFrameReport(engine_).gpuMs;
+  const bool another = gpuMs != lastGpuMs_;
+  lastGpuMs_ = gpuMs;
+  return another;
+}
+
+Viewer::Viewer(const ViewOptions& options)
+    : options_(options),
+      source_(options.input, options.format),
+      window_(nameOf(options.input), {source_.displayWidth(), source_.displayHeight()}),
+      engine_({source_.width(), source_.height()}, window_),
+      look_(options.look),
+      nv21_(nv21Size(source_.width(), source_.height())) {
+  engine_.set(look_);
+  rateStart_ = Clock::now();
+  clock_.start(rateStart_, source_.timeUs());
+}
+
+bool Viewer::step() {
+  SDL_Event event;
+  for (int wait = waitMs(); SDL_WaitEventTimeout(&event, wait) == 1; wait = 0) {
+    if (!handle(event)) return false;
+  }
+  if (stopRequested()) return false;
+  if (source_.live() && !ended_) {
+    playLive();
+  } else if (!paused_ && !ended_) {
+    playClip();
+  } else {
+    showStill();
+  }
+  refreshTitle();
+  return !(ended_ && options_.exitAtEnd);
+}
+
+int Viewer::waitMs() const {
+  if (source_.live() && !ended_) return 0;  // the device is what is waited for
+  Clock::time_point until = Clock::now() + kIdle;
+  if (!paused_ && !ended_) {
+    until = std::min(until, exhausted_ ? end_ : clock_.due(source_.timeUs()));
+  } else if (stillFrames_ > 0) {
+    until = std::min(until, stillDue_);
+  }
+  const auto wait = std::chrono::ceil<milliseconds>(until - Clock::now());
+  return std::max(0, static_cast<int>(wait.count()));
+}
+
+bool Viewer::handle(const SDL_Event& event) {
+  switch (event.type) {
+    case SDL_QUIT:
+      return false;
+    case SDL_WINDOWEVENT:
+      if (event.window.event == SDL_WINDOWEVENT_CLOSE) return false;
+      if (event.window.event == SDL_WINDOWEVENT_EXPOSED || event.window.event == SDL_WINDOWEVENT_SIZE_CHANGED) {
+        repaint(kRepaintFrames);
+      }
+      return true;
+    case SDL_KEYDOWN:
+      switch (press(event.key.keysym.sym, event.key.repeat != 0, look_)) {
+        case Press::kNothing:
+          return true;
+        case Press::kLookChanged:
+          changeLook();
+          return true;
+        case Press::kPause:
+          togglePause();
+          return true;
+        case Press::kQuit:
+          return false;
+      }
+      return true;
+    default:
+      return true;
+  }
+}
+
+void Viewer::changeLook() {
+  engine_.set(look_);
+  repaint(kSettleFrames);
+  titleStale_ = true;
+}
+
+void Viewer::togglePause() {
+  titleStale_ = true;
+  if (ended_) {
+    if (!source_.canRestart()) return;
+    source_.restart();
+    exhausted_ = ended_ = false;
+  } else {
+    paused_ = !paused_;
+  }
+  clock_.start(Clock::now(), source_.timeUs());
+}
+
+// Also while paused, so that the device's queue holds nothing stale afterwards.
+void Viewer::playLive() {
+  if (paused_) {
+    showStill();
+  } else {
+    show();
+  }
+  if (!source_.advance()) ended_ = exhausted_ = titleStale_ = true;
+}
+
+void Viewer::playClip() {
+  const Clock::time_point now = Clock::now();
+  if (exhausted_) {
+    if (now >= end_) reachEnd();
+    return;
+  }
+  if (now < clock_.due(source_.timeUs())) return;
+  const std::chrono::microseconds interval(source_.intervalUs());
+  for (int skipped = 0; skipped < kMostSkipped && now - clock_.due(source_.timeUs()) > interval; ++skipped) {
+    if (!source_.advance()) {
+      exhausted_ = true;
+      break;
+    }
+  }
+  if (now - clock_.due(source_.timeUs()) > kLongestLag) clock_.start(now, source_.timeUs());
+  show();
+  end_ = clock_.due(source_.timeUs()) + interval;
+  exhausted_ = exhausted_ || !source_.advance();
+}
+
+void Viewer::reachEnd() {
+  if (options_.loop) {
+    source_.restart();
+    exhausted_ = false;
+    clock_.start(Clock::now(), source_.timeUs());
+    return;
+  }
+  ended_ = titleStale_ = true;
+}
+
+// A picture that stands still is handed over again only where something about it has changed.
+void Viewer::showStill() {
+  if (stillFrames_ == 0 || framesShown_ == 0 || Clock::now() < stillDue_) return;
+  engine_.show(nv21_.data());
+  --stillFrames_;
+  stillDue_ = Clock::now() + kStillInterval;
+}
+
+void Viewer::repaint(int frames) {
+  stillFrames_ = std::max(stillFrames_, frames);
+}
+
+void Viewer::show() {
+  source_.pack(nv21_.data());
+  engine_.show(nv21_.data());
+  ++framesShown_;
+  if (engine_.drewAnother()) ++framesDrawn_;
+  stillFrames_ = kRepaintFrames;  // should this be where it stops: the engine may have left this one out
+}
+
+void Viewer::refreshTitle() {
+  const Clock::time_point now = Clock::now();
+  if (const auto span = now - rateStart_; span >= kRateSpan) {
+    rate_ = framesDrawn_ / std::chrono::duration<double>(span).count();
+    framesDrawn_ = 0;
+    rateStart_ = now;
+    titleStale_ = true;
+  }
+  if (!titleStale_) return;
+  titleStale_ = false;
+  char rate[32];
+  std::snprintf(rate, sizeof(rate), "%.0f fps", rate_);
+  const std::string progress = ended_ ? "end" : paused_ ? "paused" : rate;
+  window_.setTitle(nameOf(options_.input) + " - " + progress + " - " + describe(look_));
+}
+
+int runView(const ViewOptions& options) {
+  if (options.look.spatial && options.look.stabilize) {
+    throw ToolError(kExitUsage, "--stabilize needs the camera's motion, which --denoise spatial does not measure");
+  }
+  if (options.loop && options.input == "-") {
+    throw ToolError(kExitUsage, "--loop cannot read standard input again; give the clip's name");
+  }
+  Viewer viewer(options);
+  while (viewer.step()) {
+  }
+  return kExitFine;
+}
+
+}  // namespace noxel::tool

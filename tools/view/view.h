@@ -1,0 +1,98 @@
+// `noxel view`: a clip or camera, enhanced as it plays, in a window.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "noxel/noxel.h"
+#include "view/sdl_window.h"
+#include "view/view_controls.h"
+#include "view/view_source.h"
+
+namespace noxel::tool {
+
+struct ViewOptions {
+  std::string input;   // a file, a camera, or "-": Y4M on standard input
+  std::string format;  // one of FFmpeg's inputs; empty: told by the input
+  Look look;
+  bool loop = false;
+  bool exitAtEnd = false;
+  bool verbose = false;
+};
+
+// An engine that renders into a window. The window outlives it.
+class WindowEngine {
+ public:
+  WindowEngine(Size frame, const SdlWindow& window);
+  ~WindowEngine();
+  WindowEngine(const WindowEngine&) = delete;
+  WindowEngine& operator=(const WindowEngine&) = delete;
+
+  void set(const Look& look);
+  void show(uint8_t* nv21);  // which stays as it is
+  // Whether a frame was finished since the last call: the engine leaves out those it has no time for.
+  bool drewAnother();
+
+ private:
+  _KRSuperResEngine* engine_ = nullptr;
+  double lastGpuMs_ = 0.0;  // of no two frames alike, to the nanosecond
+};
+
+// One thread. A clip plays by the steady clock and leaves frames out rather than lag; a device's frames are shown as
+// they come. The last frame stays until the user quits, unless the options ask for a loop or an exit.
+class Viewer {
+ public:
+  explicit Viewer(const ViewOptions& options);
+
+  // Events, then a frame if one is due; waits a little when there is nothing to do. False when it is over.
+  bool step();
+
+  const Look& look() const { return look_; }
+  bool paused() const { return paused_; }
+  bool atEnd() const { return ended_; }
+  int64_t framesShown() const { return framesShown_; }  // handed to the engine
+  const SdlWindow& window() const { return window_; }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  int waitMs() const;
+  bool handle(const SDL_Event& event);
+  void changeLook();
+  void togglePause();
+  void playLive();
+  void playClip();
+  void reachEnd();
+  void showStill();
+  void repaint(int frames);
+  void show();
+  void refreshTitle();
+
+  const ViewOptions options_;
+  ViewSource source_;
+  SdlVideo video_;
+  SdlWindow window_;
+  WindowEngine engine_;
+  Look look_;
+  std::vector<uint8_t> nv21_;  // the frame shown last
+
+  PlaybackClock clock_;
+  bool paused_ = false;
+  bool exhausted_ = false;  // no frame follows the one shown last
+  bool ended_ = false;      // and its time is over
+  Clock::time_point end_;   // of a clip that is exhausted
+  int stillFrames_ = 0;     // how often the still picture is to be shown again
+  Clock::time_point stillDue_;
+
+  int64_t framesShown_ = 0;
+  int framesDrawn_ = 0;  // since rateStart_
+  double rate_ = 0.0;    // frames drawn a second
+  Clock::time_point rateStart_;
+  bool titleStale_ = true;
+};
+
+// Returns the exit code, or throws a ToolError.
+int runView(const ViewOptions& options);
+
+}  // namespace noxel::tool

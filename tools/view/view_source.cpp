@@ -1,0 +1,84 @@
+#include "view/view_source.h"
+
+extern "C" {
+#include <libavutil/display.h>
+}
+
+#include <cmath>
+#include <utility>
+
+#include "common/tool_error.h"
+#include "media/nv21_frame.h"
+
+namespace noxel::tool {
+namespace {
+
+// Quarter turns, clockwise, that bring the clip upright. Angles between are shown as the nearest one.
+int quarterTurns(const std::optional<DisplayMatrix>& matrix) {
+  if (!matrix) return 0;
+  const double counterClockwise = av_display_rotation_get(matrix->data());
+  if (std::isnan(counterClockwise)) return 0;
+  return (static_cast<int>(std::lround(-counterClockwise / 90.0)) % 4 + 4) % 4;
+}
+
+constexpr const char* kTurns[] = {"", "transpose=clock", "hflip,vflip", "transpose=cclock"};
+
+std::string formatOf(const std::string& input, const std::string& format) {
+  return format.empty() && input.rfind("/dev/video", 0) == 0 ? "v4l2" : format;
+}
+
+}  // namespace
+
+ViewSource::ViewSource(const std::string& input, const std::string& format)
+    : input_(input), format_(formatOf(input, format)) {
+  open();
+  measure();
+}
+
+void ViewSource::open() {
+  reader_ = std::make_unique<VideoReader>(input_, format_);
+  frame_ = reader_->first();
+}
+
+void ViewSource::measure() {
+  clipWidth_ = frame_->width;
+  clipHeight_ = frame_->height;
+  colours_ = std::make_unique<ColourConversion>(*frame_);
+  int width = clipWidth_;
+  int height = clipHeight_;
+  const int turns = quarterTurns(reader_->displayMatrix());
+  if (turns != 0) rotation_ = std::make_unique<FilterPass>(width, height, kTurns[turns]);
+  const AVRational shape = reader_->sampleAspectRatio(*frame_);
+  const double stretch = shape.num > 0 && shape.den > 0 ? av_q2d(shape) : 1.0;
+  if (turns % 2 == 1) std::swap(width, height);
+  width_ = paddedWidth(width);
+  height_ = paddedHeight(height);
+  displayWidth_ = static_cast<int>(std::lround(width_ * (turns % 2 == 0 ? stretch : 1.0)));
+  displayHeight_ = static_cast<int>(std::lround(height_ * (turns % 2 == 1 ? stretch : 1.0)));
+}
+
+int64_t ViewSource::timeUs() const {
+  return av_rescale_q(frame_->pts, reader_->timeBase(), kMicroseconds);
+}
+
+bool ViewSource::advance() {
+  FramePtr next = reader_->next();
+  if (!next) return false;
+  frame_ = std::move(next);
+  return true;
+}
+
+void ViewSource::restart() {
+  open();
+}
+
+void ViewSource::pack(uint8_t* nv21) {
+  FramePtr frame = colours_->toEngine(*padded(*colours_->planar(*frame_)));
+  if (rotation_) {
+    crop(*frame, clipWidth_, clipHeight_);
+    frame = padded(*rotation_->run(*frame));
+  }
+  packNv21(*frame, nv21);
+}
+
+}  // namespace noxel::tool
