@@ -289,7 +289,7 @@ TEST_F(View, CommandEndsWithAnExitCodeThatTells) {
 }
 
 TEST(ViewControls, StrengthStaysWithinItsRangeAndOnlyItRepeats) {
-  Look look;
+  LiveLook look;
   look.strength = 98;
   look.exposure = 30;
   EXPECT_EQ(press(SDLK_UP, true, look), Press::kLookChanged);

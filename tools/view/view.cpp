@@ -49,7 +49,7 @@ WindowEngine::~WindowEngine() {
   Noxel_Release(&engine_);
 }
 
-void WindowEngine::set(const Look& look) {
+void WindowEngine::set(const LiveLook& look) {
   int lightMode = look.spatial ? 1 : 0;
   int strength = look.strength;
   int exposure = look.exposure;

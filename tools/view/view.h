@@ -15,7 +15,7 @@ namespace noxel::tool {
 struct ViewOptions {
   std::string input;   // a file, a camera, or "-": Y4M on standard input
   std::string format;  // one of FFmpeg's inputs; empty: told by the input
-  Look look;
+  LiveLook look;
   bool loop = false;
   bool exitAtEnd = false;
   bool verbose = false;
@@ -29,7 +29,7 @@ class WindowEngine {
   WindowEngine(const WindowEngine&) = delete;
   WindowEngine& operator=(const WindowEngine&) = delete;
 
-  void set(const Look& look);
+  void set(const LiveLook& look);
   void show(uint8_t* nv21);  // which stays as it is
   // Whether a frame was finished since the last call: the engine leaves out those it has no time for.
   bool drewAnother();
@@ -48,7 +48,7 @@ class Viewer {
   // Events, then a frame if one is due; waits a little when there is nothing to do. False when it is over.
   bool step();
 
-  const Look& look() const { return look_; }
+  const LiveLook& look() const { return look_; }
   bool paused() const { return paused_; }
   bool atEnd() const { return ended_; }
   int64_t framesShown() const { return framesShown_; }  // handed to the engine
@@ -74,7 +74,7 @@ class Viewer {
   SdlVideo video_;
   SdlWindow window_;
   WindowEngine engine_;
-  Look look_;
+  LiveLook look_;
   std::vector<uint8_t> nv21_;  // the frame shown last
 
   PlaybackClock clock_;

@@ -10,7 +10,7 @@ constexpr int kExposureStep = 25;
 
 }  // namespace
 
-Press press(SDL_Keycode key, bool repeated, Look& look) {
+Press press(SDL_Keycode key, bool repeated, LiveLook& look) {
   switch (key) {
     case SDLK_UP:
       look.strength = std::min(look.strength + kStrengthStep, 100);
@@ -45,7 +45,7 @@ Press press(SDL_Keycode key, bool repeated, Look& look) {
   }
 }
 
-std::string describe(const Look& look) {
+std::string describe(const LiveLook& look) {
   std::string text = look.spatial ? "spatial" : "temporal";
   text += ", strength " + std::to_string(look.strength) + ", exposure " + std::to_string(look.exposure);
   if (look.stabilize && !look.spatial) text += ", stabilised";

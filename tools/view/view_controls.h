@@ -9,7 +9,8 @@
 
 namespace noxel::tool {
 
-struct Look {
+// The look that keys change while a clip plays.
+struct LiveLook {
   bool spatial = false;  // else temporal
   int strength = 65;     // 0..100, as the next
   int exposure = 50;
@@ -21,10 +22,10 @@ enum class Press { kNothing, kLookChanged, kPause, kQuit };
 
 // Changes the look as the key says; pausing and quitting are the caller's. `repeated`: the key is being held, which
 // counts for up and down alone.
-Press press(SDL_Keycode key, bool repeated, Look& look);
+Press press(SDL_Keycode key, bool repeated, LiveLook& look);
 
 // "temporal, strength 65, exposure 50, stabilised, split"
-std::string describe(const Look& look);
+std::string describe(const LiveLook& look);
 
 // Where the times of a clip lie on the steady clock.
 class PlaybackClock {
