@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <vector>
 
 #include "kernels/planes.h"
@@ -174,6 +175,33 @@ TEST(Modes, StabilizedFramesAreSharpenedAndNothingElse) {
     const Image current = converted(frame, warpOf(frameFromPicture(n)));
     engine.process(&frame);
     EXPECT_TRUE(matches(frame, sharp(current))) << n;
+  }
+}
+
+TEST(Modes, NeutralExposureIsTheEnhancedPictureBeforeItsTone) {
+  TestEngine enhancing(kWidth, kHeight);
+  NOXEL_NEEDS_GL(enhancing);
+  TestEngine neutral(kWidth, kHeight, {.mode = kModeNeutralExposure});
+  for (Program* program : neutral.handle->gpu.gpuEngine->lowLight->programs) EXPECT_NE(program, nullptr);
+  int n = 0;
+  useScene(&enhancing, &n);
+  useScene(&neutral, &n);
+  for (n = 0; n < 4; ++n) {
+    Frame frame = frameOf(n);
+    std::fill(frame.bytes.begin() + kWidth * kHeight, frame.bytes.end(),
+              128);  // grey: red, green and blue are the luma
+    Frame enhanced = frame;
+    neutral.process(&frame);
+    enhancing.process(&enhanced);
+    EXPECT_EQ(lastFrameReport(neutral.handle).gamma, 1.0f);
+    EXPECT_EQ(lastFrameReport(neutral.handle).gain, 1.0f);
+    const FrameReport tone = lastFrameReport(enhancing.handle);
+    EXPECT_GT(tone.gain, 1.01f);
+    for (int i = 0; i < kWidth * kHeight; ++i) {
+      const double toned = 255 * std::pow(frame.bytes[i] / 255.0 * static_cast<double>(tone.gain), tone.gamma);
+      // Half a code of the neutral picture and of the other, and the conversion's own, where the slope is at most 1.5.
+      ASSERT_NEAR(enhanced.bytes[i], std::min(toned, 255.0), 2) << "frame " << n << ", " << i;
+    }
   }
 }
 
