@@ -1,4 +1,5 @@
 // Engines that render into windows.
+#include <EGL/egl.h>
 #include <SDL.h>
 
 #include <array>
@@ -10,6 +11,24 @@
 #include "noxel/noxel.h"
 #include "support/virtual_screen.h"
 #include "view/sdl_window.h"
+
+namespace {
+
+bool windowsHaveNoAlpha = false;
+
+}  // namespace
+
+// A driver that takes the window's visual at its word: Mesa's is lenient.
+extern "C" {
+EGLSurface __real_eglCreateWindowSurface(EGLDisplay, EGLConfig, EGLNativeWindowType, const EGLint*);
+EGLSurface __wrap_eglCreateWindowSurface(EGLDisplay display, EGLConfig config, EGLNativeWindowType window,
+                                         const EGLint* attributes) {
+  EGLint alpha = 0;
+  eglGetConfigAttrib(display, config, EGL_ALPHA_SIZE, &alpha);
+  if (windowsHaveNoAlpha && alpha > 0) return EGL_NO_SURFACE;
+  return __real_eglCreateWindowSurface(display, config, window, attributes);
+}
+}
 
 namespace noxel {
 namespace {
@@ -113,6 +132,17 @@ TEST_F(Window, TwoEnginesShowTheirOwnPicturesAndLeaveTheFramesAlone) {
   EXPECT_TRUE(comesToShow(
       right, [](const Picture& seen) { return seen.width == kWidth + 20 && isFilledWith(seen, kBluish); },
       [&] { EXPECT_EQ(blue.process(), 0); }));
+}
+
+TEST_F(Window, MayHaveNoAlpha) {
+  const SdlWindow window("opaque", {kWidth, kHeight});
+  windowsHaveNoAlpha = true;
+  Stream stream(window, kBluish);
+  windowsHaveNoAlpha = false;
+  ASSERT_TRUE(stream.ready());
+  EXPECT_TRUE(comesToShow(
+      window, [](const Picture& seen) { return isFilledWith(seen, kBluish); },
+      [&] { EXPECT_EQ(stream.process(), 0); }));
 }
 
 TEST_F(Window, IsFilledAtEachSizeItTakes) {

@@ -72,28 +72,22 @@ int EGLEngine::Initialize(int width, int height, void* window, void* shareContex
 }
 
 int EGLEngine::initWithWindow(int /*width*/, int /*height*/, void* window, void* shareContext, int alphaSize) {
-  const EGLint attributes[] = {EGL_SURFACE_TYPE,
-                               EGL_WINDOW_BIT,
-                               EGL_RENDERABLE_TYPE,
-                               EGL_OPENGL_ES2_BIT,
-                               EGL_ALPHA_SIZE,
-                               alphaSize,
-                               EGL_GREEN_SIZE,
-                               8,
-                               EGL_BLUE_SIZE,
-                               8,
-                               EGL_RED_SIZE,
-                               8,
-                               EGL_NONE};
-  return initWithSurface(attributes, window, shareContext);
+  if (openDisplay() == 0) return 0;
+  // The visual of an X11 window is fixed: one without alpha may refuse a config that has it.
+  int alpha = alphaSize;
+  while (createSurface(window, alpha) == 0) {
+    if (alpha == 0) return 0;
+    alpha = 0;
+  }
+  return createContext(shareContext);
 }
 
 int EGLEngine::initWithPBuffer(int /*width*/, int /*height*/, void* shareContext) {
-  const EGLint attributes[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE, EGL_OPENGL_ES2_BIT, EGL_NONE};
-  return initWithSurface(attributes, nullptr, shareContext);
+  if (openDisplay() == 0 || createSurface(nullptr, 0) == 0) return 0;
+  return createContext(shareContext);
 }
 
-int EGLEngine::initWithSurface(const EGLint* configAttributes, void* window, void* shareContext) {
+int EGLEngine::openDisplay() {
   display = platform::engineDisplay();
   if (display == EGL_NO_DISPLAY) {
     LOG_EGL_ERROR("Error: no EGL display %d\n", eglGetError());
@@ -101,30 +95,47 @@ int EGLEngine::initWithSurface(const EGLint* configAttributes, void* window, voi
   }
   initializeDisplay(display);
   eglBindAPI(EGL_OPENGL_ES_API);
+  return 1;
+}
 
+int EGLEngine::createSurface(void* window, int alphaSize) {
+  const EGLint windowConfig[] = {EGL_SURFACE_TYPE,
+                                 EGL_WINDOW_BIT,
+                                 EGL_RENDERABLE_TYPE,
+                                 EGL_OPENGL_ES2_BIT,
+                                 EGL_ALPHA_SIZE,
+                                 alphaSize,
+                                 EGL_GREEN_SIZE,
+                                 8,
+                                 EGL_BLUE_SIZE,
+                                 8,
+                                 EGL_RED_SIZE,
+                                 8,
+                                 EGL_NONE};
+  const EGLint pbufferConfig[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE, EGL_OPENGL_ES2_BIT, EGL_NONE};
   EGLint count = 0;
-  eglChooseConfig(display, configAttributes, &config, 1, &count);
+  eglChooseConfig(display, window != nullptr ? windowConfig : pbufferConfig, &config, 1, &count);
   if (count != 1) {
     LOG_EGL_ERROR("Error: eglChooseConfig(): config not found.\n");
     return 0;
   }
-
   if (window != nullptr) {
     surface = eglCreateWindowSurface(display, config, platform::nativeWindow(window), nullptr);
   } else {
-    const EGLint pbufferAttributes[] = {
+    const EGLint attributes[] = {
         EGL_WIDTH, 1, EGL_HEIGHT, 1, EGL_TEXTURE_TARGET, EGL_NO_TEXTURE, EGL_TEXTURE_FORMAT, EGL_NO_TEXTURE, EGL_NONE};
-    surface = eglCreatePbufferSurface(display, config, pbufferAttributes);
+    surface = eglCreatePbufferSurface(display, config, attributes);
   }
-  EGLint error = eglGetError();
-  if (error != EGL_SUCCESS || surface == EGL_NO_SURFACE) {
-    LOG_EGL_ERROR("Error: surface creation failed %d\n", error);
-    return 0;
-  }
+  const EGLint error = eglGetError();
+  if (error == EGL_SUCCESS && surface != EGL_NO_SURFACE) return 1;
+  LOG_EGL_ERROR("Error: surface creation failed %d\n", error);
+  return 0;
+}
 
-  const EGLint contextAttributes[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
-  context = eglCreateContext(display, config, shareContext, contextAttributes);
-  error = eglGetError();
+int EGLEngine::createContext(void* shareContext) {
+  const EGLint attributes[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
+  context = eglCreateContext(display, config, shareContext, attributes);
+  const EGLint error = eglGetError();
   if (error != EGL_SUCCESS || context == EGL_NO_CONTEXT) {
     LOG_EGL_ERROR("Error: context creation failed %d\n", error);
     return 0;

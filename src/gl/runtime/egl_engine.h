@@ -13,7 +13,7 @@ namespace noxel {
 class EGLEngine {
  public:
   // 1 on success, 0 on failure. Without a window the surface is a 1 x 1 pbuffer whatever the size: it only makes the context
-  // current, the images live in framebuffer objects. alphaSize: bits of the window's alpha channel.
+  // current, the images live in framebuffer objects. alphaSize: bits of the window's alpha channel, none where the window has none.
   int Initialize(int width, int height, void* window = nullptr, void* shareContext = nullptr, int alphaSize = 8);
   int initWithWindow(int width, int height, void* window, void* shareContext, int alphaSize);
   int initWithPBuffer(int width, int height, void* shareContext);
@@ -58,7 +58,9 @@ class EGLEngine {
   PFNEGLPRESENTATIONTIMEANDROIDPROC presentationTime = nullptr;
 
  private:
-  int initWithSurface(const EGLint* configAttributes, void* window, void* shareContext);
+  int openDisplay();
+  int createSurface(void* window, int alphaSize);  // and the config; a pbuffer without a window
+  int createContext(void* shareContext);           // current from here on
   void loadExtensions();
 };
 
