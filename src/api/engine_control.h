@@ -30,7 +30,7 @@ enum InternalParameter : unsigned {
   kParamNoiseReductionStrength = 10,  // 0..100 where it is used
   kParamForceStabilization = 11,      // no value
   kParamFlipChroma = 12,              // 1: U comes back before V; modes 0 and 2
-  kParamLightMode = 16,               // 0 temporal, 1 spatial; others keep the registration state as it is
+  kParamLightMode = 16,               // 0 temporal, 1 spatial; others keep the path (mode 0: each frame by itself)
   kParamImageFormat = 17,             // 17 NV21, 0x32315659 YV12
   kParamTotalZoom = 18,               // float, 1..32; mode 4: how far the picture will be magnified
   kParamExposureStrength = 19         // 0..100, clamped

@@ -1,4 +1,5 @@
 // The thread that owns the EGL context and every GL object of an engine.
+#include <algorithm>
 #include <cstdlib>
 
 #include "api/threads.h"
@@ -97,7 +98,7 @@ void process(GpuThreadContext* context) {
 }
 
 void processRgba(GpuThreadContext* context) {
-  const auto sharpening = static_cast<float>(relaxed(context->sharpening));
+  const auto sharpening = static_cast<float>(std::clamp(relaxed(context->sharpening), 0, 100));
   InPlaceParameters parameters;
   parameters.rgbaLayout = relaxed(context->imageFormatCopy) == 1;
   parameters.scale = context->totalzoom.load(std::memory_order_relaxed);

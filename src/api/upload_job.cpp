@@ -120,7 +120,8 @@ void upload(_KRSuperResEngine* engine, const Claim& claim, int lightMode) {
     registration->registrationResult = kRegistrationOff;
     engine->frameStatus = kRegistrationOff;
     const int strength = std::min(engine->gpu.noiseReductionStrength.load(std::memory_order_relaxed), 100);
-    if (engine->gpu.gpuMode == kModeThreeFrames && strength > 0) {
+    // A texture is at least four samples wide: the luma of a narrower frame is uploaded with the chroma behind it.
+    if (engine->gpu.gpuMode == kModeThreeFrames && strength > 0 && engine->width >= 4) {
       uploadSplit(engine, claim, strength);
       return;
     }
@@ -129,9 +130,9 @@ void upload(_KRSuperResEngine* engine, const Claim& claim, int lightMode) {
     registration->registrationResult = kRegistrationFailed;
     engine->frameStatus = kRegistrationFailed;
     registration->firstFrame = 1;
-  } else if (!isRegistered(*engine, lightMode) && registration->registrationResult == kRegistrationValid) {
-    // The motion that stands there is an older frame's.
-    registration->registrationResult = kRegistrationFailed;
+  } else if (!isRegistered(*engine, lightMode)) {
+    // The motion that stands there is an older frame's, and so is what the tracker remembers.
+    registration->registrationResult = std::min<int>(registration->registrationResult, kRegistrationFailed);
     registration->firstFrame = 1;
   }
   postLoad(engine, claim, kCommandLoad);

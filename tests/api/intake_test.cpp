@@ -124,6 +124,11 @@ TEST_P(Roads, PipelinedFramesComeBackInOrder) {
   TestEngine engine(16, 8, {.mode = GetParam().mode, .ringSlots = 2, .outputDelay = 2, .syncWithCaller = 0});
   NOXEL_NEEDS_GL(engine);
   GetParam().takenBy(&engine);
+  Frame first(16, 8, 20);  // the driver compiles with it
+  engine.process(&first);
+  for (int i = 0; i < 4000 && engine.handle->queuedFrames.load() > 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
   int last = 0;
   for (int i = 0; i < 200; ++i) {
     Frame frame(16, 8, static_cast<unsigned char>(20 + i));

@@ -203,7 +203,7 @@ void drawStep(_KRGPUEngine* engine, const Step& step, OutputTarget* output, int 
   }
 }
 
-// The frame as it came, for a view side by side.
+// The frame as it was uploaded, for a view side by side.
 void drawUntouched(_KRGPUEngine* engine, OutputTarget* output) {
   const bool packed = engine->historyCount == -1;
   LowLightState& state = engine->lowLight->state;
@@ -242,7 +242,7 @@ void captureMask(_KRGPUEngine* engine) {
   engine->maskCaptured = true;
 }
 
-// The blending modes hand the chroma back in the order that they were given.
+// Modes 1 and 3 hand the chroma back in the order that it came in.
 bool readsFlipChroma(const _KRGPUEngine& engine) {
   return engine.mode == 0 || engine.mode == 2;
 }
