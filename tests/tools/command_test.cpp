@@ -47,8 +47,12 @@ TEST(Command, RefusesWhatItWasNotMeantToDo) {
   writeClip(in, {});
   std::ofstream(folder.file("old.mp4")) << "old";
   for (const std::string& arguments :
-       {std::string(), std::string("bogus"), "enhance " + in, "enhance " + in + " -o " + folder.file("old.mp4"),
-        "enhance " + in + " -o " + folder.file("x.avi"), "enhance " + in + " -y -o " + in,
+       {std::string(),
+        std::string("bogus"),
+        "enhance " + in,
+        "enhance " + in + " -o " + folder.file("old.mp4"),
+        "enhance " + in + " -o " + folder.file("x.avi"),
+        "enhance " + in + " -y -o " + in,
         "enhance " + in + " --strength 101 -o " + folder.file("x.mp4"),
         "enhance " + in + " --denoise both -o " + folder.file("x.mp4"),
         "enhance " + in + " --denoise spatial --stabilize -o " + folder.file("x.mp4"),
@@ -58,7 +62,11 @@ TEST(Command, RefusesWhatItWasNotMeantToDo) {
         "enhance " + in + " --engine-mode 4 --denoise spatial -o " + folder.file("x.mp4"),
         "enhance " + in + " --engine-mode 2 --neutral-exposure -o " + folder.file("x.mp4"),
         "enhance " + in + " --untouched-quad 0,0,1 -o " + folder.file("x.mp4"),
-        "enhance " + in + " -o " + folder.file("x.png"), std::string("enhance - -y -o /dev/null")}) {
+        "enhance " + in + " --zoom nan -o " + folder.file("x.mp4"),
+        "enhance " + in + " -o " + folder.file("x.mp4") + " --stats " + folder.file("./x.mp4"),
+        "enhance " + in + " -o " + folder.file("x.mp4") + " --picture " + folder.file("missing/p.png"),
+        "enhance " + in + " -o " + folder.file("x.png"),
+        std::string("enhance - -y -o /dev/null")}) {
     const Outcome outcome = noxel(folder, arguments);
     EXPECT_EQ(outcome.exitCode, kExitUsage) << arguments;
     EXPECT_EQ(outcome.error.rfind("noxel: ", 0), 0u) << outcome.error;

@@ -169,5 +169,30 @@ TEST(VideoWriter, RefusesAudioTheContainerCannotHold) {
   EXPECT_GE(std::accumulate(sizes.begin(), sizes.end(), 0), 2 * 44100);
 }
 
+TEST(Uprighting, PutsEachPixelWhereTheMatrixSays) {
+  constexpr int kWidth = 3, kHeight = 2;
+  const int turns[8][4] = {{1, 0, 0, 1}, {-1, 0, 0, 1}, {-1, 0, 0, -1}, {1, 0, 0, -1},
+                           {0, 1, 1, 0}, {0, 1, -1, 0}, {0, -1, -1, 0}, {0, -1, 1, 0}};
+  const auto pixel = [](const AVFrame& frame, int x, int y) -> uint8_t& {
+    return frame.data[0][static_cast<ptrdiff_t>(y) * frame.linesize[0] + 4 * x];
+  };
+  for (const auto& [a, b, c, d] : turns) {
+    SCOPED_TRACE(testing::Message() << a << ' ' << b << ' ' << c << ' ' << d);
+    const FramePtr given = makePicture(kWidth, kHeight, AV_PIX_FMT_RGBA);
+    for (int i = 0; i < kWidth * kHeight; ++i) pixel(*given, i % kWidth, i / kWidth) = static_cast<uint8_t>(40 * i);
+    const Uprighting turn = uprighting(DisplayMatrix{a << 16, b << 16, 0, c << 16, d << 16, 0, 0, 0, 1 << 30});
+    EXPECT_EQ(turn.swapsSides, b != 0);
+    EXPECT_EQ(turn.filters.empty(), a == 1 && d == 1);
+    if (turn.filters.empty()) continue;
+    const FramePtr upright = FilterPass(kWidth, kHeight, turn.filters, AV_PIX_FMT_RGBA).run(*given);
+    for (int i = 0; i < kWidth * kHeight; ++i) {
+      const int x = i % kWidth, y = i / kWidth;
+      const int left = a * x + c * y + (a < 0 ? kWidth - 1 : 0) + (c < 0 ? kHeight - 1 : 0);
+      const int down = b * x + d * y + (b < 0 ? kWidth - 1 : 0) + (d < 0 ? kHeight - 1 : 0);
+      EXPECT_EQ(pixel(*upright, left, down), 40 * i) << x << ", " << y;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace noxel::tool

@@ -215,11 +215,7 @@ double ExposureStatistics::share(int level) const {
 int runAnalyze(const AnalyzeOptions& options, std::FILE* out) {
   const std::string plotFile = options.plotFile.empty() ? plotName(options.input) : options.plotFile;
   if (plotFile == "-") throw ToolError(kExitUsage, "the plot needs the name of a file");
-  if (plotFile == options.jsonFile) throw ToolError(kExitUsage, plotFile + " cannot be both the plot and the JSON");
-  checkMayWriteBeside(options.input, plotFile, options.overwrite);
-  if (!options.jsonFile.empty() && options.jsonFile != "-") {
-    checkMayWriteBeside(options.input, options.jsonFile, options.overwrite);
-  }
+  checkOutputFiles(options.input, {plotFile, options.jsonFile}, options.overwrite);
   Analysis(options, plotFile, out).run();
   return kExitFine;
 }

@@ -37,7 +37,7 @@ void addOptions(CLI::App* command, AnalyzeOptions& options) {
       ->type_name("FILE.png");
   command->add_option("--json", options.jsonFile, "The figures as JSON; - for standard output")->type_name("FILE");
   command->add_option("--strength", options.strength, "Of the suggested curve; 0 leaves everything as it is")
-      ->check(CLI::Range(0.0, 1.0))
+      ->check([](const std::string& text) { return outsideOf(0, 1, text); })
       ->capture_default_str();
   command->add_option("--exposure", options.exposure, "As for noxel enhance")
       ->check(CLI::Range(0, 100))

@@ -4,6 +4,9 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include <cstdlib>
+#include <sstream>
+
 #include "common/engine_log.h"
 #include "common/interrupt.h"
 #include "common/program_cache_path.h"
@@ -22,6 +25,15 @@ int runWithEngine(bool verbose, const std::function<int()>& run) {
     if (error.code() == kExitNoGl) log.printErrors();
     throw;
   }
+}
+
+std::string outsideOf(double least, double most, const std::string& text) {
+  char* end = nullptr;
+  const double value = std::strtod(text.c_str(), &end);
+  if (end != text.c_str() && *end == '\0' && value >= least && value <= most) return "";
+  std::ostringstream message;
+  message << text << " is no number from " << least << " to " << most;
+  return message.str();
 }
 
 }  // namespace noxel::tool

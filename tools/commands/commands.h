@@ -3,6 +3,7 @@
 #pragma once
 
 #include <functional>
+#include <string>
 
 namespace CLI {
 class App;
@@ -18,6 +19,9 @@ struct Command {
 // Runs what works with the engine: Ctrl-C ends it in order, programs are cached, and where there is no usable GL the engine's
 // log says why. `verbose` shows all of that log, and FFmpeg's warnings.
 int runWithEngine(bool verbose, const std::function<int()>& run);
+
+// For the check of a floating-point option, as CLI::Range lets what is not a number pass: empty, or what is wrong.
+std::string outsideOf(double least, double most, const std::string& text);
 
 Command addAnalyze(CLI::App& app);
 Command addEnhance(CLI::App& app);

@@ -14,10 +14,11 @@ constexpr char kEnhanceFooter[] = R"(Examples:
 
 The output has one frame for each of the input with the same time stamps, size and colour tags; audio and rotation are
 kept (.y4m holds neither). It is written as 8-bit H.264 under a temporary name beside OUTPUT and renamed when it is whole.
-Ctrl-C finishes the file with the frames done so far; pressed again it ends at once.
+Ctrl-C finishes the file with the frames done so far; pressed again it ends at once. A .png is written upright, with 8 bits
+a channel, as RGB or RGBA. --dump-frames with -y leaves the files of an earlier, longer dump as they are.
 
 --stats, of each frame:
-  status              1 motion known and blended with the past, 0 drawn by itself, -1 spatial
+  status              1 motion known (modes 0, 1 and 3: blended with the past), 0 drawn by itself, -1 spatial
   starts_sequence     the first frame, or one after a hole: there is nothing to measure its motion against
   points_tracked      points followed from the frame before; points_kept: those the motion was fitted to
   motion              3 x 3, this frame's pixels to the previous one's
@@ -37,15 +38,14 @@ motion was rejected. Purple lies where the picture moved by itself and the past 
 )";
 
 constexpr char kModes[] =
-    "0 averages three frames, sharpened; 1 enhances; 2 stabilises and sharpens; 3 is 1 at the brightness filmed; 4 "
-    "lifts "
-    "detail and contrast of each picture by itself, also from PNG to PNG";
+    "0 averages three frames, sharpened; 1 enhances; 2 stabilises and sharpens; 3 is 1 at the brightness filmed; "
+    "4 lifts detail and contrast of each picture by itself, also from PNG to PNG";
 
 CLI::Option* addQuad(CLI::App* command, const char* name, std::vector<float>& corners, const char* description) {
   return command->add_option(name, corners, description)
       ->delimiter(',')
       ->expected(8)
-      ->check(CLI::Range(-1.0f, 1.0f))
+      ->check([](const std::string& text) { return outsideOf(-1, 1, text); })
       ->type_name("X,Y,X,Y,X,Y,X,Y");
 }
 
@@ -83,7 +83,7 @@ void addOptions(CLI::App* command, EnhanceOptions& options) {
                  "Smooth the camera's path and crop the edges (1/1.17 of the picture stays); temporal only")
       ->group(look);
   command->add_option("--zoom", options.look.zoom, "Magnify the middle of the picture; temporal only (mode 0: both)")
-      ->check(CLI::Range(1.0f, 32.0f))
+      ->check([](const std::string& text) { return outsideOf(1, 32, text); })
       ->capture_default_str()
       ->group(look);
   command

@@ -12,7 +12,7 @@ namespace {
 
 constexpr char kFooter[] = R"(Exit codes:
   0  fine (also when Ctrl-C ended the run early: the output then is whole up to there)
-  1  failed while running; no output is left behind
+  1  failed while running; no half-written file is left behind
   2  the command line asks for something that cannot be done
   3  no usable OpenGL ES 3.0
   4  the input cannot be read

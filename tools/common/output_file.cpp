@@ -15,6 +15,10 @@ namespace fs = std::filesystem;
 
 void checkMayWrite(const std::string& path, bool overwrite) {
   std::error_code ignored;
+  const fs::path folder = fs::path(path).parent_path();
+  if (!folder.empty() && !fs::is_directory(folder, ignored)) {
+    throw ToolError(kExitUsage, path + " cannot be written: there is no folder " + folder.string());
+  }
   const fs::file_status status = fs::status(path, ignored);
   if (!fs::exists(status)) return;
   if (!fs::is_regular_file(status)) {

@@ -5,7 +5,7 @@
 
 namespace noxel::tool {
 
-// Usage error when `path` exists and may not be overwritten, or is no regular file.
+// Usage error when `path` exists and may not be overwritten, is no regular file, or lies in no folder that there is.
 void checkMayWrite(const std::string& path, bool overwrite);
 
 // A name beside the final one, removed again unless commit() was reached.

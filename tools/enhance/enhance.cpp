@@ -38,14 +38,15 @@ void checkLook(const EnhanceOptions& options) {
     throw ToolError(kExitUsage, "--neutral-exposure stands for --engine-mode 3; leave one of them out");
   }
   checkIsRead(options.look, options.given);
+  if (given("--picture-frame") && options.pictureFile.empty()) {
+    throw ToolError(kExitUsage, "--picture-frame says which frame --picture takes; give both");
+  }
   if (options.overlay) checkIsRead(options.look, {"--overlay"});
 }
 
 void checkOutputs(const EnhanceOptions& options) {
   if (!isStill(options.output)) containerOf(options.output);
-  for (const std::string& path : {options.output, options.statsFile, options.pictureFile}) {
-    if (!path.empty() && path != "-") checkMayWriteBeside(options.input, path, options.overwrite);
-  }
+  checkOutputFiles(options.input, {options.output, options.statsFile, options.pictureFile}, options.overwrite);
   checkMayDump(options.dumpFolder, options.overwrite);
 }
 
@@ -146,8 +147,8 @@ void Run::enhanceFrame(Enhancer& enhancer) {
 
   FramePtr enhanced = unpackNv21(nv21, width, height);
   if (dump_) {
-    dump_->picture(index, "before", clip_.engineFrame());
-    dump_->picture(index, "after", *enhanced);
+    dump_->picture(index, "before", clip_.engineFrame(), clip_.width(), clip_.height());
+    dump_->picture(index, "after", *enhanced, clip_.width(), clip_.height());
     if (!overlay.mask.empty()) {
       dump_->grey(index, "mask", overlay.mask.data(), overlay.maskWidth, overlay.maskHeight);
     }
@@ -192,6 +193,9 @@ void Run::writeStatistics(double seconds) const {
         {"sharpening", options_.look.sharpening},
         {"contrast", options_.look.contrast},
         {"zoom", options_.look.zoom},
+        {"flip_chroma", options_.look.flipChroma},
+        {"enhanced_quad", options_.look.enhancedQuad},
+        {"untouched_quad", options_.look.untouchedQuad},
         {"compare", options_.compare},
         {"overlay", options_.overlay},
         {"warm_up", options_.warmUp && followsExposure(options_.look)},

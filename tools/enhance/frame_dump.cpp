@@ -36,10 +36,9 @@ FrameDump::FrameDump(std::string folder) : folder_(std::move(folder)) {
   if (error) throw ToolError(kExitFailed, "cannot make the folder " + folder_ + ": " + error.message());
 }
 
-void FrameDump::picture(int64_t frame, const char* name, const AVFrame& planar) const {
+void FrameDump::picture(int64_t frame, const char* name, const AVFrame& planar, int width, int height) const {
   const FramePtr bgr = engineToRgb(planar, AV_PIX_FMT_BGR24);
-  write(folder_, frame, name, {bgr->data[0], bgr->width * 3, bgr->height, bgr->linesize[0]},
-        kernels::BmpPixels::kBlueGreenRed);
+  write(folder_, frame, name, {bgr->data[0], width * 3, height, bgr->linesize[0]}, kernels::BmpPixels::kBlueGreenRed);
 }
 
 void FrameDump::grey(int64_t frame, const char* name, const uint8_t* pixels, int width, int height) const {

@@ -13,8 +13,8 @@ class FrameDump {
  public:
   explicit FrameDump(std::string folder);  // made when it is not there
 
-  // 24 bits. Planar, in the engine's colours.
-  void picture(int64_t frame, const char* name, const AVFrame& planar) const;
+  // 24 bits. Planar, in the engine's colours, of which the upper left width x height pixels are written.
+  void picture(int64_t frame, const char* name, const AVFrame& planar, int width, int height) const;
   // 8 bits.
   void grey(int64_t frame, const char* name, const uint8_t* pixels, int width, int height) const;
 

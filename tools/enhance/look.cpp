@@ -25,6 +25,7 @@ constexpr Readers kReaders[] = {
     {"--flip-chroma", "02", "02"},
     {"--enhanced-quad", "0123", "0123"},
     {"--untouched-quad", "0123", "0123"},
+    {"--no-warm-up", "1", "12"},
 };
 
 // As seen; the first row of a picture off-screen lies at the bottom of the engine's coordinates.

@@ -4,6 +4,7 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -22,11 +23,9 @@ void check(const EnhanceOptions& options) {
   if (options.look.mode() != kModeSynchronousRgba) {
     throw ToolError(kExitUsage, options.output + " is a still picture, which takes --engine-mode 4");
   }
-  const std::pair<const char*, bool> clipOnly[] = {{"--stats", !options.statsFile.empty()},
-                                                   {"--picture", !options.pictureFile.empty()},
-                                                   {"--dump-frames", !options.dumpFolder.empty()}};
-  for (const auto& [name, given] : clipOnly) {
-    if (given) throw ToolError(kExitUsage, std::string(name) + " is for clips; the output is a still picture");
+  for (const char* clipOnly : {"--stats", "--picture", "--picture-frame", "--dump-frames", "--crf", "--no-warm-up"}) {
+    if (std::find(options.given.begin(), options.given.end(), clipOnly) == options.given.end()) continue;
+    throw ToolError(kExitUsage, std::string(clipOnly) + " is for clips; the output is a still picture");
   }
 }
 
@@ -55,13 +54,15 @@ int runStill(const EnhanceOptions& options) {
   if (reader.next()) {
     throw ToolError(kExitUsage, options.input + " has more than one frame; choose an output that ends in .mp4 or .mkv");
   }
-  const FramePtr before = ColourConversion(*given).rgba(*given);
+  FramePtr before = ColourConversion(*given).rgba(*given);
+  const std::string turn = uprighting(reader.displayMatrix()).filters;
+  if (!turn.empty()) before = FilterPass(before->width, before->height, turn, AV_PIX_FMT_RGBA).run(*before);
   const FramePtr after = RgbaEngine(before->width, before->height, options.look).enhanced(*before);
   if (options.compare) copyLeftHalfRgba(*before, *after);
   const std::vector<uint8_t> png = encodePng(hasAlpha(*given) ? *after : *withoutAlpha(*after));
   writeWholeFile(options.output, png.data(), png.size());
-  if (!options.quiet)
-    std::fprintf(stderr, "one picture of %d x %d: %s\n", before->width, before->height, options.output.c_str());
+  if (options.quiet) return kExitFine;
+  std::fprintf(stderr, "one picture of %d x %d: %s\n", before->width, before->height, options.output.c_str());
   return kExitFine;
 }
 

@@ -1,6 +1,7 @@
 #include "media/clip_input.h"
 
 #include <filesystem>
+#include <set>
 #include <system_error>
 #include <utility>
 
@@ -44,12 +45,19 @@ void ClipInput::convert() {
   packNv21(*engineFrame_, nv21_.data());
 }
 
-void checkMayWriteBeside(const std::string& input, const std::string& output, bool overwrite) {
+void checkOutputFiles(const std::string& input, const std::vector<std::string>& outputs, bool overwrite) {
   std::error_code ignored;
-  if (input != "-" && std::filesystem::equivalent(input, output, ignored)) {
-    throw ToolError(kExitUsage, output + " is the input; choose another name");
+  std::set<std::filesystem::path> files;
+  for (const std::string& output : outputs) {
+    if (output.empty() || output == "-") continue;
+    if (input != "-" && std::filesystem::equivalent(input, output, ignored)) {
+      throw ToolError(kExitUsage, output + " is the input; choose another name");
+    }
+    checkMayWrite(output, overwrite);
+    if (!files.insert(std::filesystem::weakly_canonical(output, ignored)).second) {
+      throw ToolError(kExitUsage, output + " is asked for twice; choose another name for one of them");
+    }
   }
-  checkMayWrite(output, overwrite);
 }
 
 }  // namespace noxel::tool

@@ -55,7 +55,8 @@ class ClipInput {
   std::vector<uint8_t> nv21_;
 };
 
-// As checkMayWrite; a usage error, too, when `output` is the clip itself.
-void checkMayWriteBeside(const std::string& input, const std::string& output, bool overwrite);
+// As checkMayWrite for each; a usage error, too, when one is the clip itself or two are the same file. Empty names and "-"
+// are no files.
+void checkOutputFiles(const std::string& input, const std::vector<std::string>& outputs, bool overwrite);
 
 }  // namespace noxel::tool

@@ -102,9 +102,11 @@ FramePtr scaled(SwsContext* scaler, const AVFrame& from, AVPixelFormat format) {
 
 }  // namespace
 
-FilterPass::FilterPass(int width, int height, const std::string& filters) : graph_(allocated(avfilter_graph_alloc())) {
+FilterPass::FilterPass(int width, int height, const std::string& filters, AVPixelFormat format)
+    : format_(format), graph_(allocated(avfilter_graph_alloc())) {
   const std::string description = "buffer@in=video_size=" + std::to_string(width) + "x" + std::to_string(height) +
-                                  ":pix_fmt=yuv420p:time_base=1/1000," + filters + ",buffersink@out";
+                                  ":pix_fmt=" + av_get_pix_fmt_name(format) + ":time_base=1/1000," + filters +
+                                  ",buffersink@out";
   AVFilterInOut* inputs = nullptr;
   AVFilterInOut* outputs = nullptr;
   int result = avfilter_graph_parse2(graph_.get(), description.c_str(), &inputs, &outputs);
@@ -121,9 +123,9 @@ FilterPass::FilterPass(int width, int height, const std::string& filters) : grap
   }
 }
 
-FramePtr FilterPass::run(const AVFrame& planar) {
-  FramePtr in = share(planar);
-  in->format = AV_PIX_FMT_YUV420P;
+FramePtr FilterPass::run(const AVFrame& frame) {
+  FramePtr in = share(frame);
+  in->format = format_;
   FramePtr out = makeFrame();
   int result = av_buffersrc_add_frame(source_, in.get());
   if (result >= 0) result = av_buffersink_get_frame(sink_, out.get());

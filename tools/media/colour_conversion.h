@@ -14,13 +14,14 @@ struct ColourTags {
   AVChromaLocation chromaLocation = AVCHROMA_LOC_UNSPECIFIED;
 };
 
-// A graph of libavfilter's through which planar frames pass one by one.
+// A graph of libavfilter's through which frames of one size and format pass one by one.
 class FilterPass {
  public:
-  FilterPass(int width, int height, const std::string& filters);
-  FramePtr run(const AVFrame& planar);
+  FilterPass(int width, int height, const std::string& filters, AVPixelFormat format = AV_PIX_FMT_YUV420P);
+  FramePtr run(const AVFrame& frame);
 
  private:
+  AVPixelFormat format_;
   FilterGraphPtr graph_;
   AVFilterContext* source_ = nullptr;  // owned by the graph, as the sink
   AVFilterContext* sink_ = nullptr;

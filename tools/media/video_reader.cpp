@@ -6,6 +6,7 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 
 #include "common/interrupt.h"
@@ -22,6 +23,13 @@ int onInterrupt(void*) {
 
 bool plausible(AVRational rate) {
   return rate.num > 0 && rate.den > 0 && av_q2d(rate) <= kHighestRate;
+}
+
+std::optional<DisplayMatrix> matrixOf(const uint8_t* data, size_t size) {
+  DisplayMatrix matrix;
+  if (size < sizeof(matrix)) return std::nullopt;
+  std::copy_n(data, sizeof(matrix), reinterpret_cast<uint8_t*>(matrix.data()));
+  return matrix;
 }
 
 }  // namespace
@@ -59,6 +67,7 @@ void VideoReader::open(const std::string& path, const std::string& format) {
   int result = avformat_open_input(&format_, url.c_str(), forced, nullptr);
   if (result >= 0) result = avformat_find_stream_info(format_, nullptr);
   if (result >= 0) return;
+  if (stopRequested()) throw ToolError(kExitFailed, "stopped before the first frame; nothing was written");
   const char* remedy = path == "-" ? "; standard input must be Y4M" : format.empty() ? "; is it a video file?" : "";
   throw ToolError(kExitUnreadable, "cannot read " + name_ + ": " + avErrorText(result) + remedy);
 }
@@ -134,6 +143,8 @@ void VideoReader::checkSize(const AVFrame& frame) {
   if (index == 0) {
     width_ = frame.width;
     height_ = frame.height;
+    const AVFrameSideData* side = av_frame_get_side_data(&frame, AV_FRAME_DATA_DISPLAYMATRIX);
+    if (side != nullptr) frameMatrix_ = matrixOf(side->data, side->size);
   }
   if (frame.width == width_ && frame.height == height_) return;
   const auto size = [](int width, int height) { return std::to_string(width) + "x" + std::to_string(height); };
@@ -203,10 +214,19 @@ AVRational VideoReader::sampleAspectRatio(const AVFrame& frame) const {
 std::optional<DisplayMatrix> VideoReader::displayMatrix() const {
   size_t size = 0;
   const uint8_t* data = av_stream_get_side_data(stream_, AV_PKT_DATA_DISPLAYMATRIX, &size);
-  DisplayMatrix matrix;
-  if (data == nullptr || size < sizeof(matrix)) return std::nullopt;
-  std::copy_n(data, sizeof(matrix), reinterpret_cast<uint8_t*>(matrix.data()));
-  return matrix;
+  return data != nullptr ? matrixOf(data, size) : frameMatrix_;
+}
+
+Uprighting uprighting(const std::optional<DisplayMatrix>& matrix) {
+  if (!matrix) return {"", false};
+  // A picture's x goes to (a, b) on the screen, its y to (c, d).
+  const int64_t a = (*matrix)[0], b = (*matrix)[1], c = (*matrix)[3], d = (*matrix)[4];
+  if (std::abs(a) + std::abs(d) >= std::abs(b) + std::abs(c)) {
+    const char* flips[2][2] = {{"", "vflip"}, {"hflip", "hflip,vflip"}};
+    return {flips[a < 0][d < 0], false};
+  }
+  if (b < 0) return {c < 0 ? "transpose=clock_flip" : "transpose=cclock", true};
+  return {c < 0 ? "transpose=clock" : "transpose=cclock_flip", true};
 }
 
 }  // namespace noxel::tool

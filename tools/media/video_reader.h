@@ -13,6 +13,14 @@ namespace noxel::tool {
 
 using DisplayMatrix = std::array<int32_t, 9>;
 
+// The libavfilter filters that bring a picture with this matrix upright, and whether they trade width and height; no filters
+// for one that is. Angles between quarter turns are taken as the nearest one.
+struct Uprighting {
+  std::string filters;
+  bool swapsSides;
+};
+Uprighting uprighting(const std::optional<DisplayMatrix>& matrix);
+
 // One thread. Every failure is a ToolError, where nothing else is said with kExitUnreadable.
 class VideoReader {
  public:
@@ -37,7 +45,7 @@ class VideoReader {
   int64_t nominalIntervalUs() const;
   int64_t expectedFrames() const;  // 0: unknown
   AVRational sampleAspectRatio(const AVFrame& frame) const;
-  std::optional<DisplayMatrix> displayMatrix() const;
+  std::optional<DisplayMatrix> displayMatrix() const;  // the stream's, else the first frame's, as photos have it
   const std::vector<const AVStream*>& audioStreams() const { return audioStreams_; }
   const AVDictionary* metadata() const { return format_->metadata; }
   std::string codecName() const { return avcodec_get_name(stream_->codecpar->codec_id); }
@@ -66,6 +74,7 @@ class VideoReader {
   int64_t framesRead_ = 0;
   int width_ = 0;  // of the first frame
   int height_ = 0;
+  std::optional<DisplayMatrix> frameMatrix_;  // likewise
 };
 
 }  // namespace noxel::tool

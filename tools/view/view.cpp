@@ -245,6 +245,7 @@ int runView(const ViewOptions& options) {
     throw ToolError(kExitUsage, "--loop cannot read standard input again; give the clip's name");
   }
   Viewer viewer(options);
+  if (options.loop && viewer.live()) throw ToolError(kExitUsage, "--loop is for clips; a device has no end");
   while (viewer.step()) {
   }
   return kExitFine;

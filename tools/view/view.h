@@ -49,6 +49,7 @@ class Viewer {
   bool step();
 
   const LiveLook& look() const { return look_; }
+  bool live() const { return source_.live(); }
   bool paused() const { return paused_; }
   bool atEnd() const { return ended_; }
   int64_t framesShown() const { return framesShown_; }  // handed to the engine

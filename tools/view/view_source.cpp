@@ -1,9 +1,5 @@
 #include "view/view_source.h"
 
-extern "C" {
-#include <libavutil/display.h>
-}
-
 #include <cmath>
 #include <utility>
 
@@ -12,16 +8,6 @@ extern "C" {
 
 namespace noxel::tool {
 namespace {
-
-// Quarter turns, clockwise, that bring the clip upright. Angles between are shown as the nearest one.
-int quarterTurns(const std::optional<DisplayMatrix>& matrix) {
-  if (!matrix) return 0;
-  const double counterClockwise = av_display_rotation_get(matrix->data());
-  if (std::isnan(counterClockwise)) return 0;
-  return (static_cast<int>(std::lround(-counterClockwise / 90.0)) % 4 + 4) % 4;
-}
-
-constexpr const char* kTurns[] = {"", "transpose=clock", "hflip,vflip", "transpose=cclock"};
 
 std::string formatOf(const std::string& input, const std::string& format) {
   return format.empty() && input.rfind("/dev/video", 0) == 0 ? "v4l2" : format;
@@ -46,15 +32,15 @@ void ViewSource::measure() {
   colours_ = std::make_unique<ColourConversion>(*frame_);
   int width = clipWidth_;
   int height = clipHeight_;
-  const int turns = quarterTurns(reader_->displayMatrix());
-  if (turns != 0) rotation_ = std::make_unique<FilterPass>(width, height, kTurns[turns]);
+  const Uprighting turn = uprighting(reader_->displayMatrix());
+  if (!turn.filters.empty()) rotation_ = std::make_unique<FilterPass>(width, height, turn.filters);
   const AVRational shape = reader_->sampleAspectRatio(*frame_);
   const double stretch = shape.num > 0 && shape.den > 0 ? av_q2d(shape) : 1.0;
-  if (turns % 2 == 1) std::swap(width, height);
+  if (turn.swapsSides) std::swap(width, height);
   width_ = paddedWidth(width);
   height_ = paddedHeight(height);
-  displayWidth_ = static_cast<int>(std::lround(width_ * (turns % 2 == 0 ? stretch : 1.0)));
-  displayHeight_ = static_cast<int>(std::lround(height_ * (turns % 2 == 1 ? stretch : 1.0)));
+  displayWidth_ = static_cast<int>(std::lround(width_ * (turn.swapsSides ? 1.0 : stretch)));
+  displayHeight_ = static_cast<int>(std::lround(height_ * (turn.swapsSides ? stretch : 1.0)));
 }
 
 int64_t ViewSource::timeUs() const {
