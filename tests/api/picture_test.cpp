@@ -73,38 +73,6 @@ TEST(Picture, TheUntouchedViewCoversTheEnhancedOneWhereTheyOverlap) {
   EXPECT_EQ(frame.luma(28, 8), 0) << "with nothing to draw the target is cleared";
 }
 
-using Passes = std::vector<int>;
-
-TEST(Passes, FollowTheFramesStatus) {
-  TestEngine engine(32, 16);
-  NOXEL_NEEDS_GL(engine);
-  bool valid = false;
-  engine.setMotion([&](bool, MotionEstimate*) { return valid; });
-  takeDrawnPasses();
-  struct Step {
-    int lightMode;
-    bool valid;
-    int historyCount;
-    Passes passes;
-  };
-  const Passes restart = {kPassBicubicYuv, kPassTone};
-  const Passes temporal = {kPassBicubicYuv, kPassGhostMask,  kPassMaskErode,
-                           kPassMaskDilate, kPassDeghostMix, kPassTone};
-  const Passes spatial = {kPassPackedYuv};
-  const Step steps[] = {{0, false, 0, restart}, {0, true, 1, temporal}, {0, true, 2, temporal}, {1, true, -1, spatial},
-                        {0, true, 0, restart},  {0, true, 1, temporal}, {5, true, 2, temporal}, {0, false, 0, restart}};
-  int number = 0;
-  for (const Step& step : steps) {
-    engine.set(kParamLightMode, step.lightMode);
-    valid = step.valid;
-    Frame frame(32, 16, 60);
-    ASSERT_EQ(engine.process(&frame), 0);
-    EXPECT_EQ(engine.handle->gpu.gpuEngine->historyCount, step.historyCount) << "frame " << number;
-    EXPECT_EQ(takeDrawnPasses(), step.passes) << "frame " << number;
-    ++number;
-  }
-}
-
 TEST(Passes, AFrameThatWasNotDrawnRestartsHistory) {
   TestEngine engine(32, 16);
   NOXEL_NEEDS_GL(engine);

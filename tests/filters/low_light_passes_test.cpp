@@ -242,56 +242,6 @@ TEST_F(LowLightPasses, TestPatternIsAGridOfDiamonds) {
   }
 }
 
-TEST_F(LowLightPasses, TheSynchronousChainSmoothsAndAddsDetail) {
-  const int width = 40;
-  const int height = 20;
-  const Picture picture = noisyPicture(width, height, 19);
-  Picture gba(width, height);  // the same picture one channel on
-  for (size_t i = 0; i < picture.rgba.size(); i += 4) std::copy_n(&picture.rgba[i], 3, &gba.rgba[i + 1]);
-  state.imageWidth = width;
-  state.imageHeight = height;
-  state.sharpening = 100;
-  state.scale = 0.5f;  // taken as 1
-  state.detailStrength = 8;
-  const Image image(width, height, picture.rgba);
-  Image copied = image;
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      reference::Colour opaque = image.texel(x, y);
-      opaque.a = 1;
-      copied.store(x, y, opaque);
-    }
-  }
-  const Image smooth = diagonalBox(copied, {0.5 / width, 0.5 / height}, {width, height});
-
-  for (const bool rgbaLayout : {true, false}) {
-    const TestTexture source(rgbaLayout ? picture : gba);
-    TestTarget t0(width, height), t1(width, height), t2(width, height), output(width, height);
-    FrameBuffer* targets[] = {&t0, &t1, &t2};
-    for (const float contrast : {0.0f, 30.0f}) {
-      filter.setContrast(contrast);
-      Program* detail = filter.runSyncChain(source.GetId(), targets, false, rgbaLayout);
-      ASSERT_NE(detail, nullptr);
-      filter.BindTarget(&output);
-      detail->draw(4);
-      EXPECT_TRUE(closeTo(t2.read(), toPicture(smooth), 1));  // half-way samples, rounded
-
-      // g, b, a of that layout are r, g, b of the other; its contrast text reacts to edges twice as much.
-      Picture actual = output.read();
-      if (!rgbaLayout) {
-        for (size_t i = 0; i < actual.rgba.size(); i += 4) {
-          std::rotate(&actual.rgba[i], &actual.rgba[i + 1], &actual.rgba[i] + 4);
-        }
-      }
-      if (contrast > 0 && !rgbaLayout) continue;
-      const Image expected =
-          contrast > 0 ? detailedWithContrast(image, smooth, 0.5, 0.3092) : detailed(image, smooth, 0.5);
-      // One code of the smoothed image, taken half, and its own rounding; the curve's slope is at most 1.2 there.
-      EXPECT_TRUE(closeTo(actual, toPicture(expected), 2)) << rgbaLayout << contrast;
-    }
-  }
-}
-
 TEST_F(LowLightPasses, TheDownsamplingChainCopiesThenAverages) {
   const Picture picture = noisyPicture(40, 20, 20);
   TestTarget source(picture);

@@ -226,31 +226,6 @@ TEST(SmoothTwice, IsTwoBoxesOfSixteen) {
   });
 }
 
-TEST(SmoothTwice, ShiftsNothing) {
-  constexpr Size kSize = {21, 19};
-  constexpr int kX = 9;
-  constexpr int kY = 10;
-  Bytes image(kSize.area(), 0);
-  Bytes scratch(kSize.area());
-  image[kY * kSize.width + kX] = 255;
-  kernels::smoothTwice(packed(image.data(), kSize.width, kSize.height), scratch.data());
-
-  long weight = 0;
-  long momentX = 0;
-  long momentY = 0;
-  for (int y = 0; y < kSize.height; ++y) {
-    for (int x = 0; x < kSize.width; ++x) {
-      const long value = image[static_cast<size_t>(y * kSize.width + x)];
-      weight += value;
-      momentX += value * (x - kX);
-      momentY += value * (y - kY);
-    }
-  }
-  EXPECT_EQ(weight, 256);  // 16 codes in each of 16 pixels, whose sixteenths are whole: 255 rounded up once
-  EXPECT_EQ(momentX, 0);
-  EXPECT_EQ(momentY, 0);
-}
-
 TEST(BoxAndGauss, AreWeightedMeansWithTheEdgeRepeated) {
   onEachPathAndSize([](Size size) {
     const Picture source = {size, randomBytes(size.area(), 7)};

@@ -430,9 +430,10 @@ Image detailed(const Image& picture, const Image& smooth, double strength) {
   return render({picture.width, picture.height}, [&](Point p) { return detailedAt(picture, smooth, p, 2, strength); });
 }
 
-Image detailedWithContrast(const Image& picture, const Image& smooth, double strength, double curveWidth) {
+Image detailedWithContrast(const Image& picture, const Image& smooth, double strength, double curveWidth,
+                           double edgeFactor) {
   return render({picture.width, picture.height},
-                [&](Point p) { return contrasted(detailedAt(picture, smooth, p, 1, strength), curveWidth); });
+                [&](Point p) { return contrasted(detailedAt(picture, smooth, p, edgeFactor, strength), curveWidth); });
 }
 
 }  // namespace noxel::reference

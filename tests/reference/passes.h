@@ -108,9 +108,10 @@ Image packedYuvToRgbClamped(const Image& packedLuma, const Image& chroma, double
 Image sharpened(const Image& picture, double strength, const Matrix& warp = kIdentity);
 Image sharpenedWithContrast(const Image& picture, double strength, double curveWidth, const Matrix& warp = kIdentity);
 
-// kr_w3; kr_w4, and kr_w5 with a curve.
+// kr_w3; kr_w4 and kr_w6, and kr_w5 and kr_w7 with a curve, whose strength rises with the edge once and twice as fast.
 Image diagonalBox(const Image& picture, Point step, Size size);
 Image detailed(const Image& picture, const Image& smooth, double strength);
-Image detailedWithContrast(const Image& picture, const Image& smooth, double strength, double curveWidth);
+Image detailedWithContrast(const Image& picture, const Image& smooth, double strength, double curveWidth,
+                           double edgeFactor);
 
 }  // namespace noxel::reference

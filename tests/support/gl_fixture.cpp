@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "support/driver_required.h"
+
 namespace noxel {
 
 EGLEngine* GlTest::egl = nullptr;
@@ -23,8 +25,7 @@ void GlTest::TearDownTestSuite() {
 
 void GlTest::SetUp() {
   if (egl != nullptr) return;
-  const char* required = std::getenv("NOXEL_REQUIRE_GL");
-  ASSERT_FALSE(required != nullptr && std::strcmp(required, "1") == 0) << "no OpenGL ES 3.0, and NOXEL_REQUIRE_GL is 1";
+  ASSERT_FALSE(driverRequired()) << "no OpenGL ES 3.0, and NOXEL_REQUIRE_GL is 1";
   GTEST_SKIP() << "no OpenGL ES 3.0 here";
 }
 

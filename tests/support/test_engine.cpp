@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
-#include <cstring>
 
 namespace noxel {
 
@@ -61,11 +59,6 @@ void TestEngine::setMotion(std::function<bool(bool, MotionEstimate*)> source) {
   handle->registration.motionSource = [](void* self, const LumaImage&, bool first, MotionEstimate* estimate) {
     return static_cast<TestEngine*>(self)->motion(first, estimate);
   };
-}
-
-bool driverRequired() {
-  const char* required = std::getenv("NOXEL_REQUIRE_GL");
-  return required != nullptr && std::strcmp(required, "1") == 0;
 }
 
 double lumaPsnr(const Frame& a, const Frame& b, int margin) {

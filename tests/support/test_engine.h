@@ -9,6 +9,7 @@
 
 #include "api/engine.h"
 #include "platform/frame_clock.h"
+#include "support/driver_required.h"
 
 namespace noxel {
 
@@ -78,8 +79,6 @@ class TestEngine {
     GTEST_SKIP() << "no usable GL driver";                          \
   }                                                                 \
   static_assert(true, "a semicolon follows")
-
-bool driverRequired();
 
 // 10 log10(255^2 / mean squared luma difference), `margin` pixels at each edge left out.
 double lumaPsnr(const Frame& a, const Frame& b, int margin);

@@ -10,11 +10,11 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <thread>
 
 #include "gl/runtime/driver_info.h"
+#include "support/driver_required.h"
 
 namespace noxel {
 namespace {
@@ -46,11 +46,6 @@ std::string readNumber(int pipe) {
   const std::string number = std::to_string(pipe);
   execlp("Xvfb", "Xvfb", "-displayfd", number.c_str(), "-screen", "0", "640x480x24", "-nolisten", "tcp", nullptr);
   _exit(127);
-}
-
-bool driverRequired() {
-  const char* required = std::getenv("NOXEL_REQUIRE_GL");
-  return required != nullptr && std::strcmp(required, "1") == 0;
 }
 
 }  // namespace

@@ -144,24 +144,6 @@ class ClipMaker {
 
 }  // namespace
 
-TemporaryFolder::TemporaryFolder() {
-  std::string pattern = (fs::temp_directory_path() / "noxel-tool-XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary folder");
-  path_ = pattern;
-}
-
-TemporaryFolder::~TemporaryFolder() {
-  std::error_code ignored;
-  fs::remove_all(path_, ignored);
-}
-
-std::vector<std::string> TemporaryFolder::names() const {
-  std::vector<std::string> result;
-  for (const fs::directory_entry& entry : fs::directory_iterator(path_)) result.push_back(entry.path().filename());
-  std::sort(result.begin(), result.end());
-  return result;
-}
-
 void writeClip(const std::string& path, const ClipSpec& spec) {
   ClipMaker(path, spec).make();
 }

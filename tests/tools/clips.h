@@ -8,22 +8,9 @@
 
 #include "media/av_types.h"
 #include "media/video_reader.h"
+#include "support/temporary_directory.h"
 
 namespace noxel::tool {
-
-// A folder of the running test, removed with everything in it.
-class TemporaryFolder {
- public:
-  TemporaryFolder();
-  ~TemporaryFolder();
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
-  std::vector<std::string> names() const;  // of the files in it, sorted
-
- private:
-  std::string path_;
-};
 
 struct ClipSpec {
   int width = 64;

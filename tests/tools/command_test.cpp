@@ -1,39 +1,21 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <string>
 
 #include "clips.h"
-#include "common/tool_error.h"
+#include "run_command.h"
 
 namespace noxel::tool {
 namespace {
 
-struct Outcome {
-  int exitCode;
-  std::string out;
-  std::string error;
-};
-
-std::string contents(const std::string& path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-// The built command with these arguments, standard input empty.
-Outcome noxel(const TemporaryFolder& folder, const std::string& arguments) {
-  const TemporaryFolder output;
-  const std::string command = "XDG_CACHE_HOME='" + folder.file("cache") + "' '" NOXEL_EXECUTABLE "' " + arguments +
-                              " </dev/null >'" + output.file("out") + "' 2>'" + output.file("error") + "'";
-  const int status = std::system(command.c_str());
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contents(output.file("out")), contents(output.file("error"))};
+Outcome noxel(const TemporaryDirectory& folder, const std::string& arguments) {
+  return runCommand(NOXEL_EXECUTABLE, arguments, "XDG_CACHE_HOME='" + folder.file("cache") + "'");
 }
 
 TEST(Command, HelpAndVersionAreNoErrors) {
-  const TemporaryFolder folder;
+  const TemporaryDirectory folder;
   EXPECT_EQ(noxel(folder, "--help").exitCode, kExitFine);
   EXPECT_NE(noxel(folder, "enhance --help").out.find("--neutral-exposure"), std::string::npos);
   const Outcome version = noxel(folder, "--version");
@@ -42,7 +24,7 @@ TEST(Command, HelpAndVersionAreNoErrors) {
 }
 
 TEST(Command, RefusesWhatItWasNotMeantToDo) {
-  const TemporaryFolder folder;
+  const TemporaryDirectory folder;
   const std::string in = folder.file("in.mp4");
   writeClip(in, {});
   std::ofstream(folder.file("old.mp4")) << "old";
@@ -75,7 +57,7 @@ TEST(Command, RefusesWhatItWasNotMeantToDo) {
 }
 
 TEST(Command, TellsUnreadableInput) {
-  const TemporaryFolder folder;
+  const TemporaryDirectory folder;
   std::ofstream(folder.file("text.mp4")) << "no video";
   for (const std::string& input : {folder.file("text.mp4"), folder.file("missing.mp4"), std::string("-")}) {
     const Outcome outcome = noxel(folder, "enhance " + input + " -o " + folder.file("x.mp4"));
@@ -85,7 +67,7 @@ TEST(Command, TellsUnreadableInput) {
 }
 
 TEST(Command, TellsThatThereIsNoGl) {
-  const TemporaryFolder folder;
+  const TemporaryDirectory folder;
   writeClip(folder.file("in.mp4"), {});
   // The EGL dispatcher finds no driver.
   ASSERT_EQ(setenv("__EGL_VENDOR_LIBRARY_FILENAMES", "/nonexistent", 1), 0);

@@ -1,31 +1,19 @@
 // The engine's modes as the command offers them.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <fstream>
 #include <memory>
 
 #include "clips.h"
-#include "common/tool_error.h"
 #include "enhance/enhance.h"
 #include "enhance/rgba_session.h"
 #include "media/colour_conversion.h"
 #include "media/nv21_frame.h"
 #include "media/picture.h"
+#include "run_command.h"
 
 namespace noxel::tool {
 namespace {
-
-// Skips without a driver, or fails where the environment says NOXEL_REQUIRE_GL=1.
-#define NEEDS_DRIVER()                                                               \
-  try {                                                                              \
-    const EngineHandle driver(16, 16, kModeEnhance);                                 \
-  } catch (const ToolError& error) {                                                 \
-    const char* required = std::getenv("NOXEL_REQUIRE_GL");                          \
-    if (required != nullptr && std::string(required) == "1") FAIL() << error.what(); \
-    GTEST_SKIP() << error.what();                                                    \
-  }                                                                                  \
-  static_assert(true, "a semicolon follows")
 
 TEST(EngineModes, AQuadLiesWhereItIsSeen) {
   NEEDS_DRIVER();
@@ -71,7 +59,7 @@ TEST(EngineModes, RgbaFramesKeepTheirColoursAndGainContrast) {
 
 TEST(EngineModes, APictureGoesFromPngToPngWithItsAlpha) {
   NEEDS_DRIVER();
-  const TemporaryFolder folder;
+  const TemporaryDirectory folder;
   constexpr int kWidth = 33, kHeight = 17;
   const FramePtr picture = makePicture(kWidth, kHeight, AV_PIX_FMT_RGBA);
   const auto pixel = [](const AVFrame& frame, int x, int y) {

@@ -81,7 +81,7 @@ class Enhance : public testing::Test {
     });
   }
 
-  const TemporaryFolder folder_;
+  const TemporaryDirectory folder_;
   EnhanceOptions options_;
   FakeRecord record_;
 };

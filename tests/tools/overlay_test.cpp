@@ -3,14 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "common/tool_error.h"
 #include "enhance/enhancer_session.h"
 #include "media/nv21_frame.h"
+#include "run_command.h"
 
 namespace noxel::tool {
 namespace {
@@ -119,19 +117,13 @@ TEST(OverlayOfTheEngine, TracksTheSceneAndMasksWhatChangedByItself) {
   settings.height = kSceneHeight;
   settings.look.neutralExposure = true;
   settings.overlay = true;
-  std::unique_ptr<EnhancerSession> session;
-  try {
-    session = std::make_unique<EnhancerSession>(settings);
-  } catch (const ToolError& error) {
-    const char* required = std::getenv("NOXEL_REQUIRE_GL");
-    if (required != nullptr && std::string(required) == "1") FAIL() << error.what();
-    GTEST_SKIP() << error.what();
-  }
+  NEEDS_DRIVER();
+  EnhancerSession session(settings);
   Overlay overlay;
   for (int frame = 0; frame < 4; ++frame) {
     std::vector<uint8_t> nv21 = sceneFrame(kSceneWidth, kSceneHeight, frame);
-    session->enhance(nv21.data(), frame * int64_t{33'000});
-    overlay = session->overlay();
+    session.enhance(nv21.data(), frame * int64_t{33'000});
+    overlay = session.overlay();
     EXPECT_EQ(overlay.report.startsSequence, frame == 0);
     EXPECT_EQ(overlay.mask.empty(), frame == 0) << "a first frame is not blended";
   }

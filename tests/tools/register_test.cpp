@@ -1,17 +1,14 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <fstream>
 #include <random>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "clips.h"
-#include "common/tool_error.h"
+#include "run_command.h"
 
 namespace noxel::tool {
 namespace {
@@ -26,18 +23,14 @@ class Register : public testing::Test {
  protected:
   // Runs the built command; its lines are in lines_, the rest of its words in error_.
   int run(const std::string& arguments) {
-    const std::string command = "'" NOXEL_REGISTER_EXECUTABLE "' " + arguments + " >'" + folder_.file("out") + "' 2>'" +
-                                folder_.file("error") + "'";
-    const int status = std::system(command.c_str());
+    const Outcome outcome = runCommand(NOXEL_REGISTER_EXECUTABLE, arguments);
     lines_.clear();
-    std::ifstream out(folder_.file("out"));
+    std::istringstream out(outcome.out);
     for (Line line;
          out >> line.valid >> line.m[0] >> line.m[1] >> line.m[2] >> line.m[3] >> line.m[4] >> line.m[5] >> line.ms;)
       lines_.push_back(line);
-    std::stringstream error;
-    error << std::ifstream(folder_.file("error")).rdbuf();
-    error_ = error.str();
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    error_ = outcome.error;
+    return outcome.exitCode;
   }
 
   // Planes of a blocky random texture, blurred once, that moves by (dx, dy) pixels a frame, each with noise of +-2 levels
@@ -84,7 +77,7 @@ class Register : public testing::Test {
     }
   }
 
-  const TemporaryFolder folder_;
+  const TemporaryDirectory folder_;
   std::vector<Line> lines_;
   std::string error_;
 };

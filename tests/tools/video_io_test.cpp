@@ -48,7 +48,7 @@ ExitCode refusal(const std::function<void()>& action) {
 }
 
 TEST(VideoReader, DeliversEachFrameWithItsTime) {
-  const TemporaryFolder folder;
+  const TemporaryDirectory folder;
   ClipSpec spec;
   spec.times = {1500, 1540, 1580, 1700, 2900, 2933, 2966};  // starts late, uneven
   spec.audio = AV_CODEC_ID_AAC;
@@ -68,7 +68,7 @@ TEST(VideoReader, DeliversEachFrameWithItsTime) {
 }
 
 TEST(VideoReader, TellsWhatCannotBeRead) {
-  const TemporaryFolder folder;
+  const TemporaryDirectory folder;
   std::ofstream(folder.file("text.mp4")) << "no video";
   for (const std::string& path : {folder.file("text.mp4"), folder.file("missing.mp4"), folder.file("")}) {
     EXPECT_EQ(refusal([&] { VideoReader reader(path); }), kExitUnreadable) << path;
@@ -76,7 +76,7 @@ TEST(VideoReader, TellsWhatCannotBeRead) {
 }
 
 TEST(VideoReader, StopsOnRequest) {
-  const TemporaryFolder folder;
+  const TemporaryDirectory folder;
   writeClip(folder.file("a.mp4"), {});
   VideoReader reader(folder.file("a.mp4"));
   EXPECT_TRUE(reader.next());
@@ -86,7 +86,7 @@ TEST(VideoReader, StopsOnRequest) {
 }
 
 TEST(VideoWriter, KeepsTimesAudioAndRotation) {
-  const TemporaryFolder folder;
+  const TemporaryDirectory folder;
   ClipSpec spec;
   spec.audio = AV_CODEC_ID_AAC;
   spec.rotated = true;
@@ -112,7 +112,7 @@ TEST(VideoWriter, KeepsTimesAudioAndRotation) {
 }
 
 TEST(VideoWriter, AudioThatStartsBeforeZeroDoesNotMoveTheVideo) {
-  const TemporaryFolder folder;
+  const TemporaryDirectory folder;
   ClipSpec spec;
   spec.audio = AV_CODEC_ID_AAC;  // its first packet lies 1024 samples before zero
   writeClip(folder.file("in.mp4"), spec);
@@ -126,7 +126,7 @@ TEST(VideoWriter, AudioThatStartsBeforeZeroDoesNotMoveTheVideo) {
 }
 
 TEST(VideoWriter, OddSizesAndTagsSurvive) {
-  const TemporaryFolder folder;
+  const TemporaryDirectory folder;
   ClipSpec spec;
   spec.width = 37;
   spec.height = 21;
@@ -146,7 +146,7 @@ TEST(VideoWriter, OddSizesAndTagsSurvive) {
 }
 
 TEST(VideoWriter, NothingStandsUnderTheNameBeforeTheEnd) {
-  const TemporaryFolder folder;
+  const TemporaryDirectory folder;
   writeClip(folder.file("in.mp4"), {});
   {
     VideoReader reader(folder.file("in.mp4"));
@@ -158,7 +158,7 @@ TEST(VideoWriter, NothingStandsUnderTheNameBeforeTheEnd) {
 }
 
 TEST(VideoWriter, RefusesAudioTheContainerCannotHold) {
-  const TemporaryFolder folder;
+  const TemporaryDirectory folder;
   ClipSpec spec;
   spec.audio = AV_CODEC_ID_PCM_S16LE;
   writeClip(folder.file("in.mkv"), spec);

@@ -2,7 +2,6 @@
 
 #include <SDL.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <array>
@@ -15,6 +14,7 @@
 #include "common/interrupt.h"
 #include "common/tool_error.h"
 #include "media/nv21_frame.h"
+#include "run_command.h"
 #include "support/virtual_screen.h"
 
 namespace noxel::tool {
@@ -129,7 +129,7 @@ class View : public ScreenTest {
 
   static std::string title(const Viewer& viewer) { return SDL_GetWindowTitle(viewer.window().get()); }
 
-  const TemporaryFolder folder_;
+  const TemporaryDirectory folder_;
   ViewOptions options_;
 };
 
@@ -258,20 +258,11 @@ TEST_F(View, ShowsADeviceThatGivesFramesInItsOwnTime) {
   EXPECT_FALSE(viewer.step());
 }
 
-struct Outcome {
-  int exitCode;
-  std::string error;
-};
-
 TEST_F(View, CommandEndsWithAnExitCodeThatTells) {
   writeClip(options_.input, quarteredClip(5));
   const auto noxel = [&](const std::string& environment, const std::string& arguments) -> Outcome {
-    const std::string command = environment + " XDG_CACHE_HOME='" + folder_.file("cache") +
-                                "' '" NOXEL_EXECUTABLE "' view " + arguments + " </dev/null 2>'" +
-                                folder_.file("error") + "'";
-    const int status = std::system(command.c_str());
-    std::ifstream file(folder_.file("error"));
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, {std::istreambuf_iterator<char>(file), {}}};
+    return runCommand(NOXEL_EXECUTABLE, "view " + arguments,
+                      environment + " XDG_CACHE_HOME='" + folder_.file("cache") + "'");
   };
   EXPECT_EQ(noxel("", options_.input + " --exit --split --exposure 0").exitCode, kExitFine);
   EXPECT_EQ(noxel("", "--format lavfi testsrc=size=50x38:duration=0.2 --exit").exitCode, kExitFine);

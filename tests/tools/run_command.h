@@ -1,0 +1,56 @@
+// The built commands, run as a user does, and the engine that some of their tests need.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "common/tool_error.h"
+#include "enhance/engine_handle.h"
+#include "support/driver_required.h"
+#include "support/temporary_directory.h"
+
+namespace noxel::tool {
+
+inline std::string contents(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+struct Outcome {
+  int exitCode;
+  std::string out;
+  std::string error;
+};
+
+// Through the shell, standard input empty. `environment`: words before the command, such as NAME=value.
+inline Outcome runCommand(const std::string& executable, const std::string& arguments,
+                          const std::string& environment = "") {
+  const TemporaryDirectory output;
+  const std::string command = environment + " '" + executable + "' " + arguments + " </dev/null >'" +
+                              output.file("out") + "' 2>'" + output.file("error") + "'";
+  const int status = std::system(command.c_str());
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contents(output.file("out")), contents(output.file("error"))};
+}
+
+inline std::string missingDriver() {
+  try {
+    const EngineHandle engine(16, 16, kModeEnhance);
+    return "";
+  } catch (const ToolError& error) {
+    return error.what();
+  }
+}
+
+#define NEEDS_DRIVER()                                                 \
+  if (const std::string missing = missingDriver(); !missing.empty()) { \
+    if (driverRequired()) FAIL() << missing;                           \
+    GTEST_SKIP() << missing;                                           \
+  }                                                                    \
+  static_assert(true, "a semicolon follows")
+
+}  // namespace noxel::tool
