@@ -4,6 +4,7 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <sstream>
 
@@ -34,6 +35,25 @@ std::string outsideOf(double least, double most, const std::string& text) {
   std::ostringstream message;
   message << text << " is no number from " << least << " to " << most;
   return message.str();
+}
+
+void addDenoising(CLI::App* command, const char* group, const std::function<void(bool spatial)>& setPath, int& strength,
+                  int& exposure) {
+  command
+      ->add_option_function<std::string>(
+          "--denoise", [setPath](const std::string& path) { setPath(path == "spatial"); },
+          "temporal works across frames along the camera's motion, spatial within each frame")
+      ->check(CLI::IsMember({"temporal", "spatial"}))
+      ->default_str("temporal")
+      ->group(group);
+  command->add_option("--strength", strength, "Noise reduction")
+      ->check(CLI::Range(0, 100))
+      ->capture_default_str()
+      ->group(group);
+  command->add_option("--exposure", exposure, "How far dark pictures are brightened")
+      ->check(CLI::Range(0, 100))
+      ->capture_default_str()
+      ->group(group);
 }
 
 }  // namespace noxel::tool

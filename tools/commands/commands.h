@@ -23,6 +23,10 @@ int runWithEngine(bool verbose, const std::function<int()>& run);
 // For the check of a floating-point option, as CLI::Range lets what is not a number pass: empty, or what is wrong.
 std::string outsideOf(double least, double most, const std::string& text);
 
+// --denoise, --strength and --exposure. What they change outlives the command line.
+void addDenoising(CLI::App* command, const char* group, const std::function<void(bool spatial)>& setPath, int& strength,
+                  int& exposure);
+
 Command addAnalyze(CLI::App& app);
 Command addEnhance(CLI::App& app);
 Command addInfo(CLI::App& app);

@@ -60,20 +60,9 @@ void addOptions(CLI::App* command, EnhanceOptions& options) {
   command->add_flag("-y,--overwrite", options.overwrite, "Overwrite files that exist");
 
   const char* look = "Look";
-  command
-      ->add_option("--denoise", options.look.denoise,
-                   "temporal works across frames along the camera's motion, spatial within each frame")
-      ->check(CLI::IsMember({"temporal", "spatial"}))
-      ->capture_default_str()
-      ->group(look);
-  command->add_option("--strength", options.look.strength, "Noise reduction")
-      ->check(CLI::Range(0, 100))
-      ->capture_default_str()
-      ->group(look);
-  command->add_option("--exposure", options.look.exposure, "How far dark pictures are brightened")
-      ->check(CLI::Range(0, 100))
-      ->capture_default_str()
-      ->group(look);
+  addDenoising(
+      command, look, [&options](bool spatial) { options.look.denoise = spatial ? "spatial" : "temporal"; },
+      options.look.strength, options.look.exposure);
   command
       ->add_flag("--neutral-exposure", options.look.neutralExposure,
                  "Denoise only: the brightness stays as it was filmed")

@@ -36,21 +36,9 @@ void addOptions(CLI::App* command, ViewOptions& options) {
   command->add_flag("--exit", options.exitAtEnd, "Quit at the end")->excludes(loop);
 
   const char* look = "Look at the start";
-  command
-      ->add_option_function<std::string>(
-          "--denoise", [&options](const std::string& path) { options.look.spatial = path == "spatial"; },
-          "temporal works across frames along the camera's motion, spatial within each frame")
-      ->check(CLI::IsMember({"temporal", "spatial"}))
-      ->default_str("temporal")
-      ->group(look);
-  command->add_option("--strength", options.look.strength, "Noise reduction")
-      ->check(CLI::Range(0, 100))
-      ->capture_default_str()
-      ->group(look);
-  command->add_option("--exposure", options.look.exposure, "How far dark pictures are brightened")
-      ->check(CLI::Range(0, 100))
-      ->capture_default_str()
-      ->group(look);
+  addDenoising(
+      command, look, [&options](bool spatial) { options.look.spatial = spatial; }, options.look.strength,
+      options.look.exposure);
   command->add_flag("--stabilize", options.look.stabilize, "Smooth the camera's path; temporal only")->group(look);
   command->add_flag("--split", options.look.split, "Left half enhanced, right half as it came")->group(look);
 
