@@ -7,8 +7,7 @@ namespace noxel {
 
 // Engine modes. The C interface always makes kModeEnhance.
 enum EngineMode : int {
-  kModeThreeFrames =
-      0,  // sharpened mean of the last three frames, or of each by itself along its edges; neutral exposure
+  kModeThreeFrames = 0,  // mean of the last three frames, or each by itself along its edges; sharpened, not toned
   kModeEnhance = 1,
   kModeStabilize = 2,        // stabilised and sharpened, no history; stabilisation is on from the start
   kModeNeutralExposure = 3,  // as kModeEnhance with gamma and gain held at 1

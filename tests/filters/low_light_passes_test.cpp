@@ -151,16 +151,6 @@ TEST_F(LowLightPasses, SharpeningWithAndWithoutContrast) {
   }
 }
 
-TEST_F(LowLightPasses, SharpeningLeavesAFlatPictureFlat) {
-  Picture flat(9, 7);
-  for (size_t i = 0; i < flat.rgba.size(); ++i) flat.rgba[i] = static_cast<uint8_t>(60 + 50 * (i % 4));
-  const TestTexture source(flat);
-  state.texture0 = source.GetId();
-  state.sharpening = 100;
-  filter.setContrast(0);
-  EXPECT_TRUE(closeTo(draw(kPassSharpen, 9, 7), flat, 0));
-}
-
 TEST_F(LowLightPasses, TemporalMixturesFollowTheirFormulas) {
   const Picture old = noisyPicture(40, 20, 15);
   const Picture current = noisyPicture(40, 20, 16);

@@ -55,8 +55,7 @@ void updateWarps(_KRGPUEngine* engine, const FrameInput& input) {
   const Warp previous = engine->stabilizedTextureWarp;
   const Warp zoom = zoomAboutCentre(static_cast<double>(engine->inverseZoom));
   // A frame that restarts accumulated history is drawn zoomed only.
-  const bool accumulates = engine->mode == 1 || engine->mode == 3;
-  const bool stabilized = !accumulates || engine->historyCount != 0;
+  const bool stabilized = !engine->plan->accumulates || engine->historyCount != 0;
   const Warp stabilization = textureSpace(input.parameters.stabilizationTransform, engine->width, engine->height);
   const Warp current = stabilized ? multiply(inverse(stabilization), zoom) : zoom;
 

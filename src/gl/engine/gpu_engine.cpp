@@ -141,6 +141,7 @@ void create(int width, int height, void* window, const HandOver& handOver, int m
   auto* engine = new (memory) _KRGPUEngine();
   *result = engine;
   engine->mode = mode;
+  engine->plan = &modePlan(mode);
   engine->width = width;
   engine->height = height;
   engine->outputWidth = width;

@@ -11,6 +11,7 @@
 #include "filters/low_light_filter.h"
 #include "filters/rgb_to_yuv_filter.h"
 #include "filters/yuv_to_rgb_filter.h"
+#include "gl/engine/sequences.h"
 #include "gl/engine/warps.h"
 #include "gl/runtime/egl_engine.h"
 #include "gl/runtime/frame_buffer.h"
@@ -74,6 +75,7 @@ struct FrameInput {
 // One per engine. Made, used and destroyed by the GPU thread; other threads meet it only through the HandOver.
 struct _KRGPUEngine {
   int mode = 1;
+  const ModePlan* plan = nullptr;  // of the mode
   int width = 0;
   int height = 0;
   int offscreen = 1;

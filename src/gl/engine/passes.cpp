@@ -1,6 +1,5 @@
 // The pass sequence of a frame.
 #include "gl/engine/gpu_engine.h"
-#include "gl/engine/sequences.h"
 #include "platform/stopwatch.h"
 
 namespace noxel {
@@ -16,13 +15,9 @@ void draw(LowLightFilter* filter, int code) {
   filter->drawPass(true);
 }
 
-int ringLength(const _KRGPUEngine& engine) {
-  return engine.mode == 0 ? 3 : 2;
-}
-
 // The place in the ring `steps` frames after the newest one that is whole.
 FrameBuffer* ringImage(const _KRGPUEngine& engine, int steps) {
-  return engine.levelImages[0][(engine.historyIndex + steps) % ringLength(engine)];
+  return engine.levelImages[0][(engine.historyIndex + steps) % engine.plan->ringLength];
 }
 
 // Null for what is no framebuffer of ours: a texture that was uploaded, or the output.
@@ -66,10 +61,10 @@ GLuint textureOf(const _KRGPUEngine& engine, Image image) {
   }
 }
 
-// Where the finished picture is read back from. The mean of three takes levelImages[0][3], and the oldest frame of the ring
-// is done with by the time that the output is drawn.
+// Where the finished picture is read back from. A ring of three leaves levelImages[0][3] to the mean, and its oldest frame is
+// done with by the time that the output is drawn.
 FrameBuffer* finishedImage(const _KRGPUEngine& engine) {
-  return engine.mode == 0 && engine.historyCount >= 0 ? ringImage(engine, 2) : engine.levelImages[0][3];
+  return engine.plan->ringLength == 3 && engine.historyCount >= 0 ? ringImage(engine, 2) : engine.levelImages[0][3];
 }
 
 // Where the finished picture goes. It is cleared when it is first bound, not before: on a tiled GPU a clear of a target that
@@ -224,7 +219,7 @@ void drawPicture(_KRGPUEngine* engine, FrameBuffer* finished, int strength) {
   const bool enhanced = drawsEnhanced(*engine);
   OutputTarget output(engine, finished);
   if (enhanced) {
-    for (const Step& step : frameSequence(engine->mode, engine->historyCount)) {
+    for (const Step& step : frameSequence(*engine->plan, engine->historyCount)) {
       drawStep(engine, step, &output, strength);
     }
   }
@@ -240,11 +235,6 @@ void captureMask(_KRGPUEngine* engine) {
   FrameBuffer* mask = engine->quarterImages[2];
   mask->ReadPixels(0, 0, mask->GetWidth(), mask->GetHeight(), GL_RGBA, GL_UNSIGNED_BYTE, notes->maskPixels);
   engine->maskCaptured = true;
-}
-
-// Modes 1 and 3 hand the chroma back in the order that it came in.
-bool readsFlipChroma(const _KRGPUEngine& engine) {
-  return engine.mode == 0 || engine.mode == 2;
 }
 
 // The output buffer may be written once the caller has taken what it holds.
@@ -273,11 +263,11 @@ void processFrame(_KRGPUEngine* engine, int noiseReductionStrength, int deghosti
 
   engine->texturesLoaded = 0;
   engine->lumaFilled = engine->packedLumaFilled = false;
-  engine->historyIndex = (engine->historyIndex + 1) % ringLength(*engine);
+  engine->historyIndex = (engine->historyIndex + 1) % engine->plan->ringLength;
   if (engine->handOver.syncWithCaller == 1) waitForCaller(engine->handOver);
   startWatch(7);
   if (engine->offscreen == 1) {
-    ReadBackYuv(engine, finished, readsFlipChroma(*engine) ? engine->flipChroma : 0);
+    ReadBackYuv(engine, finished, engine->plan->flipsChroma ? engine->flipChroma : 0);
     engine->egl->SwapBuffers();
   } else {
     engine->egl->SwapBuffers();

@@ -50,28 +50,23 @@ constexpr Step kMeanOfThree[] = {
     {kPassSharpen, Image::kOut, {Image::kMean}},
 };
 
-struct ModeSequences {
-  std::span<const Step> light;
-  std::span<const Step> first;
-  std::span<const Step> second;
-  std::span<const Step> later;
+constexpr ModePlan kPlans[] = {
+    {kLightFrame, kFirstOfThree, kSecondOfThree, kMeanOfThree, 3, false, true},
+    {kSpatial, kHistoryStart, kTemporal, kTemporal, 2, true, false},
+    {kSpatial, kStabilizedOnly, kStabilizedOnly, kStabilizedOnly, 2, false, true},
+    {kSpatial, kHistoryStart, kTemporal, kTemporal, 2, true, false},
 };
-
-// By mode. Mode 4 has no frames of planes.
-constexpr ModeSequences kModes[] = {
-    {kLightFrame, kFirstOfThree, kSecondOfThree, kMeanOfThree},
-    {kSpatial, kHistoryStart, kTemporal, kTemporal},
-    {kSpatial, kStabilizedOnly, kStabilizedOnly, kStabilizedOnly},
-    {kSpatial, kHistoryStart, kTemporal, kTemporal},
-};
+constexpr ModePlan kNoPlan = {{}, {}, {}, {}, 2, false, false};
 
 }  // namespace
 
-std::span<const Step> frameSequence(int mode, int historyCount) {
-  if (mode < 0 || mode >= static_cast<int>(std::size(kModes))) return {};
-  const ModeSequences& sequences = kModes[mode];
-  if (historyCount < 0) return sequences.light;
-  return historyCount == 0 ? sequences.first : historyCount == 1 ? sequences.second : sequences.later;
+const ModePlan& modePlan(int mode) {
+  return mode >= 0 && mode < static_cast<int>(std::size(kPlans)) ? kPlans[mode] : kNoPlan;
+}
+
+std::span<const Step> frameSequence(const ModePlan& plan, int historyCount) {
+  if (historyCount < 0) return plan.light;
+  return historyCount == 0 ? plan.first : historyCount == 1 ? plan.second : plan.later;
 }
 
 }  // namespace noxel

@@ -15,7 +15,7 @@ enum CompositeStep : int {
   kStepShapeMask          // the raw ghost mask eroded, dilated and blurred
 };
 
-// What a step reads and draws into. levelImages[0] is a ring: of two in modes 1 and 3, of three in mode 0.
+// What a step reads and draws into. levelImages[0] begins with a ring of two, in mode 0 of three.
 enum class Image : uint8_t {
   kNone,
   kLuma,  // of the frame as it came
@@ -53,7 +53,21 @@ struct Step {
   Tone tone = Tone::kNeutral;
 };
 
+// What an engine mode draws, and what follows from it.
+struct ModePlan {
+  std::span<const Step> light;   // light frames
+  std::span<const Step> first;   // nothing is known of the past
+  std::span<const Step> second;  // the first frame whose motion from the one before is known
+  std::span<const Step> later;
+  int ringLength;
+  bool accumulates;  // the ring holds blends of all frames so far, not the frames
+  bool flipsChroma;  // reads flipChroma; else the chroma comes back in the order that it came in
+};
+
+// Of modes 0 to 3; any other, which has no frames of planes, draws nothing.
+const ModePlan& modePlan(int mode);
+
 // historyCount: -1 light frame, 0 nothing is known of the past, n the nth frame whose motion from the one before is known.
-std::span<const Step> frameSequence(int mode, int historyCount);
+std::span<const Step> frameSequence(const ModePlan& plan, int historyCount);
 
 }  // namespace noxel
