@@ -28,6 +28,7 @@ bool isProcessable(int width, int height) {
 
 _KRSuperResEngine* allocateEngine() {
   void* memory = std::malloc(sizeof(_KRSuperResEngine));
+  if (memory == nullptr) NOXEL_LOG_ERROR("no memory for the engine");
   return memory != nullptr ? new (memory) _KRSuperResEngine() : nullptr;
 }
 
@@ -80,7 +81,11 @@ bool setUpSynchronous(_KRSuperResEngine* engine) {
 bool setUpPipelined(_KRSuperResEngine* engine) {
   engine->scale = resolutionFactor(engine->width, engine->height);
   engine->gpu.useStabilization.store(engine->mode == kModeStabilize ? 1 : 0, std::memory_order_relaxed);
-  return allocateFrames(engine) && startRegistrationThread(engine) == 0;
+  if (!allocateFrames(engine)) {
+    NOXEL_LOG_ERROR("no memory for the engine's frames");
+    return false;
+  }
+  return startRegistrationThread(engine) == 0;
 }
 
 }  // namespace

@@ -147,8 +147,6 @@ extern pthread_mutex_t jobMutex;    // one upload job, or one in-place frame, at
 extern pthread_mutex_t apiMutex;    // release against parameters, and the claim of a frame by a job
 extern pthread_mutex_t frameMutex;  // the sequence state and the output buffers of all engines
 
-extern std::atomic<int> debugLog;  // 1: verbose. Relaxed.
-
 // Bytes of one NV21 or YV12 frame.
 inline size_t frameSize(int width, int height) {
   return static_cast<size_t>(static_cast<double>(width) * height * 1.5);

@@ -7,10 +7,6 @@
 namespace noxel {
 namespace {
 
-bool isVerbose() {
-  return debugLog.load(std::memory_order_relaxed) == 1;
-}
-
 int readInt(const void* value) {
   int read = 0;
   std::memcpy(&read, value, sizeof(read));
@@ -25,7 +21,7 @@ float readFloat(const void* value) {
 
 void store(std::atomic<int>* word, const char* name, const void* value) {
   const int given = readInt(value);
-  if (isVerbose()) NOXEL_LOG_INFO("KRSetParameter %s value given = %d\n", name, given);
+  NOXEL_LOG_VERBOSE("KRSetParameter %s value given = %d\n", name, given);
   word->store(given, std::memory_order_relaxed);
 }
 
@@ -37,7 +33,7 @@ float limitedZoom(float value) {
 
 void setZoom(GpuThreadContext* gpu, const void* value) {
   const float given = readFloat(value);
-  if (isVerbose()) NOXEL_LOG_INFO("KRSetParameter zoom value given = %f\n", static_cast<double>(given));
+  NOXEL_LOG_VERBOSE("KRSetParameter zoom value given = %f\n", static_cast<double>(given));
   const float zoom = limitedZoom(given);
   gpu->zoom.store(zoom, std::memory_order_relaxed);
   gpu->currentZoom.store(zoom, std::memory_order_relaxed);
@@ -45,7 +41,7 @@ void setZoom(GpuThreadContext* gpu, const void* value) {
 
 void setTotalZoom(GpuThreadContext* gpu, const void* value) {
   const float given = readFloat(value);
-  if (isVerbose()) NOXEL_LOG_INFO("KRSetParameter totalzoom value given = %f\n", static_cast<double>(given));
+  NOXEL_LOG_VERBOSE("KRSetParameter totalzoom value given = %f\n", static_cast<double>(given));
   gpu->totalzoom.store(limitedZoom(given), std::memory_order_relaxed);
 }
 
@@ -60,7 +56,7 @@ void setQuad(std::atomic<float> (&quad)[8], std::atomic<int>* enabled, const voi
 
 void setImageFormat(_KRSuperResEngine* engine, const void* value) {
   const int format = readInt(value);
-  if (isVerbose()) NOXEL_LOG_INFO("KRSetParameter KRSUPERPHOTO_IMAGEFORMAT value = %d", format);
+  NOXEL_LOG_VERBOSE("KRSetParameter KRSUPERPHOTO_IMAGEFORMAT value = %d", format);
   engine->imageFormat.store(format, std::memory_order_relaxed);
   engine->gpu.imageFormatCopy.store(format, std::memory_order_relaxed);
 }
@@ -116,11 +112,11 @@ int dispatch(unsigned id, const void* value, _KRSuperResEngine* engine) {
       return 0;
     case kParamFlipChroma:
       store(&gpu->flipChroma, "flipChroma", value);
-      if (isVerbose()) NOXEL_LOG_INFO("Flip chroma parameter = %d", readInt(value));
+      NOXEL_LOG_VERBOSE("Flip chroma parameter = %d", readInt(value));
       return 0;
     case kParamLightMode:
       store(&gpu->lightMode, "lightMode", value);
-      if (isVerbose()) NOXEL_LOG_INFO("Light mode parameter = %d", readInt(value));
+      NOXEL_LOG_VERBOSE("Light mode parameter = %d", readInt(value));
       return 0;
     case kParamImageFormat:
       setImageFormat(engine, value);
@@ -148,7 +144,7 @@ int KRSetParameter(unsigned internalId, const void* value, _KRSuperResEngine* en
     } else if (!reference || engine->initialized.load(std::memory_order_acquire) == 0) {
       NOXEL_LOG_ERROR("eng not initialized");
     } else {
-      if (isVerbose()) NOXEL_LOG_INFO("engine %p", static_cast<void*>(engine));
+      NOXEL_LOG_VERBOSE("engine %p", static_cast<void*>(engine));
       refused = false;
     }
   }

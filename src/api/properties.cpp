@@ -2,7 +2,6 @@
 
 #include <sys/time.h>
 
-#include <atomic>
 #include <cstdlib>
 
 #include "api/engine.h"
@@ -11,8 +10,6 @@
 #include "platform/signal.h"
 
 namespace noxel {
-
-std::atomic<int> debugLog = 0;
 
 namespace {
 

@@ -22,7 +22,7 @@ void startWorkers(_KRSuperResEngine* engine) {
   int& count = engine->registrationWorkerCount;
   while (count < wanted) {
     if (pthread_create(&engine->registrationWorkerThreads[count], nullptr, serve, &engine->registrationWorkers) != 0) {
-      NOXEL_LOG_ERROR("registration goes on with %d of %ld workers", count, wanted);
+      NOXEL_LOG_ERROR("could not start a registration worker: goes on with %d of %ld", count, wanted);
       break;
     }
     ++count;
@@ -37,6 +37,16 @@ void stopWorkers(_KRSuperResEngine* engine) {
   }
 }
 
+bool allocateRegistration(RegistrationContext* context) {
+  const size_t size = static_cast<size_t>(context->width) * static_cast<size_t>(context->height);
+  for (uint8_t** image : {&context->luminanceFrames[0], &context->luminanceFrames[1], &context->scratchFrame}) {
+    *image = static_cast<uint8_t*>(std::calloc(size, 1));
+    if (*image == nullptr) return false;
+  }
+  return initStabilization(&context->stabilization, 1, 1, context->width, context->height) &&
+         createRegistration(context->width, context->height, 1, &context->registration) == 0;
+}
+
 }  // namespace
 
 int startRegistrationThread(_KRSuperResEngine* engine) {
@@ -45,13 +55,10 @@ int startRegistrationThread(_KRSuperResEngine* engine) {
   context->resolutionFactor = engine->scale;
   context->width = engine->width / engine->scale;
   context->height = engine->height / engine->scale;
-  const size_t size = static_cast<size_t>(context->width) * static_cast<size_t>(context->height);
-  for (uint8_t** image : {&context->luminanceFrames[0], &context->luminanceFrames[1], &context->scratchFrame}) {
-    *image = static_cast<uint8_t*>(std::calloc(size, 1));
-    if (*image == nullptr) return 1;
+  if (!allocateRegistration(context)) {
+    NOXEL_LOG_ERROR("no memory for registration");
+    return 1;
   }
-  if (!initStabilization(&context->stabilization, 1, 1, context->width, context->height)) return 1;
-  if (createRegistration(context->width, context->height, 1, &context->registration) != 0) return 1;
   startWorkers(engine);
   if (pthread_create(&engine->registrationThread, nullptr, registrationThreadMain, context) != 0) {
     NOXEL_LOG_ERROR("could not start the registration thread");

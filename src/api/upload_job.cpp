@@ -242,6 +242,7 @@ void processClaimed(_KRSuperResEngine* engine, const Claim& claim, uint32_t sequ
 bool spawnUploadJob(_KRSuperResEngine* engine, uint32_t sequence) {
   auto* job = static_cast<JobArgument*>(std::malloc(sizeof(JobArgument)));
   const EngineReference reference(engine);
+  if (job == nullptr) NOXEL_LOG_ERROR("no memory for an upload job");
   if (job != nullptr && reference) {
     *job = {reference.share(), sequence};
     if (createDetachedThread(job)) return true;

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "gl/runtime/program.h"
+#include "platform/log.h"
 
 namespace noxel {
 
@@ -11,7 +12,9 @@ namespace noxel {
 inline Program* newProgram(const char* fragmentText, const char* vertexText, const char* name,
                            const char* cacheDirectory) {
   const bool cached = cacheDirectory != nullptr && cacheDirectory[0] != '\0';
-  return new (std::nothrow) Program(fragmentText, vertexText, cached ? name : nullptr, cacheDirectory);
+  auto* program = new (std::nothrow) Program(fragmentText, vertexText, cached ? name : nullptr, cacheDirectory);
+  if (program == nullptr) NOXEL_LOG_ERROR("no memory for program %s", name);
+  return program;
 }
 
 inline bool linked(const Program* program) {

@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/log.h"
+
 namespace noxel::platform {
 
 #if defined(__ANDROID__)
@@ -47,7 +49,9 @@ GetPlatformDisplay surfacelessEntryPoint() {
   }
   if (!hasWord(extensions, "EGL_MESA_platform_surfaceless")) return nullptr;
   if (!hasWord(extensions, "EGL_EXT_platform_base")) return nullptr;
-  return reinterpret_cast<GetPlatformDisplay>(eglGetProcAddress("eglGetPlatformDisplayEXT"));
+  const auto found = reinterpret_cast<GetPlatformDisplay>(eglGetProcAddress("eglGetPlatformDisplayEXT"));
+  if (found == nullptr) NOXEL_LOG_ERROR("could not find eglGetPlatformDisplayEXT");
+  return found;
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // The log of the host: Android's liblog there, standard error elsewhere.
 #pragma once
 
+#include <atomic>
+
 #if defined(__ANDROID__)
 #include <android/log.h>
 #else
@@ -9,6 +11,12 @@
 extern "C" int __android_log_print(int priority, const char* tag, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 #endif
+
+namespace noxel {
+
+inline std::atomic<int> debugLog = 0;  // 1: verbose. Relaxed.
+
+}  // namespace noxel
 
 namespace noxel::platform {
 
@@ -32,4 +40,6 @@ int setLogLevel(int priority);
 }  // namespace noxel::platform
 
 #define NOXEL_LOG_INFO(...) __android_log_print(::noxel::platform::kLogInfo, ::noxel::platform::kLogTag, __VA_ARGS__)
+#define NOXEL_LOG_VERBOSE(...) \
+  (::noxel::debugLog.load(std::memory_order_relaxed) == 1 ? NOXEL_LOG_INFO(__VA_ARGS__) : 0)
 #define NOXEL_LOG_ERROR(...) __android_log_print(::noxel::platform::kLogError, ::noxel::platform::kLogTag, __VA_ARGS__)

@@ -5,8 +5,8 @@
 #include <thread>
 
 #include "api/properties.h"
+#include "platform/log.h"
 #include "platform/properties.h"
-#include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/test_engine.h"
 
@@ -112,52 +112,6 @@ TEST(Lifecycle, OneEngineEndsWhileTheOtherRuns) {
     EXPECT_NEAR(frame.luma(9, 9), 100 + round, 1) << "the first engine lost its context in round " << round;
   }
 }
-
-// Memory, threads and EGL calls of one engine's life: each nth and all later ones fail.
-class FaultTest : public ::testing::TestWithParam<Fault> {};
-
-TEST_P(FaultTest, NeverCrashesAndHandsTheFrameBack) {
-  const LogCapture log;
-  int calls = 0;
-  {
-    const FaultInjection counting(GetParam(), -1);
-    TestEngine engine(16, 8);
-    Frame frame(16, 8);
-    engine.process(&frame);
-    calls = counting.calls();
-  }
-  ASSERT_GT(calls, 0);
-  const int step = std::max(1, calls / 60);  // programs ask for memory hundreds of times
-  for (int nth = 0; nth < calls; nth += step) {
-    const TestClock clock;
-    auto* const marker = reinterpret_cast<_KRSuperResEngine*>(uintptr_t{8});
-    _KRSuperResEngine* engine = marker;
-    Frame frame(16, 8, 90);
-    const Frame given = frame;
-    {
-      const FaultInjection fault(GetParam(), nth);
-      if (initializeEngine(16, 8, kModeEnhance, 1, 1, 1, nullptr, &engine) != 0) {
-        EXPECT_EQ(engine, marker) << "call " << nth;
-        continue;
-      }
-      EXPECT_EQ(KRProcessFrame(frame.bytes.data(), engine), 0) << "call " << nth;
-    }
-    if (!engineReady(engine)) {
-      EXPECT_EQ(frame.bytes, given.bytes) << "call " << nth;
-    }
-    EXPECT_EQ(releaseEngine(&engine), 0) << "call " << nth;
-  }
-  TestEngine afterwards(16, 8);
-  NOXEL_NEEDS_GL(afterwards);
-  Frame frame(16, 8, 40);
-  EXPECT_EQ(afterwards.process(&frame), 0);
-  EXPECT_GT(frame.luma(5, 5), 40);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Classes, FaultTest, ::testing::Values(Fault::kThread, Fault::kMemory, Fault::kEgl), [](const auto& named) {
-      return std::string(named.param == Fault::kThread ? "Threads" : named.param == Fault::kMemory ? "Memory" : "Egl");
-    });
 
 TEST(Properties, AFailedLookupIsTriedAgainAndAGoodOneKept) {
   const LogCapture log;

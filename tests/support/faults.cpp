@@ -3,52 +3,139 @@
 #define EGL_NO_X11 1
 #include <EGL/egl.h>
 #include <GLES3/gl3.h>
+#include <fcntl.h>
 #include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <new>
 #include <thread>
+#include <unordered_set>
 
 #include "filters/low_light_filter.h"
+
+extern "C" void* __real_malloc(size_t);
+extern "C" void __real_free(void*);
 
 namespace noxel {
 namespace {
 
 struct FaultState {
   std::atomic<int> failFrom{-1};
+  std::atomic<bool> once{false};
   std::atomic<int> seen{0};
+  std::atomic<const char*> failedCall{nullptr};
 };
 FaultState faultStates[static_cast<int>(Fault::kCount)];
 
-bool fails(Fault fault) {
+bool fails(Fault fault, const char* call) {
   FaultState& state = faultStates[static_cast<int>(fault)];
-  const int call = state.seen.fetch_add(1);
+  const int index = state.seen.fetch_add(1);
   const int from = state.failFrom.load();
-  return from >= 0 && call >= from;
+  if (from < 0 || (state.once ? index != from : index < from)) return false;
+  const char* none = nullptr;
+  state.failedCall.compare_exchange_strong(none, call);
+  return true;
 }
 
+struct Turnstile {
+  bool closed = false;  // under gateMutex, as the next
+  int waiting = 0;
+};
 std::mutex gateMutex;
 std::condition_variable gateChanged;
-bool gateClosed = false;  // under gateMutex, as the next two
-int held = 0;
+Turnstile gates[2];
+Gate stalledGate = Gate::kMap;  // under gateMutex, as the next
 std::vector<int> drawnPasses;
 
-void passGate() {
+void pass(Gate which) {
   std::unique_lock lock(gateMutex);
-  ++held;
+  Turnstile& gate = gates[static_cast<int>(which)];
+  ++gate.waiting;
   gateChanged.notify_all();
-  gateChanged.wait(lock, [] { return !gateClosed; });
-  --held;
+  gateChanged.wait(lock, [&] { return !gate.closed; });
+  --gate.waiting;
+}
+
+// Memory of others passes through the same calls: an address that was not handed out here is not counted.
+std::mutex allocationMutex;
+std::atomic<int> threadsAlive{0};
+std::atomic<int> glObjectsAlive{0};
+thread_local EGLint injectedError = EGL_SUCCESS;
+FakeWindow* fakeWindow = nullptr;  // set while no engine lives
+EGLint fakeSize[2] = {};
+
+// Of the set that keeps the count, which is itself not counted.
+template <typename T>
+struct Uncounted {
+  using value_type = T;
+  Uncounted() = default;
+  template <typename Other>
+  Uncounted(const Uncounted<Other>&) {}
+  T* allocate(size_t count) { return static_cast<T*>(__real_malloc(count * sizeof(T))); }
+  void deallocate(T* memory, size_t) { __real_free(memory); }
+  bool operator==(const Uncounted&) const { return true; }
+};
+using Addresses = std::unordered_set<void*, std::hash<void*>, std::equal_to<>, Uncounted<void*>>;
+
+Addresses& allocations() {
+  static auto* const kept = new Addresses;  // outlives every static of the process
+  return *kept;
+}
+
+void* noteAllocated(void* memory) {
+  if (memory != nullptr) {
+    std::lock_guard lock(allocationMutex);
+    allocations().insert(memory);
+  }
+  return memory;
+}
+
+void* noteFreed(void* memory) {
+  if (memory != nullptr) {
+    std::lock_guard lock(allocationMutex);
+    allocations().erase(memory);
+  }
+  return memory;
+}
+
+struct ThreadStart {
+  void* (*routine)(void*);
+  void* argument;
+};
+
+void* countedThread(void* given) {
+  const ThreadStart start = *static_cast<ThreadStart*>(given);
+  delete static_cast<ThreadStart*>(given);
+  void* const result = start.routine(start.argument);
+  --threadsAlive;
+  return result;
+}
+
+void countNames(GLsizei count, const GLuint* names, int by) {
+  for (GLsizei i = 0; i < count; ++i) glObjectsAlive += names[i] != 0 ? by : 0;
+}
+
+bool failsEgl(const char* call) {
+  if (!fails(Fault::kEgl, call)) return false;
+  injectedError = EGL_BAD_ALLOC;
+  return true;
 }
 
 }  // namespace
 
-FaultInjection::FaultInjection(Fault injected, int nth) : fault(injected) {
+FaultInjection::FaultInjection(Fault injected, int nth, Lasting lasting) : fault(injected) {
   FaultState& state = faultStates[static_cast<int>(fault)];
   state.seen = 0;
+  state.failedCall = nullptr;
+  state.once = lasting == Lasting::kOnce;
   state.failFrom = nth;
 }
 
@@ -60,20 +147,46 @@ int FaultInjection::calls() const {
   return faultStates[static_cast<int>(fault)].seen;
 }
 
-StalledGpu::StalledGpu() {
+const char* FaultInjection::failedCall() const {
+  return faultStates[static_cast<int>(fault)].failedCall;
+}
+
+StalledGpu::StalledGpu(Gate stalled) {
   std::lock_guard lock(gateMutex);
-  gateClosed = true;
+  stalledGate = stalled;
+  gates[static_cast<int>(stalled)].closed = true;
 }
 
 StalledGpu::~StalledGpu() {
   std::lock_guard lock(gateMutex);
-  gateClosed = false;
+  gates[static_cast<int>(stalledGate)].closed = false;
   gateChanged.notify_all();
 }
 
 bool StalledGpu::isHolding() const {
   std::unique_lock lock(gateMutex);
-  return gateChanged.wait_for(lock, std::chrono::seconds(10), [] { return held > 0; });
+  return gateChanged.wait_for(lock, std::chrono::seconds(10),
+                              [] { return gates[static_cast<int>(stalledGate)].waiting > 0; });
+}
+
+FakeWindow::FakeWindow(int width, int height) {
+  fakeSize[0] = width;
+  fakeSize[1] = height;
+  fakeWindow = this;
+}
+
+FakeWindow::~FakeWindow() {
+  fakeWindow = nullptr;
+}
+
+Held held() {
+  std::lock_guard lock(allocationMutex);
+  return {static_cast<long>(allocations().size()), threadsAlive, glObjectsAlive};
+}
+
+Held settledHeld(const Held& expected) {
+  for (int i = 0; i < 1000 && held() != expected; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  return held();
 }
 
 std::vector<int> takeDrawnPasses() {
@@ -85,67 +198,238 @@ std::vector<int> takeDrawnPasses() {
 
 }  // namespace noxel
 
+using noxel::countNames;
 using noxel::fails;
+using noxel::failsEgl;
+using noxel::fakeWindow;
 using noxel::Fault;
+
+// A call that only can fail: with `failure`, before anything was done.
+#define NOXEL_FAILING(failing, result, failure, name, parameters, arguments) \
+  result __real_##name parameters;                                           \
+  result __wrap_##name parameters {                                          \
+    return failing ? failure : __real_##name arguments;                      \
+  }
+#define NOXEL_FAILING_EGL(result, failure, name, parameters, arguments) \
+  NOXEL_FAILING(failsEgl(#name), result, failure, name, parameters, arguments)
+#define NOXEL_FAILING_FILE(result, name, parameters, arguments) \
+  NOXEL_FAILING((fails(Fault::kFile, #name) && (errno = EIO) != 0), result, -1, name, parameters, arguments)
+// One that gives something back, and reports a failure all the same.
+#define NOXEL_FAILING_AFTER(failing, result, failure, name, parameters, arguments) \
+  result __real_##name parameters;                                                 \
+  result __wrap_##name parameters {                                                \
+    const result done = __real_##name arguments;                                   \
+    return failing ? failure : done;                                               \
+  }
+#define NOXEL_COUNTED_NAMES(kind)                                  \
+  void __real_glGen##kind(GLsizei, GLuint*);                       \
+  void __wrap_glGen##kind(GLsizei count, GLuint* names) {          \
+    __real_glGen##kind(count, names);                              \
+    countNames(count, names, 1);                                   \
+  }                                                                \
+  void __real_glDelete##kind(GLsizei, const GLuint*);              \
+  void __wrap_glDelete##kind(GLsizei count, const GLuint* names) { \
+    __real_glDelete##kind(count, names);                           \
+    countNames(count, names, -1);                                  \
+  }
 
 extern "C" {
 
 int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*), void* argument) {
-  return fails(Fault::kThread) ? 11 /* EAGAIN */ : __real_pthread_create(thread, attributes, start, argument);
+  if (fails(Fault::kThread, "pthread_create")) return EAGAIN;
+  ++noxel::threadsAlive;
+  auto* counted = new noxel::ThreadStart{start, argument};
+  const int result = __real_pthread_create(thread, attributes, noxel::countedThread, counted);
+  if (result != 0) {
+    --noxel::threadsAlive;
+    delete counted;
+  }
+  return result;
 }
 
-void* __real_malloc(size_t);
 void* __wrap_malloc(size_t size) {
-  return fails(Fault::kMemory) ? nullptr : __real_malloc(size);
+  return fails(Fault::kMemory, "malloc") ? nullptr : noxel::noteAllocated(__real_malloc(size));
 }
 
 void* __real_calloc(size_t, size_t);
 void* __wrap_calloc(size_t count, size_t size) {
-  return fails(Fault::kMemory) ? nullptr : __real_calloc(count, size);
+  return fails(Fault::kMemory, "calloc") ? nullptr : noxel::noteAllocated(__real_calloc(count, size));
 }
 
 void* __real_realloc(void*, size_t);
 void* __wrap_realloc(void* memory, size_t size) {
-  return fails(Fault::kMemory) ? nullptr : __real_realloc(memory, size);
+  if (fails(Fault::kMemory, "realloc")) return nullptr;
+  noxel::noteFreed(memory);
+  return noxel::noteAllocated(__real_realloc(memory, size));
 }
 
-void* __real__ZnwmRKSt9nothrow_t(size_t, const std::nothrow_t&);
-void* __wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag) {
-  return fails(Fault::kMemory) ? nullptr : __real__ZnwmRKSt9nothrow_t(size, tag);
+void __wrap_free(void* memory) {
+  __real_free(noxel::noteFreed(memory));
 }
 
-EGLBoolean __real_eglInitialize(EGLDisplay, EGLint*, EGLint*);
-EGLBoolean __wrap_eglInitialize(EGLDisplay display, EGLint* major, EGLint* minor) {
-  return fails(Fault::kEgl) ? EGL_FALSE : __real_eglInitialize(display, major, minor);
+// operator new (size, nothrow), whose size is an unsigned long or, on 32-bit machines, an unsigned int.
+#if __SIZEOF_SIZE_T__ == 8
+#define NOXEL_NEW(prefix) prefix##_ZnwmRKSt9nothrow_t
+#define NOXEL_SIZED_DELETE(prefix) prefix##_ZdlPvm
+#else
+#define NOXEL_NEW(prefix) prefix##_ZnwjRKSt9nothrow_t
+#define NOXEL_SIZED_DELETE(prefix) prefix##_ZdlPvj
+#endif
+void* NOXEL_NEW(__real_)(size_t, const std::nothrow_t&);
+void* NOXEL_NEW(__wrap_)(size_t size, const std::nothrow_t& tag) {
+  return fails(Fault::kMemory, "new") ? nullptr : noxel::noteAllocated(NOXEL_NEW(__real_)(size, tag));
 }
 
+void __real__ZdlPv(void*);
+void __wrap__ZdlPv(void* memory) {
+  __real__ZdlPv(noxel::noteFreed(memory));
+}
+
+void NOXEL_SIZED_DELETE(__real_)(void*, size_t);
+void NOXEL_SIZED_DELETE(__wrap_)(void* memory, size_t size) {
+  NOXEL_SIZED_DELETE(__real_)(noxel::noteFreed(memory), size);
+}
+
+EGLint __real_eglGetError();
+EGLint __wrap_eglGetError() {
+  const EGLint error = __real_eglGetError();
+  const EGLint injected = noxel::injectedError;
+  noxel::injectedError = EGL_SUCCESS;
+  return injected != EGL_SUCCESS ? injected : error;
+}
+
+NOXEL_FAILING_EGL(EGLDisplay, EGL_NO_DISPLAY, eglGetDisplay, (EGLNativeDisplayType native), (native))
+NOXEL_FAILING_EGL(EGLBoolean, EGL_FALSE, eglInitialize, (EGLDisplay display, EGLint* major, EGLint* minor),
+                  (display, major, minor))
+NOXEL_FAILING_EGL(EGLBoolean, EGL_FALSE, eglBindAPI, (EGLenum api), (api))
+NOXEL_FAILING_EGL(const char*, nullptr, eglQueryString, (EGLDisplay display, EGLint name), (display, name))
+NOXEL_FAILING_EGL(EGLSurface, EGL_NO_SURFACE, eglCreatePbufferSurface,
+                  (EGLDisplay display, EGLConfig config, const EGLint* attributes), (display, config, attributes))
+NOXEL_FAILING_EGL(EGLContext, EGL_NO_CONTEXT, eglCreateContext,
+                  (EGLDisplay display, EGLConfig config, EGLContext share, const EGLint* attributes),
+                  (display, config, share, attributes))
+NOXEL_FAILING_EGL(EGLBoolean, EGL_FALSE, eglQuerySurface,
+                  (EGLDisplay display, EGLSurface surface, EGLint name, EGLint* value), (display, surface, name, value))
+NOXEL_FAILING_AFTER(failsEgl("eglDestroyContext"), EGLBoolean, EGL_FALSE, eglDestroyContext,
+                    (EGLDisplay display, EGLContext context), (display, context))
+NOXEL_FAILING_AFTER(failsEgl("eglDestroySurface"), EGLBoolean, EGL_FALSE, eglDestroySurface,
+                    (EGLDisplay display, EGLSurface surface), (display, surface))
+NOXEL_FAILING_AFTER(failsEgl("eglTerminate"), EGLBoolean, EGL_FALSE, eglTerminate, (EGLDisplay display), (display))
+
+using EglFunction = void (*)();
+NOXEL_FAILING_EGL(EglFunction, nullptr, eglGetProcAddress, (const char* name), (name))
+
+// No window, no config for windows: a fake one is a pbuffer.
 EGLBoolean __real_eglChooseConfig(EGLDisplay, const EGLint*, EGLConfig*, EGLint, EGLint*);
 EGLBoolean __wrap_eglChooseConfig(EGLDisplay display, const EGLint* attributes, EGLConfig* configs, EGLint size,
                                   EGLint* count) {
-  return fails(Fault::kEgl) ? EGL_FALSE : __real_eglChooseConfig(display, attributes, configs, size, count);
+  if (failsEgl("eglChooseConfig")) return EGL_FALSE;
+  const EGLint pbuffer[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE, EGL_OPENGL_ES2_BIT, EGL_NONE};
+  return __real_eglChooseConfig(display, fakeWindow != nullptr ? pbuffer : attributes, configs, size, count);
 }
 
-EGLSurface __real_eglCreatePbufferSurface(EGLDisplay, EGLConfig, const EGLint*);
-EGLSurface __wrap_eglCreatePbufferSurface(EGLDisplay display, EGLConfig config, const EGLint* attributes) {
-  return fails(Fault::kEgl) ? EGL_NO_SURFACE : __real_eglCreatePbufferSurface(display, config, attributes);
+EGLSurface __real_eglCreateWindowSurface(EGLDisplay, EGLConfig, EGLNativeWindowType, const EGLint*);
+EGLSurface __wrap_eglCreateWindowSurface(EGLDisplay display, EGLConfig config, EGLNativeWindowType window,
+                                         const EGLint* attributes) {
+  if (failsEgl("eglCreateWindowSurface")) return EGL_NO_SURFACE;
+  if (fakeWindow == nullptr) return __real_eglCreateWindowSurface(display, config, window, attributes);
+  const EGLint size[] = {EGL_WIDTH, noxel::fakeSize[0], EGL_HEIGHT, noxel::fakeSize[1], EGL_NONE};
+  return __real_eglCreatePbufferSurface(display, config, size);
 }
 
-EGLContext __real_eglCreateContext(EGLDisplay, EGLConfig, EGLContext, const EGLint*);
-EGLContext __wrap_eglCreateContext(EGLDisplay display, EGLConfig config, EGLContext share, const EGLint* attributes) {
-  return fails(Fault::kEgl) ? EGL_NO_CONTEXT : __real_eglCreateContext(display, config, share, attributes);
-}
-
+// Letting go of a context is done even when it is to fail.
 EGLBoolean __real_eglMakeCurrent(EGLDisplay, EGLSurface, EGLSurface, EGLContext);
 EGLBoolean __wrap_eglMakeCurrent(EGLDisplay display, EGLSurface draw, EGLSurface read, EGLContext context) {
-  return fails(Fault::kEgl) ? EGL_FALSE : __real_eglMakeCurrent(display, draw, read, context);
+  const bool failing = failsEgl("eglMakeCurrent");
+  if (failing && context != EGL_NO_CONTEXT) return EGL_FALSE;
+  const EGLBoolean made = __real_eglMakeCurrent(display, draw, read, context);
+  return failing ? EGL_FALSE : made;
+}
+
+EGLBoolean __real_eglSwapBuffers(EGLDisplay, EGLSurface);
+EGLBoolean __wrap_eglSwapBuffers(EGLDisplay display, EGLSurface surface) {
+  noxel::pass(noxel::Gate::kSwap);
+  return failsEgl("eglSwapBuffers") ? EGL_FALSE : __real_eglSwapBuffers(display, surface);
 }
 
 void* __real_glMapBufferRange(GLenum, GLintptr, GLsizeiptr, GLbitfield);
 void* __wrap_glMapBufferRange(GLenum target, GLintptr offset, GLsizeiptr length, GLbitfield access) {
-  noxel::passGate();
-  return fails(Fault::kMap) ? nullptr : __real_glMapBufferRange(target, offset, length, access);
+  noxel::pass(noxel::Gate::kMap);
+  return fails(Fault::kMap, "glMapBufferRange") ? nullptr : __real_glMapBufferRange(target, offset, length, access);
 }
+
+NOXEL_FAILING(fails(Fault::kFramebuffer, "glCheckFramebufferStatus"), GLenum, GL_FRAMEBUFFER_UNSUPPORTED,
+              glCheckFramebufferStatus, (GLenum target), (target))
+NOXEL_COUNTED_NAMES(Textures)
+NOXEL_COUNTED_NAMES(Framebuffers)
+NOXEL_COUNTED_NAMES(Buffers)
+
+// A shader that fails to compile is one whose text is wrong, and a program that fails to link was never linked: status and
+// log are the driver's own.
+void __real_glShaderSource(GLuint, GLsizei, const GLchar* const*, const GLint*);
+void __wrap_glShaderSource(GLuint shader, GLsizei count, const GLchar* const* texts, const GLint* lengths) {
+  const GLchar* const wrong = "#version 300 es\nwrong";
+  if (fails(Fault::kShader, "glCompileShader")) return __real_glShaderSource(shader, 1, &wrong, nullptr);
+  __real_glShaderSource(shader, count, texts, lengths);
+}
+
+void __real_glLinkProgram(GLuint);
+void __wrap_glLinkProgram(GLuint program) {
+  if (!fails(Fault::kShader, "glLinkProgram")) __real_glLinkProgram(program);
+}
+
+void __real_glProgramBinary(GLuint, GLenum, const void*, GLsizei);
+void __wrap_glProgramBinary(GLuint program, GLenum format, const void* binary, GLsizei length) {
+  if (!fails(Fault::kShader, "glProgramBinary")) __real_glProgramBinary(program, format, binary, length);
+}
+
+GLuint __real_glCreateShader(GLenum);
+GLuint __wrap_glCreateShader(GLenum type) {
+  const GLuint name = fails(Fault::kShader, "glCreateShader") ? 0 : __real_glCreateShader(type);
+  countNames(1, &name, 1);
+  return name;
+}
+
+GLuint __real_glCreateProgram();
+GLuint __wrap_glCreateProgram() {
+  const GLuint name = fails(Fault::kShader, "glCreateProgram") ? 0 : __real_glCreateProgram();
+  countNames(1, &name, 1);
+  return name;
+}
+
+void __real_glDeleteShader(GLuint);
+void __wrap_glDeleteShader(GLuint name) {
+  __real_glDeleteShader(name);
+  countNames(1, &name, -1);
+}
+
+void __real_glDeleteProgram(GLuint);
+void __wrap_glDeleteProgram(GLuint name) {
+  __real_glDeleteProgram(name);
+  countNames(1, &name, -1);
+}
+
+int __real_open(const char*, int, ...);
+int __wrap_open(const char* path, int flags, ...) {
+  va_list rest;
+  va_start(rest, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? static_cast<mode_t>(va_arg(rest, unsigned)) : 0;
+  va_end(rest);
+  if (!fails(Fault::kFile, "open")) return __real_open(path, flags, mode);
+  errno = EIO;
+  return -1;
+}
+
+using StatRecord = struct stat;
+NOXEL_FAILING_FILE(int, fstat, (int file, StatRecord* record), (file, record))
+NOXEL_FAILING_FILE(int, stat, (const char* path, StatRecord* record), (path, record))
+NOXEL_FAILING_FILE(int, mkdir, (const char* path, mode_t mode), (path, mode))
+NOXEL_FAILING_FILE(int, mkstemp, (char* pattern), (pattern))
+NOXEL_FAILING_FILE(ssize_t, read, (int file, void* bytes, size_t size), (file, bytes, size))
+NOXEL_FAILING_FILE(ssize_t, write, (int file, const void* bytes, size_t size), (file, bytes, size))
+NOXEL_FAILING_FILE(int, rename, (const char* from, const char* to), (from, to))
+NOXEL_FAILING_AFTER((fails(Fault::kFile, "close") && (errno = EIO) != 0), int, -1, close, (int file), (file))
 
 bool __real__ZN5noxel14LowLightFilter8drawPassEb(noxel::LowLightFilter*, bool);
 bool __wrap__ZN5noxel14LowLightFilter8drawPassEb(noxel::LowLightFilter* filter, bool selectorLuma) {

@@ -1,38 +1,75 @@
-// Faults at the border of the library: its calls of the C library, EGL and GL go through the linker's --wrap.
+// Faults at the border of the library: its calls of the C library, EGL and GL go through the linker's --wrap. They can be
+// made to fail or to stall, and what they hold is counted.
 #pragma once
 
 #include <atomic>
-#include <functional>
 #include <vector>
 
 namespace noxel {
 
-enum class Fault { kThread, kMemory, kEgl, kMap, kCount };
+// Which calls fail together.
+enum class Fault {
+  kMemory,       // malloc, calloc, realloc, new (std::nothrow)
+  kThread,       // pthread_create
+  kEgl,          // every call of EGL but eglGetError, which reports the failure
+  kShader,       // making, compiling, linking shaders and programs
+  kFramebuffer,  // completeness
+  kMap,          // glMapBufferRange
+  kFile,         // open, fstat, stat, mkdir, mkstemp, read, write, close, rename
+  kCount
+};
 
-// Lets the nth call (0 is the next) and every later one of a class fail while it lives; n below 0 fails none and counts.
+enum class Lasting { kOnce, kFromThenOn };
+
+// Lets the nth call (0 is the next) of a class fail while it lives, alone or with every later one; n below 0 fails none and
+// counts. What a call gives back (eglDestroyContext, close) is given back even when it is made to report a failure.
 class FaultInjection {
  public:
-  FaultInjection(Fault fault, int nth);
+  FaultInjection(Fault fault, int nth, Lasting lasting = Lasting::kFromThenOn);
   ~FaultInjection();
   FaultInjection(const FaultInjection&) = delete;
   FaultInjection& operator=(const FaultInjection&) = delete;
 
-  int calls() const;
+  int calls() const;               // of the class, since construction
+  const char* failedCall() const;  // the first that was made to fail; null: none was
 
  private:
   Fault fault;
 };
 
-// Holds every read-back, and with it the GPU thread, while it lives.
+enum class Gate { kMap, kSwap };
+
+// Holds every map of a read-back buffer, or every swap, and with it the GPU thread, while it lives.
 class StalledGpu {
  public:
-  StalledGpu();
+  explicit StalledGpu(Gate stalled = Gate::kMap);
   ~StalledGpu();
   StalledGpu(const StalledGpu&) = delete;
   StalledGpu& operator=(const StalledGpu&) = delete;
 
-  bool isHolding() const;  // a thread stands at the gate
+  bool isHolding() const;  // a thread stands at the gate; false after ten seconds without one
 };
+
+// A native window while it lives, on a display that has none: EGL makes it a pbuffer of this size. One at a time.
+class FakeWindow {
+ public:
+  FakeWindow(int width, int height);
+  ~FakeWindow();
+  FakeWindow(const FakeWindow&) = delete;
+  FakeWindow& operator=(const FakeWindow&) = delete;
+
+  void* native() { return this; }
+};
+
+// What the library has and has not given back.
+struct Held {
+  long allocations = 0;
+  int threads = 0;
+  int glObjects = 0;  // textures, framebuffers, buffers, shaders, programs
+  bool operator==(const Held&) const = default;
+};
+Held held();
+Held settledHeld(const Held& expected);  // a detached thread ends a moment after its engine: waits up to five seconds
 
 // Pass codes drawn by LowLightFilter::drawPass, in order, since the last call. While no frame is being processed.
 std::vector<int> takeDrawnPasses();

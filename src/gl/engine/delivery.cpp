@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "gl/engine/gpu_engine.h"
+#include "platform/log.h"
 
 namespace noxel {
 namespace {
@@ -70,9 +71,15 @@ void deliver(_KRGPUEngine* engine, const unsigned char* bytes) {
   if (handOver.syncWithCaller == 1) handOver.callerSignal->raise(current ? 1 : -1);
 }
 
+void noteReadBack(_KRGPUEngine* engine, bool complete) {
+  if (!complete && !engine->readBackFails) NOXEL_LOG_ERROR("glMapBufferRange failed: the frame is not handed over");
+  engine->readBackFails = !complete;
+}
+
 void ReadBackYuv(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst) {
   // Into a buffer of our own, so that frameMutex is never held over the wait for the GPU and a half-read frame stays here.
   const bool complete = readBack(engine, source, chromaUFirst);
+  noteReadBack(engine, complete);
   deliver(engine, complete ? engine->readBackFrame : nullptr);
 }
 

@@ -60,11 +60,14 @@ bool allocateObjects(_KRGPUEngine* engine) {
   return complete && engine->readBackFrame != nullptr;
 }
 
-void CreateResources(_KRGPUEngine* engine) {
+// False when an image cannot be drawn into.
+bool CreateResources(_KRGPUEngine* engine) {
   const int width = engine->width;
   const int height = engine->height;
-  const auto image = [](FrameBuffer* target, int imageWidth, int imageHeight, GLenum filter = GL_LINEAR) {
+  bool complete = true;
+  const auto image = [&complete](FrameBuffer* target, int imageWidth, int imageHeight, GLenum filter = GL_LINEAR) {
     target->Init(imageWidth, imageHeight, GL_RGBA, filter);
+    complete = complete && target->IsComplete();
   };
 
   image(engine->reducedImage, std::max(static_cast<int>(width * 0.75), 1),
@@ -76,7 +79,7 @@ void CreateResources(_KRGPUEngine* engine) {
     image(engine->pyramid[0][0], part(width, 2), part(height, 2));
     image(engine->pyramid[0][1], part(width, 4), part(height, 4));
     image(engine->pyramid[0][2], part(width, 4), part(height, 4));
-    return;
+    return complete;
   }
 
   engine->packedLumaTexture->Init(part(width, 4), height, GL_RGBA, GL_NEAREST);
@@ -98,11 +101,12 @@ void CreateResources(_KRGPUEngine* engine) {
   const MaskSize mask = ghostMaskSize(width, height);
   image(engine->quarterImages[2], mask.width, mask.height);
   image(engine->quarterImages[3], mask.width, mask.height);
-  if (!readsBackYuv(*engine)) return;
+  if (!readsBackYuv(*engine)) return complete;
   image(engine->lumaOutput, part(width, 4), height, GL_NEAREST);
   engine->lumaOutput->InitPixelBuffers(width / 4 * height * 4, engine->handOver.outputDelay);
   image(engine->chromaOutput, part(width, 4), part(height, 2), GL_NEAREST);
   engine->chromaOutput->InitPixelBuffers(width / 4 * height / 2 * 4, engine->handOver.outputDelay);
+  return complete;
 }
 
 bool LoadShaders(_KRGPUEngine* engine) {
@@ -129,8 +133,8 @@ void SetUp(_KRGPUEngine* engine, void* window) {
   if (engine->egl->Initialize(engine->width, engine->height, window) != 1) return;
   engine->lowLight->reducedPrograms = engine->mode == 1;
   engine->historyIndex = isRgbaMode(*engine) ? 0 : 1;
-  CreateResources(engine);
-  const bool resourcesMade = NOXEL_CHECK_GL("CreateResources");
+  const bool complete = CreateResources(engine);
+  const bool resourcesMade = NOXEL_CHECK_GL("CreateResources") && complete;
   engine->ready = LoadShaders(engine) && resourcesMade;
   if (!engine->ready) NOXEL_LOG_ERROR("the GPU engine is not usable: frames are returned as they came");
 }

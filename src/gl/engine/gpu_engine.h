@@ -103,6 +103,7 @@ struct _KRGPUEngine {
   HandOver handOver = {};
   unsigned char* readBackFrame = nullptr;  // owned; a frame is whole here before it meets the output buffer
   size_t lumaSize = 0;                     // width * height
+  bool readBackFails = false;              // and it was said
   int firstFrameDone = 0;                  // 0: the next read-back is synchronous
   int stage = 0;                           // of the read-back: 1 after the luma pass, 2 after the chroma pass
 
@@ -188,5 +189,8 @@ void deliver(_KRGPUEngine* engine, const unsigned char* bytes);
 
 // Converts the finished picture to NV21 (or U before V) and delivers what the read-back ring has.
 void ReadBackYuv(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst);
+
+// Says once that a finished frame cannot be read back, and is done with it when one can again.
+void noteReadBack(_KRGPUEngine* engine, bool complete);
 
 }  // namespace noxel

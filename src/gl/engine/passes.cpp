@@ -291,7 +291,7 @@ void processInPlace(_KRGPUEngine* engine, unsigned char* frame, const InPlacePar
   if (detail == nullptr) return;
   filter->BindWholeTarget(output);
   detail->draw(4);
-  output->ReadPixelsAsync(frame, 1);
+  noteReadBack(engine, output->ReadPixelsAsync(frame, 1));
   engine->texturesLoaded = 0;
 }
 

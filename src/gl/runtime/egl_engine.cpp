@@ -14,6 +14,12 @@
 namespace noxel {
 namespace {
 
+bool succeeded(EGLBoolean result, const char* call) {
+  if (result == EGL_TRUE) return true;
+  LOG_EGL_ERROR("Error: %s failed %d\n", call, eglGetError());
+  return false;
+}
+
 // eglTerminate ends every context on a display, other engines' included, so the users of each display are counted. Lives
 // for ever: a GPU thread may end after the statics of the process are gone.
 struct DisplayUse {
@@ -33,9 +39,7 @@ DisplayUse* findDisplayUse(EGLDisplay display) {
 
 void initializeDisplay(EGLDisplay display) {
   Lock lock(displayMutex);
-  if (eglInitialize(display, nullptr, nullptr) != EGL_TRUE) {
-    LOG_EGL_ERROR("Error: eglInitialize failed %d\n", eglGetError());
-  }
+  (void)succeeded(eglInitialize(display, nullptr, nullptr), "eglInitialize");  // the next call fails, and tells
   DisplayUse* use = findDisplayUse(display);
   for (int i = 0; use == nullptr && i < kMaxDisplays; ++i) {
     if (displayUses[i].users == 0) use = &displayUses[i];
@@ -48,7 +52,7 @@ void initializeDisplay(EGLDisplay display) {
 void terminateDisplay(EGLDisplay display) {
   Lock lock(displayMutex);
   DisplayUse* use = findDisplayUse(display);
-  if (use != nullptr && --use->users == 0) eglTerminate(display);
+  if (use != nullptr && --use->users == 0) (void)succeeded(eglTerminate(display), "eglTerminate");
 }
 
 template <typename EntryPoint>
@@ -90,11 +94,11 @@ int EGLEngine::initWithPBuffer(int /*width*/, int /*height*/, void* shareContext
 int EGLEngine::openDisplay() {
   display = platform::engineDisplay();
   if (display == EGL_NO_DISPLAY) {
-    LOG_EGL_ERROR("Error: no EGL display %d\n", eglGetError());
+    LOG_EGL_ERROR("Error: eglGetDisplay failed %d\n", eglGetError());
     return 0;
   }
   initializeDisplay(display);
-  eglBindAPI(EGL_OPENGL_ES_API);
+  (void)succeeded(eglBindAPI(EGL_OPENGL_ES_API), "eglBindAPI");  // OpenGL ES is every thread's first API anyway
   return 1;
 }
 
@@ -160,15 +164,19 @@ void EGLEngine::loadExtensions() {
 
 int EGLEngine::Release() {
   if (display == EGL_NO_DISPLAY) return 1;
-  eglMakeCurrent(display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
-  if (context != EGL_NO_CONTEXT) eglDestroyContext(display, context);
-  if (surface != EGL_NO_SURFACE) eglDestroySurface(display, surface);
+  if (eglMakeCurrent(display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT) != EGL_TRUE) {
+    LOG_EGL_ERROR("Error: make current failed %d\n", eglGetError());
+  }
+  if (context != EGL_NO_CONTEXT) (void)succeeded(eglDestroyContext(display, context), "eglDestroyContext");
+  if (surface != EGL_NO_SURFACE) (void)succeeded(eglDestroySurface(display, surface), "eglDestroySurface");
   terminateDisplay(display);
   return 1;
 }
 
 EGLBoolean EGLEngine::SwapBuffers() {
-  return eglSwapBuffers(display, surface);
+  const EGLBoolean swapped = eglSwapBuffers(display, surface);
+  tellOnce(&swapFails, swapped == EGL_TRUE, "eglSwapBuffers");
+  return swapped;
 }
 
 EGLBoolean EGLEngine::SwapBuffers(void* otherSurface) {
@@ -179,13 +187,17 @@ EGLBoolean EGLEngine::SetSwapInterval(int interval) {
   return eglSwapInterval(display, interval);
 }
 
+void EGLEngine::tellOnce(bool* fails, bool success, const char* call) {
+  if (!success && !*fails) LOG_EGL_ERROR("Error: %s failed %d\n", call, eglGetError());
+  *fails = !success;
+}
+
 void EGLEngine::GetSurfaceSize(int* width, int* height) {
   EGLint surfaceWidth = 0, surfaceHeight = 0;
-  if (eglQuerySurface(display, surface, EGL_WIDTH, &surfaceWidth) != EGL_TRUE ||
-      eglQuerySurface(display, surface, EGL_HEIGHT, &surfaceHeight) != EGL_TRUE || surfaceWidth < 1 ||
-      surfaceHeight < 1) {
-    return;
-  }
+  const bool told = eglQuerySurface(display, surface, EGL_WIDTH, &surfaceWidth) == EGL_TRUE &&
+                    eglQuerySurface(display, surface, EGL_HEIGHT, &surfaceHeight) == EGL_TRUE;
+  tellOnce(&queryFails, told, "eglQuerySurface");
+  if (!told || surfaceWidth < 1 || surfaceHeight < 1) return;
   *width = surfaceWidth;
   *height = surfaceHeight;
 }

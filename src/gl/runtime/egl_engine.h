@@ -62,6 +62,10 @@ class EGLEngine {
   int createSurface(void* window, int alphaSize);  // and the config; a pbuffer without a window
   int createContext(void* shareContext);           // current from here on
   void loadExtensions();
+  void tellOnce(bool* fails, bool success, const char* call);  // a call of every frame that fails from now on
+
+  bool swapFails = false;
+  bool queryFails = false;
 };
 
 }  // namespace noxel

@@ -16,6 +16,7 @@ void FrameBuffer::Reset() {
   height = 0;
   format = ~0u;
   eglImage = nullptr;
+  complete = false;
 }
 
 int FrameBuffer::Invalidate() {
@@ -40,7 +41,7 @@ int FrameBuffer::Init(int newWidth, int newHeight, GLenum newFormat, GLenum filt
   glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
   glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
   glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, textureId, 0);
-  CheckStatus("FrameBuffer");
+  complete = CheckStatus("FrameBuffer");
   eglImage = nullptr;
   width = newWidth;
   height = newHeight;

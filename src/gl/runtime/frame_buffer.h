@@ -23,6 +23,8 @@ class FrameBuffer {
   int GetWidth() const { return width; }
   int GetHeight() const { return height; }
 
+  // Whether the last Init left a framebuffer that can be drawn into.
+  bool IsComplete() const { return complete; }
   bool CheckStatus(const char* label);  // of the framebuffer that is bound; false and a log line unless complete
 
   // Blocks until the image is finished.
@@ -60,6 +62,7 @@ class FrameBuffer {
   int writeIndex = 0;      // receives the next glReadPixels
   int readIndex = 0;       // is mapped and copied out
   int writtenBuffers = 0;  // since the last restart, at most packBufferCount
+  bool complete = false;
 
  private:
   void advanceRing();

@@ -49,10 +49,16 @@ GLuint compileDialect(GLenum type, const char* source) {
   text.append(source);
   const Text translated = TranslateShader(text.c_str());
   if (text.failed() || translated.failed()) {
-    NOXEL_LOG_ERROR("Could not compile shader");
+    NOXEL_LOG_ERROR("Could not compile shader: no memory for its text");
     return 0;
   }
   return CompileShader(type, translated.c_str());
+}
+
+GLuint newProgramName() {
+  const GLuint program = glCreateProgram();
+  if (program == 0) NOXEL_LOG_ERROR("Could not create program");
+  return program;
 }
 
 void logLinkFailure(GLuint program) {
@@ -86,7 +92,10 @@ int Program::initialize(const char* fragmentSource, const char* vertexSource, co
   if (cacheName[0] == '\0') return CreateProgram(fragmentSource, vertexSource);
   Text path = GetCacheDirectory();
   path.append(cacheName);
-  if (path.failed()) return CreateProgram(fragmentSource, vertexSource);
+  if (path.failed()) {
+    NOXEL_LOG_ERROR("no memory for the path of program %s: it is not kept", cacheName);
+    return CreateProgram(fragmentSource, vertexSource);
+  }
   if (LoadBinary(path.c_str())) return 1;
   if (!CreateProgram(fragmentSource, vertexSource)) return 0;
   SaveBinary(path.c_str());
@@ -96,7 +105,7 @@ int Program::initialize(const char* fragmentSource, const char* vertexSource, co
 int Program::CreateProgram(const char* fragmentSource, const char* vertexSource) {
   const GLuint vertexShader = compileDialect(GL_VERTEX_SHADER, vertexSource);
   const GLuint fragmentShader = compileDialect(GL_FRAGMENT_SHADER, fragmentSource);
-  id = vertexShader != 0 && fragmentShader != 0 ? glCreateProgram() : 0;
+  id = vertexShader != 0 && fragmentShader != 0 ? newProgramName() : 0;
   if (id == 0) {
     glDeleteShader(vertexShader);  // 0 is ignored
     glDeleteShader(fragmentShader);
@@ -120,6 +129,7 @@ int Program::CreateProgram(const char* fragmentSource, const char* vertexSource)
 
 Text Program::GetCacheDirectory() {
   Text directory;
+  if (cacheDirectory.failed()) return static_cast<Text&&>(cacheDirectory);  // not known, which is not the default
   if (!cacheDirectory.empty()) {
     directory.append(cacheDirectory.c_str());
   } else {
@@ -132,12 +142,13 @@ Text Program::GetCacheDirectory() {
 int Program::LoadBinary(const char* path) {
   ProgramBinary binary;
   if (!binary.read(path)) return 0;
-  id = glCreateProgram();
+  id = newProgramName();
   if (id == 0) return 0;
   glProgramBinary(id, binary.format, binary.blob, static_cast<GLsizei>(binary.size));
   GLint linked = GL_FALSE;
   glGetProgramiv(id, GL_LINK_STATUS, &linked);
   if (linked == GL_TRUE) return 1;
+  NOXEL_LOG_VERBOSE("glProgramBinary refused what is stored:\n\t%s\n", path);
   // A driver update makes old binaries foreign; what it says about them is no error of ours.
   for (int i = 0; i < 16 && glGetError() != GL_NO_ERROR; ++i) {  // a lost context never runs out of errors
   }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -16,6 +17,12 @@ namespace {
 constexpr uint32_t kVersion = 10;
 constexpr size_t kHeaderSize = 12;
 constexpr size_t kMaxFileSize = size_t{64} << 20;
+
+// The cache can only miss: what goes wrong with it is told to those who want every word.
+bool cacheCallFailed(const char* call, const char* path) {
+  NOXEL_LOG_VERBOSE("program cache: %s failed with %d:\n\t%s\n", call, errno, path);
+  return false;
+}
 
 bool readFully(int file, void* destination, size_t size) {
   auto* at = static_cast<unsigned char*>(destination);
@@ -47,8 +54,8 @@ int openRegular(const char* path, size_t* size) {
     return -1;
   }
   struct stat status = {};
-  const bool usable = fstat(file, &status) == 0 && S_ISREG(status.st_mode) &&
-                      status.st_size > static_cast<off_t>(kHeaderSize) &&
+  const bool known = fstat(file, &status) == 0 || cacheCallFailed("fstat", path);
+  const bool usable = known && S_ISREG(status.st_mode) && status.st_size > static_cast<off_t>(kHeaderSize) &&
                       status.st_size <= static_cast<off_t>(kMaxFileSize);
   if (!usable) {
     ::close(file);
@@ -69,6 +76,7 @@ bool ProgramBinary::allocate(size_t blobSize) {
   std::free(blob);
   blob = static_cast<unsigned char*>(std::calloc(blobSize, 1));
   size = blob != nullptr ? blobSize : 0;
+  if (blob == nullptr) NOXEL_LOG_ERROR("no memory for a program binary");
   return blob != nullptr;
 }
 
@@ -88,7 +96,7 @@ bool ProgramBinary::read(const char* path) {
     NOXEL_LOG_ERROR("Error reading program binary:\n\t%s\n", path);
     complete = false;
   }
-  ::close(file);
+  if (::close(file) != 0) (void)cacheCallFailed("close", path);
   format = header[2];
   return complete && header[1] == kVersion && header[0] == checksum();
 }
@@ -96,21 +104,26 @@ bool ProgramBinary::read(const char* path) {
 bool ProgramBinary::write(const char* path) const {
   Text temporary(path);
   temporary.append(".XXXXXX");
-  if (temporary.failed()) return false;
+  if (temporary.failed()) {
+    NOXEL_LOG_ERROR("no memory for the path of a program binary");
+    return false;
+  }
   char* name = const_cast<char*>(temporary.c_str());  // mkstemp fills in the template's last six characters
   const int file = mkstemp(name);
-  if (file < 0) return false;
+  if (file < 0) return cacheCallFailed("mkstemp", name);
   const uint32_t header[3] = {checksum(), kVersion, format};
-  bool complete = writeFully(file, header, sizeof(header)) && writeFully(file, blob, size);
-  complete = ::close(file) == 0 && complete;
-  complete = complete && std::rename(name, path) == 0;
+  const bool written =
+      (writeFully(file, header, sizeof(header)) && writeFully(file, blob, size)) || cacheCallFailed("write", name);
+  const bool closed = ::close(file) == 0 || cacheCallFailed("close", name);
+  const bool complete = written && closed && (std::rename(name, path) == 0 || cacheCallFailed("rename", path));
   if (!complete) ::unlink(name);
   return complete;
 }
 
 void ensureDirectory(const char* path) {
   struct stat status = {};
-  if (stat(path, &status) != 0) (void)mkdir(path, 0700);
+  if (stat(path, &status) == 0 || mkdir(path, 0700) == 0) return;
+  (void)cacheCallFailed("stat and mkdir", path);
 }
 
 Text processName() {

@@ -1,0 +1,306 @@
+// Every call that can fail, failing, in the life of an engine.
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <thread>
+
+#include "platform/cache_directory.h"
+#include "platform/log.h"
+#include "support/faults.h"
+#include "support/log_capture.h"
+#include "support/temporary_directory.h"
+#include "support/test_engine.h"
+
+namespace noxel {
+namespace {
+
+constexpr int kWidth = 16;
+constexpr int kHeight = 8;
+
+struct Setting {
+  int mode;
+  bool onWindow;
+  int syncWithCaller;
+};
+
+enum class Cache { kNone, kCold, kWarm };  // of compiled programs: not to be had, empty, filled
+
+struct FaultRow {
+  const char* name;
+  Fault fault;
+  Cache cache;
+};
+
+// Of each row, spread over all its calls, unless NOXEL_FAULTS says another number: programs ask for memory hundreds of times.
+constexpr int kFaultsPerRow = 48;
+
+constexpr FaultRow kRows[] = {
+    {"Memory", Fault::kMemory, Cache::kNone},
+    {"Threads", Fault::kThread, Cache::kNone},
+    {"Egl", Fault::kEgl, Cache::kNone},
+    {"Shaders", Fault::kShader, Cache::kNone},
+    {"StoredPrograms", Fault::kShader, Cache::kWarm},
+    {"Framebuffers", Fault::kFramebuffer, Cache::kNone},
+    {"Maps", Fault::kMap, Cache::kNone},
+    {"FilesWritten", Fault::kFile, Cache::kCold},
+    {"FilesRead", Fault::kFile, Cache::kWarm},
+};
+
+// What a person finds in the log. A call that is not here is named itself.
+const std::map<std::string, std::string>& logWords() {
+  static const std::map<std::string, std::string> words = {
+      {"malloc", "no memory"},
+      {"calloc", "no memory"},
+      {"realloc", "no memory"},
+      {"new", "no memory"},
+      {"pthread_create", "could not start"},
+      {"eglCreatePbufferSurface", "surface creation failed"},
+      {"eglCreateWindowSurface", "surface creation failed"},
+      {"eglCreateContext", "context creation failed"},
+      {"eglMakeCurrent", "make current failed"},
+      {"eglGetProcAddress", "could not find"},
+      {"glCompileShader", "Could not compile shader"},
+      {"glCreateShader", "Could not create shader"},
+      {"glLinkProgram", "Could not link program"},
+      {"glCreateProgram", "Could not create program"},
+      {"glCheckFramebufferStatus", "is INCOMPLETE"},
+      {"open", "Unable to open file"},
+      {"read", "Error reading program binary"},
+      {"eglQueryString", ""},  // for a person to read: nothing follows from it
+      {"stat", ""},            // the directory is made then, which is there or not
+  };
+  return words;
+}
+
+using Picture = std::vector<unsigned char>;
+
+// Flat, each plane or channel at a level of its own.
+Picture given(const Setting& setting) {
+  if (setting.mode == kModeSynchronousRgba) {
+    Picture picture;
+    for (int i = 0; i < kWidth * kHeight; ++i) picture.insert(picture.end(), {40, 60, 50, 200});
+    return picture;
+  }
+  return Frame(kWidth, kHeight, 40, 150, 100).bytes;
+}
+
+size_t channelOf(size_t byte, const Setting& setting) {
+  if (setting.mode == kModeSynchronousRgba) return byte % 4;
+  return byte < kWidth * kHeight ? 0 : 1 + byte % 2;
+}
+
+// The levels that frames of a faultless life have, by channel.
+struct Levels {
+  unsigned char least[4] = {255, 255, 255, 255};
+  unsigned char most[4] = {};
+
+  void add(const Picture& picture, const Setting& setting) {
+    for (size_t i = 0; i < picture.size(); ++i) {
+      const size_t channel = channelOf(i, setting);
+      least[channel] = std::min(least[channel], picture[i]);
+      most[channel] = std::max(most[channel], picture[i]);
+    }
+  }
+
+  // One level aside: a frame less in the history, or in the exposure's average, moves the rounding.
+  bool hold(const Picture& picture, const Setting& setting) const {
+    for (size_t i = 0; i < picture.size(); ++i) {
+      const size_t channel = channelOf(i, setting);
+      if (picture[i] + 1 < least[channel] || picture[i] > most[channel] + 1) return false;
+    }
+    return true;
+  }
+};
+
+struct Life {
+  bool made = false;
+  bool ready = false;
+  Levels levels;
+};
+
+char whatHangs[200];
+
+void tellWhatHangs(int) {
+  (void)!write(STDERR_FILENO, whatHangs, std::strlen(whatHangs));
+  _exit(3);
+}
+
+// Initialise, five frames, a break, a parameter changed, a frame, release. `levels` null: whatever comes is taken down.
+Life live(const Setting& setting, const Levels* levels) {
+  constexpr unsigned kLongestLifeSeconds = 60;  // a sanitizer on a busy machine takes seconds
+  alarm(kLongestLifeSeconds);
+  TestClock clock;
+  FakeWindow window(kWidth, kHeight);
+  auto* const marker = reinterpret_cast<_KRSuperResEngine*>(uintptr_t{8});
+  _KRSuperResEngine* engine = marker;
+  const int slots = setting.syncWithCaller == 1 ? 1 : 2;
+  Life life;
+  life.made = initializeEngine(kWidth, kHeight, setting.mode, slots, slots, setting.syncWithCaller,
+                               setting.onWindow ? window.native() : nullptr, &engine) == 0;
+  if (!life.made) {
+    EXPECT_EQ(engine, marker);
+    return life;
+  }
+  life.ready = engineReady(engine);
+  const Picture original = given(setting);
+  for (int i = 0; i < 7; ++i) {
+    clock.advance(i == 5 ? 2000 : 33);
+    const int temporal = 0;
+    if (i == 6) {
+      EXPECT_EQ(KRSetParameter(kParamLightMode, &temporal, engine), 0);
+    }
+    Picture frame = original;
+    EXPECT_EQ(KRProcessFrame(frame.data(), engine), 0);
+    const bool untouched = frame == original;
+    if (!life.ready || (setting.onWindow && setting.mode != kModeSynchronousRgba)) {
+      EXPECT_TRUE(untouched);
+    }
+    if (levels != nullptr && !untouched) {
+      EXPECT_TRUE(levels->hold(frame, setting)) << "frame " << i << " is damaged";
+    }
+    life.levels.add(frame, setting);
+    for (int wait = 0; engine->queuedFrames.load() > 0; ++wait) {
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    EXPECT_EQ(engine->queuedFrames.load(), 0);
+  }
+  EXPECT_EQ(releaseEngine(&engine), 0);
+  return life;
+}
+
+class FaultWalk : public ::testing::TestWithParam<std::tuple<Setting, FaultRow>> {
+ protected:
+  FaultWalk() { debugLog.store(1); }  // a cache that cannot be used is a verbose line
+  ~FaultWalk() override {
+    debugLog.store(0);
+    platform::setProgramCacheDirectory(nullptr);
+  }
+};
+
+TEST_P(FaultWalk, LosesNothingAndSaysWhatFailed) {
+  const auto& [setting, row] = GetParam();
+  signal(SIGALRM, tellWhatHangs);
+  const TemporaryDirectory folder;
+  int cold = 0;
+  const auto freshCache = [&] {
+    if (row.cache == Cache::kNone) return;
+    const std::string name = row.cache == Cache::kCold ? std::to_string(cold++) : "warm";
+    platform::setProgramCacheDirectory(folder.file(name).c_str());
+  };
+  freshCache();
+  Levels levels;
+  {
+    const LogCapture log;
+    const Life life = live(setting, nullptr);  // fills the cache, and the driver's own
+    if (!life.ready) {
+      if (driverRequired()) FAIL() << log.text();
+      GTEST_SKIP() << "no usable GL driver";
+    }
+    levels = life.levels;
+  }
+  const Held nothing = settledHeld({});
+  ASSERT_EQ(nothing, Held{});
+  int calls = 0;
+  {
+    const LogCapture log;
+    freshCache();
+    const FaultInjection counting(row.fault, -1);
+    live(setting, &levels);
+    calls = counting.calls();
+  }
+  const char* const wanted = std::getenv("NOXEL_FAULTS");
+  const int faults = wanted != nullptr ? std::max(std::atoi(wanted), 1) : kFaultsPerRow;
+  const int step = std::max(1, (calls + faults - 1) / faults);
+  int injected = 0;
+  for (int nth = 0; nth < calls; nth += step) {
+    for (const Lasting lasting : {Lasting::kOnce, Lasting::kFromThenOn}) {
+      if (lasting == Lasting::kFromThenOn && nth / step % 4 != 0) continue;
+      const LogCapture log;
+      freshCache();
+      std::string failed;
+      {
+        const FaultInjection fault(row.fault, nth, lasting);
+        std::snprintf(whatHangs, sizeof(whatHangs), "hangs: %s, call %d, %s\n", row.name, nth,
+                      lasting == Lasting::kOnce ? "once" : "from then on");
+        live(setting, &levels);
+        if (fault.failedCall() == nullptr) continue;  // calls that depend on how threads meet
+        failed = fault.failedCall();
+      }
+      ++injected;
+      const auto known = logWords().find(failed);
+      const std::string word = known != logWords().end() ? known->second : failed;
+      EXPECT_TRUE(log.contains(word)) << "nothing says \"" << word << "\":\n" << log.text();
+      const Held left = settledHeld(nothing);
+      EXPECT_EQ(left, nothing) << left.allocations << " allocations, " << left.threads << " threads, " << left.glObjects
+                               << " GL objects";
+      if (HasFailure())
+        FAIL() << failed << ", call " << nth << " of " << calls
+               << (lasting == Lasting::kOnce ? " alone" : " and later");
+    }
+  }
+  alarm(0);
+  const LogCapture log;
+  freshCache();
+  EXPECT_TRUE(live(setting, &levels).ready) << "after all faults: " << log.text();
+  alarm(0);
+  RecordProperty("injected", injected);
+  std::printf("%d faults in %d calls\n", injected, calls);
+}
+
+std::string nameOf(const ::testing::TestParamInfo<std::tuple<Setting, FaultRow>>& named) {
+  const auto& [setting, row] = named.param;
+  return std::string(row.name) + "InMode" + std::to_string(setting.mode) + (setting.onWindow ? "OnWindow" : "") +
+         (setting.syncWithCaller == 1 ? "Synchronous" : "");
+}
+
+// A compositor that takes no frame for a while.
+TEST(Stall, OfASwapHoldsTheGpuThreadAndNeverTheCaller) {
+  for (const bool releasedMeanwhile : {false, true}) {
+    FakeWindow window(kWidth, kHeight);
+    TestClock clock;
+    _KRSuperResEngine* engine = nullptr;
+    ASSERT_EQ(initializeEngine(kWidth, kHeight, kModeEnhance, 2, 2, 0, window.native(), &engine), 0);
+    if (!engineReady(engine)) {
+      releaseEngine(&engine);
+      ASSERT_FALSE(driverRequired());
+      GTEST_SKIP() << "no usable GL driver";
+    }
+    std::thread release;
+    {
+      const StalledGpu stall(Gate::kSwap);
+      for (int i = 0; i < 10; ++i) {
+        clock.advance(33);
+        Frame frame(kWidth, kHeight, 40);
+        ASSERT_EQ(KRProcessFrame(frame.bytes.data(), engine), 0);
+        ASSERT_LE(engine->queuedFrames.load(), 2);
+      }
+      ASSERT_TRUE(stall.isHolding());
+      if (releasedMeanwhile) release = std::thread([&] { EXPECT_EQ(releaseEngine(&engine), 0); });
+    }
+    if (release.joinable()) {
+      release.join();
+      continue;
+    }
+    for (int i = 0; i < 2000 && engine->queuedFrames.load() > 0; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_EQ(engine->queuedFrames.load(), 0);
+    EXPECT_EQ(releaseEngine(&engine), 0);
+  }
+  EXPECT_EQ(settledHeld({}), Held{});
+}
+
+INSTANTIATE_TEST_SUITE_P(Lives, FaultWalk,
+                         ::testing::Combine(::testing::Values(Setting{1, false, 0}, Setting{1, false, 1},
+                                                              Setting{1, true, 0}, Setting{1, true, 1},
+                                                              Setting{4, false, 0}, Setting{4, false, 1},
+                                                              Setting{4, true, 0}, Setting{4, true, 1}),
+                                            ::testing::ValuesIn(kRows)),
+                         nameOf);
+
+}  // namespace
+}  // namespace noxel
