@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "platform/log.h"
 #include "support/log_capture.h"
 #include "support/test_engine.h"
 

@@ -8,6 +8,7 @@
 #include "api/engine_control.h"
 #include "common/interrupt.h"
 #include "common/output_file.h"
+#include "common/standard_streams.h"
 #include "common/tool_error.h"
 #include "enhance/enhancer_session.h"
 #include "media/clip_input.h"
@@ -47,8 +48,6 @@ void printRow(std::FILE* out, const std::string& name, const ExposureStatistics&
                static_cast<long long>(statistics.frames), meanLevel(histogram), levelAtShare(histogram, 0.01),
                levelAtShare(histogram, 0.5), levelAtShare(histogram, 0.99), 100 * statistics.share(0),
                100 * statistics.share(kLevels - 1), statistics.gamma(), statistics.gain());
-  // Seconds are seen as they are done, also through a pipe.
-  if (std::fflush(out) != 0) throw ToolError(kExitFailed, "the table cannot be written");
 }
 
 class Analysis {
@@ -121,6 +120,7 @@ void Analysis::readAll() {
 
 void Analysis::endSecond() {
   printRow(table_, std::to_string(second_), current_);
+  if (table_ == out_) flushStandardOutput(out_);  // seconds are seen as they are done, also through a pipe
   nlohmann::ordered_json row = {{"second", second_}};
   row.update(jsonOf(current_));
   seconds_.push_back(std::move(row));
@@ -167,9 +167,10 @@ void Analysis::writeJson() const {
   const std::string text = json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
   if (options_.jsonFile != "-") {
     writeWholeFile(options_.jsonFile, text.data(), text.size());
-  } else if (std::fwrite(text.data(), 1, text.size(), out_) != text.size() || std::fflush(out_) != 0) {
-    throw ToolError(kExitFailed, "cannot write to standard output");
+    return;
   }
+  std::fwrite(text.data(), 1, text.size(), out_);
+  flushStandardOutput(out_);
 }
 
 }  // namespace

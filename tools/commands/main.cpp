@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "commands/commands.h"
+#include "common/standard_streams.h"
 #include "common/tool_error.h"
 #include "noxel/noxel.h"
 
@@ -28,12 +29,17 @@ int run(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& asked) {  // --help, --version
-    return app.exit(asked);
+    const int code = app.exit(asked);
+    flushStandardOutput();
+    return code;
   } catch (const CLI::ParseError& error) {
     throw ToolError(kExitUsage, std::string(error.what()) + "; see noxel --help");
   }
   for (const Command& command : commands) {
-    if (command.app->parsed()) return command.run();
+    if (!command.app->parsed()) continue;
+    const int code = command.run();
+    flushStandardOutput();
+    return code;
   }
   return kExitUsage;
 }
@@ -42,6 +48,7 @@ int run(int argc, char** argv) {
 }  // namespace noxel::tool
 
 int main(int argc, char** argv) {
+  noxel::tool::secureStandardStreams();
   try {
     return noxel::tool::run(argc, argv);
   } catch (const noxel::tool::ToolError& error) {

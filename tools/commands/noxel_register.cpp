@@ -16,6 +16,7 @@
 
 #include "api/engine.h"
 #include "common/percentile.h"
+#include "common/standard_streams.h"
 #include "common/tool_error.h"
 #include "kernels/worker_pool.h"
 #include "registration/plane_registration.h"
@@ -131,13 +132,14 @@ void run(const Options& options) {
     const double* m = motion.m;
     std::printf("%d %.9g %.9g %.9g %.9g %.9g %.9g %.3f\n", motion.valid ? 1 : 0, m[0], m[1], m[2], m[3], m[4], m[5],
                 ms);
+    if (std::ferror(stdout) != 0) break;
     if (!motion.valid) ++summary.lost;
     summary.tracked.push_back(registration.state().trackedCount);
     summary.kept.push_back(registration.state().matchedCount);
     summary.ms.push_back(ms);
   }
+  flushStandardOutput();
   if (options.stats) summary.print();
-  if (std::fflush(stdout) != 0) throw ToolError(kExitFailed, "cannot write the result");
 }
 
 int runCommand(int argc, char** argv) {
@@ -165,5 +167,6 @@ int runCommand(int argc, char** argv) {
 }  // namespace noxel::tool
 
 int main(int argc, char** argv) {
+  noxel::tool::secureStandardStreams();
   return noxel::tool::runCommand(argc, argv);
 }

@@ -2,9 +2,10 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <system_error>
 
 #include "common/tool_error.h"
@@ -43,10 +44,14 @@ void PendingFile::commit() {
 
 void writeWholeFile(const std::string& path, const void* data, size_t size) {
   PendingFile pending(path);
-  std::ofstream file(pending.temporaryPath(), std::ios::binary);
-  file.write(static_cast<const char*>(data), static_cast<std::streamsize>(size));
-  file.close();
-  if (!file) throw ToolError(kExitFailed, "cannot write " + path + "; check the folder and the space left");
+  std::FILE* file = std::fopen(pending.temporaryPath().c_str(), "wb");
+  bool written = file != nullptr && std::fwrite(data, 1, size, file) == size;
+  int error = errno;
+  if (file != nullptr && std::fclose(file) != 0 && written) {
+    written = false;
+    error = errno;
+  }
+  if (!written) throw ToolError(kExitFailed, "cannot write " + path + ": " + std::strerror(error));
   pending.commit();
 }
 

@@ -213,6 +213,14 @@ void Run::finish() {
   if (clip_.reader().damagedPackets() > 0) {
     note(std::to_string(clip_.reader().damagedPackets()) + " damaged packets of the input could not be decoded");
   }
+  if (clip_.reader().lateAudio()) note("audio that begins in mid-clip is left out");
+  const int64_t expected = clip_.reader().expectedFrames();
+  const auto found = static_cast<int64_t>(statistics_.count());
+  // A tenth aside: of a clip whose rate varies the container only knows about how many there are.
+  if (!stopRequested() && found + 1 < expected - expected / 10) {
+    note("the clip ends after " + std::to_string(found) + " of about " + std::to_string(expected) +
+         " frames; it may have been cut short");
+  }
   if (stopRequested()) note("stopped on request; the output is whole up to there");
   if (options_.quiet) return;
   const auto frames = static_cast<double>(statistics_.count());

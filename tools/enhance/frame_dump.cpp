@@ -7,6 +7,7 @@
 #include <memory>
 #include <utility>
 
+#include "common/output_file.h"
 #include "common/tool_error.h"
 #include "kernels/bmp.h"
 #include "media/colour_conversion.h"
@@ -19,13 +20,16 @@ void write(const std::string& folder, int64_t frame, const char* name, const ker
   char number[32];
   std::snprintf(number, sizeof(number), "frame-%06lld-", static_cast<long long>(frame));
   const std::string path = folder + "/" + number + name + ".bmp";
-  std::FILE* file = std::fopen(path.c_str(), "wb");
+  PendingFile pending(path);
+  std::FILE* file = std::fopen(pending.temporaryPath().c_str(), "wb");
   if (file == nullptr) throw ToolError(kExitFailed, "cannot write " + path + ": " + std::strerror(errno));
-  const char* reason = "";
+  const char* reason = nullptr;
+  errno = 0;
   const bool written = kernels::writeBmp(file, plane, pixels, &reason);
-  const bool closed = std::fclose(file) == 0;
-  if (!written || !closed)
-    throw ToolError(kExitFailed, "cannot write " + path + ": " + (written ? "closing failed" : reason));
+  if (!written && errno != 0) reason = std::strerror(errno);
+  if (std::fclose(file) != 0 && written) reason = std::strerror(errno);
+  if (reason != nullptr) throw ToolError(kExitFailed, "cannot write " + path + ": " + reason);
+  pending.commit();
 }
 
 }  // namespace

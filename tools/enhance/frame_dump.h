@@ -8,7 +8,7 @@
 
 namespace noxel::tool {
 
-// Files are frame-000000-NAME.bmp and so on. ToolError where one cannot be written.
+// Files are frame-000000-NAME.bmp and so on, each there only when it is whole. ToolError where one cannot be written.
 class FrameDump {
  public:
   explicit FrameDump(std::string folder);  // made when it is not there

@@ -5,8 +5,12 @@ extern "C" {
 #include <libavutil/display.h>
 }
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 
 #include "common/interrupt.h"
@@ -23,6 +27,23 @@ int onInterrupt(void*) {
 
 bool plausible(AVRational rate) {
   return rate.num > 0 && rate.den > 0 && av_q2d(rate) <= kHighestRate;
+}
+
+// A damaged clip has tags with numbers that are no tags, and decoders pass them on: not even to be loaded as such.
+template <typename Tag>
+void keepKnown(Tag& tag, Tag count, Tag unspecified) {
+  int number = 0;
+  static_assert(sizeof(number) == sizeof(tag));
+  std::memcpy(&number, &tag, sizeof(tag));
+  if (number < 0 || number >= static_cast<int>(count)) tag = unspecified;
+}
+
+void keepKnownTags(AVFrame& frame) {
+  keepKnown(frame.colorspace, AVCOL_SPC_NB, AVCOL_SPC_UNSPECIFIED);
+  keepKnown(frame.color_range, AVCOL_RANGE_NB, AVCOL_RANGE_UNSPECIFIED);
+  keepKnown(frame.color_primaries, AVCOL_PRI_NB, AVCOL_PRI_UNSPECIFIED);
+  keepKnown(frame.color_trc, AVCOL_TRC_NB, AVCOL_TRC_UNSPECIFIED);
+  keepKnown(frame.chroma_location, AVCHROMA_LOC_NB, AVCHROMA_LOC_UNSPECIFIED);
 }
 
 std::optional<DisplayMatrix> matrixOf(const uint8_t* data, size_t size) {
@@ -69,7 +90,12 @@ void VideoReader::open(const std::string& path, const std::string& format) {
   if (result >= 0) return;
   if (stopRequested()) throw ToolError(kExitFailed, "stopped before the first frame; nothing was written");
   const char* remedy = path == "-" ? "; standard input must be Y4M" : format.empty() ? "; is it a video file?" : "";
-  throw ToolError(kExitUnreadable, "cannot read " + name_ + ": " + avErrorText(result) + remedy);
+  // FFmpeg's demuxers return any number for a header they cannot use, also one the system has another meaning for.
+  const bool opened = path == "-" || (file && access(path.c_str(), R_OK) == 0);
+  const bool ofReading =
+      result == AVERROR(EIO) || result == AVERROR(ENOMEM) || result == AVERROR(EBADF) || result == AVERROR(EISDIR);
+  const std::string reason = avErrorText(opened && !ofReading ? AVERROR_INVALIDDATA : result);
+  throw ToolError(kExitUnreadable, "cannot read " + name_ + ": " + reason + remedy);
 }
 
 void VideoReader::selectStreams() {
@@ -98,6 +124,9 @@ void VideoReader::selectStreams() {
 }
 
 void VideoReader::openDecoder() {
+  if (stream_->codecpar->codec_id == AV_CODEC_ID_NONE) {
+    throw ToolError(kExitUnreadable, name_ + " does not tell what its video is coded in");
+  }
   const AVCodec* codec = avcodec_find_decoder(stream_->codecpar->codec_id);
   if (codec == nullptr) {
     throw ToolError(kExitUnreadable, name_ + ": this FFmpeg has no decoder for " + codecName());
@@ -117,6 +146,7 @@ FramePtr VideoReader::next() {
   while (!stopRequested()) {
     const int result = avcodec_receive_frame(decoder_.get(), frame.get());
     if (result == 0) {
+      keepKnownTags(*frame);
       stamp(*frame);
       checkSize(*frame);
       return frame;
@@ -164,10 +194,15 @@ void VideoReader::feedDecoder() {
   if (result < 0) throw ToolError(kExitUnreadable, "reading " + name_ + " failed: " + avErrorText(result));
   if (packet->stream_index == stream_->index) {
     if (avcodec_send_packet(decoder_.get(), packet.get()) < 0) ++damagedPackets_;
-  } else if (const int place = audioPlace_.at(static_cast<size_t>(packet->stream_index)); place >= 0) {
+    return;
+  }
+  const auto index = static_cast<size_t>(packet->stream_index);
+  if (index >= audioPlace_.size()) {
+    lateAudio_ = lateAudio_ || format_->streams[index]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
+  } else if (audioPlace_[index] >= 0) {
     PacketPtr kept = makePacket();
     av_packet_move_ref(kept.get(), packet.get());
-    kept->stream_index = place;
+    kept->stream_index = audioPlace_[index];
     audioPackets_.push_back(std::move(kept));
   }
 }

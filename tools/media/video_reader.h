@@ -50,7 +50,8 @@ class VideoReader {
   const AVDictionary* metadata() const { return format_->metadata; }
   std::string codecName() const { return avcodec_get_name(stream_->codecpar->codec_id); }
   int damagedPackets() const { return damagedPackets_; }
-  bool live() const;  // a camera or screen, which gives a frame when it has one
+  bool lateAudio() const { return lateAudio_; }  // audio was met that begins in mid-clip, and passed over
+  bool live() const;                             // a camera or screen, which gives a frame when it has one
 
  private:
   void open(const std::string& path, const std::string& format);
@@ -69,6 +70,7 @@ class VideoReader {
   std::vector<int> audioPlace_;  // by stream index of the input; -1: not audio
   std::vector<PacketPtr> audioPackets_;
   bool drained_ = false;
+  bool lateAudio_ = false;
   int damagedPackets_ = 0;
   std::optional<int64_t> lastPts_;
   int64_t framesRead_ = 0;

@@ -6,6 +6,7 @@ extern "C" {
 
 #include <algorithm>
 #include <filesystem>
+#include <limits>
 #include <numeric>
 
 #include "common/tool_error.h"
@@ -144,7 +145,14 @@ void VideoWriter::addAudio(const OutputSettings& settings) {
     return;
   }
   for (const AVStream* source : settings.audio) {
+    audioTimeBases_.push_back(source->time_base);
+    audioTimes_.push_back(std::numeric_limits<int64_t>::min());
     const AVCodecID id = source->codecpar->codec_id;
+    if (id == AV_CODEC_ID_NONE || source->codecpar->sample_rate <= 0 || source->codecpar->ch_layout.nb_channels <= 0) {
+      notes_.push_back("the input does not tell the kind, rate or channels of an audio stream; it is left out");
+      audio_.push_back(nullptr);
+      continue;
+    }
     if (avformat_query_codec(format_->oformat, id, FF_COMPLIANCE_NORMAL) == 0) {
       throw ToolError(kExitUsage, std::string("audio in ") + avcodec_get_name(id) + " cannot be stored in " +
                                       format_->oformat->name + "; write an .mkv instead");
@@ -156,7 +164,6 @@ void VideoWriter::addAudio(const OutputSettings& settings) {
     stream->disposition = source->disposition;
     av_dict_copy(&stream->metadata, source->metadata, 0);
     audio_.push_back(stream);
-    audioTimeBases_.push_back(source->time_base);
   }
 }
 
@@ -242,14 +249,26 @@ void VideoWriter::writeAudio(AVPacket& packet) {
   if (audio_.empty()) return;
   const auto place = static_cast<size_t>(packet.stream_index);
   AVStream* stream = audio_.at(place);
+  if (stream == nullptr) return;
   av_packet_rescale_ts(&packet, audioTimeBases_.at(place), stream->time_base);
+  // A damaged or joined clip has times that are missing or go back, which no container takes.
+  int64_t& next = audioTimes_.at(place);
+  if (packet.dts == AV_NOPTS_VALUE) packet.dts = packet.pts;
+  packet.dts = packet.dts == AV_NOPTS_VALUE ? std::max<int64_t>(next, 0) : std::max(packet.dts, next);
+  packet.pts = packet.pts == AV_NOPTS_VALUE ? packet.dts : std::max(packet.pts, packet.dts);
+  next = packet.dts + 1;
   packet.stream_index = stream->index;
   packet.pos = -1;
   writePacket(packet);
 }
 
 void VideoWriter::writePacket(AVPacket& packet) {
-  check(av_interleaved_write_frame(format_, &packet), "cannot write " + name_);
+  const int result = av_interleaved_write_frame(format_, &packet);
+  // Matroska's packets are taken on a full disk, too, until the end of the file.
+  check(format_->pb->error, "cannot write " + name_);
+  if (result >= 0) return;
+  const char* remedy = container_ == "mp4" && !audio_.empty() ? "; an .mkv may hold the audio" : "";
+  throw ToolError(kExitFailed, "cannot write " + name_ + ": " + avErrorText(result) + remedy);
 }
 
 void VideoWriter::finish() {

@@ -70,8 +70,9 @@ class VideoWriter {
   CodecPtr encoder_;
   std::string encoderName_;
   AVStream* video_ = nullptr;
-  std::vector<AVStream*> audio_;            // empty where audio is left out
+  std::vector<AVStream*> audio_;            // empty where all audio is left out, null for a stream that is
   std::vector<AVRational> audioTimeBases_;  // of the packets handed in
+  std::vector<int64_t> audioTimes_;         // each stream's earliest for its next packet
   AVRational timeBase_;
   int64_t nominalDuration_;
   // Encoders that need a clock of their own count frames: their packets come in the order of the frames and take the

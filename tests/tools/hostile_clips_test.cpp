@@ -1,0 +1,230 @@
+// Clips and surroundings that are out to hurt: damage, joints, full disks, closed streams, a kill in mid-write.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <random>
+
+#include "clips.h"
+#include "enhance/enhance.h"
+#include "run_command.h"
+
+namespace noxel::tool {
+namespace {
+
+// Hands each frame back as it came.
+struct Idle : Enhancer {
+  int warmUp(const uint8_t*) override { return 0; }
+  void enhance(uint8_t*, int64_t) override {}
+  FrameReport report() const override { return {}; }
+  Overlay overlay() const override { return {}; }
+};
+
+struct Killer : Idle {
+  int frames = 0;
+  void enhance(uint8_t*, int64_t) override {
+    if (++frames == 3) std::raise(SIGKILL);
+  }
+};
+
+template <typename Kind = Idle>
+int enhance(const std::string& input, const std::string& output, bool quiet = true) {
+  EnhanceOptions options;
+  options.input = input;
+  options.output = output;
+  options.quiet = quiet;
+  options.overwrite = true;
+  try {
+    return runEnhance(options, [](const EnhancerSettings&) { return std::make_unique<Kind>(); });
+  } catch (const ToolError& error) {
+    EXPECT_STRNE(error.what(), "");
+    return error.code();
+  }
+}
+
+void write(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+std::string y4m(int width, int height, int frames) {
+  std::mt19937 noise(1);  // no coder makes it small
+  std::string clip = "YUV4MPEG2 W" + std::to_string(width) + " H" + std::to_string(height) + " F25:1 C420jpeg\n";
+  const int bytes = width * height + 2 * ((width + 1) / 2) * ((height + 1) / 2);
+  for (int i = 0; i < frames; ++i) {
+    clip += "FRAME\n";
+    for (int j = 0; j < bytes; ++j) clip += static_cast<char>(noise());
+  }
+  return clip;
+}
+
+std::string flv(const std::string& path, AVCodecID audio, int64_t interval) {
+  ClipSpec spec;
+  spec.video = AV_CODEC_ID_FLV1;
+  spec.audio = audio;
+  for (size_t i = 0; i < spec.times.size(); ++i) spec.times[i] = static_cast<int64_t>(i) * interval;
+  writeClip(path, spec);
+  return contents(path);
+}
+
+constexpr size_t kFlvHeader = 13;  // bytes; what follows can be put behind another file's
+
+TEST(HostileClips, DamageEndsInAWholeFileOrInNone) {
+  const TemporaryDirectory folder;
+  ClipSpec spec;
+  spec.audio = AV_CODEC_ID_AAC;
+  for (const char* name : {"in.mkv", "in.mp4", "in.ts"}) writeClip(folder.file(name), spec);
+  write(folder.file("in.y4m"), y4m(16, 16, 4));
+  spec = {};
+  spec.video = AV_CODEC_ID_MJPEG;
+  writeClip(folder.file("in.mjpeg"), spec);
+  std::mt19937 random(7);
+  for (const std::string& name : folder.names()) {
+    const std::string whole = contents(folder.file(name));
+    int fine = 0;
+    for (int i = 0; i < 24; ++i) {
+      SCOPED_TRACE(name + " " + std::to_string(i));
+      std::string bytes = whole;
+      if (i % 3 == 0) bytes.resize(random() % bytes.size());
+      for (int flips = i % 3 * 4; flips > 0; --flips) bytes[random() % bytes.size()] = static_cast<char>(random());
+      const TemporaryDirectory work;
+      write(work.file(name), bytes);
+      const std::string output = work.file(i % 2 == 0 ? "out.mkv" : "out.mp4");
+      const int code = enhance(work.file(name), output);
+      EXPECT_TRUE(code == kExitFine || code == kExitFailed || code == kExitUnreadable) << code;
+      EXPECT_EQ(work.names().size(), code == kExitFine ? 2u : 1u);
+      if (code != kExitFine) continue;
+      EXPECT_FALSE(contentsOf(output).seconds.empty());
+      ++fine;
+    }
+    // A few wrong bytes in a packet cost that packet; half of the clips have nothing worse.
+    EXPECT_GE(fine, name == "in.mp4" ? 1 : 6) << name;
+  }
+}
+
+TEST(HostileClips, AClipThatWasCutShortIsSaidToBe) {
+  const TemporaryDirectory folder;
+  ClipSpec spec;
+  for (int64_t i = 6; i < 50; ++i) spec.times.push_back(40 * i);
+  writeClip(folder.file("in.mkv"), spec);
+  const std::string whole = contents(folder.file("in.mkv"));
+  for (const bool cut : {false, true}) {
+    write(folder.file("in.mkv"), cut ? whole.substr(0, whole.size() * 6 / 10) : whole);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(enhance(folder.file("in.mkv"), folder.file("out.mkv"), false), kExitFine);
+    EXPECT_EQ(testing::internal::GetCapturedStderr().find("cut short") != std::string::npos, cut);
+  }
+}
+
+TEST(HostileClips, HeadersThatPromiseTooMuchAreUnreadable) {
+  const TemporaryDirectory folder;
+  for (const char* sizes : {"W999999999 H999999999", "W16000 H16000", "W-3 H0", "W64 H48"}) {
+    write(folder.file("in.y4m"), std::string("YUV4MPEG2 ") + sizes + " F25:1\nFRAME\nabc");
+    EXPECT_EQ(enhance(folder.file("in.y4m"), folder.file("out.mkv")), kExitUnreadable) << sizes;
+  }
+  EXPECT_EQ(folder.names(), std::vector<std::string>{"in.y4m"});
+}
+
+TEST(HostileClips, ColourTagsThatAreNoneAreNotTaken) {
+  const TemporaryDirectory folder;
+  writeClip(folder.file("in.mkv"), {});
+  std::string bytes = contents(folder.file("in.mkv"));
+  const size_t matrix = bytes.find("\x55\xB1\x81\x06");  // Matroska's MatrixCoefficients: one byte, BT.601
+  ASSERT_NE(matrix, std::string::npos);
+  bytes[matrix + 3] = '\x78';
+  write(folder.file("in.mkv"), bytes);
+  EXPECT_EQ(enhance(folder.file("in.mkv"), folder.file("out.mkv")), kExitFine);
+}
+
+TEST(HostileClips, TheSmallestFramesKeepTheirSize) {
+  const TemporaryDirectory folder;
+  const int sizes[][2] = {{1, 1}, {2, 2}, {3, 5}, {1, 40}};
+  for (const auto& [width, height] : sizes) {
+    write(folder.file("in.y4m"), y4m(width, height, 1));
+    for (const char* name : {"out.mp4", "out.mkv", "out.y4m"}) {
+      ASSERT_EQ(enhance(folder.file("in.y4m"), folder.file(name)), kExitFine) << width << "x" << height << name;
+      const FramePtr frame = VideoReader(folder.file(name)).first();
+      EXPECT_EQ(frame->width, width);
+      EXPECT_EQ(frame->height, height);
+    }
+  }
+}
+
+TEST(HostileClips, JointsInTheAudioDoNotEndTheVideo) {
+  const TemporaryDirectory folder;
+  const std::string silent = flv(folder.file("a.flv"), AV_CODEC_ID_NONE, 40'000);  // longer than FFmpeg looks ahead
+  const std::string sounding = flv(folder.file("b.flv"), AV_CODEC_ID_AAC, 40);
+  // One clip's times go back, the other's audio is met in mid-clip for the first time.
+  for (const std::string& joined :
+       {sounding + sounding.substr(kFlvHeader), silent + sounding.substr(kFlvHeader) + silent.substr(kFlvHeader)}) {
+    write(folder.file("in.flv"), joined);
+    EXPECT_EQ(enhance(folder.file("in.flv"), folder.file("out.mkv")), kExitFine);
+    EXPECT_GE(contentsOf(folder.file("out.mkv")).seconds.size(), 12u);
+  }
+}
+
+TEST(HostileClips, AKillInMidWriteLeavesTheOldFile) {
+  const TemporaryDirectory folder;
+  writeClip(folder.file("in.mkv"), {});
+  for (const char* name : {"old.mkv", "old.mp4", "old.y4m"}) {
+    write(folder.file(name), "old");
+    EXPECT_EXIT(enhance<Killer>(folder.file("in.mkv"), folder.file(name)), testing::KilledBySignal(SIGKILL), "");
+    EXPECT_EQ(contents(folder.file(name)), "old");
+  }
+}
+
+TEST(HostileClips, AFullDiskIsToldAndLeavesNothing) {
+  NEEDS_DRIVER();
+  const TemporaryDirectory folder;
+  ClipSpec spec;
+  // More than FFmpeg's buffer of 256 kB, so that it shows before the end; Matroska's clusters last 5 s at most.
+  spec.width = 128;
+  spec.height = 96;
+  spec.times.clear();
+  for (int64_t i = 0; i < 30; ++i) spec.times.push_back(6000 * i);
+  spec.picture = [](int index) {
+    std::mt19937 noise(static_cast<unsigned>(index));
+    FramePtr frame = flatPlanar(128, 96, 0, 128, 128);
+    std::generate_n(frame->data[0], 96 * frame->linesize[0], [&] { return static_cast<uint8_t>(noise() % 200); });
+    return frame;
+  };
+  writeClip(folder.file("in.mkv"), spec);
+  const std::string in = folder.file("in.mkv") + " ";
+  const std::string enhanced = "enhance " + in + "-q -o " + folder.file("o.");
+  const TemporaryDirectory cache;
+  // The shell counts in 512 or 1024 bytes. Each of the files would be larger.
+  const std::string limit = "ulimit -f 16; XDG_CACHE_HOME='" + cache.file("") + "' ";
+  for (const std::string& arguments :
+       {enhanced + "mp4 --crf 0", enhanced + "mkv --crf 0", enhanced + "y4m",
+        enhanced + "y4m --dump-frames " + folder.file("dump"), "analyze " + in + "--plot " + folder.file("p.png")}) {
+    const Outcome outcome = runCommand(NOXEL_EXECUTABLE, arguments, limit);
+    EXPECT_EQ(outcome.exitCode, kExitFailed) << arguments;
+    EXPECT_EQ(outcome.error.rfind("noxel: cannot write " + folder.file(""), 0), 0u) << outcome.error;
+    EXPECT_NE(outcome.error.find(": File too large"), std::string::npos) << outcome.error;
+  }
+  for (const std::string& name : folder.names()) EXPECT_TRUE(name == "in.mkv" || name == "dump") << name;
+  EXPECT_TRUE(!std::filesystem::exists(folder.file("dump")) || std::filesystem::is_empty(folder.file("dump")));
+}
+
+TEST(HostileClips, StandardStreamsThatAreFullOrClosedAreTold) {
+  NEEDS_DRIVER();
+  const TemporaryDirectory folder;
+  write(folder.file("in.y4m"), y4m(64, 48, 3));
+  write(folder.file("planes.raw"), std::string(size_t{3} * 64 * 64, 'x'));
+  const std::string noxel = "XDG_CACHE_HOME='" + folder.file("cache") + "' '" NOXEL_EXECUTABLE "' ";
+  const std::string in = folder.file("in.y4m");
+  const auto shell = [](const std::string& command) { return WEXITSTATUS(std::system(command.c_str())); };
+  for (const std::string& command : {noxel + "--version", noxel + "info", noxel + "enhance -q " + in + " -o -",
+                                     noxel + "analyze " + in + " --json - --plot " + folder.file("p.png"),
+                                     "'" NOXEL_REGISTER_EXECUTABLE "' " + folder.file("planes.raw 64 64 3")}) {
+    EXPECT_EQ(shell(command + " >/dev/full 2>'" + folder.file("error") + "'"), kExitFailed) << command;
+    EXPECT_NE(contents(folder.file("error")).find("cannot write standard output: "), std::string::npos) << command;
+  }
+  // Without an error stream, the log and the notes go nowhere, least of all into the clip.
+  EXPECT_EQ(shell(noxel + "enhance -q - -o " + folder.file("told.y4m") + " <" + in), kExitFine);
+  EXPECT_EQ(shell(noxel + "enhance -v - -o " + folder.file("closed.y4m") + " <" + in + " 2>&-"), kExitFine);
+  EXPECT_EQ(contents(folder.file("told.y4m")), contents(folder.file("closed.y4m")));
+}
+
+}  // namespace
+}  // namespace noxel::tool
