@@ -200,6 +200,7 @@ double millisecondsSince(uint64_t start) {
 void fillReport(_KRSuperResEngine* engine, bool startsSequence, double registrationMs) {
   const _KROFRegistration* tracker = engine->registration.registration;
   const bool measured = engine->frameStatus != kRegistrationOff && tracker != nullptr;
+  Lock lock(frameMutex);  // an application may ask for the report of a frame that it did not wait for
   FrameReport* report = &engine->report;
   report->status = engine->frameStatus;
   report->gamma = engine->frameGamma;

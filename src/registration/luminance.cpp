@@ -7,7 +7,8 @@
 namespace noxel {
 
 int resolutionFactor(int width, int height) {
-  return width > 1000 || height > 1000 ? 2 : 1;
+  const bool halves = width > 1 && height > 1;  // half of one row would be none
+  return halves && (width > 1000 || height > 1000) ? 2 : 1;
 }
 
 void prepareLuminance(const LumaImage& luma, int factor, bool diagonal, uint8_t* luminance, uint8_t* scratch) {

@@ -8,8 +8,8 @@
 #include <map>
 #include <thread>
 
+#include "api/properties.h"
 #include "platform/cache_directory.h"
-#include "platform/log.h"
 #include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/temporary_directory.h"
@@ -172,17 +172,24 @@ Life live(const Setting& setting, const Levels* levels) {
   return life;
 }
 
+void logVerbosely(bool on) {
+  setenv("PERSIST_CAMERA_RTSP_LOG", on ? "1" : "0", 1);
+  forgetPropertyInterface();
+  readDebugProperty();
+}
+
 class FaultWalk : public ::testing::TestWithParam<std::tuple<Setting, FaultRow>> {
  protected:
-  FaultWalk() { debugLog.store(1); }  // a cache that cannot be used is a verbose line
+  FaultWalk() { logVerbosely(true); }  // a cache that cannot be used is a verbose line
   ~FaultWalk() override {
-    debugLog.store(0);
+    logVerbosely(false);
     platform::setProgramCacheDirectory(nullptr);
   }
 };
 
 TEST_P(FaultWalk, LosesNothingAndSaysWhatFailed) {
-  const auto& [setting, row] = GetParam();
+  const Setting setting = std::get<0>(GetParam());
+  const FaultRow row = std::get<1>(GetParam());
   signal(SIGALRM, tellWhatHangs);
   const TemporaryDirectory folder;
   int cold = 0;
