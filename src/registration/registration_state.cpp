@@ -1,16 +1,24 @@
 #include "registration/registration_state.h"
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <new>
 
 #include "registration/tracker/point_tracker_state.h"
 
 namespace noxel {
+namespace {
+
+// The tracker counts pixels in int, and on 32-bit machines its pictures, two bytes a pixel, are to be within a ptrdiff_t.
+constexpr int kMostPixels = INT_MAX / 4;
+
+}  // namespace
 
 int createRegistration(int width, int height, int channels, _KROFRegistration** state) {
-  if (width < 1 || height < 1 || channels != 1) return 1;
+  if (width < 1 || height < 1 || int64_t{width} * height > kMostPixels || channels != 1) return 1;
   auto* created = static_cast<_KROFRegistration*>(std::calloc(1, sizeof(_KROFRegistration)));
   if (created == nullptr) return 1;
   created->width = width;

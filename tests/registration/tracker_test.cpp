@@ -3,12 +3,14 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cmath>
 #include <cstddef>
 #include <cstring>
 #include <limits>
 #include <random>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "registration/point_tracker.h"
@@ -382,6 +384,16 @@ TEST(Tracking, HelpersChangeNoBit) {
     for (std::thread& thread : threads) thread.join();
     if (helpers < 0) alone = results;
     EXPECT_EQ(results, alone) << helpers << " helpers";
+  }
+}
+
+TEST(Tracking, SizesBeyondWhatAddressesCanCountAreRefused) {
+  // 65536 x 65536 is 0 pixels in 32 bits.
+  for (const auto& [width, height] :
+       {std::pair{65536, 65536}, {INT_MAX, INT_MAX}, {INT_MAX, 1}, {1, INT_MAX / 4 + 1}}) {
+    _KROFRegistration* registration = nullptr;
+    EXPECT_EQ(createRegistration(width, height, 1, &registration), 1) << width << " x " << height;
+    EXPECT_EQ(registration, nullptr);
   }
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstdint>
 
 #include "kernels/row_jobs.h"
 
@@ -10,9 +11,10 @@ namespace noxel::tracker {
 // Calls work(firstRow, endRow) for bands that cover `rows`. `rowCost`: items in a row; little work is not worth waking
 // anybody for.
 template <class Work>
-void forBands(WorkerPool* pool, int rows, int rowCost, const Work& work) {
-  constexpr int kBandCost = 16384;
-  forEachRowBlock(pool, rows, std::max(1, kBandCost / std::max(rowCost, 1)), work);
+void forBands(WorkerPool* pool, int rows, int64_t rowCost, const Work& work) {
+  constexpr int64_t kBandCost = 16384;
+  const int64_t rowsPerBand = kBandCost / std::max<int64_t>(rowCost, 1);
+  forEachRowBlock(pool, rows, static_cast<int>(std::max<int64_t>(rowsPerBand, 1)), work);
 }
 
 }  // namespace noxel::tracker

@@ -1,6 +1,8 @@
 // One pyramid level cut into blocks of 8 x 8 samples, and what each block says about its own displacement.
 #pragma once
 
+#include <cstdint>
+
 #include "registration/tracker/image_pyramid.h"
 
 namespace noxel::tracker {
@@ -48,6 +50,7 @@ struct BlockGrid {
   BlockGrid() = default;
   BlockGrid(int width, int height);
   int count() const { return columns * rows; }
+  int64_t rowSamples() const { return int64_t{columns} * kBlockArea; }  // of a row of blocks
   // In samples, from the corner of the picture.
   float centreX(int column) const { return static_cast<float>(originX + kBlockSide * column + kBlockSide / 2); }
   float centreY(int row) const { return static_cast<float>(originY + kBlockSide * row + kBlockSide / 2); }

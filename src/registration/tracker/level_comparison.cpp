@@ -125,7 +125,7 @@ bool LevelComparison::allocate(const Image& image, int pyramidLevel, const Pictu
 }
 
 void LevelComparison::read(const Image& image, int slot, WorkerPool* pool) {
-  forBands(pool, blockGrid.rows, blockGrid.columns * kBlockArea,
+  forBands(pool, blockGrid.rows, blockGrid.rowSamples(),
            [&](int begin, int end) { readTextures(image, blockGrid, textures[slot], begin, end); });
 }
 
@@ -147,7 +147,7 @@ void LevelComparison::compare(Direction direction, const GlobalMotion& motion, W
   const Image& other = *(isForward ? current : previous);
   const BlockTexture* ownTextures = textures[isForward ? previousTexture : 1 - previousTexture];
   BlockMatch* found = matches[direction];
-  forBands(pool, grid.rows, grid.columns * kBlockArea * 2, [&](int begin, int end) {
+  forBands(pool, grid.rows, grid.rowSamples() * 2, [&](int begin, int end) {
     for (int row = begin; row < end; ++row) {
       for (int column = 0; column < grid.columns; ++column) {
         double dx, dy;
@@ -176,14 +176,14 @@ void LevelComparison::compare(Direction direction, const GlobalMotion& motion, W
   const Exposure exposure = exposureBetween(ownTextures, found, grid.count());
 
   // Sums over 3 x 3 blocks, along rows and then across them.
-  forBands(pool, grid.rows, grid.columns * kBlockArea, [&](int begin, int end) {
+  forBands(pool, grid.rows, grid.rowSamples(), [&](int begin, int end) {
     for (int row = begin; row < end; ++row) {
       const int first = row * grid.columns;
       if (exposure.differs) adaptExposure(exposure, ownTextures + first, grid.columns, found + first);
       sumAlongRow(ownTextures + first, found + first, grid.columns, rowSums + first);
     }
   });
-  forBands(pool, grid.rows, grid.columns * kBlockArea, [&](int begin, int end) {
+  forBands(pool, grid.rows, grid.rowSamples(), [&](int begin, int end) {
     for (int row = begin; row < end; ++row) {
       for (int column = 0; column < grid.columns; ++column) {
         const int at = row * grid.columns + column;

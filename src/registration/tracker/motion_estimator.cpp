@@ -144,7 +144,7 @@ GlobalMotion MotionEstimator::consensusMotion(int level, const GlobalMotion* sta
   const LevelComparison& here = levels[level];
   const BlockGrid& grid = here.grid();
   const float scale = here.scale();
-  forBands(pool, grid.rows, grid.columns * kBlockArea * 32, [&](int begin, int end) {
+  forBands(pool, grid.rows, grid.rowSamples() * 32, [&](int begin, int end) {
     for (int row = begin; row < end; ++row) {
       for (int column = 0; column < grid.columns; ++column) {
         const float atU = here.u(column);
