@@ -161,7 +161,8 @@ class Engine {
 class BarePasses {
  public:
   BarePasses(int width, int height) : output(frameSize(width, height)) {
-    const HandOver handOver = {output.data(), &frameMutex, &queuedFrames, &sequence, &initialized, 0, 1, &callerSignal};
+    const HandOver handOver = {output.data(), &frameMutex, &queuedFrames, &sequence, &initialized, 0, 1,
+                               &callerSignal, &ready};
     CreateGPUEngine(width, height, handOver, kModeEnhance, &gpu);
     if (gpu == nullptr || !gpu->ready) fail("no second GL context");
   }
@@ -187,6 +188,7 @@ class BarePasses {
   std::atomic<int> queuedFrames = 0;
   std::atomic<uint32_t> sequence = 0;
   std::atomic<int> initialized = 1;
+  std::atomic<int> ready = 1;
   _KRSignal callerSignal;
 };
 

@@ -53,7 +53,7 @@ struct GpuThreadContext {
 
   HandOver handOver = {};
   _KRGPUEngine* gpuEngine = nullptr;  // the GPU thread's alone
-  std::atomic<int> ready = 0;         // 1 once the GPU engine stands; set before the first gpuDone, relaxed after it
+  std::atomic<int> ready = 0;         // 1 while the GPU engine stands; set before the first gpuDone. The GPU thread's.
 
   // Parameters. Set by any thread, read by the GPU thread or a job: relaxed, a frame late is fine.
   std::atomic<int> enabled = 1;

@@ -193,9 +193,9 @@ int startGPUThread(_KRSuperResEngine* engine) {
   GpuThreadContext* context = &engine->gpu;
   context->gpuWidth = engine->width;
   context->gpuHeight = engine->height;
-  context->handOver = {engine->frameBuffers[3], engine->frameMutex,    &engine->queuedFrames,
-                       &engine->sequence,       &engine->initialized,  engine->syncWithCaller,
-                       engine->outputDelay,     &engine->callerSignal, &engine->notes};
+  context->handOver = {engine->frameBuffers[3], engine->frameMutex,     &engine->queuedFrames, &engine->sequence,
+                       &engine->initialized,    engine->syncWithCaller, engine->outputDelay,   &engine->callerSignal,
+                       &context->ready,         &engine->notes};
   if (pthread_create(&context->gpuThread, nullptr, gpuThreadMain, context) != 0) {
     NOXEL_LOG_ERROR("could not start the GPU thread");
     return 1;

@@ -201,7 +201,7 @@ TEST(Intake, ReleaseWakesACallerThatWaitsForItsFrame) {
   release.join();
 }
 
-TEST(Intake, AFailedMapLosesOneFrameAndNoSlot) {
+TEST(Intake, AFailedMapLosesOneFrameAndManyTheContext) {
   TestEngine engine(16, 8, {.mode = kModeNeutralExposure});
   NOXEL_NEEDS_GL(engine);
   engine.set(kParamNoiseReductionStrength, 0);
@@ -219,6 +219,15 @@ TEST(Intake, AFailedMapLosesOneFrameAndNoSlot) {
   ASSERT_EQ(engine.process(&next), 0);
   EXPECT_NEAR(next.luma(2, 2), 90, 1);
   EXPECT_EQ(engine.handle->queuedFrames.load(), 0);
+
+  // A context that is lost never comes back, and neither do its frames: the caller keeps its own.
+  const FaultInjection fault(Fault::kMap, 0);
+  for (int i = 0; i < 20; ++i) {
+    Frame frame(16, 8, 120);
+    ASSERT_EQ(engine.process(&frame), 0);
+    EXPECT_NEAR(frame.luma(2, 2), i < 8 ? 90 : 120, 1) << "frame " << i;
+  }
+  EXPECT_FALSE(engineReady(engine.handle));
 }
 
 TEST(Intake, AnUnknownModeStillReturns) {

@@ -125,6 +125,17 @@ TEST(HostileClips, HeadersThatPromiseTooMuchAreUnreadable) {
   EXPECT_EQ(folder.names(), std::vector<std::string>{"in.y4m"});
 }
 
+TEST(HostileClips, AListOfOtherFilesIsNoClip) {
+  const TemporaryDirectory folder;
+  writeClip(folder.file("other.mkv"), {});
+  write(folder.file("concat.mp4"), "ffconcat version 1.0\nfile other.mkv\n");
+  write(folder.file("playlist.mp4"),
+        "#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXTINF:1,\n" + folder.file("other.mkv") + "\n#EXT-X-ENDLIST\n");
+  for (const char* name : {"concat.mp4", "playlist.mp4"}) {
+    EXPECT_EQ(enhance(folder.file(name), folder.file("out.mkv")), kExitUnreadable) << name;
+  }
+}
+
 TEST(HostileClips, ColourTagsThatAreNoneAreNotTaken) {
   const TemporaryDirectory folder;
   writeClip(folder.file("in.mkv"), {});

@@ -1,5 +1,6 @@
 #include "common/output_file.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -28,8 +29,15 @@ void checkMayWrite(const std::string& path, bool overwrite) {
   if (!overwrite) throw ToolError(kExitUsage, path + " exists; give -y to overwrite it");
 }
 
-PendingFile::PendingFile(const std::string& path)
-    : path_(path), temporaryPath_(path + "." + std::to_string(getpid()) + ".part") {}
+// A new file of a name that nobody can have put a link under, with the permissions that any file gets.
+PendingFile::PendingFile(const std::string& path) : path_(path), temporaryPath_(path + ".XXXXXX.part") {
+  const int file = mkstemps(temporaryPath_.data(), 5);
+  if (file < 0) throw ToolError(kExitFailed, "cannot write " + path + ": " + std::strerror(errno));
+  const mode_t mask = umask(0);
+  umask(mask);
+  fchmod(file, 0666 & ~mask);
+  close(file);
+}
 
 PendingFile::~PendingFile() {
   if (!committed_) std::remove(temporaryPath_.c_str());

@@ -8,10 +8,10 @@ namespace noxel::tool {
 // Usage error when `path` exists and may not be overwritten, is no regular file, or lies in no folder that there is.
 void checkMayWrite(const std::string& path, bool overwrite);
 
-// A name beside the final one, removed again unless commit() was reached.
+// A file beside the final one, empty at first, removed again unless commit() was reached.
 class PendingFile {
  public:
-  explicit PendingFile(const std::string& path);
+  explicit PendingFile(const std::string& path);  // ToolError where it cannot be made
   ~PendingFile();
   PendingFile(const PendingFile&) = delete;
   PendingFile& operator=(const PendingFile&) = delete;

@@ -1,5 +1,7 @@
 #include "common/program_cache_path.h"
 
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <filesystem>
 
@@ -25,7 +27,8 @@ std::string makeProgramCacheDirectory() {
   }
   std::string directory = base + "/noxel/";
   std::error_code error;
-  std::filesystem::create_directories(directory, error);
+  std::filesystem::create_directories(base, error);
+  mkdir(directory.c_str(), 0700);  // what lies here is handed to the driver; fails where it is there already
   return std::filesystem::is_directory(directory, error) ? directory : "";
 }
 

@@ -2,6 +2,7 @@
 
 extern "C" {
 #include <libavdevice/avdevice.h>
+#include <libavutil/avstring.h>
 #include <libavutil/display.h>
 }
 
@@ -46,6 +47,17 @@ void keepKnownTags(AVFrame& frame) {
   keepKnown(frame.chroma_location, AVCHROMA_LOC_NB, AVCHROMA_LOC_UNSPECIFIED);
 }
 
+// All of FFmpeg's kinds of input but those that are lists of other files: a clip is one file, whatever it says.
+std::string singleFileFormats() {
+  static constexpr const char* kLists = "concat,dash,hls,imf,mlv,rtp,rtsp,sdp,vobsub,webm_dash_manifest";
+  std::string names;
+  void* state = nullptr;
+  while (const AVInputFormat* format = av_demuxer_iterate(&state)) {
+    if (av_match_list(format->name, kLists, ',') == 0) names += std::string(names.empty() ? "" : ",") + format->name;
+  }
+  return names;
+}
+
 std::optional<DisplayMatrix> matrixOf(const uint8_t* data, size_t size) {
   DisplayMatrix matrix;
   if (size < sizeof(matrix)) return std::nullopt;
@@ -85,6 +97,7 @@ void VideoReader::open(const std::string& path, const std::string& format) {
   const bool device = forced != nullptr && (forced->flags & AVFMT_NOFILE) != 0;
   const bool file = !device && std::filesystem::exists(path, ignored);
   const std::string url = path == "-" ? "pipe:0" : file ? "file:" + path : path;
+  if (file && forced == nullptr) format_->format_whitelist = av_strdup(singleFileFormats().c_str());
   int result = avformat_open_input(&format_, url.c_str(), forced, nullptr);
   if (result >= 0) result = avformat_find_stream_info(format_, nullptr);
   if (result >= 0) return;

@@ -10,6 +10,11 @@
 namespace noxel {
 namespace {
 
+void loseContext(_KRGPUEngine* engine) {
+  NOXEL_LOG_ERROR("the GPU context is lost: frames are returned as they came");
+  engine->handOver.ready->store(0, std::memory_order_release);
+}
+
 // Draws both planes of `source` and brings the bytes of the frame the rings hold to readBackFrame. False when one of the
 // planes could not be mapped.
 bool readBack(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst) {
@@ -72,8 +77,15 @@ void deliver(_KRGPUEngine* engine, const unsigned char* bytes) {
 }
 
 void noteReadBack(_KRGPUEngine* engine, bool complete) {
-  if (!complete && !engine->readBackFails) NOXEL_LOG_ERROR("glMapBufferRange failed: the frame is not handed over");
-  engine->readBackFails = !complete;
+  constexpr int kMostFailures = 8;  // a quarter of a second of a camera's frames
+  if (!complete && engine->failedReadBacks == 0)
+    NOXEL_LOG_ERROR("glMapBufferRange failed: the frame is not handed over");
+  engine->failedReadBacks = complete ? 0 : engine->failedReadBacks + 1;
+  if (engine->failedReadBacks == kMostFailures) loseContext(engine);
+}
+
+void swapBuffers(_KRGPUEngine* engine) {
+  if (engine->egl->SwapBuffers() != EGL_TRUE && engine->egl->contextLost) loseContext(engine);
 }
 
 void ReadBackYuv(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst) {

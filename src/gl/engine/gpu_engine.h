@@ -42,6 +42,7 @@ struct HandOver {
   int syncWithCaller;
   int outputDelay;                 // read-back buffers, 1..3
   _KRSignal* callerSignal;         // 1 output ready, -1 output taken
+  std::atomic<int>* ready;         // cleared when the context is lost: no frame is drawn from then on
   DeliveryNotes* notes = nullptr;  // null: nobody wants to know
 };
 
@@ -103,7 +104,7 @@ struct _KRGPUEngine {
   HandOver handOver = {};
   unsigned char* readBackFrame = nullptr;  // owned; a frame is whole here before it meets the output buffer
   size_t lumaSize = 0;                     // width * height
-  bool readBackFails = false;              // and it was said
+  int failedReadBacks = 0;                 // since the last good one
   int firstFrameDone = 0;                  // 0: the next read-back is synchronous
   int stage = 0;                           // of the read-back: 1 after the luma pass, 2 after the chroma pass
 
@@ -190,7 +191,9 @@ void deliver(_KRGPUEngine* engine, const unsigned char* bytes);
 // Converts the finished picture to NV21 (or U before V) and delivers what the read-back ring has.
 void ReadBackYuv(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst);
 
-// Says once that a finished frame cannot be read back, and is done with it when one can again.
+// A read-back that fails is said once; one that goes on failing is a context that is lost, as is a swap that says so. Such
+// an engine is not ready any more: a frame as it came is better than the same old one for ever.
 void noteReadBack(_KRGPUEngine* engine, bool complete);
+void swapBuffers(_KRGPUEngine* engine);
 
 }  // namespace noxel

@@ -268,9 +268,9 @@ void processFrame(_KRGPUEngine* engine, int noiseReductionStrength, int deghosti
   startWatch(7);
   if (engine->offscreen == 1) {
     ReadBackYuv(engine, finished, engine->plan->flipsChroma ? engine->flipChroma : 0);
-    engine->egl->SwapBuffers();
+    swapBuffers(engine);
   } else {
-    engine->egl->SwapBuffers();
+    swapBuffers(engine);
     deliver(engine, nullptr);
   }
   stopWatch("rw", 7);

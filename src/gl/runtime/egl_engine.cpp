@@ -188,8 +188,10 @@ EGLBoolean EGLEngine::SetSwapInterval(int interval) {
 }
 
 void EGLEngine::tellOnce(bool* fails, bool success, const char* call) {
-  if (!success && !*fails) LOG_EGL_ERROR("Error: %s failed %d\n", call, eglGetError());
+  const EGLint error = success ? EGL_SUCCESS : eglGetError();
+  if (!success && !*fails) LOG_EGL_ERROR("Error: %s failed %d\n", call, error);
   *fails = !success;
+  contextLost = contextLost || error == EGL_CONTEXT_LOST;
 }
 
 void EGLEngine::GetSurfaceSize(int* width, int* height) {

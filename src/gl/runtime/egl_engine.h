@@ -48,6 +48,7 @@ class EGLEngine {
   EGLSurface surface = EGL_NO_SURFACE;
   EGLContext context = EGL_NO_CONTEXT;
   EGLConfig config = nullptr;
+  bool contextLost = false;    // by the last call of a frame that failed
   bool syncSupported = false;  // what the GL extension string says, whether or not the EGL entry points were found
   int syncKind = 0;            // 0 no fence extension, 1 GL_OES_EGL_sync, 2 GL_NV_fence
   PFNEGLCREATEIMAGEKHRPROC createImage = nullptr;

@@ -111,6 +111,7 @@ bool ProgramBinary::write(const char* path) const {
   char* name = const_cast<char*>(temporary.c_str());  // mkstemp fills in the template's last six characters
   const int file = mkstemp(name);
   if (file < 0) return cacheCallFailed("mkstemp", name);
+  (void)fcntl(file, F_SETFD, FD_CLOEXEC);
   const uint32_t header[3] = {checksum(), kVersion, format};
   const bool written =
       (writeFully(file, header, sizeof(header)) && writeFully(file, blob, size)) || cacheCallFailed("write", name);
