@@ -188,9 +188,11 @@ int captureGhostMask(_KRSuperResEngine* engine, bool on) {
     const MaskSize size = ghostMaskSize(engine->width, engine->height);
     const size_t count = static_cast<size_t>(size.width) * static_cast<size_t>(size.height);
     if (notes->maskPixels == nullptr) notes->maskPixels = static_cast<unsigned char*>(std::calloc(count, 4));
-    if (notes->maskPixels == nullptr) return 1;
-    notes->mask = static_cast<unsigned char*>(std::calloc(count, 1));
-    if (notes->mask == nullptr) return 1;
+    if (notes->maskPixels != nullptr) notes->mask = static_cast<unsigned char*>(std::calloc(count, 1));
+    if (notes->mask == nullptr) {
+      NOXEL_LOG_ERROR("no memory for the ghost mask");
+      return 1;
+    }
   }
   notes->captureMask.store(on ? 1 : 0, std::memory_order_release);
   return 0;

@@ -107,8 +107,9 @@ struct _KRSuperResEngine {
   int framesSinceReset = 0;
   int ringSlots = 2;
   int outputDelay = 2;
-  int ringIndex = 0;    // next slot to fill
-  int uploadIndex = 0;  // next slot a job reads
+  int ringIndex = 0;      // next slot to fill
+  int uploadIndex = 0;    // next slot a job reads
+  bool jobsFail = false;  // the last job's thread could not be made
   std::atomic<int> queuedFrames = 0;
   std::atomic<uint32_t> sequence = 0;        // raised at each break; jobs and frames carry the number they began with
   std::atomic<int> repriming = 0;            // 1: the next frame of this sequence primes the tracker; taken by exchange

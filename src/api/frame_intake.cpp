@@ -67,6 +67,7 @@ bool queueFrame(_KRSuperResEngine* engine, const unsigned char* frame, int forma
 
 struct Intake {
   bool runJobHere;
+  bool primed;  // it begins a sequence
   uint32_t sequence;
 };
 
@@ -76,10 +77,10 @@ Intake takeIn(_KRSuperResEngine* engine, const unsigned char* frame, int format)
   const float gap = takeGap();
   const bool reset = gap > 1500.0f || (engine->framesSinceReset >= 2 && gap > 200.0f);
   if (reset) resetSequence(engine);
-  if (reset || engine->framesSinceReset == 0) {
+  Intake intake = {false, reset || engine->framesSinceReset == 0, engine->sequence.load(std::memory_order_relaxed)};
+  if (intake.primed) {
     copyAndConvertInput(engine->frameBuffers[3], frame, engine->width, engine->height, format);
   }
-  Intake intake = {false, engine->sequence.load(std::memory_order_relaxed)};
   if (engine->queuedFrames.load(std::memory_order_acquire) >= engine->ringSlots) return intake;
   if (engine->syncWithCaller == 1 && engine->framesSinceReset == 0) {
     while (engine->ringIndex < engine->ringSlots - 1) {
@@ -103,9 +104,12 @@ void waitForOutput(_KRSuperResEngine* engine) {
   if (signal->flag == 1) signal->flag = 0;
 }
 
-void handBack(_KRSuperResEngine* engine, unsigned char* frame, int format) {
+// The frame that begins a sequence comes back as it came, however soon the enhanced one is there. A caller that waited for
+// its enhanced frame gets that, or, when it was lost, its own.
+void handBack(_KRSuperResEngine* engine, unsigned char* frame, int format, bool primed) {
   Lock lock(frameMutex);
-  if (engine->offscreen == 1) {
+  const bool keepsOwn = engine->syncWithCaller == 1 ? engine->notes.missed : primed;
+  if (engine->offscreen == 1 && !keepsOwn) {
     copyAndConvertOutput(frame, engine->frameBuffers[3], engine->width, engine->height, format);
   }
   if (engine->syncWithCaller == 1) engine->callerSignal.raise(-1);
@@ -154,7 +158,7 @@ int KRProcessFrame(unsigned char* frame, _KRSuperResEngine* engine) {
   const Intake intake = takeIn(engine, frame, format);
   if (intake.runJobHere) runUploadJob(engine, intake.sequence);
   if (engine->syncWithCaller == 1) waitForOutput(engine);
-  handBack(engine, frame, format);
+  handBack(engine, frame, format, intake.primed);
   return 0;
 }
 

@@ -17,6 +17,7 @@ void postCommand(_KRSuperResEngine* engine, GpuCommand command);
 void postProcessInPlace(unsigned char* frame, _KRSuperResEngine* engine);
 
 // Starts a detached thread that runs one upload job for a frame of `sequence`. False when there is no thread to be had.
+// Under frameMutex.
 bool spawnUploadJob(_KRSuperResEngine* engine, uint32_t sequence);
 
 // Uploads the next queued frame, has it registered, and posts it for processing. Returns when the frame's buffer is free

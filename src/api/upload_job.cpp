@@ -243,14 +243,19 @@ void processClaimed(_KRSuperResEngine* engine, const Claim& claim, uint32_t sequ
 bool spawnUploadJob(_KRSuperResEngine* engine, uint32_t sequence) {
   auto* job = static_cast<JobArgument*>(std::malloc(sizeof(JobArgument)));
   const EngineReference reference(engine);
-  if (job == nullptr) NOXEL_LOG_ERROR("no memory for an upload job");
   if (job != nullptr && reference) {
     *job = {reference.share(), sequence};
-    if (createDetachedThread(job)) return true;
+    if (createDetachedThread(job)) {
+      engine->jobsFail = false;
+      return true;
+    }
     EngineReference::dropReference(engine);
   }
+  // Once, and not with each frame while it lasts.
+  if (!engine->jobsFail)
+    NOXEL_LOG_ERROR(job == nullptr ? "no memory for an upload job" : "could not start an upload job");
+  engine->jobsFail = true;
   std::free(job);
-  NOXEL_LOG_ERROR("could not start an upload job");
   return false;
 }
 

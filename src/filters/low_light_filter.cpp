@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <iterator>
 
 #include "filters/filter_program.h"
 #include "filters/selector_texture.h"
@@ -63,6 +64,18 @@ constexpr LowLightProgram kNeededByReduced[] = {kBicubicYuv, kPackedYuv, kSelect
 constexpr LowLightProgram kNeededByFull[] = {kSharpenNeighbours, kBicubicYuv, kPackedYuv,     kSelectorYuv,
                                              kYuvGamma,          kGammaGain,  kThreeFrameMean};
 
+bool isBuilt(BuildSet set, bool syncMode, bool reducedPrograms) {
+  if ((set == kDetailSet || set == kTemporalSet) && reducedPrograms) return false;
+  return !((set == kPictureSet || set == kTemporalSet) && syncMode);
+}
+
+bool isDrawnByNoEngine(const ProgramEntry& entry, bool syncMode) {
+  static constexpr LowLightProgram kSpare[] = {kExtrapolate, kYuvGammaUnwarped, kHighlightDecay, kLinearBlend,
+                                               kTestPattern};
+  if (entry.set == kDetailSet && !syncMode) return true;
+  return std::find(std::begin(kSpare), std::end(kSpare), entry.slot) != std::end(kSpare);
+}
+
 template <size_t kCount>
 bool allLinked(const LowLightProgram (&slots)[kCount], Program* const* programs) {
   for (const LowLightProgram slot : slots) {
@@ -75,14 +88,21 @@ bool allLinked(const LowLightProgram (&slots)[kCount], Program* const* programs)
 
 bool LowLightFilter::setupPrograms(const char* cacheDirectory) {
   for (const ProgramEntry& entry : kPrograms) {
-    if ((entry.set == kDetailSet || entry.set == kTemporalSet) && reducedPrograms) continue;
-    if ((entry.set == kPictureSet || entry.set == kTemporalSet) && syncMode) continue;
+    if (!isBuilt(entry.set, syncMode, reducedPrograms)) continue;
     programs[entry.slot] = newProgram(entry.fragmentText, entry.vertexText, entry.name, cacheDirectory);
   }
   selectorTexture = createSelectorTexture();
   state.positionVertices = gSquareVertices;
   if (syncMode) return allLinked(kNeededBySync, programs);
   return reducedPrograms ? allLinked(kNeededByReduced, programs) : allLinked(kNeededByFull, programs);
+}
+
+bool LowLightFilter::drawsEverything() const {
+  for (const ProgramEntry& entry : kPrograms) {
+    if (!isBuilt(entry.set, syncMode, reducedPrograms) || isDrawnByNoEngine(entry, syncMode)) continue;
+    if (!linked(programs[entry.slot])) return false;
+  }
+  return true;
 }
 
 void LowLightFilter::Release() {

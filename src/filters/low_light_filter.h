@@ -113,6 +113,10 @@ class LowLightFilter : public GLFilter {
   bool setupPrograms(const char* cacheDirectory);
   void Release() override;
 
+  // Whether every program is there that an engine can come to draw with. A pass whose program is missing is left out, and what
+  // its target held is undefined: setupPrograms is content with a picture, an engine is not.
+  bool drawsEverything() const;
+
   // Draws state.passCode into the bound target; the two-pass codes bind their own. `selectorLuma` chooses between the
   // two ways of taking a packed sample apart. Always true.
   bool drawPass(bool selectorLuma);

@@ -1,6 +1,7 @@
 // Every call that can fail, failing, in the life of an engine.
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -46,6 +47,7 @@ constexpr FaultRow kRows[] = {
     {"StoredPrograms", Fault::kShader, Cache::kWarm},
     {"Framebuffers", Fault::kFramebuffer, Cache::kNone},
     {"Maps", Fault::kMap, Cache::kNone},
+    {"Reads", Fault::kRead, Cache::kNone},
     {"FilesWritten", Fault::kFile, Cache::kCold},
     {"FilesRead", Fault::kFile, Cache::kWarm},
 };
@@ -78,14 +80,15 @@ const std::map<std::string, std::string>& logWords() {
 
 using Picture = std::vector<unsigned char>;
 
-// Flat, each plane or channel at a level of its own.
-Picture given(const Setting& setting) {
+// Flat, each plane or channel at a level of its own, and another one with each frame.
+Picture given(const Setting& setting, int index) {
+  const auto level = static_cast<unsigned char>(index % 2 == 0 ? 40 : 52);
   if (setting.mode == kModeSynchronousRgba) {
     Picture picture;
-    for (int i = 0; i < kWidth * kHeight; ++i) picture.insert(picture.end(), {40, 60, 50, 200});
+    for (int i = 0; i < kWidth * kHeight; ++i) picture.insert(picture.end(), {level, 60, 50, 200});
     return picture;
   }
-  return Frame(kWidth, kHeight, 40, 150, 100).bytes;
+  return Frame(kWidth, kHeight, level, 150, 100).bytes;
 }
 
 size_t channelOf(size_t byte, const Setting& setting) {
@@ -120,7 +123,12 @@ struct Life {
   bool made = false;
   bool ready = false;
   Levels levels;
+  std::vector<int> drawn;
 };
+
+// Five light frames, and four that follow a motion, after a break.
+constexpr int kFrames = 10;
+constexpr int kBreak = 6;  // a frame as dark as the first: an output that is never written shows one level only
 
 char whatHangs[200];
 
@@ -129,7 +137,7 @@ void tellWhatHangs(int) {
   _exit(3);
 }
 
-// Initialise, five frames, a break, a parameter changed, a frame, release. `levels` null: whatever comes is taken down.
+// Initialise, frames, a parameter changed, a break, frames, release. `levels` null: whatever comes is taken down.
 Life live(const Setting& setting, const Levels* levels) {
   constexpr unsigned kLongestLifeSeconds = 60;  // a sanitizer on a busy machine takes seconds
   alarm(kLongestLifeSeconds);
@@ -146,13 +154,15 @@ Life live(const Setting& setting, const Levels* levels) {
     return life;
   }
   life.ready = engineReady(engine);
-  const Picture original = given(setting);
-  for (int i = 0; i < 7; ++i) {
-    clock.advance(i == 5 ? 2000 : 33);
+  engine->registration.motionSource = [](void*, const LumaImage&, bool, MotionEstimate*) { return true; };
+  takeDrawnPasses();
+  for (int i = 0; i < kFrames; ++i) {
+    clock.advance(i == kBreak ? 2000 : 33);
     const int temporal = 0;
-    if (i == 6) {
+    if (i == kBreak - 1) {
       EXPECT_EQ(KRSetParameter(kParamLightMode, &temporal, engine), 0);
     }
+    const Picture original = given(setting, i);
     Picture frame = original;
     EXPECT_EQ(KRProcessFrame(frame.data(), engine), 0);
     const bool untouched = frame == original;
@@ -169,7 +179,21 @@ Life live(const Setting& setting, const Levels* levels) {
     EXPECT_EQ(engine->queuedFrames.load(), 0);
   }
   EXPECT_EQ(releaseEngine(&engine), 0);
+  life.drawn = takeDrawnPasses();
   return life;
+}
+
+// That the faultless life is one: each kind of frame was drawn, and what was drawn came back.
+void expectWhole(const Life& life, const Setting& setting) {
+  constexpr int kTemporalPass[] = {kPassThreeFrameMean, kPassDeghostMix, kPassSharpen, kPassDeghostMix};
+  const bool inPlace = setting.mode == kModeSynchronousRgba;
+  if (!inPlace) {
+    for (const int pass : {int{kPassPackedYuv}, kTemporalPass[setting.mode]}) {
+      EXPECT_NE(std::find(life.drawn.begin(), life.drawn.end(), pass), life.drawn.end()) << "pass " << pass;
+    }
+  }
+  if (setting.onWindow && !inPlace) return;
+  EXPECT_GE(life.levels.most[0] - life.levels.least[0], 6) << "the frames do not come back";
 }
 
 void logVerbosely(bool on) {
@@ -207,6 +231,7 @@ TEST_P(FaultWalk, LosesNothingAndSaysWhatFailed) {
       if (driverRequired()) FAIL() << log.text();
       GTEST_SKIP() << "no usable GL driver";
     }
+    expectWhole(life, setting);
     levels = life.levels;
   }
   const Held nothing = settledHeld({});
@@ -249,7 +274,9 @@ TEST_P(FaultWalk, LosesNothingAndSaysWhatFailed) {
                << (lasting == Lasting::kOnce ? " alone" : " and later");
     }
   }
-  alarm(0);
+  // Nothing is read back for a window.
+  const bool reads = !setting.onWindow || setting.mode == kModeSynchronousRgba;
+  EXPECT_EQ(injected > 0, reads || (row.fault != Fault::kMap && row.fault != Fault::kRead));
   const LogCapture log;
   freshCache();
   EXPECT_TRUE(live(setting, &levels).ready) << "after all faults: " << log.text();
@@ -301,13 +328,14 @@ TEST(Stall, OfASwapHoldsTheGpuThreadAndNeverTheCaller) {
   EXPECT_EQ(settledHeld({}), Held{});
 }
 
-INSTANTIATE_TEST_SUITE_P(Lives, FaultWalk,
-                         ::testing::Combine(::testing::Values(Setting{1, false, 0}, Setting{1, false, 1},
-                                                              Setting{1, true, 0}, Setting{1, true, 1},
-                                                              Setting{4, false, 0}, Setting{4, false, 1},
-                                                              Setting{4, true, 0}, Setting{4, true, 1}),
-                                            ::testing::ValuesIn(kRows)),
-                         nameOf);
+INSTANTIATE_TEST_SUITE_P(
+    Lives, FaultWalk,
+    ::testing::Combine(::testing::Values(Setting{0, false, 0}, Setting{2, false, 1}, Setting{3, false, 0},
+                                         Setting{1, false, 0}, Setting{1, false, 1}, Setting{1, true, 0},
+                                         Setting{1, true, 1}, Setting{4, false, 0}, Setting{4, false, 1},
+                                         Setting{4, true, 0}, Setting{4, true, 1}),
+                       ::testing::ValuesIn(kRows)),
+    nameOf);
 
 }  // namespace
 }  // namespace noxel

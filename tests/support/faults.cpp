@@ -123,6 +123,11 @@ void countNames(GLsizei count, const GLuint* names, int by) {
   for (GLsizei i = 0; i < count; ++i) glObjectsAlive += names[i] != 0 ? by : 0;
 }
 
+void* countMade(void* object) {
+  glObjectsAlive += object != nullptr ? 1 : 0;
+  return object;
+}
+
 bool failsEgl(const char* call) {
   if (!fails(Fault::kEgl, call)) return false;
   injectedError = EGL_BAD_ALLOC;
@@ -304,17 +309,24 @@ NOXEL_FAILING_EGL(EGLBoolean, EGL_FALSE, eglInitialize, (EGLDisplay display, EGL
                   (display, major, minor))
 NOXEL_FAILING_EGL(EGLBoolean, EGL_FALSE, eglBindAPI, (EGLenum api), (api))
 NOXEL_FAILING_EGL(const char*, nullptr, eglQueryString, (EGLDisplay display, EGLint name), (display, name))
-NOXEL_FAILING_EGL(EGLSurface, EGL_NO_SURFACE, eglCreatePbufferSurface,
-                  (EGLDisplay display, EGLConfig config, const EGLint* attributes), (display, config, attributes))
-NOXEL_FAILING_EGL(EGLContext, EGL_NO_CONTEXT, eglCreateContext,
-                  (EGLDisplay display, EGLConfig config, EGLContext share, const EGLint* attributes),
-                  (display, config, share, attributes))
+EGLSurface __real_eglCreatePbufferSurface(EGLDisplay, EGLConfig, const EGLint*);
+EGLSurface __wrap_eglCreatePbufferSurface(EGLDisplay display, EGLConfig config, const EGLint* attributes) {
+  if (failsEgl("eglCreatePbufferSurface")) return EGL_NO_SURFACE;
+  return noxel::countMade(__real_eglCreatePbufferSurface(display, config, attributes));
+}
+
+EGLContext __real_eglCreateContext(EGLDisplay, EGLConfig, EGLContext, const EGLint*);
+EGLContext __wrap_eglCreateContext(EGLDisplay display, EGLConfig config, EGLContext share, const EGLint* attributes) {
+  if (failsEgl("eglCreateContext")) return EGL_NO_CONTEXT;
+  return noxel::countMade(__real_eglCreateContext(display, config, share, attributes));
+}
+
 NOXEL_FAILING_EGL(EGLBoolean, EGL_FALSE, eglQuerySurface,
                   (EGLDisplay display, EGLSurface surface, EGLint name, EGLint* value), (display, surface, name, value))
-NOXEL_FAILING_AFTER(failsEgl("eglDestroyContext"), EGLBoolean, EGL_FALSE, eglDestroyContext,
-                    (EGLDisplay display, EGLContext context), (display, context))
-NOXEL_FAILING_AFTER(failsEgl("eglDestroySurface"), EGLBoolean, EGL_FALSE, eglDestroySurface,
-                    (EGLDisplay display, EGLSurface surface), (display, surface))
+NOXEL_FAILING_AFTER(--noxel::glObjectsAlive < 0 || failsEgl("eglDestroyContext"), EGLBoolean, EGL_FALSE,
+                    eglDestroyContext, (EGLDisplay display, EGLContext context), (display, context))
+NOXEL_FAILING_AFTER(--noxel::glObjectsAlive < 0 || failsEgl("eglDestroySurface"), EGLBoolean, EGL_FALSE,
+                    eglDestroySurface, (EGLDisplay display, EGLSurface surface), (display, surface))
 NOXEL_FAILING_AFTER(failsEgl("eglTerminate"), EGLBoolean, EGL_FALSE, eglTerminate, (EGLDisplay display), (display))
 
 using EglFunction = void (*)();
@@ -333,9 +345,11 @@ EGLSurface __real_eglCreateWindowSurface(EGLDisplay, EGLConfig, EGLNativeWindowT
 EGLSurface __wrap_eglCreateWindowSurface(EGLDisplay display, EGLConfig config, EGLNativeWindowType window,
                                          const EGLint* attributes) {
   if (failsEgl("eglCreateWindowSurface")) return EGL_NO_SURFACE;
-  if (fakeWindow == nullptr) return __real_eglCreateWindowSurface(display, config, window, attributes);
+  if (fakeWindow == nullptr) {
+    return noxel::countMade(__real_eglCreateWindowSurface(display, config, window, attributes));
+  }
   const EGLint size[] = {EGL_WIDTH, noxel::fakeSize[0], EGL_HEIGHT, noxel::fakeSize[1], EGL_NONE};
-  return __real_eglCreatePbufferSurface(display, config, size);
+  return noxel::countMade(__real_eglCreatePbufferSurface(display, config, size));
 }
 
 // Letting go of a context is done even when it is to fail.
@@ -357,6 +371,12 @@ void* __real_glMapBufferRange(GLenum, GLintptr, GLsizeiptr, GLbitfield);
 void* __wrap_glMapBufferRange(GLenum target, GLintptr offset, GLsizeiptr length, GLbitfield access) {
   noxel::pass(noxel::Gate::kMap);
   return fails(Fault::kMap, "glMapBufferRange") ? nullptr : __real_glMapBufferRange(target, offset, length, access);
+}
+
+// A size that is none is GL's own reason to fail.
+void __real_glReadPixels(GLint, GLint, GLsizei, GLsizei, GLenum, GLenum, void*);
+void __wrap_glReadPixels(GLint x, GLint y, GLsizei width, GLsizei height, GLenum format, GLenum type, void* pixels) {
+  __real_glReadPixels(x, y, fails(Fault::kRead, "glReadPixels") ? -1 : width, height, format, type, pixels);
 }
 
 NOXEL_FAILING(fails(Fault::kFramebuffer, "glCheckFramebufferStatus"), GLenum, GL_FRAMEBUFFER_UNSUPPORTED,

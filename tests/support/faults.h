@@ -15,6 +15,7 @@ enum class Fault {
   kShader,       // making, compiling, linking shaders and programs
   kFramebuffer,  // completeness
   kMap,          // glMapBufferRange
+  kRead,         // glReadPixels
   kFile,         // open, fstat, stat, mkdir, mkstemp, read, write, close, rename
   kCount
 };
@@ -65,7 +66,7 @@ class FakeWindow {
 struct Held {
   long allocations = 0;
   int threads = 0;
-  int glObjects = 0;  // textures, framebuffers, buffers, shaders, programs
+  int glObjects = 0;  // textures, framebuffers, buffers, shaders, programs; EGL's contexts and surfaces
   bool operator==(const Held&) const = default;
 };
 Held held();

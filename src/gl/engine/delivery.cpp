@@ -11,14 +11,13 @@ namespace noxel {
 namespace {
 
 void loseContext(_KRGPUEngine* engine) {
+  if (engine->handOver.ready->exchange(0, std::memory_order_acq_rel) == 0) return;
   NOXEL_LOG_ERROR("the GPU context is lost: frames are returned as they came");
-  engine->handOver.ready->store(0, std::memory_order_release);
 }
 
 // Draws both planes of `source` and brings the bytes of the frame the rings hold to readBackFrame. False when one of the
 // planes could not be mapped.
 bool readBack(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst) {
-  const int mode = engine->firstFrameDone == 0 ? 1 : 0;
   const auto convert = [source](RgbToYuvFilter* filter, FrameBuffer* target, int plane) {
     filter->sourceTexture = source->GetTextureId();
     filter->BindWholeTarget(target);
@@ -27,11 +26,10 @@ bool readBack(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst) {
   engine->stage = 0;
   convert(engine->rgbToYuv[0], engine->lumaOutput, 0);
   engine->stage = 1;
-  const bool lumaRead = engine->lumaOutput->ReadPixelsAsync(engine->readBackFrame, mode);
+  const bool lumaRead = readImage(engine->lumaOutput, engine->readBackFrame);
   convert(engine->rgbToYuv[1], engine->chromaOutput, chromaUFirst != 0 ? 2 : 1);
   engine->stage = 2;
-  const bool chromaRead = engine->chromaOutput->ReadPixelsAsync(engine->readBackFrame + engine->lumaSize, mode);
-  engine->firstFrameDone = 1;
+  const bool chromaRead = readImage(engine->chromaOutput, engine->readBackFrame + engine->lumaSize);
   return lumaRead && chromaRead;
 }
 
@@ -67,6 +65,7 @@ void deliver(_KRGPUEngine* engine, const unsigned char* bytes) {
   const HandOver& handOver = engine->handOver;
   Lock lock(*handOver.frameMutex);
   const bool current = countDelivered(handOver, engine->frameSequence);
+  if (current && handOver.notes != nullptr) handOver.notes->missed = bytes == nullptr;
   if (current && bytes != nullptr) {
     std::memcpy(handOver.outputBuffer, bytes, engine->lumaSize + engine->lumaSize / 2);
   }
@@ -76,10 +75,16 @@ void deliver(_KRGPUEngine* engine, const unsigned char* bytes) {
   if (handOver.syncWithCaller == 1) handOver.callerSignal->raise(current ? 1 : -1);
 }
 
+bool readImage(FrameBuffer* image, unsigned char* bytes) {
+  forgetGLErrors();
+  image->StartReadPixels();
+  return glGetError() == GL_NO_ERROR && image->FinishReadPixels(bytes);
+}
+
 void noteReadBack(_KRGPUEngine* engine, bool complete) {
   constexpr int kMostFailures = 8;  // a quarter of a second of a camera's frames
   if (!complete && engine->failedReadBacks == 0)
-    NOXEL_LOG_ERROR("glMapBufferRange failed: the frame is not handed over");
+    NOXEL_LOG_ERROR("glReadPixels or glMapBufferRange failed: the frame is not handed over");
   engine->failedReadBacks = complete ? 0 : engine->failedReadBacks + 1;
   if (engine->failedReadBacks == kMostFailures) loseContext(engine);
 }
@@ -92,6 +97,10 @@ void ReadBackYuv(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst) {
   // Into a buffer of our own, so that frameMutex is never held over the wait for the GPU and a half-read frame stays here.
   const bool complete = readBack(engine, source, chromaUFirst);
   noteReadBack(engine, complete);
+  if (!complete) {  // what the rings hold of this frame is another's, or half of it
+    engine->lumaOutput->RestartReadBack();
+    engine->chromaOutput->RestartReadBack();
+  }
   deliver(engine, complete ? engine->readBackFrame : nullptr);
 }
 

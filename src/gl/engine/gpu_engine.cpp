@@ -113,7 +113,7 @@ bool LoadShaders(_KRGPUEngine* engine) {
   const char* directory = platform::programCacheDirectory();
   if (directory[0] == '\0') directory = nullptr;
   engine->lowLight->syncMode = isRgbaMode(*engine);
-  bool complete = engine->lowLight->setupPrograms(directory);
+  bool complete = engine->lowLight->setupPrograms(directory) && engine->lowLight->drawsEverything();
   if (!isRgbaMode(*engine)) {
     complete = engine->bilateral->setupPrograms(directory) && complete;
     complete = engine->yuvToRgb->setupPrograms(directory) && complete;
@@ -222,7 +222,6 @@ void DestroyGPUEngine(_KRGPUEngine** handle) {
 
 void resetFirstFrame(_KRGPUEngine* engine) {
   if (engine == nullptr) return;
-  engine->firstFrameDone = 0;
   engine->stage = 0;
   if (engine->lumaOutput != nullptr) engine->lumaOutput->RestartReadBack();
   if (engine->chromaOutput != nullptr) engine->chromaOutput->RestartReadBack();

@@ -23,7 +23,8 @@ namespace noxel {
 // What the frame delivered last tells of its making. Belongs to the engine record; under frameMutex but where it says
 // otherwise.
 struct DeliveryNotes {
-  double gpuMs = 0.0;  // of the GPU thread, from prepareFrame to delivery; a wait for the caller counts
+  bool missed = false;  // it could not be read back: the output buffer holds an older one
+  double gpuMs = 0.0;   // of the GPU thread, from prepareFrame to delivery; a wait for the caller counts
 
   // The ghost mask, for a person who asks why the picture looks as it does.
   std::atomic<int> captureMask = 0;     // 1: release/acquire, once the buffers stand
@@ -105,7 +106,6 @@ struct _KRGPUEngine {
   unsigned char* readBackFrame = nullptr;  // owned; a frame is whole here before it meets the output buffer
   size_t lumaSize = 0;                     // width * height
   int failedReadBacks = 0;                 // since the last good one
-  int firstFrameDone = 0;                  // 0: the next read-back is synchronous
   int stage = 0;                           // of the read-back: 1 after the luma pass, 2 after the chroma pass
 
   // The current frame.
@@ -190,6 +190,10 @@ void deliver(_KRGPUEngine* engine, const unsigned char* bytes);
 
 // Converts the finished picture to NV21 (or U before V) and delivers what the read-back ring has.
 void ReadBackYuv(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst);
+
+// Reads the bound framebuffer's whole image back, and copies the oldest that the ring holds since its last restart. False,
+// and `bytes` as they were or half a picture, when GL failed.
+bool readImage(FrameBuffer* image, unsigned char* bytes);
 
 // A read-back that fails is said once; one that goes on failing is a context that is lost, as is a swap that says so. Such
 // an engine is not ready any more: a frame as it came is better than the same old one for ever.

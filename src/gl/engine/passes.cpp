@@ -291,7 +291,8 @@ void processInPlace(_KRGPUEngine* engine, unsigned char* frame, const InPlacePar
   if (detail == nullptr) return;
   filter->BindWholeTarget(output);
   detail->draw(4);
-  noteReadBack(engine, output->ReadPixelsAsync(frame, 1));
+  output->RestartReadBack();  // this frame, and no other
+  noteReadBack(engine, readImage(output, frame));
   engine->texturesLoaded = 0;
 }
 

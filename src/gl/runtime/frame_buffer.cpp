@@ -136,12 +136,13 @@ void FrameBuffer::StartReadPixels() {
 bool FrameBuffer::copyPackBuffer(int index, unsigned char* dst) {
   glBindBuffer(GL_PIXEL_PACK_BUFFER, packBuffers[index]);
   const void* mapped = glMapBufferRange(GL_PIXEL_PACK_BUFFER, 0, packBufferSize, GL_MAP_READ_BIT);
+  bool copied = false;
   if (mapped != nullptr) {
     std::memcpy(dst, mapped, static_cast<size_t>(packBufferSize));
-    glUnmapBuffer(GL_PIXEL_PACK_BUFFER);
+    copied = glUnmapBuffer(GL_PIXEL_PACK_BUFFER) == GL_TRUE;  // else the driver lost the contents meanwhile
   }
   glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
-  return mapped != nullptr;
+  return copied;
 }
 
 bool FrameBuffer::ReadPixelsAsync(unsigned char* dst, int mode) {

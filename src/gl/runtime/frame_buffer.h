@@ -37,7 +37,7 @@ class FrameBuffer {
 
   // Starts the read-back of the bound framebuffer's whole image (RGBA) into the next pack buffer and copies a finished one
   // to `dst`: with mode 1 the image just started (blocks), otherwise the oldest in the ring, count - 1 calls old once the
-  // ring is full. False, and `dst` untouched, when the buffer could not be mapped or there is none.
+  // ring is full. False when the buffer could not be mapped or there is none, `dst` untouched then, or when its contents were lost.
   bool ReadPixelsAsync(unsigned char* dst, int mode);
 
   // The halves of ReadPixelsAsync for a caller with work to do between them. MapReadPixels leaves the oldest buffer mapped

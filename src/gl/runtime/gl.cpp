@@ -15,4 +15,10 @@ bool checkGLError(const char* file, int line, const char* function) {
   return false;
 }
 
+void forgetGLErrors() {
+  constexpr int kMost = 16;  // a lost context never runs out of errors
+  for (int i = 0; i < kMost && glGetError() != GL_NO_ERROR; ++i) {
+  }
+}
+
 }  // namespace noxel

@@ -150,8 +150,7 @@ int Program::LoadBinary(const char* path) {
   if (linked == GL_TRUE) return 1;
   NOXEL_LOG_VERBOSE("glProgramBinary refused what is stored:\n\t%s\n", path);
   // A driver update makes old binaries foreign; what it says about them is no error of ours.
-  for (int i = 0; i < 16 && glGetError() != GL_NO_ERROR; ++i) {  // a lost context never runs out of errors
-  }
+  forgetGLErrors();
   glDeleteProgram(id);
   id = 0;
   return 0;
