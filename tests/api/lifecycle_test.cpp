@@ -1,8 +1,4 @@
-#include <dirent.h>
 #include <gtest/gtest.h>
-
-#include <algorithm>
-#include <thread>
 
 #include "api/properties.h"
 #include "platform/log.h"
@@ -12,36 +8,6 @@
 
 namespace noxel {
 namespace {
-
-int liveThreads() {
-  int count = 0;
-  DIR* tasks = opendir("/proc/self/task");
-  while (const dirent* entry = readdir(tasks)) count += entry->d_name[0] != '.' ? 1 : 0;
-  closedir(tasks);
-  return count;
-}
-
-// Detached jobs and the driver's own threads end a moment after the engine has.
-int settledThreads(int expected) {
-  for (int i = 0; i < 200 && liveThreads() > expected; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  return liveThreads();
-}
-
-TEST(Lifecycle, HundredsOfEnginesComeAndGoWithFramesStillOnTheirWay) {
-  const LogCapture log;
-  Frame frame(16, 8);
-  int threads = 0;
-  for (int i = 0; i < 200; ++i) {
-    _KRSuperResEngine* engine = nullptr;
-    ASSERT_EQ(Noxel_Initialize(16, 8, &engine), 0);
-    for (int n = 0; n < i % 4; ++n) ASSERT_EQ(Noxel_ProcessFrame(frame.bytes.data(), engine), 0);
-    _KRSuperResEngine* const before = engine;
-    ASSERT_EQ(Noxel_Release(&engine), 0);
-    ASSERT_EQ(engine, before);
-    if (i == 20) threads = settledThreads(0);
-  }
-  EXPECT_LE(settledThreads(threads), threads);
-}
 
 TEST(Lifecycle, ReleasedAndForeignHandlesAreRefused) {
   const LogCapture log;
