@@ -1,11 +1,8 @@
 // Every call that can fail, failing, in the life of an engine.
-#include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <thread>
 
@@ -15,6 +12,7 @@
 #include "support/log_capture.h"
 #include "support/temporary_directory.h"
 #include "support/test_engine.h"
+#include "support/watchdog.h"
 
 namespace noxel {
 namespace {
@@ -130,17 +128,10 @@ struct Life {
 constexpr int kFrames = 10;
 constexpr int kBreak = 6;  // a frame as dark as the first: an output that is never written shows one level only
 
-char whatHangs[200];
-
-void tellWhatHangs(int) {
-  (void)!write(STDERR_FILENO, whatHangs, std::strlen(whatHangs));
-  _exit(3);
-}
-
 // Initialise, frames, a parameter changed, a break, frames, release. `levels` null: whatever comes is taken down.
 Life live(const Setting& setting, const Levels* levels) {
   constexpr unsigned kLongestLifeSeconds = 60;  // a sanitizer on a busy machine takes seconds
-  alarm(kLongestLifeSeconds);
+  watch(kLongestLifeSeconds);
   TestClock clock;
   FakeWindow window(kWidth, kHeight);
   auto* const marker = reinterpret_cast<_KRSuperResEngine*>(uintptr_t{8});
@@ -214,7 +205,6 @@ class FaultWalk : public ::testing::TestWithParam<std::tuple<Setting, FaultRow>>
 TEST_P(FaultWalk, LosesNothingAndSaysWhatFailed) {
   const Setting setting = std::get<0>(GetParam());
   const FaultRow row = std::get<1>(GetParam());
-  signal(SIGALRM, tellWhatHangs);
   const TemporaryDirectory folder;
   int cold = 0;
   const auto freshCache = [&] {
@@ -256,7 +246,7 @@ TEST_P(FaultWalk, LosesNothingAndSaysWhatFailed) {
       std::string failed;
       {
         const FaultInjection fault(row.fault, nth, lasting);
-        std::snprintf(whatHangs, sizeof(whatHangs), "hangs: %s, call %d, %s\n", row.name, nth,
+        std::snprintf(watchedFor, sizeof(watchedFor), "hangs: %s, call %d, %s\n", row.name, nth,
                       lasting == Lasting::kOnce ? "once" : "from then on");
         live(setting, &levels);
         if (fault.failedCall() == nullptr) continue;  // calls that depend on how threads meet
@@ -280,7 +270,7 @@ TEST_P(FaultWalk, LosesNothingAndSaysWhatFailed) {
   const LogCapture log;
   freshCache();
   EXPECT_TRUE(live(setting, &levels).ready) << "after all faults: " << log.text();
-  alarm(0);
+  watch(0);
   RecordProperty("injected", injected);
   std::printf("%d faults in %d calls\n", injected, calls);
 }

@@ -1,20 +1,17 @@
 // Random schedules: two callers, a setter of parameters, and a keeper that releases and makes engines, all at once. Under
 // ThreadSanitizer this is where a race shows. NOXEL_SCHEDULES: how many seeds, NOXEL_FIRST_SEED: which is the first.
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <random>
 #include <thread>
 
 #include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/test_engine.h"
+#include "support/watchdog.h"
 
 namespace noxel {
 namespace {
@@ -228,8 +225,6 @@ class Schedule {
   std::atomic<int> numbersNew = 0;
 };
 
-char whichSeed[64];
-
 TEST(Schedules, EndWithNothingTornLostOrLeft) {
   const auto number = [](const char* name, int otherwise) {
     const char* const text = std::getenv(name);
@@ -237,14 +232,10 @@ TEST(Schedules, EndWithNothingTornLostOrLeft) {
   };
   const int first = number("NOXEL_FIRST_SEED", 1);
   const int seeds = number("NOXEL_SCHEDULES", 8);
-  signal(SIGALRM, [](int) {
-    (void)!write(STDERR_FILENO, whichSeed, std::strlen(whichSeed));
-    _exit(3);
-  });
   int frames = 0, compared = 0, progressed = 0;
   for (int seed = first; seed < first + seeds; ++seed) {
-    std::snprintf(whichSeed, sizeof(whichSeed), "seed %d does not end\n", seed);
-    alarm(120);  // a sanitizer on a busy machine takes seconds
+    std::snprintf(watchedFor, sizeof(watchedFor), "seed %d does not end\n", seed);
+    watch(120);  // a sanitizer on a busy machine takes seconds
     const LogCapture log;
     Schedule schedule(static_cast<unsigned>(seed));
     schedule.run();
@@ -254,7 +245,7 @@ TEST(Schedules, EndWithNothingTornLostOrLeft) {
     EXPECT_EQ(settledHeld({}), Held{});
     if (HasFailure()) FAIL() << "seed " << seed << "\n" << log.text();
   }
-  alarm(0);
+  watch(0);
   EXPECT_GT(frames, 0);
   if (driverRequired()) {
     EXPECT_GT(compared, frames / 4);
