@@ -26,6 +26,7 @@
 #include "platform/egl_display.h"
 #include "platform/frame_clock.h"
 #include "platform/log.h"
+#include "support/temporary_directory.h"
 
 namespace noxel {
 namespace {
@@ -343,30 +344,6 @@ void startOnce(const char* programCache) {
   std::printf("%f %f\n", initialiseMs, millisecondsSince(start));
 }
 
-class TemporaryDirectory {
- public:
-  TemporaryDirectory() {
-    std::string name = (std::filesystem::temp_directory_path() / "noxel-bench-XXXXXX").string();
-    if (mkdtemp(name.data()) == nullptr) fail("no temporary directory");
-    directory = name;
-  }
-  ~TemporaryDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(directory, ignored);
-  }
-  TemporaryDirectory(const TemporaryDirectory&) = delete;
-  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-
-  // Makes a directory in it. Programs are kept under names with the directory as prefix, so its name ends in a slash.
-  std::string make(const std::string& name) const {
-    std::filesystem::create_directory(directory / name);
-    return (directory / name).string() + "/";
-  }
-
- private:
-  std::filesystem::path directory;
-};
-
 void startSection() {
   constexpr int kRounds = 5;
   const char* disabled = std::getenv("MESA_SHADER_CACHE_DISABLE");
@@ -393,16 +370,19 @@ void startSection() {
   size_t files = 0;
   for (int round = 0; round < kRounds; ++round) {
     const TemporaryDirectory directory;
-    const std::string keptPrograms = directory.make("programs");
-    const std::string keptMesa = directory.make("mesa");
+    const auto make = [&directory](const std::string& name) {
+      std::filesystem::create_directory(directory.file(name));
+      return directory.file(name);
+    };
+    const std::string keptPrograms = make("programs");
+    const std::string keptMesa = make("mesa");
     runAgain({"start-once", keptPrograms}, keptMesa);
     files = static_cast<size_t>(std::distance(std::filesystem::directory_iterator(keptPrograms), {}));
     int number = 0;
     for (Case& one : cases) {
       const std::string suffix = std::to_string(number++);
-      const std::string text =
-          runAgain({"start-once", one.programsKept ? keptPrograms : directory.make("programs" + suffix)},
-                   one.mesaKept ? keptMesa : directory.make("mesa" + suffix));
+      const std::string text = runAgain({"start-once", one.programsKept ? keptPrograms : make("programs" + suffix)},
+                                        one.mesaKept ? keptMesa : make("mesa" + suffix));
       double initialiseMs = 0.0;
       double firstFrameMs = 0.0;
       if (std::sscanf(text.c_str(), "%lf %lf", &initialiseMs, &firstFrameMs) != 2) fail("a child said: " + text);

@@ -1,4 +1,4 @@
-// A directory of a test's own, gone with all it holds when the test ends.
+// A directory of a test's or a bench's own, gone with all it holds at the end.
 #pragma once
 
 #include <algorithm>
