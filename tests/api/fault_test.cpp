@@ -164,10 +164,7 @@ Life live(const Setting& setting, const Levels* levels) {
       EXPECT_TRUE(levels->hold(frame, setting)) << "frame " << i << " is damaged";
     }
     life.levels.add(frame, setting);
-    for (int wait = 0; engine->queuedFrames.load() > 0; ++wait) {
-      std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    EXPECT_EQ(engine->queuedFrames.load(), 0);
+    EXPECT_TRUE(drains(engine));
   }
   EXPECT_EQ(releaseEngine(&engine), 0);
   life.drawn = takeDrawnPasses();
@@ -309,10 +306,7 @@ TEST(Stall, OfASwapHoldsTheGpuThreadAndNeverTheCaller) {
       release.join();
       continue;
     }
-    for (int i = 0; i < 2000 && engine->queuedFrames.load() > 0; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    EXPECT_EQ(engine->queuedFrames.load(), 0);
+    EXPECT_TRUE(drains(engine));
     EXPECT_EQ(releaseEngine(&engine), 0);
   }
   EXPECT_EQ(settledHeld({}), Held{});

@@ -6,7 +6,6 @@
 
 #include "api/frame_conversion.h"
 #include "support/faults.h"
-#include "support/log_capture.h"
 #include "support/test_engine.h"
 
 namespace noxel {
@@ -107,7 +106,7 @@ TEST_P(Roads, SynchronousFramesAreEachTheirOwnAcrossBreaks) {
       const bool reset = random() % 10 == 0;
       if (reset) engine.clock.advance(2000);
       if (reset || i == 0) given.clear();
-      given.push_back(20 + i % 200);
+      given.push_back(20 + 3 * i % 200);
       Frame frame(16, 8, static_cast<unsigned char>(given.back()));
       ASSERT_EQ(engine.process(&frame), 0);
       // Each slot beyond the first holds a copy of the sequence's first frame in front of it.
@@ -117,30 +116,6 @@ TEST_P(Roads, SynchronousFramesAreEachTheirOwnAcrossBreaks) {
       ASSERT_LE(engine.handle->queuedFrames.load(), ringSlots);
     }
   }
-}
-
-// The set-up of the C interface: frames come back late, never torn, and in order.
-TEST_P(Roads, PipelinedFramesComeBackInOrder) {
-  TestEngine engine(16, 8, {.mode = GetParam().mode, .ringSlots = 2, .outputDelay = 2, .syncWithCaller = 0});
-  NOXEL_NEEDS_GL(engine);
-  GetParam().takenBy(&engine);
-  Frame first(16, 8, 20);  // the driver compiles with it
-  engine.process(&first);
-  for (int i = 0; i < 4000 && engine.handle->queuedFrames.load() > 0; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  int last = 0;
-  for (int i = 0; i < 200; ++i) {
-    Frame frame(16, 8, static_cast<unsigned char>(20 + i));
-    ASSERT_EQ(engine.process(&frame), 0);
-    const int seen = frame.luma(0, 0);
-    ASSERT_TRUE(std::all_of(frame.bytes.begin(), frame.bytes.begin() + 128, [&](int v) { return v == seen; }));
-    ASSERT_GE(seen + 1, last) << "frame " << i;
-    ASSERT_LE(seen, 20 + i + 1);
-    last = seen;
-    if (i % 3 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  EXPECT_GT(last, 30) << "nothing was ever delivered";
 }
 
 TEST_P(Roads, BreaksWhileTheGpuIsStalledLeaveTheRingWhole) {
@@ -165,40 +140,54 @@ TEST_P(Roads, BreaksWhileTheGpuIsStalledLeaveTheRingWhole) {
     }
   }
   // Drained, the output is the newest sequence's: nothing from before a break was written over it.
-  for (int i = 0; i < 400 && engine.handle->queuedFrames.load() > 0; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  EXPECT_EQ(engine.handle->queuedFrames.load(), 0);
+  EXPECT_TRUE(drains(engine.handle));
   Frame probe(16, 8, 150);
   engine.process(&probe);
   EXPECT_NEAR(probe.luma(3, 3), 69, 1);
 }
 
-TEST(Intake, ReleaseWakesACallerThatWaitsForItsFrame) {
-  const TestClock clock;
-  _KRSuperResEngine* engine = nullptr;
-  ASSERT_EQ(initializeEngine(16, 8, kModeEnhance, 1, 1, 1, nullptr, &engine), 0);
-  if (!engineReady(engine)) {
-    releaseEngine(&engine);
-    if (driverRequired()) FAIL() << "no usable GL driver";
-    GTEST_SKIP() << "no usable GL driver";
+TEST(Intake, SlotsAreReadInTurnAndNoneIsFilledWhileItIsRead) {
+  TestEngine engine(16, 8, {.mode = kModeNeutralExposure, .ringSlots = 2, .outputDelay = 2, .syncWithCaller = 0});
+  NOXEL_NEEDS_GL(engine);
+  for (int i = 0; i < 7; ++i) {
+    Frame frame(16, 8, static_cast<unsigned char>(20 + 30 * i));
+    engine.process(&frame);
+    ASSERT_TRUE(drains(engine.handle));
+    EXPECT_NEAR(frame.luma(7, 3), 20 + 30 * std::max(i - 2, 0), 1) << "frame " << i;  // the delay is two
   }
+  engine.clock.advance(2000);  // the break goes back to the first slot, which a job of the old sequence may still read
+  unsigned char* const read = engine.handle->frameBuffers[0];
+  const std::vector<unsigned char> before(read, read + frameSize(16, 8));
+  {
+    Lock lock(frameMutex);
+    engine.handle->bufferBeingRead = read;
+  }
+  Frame next(16, 8, 250);
+  engine.process(&next);
+  ASSERT_TRUE(drains(engine.handle));
+  EXPECT_TRUE(std::equal(before.begin(), before.end(), read));
+}
+
+TEST(Intake, ReleaseWakesACallerThatWaitsForItsFrame) {
+  TestEngine engine(16, 8);
+  NOXEL_NEEDS_GL(engine);
   std::atomic<bool> returned = false;
   std::thread release;
   {
     const StalledGpu stall;
     std::thread caller([&] {
       Frame frame(16, 8);
-      EXPECT_EQ(KRProcessFrame(frame.bytes.data(), engine), 0);
+      EXPECT_EQ(KRProcessFrame(frame.bytes.data(), engine.handle), 0);
       returned = true;
     });
     ASSERT_TRUE(stall.isHolding());
     EXPECT_FALSE(returned);
-    release = std::thread([&] { EXPECT_EQ(releaseEngine(&engine), 0); });
+    release = std::thread([&] { EXPECT_EQ(releaseEngine(&engine.handle), 0); });
     caller.join();  // while the GPU still stands
     EXPECT_TRUE(returned);
   }
   release.join();
+  engine.handle = nullptr;
 }
 
 TEST(Intake, AFailedMapLosesOneFrameAndManyTheContext) {

@@ -63,22 +63,6 @@ TEST(Lifecycle, SizesThatFitNoTileAreSafe) {
   }
 }
 
-TEST(Lifecycle, OneEngineEndsWhileTheOtherRuns) {
-  TestEngine staying(32, 16, {.mode = kModeNeutralExposure});
-  NOXEL_NEEDS_GL(staying);
-  staying.set(kParamNoiseReductionStrength, 0);
-  for (int round = 0; round < 3; ++round) {
-    {
-      TestEngine leaving(16, 8);
-      Frame frame(16, 8);
-      leaving.process(&frame);
-    }
-    Frame frame(32, 16, static_cast<unsigned char>(100 + round));
-    ASSERT_EQ(staying.process(&frame), 0);
-    EXPECT_NEAR(frame.luma(9, 9), 100 + round, 1) << "the first engine lost its context in round " << round;
-  }
-}
-
 TEST(Properties, AFailedLookupIsTriedAgainAndAGoodOneKept) {
   const LogCapture log;
   static int opened;

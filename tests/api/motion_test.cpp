@@ -1,7 +1,6 @@
 // Whole frames through a whole engine with its own tracker.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <vector>
 
 #include "support/test_engine.h"

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
-#include <cstring>
 
 #include "platform/log.h"
 #include "support/log_capture.h"
@@ -132,8 +132,6 @@ TEST(Timer, MeasuresSpans) {
   EXPECT_EQ(KRTimerElapsed(&timer), stopped);
   KRTimerReset(&timer);
   EXPECT_GE(KRTimerElapsed(&timer), stopped) << "a timer that was reset runs from time 0";
-  EXPECT_EQ(stopWatch("x", 7), 0);
-  EXPECT_EQ(pauseWatch(), 0);
 }
 
 }  // namespace

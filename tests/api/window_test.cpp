@@ -95,13 +95,15 @@ class Window : public ScreenTest {
     if (!IsSkipped() && !HasFatalFailure()) video_.emplace();
   }
 
-  bool comesToShow(const SdlWindow& window, const std::function<bool(const Picture&)>& wanted,
-                   const std::function<void()>& everyTurn) {
+  // Frames handed over until the window is filled, at the width it has been given.
+  static bool comesToShow(const SdlWindow& window, Chroma chroma, std::initializer_list<Stream*> streams,
+                          int width = kWidth) {
     return eventually([&] {
       SDL_PumpEvents();
-      everyTurn();
+      for (Stream* stream : streams) EXPECT_EQ(stream->process(), 0);
       std::this_thread::sleep_for(kCameraInterval);
-      return wanted(screen->capture(window.id()));
+      const Picture seen = screen->capture(window.id());
+      return seen.width == width && isFilledWith(seen, chroma);
     });
   }
 
@@ -116,22 +118,14 @@ TEST_F(Window, TwoEnginesShowTheirOwnPicturesAndLeaveTheFramesAlone) {
   Stream red(left, kReddish);
   Stream blue(right, kBluish);
   ASSERT_TRUE(red.ready() && blue.ready());
-  const auto feed = [&] {
-    EXPECT_EQ(red.process(), 0);
-    EXPECT_EQ(blue.process(), 0);
-  };
-  EXPECT_TRUE(comesToShow(
-      left, [](const Picture& seen) { return isFilledWith(seen, kReddish); }, feed));
-  EXPECT_TRUE(comesToShow(
-      right, [](const Picture& seen) { return isFilledWith(seen, kBluish); }, feed));
+  EXPECT_TRUE(comesToShow(left, kReddish, {&red, &blue}));
+  EXPECT_TRUE(comesToShow(right, kBluish, {&red, &blue}));
   EXPECT_EQ(red.frame(), flatFrame(kReddish));
 
   // The display is shared: the end of one engine must not take the other's context along.
   EXPECT_EQ(red.release(), 0);
   SDL_SetWindowSize(right.get(), kWidth + 20, kHeight + 20);
-  EXPECT_TRUE(comesToShow(
-      right, [](const Picture& seen) { return seen.width == kWidth + 20 && isFilledWith(seen, kBluish); },
-      [&] { EXPECT_EQ(blue.process(), 0); }));
+  EXPECT_TRUE(comesToShow(right, kBluish, {&blue}, kWidth + 20));
 }
 
 TEST_F(Window, MayHaveNoAlpha) {
@@ -140,9 +134,7 @@ TEST_F(Window, MayHaveNoAlpha) {
   Stream stream(window, kBluish);
   windowsHaveNoAlpha = false;
   ASSERT_TRUE(stream.ready());
-  EXPECT_TRUE(comesToShow(
-      window, [](const Picture& seen) { return isFilledWith(seen, kBluish); },
-      [&] { EXPECT_EQ(stream.process(), 0); }));
+  EXPECT_TRUE(comesToShow(window, kBluish, {&stream}));
 }
 
 TEST_F(Window, IsFilledAtEachSizeItTakes) {
@@ -151,11 +143,7 @@ TEST_F(Window, IsFilledAtEachSizeItTakes) {
   ASSERT_TRUE(stream.ready());
   for (const auto& [width, height] : {std::array{200, 90}, {31, 77}, {3, 3}, {kWidth, kHeight}}) {
     SDL_SetWindowSize(window.get(), width, height);
-    EXPECT_TRUE(comesToShow(
-        window,
-        [&, wanted = width](const Picture& seen) { return seen.width == wanted && isFilledWith(seen, kReddish); },
-        [&] { EXPECT_EQ(stream.process(), 0); }))
-        << width << " x " << height;
+    EXPECT_TRUE(comesToShow(window, kReddish, {&stream}, width)) << width << " x " << height;
   }
 }
 
@@ -164,10 +152,7 @@ TEST_F(Window, EachModeDrawsIntoIt) {
     const SdlWindow window("mode", {kWidth, kHeight});
     Stream stream(window, kReddish, mode, lightMode);
     ASSERT_TRUE(stream.ready());
-    EXPECT_TRUE(comesToShow(
-        window, [](const Picture& seen) { return isFilledWith(seen, kReddish); },
-        [&] { EXPECT_EQ(stream.process(), 0); }))
-        << "mode " << mode << ", light mode " << lightMode;
+    EXPECT_TRUE(comesToShow(window, kReddish, {&stream})) << "mode " << mode << ", light mode " << lightMode;
   }
 }
 
@@ -195,9 +180,7 @@ TEST_F(Window, DestroyedUnderARunningEngineDoesNoHarm) {
   const SdlWindow window("next", {kWidth, kHeight});
   Stream stream(window, kReddish);
   ASSERT_TRUE(stream.ready()) << "the driver is as good as before";
-  EXPECT_TRUE(comesToShow(
-      window, [](const Picture& seen) { return isFilledWith(seen, kReddish); },
-      [&] { EXPECT_EQ(stream.process(), 0); }));
+  EXPECT_TRUE(comesToShow(window, kReddish, {&stream}));
 }
 
 }  // namespace

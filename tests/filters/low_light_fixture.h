@@ -1,7 +1,6 @@
 // The main filter on a GL context, all programs built, its log watched.
 #pragma once
 
-#include <memory>
 #include <optional>
 
 #include "filters/filter_fixture.h"

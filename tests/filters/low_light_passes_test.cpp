@@ -68,13 +68,9 @@ TEST_F(LowLightPasses, BicubicLumaFollowsTheSpline) {
   const Planes planes(64, 48);
   use(planes);
   useWarp(kWarp);
-  const Picture expected = toPicture(bicubicYuvToRgb(planes.luma, planes.chroma, kWarp, {64, 48}));
   // The spline's four bilinear samples and the chroma sample err by a code each at most, and mostly not at once.
-  EXPECT_TRUE(closeTo(draw(kPassBicubicYuv, 64, 48), expected, 3, 0.97, 1));
-
-  // A spline smooths: against plain bilinear luma the same picture is far off.
-  const Picture bilinear = toPicture(yuvToRgb(planes.luma, planes.chroma, kWarp, {1, 1}, {64, 48}));
-  EXPECT_GT(compare(bilinear, expected, 0).largest, 20);
+  EXPECT_TRUE(closeTo(draw(kPassBicubicYuv, 64, 48),
+                      toPicture(bicubicYuvToRgb(planes.luma, planes.chroma, kWarp, {64, 48})), 3, 0.97, 1));
 }
 
 TEST_F(LowLightPasses, ToneIsGainThenExponent) {
@@ -200,27 +196,6 @@ TEST_F(LowLightPasses, HighlightsDecayTowardsTheCurrentFrame) {
   EXPECT_NEAR(actual.at(0, 0, 0), 255 - 0.005 * 255, 1);
   EXPECT_NEAR(actual.at(1, 0, 0), 242 - 10 * (0.95 - 0.999 * 242 / 255) * 255, 1);
   EXPECT_EQ(actual.at(2, 0, 0), 50);
-}
-
-TEST_F(LowLightPasses, EdgeAwareSmoothingFollowsItsOffsets) {
-  const Picture picture = noisyPicture(40, 30, 18);
-  const TestTexture source(picture);
-  const Image image(40, 30, picture.rgba);
-  TestTarget intermediate(40, 30);
-  TestTarget target(40, 30);
-  state.sourceTexture = source.GetId();
-  state.intermediateFrameBuffer = &intermediate;
-  state.targetFrameBuffer = &target;
-  state.viewportWidth = 40;
-  state.viewportHeight = 30;
-  state.noiseReduction = 65;
-  state.passCode = kPassEdgeAware;
-  filter.drawPass(true);
-
-  const Image first = edgeAware(image, image, 3, 1);
-  // One code in the first pass; the second adds its own to what it takes over.
-  EXPECT_TRUE(closeTo(intermediate.read(), toPicture(first), 1));
-  EXPECT_TRUE(closeTo(target.read(), toPicture(edgeAware(first, image, 1, 0.65)), 2));
 }
 
 TEST_F(LowLightPasses, TestPatternIsAGridOfDiamonds) {

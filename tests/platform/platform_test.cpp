@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,27 +21,18 @@ namespace {
 class EnvironmentVariable {
  public:
   EnvironmentVariable(const char* variable, const char* value) : name(variable) {
-    const char* found = std::getenv(variable);
-    wasSet = found != nullptr;
-    if (wasSet) before = found;
+    if (const char* found = std::getenv(variable)) before = found;
     put(value);
   }
-  ~EnvironmentVariable() { put(wasSet ? before.c_str() : nullptr); }
+  ~EnvironmentVariable() { put(before ? before->c_str() : nullptr); }
   EnvironmentVariable(const EnvironmentVariable&) = delete;
   EnvironmentVariable& operator=(const EnvironmentVariable&) = delete;
 
  private:
-  void put(const char* value) const {
-    if (value != nullptr) {
-      setenv(name, value, 1);
-    } else {
-      unsetenv(name);
-    }
-  }
+  void put(const char* value) const { value != nullptr ? setenv(name, value, 1) : unsetenv(name); }
 
   const char* name;
-  bool wasSet;
-  std::string before;
+  std::optional<std::string> before;
 };
 
 PropertyGet hostPropertyGet() {
@@ -78,16 +70,6 @@ TEST(Properties, OtherLibrariesAreNotThere) {
   EXPECT_STRNE(libraries.lastError(), "");
   EXPECT_EQ(libraries.symbol(libraries.open("libcutils.so"), "property_set"), nullptr);
   EXPECT_EQ(libraries.symbol(nullptr, "property_get"), nullptr);
-}
-
-TEST(Properties, TheTableCanBeReplaced) {
-  const DynamicLibraries none = {[](const char*) -> void* { return nullptr; },
-                                 [](void*, const char*) -> void* { return nullptr; }, [] { return "gone"; }};
-  setDynamicLibraries(&none);
-  EXPECT_EQ(dynamicLibraries().open("libcutils.so"), nullptr);
-  EXPECT_STREQ(dynamicLibraries().lastError(), "gone");
-  setDynamicLibraries(nullptr);
-  EXPECT_NE(dynamicLibraries().open("libcutils.so"), nullptr);
 }
 
 class Log : public ::testing::Test {
@@ -161,13 +143,7 @@ TEST_F(CacheDirectory, ATextTooLongIsRefused) {
   EXPECT_EQ(programCacheDirectory(), longest);
 }
 
-TEST(FrameClock, IsTheTimeOfDayUnlessReplaced) {
-  TimeOfDay fixed = {12, 345678};
-  setFrameClock([](void* context) { return *static_cast<TimeOfDay*>(context); }, &fixed);
-  EXPECT_EQ(frameTime().seconds, 12);
-  EXPECT_EQ(frameTime().microseconds, 345678);
-
-  setFrameClock(nullptr, nullptr);
+TEST(FrameClock, IsTheTimeOfDay) {
   timeval before = {};
   gettimeofday(&before, nullptr);
   const TimeOfDay now = frameTime();

@@ -99,22 +99,6 @@ TEST(PathFilter, IsSetBackInPlace) {
   for (int i = 0; i < 9; ++i) EXPECT_EQ(path.stabilizationMatrix[i], i % 4 == 0 ? 1.0f : 0.0f);
 }
 
-TEST(CameraPath, AConstantDriftIsFollowedWithinTheLimits) {
-  Path path;
-  const float similarity[4] = {7, -4, 0.006f, 0.03f};
-  for (int frame = 0; frame < 200; ++frame) {
-    ASSERT_TRUE(stepStabilization(&path, similarity));
-    for (int i = 0; i < kPathValues; ++i) {
-      // The level is clamped and stored in single precision, of a path that is 1400 pixels long at the end.
-      const double distance = std::fabs(double(path.smoothedPath[i]) - path.rawPath[i]);
-      EXPECT_LE(distance, kLimits[i] + 2e-7 * std::fabs(path.rawPath[i])) << "value " << i << ", frame " << frame;
-    }
-  }
-  EXPECT_NEAR(path.rawPath[0], 1400, 1e-3);
-  EXPECT_NEAR(path.rawPath[2], 200 * std::atan2(0.03, 1.006), 1e-4);
-  EXPECT_NEAR(path.rawPath[3], std::pow(std::hypot(1.006, 0.03), 200), 1e-3);
-}
-
 TEST(CameraPath, WhatCannotBeSmoothedIsRefused) {
   const float nan = std::numeric_limits<float>::quiet_NaN();
   const float similarities[][4] = {{nan, 0, 0, 0}, {0, nan, 0, 0},      {0, 0, nan, 0},  {0, 0, 0, nan},
@@ -136,22 +120,11 @@ TEST(CameraPath, WhatCannotBeSmoothedIsRefused) {
 struct Pose {
   double x = 0, y = 0, angle = 0, scale = 1;
 
-  Motion matrix() const {
+  View matrix() const {
     const double c = scale * std::cos(angle), s = scale * std::sin(angle);
     return {c, s, x, -s, c, y};
   }
 };
-
-Motion product(const Motion& a, const Motion& b) {
-  return {a.m00 * b.m00 + a.m01 * b.m10, a.m00 * b.m01 + a.m01 * b.m11, a.m00 * b.m02 + a.m01 * b.m12 + a.m02,
-          a.m10 * b.m00 + a.m11 * b.m10, a.m10 * b.m01 + a.m11 * b.m11, a.m10 * b.m02 + a.m11 * b.m12 + a.m12};
-}
-
-Motion inverse(const Motion& m) {
-  const double det = m.m00 * m.m11 - m.m01 * m.m10;
-  return {m.m11 / det,  -m.m01 / det, (m.m01 * m.m12 - m.m11 * m.m02) / det,
-          -m.m10 / det, m.m00 / det,  (m.m10 * m.m02 - m.m00 * m.m12) / det};
-}
 
 // A hand's tremor: four sines between 2 and 9 Hz for each value.
 Pose tremor(int frame) {
@@ -168,53 +141,37 @@ Pose tremor(int frame) {
   return {values[0], values[1], values[2], 1 + values[3]};
 }
 
-enum class Fault { kNone, kTurnsTheWrongWay, kMatrixUndone };
-
 // How much of the tremor's second differences, root mean square, is left in the stabilised picture.
-std::array<double, kPathValues> remainingTremor(Fault fault) {
+TEST(CameraPath, TremorIsTakenOutOfThePicture) {
   Path path;
   std::vector<std::array<double, kPathValues>> shaken, stabilized;
-  const auto valuesOf = [](const Motion& m) {
-    return std::array{m.m02, m.m12, std::atan2(m.m01, m.m00), std::hypot(m.m00, m.m01)};
+  const auto valuesOf = [](const View& m) {
+    return std::array{m[2], m[5], std::atan2(m[1], m[0]), std::hypot(m[0], m[1])};
   };
   for (int frame = 0; frame < 600; ++frame) {
-    const Motion now = tremor(frame).matrix();
-    const Motion step = product(now, inverse(tremor(frame - 1).matrix()));
-    Pairs pairs = scattered(step, 60, kWidth, kHeight, 0.0, 8);
+    const View now = tremor(frame).matrix();
+    const View step = composed(now, inverted(tremor(frame - 1).matrix()));
+    const Pairs pairs = scattered(step, 60, kWidth, kHeight, 0.0, 8);
     AffineMatrix fit;
     float similarity[4];
     EXPECT_TRUE(fitAffine(*registrationOf(pairs), &fit));
     EXPECT_TRUE(refineAffine(*registrationOf(pairs), &fit, similarity));
-    if (fault == Fault::kTurnsTheWrongWay) similarity[3] = -similarity[3];
     EXPECT_TRUE(stepStabilization(&path, similarity));
-    const float* m = path.stabilizationMatrix;
-    const Motion correction = {m[0], m[1], m[2], m[3], m[4], m[5]};
+    View correction;
+    std::copy_n(path.stabilizationMatrix, 6, correction.begin());
     shaken.push_back(valuesOf(now));
-    stabilized.push_back(valuesOf(product(fault == Fault::kMatrixUndone ? inverse(correction) : correction, now)));
+    stabilized.push_back(valuesOf(composed(correction, now)));
   }
-  std::array<double, kPathValues> remaining;
   for (size_t i = 0; i < kPathValues; ++i) {
     double before = 0, after = 0;
     for (size_t k = 31; k + 1 < shaken.size(); ++k) {  // after a second of settling
       before += std::pow(shaken[k + 1][i] - 2 * shaken[k][i] + shaken[k - 1][i], 2);
       after += std::pow(stabilized[k + 1][i] - 2 * stabilized[k][i] + stabilized[k - 1][i], 2);
     }
-    remaining[i] = std::sqrt(after / before);
+    // Smoothing passes some alpha / (2 sin(pi f / 30 Hz)) of a sine: 0.12 at 2 Hz and 0.03 at 9 Hz, which weighs most in
+    // second differences, for x and y, and three times that for the others. With a sign that is wrong it is above 1.
+    EXPECT_LT(std::sqrt(after / before), i < 2 ? 0.05 : 0.25) << "value " << i;
   }
-  return remaining;
-}
-
-TEST(CameraPath, TremorIsTakenOutOfThePicture) {
-  const auto remaining = remainingTremor(Fault::kNone);
-  // Smoothing passes some alpha / (2 sin(pi f / 30 Hz)) of a sine: 0.12 at 2 Hz and 0.03 at 9 Hz, which weighs most in
-  // second differences, for x and y, and three times that for the others.
-  EXPECT_LT(remaining[0], 0.05);
-  EXPECT_LT(remaining[1], 0.05);
-  EXPECT_LT(remaining[2], 0.25);
-  EXPECT_LT(remaining[3], 0.25);
-  // The measure sees a sign that is wrong.
-  EXPECT_GT(remainingTremor(Fault::kTurnsTheWrongWay)[2], 1.0);
-  for (const double share : remainingTremor(Fault::kMatrixUndone)) EXPECT_GT(share, 1.0);
 }
 
 }  // namespace

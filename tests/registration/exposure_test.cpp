@@ -42,13 +42,6 @@ Bytes pixelsWithSamples(const Bytes& levels) {
   return pixels;
 }
 
-TEST(LumaStatistics, LooksAtTwoPixelsOfThirtyTwo) {
-  const Statistics actual = statisticsOf(oneRow(pixelsWithSamples({10, 20, 30, 41})));
-  EXPECT_EQ(actual.mean, 25);  // 101 / 4, truncated
-  EXPECT_EQ(actual.maxLevel, 41);
-  EXPECT_EQ(actual.minLevel, 10);
-}
-
 TEST(LumaStatistics, AStandingAlonePixelCountsTwice) {
   // What lies behind the picture is not part of it.
   const Bytes one = {77, 255};
@@ -175,26 +168,6 @@ TEST(Exposure, SettlesAsTheFormulasSay) {
       EXPECT_NEAR(state.smoothedGain, twin.smoothedGain, kTolerance);
       EXPECT_EQ(state.maxLevel, twin.maxLevel);
     }
-  }
-}
-
-TEST(Exposure, StrengthWidensTheLimitsOfTheMainModeAlone) {
-  struct Limit {
-    int mode;
-    int strength;
-    float gamma;
-    float gain;
-  };
-  // A mean of 1 below a brightest level of 20 asks for a gamma of 0.23 and a gain of 12.75: the limits are what
-  // remains.
-  Bytes pixels(64 * 48, 1);
-  pixels[0] = 20;
-  for (const Limit limit : {Limit{1, 0, 0.75f, 1.75f}, Limit{1, 100, 0.65f, 2.75f}, Limit{2, 100, 0.75f, 1.75f}}) {
-    SCOPED_TRACE(testing::Message() << "mode " << limit.mode << ", strength " << limit.strength);
-    ExposureState state;
-    for (int i = 0; i < 100; ++i) updateExposure(&state, {64, 48, pixels.data()}, limit.mode, limit.strength);
-    EXPECT_NEAR(state.smoothedGamma, limit.gamma, 1e-5);  // 0.8^100 of the way is left, and single precision's rounding
-    EXPECT_NEAR(state.smoothedGain, limit.gain, 1e-5);
   }
 }
 

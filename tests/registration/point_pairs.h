@@ -7,24 +7,24 @@
 #include <vector>
 
 #include "registration/registration_state.h"
+#include "registration/registration_thread.h"
+#include "support/waves.h"
 
 namespace noxel {
 
 using Pairs = std::vector<_KRMatch>;
 
-// x' = m00 x + m01 y + m02, y' = m10 x + m11 y + m12.
-struct Motion {
-  double m00 = 1, m01 = 0, m02 = 0;
-  double m10 = 0, m11 = 1, m12 = 0;
+inline bool isIdentity(const float (&matrix)[9]) {
+  return std::equal(matrix, matrix + 9, kIdentity3x3);
+}
 
-  _KRMatch operator()(double x, double y, double offsetX = 0, double offsetY = 0) const {
-    return {static_cast<float>(x), static_cast<float>(y), static_cast<float>(m00 * x + m01 * y + m02 + offsetX),
-            static_cast<float>(m10 * x + m11 * y + m12 + offsetY)};
-  }
-};
+inline _KRMatch moved(const View& m, double x, double y, double offsetX = 0, double offsetY = 0) {
+  return {static_cast<float>(x), static_cast<float>(y), static_cast<float>(m[0] * x + m[1] * y + m[2] + offsetX),
+          static_cast<float>(m[3] * x + m[4] * y + m[5] + offsetY)};
+}
 
 // Points all over the image, with errors of the given standard deviation in each coordinate.
-inline Pairs scattered(const Motion& motion, int count, int width, int height, double deviation, unsigned seed) {
+inline Pairs scattered(const View& motion, int count, int width, int height, double deviation, unsigned seed) {
   std::mt19937 random(seed);
   std::uniform_real_distribution<double> x(0, width);
   std::uniform_real_distribution<double> y(0, height);
@@ -32,7 +32,7 @@ inline Pairs scattered(const Motion& motion, int count, int width, int height, d
   Pairs pairs;
   for (int i = 0; i < count; ++i) {
     const double at[2] = {x(random), y(random)};
-    pairs.push_back(motion(at[0], at[1], deviation * noise(random), deviation * noise(random)));
+    pairs.push_back(moved(motion, at[0], at[1], deviation * noise(random), deviation * noise(random)));
   }
   return pairs;
 }

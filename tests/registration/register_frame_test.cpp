@@ -13,15 +13,7 @@ namespace {
 constexpr int kWidth = 320;
 constexpr int kHeight = 180;
 
-::testing::AssertionResult isIdentity(const float (&matrix)[9]) {
-  for (int i = 0; i < 9; ++i) {
-    if (matrix[i] != (i % 4 == 0 ? 1.0f : 0.0f))
-      return ::testing::AssertionFailure() << "element " << i << " is " << matrix[i];
-  }
-  return ::testing::AssertionSuccess();
-}
-
-constexpr Motion kCalm = {1.01, 0.02, 2.5, -0.015, 0.99, -1.5};
+constexpr View kCalm = {1.01, 0.02, 2.5, -0.015, 0.99, -1.5};
 
 // What a frame is fitted with, for the pairs that the tracker is to have found.
 class FitFrame : public ::testing::Test {
@@ -52,11 +44,11 @@ class FitFrame : public ::testing::Test {
 
 // Pairs whose sums are exact in single precision, so that the fit is too: `back`, previous from current, of targets 10
 // pixels apart in a square around the origin.
-Pairs exactly(const Motion& back) {
+Pairs exactly(const View& back) {
   Pairs pairs;
   for (int i = -2; i <= 2; ++i) {
     for (int k = -2; k <= 2; ++k) {
-      const _KRMatch reversed = back(10 * i, 10 * k);
+      const _KRMatch reversed = moved(back, 10 * i, 10 * k);
       pairs.push_back({reversed.targetX, reversed.targetY, reversed.sourceX, reversed.sourceY});
     }
   }
@@ -108,7 +100,7 @@ TEST_F(FitFrame, KeepsTheBetterHalfWithinLimits) {
 }
 
 TEST_F(FitFrame, FiveMatchesAreFittedAndFourAreNot) {
-  constexpr Motion kBack = {1, 0.1, 1, -0.1, 1, 2};
+  constexpr View kBack = {1, 0.1, 1, -0.1, 1, 2};
   const Pairs square = exactly(kBack);
   const Pairs five = {square[0], square[4], square[12], square[20], square[24]};
   ASSERT_TRUE(fit(five));
@@ -141,25 +133,21 @@ TEST_F(FitFrame, FiveMatchesAreFittedAndFourAreNot) {
 }
 
 TEST_F(FitFrame, AMotionAtTheLimitsIsValidAndOneBeyondResetsThePath) {
-  constexpr Motion kBase = {1, 0.1, 1, -0.1, 1, 2};
+  constexpr View kBase = {1, 0.1, 1, -0.1, 1, 2};
   const struct {
-    double Motion::*entry;
+    size_t entry;
     double limit, beyond;
-  } kLimits[] = {{&Motion::m00, 1.7, 1.7001}, {&Motion::m00, 0.3, 0.2999},   {&Motion::m11, 1.7, 1.7001},
-                 {&Motion::m11, 0.3, 0.2999}, {&Motion::m01, 0.4, 0.4001},   {&Motion::m01, -0.4, -0.4001},
-                 {&Motion::m10, 0.4, 0.4001}, {&Motion::m10, -0.4, -0.4001}, {&Motion::m02, 50, 50.01},
-                 {&Motion::m02, -50, -50.01}, {&Motion::m12, 50, 50.01},     {&Motion::m12, -50, -50.01},
-                 {&Motion::m01, 0.1, 0},      {&Motion::m10, -0.1, 0}};
+  } kLimits[] = {{0, 1.7, 1.7001},   {0, 0.3, 0.2999}, {4, 1.7, 1.7001},   {4, 0.3, 0.2999}, {1, 0.4, 0.4001},
+                 {1, -0.4, -0.4001}, {3, 0.4, 0.4001}, {3, -0.4, -0.4001}, {2, 50, 50.01},   {2, -50, -50.01},
+                 {5, 50, 50.01},     {5, -50, -50.01}, {1, 0.1, 0},        {3, -0.1, 0}};
   for (const auto& each : kLimits) {
     SCOPED_TRACE(each.beyond);
-    Motion back = kBase;
-    back.*each.entry = each.limit;
+    View back = kBase;
+    back[each.entry] = each.limit;
     EXPECT_TRUE(fit(exactly(back)));
-    const float expected[6] = {float(back.m00), float(back.m01), float(back.m02),
-                               float(back.m10), float(back.m11), float(back.m12)};
-    for (int i = 0; i < 6; ++i) EXPECT_FLOAT_EQ(motion[i], expected[i]) << i;
+    for (size_t i = 0; i < 6; ++i) EXPECT_FLOAT_EQ(motion[i], static_cast<float>(back[i])) << i;
     EXPECT_FALSE(isAtRest(records[0]));
-    back.*each.entry = each.beyond;
+    back[each.entry] = each.beyond;
     EXPECT_FALSE(fit(exactly(back)));
     EXPECT_TRUE(isAtRest(records[0]));
   }
@@ -190,18 +178,19 @@ TEST_F(FitFrame, APathThatRunsAwayStartsAgainAndTheMotionStands) {
 
 TEST_F(FitFrame, EachCellOfAGridFollowsItsOwnPart) {
   // The left part turns and moves, the right part moves the other way, and the middle is torn.
-  const Motion left = {1, 0.02, 3, -0.02, 1, 1}, right = {1.01, 0.001, -6, -0.001, 1.01, -2};
+  const View left = {1.01, 0.02, 3, -0.02, 1.01, 1}, right = {1.01, 0.001, -6, -0.001, 1.01, -2};
   Pairs pairs;
-  for (const _KRMatch& pair : scattered({}, 900, kWidth, kHeight, 0.0, 12)) {
+  for (const _KRMatch& pair : scattered(kStill, 900, kWidth, kHeight, 0.0, 12)) {
     if (pair.sourceX < 150 || pair.sourceX > 170) {
-      pairs.push_back((pair.sourceX < 150 ? left : right)(pair.sourceX, pair.sourceY));
+      pairs.push_back(moved(pair.sourceX < 150 ? left : right, pair.sourceX, pair.sourceY));
     }
   }
   ASSERT_TRUE(fitGrid(pairs, 3, 2));
   for (const int cell : {0, 3}) {
     EXPECT_NEAR(records[cell].rawPath[0], 3, 0.01) << cell;
     EXPECT_NEAR(records[cell].rawPath[1], 1, 0.01) << cell;
-    EXPECT_NEAR(records[cell].rawPath[2], std::atan(0.02), 1e-4) << cell;
+    EXPECT_NEAR(records[cell].rawPath[2], std::atan(0.02 / 1.01), 1e-4) << cell;
+    EXPECT_NEAR(records[cell].rawPath[3], std::hypot(1.01, 0.02), 2e-5) << cell;
   }
   for (const int cell : {2, 5}) {
     EXPECT_NEAR(records[cell].rawPath[0], -6, 0.05) << cell;
@@ -215,7 +204,7 @@ TEST_F(FitFrame, EachCellOfAGridFollowsItsOwnPart) {
   const Pairs calm = scattered(kCalm, 400, kWidth, kHeight, 0.0, 13);
   for (const auto& [columns, rows] : {std::pair{1, 1}, {1, 2}, {2, 1}}) {
     ASSERT_TRUE(fitGrid(calm, columns, rows));
-    EXPECT_NEAR(inverseMotion[2], kCalm.m02, 0.01);
+    EXPECT_NEAR(inverseMotion[2], kCalm[2], 0.01);
   }
   EXPECT_FALSE(fitGrid(exactly({1, 0, 2, 0, 1, 2}), 1, 1));  // zeros, as of a fit that failed
 }

@@ -7,6 +7,8 @@
 #include <limits>
 #include <vector>
 
+#include "support/waves.h"
+
 namespace noxel {
 namespace {
 
@@ -23,13 +25,11 @@ struct ScriptedMotion {
   bool valid = true;
   int calls = 0;
   bool lastFirst = false;
-  LumaImage lastImage = {};
 
-  static bool measure(void* context, const LumaImage& image, bool first, MotionEstimate* estimate) {
+  static bool measure(void* context, const LumaImage&, bool first, MotionEstimate* estimate) {
     auto* self = static_cast<ScriptedMotion*>(context);
     ++self->calls;
     self->lastFirst = first;
-    self->lastImage = image;
     *estimate = self->answer;
     return self->valid;
   }
@@ -120,28 +120,6 @@ TEST_F(RegistrationThread, FirstFrameOnlyPrimes) {
   EXPECT_EQ(context.registrationResult, kRegistrationValid);
 }
 
-TEST_F(RegistrationThread, MeasuresTheSelectedFrame) {
-  for (int i = 0; i < 4; ++i) {
-    frame(static_cast<uint8_t>(50 + 40 * i));
-    EXPECT_EQ(motion.lastImage.pixels, context.luminanceFrames[context.frameSelect]);
-    EXPECT_EQ(motion.lastImage.width, kWidth);
-    EXPECT_EQ(motion.lastImage.height, kHeight);
-    EXPECT_EQ(context.exposure.maxLevel, 50 + 40 * i);
-  }
-}
-
-TEST_F(RegistrationThread, TranslationsAreInFramePixels) {
-  context.resolutionFactor = 2;
-  frame();
-  EXPECT_TRUE(hasNoMotion());
-  for (int i = 0; i < 2; ++i) {  // doubled once each frame, not over and over
-    frame();
-    EXPECT_TRUE(isMatrix(context.motionMatrix, kMotion.previousFromCurrent, 2.0f));
-    EXPECT_TRUE(isMatrix(context.inverseMotionMatrix, kMotion.currentFromPrevious, 2.0f));
-    EXPECT_TRUE(isMatrix(context.stabilizationMatrix, kMotion.stabilizedFromCurrent, 2.0f));
-  }
-}
-
 TEST_F(RegistrationThread, MotionThatIsNoNumberIsNoMotion) {
   frame();
   for (int matrix = 0; matrix < 3; ++matrix) {
@@ -196,28 +174,9 @@ TEST_F(RegistrationThread, SwitchedOffItOnlyMeasuresExposure) {
   EXPECT_EQ(context.exposure.maxLevel, 40);
 }
 
-// Smooth noise, seen by a camera at rest but for a small turn and a shift of `frame` times (1.5, -1) pixels.
-std::vector<uint8_t> view(int width, int height, int frame) {
-  const auto grain = [](uint32_t x, uint32_t y) {
-    const uint32_t mixed = (x * 73856093u) ^ (y * 19349663u);
-    return static_cast<double>(mixed * 2654435761u >> 24);
-  };
-  std::vector<uint8_t> pixels;
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      const double u = (x - 1.5 * frame - 0.004 * frame * y) / 6 + 100, v = (y + frame + 0.004 * frame * x) / 6 + 100;
-      const auto column = static_cast<uint32_t>(u), row = static_cast<uint32_t>(v);
-      const double right = u - column, below = v - row;
-      const double level = (grain(column, row) * (1 - right) + grain(column + 1, row) * right) * (1 - below) +
-                           (grain(column, row + 1) * (1 - right) + grain(column + 1, row + 1) * right) * below;
-      pixels.push_back(static_cast<uint8_t>(level));
-    }
-  }
-  return pixels;
-}
-
 TEST(MotionMeasurement, TheTrackersMotionIsInFramePixelsAndItsPathInItsOwn) {
   constexpr int kSide = 160;
+  const Waves scene(3, 8);
   RegistrationContext context;
   context.width = context.height = kSide;
   context.resolutionFactor = 2;
@@ -227,7 +186,7 @@ TEST(MotionMeasurement, TheTrackersMotionIsInFramePixelsAndItsPathInItsOwn) {
   std::vector<uint8_t> pixels;
   for (int frame = 0; frame < 4; ++frame) {
     SCOPED_TRACE(frame);
-    pixels = view(kSide, kSide, frame);
+    pixels = scene.seen(kSide, kSide, shifted(-1.5 * frame, frame), 2, static_cast<unsigned>(frame));
     context.luminanceFrames[0] = pixels.data();
     measureMotion(&context);
     EXPECT_EQ(context.firstFrame, 0);

@@ -9,10 +9,10 @@
 #include <cstring>
 #include <limits>
 #include <random>
-#include <thread>
 #include <utility>
 #include <vector>
 
+#include "kernels/lent_threads.h"
 #include "registration/point_tracker.h"
 #include "registration/register_frame.h"
 #include "registration/tracker/block_grid.h"
@@ -223,10 +223,6 @@ const Waves& scene() {
   return waves;
 }
 
-View still() {
-  return shifted(0, 0);
-}
-
 // Pixels, root mean square over the corners: about twice the worst seen in these frames, whose error is what noise leaves.
 constexpr double kErrorUnderNoise3 = 0.15;
 
@@ -238,7 +234,7 @@ TEST(Tracking, FindsASimilarityUnderNoise) {
     for (const auto& [sigma, bound] : {std::pair{0.0, 0.08}, {3.0, kErrorUnderNoise3}, {8.0, 0.4}}) {
       for (const View& motion : motions) {
         Tracker tracker(width, height);
-        EXPECT_FALSE(tracker.take(scene().seen(width, height, still(), sigma, 1)));
+        EXPECT_FALSE(tracker.take(scene().seen(width, height, kStill, sigma, 1)));
         ASSERT_TRUE(tracker.take(scene().seen(width, height, inverted(motion), sigma, 2)));
         EXPECT_LT(tracker.error(motion), bound) << width << " pixels wide, sigma " << sigma;
         EXPECT_LT(cornerError(tracker.motion, inverted(motion), width, height), bound);
@@ -255,7 +251,7 @@ TEST(Tracking, ShearIsFoundOnce) {
     const View motion = composed(shear, shifted(1.3, 2.2));
     for (const double sigma : {0.0, 3.0}) {
       Tracker tracker(kWidth, kHeight);
-      tracker.take(scene().seen(kWidth, kHeight, still(), sigma, 1));
+      tracker.take(scene().seen(kWidth, kHeight, kStill, sigma, 1));
       ASSERT_TRUE(tracker.take(scene().seen(kWidth, kHeight, inverted(motion), sigma, 2)));
       // 0.8 pixels when the shear is left out, 0.7 when a point's own motion adds it once more.
       EXPECT_LT(tracker.error(motion), kErrorUnderNoise3);
@@ -265,9 +261,9 @@ TEST(Tracking, ShearIsFoundOnce) {
 
 TEST(Tracking, WithoutNoiseThereIsAMotionInEachFrame) {
   constexpr int kWidth = 200, kHeight = 120;
-  for (const View& step : {still(), shifted(-7, 5), shifted(3, 0), shifted(0, -2)}) {
+  for (const View& step : {kStill, shifted(-7, 5), shifted(3, 0), shifted(0, -2)}) {
     Tracker tracker(kWidth, kHeight);
-    View pose = still();
+    View pose = kStill;
     for (int n = 0; n < 10; ++n, pose = composed(pose, inverted(step))) {
       ASSERT_EQ(tracker.take(scene().seen(kWidth, kHeight, pose)), n > 0) << "frame " << n;
       EXPECT_LT(n == 0 ? 0.0 : tracker.error(step), 0.02) << "frame " << n;
@@ -279,12 +275,12 @@ TEST(Tracking, ATripodUnderNoiseStandsStill) {
   constexpr int kWidth = 200, kHeight = 120, kFrames = 30;
   for (const double sigma : {3.0, 8.0}) {
     Tracker tracker(kWidth, kHeight);
-    tracker.take(scene().seen(kWidth, kHeight, still(), sigma, 100));
+    tracker.take(scene().seen(kWidth, kHeight, kStill, sigma, 100));
     int held = 0;
     for (unsigned n = 1; n <= kFrames; ++n) {
-      ASSERT_TRUE(tracker.take(scene().seen(kWidth, kHeight, still(), sigma, 100 + n)));
+      ASSERT_TRUE(tracker.take(scene().seen(kWidth, kHeight, kStill, sigma, 100 + n)));
       // What keeps the fit from an exact zero is 0.004 pixels in the corners of this frame, noise that is measured 0.03.
-      held += tracker.error(still()) < 0.005;
+      held += tracker.error(kStill) < 0.005;
     }
     EXPECT_GE(held, kFrames - 1) << "sigma " << sigma;
   }
@@ -305,7 +301,7 @@ TEST(Tracking, WhatCannotBeFollowedIsNotValidAndTheSceneAfterItIs) {
     for (int i = 0; i < kWidth * kHeight; ++i) pixels.push_back(static_cast<uint8_t>(random() % 5));
     return pixels;
   };
-  const Pixels other = Waves(99, 7).seen(kWidth, kHeight, still(), 3);
+  const Pixels other = Waves(99, 7).seen(kWidth, kHeight, kStill, 3);
   const std::vector<Pixels> interruptions[] = {
       {flat(0), flat(0)}, {flat(200), flat(120)}, {cap(1), cap(2), cap(3)}, {other}, {flat(255), other}};
   for (const std::vector<Pixels>& interruption : interruptions) {
@@ -355,7 +351,7 @@ TEST(Tracking, TheBackgroundMovesTheFrameNotWhatIsInFrontOfIt) {
     return pixels;
   };
   Tracker tracker(kWidth, kHeight);
-  tracker.take(frame(0, still(), 1));
+  tracker.take(frame(0, kStill, 1));
   ASSERT_TRUE(tracker.take(frame(12, inverted(background), 3)));
   EXPECT_LT(tracker.error(background), kErrorUnderNoise3);  // the subject's 12 pixels would pull it by pixels
 }
@@ -369,8 +365,7 @@ TEST(Tracking, HelpersChangeNoBit) {
   std::vector<float> alone;
   for (const int helpers : {-1, 0, 1, 4}) {
     WorkerPool pool;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < helpers; ++i) threads.emplace_back([&pool] { pool.serve(); });
+    const Lent lent(&pool, std::max(helpers, 0));
     Tracker tracker(kWidth, kHeight, helpers < 0 ? nullptr : &pool);
     std::vector<float> results;
     for (const Pixels& frame : frames) {
@@ -380,8 +375,6 @@ TEST(Tracking, HelpersChangeNoBit) {
         results.insert(results.end(), {tracker.matches[i].targetX, tracker.matches[i].targetY});
       }
     }
-    pool.stop();
-    for (std::thread& thread : threads) thread.join();
     if (helpers < 0) alone = results;
     EXPECT_EQ(results, alone) << helpers << " helpers";
   }

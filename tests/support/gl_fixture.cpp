@@ -1,8 +1,5 @@
 #include "support/gl_fixture.h"
 
-#include <cstdlib>
-#include <cstring>
-
 #include "support/driver_required.h"
 
 namespace noxel {

@@ -9,6 +9,13 @@
 
 namespace noxel {
 
+std::vector<uint8_t> noisyBytes(size_t count, unsigned seed) {
+  std::mt19937 random(seed);
+  std::vector<uint8_t> bytes(count);
+  for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(random());
+  return bytes;
+}
+
 Picture noisyPicture(int width, int height, unsigned seed) {
   Picture picture(width, height);
   std::mt19937 random(seed);

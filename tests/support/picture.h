@@ -22,6 +22,8 @@ struct Picture {
   uint8_t at(int x, int y, int channel) const { return rgba[static_cast<size_t>(y * width + x) * 4 + channel]; }
 };
 
+std::vector<uint8_t> noisyBytes(size_t count, unsigned seed);
+
 // Random bytes under hard edges: every tap of a filter that is off by one texel shows. The same seed, the same picture.
 Picture noisyPicture(int width, int height, unsigned seed);
 

@@ -1,7 +1,9 @@
 #include "support/test_engine.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
+#include <thread>
 
 namespace noxel {
 
@@ -41,7 +43,9 @@ TestEngine::TestEngine(int width, int height, EngineSetUp setUp) {
 }
 
 TestEngine::~TestEngine() {
-  EXPECT_EQ(releaseEngine(&handle), 0);
+  if (handle != nullptr) {
+    EXPECT_EQ(releaseEngine(&handle), 0);
+  }
 }
 
 int TestEngine::process(Frame* frame) {
@@ -59,6 +63,13 @@ void TestEngine::setMotion(std::function<bool(bool, MotionEstimate*)> source) {
   handle->registration.motionSource = [](void* self, const LumaImage&, bool first, MotionEstimate* estimate) {
     return static_cast<TestEngine*>(self)->motion(first, estimate);
   };
+}
+
+bool drains(const _KRSuperResEngine* engine) {
+  for (int i = 0; i < 100'000 && engine->queuedFrames.load() > 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+  }
+  return engine->queuedFrames.load() == 0;
 }
 
 double lumaPsnr(const Frame& a, const Frame& b, int margin) {

@@ -72,6 +72,9 @@ class TestEngine {
   std::function<bool(bool, MotionEstimate*)> motion;
 };
 
+// Waits until no frame is queued, for 20 seconds at most.
+bool drains(const _KRSuperResEngine* engine);
+
 // A picture test needs a driver: skipped without one, or failed where the environment says NOXEL_REQUIRE_GL=1.
 #define NOXEL_NEEDS_GL(engine)                                      \
   if (!::noxel::engineReady((engine).handle)) {                     \

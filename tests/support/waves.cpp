@@ -30,20 +30,6 @@ void store(float (&matrix)[9], const View& view) {
   for (size_t i = 0; i < view.size(); ++i) matrix[i] = static_cast<float>(view[i]);
 }
 
-double cornerError(const float (&matrix)[9], const View& truth, int width, int height) {
-  double squares = 0;
-  for (int corner = 0; corner < 4; ++corner) {
-    const double x = corner % 2 * width, y = corner / 2 * height;
-    for (int row = 0; row < 2; ++row) {
-      const float* m = &matrix[3 * row];
-      const double* t = &truth[static_cast<size_t>(3 * row)];
-      const double off = (m[0] - t[0]) * x + (m[1] - t[1]) * y + m[2] - t[2];
-      squares += off * off;
-    }
-  }
-  return std::sqrt(squares / 4);
-}
-
 Waves::Waves(unsigned seed, double shortestPixels, double longestPixels) {
   std::mt19937 random(seed);
   std::uniform_real_distribution<double> share(0, 1);

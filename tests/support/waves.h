@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <vector>
 
@@ -10,6 +11,7 @@ namespace noxel {
 // Row-major 2 x 3, acting on pixels whose first one has its centre at (0.5, 0.5).
 using View = std::array<double, 6>;
 
+inline constexpr View kStill = {1, 0, 0, 0, 1, 0};
 View shifted(double x, double y);
 // By `angleRad` and `scale` about (x, y), then shifted.
 View turned(double angleRad, double scale, double x, double y, double shiftX, double shiftY);
@@ -18,8 +20,22 @@ View composed(const View& left, const View& right);
 View inverted(const View& view);
 // As the first two rows of a 3 x 3 matrix.
 void store(float (&matrix)[9], const View& view);
-// Root mean square over the corners of a width x height picture of the distance between their images. `matrix`: 3 x 3.
-double cornerError(const float (&matrix)[9], const View& truth, int width, int height);
+// Root mean square over the corners of a width x height picture of the distance between their images. `matrix`: the first
+// two rows of three, or all there are.
+template <typename T>
+double cornerError(const T* matrix, const View& truth, int width, int height) {
+  double squares = 0;
+  for (int corner = 0; corner < 4; ++corner) {
+    const double x = corner % 2 * width, y = corner / 2 * height;
+    for (int row = 0; row < 2; ++row) {
+      const T* m = &matrix[3 * row];
+      const double* t = &truth[static_cast<size_t>(3 * row)];
+      const double off = (m[0] - t[0]) * x + (m[1] - t[1]) * y + m[2] - t[2];
+      squares += off * off;
+    }
+  }
+  return std::sqrt(squares / 4);
+}
 
 // Levels are a sum of 32 plane waves, the longest strongest, as in photos: 110 on average, standard deviation 35.
 class Waves {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <utility>
 #include <vector>
 
 namespace noxel {
@@ -37,28 +38,10 @@ TEST(SmoothedHistogram, IsATriangleFoldedAtTheEnds) {
   histogram.bins[254] = 9;
   Histogram smoothed;
   smoothHistogram(histogram, 1, &smoothed);
-  struct Expected {
-    int level;
-    double bin;
-  };
-  for (const Expected expected : {Expected{0, 5},
-                                  {1, 3},
-                                  {2, 1},
-                                  {3, 0},
-                                  {97, 0},
-                                  {98, 2},
-                                  {99, 4},
-                                  {100, 6},
-                                  {101, 4},
-                                  {102, 2},
-                                  {103, 0},
-                                  {251, 0},
-                                  {252, 1},
-                                  {253, 2},
-                                  {254, 3},
-                                  {255, 3}}) {
-    EXPECT_DOUBLE_EQ(smoothed.bins[expected.level], expected.bin) << expected.level;
-  }
+  constexpr std::pair<int, double> kExpected[] = {{0, 5},   {1, 3},   {2, 1},   {3, 0},   {97, 0},  {98, 2},
+                                                  {99, 4},  {100, 6}, {101, 4}, {102, 2}, {103, 0}, {251, 0},
+                                                  {252, 1}, {253, 2}, {254, 3}, {255, 3}};
+  for (const auto& [level, bin] : kExpected) EXPECT_DOUBLE_EQ(smoothed.bins[level], bin) << level;
 }
 
 TEST(SmoothedHistogram, KeepsMassAndFlatness) {

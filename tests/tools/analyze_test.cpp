@@ -4,12 +4,10 @@
 
 #include <cmath>
 #include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "analyze/analysis_plot.h"
 #include "clips.h"
-#include "common/tool_error.h"
 #include "enhance/enhance.h"
 #include "run_command.h"
 
@@ -53,11 +51,7 @@ class Analyze : public testing::Test {
   nlohmann::json json() const { return nlohmann::json::parse(contents(options_.jsonFile)); }
 
   int codeOfRun() {
-    try {
-      return runAnalyze(options_);
-    } catch (const ToolError& error) {
-      return error.code();
-    }
+    return refusal([&] { runAnalyze(options_); }).code();
   }
 
   const TemporaryDirectory folder_;

@@ -9,7 +9,6 @@ extern "C" {
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 

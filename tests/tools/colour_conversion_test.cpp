@@ -7,8 +7,8 @@
 #include <cstdlib>
 
 #include "clips.h"
-#include "common/tool_error.h"
 #include "media/nv21_frame.h"
+#include "run_command.h"
 
 namespace noxel::tool {
 namespace {
@@ -92,13 +92,6 @@ TEST(ColourConversion, LimitedRangeReachesTheEngineAsFullBt601AndComesBack) {
   }
 }
 
-TEST(ColourConversion, Bt709RedBecomesBt601Red) {
-  const FramePtr frame = tagged(flatPlanar(8, 8, 63, 102, 240), AVCOL_SPC_BT709, AVCOL_RANGE_MPEG);
-  ColourConversion colours(*frame);
-  // Taken for BT.601 it would stay near (55, 98, 255); red is (76, 85, 255), reached to within the input's rounding.
-  EXPECT_LE(distance(middle(*colours.toEngine(*colours.planar(*frame))), {76, 85, 255}), 1);
-}
-
 TEST(ColourConversion, WhatIsNotStatedFollowsSizeAndFormat) {
   const struct {
     int width, height;
@@ -142,13 +135,9 @@ TEST(ColourConversion, OtherFormatsBecomeEightBit420InTheirOwnRange) {
 
 TEST(ColourConversion, RefusesAMatrixItCannotConvert) {
   const FramePtr frame = tagged(flatPlanar(8, 8, 100, 128, 128), AVCOL_SPC_BT2020_CL, AVCOL_RANGE_MPEG);
-  try {
-    ColourConversion colours(*frame);
-    FAIL() << "accepted";
-  } catch (const ToolError& error) {
-    EXPECT_EQ(error.code(), kExitFailed);
-    EXPECT_NE(std::string(error.what()).find("bt2020c"), std::string::npos);
-  }
+  const ToolError refused = refusal([&] { ColourConversion colours(*frame); });
+  EXPECT_EQ(refused.code(), kExitFailed);
+  EXPECT_NE(std::string(refused.what()).find("bt2020c"), std::string::npos);
 }
 
 TEST(ColourConversion, PictureShowsTheEnginesColours) {

@@ -2,12 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <memory>
 
 #include "clips.h"
 #include "enhance/enhance.h"
 #include "enhance/rgba_session.h"
-#include "media/colour_conversion.h"
 #include "media/nv21_frame.h"
 #include "media/picture.h"
 #include "run_command.h"

@@ -10,11 +10,11 @@
 #include "clips.h"
 #include "common/interrupt.h"
 #include "common/percentile.h"
-#include "common/tool_error.h"
 #include "enhance/progress.h"
 #include "enhance/statistics.h"
 #include "kernels/bmp.h"
 #include "media/nv21_frame.h"
+#include "run_command.h"
 
 namespace noxel::tool {
 namespace {
@@ -228,13 +228,9 @@ TEST_F(Enhance, ASizeChangeLeavesNoOutput) {
   std::ofstream(options_.input = folder_.file("ab.mjpeg"), std::ios::binary)
       << std::ifstream(folder_.file("a.mjpeg"), std::ios::binary).rdbuf()
       << std::ifstream(folder_.file("b.mjpeg"), std::ios::binary).rdbuf();
-  try {
-    run();
-    FAIL() << "accepted";
-  } catch (const ToolError& error) {
-    EXPECT_EQ(error.code(), kExitFailed);
-    EXPECT_NE(std::string(error.what()).find("64x48 to 32x48"), std::string::npos) << error.what();
-  }
+  const ToolError refused = refusal([&] { run(); });
+  EXPECT_EQ(refused.code(), kExitFailed);
+  EXPECT_NE(std::string(refused.what()).find("64x48 to 32x48"), std::string::npos) << refused.what();
   EXPECT_EQ(folder_.names(), (std::vector<std::string>{"a.mjpeg", "ab.mjpeg", "b.mjpeg"}));
 }
 

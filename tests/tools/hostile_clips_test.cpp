@@ -49,7 +49,8 @@ void write(const std::string& path, const std::string& bytes) {
 
 std::string y4m(int width, int height, int frames) {
   std::mt19937 noise(1);  // no coder makes it small
-  std::string clip = "YUV4MPEG2 W" + std::to_string(width) + " H" + std::to_string(height) + " F25:1 C420jpeg\n";
+  std::string clip =
+      "YUV4MPEG2 W" + std::to_string(width) + " H" + std::to_string(height) + " F25:1 C420jpeg XCOLORRANGE=FULL\n";
   const int bytes = width * height + 2 * ((width + 1) / 2) * ((height + 1) / 2);
   for (int i = 0; i < frames; ++i) {
     clip += "FRAME\n";
@@ -147,7 +148,7 @@ TEST(HostileClips, ColourTagsThatAreNoneAreNotTaken) {
   EXPECT_EQ(enhance(folder.file("in.mkv"), folder.file("out.mkv")), kExitFine);
 }
 
-TEST(HostileClips, TheSmallestFramesKeepTheirSize) {
+TEST(HostileClips, TheSmallestFramesKeepTheirSizeAndRange) {
   const TemporaryDirectory folder;
   const int sizes[][2] = {{1, 1}, {2, 2}, {3, 5}, {1, 40}};
   for (const auto& [width, height] : sizes) {
@@ -157,6 +158,7 @@ TEST(HostileClips, TheSmallestFramesKeepTheirSize) {
       const FramePtr frame = VideoReader(folder.file(name)).first();
       EXPECT_EQ(frame->width, width);
       EXPECT_EQ(frame->height, height);
+      EXPECT_EQ(frame->color_range, AVCOL_RANGE_JPEG);
     }
   }
 }

@@ -2,13 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
-#include <string>
 #include <vector>
 
 #include "enhance/enhancer_session.h"
 #include "media/nv21_frame.h"
 #include "run_command.h"
+#include "support/waves.h"
 
 namespace noxel::tool {
 namespace {
@@ -96,17 +97,10 @@ TEST(OverlayMask, TintsWhereTheBlendIsHeldBackAndNothingElse) {
 
 // A textured scene that moves by (1.25, -0.75) pixels a frame, but for a square that turns bright in the last one.
 std::vector<uint8_t> sceneFrame(int width, int height, int frame) {
-  std::vector<uint8_t> nv21(nv21Size(width, height), 128);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      const double u = x - 1.25 * frame;
-      const double v = y + 0.75 * frame;
-      const double texture = 70 + 20 * std::sin(0.31 * u + 0.11 * v) + 20 * std::sin(0.16 * u - 0.37 * v) +
-                             12 * std::sin(0.05 * u + 0.6 * v + 2 * std::sin(0.07 * u - 0.04 * v));
-      const bool square = frame == 3 && x >= 256 && x < 288 && y >= 32 && y < 64;
-      nv21[static_cast<size_t>(y * width + x)] = square ? 250 : static_cast<uint8_t>(std::lround(texture));
-    }
-  }
+  std::vector<uint8_t> nv21 = Waves(3, 10).seen(width, height, shifted(-1.25 * frame, 0.75 * frame));
+  nv21.resize(nv21Size(width, height), 128);
+  for (int y = 32; y < 64 && frame == 3; ++y)
+    std::fill_n(&nv21[static_cast<size_t>(y * width + 256)], 32, uint8_t{250});
   return nv21;
 }
 

@@ -46,6 +46,17 @@ inline std::string missingDriver() {
   }
 }
 
+// What an action is refused with; kExitFine when it is not.
+template <typename Action>
+ToolError refusal(const Action& action) {
+  try {
+    action();
+  } catch (const ToolError& error) {
+    return error;
+  }
+  return {kExitFine, ""};
+}
+
 #define NEEDS_DRIVER()                                                 \
   if (const std::string missing = missingDriver(); !missing.empty()) { \
     if (driverRequired()) FAIL() << missing;                           \
