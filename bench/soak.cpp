@@ -40,7 +40,6 @@ struct Holding {
 
   static Holding now() {
     Holding holding;
-    takeDrawnPasses();  // what the shim remembers is not the engine's
     long pages = 0;
     std::ifstream("/proc/self/statm") >> pages >> pages;
     holding.residentKb = pages * (sysconf(_SC_PAGESIZE) / 1024);

@@ -165,6 +165,15 @@ FrameReport lastFrameReport(_KRSuperResEngine* engine) {
   return report;
 }
 
+int observePasses(_KRSuperResEngine* engine, PassObserver observer, void* context) {
+  const EngineReference reference(engine);
+  if (!reference) return 1;
+  Lock lock(frameMutex);
+  engine->notes.passObserver = observer;
+  engine->notes.passObserverContext = context;
+  return 0;
+}
+
 int lastTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity) {
   const EngineReference reference(engine);
   if (!reference) return 0;

@@ -1,6 +1,8 @@
 // The engine as our own tools and tests drive it: the functions behind the C interface, with nothing folded away.
 #pragma once
 
+#include <cstdint>
+
 #include "noxel/noxel.h"
 
 namespace noxel {
@@ -77,7 +79,15 @@ struct FrameReport {
   float stabilization[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};  // current frame to stabilised picture, before the zoom
 };
 
+// Called on the GPU thread once for each pass of a frame, in the order in which they were drawn, before the frame is delivered.
+// pass: a literal. Nanoseconds come from the GPU's timer queries, or where the driver has none from the processor's clock with
+// the GPU drained before and after each pass.
+using PassObserver = void (*)(void* context, const char* pass, uint64_t nanoseconds);
+
 // What follows is called between frames, on the caller's thread.
+
+// From the next frame on; null, as at the start, switches it off. An observed frame waits for its passes. 1: no live engine.
+int observePasses(_KRSuperResEngine* engine, PassObserver observer, void* context);
 
 FrameReport lastFrameReport(_KRSuperResEngine* engine);
 

@@ -98,13 +98,12 @@ void process(GpuThreadContext* context) {
 }
 
 void processRgba(GpuThreadContext* context) {
-  const auto sharpening = static_cast<float>(std::clamp(relaxed(context->sharpening), 0, 100));
-  InPlaceParameters parameters;
-  parameters.rgbaLayout = relaxed(context->imageFormatCopy) == 1;
-  parameters.scale = context->totalzoom.load(std::memory_order_relaxed);
-  parameters.detailStrength = sharpening;
-  parameters.contrast = static_cast<float>(relaxed(context->contrast));
-  processInPlace(context->gpuEngine, context->commandBuffer, parameters);
+  FrameSettings settings;
+  settings.imageFormat = relaxed(context->imageFormatCopy);
+  settings.totalzoom = context->totalzoom.load(std::memory_order_relaxed);
+  settings.sharpening = static_cast<float>(std::clamp(relaxed(context->sharpening), 0, 100));
+  settings.contrast = static_cast<float>(std::clamp(relaxed(context->contrast), 0, 100));
+  processInPlace(context->gpuEngine, context->commandBuffer, settings);
 }
 
 // Loads that no GL stands for are skipped.

@@ -1,6 +1,6 @@
 #include <random>
 
-#include "filters/low_light_fixture.h"
+#include "filters/pass_fixture.h"
 
 namespace noxel {
 namespace {
@@ -20,31 +20,37 @@ Picture binaryMask(int width, int height, int percentZero, unsigned seed) {
   return mask;
 }
 
-struct MaskSize {
+struct Size {
   int width;
   int height;
 };
 
-class Masks : public LowLightTest, public ::testing::WithParamInterface<MaskSize> {
+class Masks : public PassTest, public ::testing::WithParamInterface<Size> {
  protected:
-  void prepare(TestTarget& source, TestTarget& intermediate, TestTarget& target, int deghosting, float weight) {
-    state.sourceTexture = source.GetTextureId();
-    state.intermediateFrameBuffer = &intermediate;
-    state.targetFrameBuffer = &target;
-    state.imageWidth = source.GetWidth();
-    state.imageHeight = source.GetHeight();
-    state.deghosting = deghosting;
-    state.maskWeight = weight;
+  // To and fro between two images of one size. Which of them the last pass drew into.
+  TestTarget& drawAll(std::initializer_list<const Pass*> passes, TestTarget& a, TestTarget& b) {
+    input.context.source = {a.GetWidth(), a.GetHeight()};
+    TestTarget* from = &a;
+    TestTarget* to = &b;
+    for (const Pass* pass : passes) {
+      if (pass->isDrawn != nullptr && !pass->isDrawn(input.context)) continue;
+      read({from->GetTextureId()});
+      drawInto(to, *pass);
+      std::swap(from, to);
+    }
+    return *from;
   }
 
   const int width = GetParam().width;
   const int height = GetParam().height;
 };
 
-INSTANTIATE_TEST_SUITE_P(Sizes, Masks, ::testing::Values(MaskSize{40, 20}, MaskSize{37, 19}, MaskSize{1, 1}),
-                         [](const auto& test) {
-                           return std::to_string(test.param.width) + "x" + std::to_string(test.param.height);
-                         });
+// The strength that leaves the current frame a weight: 0.99 - 0.0089 * strength.
+constexpr int kStrengths[] = {100, 80, 55, 20};
+
+INSTANTIATE_TEST_SUITE_P(Sizes, Masks, ::testing::Values(Size{40, 20}, Size{37, 19}, Size{1, 1}), [](const auto& test) {
+  return std::to_string(test.param.width) + "x" + std::to_string(test.param.height);
+});
 
 TEST_P(Masks, ErosionIsExact) {
   Picture mask = binaryMask(width, height, 2, 31);
@@ -53,25 +59,29 @@ TEST_P(Masks, ErosionIsExact) {
   }
   for (const auto& [deghosting, step] : {std::pair{5, 1.5}, std::pair{6, 1.0}}) {
     TestTarget source(mask), intermediate(width, height);
-    prepare(source, intermediate, source, deghosting, 0.4f);  // in place, as the frame path does it
-    draw(kPassMaskErode, 1, 1);
+    settings.deghosting = deghosting;
+    settings.noiseReductionStrength = 66;  // a weight of 0.4026
+    drawAll({&row("erode mask across", kr_w22), &row("erode mask down", kr_w22)}, source, intermediate);
     // Samples are texels or the means of two, which are whole codes here: nothing is left to rounding.
-    EXPECT_TRUE(closeTo(source.read(), toPicture(eroded(Image(width, height, mask.rgba), step, 0.4)), 0)) << deghosting;
+    EXPECT_TRUE(closeTo(source.read(), toPicture(eroded(Image(width, height, mask.rgba), step, 0.4026)), 0))
+        << deghosting;
   }
 }
 
-TEST_P(Masks, DilationIsExactAndSaysWhereItEnded) {
+TEST_P(Masks, DilationIsExact) {
   for (const auto& [deghosting, iterations] : {std::pair{3, 2}, std::pair{5, 3}, std::pair{7, 4}}) {
-    for (const float weight : {0.05f, 0.3f, 0.5f, 0.9f}) {
+    for (const int strength : kStrengths) {
+      const double weight = 0.99 - 0.0089 * strength;
       Picture mask = binaryMask(width, height, 98, 32);
       for (size_t i = 0; i < mask.rgba.size(); ++i) {
         if (mask.rgba[i] == 0) mask.rgba[i] = static_cast<uint8_t>(std::lround(weight * 255));  // as erosion leaves it
       }
       TestTarget target(mask), intermediate(width, height);
-      prepare(target, intermediate, target, deghosting, weight);
-      draw(kPassMaskDilate, 1, 1);
-      EXPECT_EQ(state.maskInTarget, iterations == 3 ? 0 : 1);
-      TestTarget& result = state.maskInTarget == 1 ? target : intermediate;
+      settings.deghosting = deghosting;
+      settings.noiseReductionStrength = strength;
+      TestTarget& result = drawAll({&row("dilate mask 1", kr_w23), &row("dilate mask 2", kr_w23),
+                                    &row("dilate mask 3", kr_w23), &row("dilate mask 4", kr_w23)},
+                                   target, intermediate);
       const Picture expected = toPicture(dilated(Image(width, height, mask.rgba), iterations, weight));
       EXPECT_TRUE(closeTo(result.read(), expected, 0)) << deghosting << ", " << weight;
     }
@@ -83,35 +93,34 @@ TEST_P(Masks, BlurStaysWithinACode) {
   const Image image(width, height, mask.rgba);
   // One code in each direction: taps lie half-way between two texels, and the sum's last bits are a half float's.
   for (const auto& [deghosting, step] : {std::pair{5, 1.5}, std::pair{6, 1.0}}) {
-    TestTarget source(mask), intermediate(width, height), target(width, height);
-    prepare(source, intermediate, target, deghosting, 0.4f);
-    draw(kPassMaskBlur, 1, 1);
-    EXPECT_TRUE(closeTo(target.read(), toPicture(blurred(image, step)), 1)) << deghosting;
+    TestTarget a(mask), b(width, height);
+    settings.deghosting = deghosting;
+    drawAll({&row("blur by level across", kr_w24), &row("blur by level down", kr_w24)}, a, b);
+    EXPECT_TRUE(closeTo(a.read(), toPicture(blurred(image, step)), 1)) << deghosting;
   }
-  TestTarget source(mask), a(width, height), b(width, height);
-  filter.smoothMask(&source, &a, &b);
+  TestTarget a(mask), b(width, height);
+  drawAll({&row("blur mask across", kr_w24), &row("blur mask down", kr_w24)}, a, b);
   EXPECT_TRUE(closeTo(a.read(), toPicture(blurred(image, 1)), 1));
 }
 
-class GhostMasks : public LowLightTest {};
+class GhostMasks : public PassTest {};
 
 TEST_F(GhostMasks, ThresholdFallsWithTheDeghostingLevel) {
   const Picture old = noisyPicture(40, 20, 34);
   const Picture current = noisyPicture(40, 20, 35);
   const TestTexture oldTexture(old), currentTexture(current);
   const Image oldImage(40, 20, old.rgba), currentImage(40, 20, current.rgba);
-  state.texture0 = oldTexture.GetId();
-  state.texture1 = currentTexture.GetId();
+  read({oldTexture.GetId(), currentTexture.GetId()});
   for (const int deghosting : {0, 5, 10}) {
-    state.deghosting = deghosting;
+    settings.deghosting = deghosting;
     const double threshold = 0.3 - 0.025 * deghosting;
     useWarp(kIdentity);
     // Sums of codes; the thresholds (76.5, 44.6, 12.75 codes) lie between two.
-    EXPECT_TRUE(closeTo(draw(kPassGhostMask, 40, 20),
+    EXPECT_TRUE(closeTo(draw("ghost mask", kr_w20, 40, 20),
                         toPicture(ghostMask(oldImage, currentImage, kIdentity, threshold, {40, 20})), 0));
     useWarp(kWarp);
     // A sum within a code of the threshold may fall on either side: three codes of some three hundred.
-    EXPECT_TRUE(closeTo(draw(kPassGhostMask, 40, 20),
+    EXPECT_TRUE(closeTo(draw("ghost mask", kr_w20, 40, 20),
                         toPicture(ghostMask(oldImage, currentImage, kWarp, threshold, {40, 20})), 255, 0.97, 0));
   }
 }
@@ -121,12 +130,10 @@ TEST_F(GhostMasks, TheMaskChoosesBetweenTheWarpedOldAndTheNew) {
   const Picture current = noisyPicture(40, 20, 37);
   const Picture mask = noisyPicture(10, 5, 38);
   const TestTexture oldTexture(old), currentTexture(current), maskTexture(mask);
-  state.texture0 = oldTexture.GetId();
-  state.texture1 = currentTexture.GetId();
-  state.maskTexture = maskTexture.GetId();
+  read({oldTexture.GetId(), currentTexture.GetId(), maskTexture.GetId()});
   useWarp(kWarp);
   // The bilinear weights of the old picture and of the mask have 8 bits: two roundings and the result's own, one code.
-  EXPECT_TRUE(closeTo(draw(kPassDeghostMix, 40, 20),
+  EXPECT_TRUE(closeTo(draw("blend", kr_w21, 40, 20),
                       toPicture(deghostMix(Image(40, 20, old.rgba), Image(40, 20, current.rgba),
                                            Image(10, 5, mask.rgba), kWarp, {40, 20})),
                       1));

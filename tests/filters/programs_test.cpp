@@ -1,14 +1,13 @@
+#include "filters/programs.h"
+
 #include <gtest/gtest.h>
 
 #include <set>
 #include <string>
 #include <vector>
 
-#include "filters/bilateral_filter.h"
-#include "filters/low_light_filter.h"
-#include "filters/rgb_to_yuv_filter.h"
 #include "filters/shader_texts.h"
-#include "filters/yuv_to_rgb_filter.h"
+#include "gl/engine/sequences.h"
 #include "gl/runtime/shader_dialect.h"
 #include "support/gl_fixture.h"
 #include "support/log_capture.h"
@@ -47,30 +46,17 @@ TEST_F(FilterPrograms, ABuildSetIsBuiltAndCachedAndNothingElse) {
         EXPECT_EQ(line.message.find("Unable to open file"), 0u) << line.message;  // the empty cache's, and nothing else
       }
     }
-    size_t built = 0;
-    for (const Program* program : filter.programs) {
-      if (program == nullptr) continue;
-      ++built;
-      EXPECT_EQ(program->initialized, 1);
-    }
-    EXPECT_EQ(built, set.programs.size());
     std::set<std::string> names;
-    for (const int n : set.programs) names.insert("kr_w" + std::to_string(n));
+    for (int id = kr_w1; id <= kr_w27; ++id) {
+      EXPECT_EQ(filter.program(static_cast<ProgramId>(id)) != nullptr, set.programs.contains(id + 1)) << id;
+      if (set.programs.contains(id + 1)) names.insert("kr_w" + std::to_string(id + 1));
+    }
     if (formats > 0) {
       EXPECT_EQ(cache.names(), std::vector<std::string>(names.begin(), names.end()));
     }
     filter.Release();
-    for (const Program* program : filter.programs) EXPECT_EQ(program, nullptr);
+    EXPECT_EQ(filter.program(kr_w1), nullptr);
   }
-}
-
-TEST_F(FilterPrograms, ABuildSetWithoutWhatItNeedsIsAFailure) {
-  LowLightFilter filter;
-  filter.syncMode = true;
-  filter.reducedPrograms = true;  // leaves the copy program alone
-  EXPECT_FALSE(filter.setupPrograms(nullptr));
-  EXPECT_NE(filter.programs[kCopy], nullptr);
-  filter.Release();
 }
 
 TEST_F(FilterPrograms, TheOtherFiltersCacheUnderTheirNames) {
@@ -82,10 +68,6 @@ TEST_F(FilterPrograms, TheOtherFiltersCacheUnderTheirNames) {
   EXPECT_TRUE(bilateral.setupPrograms(cache.path().c_str()));
   EXPECT_TRUE(toYuv.setupPrograms(cache.path().c_str()));
   EXPECT_TRUE(toRgb.setupPrograms(cache.path().c_str()));
-  EXPECT_TRUE(toRgb.packedLuma);
-  bilateral.Release();
-  toYuv.Release();
-  toRgb.Release();
 
   GLint formats = 0;
   glGetIntegerv(GL_NUM_PROGRAM_BINARY_FORMATS, &formats);
@@ -100,7 +82,6 @@ TEST_F(FilterPrograms, WithoutACacheDirectoryNothingIsOpened) {
   for (const char* directory : {static_cast<const char*>(nullptr), ""}) {
     BilateralFilter filter;
     EXPECT_TRUE(filter.setupPrograms(directory));
-    filter.Release();
   }
   EXPECT_EQ(log.text(), "");  // a cache that misses says so
 }
@@ -142,17 +123,10 @@ TEST(ShaderTexts, CoordinatesOfMediumPrecisionTextsAreHighp) {
   }
 }
 
-TEST(SetContrast, InterpolatesTheCurveWidthAndClamps) {
-  const struct {
-    float value, contrast, curve;
-  } cases[] = {{-1, 0, 0.5f},      {0, 0, 0.5f},     {10, 10, 0.4269f}, {35, 35, 0.2862f},
-               {95, 95, 0.10875f}, {100, 100, 0.1f}, {101, 100, 0.1f},  {99.99999f, 99.99999f, 0.1f}};
-  LowLightFilter filter;
-  for (const auto& c : cases) {
-    filter.setContrast(c.value);
-    EXPECT_FLOAT_EQ(filter.state.contrast, c.contrast);
-    EXPECT_NEAR(filter.state.contrastCurve, c.curve, 1e-6) << c.value;  // float arithmetic
-  }
+TEST(ContrastCurve, IsInterpolatedAndClamped) {
+  const std::pair<float, float> cases[] = {{-1, 0.5f},     {0, 0.5f},   {10, 0.4269f}, {35, 0.2862f},
+                                           {95, 0.10875f}, {100, 0.1f}, {101, 0.1f},   {99.99999f, 0.1f}};
+  for (const auto& [contrast, width] : cases) EXPECT_NEAR(contrastCurve(contrast), width, 1e-6);  // float arithmetic
 }
 
 }  // namespace

@@ -263,7 +263,6 @@ TEST_F(Textures, RowsOfAnyLengthArriveUnpadded) {
       const Picture picture = copyOf(id, width, 3);
       for (size_t i = 0; i < bytes.size(); ++i) EXPECT_EQ(picture.rgba[4 * i], bytes[i]) << width << ", " << i;
     }
-    loaded.Release();
   }
 }
 
@@ -298,7 +297,6 @@ TEST_F(Textures, VolumesLoadEverySlice) {
     drawSquare(slice);
     EXPECT_EQ(target.read().at(0, 0, 2), value);
   }
-  volume.Release();
 }
 
 class FrameBuffers : public GlTest {};

@@ -18,8 +18,6 @@
 #include <thread>
 #include <unordered_set>
 
-#include "filters/low_light_filter.h"
-
 extern "C" void* __real_malloc(size_t);
 extern "C" void __real_free(void*);
 
@@ -52,7 +50,6 @@ std::mutex gateMutex;
 std::condition_variable gateChanged;
 Turnstile gates[2];
 Gate stalledGate = Gate::kMap;  // under gateMutex, as the next
-std::vector<int> drawnPasses;
 
 void pass(Gate which) {
   std::unique_lock lock(gateMutex);
@@ -193,13 +190,6 @@ Held settledHeld(const Held& expected) {
   return held();
 }
 
-std::vector<int> takeDrawnPasses() {
-  std::lock_guard lock(gateMutex);
-  std::vector<int> taken;
-  taken.swap(drawnPasses);
-  return taken;
-}
-
 }  // namespace noxel
 
 using noxel::countNames;
@@ -275,14 +265,33 @@ void __wrap_free(void* memory) {
 // operator new (size, nothrow), whose size is an unsigned long or, on 32-bit machines, an unsigned int.
 #if __SIZEOF_SIZE_T__ == 8
 #define NOXEL_NEW(prefix) prefix##_ZnwmRKSt9nothrow_t
+#define NOXEL_NEW_ARRAY(prefix) prefix##_ZnamRKSt9nothrow_t
 #define NOXEL_SIZED_DELETE(prefix) prefix##_ZdlPvm
+#define NOXEL_SIZED_ARRAY_DELETE(prefix) prefix##_ZdaPvm
 #else
 #define NOXEL_NEW(prefix) prefix##_ZnwjRKSt9nothrow_t
+#define NOXEL_NEW_ARRAY(prefix) prefix##_ZnajRKSt9nothrow_t
 #define NOXEL_SIZED_DELETE(prefix) prefix##_ZdlPvj
+#define NOXEL_SIZED_ARRAY_DELETE(prefix) prefix##_ZdaPvj
 #endif
 void* NOXEL_NEW(__real_)(size_t, const std::nothrow_t&);
 void* NOXEL_NEW(__wrap_)(size_t size, const std::nothrow_t& tag) {
   return fails(Fault::kMemory, "new") ? nullptr : noxel::noteAllocated(NOXEL_NEW(__real_)(size, tag));
+}
+
+void* NOXEL_NEW_ARRAY(__real_)(size_t, const std::nothrow_t&);
+void* NOXEL_NEW_ARRAY(__wrap_)(size_t size, const std::nothrow_t& tag) {
+  return fails(Fault::kMemory, "new[]") ? nullptr : noxel::noteAllocated(NOXEL_NEW_ARRAY(__real_)(size, tag));
+}
+
+void __real__ZdaPv(void*);
+void __wrap__ZdaPv(void* memory) {
+  __real__ZdaPv(noxel::noteFreed(memory));
+}
+
+void NOXEL_SIZED_ARRAY_DELETE(__real_)(void*, size_t);
+void NOXEL_SIZED_ARRAY_DELETE(__wrap_)(void* memory, size_t size) {
+  NOXEL_SIZED_ARRAY_DELETE(__real_)(noxel::noteFreed(memory), size);
 }
 
 void __real__ZdlPv(void*);
@@ -449,13 +458,4 @@ NOXEL_FAILING_FILE(ssize_t, read, (int file, void* bytes, size_t size), (file, b
 NOXEL_FAILING_FILE(ssize_t, write, (int file, const void* bytes, size_t size), (file, bytes, size))
 NOXEL_FAILING_FILE(int, rename, (const char* from, const char* to), (from, to))
 NOXEL_FAILING_AFTER((fails(Fault::kFile, "close") && (errno = EIO) != 0), int, -1, close, (int file), (file))
-
-bool __real__ZN5noxel14LowLightFilter8drawPassEb(noxel::LowLightFilter*, bool);
-bool __wrap__ZN5noxel14LowLightFilter8drawPassEb(noxel::LowLightFilter* filter, bool selectorLuma) {
-  {
-    std::lock_guard lock(noxel::gateMutex);
-    noxel::drawnPasses.push_back(filter->state.passCode);
-  }
-  return __real__ZN5noxel14LowLightFilter8drawPassEb(filter, selectorLuma);
-}
 }

@@ -3,13 +3,12 @@
 #pragma once
 
 #include <atomic>
-#include <vector>
 
 namespace noxel {
 
 // Which calls fail together.
 enum class Fault {
-  kMemory,       // malloc, calloc, realloc, new (std::nothrow)
+  kMemory,       // malloc, calloc, realloc, new (std::nothrow), of arrays too
   kThread,       // pthread_create
   kEgl,          // every call of EGL but eglGetError, which reports the failure
   kShader,       // making, compiling, linking shaders and programs
@@ -71,8 +70,5 @@ struct Held {
 };
 Held held();
 Held settledHeld(const Held& expected);  // a detached thread ends a moment after its engine: waits up to five seconds
-
-// Pass codes drawn by LowLightFilter::drawPass, in order, since the last call. While no frame is being processed.
-std::vector<int> takeDrawnPasses();
 
 }  // namespace noxel

@@ -46,11 +46,6 @@ TestTarget::TestTarget(const Picture& picture, GLenum filter) {
   glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, width, height, GL_RGBA, GL_UNSIGNED_BYTE, picture.rgba.data());
 }
 
-TestTarget::~TestTarget() {
-  EGLEngine withoutImages;  // no EGL image was ever bound to this target
-  Release(&withoutImages);
-}
-
 Picture TestTarget::read() {
   Picture picture(width, height);
   ReadPixels(0, 0, width, height, GL_RGBA, GL_UNSIGNED_BYTE, picture.rgba.data());

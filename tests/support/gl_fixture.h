@@ -22,15 +22,12 @@ class GlTest : public ::testing::Test {
   static EGLEngine* egl;  // null without a driver
 };
 
-// Releases its texture; the context must still be current.
 class TestTexture : public Texture {
  public:
   explicit TestTexture(const Picture& picture, GLenum filter = GL_LINEAR);
   // One or two bytes a texel: GL_LUMINANCE or GL_LUMINANCE_ALPHA.
   TestTexture(int textureWidth, int textureHeight, GLenum textureFormat, const std::vector<uint8_t>& bytes,
               GLenum filter = GL_LINEAR);
-  TestTexture(TestTexture&&) = delete;
-  ~TestTexture() { Release(); }
 };
 
 // RGBA; filled when made from a picture, left as it comes otherwise.
@@ -40,8 +37,6 @@ class TestTarget : public FrameBuffer {
     Init(targetWidth, targetHeight, GL_RGBA, filter);
   }
   explicit TestTarget(const Picture& picture, GLenum filter = GL_LINEAR);
-  TestTarget(TestTarget&&) = delete;
-  ~TestTarget();
 
   Picture read();
 };

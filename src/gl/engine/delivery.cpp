@@ -15,21 +15,17 @@ void loseContext(_KRGPUEngine* engine) {
   NOXEL_LOG_ERROR("the GPU context is lost: frames are returned as they came");
 }
 
-// Draws both planes of `source` and brings the bytes of the frame the rings hold to readBackFrame. False when one of the
-// planes could not be mapped.
-bool readBack(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst) {
-  const auto convert = [source](RgbToYuvFilter* filter, FrameBuffer* target, int plane) {
-    filter->sourceTexture = source->GetTextureId();
-    filter->BindWholeTarget(target);
-    filter->convert(plane);
-  };
+// Draws both planes and brings the bytes of the frame that the rings hold to readBackFrame. False when one of them could not
+// be mapped.
+bool readBack(_KRGPUEngine* engine) {
   engine->stage = 0;
-  convert(engine->rgbToYuv[0], engine->lumaOutput, 0);
+  drawPack(engine, Image::kLumaBytes);
   engine->stage = 1;
-  const bool lumaRead = readImage(engine->lumaOutput, engine->readBackFrame);
-  convert(engine->rgbToYuv[1], engine->chromaOutput, chromaUFirst != 0 ? 2 : 1);
+  const bool lumaRead = readImage(frameBufferOf(engine, Image::kLumaBytes), engine->readBackFrame);
+  drawPack(engine, Image::kChromaBytes);
   engine->stage = 2;
-  const bool chromaRead = readImage(engine->chromaOutput, engine->readBackFrame + engine->lumaSize);
+  const bool chromaRead =
+      readImage(frameBufferOf(engine, Image::kChromaBytes), engine->readBackFrame + engine->lumaSize);
   return lumaRead && chromaRead;
 }
 
@@ -55,7 +51,8 @@ void takeNotes(const _KRGPUEngine& engine, DeliveryNotes* notes) {
       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - engine.frameStart).count();
   notes->maskValid = engine.maskCaptured;
   if (notes->maskValid) {
-    noteMask(notes, ghostMaskSize(engine.width, engine.height), engine.lowLight->state.maskWeight);
+    noteMask(notes, ghostMaskSize(engine.width, engine.height),
+             ownWeight(engine.passContext.settings.noiseReductionStrength));
   }
 }
 
@@ -90,17 +87,15 @@ void noteReadBack(_KRGPUEngine* engine, bool complete) {
 }
 
 void swapBuffers(_KRGPUEngine* engine) {
-  if (engine->egl->SwapBuffers() != EGL_TRUE && engine->egl->contextLost) loseContext(engine);
+  if (engine->egl.SwapBuffers() != EGL_TRUE && engine->egl.contextLost) loseContext(engine);
 }
 
-void ReadBackYuv(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst) {
+void ReadBackYuv(_KRGPUEngine* engine) {
   // Into a buffer of our own, so that frameMutex is never held over the wait for the GPU and a half-read frame stays here.
-  const bool complete = readBack(engine, source, chromaUFirst);
+  const bool complete = readBack(engine);
   noteReadBack(engine, complete);
-  if (!complete) {  // what the rings hold of this frame is another's, or half of it
-    engine->lumaOutput->RestartReadBack();
-    engine->chromaOutput->RestartReadBack();
-  }
+  if (!complete) resetFirstFrame(engine);  // what the rings hold of this frame is another's, or half of it
+  engine->passTimer.report();
   deliver(engine, complete ? engine->readBackFrame : nullptr);
 }
 

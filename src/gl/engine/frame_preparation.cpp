@@ -9,17 +9,17 @@ namespace noxel {
 namespace {
 
 void loadLuma(_KRGPUEngine* engine, const unsigned char* frame) {
-  engine->lumaTexture->Load(frame);
+  engine->lumaTexture.Load(frame);
   engine->lumaFilled = true;
 }
 
 void loadPackedLuma(_KRGPUEngine* engine, const unsigned char* frame) {
-  engine->packedLumaTexture->Load(frame);
+  engine->packedLumaTexture.Load(frame);
   engine->packedLumaFilled = true;
 }
 
 void loadChroma(_KRGPUEngine* engine, const unsigned char* frame) {
-  engine->chromaTexture->Load(frame + engine->lumaSize);
+  engine->chromaTexture.Load(frame + engine->lumaSize);
   engine->texturesLoaded = 1;
 }
 
@@ -76,7 +76,7 @@ void updateWarps(_KRGPUEngine* engine, const FrameInput& input) {
 
 // A window may have been resized since the frame before: the picture fills it.
 void followWindow(_KRGPUEngine* engine) {
-  if (engine->offscreen == 0) engine->egl->GetSurfaceSize(&engine->outputWidth, &engine->outputHeight);
+  if (engine->offscreen == 0) engine->egl.GetSurfaceSize(&engine->outputWidth, &engine->outputHeight);
 }
 
 float percent(int value) {
@@ -104,7 +104,7 @@ void loadTextureUVOnly(_KRGPUEngine* engine, const unsigned char* frame) {
 }
 
 void loadRgbaTexture(_KRGPUEngine* engine, const unsigned char* frame) {
-  engine->rgbaTexture->Load(frame);
+  engine->rgbaTexture.Load(frame);
   engine->texturesLoaded = 1;
 }
 
@@ -120,11 +120,12 @@ void prepareFrame(_KRGPUEngine* engine, const FrameInput& input) {
   engine->outputQuadEnabled = input.quadBEnabled;
   engine->passThroughQuadEnabled = input.quadAEnabled;
   engine->inverseZoom = 1.0f / input.zoom;
-  engine->flipChroma = input.flipChroma;
-  engine->lowLight->state.sharpening = percent(input.sharpening);
-  engine->lowLight->setContrast(percent(input.contrast));
-  engine->frameGamma = input.gamma;
-  engine->frameGain = input.gain;
+  PassContext* context = &engine->passContext;
+  context->settings.flipChroma = input.flipChroma;
+  context->settings.sharpening = percent(input.sharpening);
+  context->settings.contrast = percent(input.contrast);
+  context->gamma = input.gamma;
+  context->gain = input.gain;
   std::memcpy(engine->passThroughQuad, input.quadA, sizeof(input.quadA));
   std::memcpy(engine->outputQuad, input.quadB, sizeof(input.quadB));
 

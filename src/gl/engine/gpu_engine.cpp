@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <new>
+#include <span>
 
 #include "platform/cache_directory.h"
 #include "platform/log.h"
@@ -14,125 +15,168 @@ bool isRgbaMode(const _KRGPUEngine& engine) {
   return engine.mode == 4;
 }
 
-bool readsBackYuv(const _KRGPUEngine& engine) {
-  return engine.offscreen == 1 && !isRgbaMode(engine);
+// Where an image stands among frameBuffers; -1 for what is none. The images of the frame's size share four: the ring takes the
+// first ones.
+int frameBufferIndex(const _KRGPUEngine& engine, Image image) {
+  const auto inRing = [&engine](int steps) { return (engine.historyIndex + steps) % engine.plan->ringLength; };
+  switch (image) {
+    case Image::kPast:
+      return inRing(0);
+    case Image::kNext:
+      return inRing(1);
+    case Image::kOldest:
+      return inRing(2);
+    case Image::kWideSmoothed:
+    case Image::kInPlace:
+      return 0;
+    case Image::kSmoothed:
+      return 1;
+    case Image::kCurrent:
+      return 2;
+    case Image::kMean:
+      return 3;
+    case Image::kOut:
+      return engine.offscreen == 1 ? engine.outIndex : -1;
+    default:
+      return image < Image::kHalfLuma || image >= Image::kCount
+                 ? -1
+                 : kMaxLevelImages + static_cast<int>(image) - static_cast<int>(Image::kHalfLuma);
+  }
 }
 
-// A quotient of a tiny frame's size may be 0, and an image without pixels is incomplete.
+// Null for what a pass draws.
+const Texture* uploadedTexture(const _KRGPUEngine& engine, Image image) {
+  switch (image) {
+    case Image::kLuma:
+      return &engine.lumaTexture;
+    case Image::kPackedLuma:
+      return &engine.packedLumaTexture;
+    case Image::kChroma:
+      return &engine.chromaTexture;
+    case Image::kRgba:
+      return &engine.rgbaTexture;
+    case Image::kSelector:
+      return &engine.selectorTexture;
+    default:
+      return nullptr;
+  }
+}
+
+// Of a quotient of a tiny frame's size: an image without pixels is incomplete.
 int part(int size, int divisor) {
   return std::max(size / divisor, 1);
 }
 
-// Every object of the record, each for the modes that have it. False when memory ran out.
-bool allocateObjects(_KRGPUEngine* engine) {
-  bool complete = true;
-  const auto make = [&complete](auto** object) {
-    *object = new (std::nothrow) std::remove_reference_t<decltype(**object)>();
-    complete = complete && *object != nullptr;
-  };
-  make(&engine->egl);
-  make(&engine->reducedImage);
-  make(&engine->lowLight);
-  if (isRgbaMode(*engine)) {
-    make(&engine->rgbaTexture);
-    make(&engine->levelImages[0][0]);
-    for (FrameBuffer*& image : engine->pyramid[0]) make(&image);
-    return complete;
+ImageSize sizeFor(const _KRGPUEngine& engine, Image image) {
+  const int width = engine.width;
+  const int height = engine.height;
+  switch (image) {
+    case Image::kHalfLuma:
+    case Image::kChromaBytes:
+      return {part(width, 4), part(height, 2)};
+    case Image::kSmoothedLuma:
+    case Image::kLumaBytes:
+      return {part(width, 4), height};
+    case Image::kRawMask:
+    case Image::kMaskScratch:
+    case Image::kQuarter:
+      return {part(width, 4), part(height, 4)};
+    case Image::kMask:
+    case Image::kSmallScratch: {
+      const MaskSize mask = ghostMaskSize(width, height);
+      return {mask.width, mask.height};
+    }
+    case Image::kReduced:
+      return {std::max(static_cast<int>(width * 0.75), 1), std::max(static_cast<int>(height * 0.75), 1)};
+    case Image::kHalf:
+      return {part(width, 2), part(height, 2)};
+    default:
+      return {width, height};
   }
-  for (auto& level : engine->levelImages) {
-    for (FrameBuffer*& image : level) make(&image);
-  }
-  for (auto& level : engine->pyramid) {
-    for (FrameBuffer*& image : level) make(&image);
-  }
-  for (FrameBuffer*& image : engine->packedImages) make(&image);
-  for (FrameBuffer*& image : engine->quarterImages) make(&image);
-  make(&engine->bilateral);
-  make(&engine->yuvToRgb);
-  make(&engine->packedLumaTexture);
-  make(&engine->lumaTexture);
-  make(&engine->chromaTexture);
-  if (!readsBackYuv(*engine)) return complete;
-  make(&engine->lumaOutput);
-  make(&engine->chromaOutput);
-  for (RgbToYuvFilter*& filter : engine->rgbToYuv) make(&filter);
-  engine->readBackFrame = static_cast<unsigned char*>(std::calloc(engine->lumaSize + engine->lumaSize / 2, 1));
-  return complete && engine->readBackFrame != nullptr;
 }
 
-// False when an image cannot be drawn into.
+bool isPacked(Image image) {
+  return image == Image::kHalfLuma || image == Image::kSmoothedLuma || image == Image::kLumaBytes ||
+         image == Image::kChromaBytes;
+}
+
+// Calls visit(pass) for each that the engine may come to draw.
+template <typename Visit>
+void forEachPass(const _KRGPUEngine& engine, const Visit& visit) {
+  const ModePlan& plan = *engine.plan;
+  for (const std::span<const Pass> sequence : {plan.light, plan.first, plan.second, plan.later}) {
+    for (const Pass& pass : sequence) visit(pass);
+  }
+  if (isRgbaMode(engine)) return;
+  visit(untouchedPass(false));
+  visit(untouchedPass(true));
+  if (engine.offscreen == 0) return;
+  for (const Pass& pass : plan.pack) visit(pass);
+}
+
+// False when the image cannot be drawn into.
+bool createImage(_KRGPUEngine* engine, int index, Image image) {
+  FrameBuffer& frameBuffer = engine->frameBuffers[index];
+  if (frameBuffer.GetFramebufferId() != ~0u) return frameBuffer.IsComplete();  // another pass draws into it too
+  const ImageSize size = sizeFor(*engine, image);
+  frameBuffer.Init(size.width, size.height, GL_RGBA, isPacked(image) ? GL_NEAREST : GL_LINEAR);
+  const int delay = engine->handOver.outputDelay;
+  if (image == Image::kLumaBytes) frameBuffer.InitPixelBuffers(engine->width / 4 * engine->height * 4, delay);
+  if (image == Image::kChromaBytes) frameBuffer.InitPixelBuffers(engine->width / 4 * engine->height / 2 * 4, delay);
+  if (image == Image::kInPlace) frameBuffer.InitPixelBuffers(engine->width * engine->height * 4, delay);
+  return frameBuffer.IsComplete();
+}
+
+// Makes the images that the mode's passes draw into. False when one cannot be.
 bool CreateResources(_KRGPUEngine* engine) {
   const int width = engine->width;
   const int height = engine->height;
   bool complete = true;
-  const auto image = [&complete](FrameBuffer* target, int imageWidth, int imageHeight, GLenum filter = GL_LINEAR) {
-    target->Init(imageWidth, imageHeight, GL_RGBA, filter);
-    complete = complete && target->IsComplete();
-  };
-
-  image(engine->reducedImage, std::max(static_cast<int>(width * 0.75), 1),
-        std::max(static_cast<int>(height * 0.75), 1));
+  forEachPass(*engine, [&](const Pass& pass) {
+    if (pass.writes == Image::kNext) {
+      for (int i = 0; i < engine->plan->ringLength; ++i) complete = createImage(engine, i, pass.writes) && complete;
+    } else if (const int index = frameBufferIndex(*engine, pass.writes); index >= 0) {
+      complete = createImage(engine, index, pass.writes) && complete;
+    }
+  });
   if (isRgbaMode(*engine)) {
-    engine->rgbaTexture->Init(width, height, GL_RGBA);
-    image(engine->levelImages[0][0], width, height);
-    engine->levelImages[0][0]->InitPixelBuffers(width * height * 4, engine->handOver.outputDelay);
-    image(engine->pyramid[0][0], part(width, 2), part(height, 2));
-    image(engine->pyramid[0][1], part(width, 4), part(height, 4));
-    image(engine->pyramid[0][2], part(width, 4), part(height, 4));
+    engine->rgbaTexture.Init(width, height, GL_RGBA);
     return complete;
   }
-
-  engine->packedLumaTexture->Init(part(width, 4), height, GL_RGBA, GL_NEAREST);
-  engine->lumaTexture->Init(width, height, GL_LUMINANCE);
-  engine->chromaTexture->Init(part(width, 2), part(height, 2), GL_LUMINANCE_ALPHA);
-  for (int s = 1; s <= 2; ++s) {
-    for (FrameBuffer* level : engine->levelImages[s - 1]) image(level, part(width, s), part(height, s));
-    image(engine->pyramid[s - 1][0], part(width, 2 * s), part(height, 2 * s));
-    image(engine->pyramid[s - 1][1], part(width, 4 * s), part(height, 4 * s));
-    image(engine->pyramid[s - 1][2], part(width, 4 * s), part(height, 4 * s));
-  }
-  image(engine->packedImages[0], part(width, 4), height, GL_NEAREST);
-  image(engine->packedImages[1], part(width, 4), part(height, 2), GL_NEAREST);
-  image(engine->packedImages[2], part(width, 4), height, GL_NEAREST);
-  const int quarterWidth = part(width, 4);
-  const int quarterHeight = part(height, 4);
-  image(engine->quarterImages[0], quarterWidth, quarterHeight);
-  image(engine->quarterImages[1], quarterWidth, quarterHeight);
-  const MaskSize mask = ghostMaskSize(width, height);
-  image(engine->quarterImages[2], mask.width, mask.height);
-  image(engine->quarterImages[3], mask.width, mask.height);
-  if (!readsBackYuv(*engine)) return complete;
-  image(engine->lumaOutput, part(width, 4), height, GL_NEAREST);
-  engine->lumaOutput->InitPixelBuffers(width / 4 * height * 4, engine->handOver.outputDelay);
-  image(engine->chromaOutput, part(width, 4), part(height, 2), GL_NEAREST);
-  engine->chromaOutput->InitPixelBuffers(width / 4 * height / 2 * 4, engine->handOver.outputDelay);
+  engine->packedLumaTexture.Init(part(width, 4), height, GL_RGBA, GL_NEAREST);
+  engine->lumaTexture.Init(width, height, GL_LUMINANCE);
+  engine->chromaTexture.Init(part(width, 2), part(height, 2), GL_LUMINANCE_ALPHA);
   return complete;
 }
 
+// False when something is missing that a pass of the mode needs: a pass left out leaves its target undefined.
 bool LoadShaders(_KRGPUEngine* engine) {
   const char* directory = platform::programCacheDirectory();
-  if (directory[0] == '\0') directory = nullptr;
-  engine->lowLight->syncMode = isRgbaMode(*engine);
-  bool complete = engine->lowLight->setupPrograms(directory) && engine->lowLight->drawsEverything();
+  engine->lowLight.syncMode = isRgbaMode(*engine);
+  engine->lowLight.reducedPrograms = engine->mode == 1;
+  (void)engine->lowLight.setupPrograms(directory);
   if (!isRgbaMode(*engine)) {
-    complete = engine->bilateral->setupPrograms(directory) && complete;
-    complete = engine->yuvToRgb->setupPrograms(directory) && complete;
-  }
-  if (readsBackYuv(*engine)) {
-    for (RgbToYuvFilter* filter : engine->rgbToYuv) complete = filter->setupPrograms(directory) && complete;
+    (void)engine->bilateral.setupPrograms(directory);
+    (void)engine->yuvToRgb.setupPrograms(directory);
+    if (engine->offscreen == 1) (void)engine->rgbToYuv.setupPrograms(directory);
   }
   glReleaseShaderCompiler();
+  engine->selectorTexture = createSelectorTexture();
+  bool complete = engine->selectorTexture.GetId() != ~0u;
+  forEachPass(*engine, [&](const Pass& pass) { complete = complete && programOf(engine, pass.program) != nullptr; });
   return complete;
 }
 
 void SetUp(_KRGPUEngine* engine, void* window) {
-  if (!allocateObjects(engine)) {
-    NOXEL_LOG_ERROR("no memory for the GPU engine");
-    return;
+  if (engine->offscreen == 1 && !isRgbaMode(*engine)) {
+    engine->readBackFrame = static_cast<unsigned char*>(std::calloc(engine->lumaSize + engine->lumaSize / 2, 1));
+    if (engine->readBackFrame == nullptr) {
+      NOXEL_LOG_ERROR("no memory for the GPU engine");
+      return;
+    }
   }
-  if (engine->egl->Initialize(engine->width, engine->height, window) != 1) return;
-  engine->lowLight->reducedPrograms = engine->mode == 1;
-  engine->historyIndex = isRgbaMode(*engine) ? 0 : 1;
+  if (engine->egl.Initialize(engine->width, engine->height, window) != 1) return;
+  engine->passTimer.setUp(&engine->egl);
   const bool complete = CreateResources(engine);
   const bool resourcesMade = NOXEL_CHECK_GL("CreateResources") && complete;
   engine->ready = LoadShaders(engine) && resourcesMade;
@@ -140,14 +184,16 @@ void SetUp(_KRGPUEngine* engine, void* window) {
 }
 
 void create(int width, int height, void* window, const HandOver& handOver, int mode, _KRGPUEngine** result) {
-  void* memory = std::malloc(sizeof(_KRGPUEngine));
-  if (memory == nullptr) return;
-  auto* engine = new (memory) _KRGPUEngine();
+  auto* engine = new (std::nothrow) _KRGPUEngine();
+  if (engine == nullptr) return;
   *result = engine;
   engine->mode = mode;
   engine->plan = &modePlan(mode);
   engine->width = width;
   engine->height = height;
+  engine->passContext.frame = {width, height};
+  engine->historyIndex = isRgbaMode(*engine) ? 0 : 1;
+  engine->outIndex = kMaxLevelImages - 1;
   engine->outputWidth = width;
   engine->outputHeight = height;
   engine->lumaSize = static_cast<size_t>(width) * static_cast<size_t>(height);
@@ -156,42 +202,38 @@ void create(int width, int height, void* window, const HandOver& handOver, int m
   SetUp(engine, window);
 }
 
-template <typename Object>
-void releaseAndDelete(Object*& object, EGLEngine* egl) {
-  if (object != nullptr) object->Release(egl);
-  delete object;
-  object = nullptr;
-}
-
-template <typename Filter>
-void releaseAndDelete(Filter*& filter) {
-  if (filter != nullptr) filter->Release();
-  delete filter;
-  filter = nullptr;
-}
-
-// Objects that never got a GL name make no GL call in their Release, so this undoes a set-up that stopped anywhere.
-void ReleaseResources(_KRGPUEngine* engine) {
-  EGLEngine* egl = engine->egl;
-  releaseAndDelete(engine->reducedImage, egl);
-  for (Texture** texture :
-       {&engine->rgbaTexture, &engine->lumaTexture, &engine->packedLumaTexture, &engine->chromaTexture}) {
-    releaseAndDelete(*texture, egl);
-  }
-  for (int s = 0; s < 2; ++s) {
-    for (FrameBuffer*& image : engine->levelImages[s]) releaseAndDelete(image, egl);
-    for (FrameBuffer*& image : engine->pyramid[s]) releaseAndDelete(image, egl);
-  }
-  for (FrameBuffer*& image : engine->packedImages) releaseAndDelete(image, egl);
-  for (FrameBuffer*& image : engine->quarterImages) releaseAndDelete(image, egl);
-  releaseAndDelete(engine->lumaOutput, egl);
-  releaseAndDelete(engine->chromaOutput, egl);
-}
-
 }  // namespace
+
+_KRGPUEngine::~_KRGPUEngine() {
+  std::free(readBackFrame);
+}
 
 MaskSize ghostMaskSize(int frameWidth, int frameHeight) {
   return {part(part(frameWidth, 4), 2), part(part(frameHeight, 4), 2)};
+}
+
+FrameBuffer* frameBufferOf(_KRGPUEngine* engine, Image image) {
+  const int index = frameBufferIndex(*engine, image);
+  return index >= 0 ? &engine->frameBuffers[index] : nullptr;
+}
+
+GLuint textureOf(_KRGPUEngine* engine, Image image) {
+  if (const Texture* texture = uploadedTexture(*engine, image); texture != nullptr) return texture->GetId();
+  const FrameBuffer* frameBuffer = frameBufferOf(engine, image);
+  return frameBuffer != nullptr ? frameBuffer->GetTextureId() : 0;
+}
+
+ImageSize imageSize(const _KRGPUEngine& engine, Image image) {
+  if (const Texture* texture = uploadedTexture(engine, image); texture != nullptr)
+    return {texture->width, texture->height};
+  const int index = frameBufferIndex(engine, image);
+  return index >= 0 ? ImageSize{engine.frameBuffers[index].width, engine.frameBuffers[index].height} : ImageSize{};
+}
+
+Program* programOf(_KRGPUEngine* engine, ProgramId id) {
+  if (id <= kr_w27) return engine->lowLight.program(id);
+  if (id <= kr_bl2) return engine->bilateral.program(id);
+  return id <= kr_r3 ? engine->rgbToYuv.program(id) : engine->yuvToRgb.program(id);
 }
 
 void CreateGPUEngine(int width, int height, const HandOver& handOver, int mode, _KRGPUEngine** result) {
@@ -201,30 +243,18 @@ void CreateGPUEngine(int width, int height, const HandOver& handOver, int mode, 
 void CreateGPUEngineWithWindow(int width, int height, void* window, const HandOver& handOver, int mode,
                                _KRGPUEngine** result) {
   create(width, height, window, handOver, mode, result);
-  if (*result != nullptr && (*result)->egl != nullptr) (*result)->egl->PrintEGLInfo();
+  if (*result != nullptr && (*result)->ready) (*result)->egl.PrintEGLInfo();
 }
 
-void DestroyGPUEngine(_KRGPUEngine** handle) {
-  _KRGPUEngine* engine = *handle;
-  if (engine == nullptr) return;
-  *handle = nullptr;
-  ReleaseResources(engine);
-  for (RgbToYuvFilter*& filter : engine->rgbToYuv) releaseAndDelete(filter);
-  releaseAndDelete(engine->lowLight);
-  releaseAndDelete(engine->bilateral);
-  releaseAndDelete(engine->yuvToRgb);
-  if (engine->egl != nullptr) engine->egl->Release();
-  delete engine->egl;
-  std::free(engine->readBackFrame);
-  engine->~_KRGPUEngine();
-  std::free(engine);
+void DestroyGPUEngine(_KRGPUEngine** engine) {
+  delete *engine;
+  *engine = nullptr;
 }
 
 void resetFirstFrame(_KRGPUEngine* engine) {
   if (engine == nullptr) return;
   engine->stage = 0;
-  if (engine->lumaOutput != nullptr) engine->lumaOutput->RestartReadBack();
-  if (engine->chromaOutput != nullptr) engine->chromaOutput->RestartReadBack();
+  for (const Image plane : {Image::kLumaBytes, Image::kChromaBytes}) frameBufferOf(engine, plane)->RestartReadBack();
 }
 
 }  // namespace noxel

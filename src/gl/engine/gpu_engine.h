@@ -7,10 +7,8 @@
 #include <chrono>
 #include <cstdint>
 
-#include "filters/bilateral_filter.h"
-#include "filters/low_light_filter.h"
-#include "filters/rgb_to_yuv_filter.h"
-#include "filters/yuv_to_rgb_filter.h"
+#include "filters/programs.h"
+#include "gl/engine/pass_timer.h"
 #include "gl/engine/sequences.h"
 #include "gl/engine/warps.h"
 #include "gl/runtime/egl_engine.h"
@@ -31,6 +29,9 @@ struct DeliveryNotes {
   unsigned char* maskPixels = nullptr;  // RGBA as read back; the GPU thread's
   unsigned char* mask = nullptr;        // 0 the blend that the strength asks for, 255 the current frame alone
   bool maskValid = false;               // the frame was blended, and `mask` is its own
+
+  PassObserver passObserver = nullptr;  // null: the passes are not timed
+  void* passObserverContext = nullptr;
 };
 
 // Where finished frames go. The words belong to the engine record above and outlive the GPU engine.
@@ -74,8 +75,15 @@ struct FrameInput {
   int flipChroma = 0;  // 1: U before V in what is handed back; modes 0 and 2
 };
 
+// The framebuffers of an engine; several images of the passes may share one. Made are those that a pass of the mode uses.
+inline constexpr int kMaxLevelImages = 4;  // of the frame's size
+inline constexpr int kMaxFrameBuffers =
+    kMaxLevelImages + static_cast<int>(Image::kCount) - static_cast<int>(Image::kHalfLuma);
+
 // One per engine. Made, used and destroyed by the GPU thread; other threads meet it only through the HandOver.
 struct _KRGPUEngine {
+  ~_KRGPUEngine();
+
   int mode = 1;
   const ModePlan* plan = nullptr;  // of the mode
   int width = 0;
@@ -83,25 +91,21 @@ struct _KRGPUEngine {
   int offscreen = 1;
   bool ready = false;  // context current and all programs linked; otherwise no GL call is made
 
-  RgbToYuvFilter* rgbToYuv[2] = {};  // luma, chroma
-  LowLightFilter* lowLight = nullptr;
-  BilateralFilter* bilateral = nullptr;
-  YuvToRgbFilter* yuvToRgb = nullptr;
+  EGLEngine egl;  // before what needs its context to be freed
+  LowLightFilter lowLight;
+  BilateralFilter bilateral;
+  YuvToRgbFilter yuvToRgb;
+  RgbToYuvFilter rgbToYuv;
 
-  Texture* lumaTexture = nullptr;        // one sample a texel
-  Texture* packedLumaTexture = nullptr;  // four samples a texel, nearest
-  Texture* chromaTexture = nullptr;      // V in red, U in alpha
-  Texture* rgbaTexture = nullptr;        // mode 4
+  Texture lumaTexture;        // one sample a texel
+  Texture packedLumaTexture;  // four samples a texel, nearest
+  Texture chromaTexture;      // V in red, U in alpha
+  Texture rgbaTexture;        // mode 4
+  Texture selectorTexture;
+  FrameBuffer
+      frameBuffers[kMaxFrameBuffers];  // by frameBufferIndex; without a GL name where no pass of the mode needs it
+  PassTimer passTimer;
 
-  FrameBuffer* levelImages[2][4] = {};  // full and half size; [0][0] and [0][1], in mode 0 [0][2] too, are a ring
-  FrameBuffer* reducedImage = nullptr;
-  FrameBuffer* pyramid[2][3] = {};
-  FrameBuffer* quarterImages[4] = {};
-  FrameBuffer* packedImages[3] = {};    // full, half, full height; nearest
-  FrameBuffer* lumaOutput = nullptr;    // off-screen
-  FrameBuffer* chromaOutput = nullptr;  // off-screen
-
-  EGLEngine* egl = nullptr;
   HandOver handOver = {};
   unsigned char* readBackFrame = nullptr;  // owned; a frame is whole here before it meets the output buffer
   size_t lumaSize = 0;                     // width * height
@@ -109,6 +113,8 @@ struct _KRGPUEngine {
   int stage = 0;                           // of the read-back: 1 after the luma pass, 2 after the chroma pass
 
   // The current frame.
+  PassContext passContext;
+  int outIndex = 0;  // of frameBuffers: the finished picture, off-screen
   int outputWidth = 0;
   int outputHeight = 0;
   float outputTransform[16] = {};
@@ -130,15 +136,12 @@ struct _KRGPUEngine {
   int outputQuadEnabled = 1;
   int passThroughQuadEnabled = 0;
   int enhancementEnabled = 1;
-  int flipChroma = 0;
   float inverseZoom = 1.0f;
   int historyCount = 1;     // -1 spatial path, 0 history restarts here, n: the nth frame blended into it
-  int historyIndex = 1;     // levelImages[0][historyIndex] is the accumulated frame, in mode 0 the one before
+  int historyIndex = 1;     // frameBuffers[historyIndex] is the accumulated frame, in mode 0 the one before
   int texturesLoaded = 0;   // the current frame's planes are in textures
   bool lumaFilled = false;  // and which of the two luma textures they are in
   bool packedLumaFilled = false;
-  float frameGamma = 1.0f;
-  float frameGain = 1.0f;
 };
 
 // Make the record, the context, the images and the programs. *result stays untouched when memory for the record ran out;
@@ -172,14 +175,17 @@ void prepareFrame(_KRGPUEngine* engine, const FrameInput& input);
 // Draws the frame by its mode's sequence and hands it over. Modes 0 to 3.
 void processFrame(_KRGPUEngine* engine, int noiseReductionStrength, int deghosting);
 
-// Mode 4: enhances width * height * 4 bytes in place and returns when they are there. rgbaLayout: r, g, b come first.
-struct InPlaceParameters {
-  bool rgbaLayout;
-  float scale;
-  float detailStrength;
-  float contrast;
-};
-void processInPlace(_KRGPUEngine* engine, unsigned char* frame, const InPlaceParameters& parameters);
+// Mode 4: enhances width * height * 4 bytes in place and returns when they are there.
+void processInPlace(_KRGPUEngine* engine, unsigned char* frame, const FrameSettings& settings);
+
+// The images behind the names that passes use. Null, 0 and 0 x 0 for what is not there or no framebuffer.
+FrameBuffer* frameBufferOf(_KRGPUEngine* engine, Image image);
+GLuint textureOf(_KRGPUEngine* engine, Image image);
+ImageSize imageSize(const _KRGPUEngine& engine, Image image);
+Program* programOf(_KRGPUEngine* engine, ProgramId id);  // null unless linked
+
+// Draws the finished picture into the bytes of one plane.
+void drawPack(_KRGPUEngine* engine, Image plane);
 
 // Lets go of a frame that nothing is drawn for: one queued frame less, and a waiting caller wakes.
 void dropFrame(const HandOver& handOver, uint32_t sequence);
@@ -189,7 +195,7 @@ void dropFrame(const HandOver& handOver, uint32_t sequence);
 void deliver(_KRGPUEngine* engine, const unsigned char* bytes);
 
 // Converts the finished picture to NV21 (or U before V) and delivers what the read-back ring has.
-void ReadBackYuv(_KRGPUEngine* engine, FrameBuffer* source, int chromaUFirst);
+void ReadBackYuv(_KRGPUEngine* engine);
 
 // Reads the bound framebuffer's whole image back, and copies the oldest that the ring holds since its last restart. False,
 // and `bytes` as they were or half a picture, when GL failed.

@@ -1,85 +1,32 @@
 // The pass sequence of a frame.
+#include "gl/engine/passes.h"
+
+#include <algorithm>
+
 #include "gl/engine/gpu_engine.h"
 #include "platform/stopwatch.h"
 
 namespace noxel {
 namespace {
 
-void setImageSize(LowLightState* state, int width, int height) {
-  state->imageWidth = width;
-  state->imageHeight = height;
-}
-
-void draw(LowLightFilter* filter, int code) {
-  filter->state.passCode = code;
-  filter->drawPass(true);
-}
-
-// The place in the ring `steps` frames after the newest one that is whole.
-FrameBuffer* ringImage(const _KRGPUEngine& engine, int steps) {
-  return engine.levelImages[0][(engine.historyIndex + steps) % engine.plan->ringLength];
-}
-
-// Null for what is no framebuffer of ours: a texture that was uploaded, or the output.
-FrameBuffer* frameBufferOf(const _KRGPUEngine& engine, Image image) {
-  switch (image) {
-    case Image::kSmoothedLuma:
-      return engine.packedImages[2];
-    case Image::kPast:
-      return ringImage(engine, 0);
-    case Image::kNext:
-      return ringImage(engine, 1);
-    case Image::kOldest:
-      return ringImage(engine, 2);
-    case Image::kCurrent:
-      return engine.levelImages[0][2];
-    case Image::kSmoothed:
-      return engine.levelImages[0][1];
-    case Image::kMean:
-      return engine.levelImages[0][3];
-    case Image::kRawMask:
-      return engine.quarterImages[0];
-    case Image::kMask:
-      return engine.quarterImages[2];
-    default:
-      return nullptr;
-  }
-}
-
-GLuint textureOf(const _KRGPUEngine& engine, Image image) {
-  switch (image) {
-    case Image::kLuma:
-      return engine.lumaTexture->GetId();
-    case Image::kPackedLuma:
-      return engine.packedLumaTexture->GetId();
-    case Image::kChroma:
-      return engine.chromaTexture->GetId();
-    default: {
-      const FrameBuffer* frameBuffer = frameBufferOf(engine, image);
-      return frameBuffer != nullptr ? frameBuffer->GetTextureId() : 0;
-    }
-  }
-}
-
-// Where the finished picture is read back from. A ring of three leaves levelImages[0][3] to the mean, and its oldest frame is
-// done with by the time that the output is drawn.
-FrameBuffer* finishedImage(const _KRGPUEngine& engine) {
-  return engine.plan->ringLength == 3 && engine.historyCount >= 0 ? ringImage(engine, 2) : engine.levelImages[0][3];
+void setMatrix(Program* program, const char* name, const float* matrix) {
+  if (program->Has(name)) program->SetMatrix(matrix, 16, false, name);
 }
 
 // Where the finished picture goes. It is cleared when it is first bound, not before: on a tiled GPU a clear of a target that
 // other passes follow costs a store and a load of the whole image.
 class OutputTarget {
  public:
-  OutputTarget(_KRGPUEngine* gpuEngine, FrameBuffer* offscreenImage) : engine(gpuEngine), image(offscreenImage) {}
+  explicit OutputTarget(_KRGPUEngine* drawingEngine) : engine(drawingEngine) {}
 
   void bind() {
+    LowLightFilter& filter = engine->lowLight;
     if (engine->offscreen == 1) {
-      engine->lowLight->BindTarget(image);
+      filter.BindTarget(frameBufferOf(engine, Image::kOut));
     } else {
-      engine->lowLight->BindTarget(0, 0, engine->outputWidth, engine->outputHeight);
+      filter.BindTarget(0, 0, engine->outputWidth, engine->outputHeight);
     }
-    if (!cleared) engine->lowLight->Clear(0.0f, 0.0f, 0.0f, 0.0f);
+    if (!cleared) filter.Clear(0.0f, 0.0f, 0.0f, 0.0f);
     cleared = true;
   }
 
@@ -89,141 +36,68 @@ class OutputTarget {
 
  private:
   _KRGPUEngine* engine;
-  FrameBuffer* image;
   bool cleared = false;
 };
 
-void setMapping(_KRGPUEngine* engine, Mapping mapping) {
-  LowLightState& state = engine->lowLight->state;
+void setMapping(const _KRGPUEngine& engine, Mapping mapping, PassInput* input) {
   switch (mapping) {
     case Mapping::kIdentity:
-      state.warp = engine->identityTransform;
       break;
     case Mapping::kZoom:
-      state.warp = engine->zoomWarp;
+      input->warp = engine.zoomWarp;
       break;
     case Mapping::kStabilized:
-      state.warp = engine->stabilizedWarp;
+      input->warp = engine.stabilizedWarp;
       break;
     case Mapping::kMotion:
-      state.warp = engine->motionWarp;
+      input->warp = engine.motionWarp;
       break;
     case Mapping::kPrevious:
-      state.warp = engine->previousFromCurrent;
+      input->warp = engine.previousFromCurrent;
       break;
     case Mapping::kThreeFrames:
-      state.warp = engine->previousFromPicture;
-      state.warpLatest = engine->stabilizedWarp;
-      state.warpLatestTm = engine->oldestFromPicture;
+      input->warp = engine.previousFromPicture;
+      input->warpLatest = engine.stabilizedWarp;
+      input->warpLatestTm = engine.oldestFromPicture;
       break;
   }
 }
 
-void setSources(_KRGPUEngine* engine, const Image (&sources)[3]) {
-  LowLightState& state = engine->lowLight->state;
-  state.texture0 = textureOf(*engine, sources[0]);
-  state.texture1 = textureOf(*engine, sources[1]);
-  state.texture2 = state.maskTexture = textureOf(*engine, sources[2]);
-}
-
-void smoothLuma(_KRGPUEngine* engine, int strength) {
-  BilateralFilter* bilateral = engine->bilateral;
-  bilateral->gamma = 1.0f;
-  bilateral->factor = 15.0f - 0.08f * static_cast<float>(strength);
-  bilateral->strength = strength;
-  bilateral->apply(engine->packedLumaTexture, engine->packedImages[1], engine->packedImages[2]);
-}
-
-// Where accumulated and current frame differ by more than noise, the mask keeps the current frame.
-void shapeMask(_KRGPUEngine* engine, int strength) {
-  LowLightFilter* filter = engine->lowLight;
-  LowLightState& state = filter->state;
-  FrameBuffer* const* quarter = engine->quarterImages;
-  state.maskWeight = 0.99f - 0.0089f * static_cast<float>(strength);
-  setImageSize(&state, quarter[0]->GetWidth(), quarter[0]->GetHeight());
-  state.sourceTexture = quarter[0]->GetTextureId();
-  state.intermediateFrameBuffer = quarter[1];
-  state.targetFrameBuffer = quarter[0];
-  draw(filter, kPassMaskErode);
-  draw(filter, kPassMaskDilate);
-  filter->smoothMask(state.maskInTarget == 1 ? quarter[0] : quarter[1], quarter[2], quarter[3]);
-  setImageSize(&state, engine->width, engine->height);
-}
-
-void smoothAlongEdges(_KRGPUEngine* engine, const Step& step, int strength) {
-  LowLightState& state = engine->lowLight->state;
-  state.viewportWidth = engine->width;
-  state.viewportHeight = engine->height;
-  state.noiseReduction = strength;
-  state.sourceTexture = textureOf(*engine, step.sources[0]);
-  state.intermediateFrameBuffer = engine->levelImages[0][0];
-  state.targetFrameBuffer = frameBufferOf(*engine, step.target);
-  draw(engine->lowLight, kPassEdgeAware);
-}
-
-void drawSinglePass(_KRGPUEngine* engine, const Step& step, OutputTarget* output) {
-  LowLightState& state = engine->lowLight->state;
-  if (step.target == Image::kOut) {
+// output: null where no pass of the sequence draws the finished picture. corners: of what is drawn into it.
+void drawOne(_KRGPUEngine* engine, const Pass& pass, OutputTarget* output, const float* corners) {
+  PassInput input;
+  input.context = engine->passContext;
+  input.context.source = imageSize(*engine, pass.reads[0]);
+  input.context.target = imageSize(*engine, pass.writes);
+  if (pass.isDrawn != nullptr && !pass.isDrawn(input.context)) return;
+  if (pass.writes == Image::kOut) {
     output->bind();
-    state.transform = engine->outputTransform;
-    state.positionVertices = engine->outputQuad;
+    input.transform = engine->outputTransform;
+    input.corners = corners;
   } else {
-    engine->lowLight->BindWholeTarget(frameBufferOf(*engine, step.target));
+    engine->lowLight.BindWholeTarget(frameBufferOf(engine, pass.writes));
   }
-  setSources(engine, step.sources);
-  const bool toned = step.tone == Tone::kExposure;
-  state.limits[0] = toned ? engine->frameGamma : 1.0f;
-  state.limits[1] = toned ? engine->frameGain : 1.0f;
-  state.pixelPair[0] = 1.0f / static_cast<float>(engine->width);  // the sharpening's neighbours are a pixel away
-  state.pixelPair[1] = 1.0f / static_cast<float>(engine->height);
-  draw(engine->lowLight, step.operation);
-}
-
-void drawStep(_KRGPUEngine* engine, const Step& step, OutputTarget* output, int strength) {
-  engine->lowLight->state.transform = engine->identityTransform;
-  setMapping(engine, step.mapping);
-  switch (step.operation) {
-    case kStepSmoothLuma:
-      smoothLuma(engine, strength);
-      break;
-    case kStepShapeMask:
-      shapeMask(engine, strength);
-      break;
-    case kPassEdgeAware:
-      smoothAlongEdges(engine, step, strength);
-      break;
-    default:
-      drawSinglePass(engine, step, output);
-      break;
-  }
-}
-
-// The frame as it was uploaded, for a view side by side.
-void drawUntouched(_KRGPUEngine* engine, OutputTarget* output) {
-  const bool packed = engine->historyCount == -1;
-  LowLightState& state = engine->lowLight->state;
-  output->bind();
-  setSources(engine, {packed ? Image::kPackedLuma : Image::kLuma, Image::kChroma, Image::kNone});
-  setMapping(engine, Mapping::kZoom);
-  state.transform = engine->outputTransform;
-  state.positionVertices = engine->passThroughQuad;
-  state.limits[0] = state.limits[1] = 1.0f;
-  draw(engine->lowLight, packed ? kPassPackedYuv : kPassYuv);
+  for (int i = 0; i < 3; ++i) input.textures[i] = textureOf(engine, pass.reads[i]);
+  setMapping(*engine, pass.mapping, &input);
+  engine->passTimer.begin(pass.name);
+  drawPass(pass, input, programOf(engine, pass.program));
+  engine->passTimer.end();
 }
 
 bool drawsEnhanced(const _KRGPUEngine& engine) {
   return engine.outputQuadEnabled == 1 && engine.enhancementEnabled == 1;
 }
 
-void drawPicture(_KRGPUEngine* engine, FrameBuffer* finished, int strength) {
-  const bool enhanced = drawsEnhanced(*engine);
-  OutputTarget output(engine, finished);
-  if (enhanced) {
-    for (const Step& step : frameSequence(*engine->plan, engine->historyCount)) {
-      drawStep(engine, step, &output, strength);
+void drawPicture(_KRGPUEngine* engine) {
+  OutputTarget output(engine);
+  if (drawsEnhanced(*engine)) {
+    for (const Pass& pass : frameSequence(*engine->plan, engine->historyCount)) {
+      drawOne(engine, pass, &output, engine->outputQuad);
     }
   }
-  if (engine->passThroughQuadEnabled == 1) drawUntouched(engine, &output);
+  if (engine->passThroughQuadEnabled == 1) {
+    drawOne(engine, untouchedPass(engine->historyCount == -1), &output, engine->passThroughQuad);
+  }
   output.clearUnlessDrawn();
 }
 
@@ -232,7 +106,7 @@ void captureMask(_KRGPUEngine* engine) {
   const DeliveryNotes* notes = engine->handOver.notes;
   engine->maskCaptured = false;
   if (notes == nullptr || notes->captureMask.load(std::memory_order_acquire) == 0 || engine->historyCount < 1) return;
-  FrameBuffer* mask = engine->quarterImages[2];
+  FrameBuffer* mask = frameBufferOf(engine, Image::kMask);
   mask->ReadPixels(0, 0, mask->GetWidth(), mask->GetHeight(), GL_RGBA, GL_UNSIGNED_BYTE, notes->maskPixels);
   engine->maskCaptured = true;
 }
@@ -249,14 +123,62 @@ void waitForCaller(const HandOver& handOver) {
 
 }  // namespace
 
+void drawPass(const Pass& pass, const PassInput& input, Program* program) {
+  if (program == nullptr) return;
+  program->Use();
+  const ProgramTexts& texts = programTexts(pass.program);
+  for (int unit = 0; unit < 3 && texts.samplers[unit] != nullptr; ++unit) {
+    program->SetTexture(unit, input.textures[unit], texts.samplers[unit]);
+  }
+  setMatrix(program, "m_Transform", input.transform);
+  setMatrix(program, "m_Warp", input.warp);
+  setMatrix(program, "m_WarpLatest", input.warpLatest);
+  setMatrix(program, "m_WarpLatestTm", input.warpLatestTm);
+  for (const Uniform& uniform : pass.uniforms) {
+    if (uniform.name == nullptr) break;
+    float values[kMaxUniformValues];
+    uniform.compute(input.context, values);
+    if (uniform.components == 1) {
+      program->SetFloat(values[0], uniform.name);
+    } else {
+      program->SetVector(values, uniform.vectors, uniform.components, uniform.name);
+    }
+  }
+  program->SetAttribute(input.corners, 2, false, 0, program->Has("a_Position") ? "a_Position" : "aPosition");
+  program->draw(4);
+}
+
+void drawPack(_KRGPUEngine* engine, Image plane) {
+  for (const Pass& pass : engine->plan->pack) {
+    if (pass.writes == plane) drawOne(engine, pass, nullptr, nullptr);
+  }
+}
+
+namespace {
+
+void beginTiming(_KRGPUEngine* engine) {
+  PassObserver observer = nullptr;
+  void* context = nullptr;
+  if (const DeliveryNotes* notes = engine->handOver.notes; notes != nullptr) {
+    Lock lock(*engine->handOver.frameMutex);
+    observer = notes->passObserver;
+    context = notes->passObserverContext;
+  }
+  engine->passTimer.beginFrame(observer, context);
+}
+
+}  // namespace
+
 void processFrame(_KRGPUEngine* engine, int noiseReductionStrength, int deghosting) {
   // A strength beyond 100 would weigh the current frame with nothing and freeze the picture.
-  const int strength = noiseReductionStrength < 0 ? 0 : noiseReductionStrength > 100 ? 100 : noiseReductionStrength;
-  engine->lowLight->state.deghosting = deghosting;
-  setImageSize(&engine->lowLight->state, engine->width, engine->height);
-  FrameBuffer* const finished = finishedImage(*engine);
+  engine->passContext.settings.noiseReductionStrength = std::clamp(noiseReductionStrength, 0, 100);
+  engine->passContext.settings.deghosting = deghosting;
+  // A ring of three leaves no image of the frame's size to the output, but has done with its oldest by the time that is drawn.
+  const bool inRing = engine->plan->ringLength == 3 && engine->historyCount >= 0;
+  engine->outIndex = inRing ? (engine->historyIndex + 2) % 3 : kMaxLevelImages - 1;
+  beginTiming(engine);
   startWatch(6);
-  drawPicture(engine, finished, strength);
+  drawPicture(engine);
   stopWatch("ld", 6);
   if (!drawsEnhanced(*engine)) engine->historyCount = -1;  // nothing was kept of it: the next frame starts history anew
   captureMask(engine);
@@ -267,32 +189,25 @@ void processFrame(_KRGPUEngine* engine, int noiseReductionStrength, int deghosti
   if (engine->handOver.syncWithCaller == 1) waitForCaller(engine->handOver);
   startWatch(7);
   if (engine->offscreen == 1) {
-    ReadBackYuv(engine, finished, engine->plan->flipsChroma ? engine->flipChroma : 0);
+    ReadBackYuv(engine);
     swapBuffers(engine);
   } else {
     swapBuffers(engine);
+    engine->passTimer.report();
     deliver(engine, nullptr);
   }
   stopWatch("rw", 7);
 }
 
-void processInPlace(_KRGPUEngine* engine, unsigned char* frame, const InPlaceParameters& parameters) {
-  LowLightFilter* filter = engine->lowLight;
-  FrameBuffer* output = engine->levelImages[0][0];
-  FrameBuffer* targets[3] = {engine->reducedImage, engine->pyramid[0][0], engine->pyramid[0][1]};
+void processInPlace(_KRGPUEngine* engine, unsigned char* frame, const FrameSettings& settings) {
+  engine->passContext.settings = settings;
   loadRgbaTexture(engine, frame);
-  filter->state.scale = parameters.scale;
-  filter->state.detailStrength = parameters.detailStrength;
-  filter->state.sharpening = parameters.detailStrength;
-  filter->setContrast(parameters.contrast);
-  filter->state.transform = engine->identityTransform;
-  setImageSize(&filter->state, engine->width, engine->height);
-  Program* detail = filter->runSyncChain(engine->rgbaTexture->GetId(), targets, false, parameters.rgbaLayout);
-  if (detail == nullptr) return;
-  filter->BindWholeTarget(output);
-  detail->draw(4);
+  beginTiming(engine);
+  for (const Pass& pass : engine->plan->light) drawOne(engine, pass, nullptr, nullptr);
+  FrameBuffer* output = frameBufferOf(engine, Image::kInPlace);
   output->RestartReadBack();  // this frame, and no other
   noteReadBack(engine, readImage(output, frame));
+  engine->passTimer.report();
   engine->texturesLoaded = 0;
 }
 

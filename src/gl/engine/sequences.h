@@ -5,32 +5,44 @@
 #include <cstdint>
 #include <span>
 
-#include "filters/low_light_filter.h"
+#include "filters/programs.h"
+#include "gl/engine/frame.h"
 
 namespace noxel {
 
-// What a step draws: a PassCode, or one of these.
-enum CompositeStep : int {
-  kStepSmoothLuma = 100,  // the bilateral filter over packed luma: two passes
-  kStepShapeMask          // the raw ghost mask eroded, dilated and blurred
-};
-
-// What a step reads and draws into. levelImages[0] begins with a ring of two, in mode 0 of three.
+// What a pass reads and draws into. The images of the frame's size share four buffers: the history ring takes two of them, in
+// mode 0 three.
 enum class Image : uint8_t {
   kNone,
-  kLuma,  // of the frame as it came
-  kPackedLuma,
-  kChroma,
-  kSmoothedLuma,  // packed
+  // Uploaded.
+  kLuma,
+  kPackedLuma,  // four samples a texel
+  kChroma,      // V in red, U in alpha
+  kRgba,        // mode 4
+  kSelector,    // picks a sample out of a packed texel
+  // Of the frame's size.
   kNext,          // ring: this frame's place
   kPast,          // ring: the frame before, or the accumulated one
   kOldest,        // ring of three: two frames before
-  kCurrent,       // levelImages[0][2], which ends the ring of two
-  kSmoothed,      // levelImages[0][1], where no ring is kept
-  kMean,          // levelImages[0][3], which only the ring of three leaves free
-  kRawMask,       // quarter of the frame's size
-  kMask,          // eighth
-  kOut            // the finished picture, drawn through outputQuad
+  kCurrent,       // the frame as RGB, for a ring of two
+  kWideSmoothed,  // smoothed along edges with the wide step; where no ring is kept, as the next
+  kSmoothed,      // and with the narrow one
+  kMean,          // for a ring of three
+  kInPlace,       // mode 4: the enhanced picture
+  kOut,           // the finished picture: an image off-screen, else the window
+  // Smaller.
+  kHalfLuma,      // packed, half as high
+  kSmoothedLuma,  // packed
+  kRawMask,       // a quarter of the frame's size
+  kMaskScratch,   // a quarter
+  kMask,          // an eighth
+  kSmallScratch,  // an eighth
+  kReduced,       // three quarters
+  kHalf,
+  kQuarter,
+  kLumaBytes,  // what is read back
+  kChromaBytes,
+  kCount
 };
 
 // From a texture coordinate of the picture that is drawn to one of each picture that is read.
@@ -40,34 +52,69 @@ enum class Mapping : uint8_t {
   kStabilized,   // stabilizedWarp: zoomed and stabilised
   kMotion,       // motionWarp: to the accumulated picture
   kPrevious,     // previousFromCurrent: to the frame before
-  kThreeFrames,  // the stabilised picture to this frame, the one before and the one before that
+  kThreeFrames,  // the stabilised picture to the frame before, this one, and the one two frames before
 };
 
-enum class Tone : uint8_t { kNeutral, kExposure };
+struct ImageSize {
+  int width = 0;
+  int height = 0;
+};
 
-struct Step {
-  int operation;
-  Image target;
-  Image sources[3];
+// What the uniforms of a pass are computed from.
+struct PassContext {
+  FrameSettings settings;
+  float gamma = 1.0f;  // tone
+  float gain = 1.0f;
+  ImageSize frame;
+  ImageSize source;  // of the first image that the pass reads
+  ImageSize target;
+};
+
+struct Uniform {
+  const char* name;
+  int vectors;     // of the array, 1 for a single one
+  int components;  // 1, 2
+  void (*compute)(const PassContext& context, float* values);
+};
+inline constexpr int kMaxUniformValues = 8;
+
+struct Pass {
+  const char* name;
+  ProgramId program;
+  Image reads[3];  // in the order of the program's samplers
+  Image writes;
   Mapping mapping = Mapping::kIdentity;
-  Tone tone = Tone::kNeutral;
+  Uniform uniforms[4] = {};                               // those without a name are not there
+  bool (*isDrawn)(const PassContext& context) = nullptr;  // null: always
 };
 
 // What an engine mode draws, and what follows from it.
 struct ModePlan {
-  std::span<const Step> light;   // light frames
-  std::span<const Step> first;   // nothing is known of the past
-  std::span<const Step> second;  // the first frame whose motion from the one before is known
-  std::span<const Step> later;
+  std::span<const Pass> light;   // light frames; mode 4: every picture
+  std::span<const Pass> first;   // nothing is known of the past
+  std::span<const Pass> second;  // the first frame whose motion from the one before is known
+  std::span<const Pass> later;
+  std::span<const Pass> pack;  // off-screen: the finished picture into the bytes that are read back, luma first
   int ringLength;
   bool accumulates;  // the ring holds blends of all frames so far, not the frames
-  bool flipsChroma;  // reads flipChroma; else the chroma comes back in the order that it came in
 };
 
-// Of modes 0 to 3; any other, which has no frames of planes, draws nothing.
+// Of modes 0 to 4; any other draws nothing.
 const ModePlan& modePlan(int mode);
 
 // historyCount: -1 light frame, 0 nothing is known of the past, n the nth frame whose motion from the one before is known.
-std::span<const Step> frameSequence(const ModePlan& plan, int historyCount);
+std::span<const Pass> frameSequence(const ModePlan& plan, int historyCount);
+
+// The frame as it came, for a view side by side: of a light frame, whose luma is packed, and of any other.
+const Pass& untouchedPass(bool light);
+
+// Required of the filters, drawn by no mode.
+std::span<const Pass> sparePasses();
+
+// Share of the current frame where nothing holds the blend back. strength: 0..100.
+float ownWeight(int strength);
+
+// Width of the logistic contrast curve of mode 4. contrast: 0..100.
+float contrastCurve(float contrast);
 
 }  // namespace noxel

@@ -98,6 +98,7 @@ int EGLEngine::openDisplay() {
     return 0;
   }
   initializeDisplay(display);
+  released = false;
   (void)succeeded(eglBindAPI(EGL_OPENGL_ES_API), "eglBindAPI");  // OpenGL ES is every thread's first API anyway
   return 1;
 }
@@ -163,7 +164,8 @@ void EGLEngine::loadExtensions() {
 }
 
 int EGLEngine::Release() {
-  if (display == EGL_NO_DISPLAY) return 1;
+  if (display == EGL_NO_DISPLAY || released) return 1;
+  released = true;
   if (eglMakeCurrent(display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT) != EGL_TRUE) {
     LOG_EGL_ERROR("Error: make current failed %d\n", eglGetError());
   }

@@ -12,6 +12,11 @@ namespace noxel {
 // A display is the process's, not the engine's: it is terminated when the last engine that initialised it is released.
 class EGLEngine {
  public:
+  EGLEngine() = default;
+  ~EGLEngine() { Release(); }
+  EGLEngine(const EGLEngine&) = delete;
+  EGLEngine& operator=(const EGLEngine&) = delete;
+
   // 1 on success, 0 on failure. Without a window the surface is a 1 x 1 pbuffer whatever the size: it only makes the context
   // current, the images live in framebuffer objects. alphaSize: bits of the window's alpha channel, none where the window has none.
   int Initialize(int width, int height, void* window = nullptr, void* shareContext = nullptr, int alphaSize = 8);
@@ -65,6 +70,7 @@ class EGLEngine {
   void loadExtensions();
   void tellOnce(bool* fails, bool success, const char* call);  // a call of every frame that fails from now on
 
+  bool released = false;
   bool swapFails = false;
   bool queryFails = false;
 };

@@ -2,12 +2,38 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "gl/runtime/egl_engine.h"
 #include "platform/log.h"
 #include "platform/stopwatch.h"
 
 namespace noxel {
+
+FrameBuffer::~FrameBuffer() {
+  deleteObjects();
+}
+
+FrameBuffer::FrameBuffer(FrameBuffer&& other) noexcept {
+  *this = std::move(other);
+}
+
+FrameBuffer& FrameBuffer::operator=(FrameBuffer&& other) noexcept {
+  std::swap(framebufferId, other.framebufferId);
+  std::swap(textureId, other.textureId);
+  std::swap(width, other.width);
+  std::swap(height, other.height);
+  std::swap(format, other.format);
+  std::swap(eglImage, other.eglImage);
+  std::swap(packBuffers, other.packBuffers);
+  std::swap(packBufferCount, other.packBufferCount);
+  std::swap(packBufferSize, other.packBufferSize);
+  std::swap(writeIndex, other.writeIndex);
+  std::swap(readIndex, other.readIndex);
+  std::swap(writtenBuffers, other.writtenBuffers);
+  std::swap(complete, other.complete);
+  return *this;
+}
 
 void FrameBuffer::Reset() {
   framebufferId = ~0u;
@@ -30,12 +56,12 @@ int FrameBuffer::Generate() {
   return 1;
 }
 
-int FrameBuffer::Init(int newWidth, int newHeight, GLenum newFormat, GLenum filter) {
+int FrameBuffer::Init(int imageWidth, int imageHeight, GLenum imageFormat, GLenum filter) {
   if (framebufferId == ~0u && Generate() == 0) return 0;
   glBindFramebuffer(GL_FRAMEBUFFER, framebufferId);
   glBindTexture(GL_TEXTURE_2D, textureId);
-  glTexImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>(newFormat), newWidth, newHeight, 0, newFormat, GL_UNSIGNED_BYTE,
-               nullptr);
+  glTexImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>(imageFormat), imageWidth, imageHeight, 0, imageFormat,
+               GL_UNSIGNED_BYTE, nullptr);
   glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, static_cast<GLint>(filter));
   glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, static_cast<GLint>(filter));
   glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
@@ -43,16 +69,16 @@ int FrameBuffer::Init(int newWidth, int newHeight, GLenum newFormat, GLenum filt
   glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, textureId, 0);
   complete = CheckStatus("FrameBuffer");
   eglImage = nullptr;
-  width = newWidth;
-  height = newHeight;
-  format = newFormat;
+  width = imageWidth;
+  height = imageHeight;
+  format = imageFormat;
   glBindFramebuffer(GL_FRAMEBUFFER, 0);
   return 1;
 }
 
-int FrameBuffer::UseDefaultFramebuffer(int newWidth, int newHeight) {
-  width = newWidth;
-  height = newHeight;
+int FrameBuffer::UseDefaultFramebuffer(int imageWidth, int imageHeight) {
+  width = imageWidth;
+  height = imageHeight;
   framebufferId = 0;
   return 1;
 }
@@ -161,11 +187,15 @@ const void* FrameBuffer::MapReadPixels() {
   return glMapBufferRange(GL_PIXEL_PACK_BUFFER, 0, packBufferSize, GL_MAP_READ_BIT);
 }
 
-void FrameBuffer::Release(EGLEngine* egl) {
+void FrameBuffer::deleteObjects() {
   if (textureId != ~0u) glDeleteTextures(1, &textureId);
   if (framebufferId != ~0u && framebufferId != 0) glDeleteFramebuffers(1, &framebufferId);
   if (packBufferCount > 0) glDeleteBuffers(packBufferCount, packBuffers);
   packBufferCount = 0;
+}
+
+void FrameBuffer::Release(EGLEngine* egl) {
+  deleteObjects();
   if (eglImage != nullptr) egl->DestroyImage(eglImage);
   Reset();
 }

@@ -7,9 +7,15 @@ namespace noxel {
 
 class EGLEngine;
 
-// GPU thread only. The destructor frees nothing: Release does, while the context is current.
+// GPU thread only. Move-only; the destructor deletes the GL objects, so it runs while the context is current. An object
+// without GL names makes no GL call.
 class FrameBuffer {
  public:
+  FrameBuffer() = default;
+  ~FrameBuffer();
+  FrameBuffer(FrameBuffer&& other) noexcept;
+  FrameBuffer& operator=(FrameBuffer&& other) noexcept;
+
   // Allocates the image (8 bits per channel, clamped to the edge) on the names it has, generating them first when it has
   // none. Returns 1; an incomplete framebuffer is only logged.
   int Init(int width, int height, GLenum format, GLenum filter = GL_LINEAR);
@@ -65,6 +71,7 @@ class FrameBuffer {
   bool complete = false;
 
  private:
+  void deleteObjects();
   void advanceRing();
   bool copyPackBuffer(int index, unsigned char* dst);
 };

@@ -12,15 +12,15 @@ inline constexpr float gSquareVertices[8] = {-1, 1, -1, -1, 1, 1, 1, -1};
 // Column-major, as GL takes it.
 inline constexpr float kIdentityMatrix[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
 
-// GPU thread only.
+// GPU thread only. Move-only.
 class GLFilter {
  public:
   GLFilter() = default;
   virtual ~GLFilter() = default;
-  GLFilter(const GLFilter&) = delete;
-  GLFilter& operator=(const GLFilter&) = delete;
+  GLFilter(GLFilter&&) = default;
+  GLFilter& operator=(GLFilter&&) = default;
 
-  // Frees the GL objects; called once, with the context current, before the filter is deleted.
+  // Frees the GL objects while the context is current; the destructor does so too.
   virtual void Release() = 0;
 
   // Bind the target and set the viewport, which is remembered. The forms without a framebuffer draw into the window's.

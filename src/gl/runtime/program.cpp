@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "gl/runtime/program_cache.h"
 #include "gl/runtime/shader_dialect.h"
@@ -80,7 +81,20 @@ Program::Program(const char* fragmentSource, const char* vertexSource, const cha
 }
 
 Program::~Program() {
-  glDeleteProgram(id);
+  if (id != 0) glDeleteProgram(id);
+}
+
+Program::Program(Program&& other) noexcept {
+  *this = std::move(other);
+}
+
+Program& Program::operator=(Program&& other) noexcept {
+  std::swap(initialized, other.initialized);
+  std::swap(id, other.id);
+  std::swap(cacheDirectory, other.cacheDirectory);
+  std::swap(locations, other.locations);
+  std::swap(locationCount, other.locationCount);
+  return *this;
 }
 
 void Program::SetCacheDirectory(const char* directory) {
@@ -176,19 +190,25 @@ void Program::draw(int vertexCount) {
   glDrawArrays(GL_TRIANGLE_STRIP, 0, vertexCount);
 }
 
-GLint Program::GetLocation(const char* name) {
+GLint Program::findLocation(const char* name) {
   for (int i = 0; i < locationCount; ++i) {
     // The same literal in two translation units need not have one address.
     if (locations[i].name == name || std::strcmp(locations[i].name, name) == 0) return locations[i].location;
   }
   GLint location = glGetAttribLocation(id, name);
   if (location == -1) location = glGetUniformLocation(id, name);
-  if (location == -1) {
-    NOXEL_LOG_ERROR("Could not get attrib location for %s", name);
-    return -1;
-  }
   if (locationCount < kMaxLocations) locations[locationCount++] = {name, location};
   return location;
+}
+
+GLint Program::GetLocation(const char* name) {
+  const GLint location = findLocation(name);
+  if (location == -1) NOXEL_LOG_ERROR("Could not get attrib location for %s", name);
+  return location;
+}
+
+bool Program::Has(const char* name) {
+  return findLocation(name) != -1;
 }
 
 void Program::SetAttribute(const float* data, int components, bool normalized, int stride, const char* name) {

@@ -10,23 +10,25 @@ namespace noxel {
 // <cache directory>/<name> when the driver still accepts what is stored there, and stored there after it was compiled. The
 // cache can only miss: nothing that goes wrong with it is an error.
 //
-// A failed program is logged, keeps id 0 and draws nothing. GPU thread only; the destructor deletes the GL program, so it
-// runs while the context is current.
+// A failed program is logged, keeps id 0 and draws nothing. GPU thread only. Move-only; the destructor deletes the GL
+// program, so it runs while the context is current.
 class Program {
  public:
+  Program() = default;  // no program; makes no GL call
   // `cacheName` null or empty: never cached. `directory` null or empty: "/data/data/<process name>/korvane/", the private
   // place of an Android application. The texts are not kept; the names given to the setters below must be literals.
   Program(const char* fragmentSource, const char* vertexSource, const char* cacheName = nullptr,
           const char* directory = nullptr);
   ~Program();
-  Program(const Program&) = delete;
-  Program& operator=(const Program&) = delete;
+  Program(Program&& other) noexcept;
+  Program& operator=(Program&& other) noexcept;
 
   void Use();
   void draw(int vertexCount);  // a triangle strip
 
   // Location of an attribute or uniform, asked of GL once per name; -1, and a log line on every call, when there is none.
   GLint GetLocation(const char* name);
+  bool Has(const char* name);  // whether there is one, without a log line
 
   // Tightly packed floats, `components` a vertex; an attribute the program lacks is skipped.
   void SetAttribute(const float* data, int components, bool normalized, int stride, const char* name);
@@ -50,6 +52,7 @@ class Program {
   void SetCacheDirectory(const char* directory);
   int initialize(const char* fragmentSource, const char* vertexSource, const char* cacheName);
   int CreateProgram(const char* fragmentSource, const char* vertexSource);
+  GLint findLocation(const char* name);
   Text GetCacheDirectory();
   int LoadBinary(const char* path);
   void SaveBinary(const char* path);

@@ -1,10 +1,23 @@
 #include "gl/runtime/texture.h"
 
+#include <utility>
+
 #include "gl/runtime/egl_engine.h"
 
 namespace noxel {
 
+void Texture::swap(Texture& other) noexcept {
+  std::swap(width, other.width);
+  std::swap(height, other.height);
+  std::swap(format, other.format);
+  std::swap(id, other.id);
+  std::swap(eglImage, other.eglImage);
+  std::swap(depth, other.depth);
+  std::swap(is3D, other.is3D);
+}
+
 void Texture::create(GLenum target, GLenum filter, GLenum wrap) {
+  Release();
   glGenTextures(1, &id);
   glBindTexture(target, id);
   glTexParameteri(target, GL_TEXTURE_MIN_FILTER, static_cast<GLint>(filter));
@@ -14,25 +27,27 @@ void Texture::create(GLenum target, GLenum filter, GLenum wrap) {
   eglImage = nullptr;
 }
 
-void Texture::Init(int newWidth, int newHeight, GLenum newFormat, GLenum filter, GLenum wrap, const void* pixels) {
+void Texture::Init(int initialWidth, int initialHeight, GLenum initialFormat, GLenum filter, GLenum wrap,
+                   const void* pixels) {
   create(GL_TEXTURE_2D, filter, wrap);
   glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
-  glTexImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>(newFormat), newWidth, newHeight, 0, newFormat, GL_UNSIGNED_BYTE,
-               pixels);
-  width = newWidth;
-  height = newHeight;
-  format = newFormat;
+  glTexImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>(initialFormat), initialWidth, initialHeight, 0, initialFormat,
+               GL_UNSIGNED_BYTE, pixels);
+  width = initialWidth;
+  height = initialHeight;
+  format = initialFormat;
 }
 
-void Texture::Init3D(int newWidth, int newHeight, int newDepth, GLenum newFormat, GLenum filter, GLenum wrap) {
+void Texture::Init3D(int initialWidth, int initialHeight, int initialDepth, GLenum initialFormat, GLenum filter,
+                     GLenum wrap) {
   create(GL_TEXTURE_3D, filter, wrap);
   glTexParameteri(GL_TEXTURE_3D, GL_TEXTURE_WRAP_R, static_cast<GLint>(wrap));
-  glTexImage3D(GL_TEXTURE_3D, 0, static_cast<GLint>(newFormat), newWidth, newHeight, newDepth, 0, newFormat,
-               GL_UNSIGNED_BYTE, nullptr);
-  width = newWidth;
-  height = newHeight;
-  depth = newDepth;
-  format = newFormat;
+  glTexImage3D(GL_TEXTURE_3D, 0, static_cast<GLint>(initialFormat), initialWidth, initialHeight, initialDepth, 0,
+               initialFormat, GL_UNSIGNED_BYTE, nullptr);
+  width = initialWidth;
+  height = initialHeight;
+  depth = initialDepth;
+  format = initialFormat;
   is3D = 1;
 }
 
@@ -59,6 +74,7 @@ void Texture::Release(EGLEngine* egl) {
 
 void Texture::Release() {
   if (id != ~0u) glDeleteTextures(1, &id);
+  id = ~0u;
 }
 
 }  // namespace noxel

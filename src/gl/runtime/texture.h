@@ -7,11 +7,20 @@ namespace noxel {
 
 class EGLEngine;
 
-// 8 bits per channel. GPU thread only. The destructor frees nothing: Release does, while the context is current.
+// 8 bits per channel. Move-only; the destructor deletes the GL texture, so it runs on the GPU thread while the context is
+// current. An object without a texture makes no GL call.
 class Texture {
  public:
+  Texture() = default;
+  ~Texture() { Release(); }
+  Texture(Texture&& other) noexcept { swap(other); }
+  Texture& operator=(Texture&& other) noexcept {
+    swap(other);
+    return *this;
+  }
+
   // `format` is both the internal and the pixel format. `pixels` (width * height texels, no row padding) may be null. The
-  // texture stays bound to its target.
+  // texture stays bound to its target. A texture that was there before is deleted.
   void Init(int width, int height, GLenum format, GLenum filter = GL_LINEAR, GLenum wrap = GL_CLAMP_TO_EDGE,
             const void* pixels = nullptr);
   void Init3D(int width, int height, int depth, GLenum format, GLenum filter = GL_LINEAR,
@@ -35,6 +44,7 @@ class Texture {
   int is3D = 0;
 
  private:
+  void swap(Texture& other) noexcept;
   void create(GLenum target, GLenum filter, GLenum wrap);
 };
 

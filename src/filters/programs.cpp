@@ -1,0 +1,112 @@
+#include "filters/programs.h"
+
+#include <new>
+
+#include "filters/shader_texts.h"
+#include "platform/log.h"
+
+namespace noxel {
+namespace {
+
+using namespace shaders;
+
+constexpr ProgramTexts kTexts[] = {
+    {"kr_w1", kVsTransformVert, kFsCopyFrag, {"s_YTexture"}},
+    {"kr_w2", kVsTransformVert, kFsCopyGbaFrag, {"s_YTexture"}},
+    {"kr_w3", kVsTransformVert, kFsDiagonalBoxFrag, {"s_YTexture"}},
+    {"kr_w4", kVsTransformVert, kFsDetailFrag, {"s_YTexture", "s_SmoothYTexture"}},
+    {"kr_w5", kVsTransformVert, kFsDetailContrastFrag, {"s_YTexture", "s_SmoothYTexture"}},
+    {"kr_w6", kVsTransformVert, kFsDetailGbaFrag, {"s_YTexture", "s_SmoothYTexture"}},
+    {"kr_w7", kVsTransformVert, kFsDetailContrastGbaFrag, {"s_YTexture", "s_SmoothYTexture"}},
+    {"kr_w8", kVsWarpAbsVert, kFsBicubicYuvToRgbFrag, {"s_YTexture", "s_CTexture"}},
+    {"kr_w9", kVsThreeFrameVert, kFsThreeFrameMeanFrag, {"s_YTexture", "s_CTexture", "s_OTexture"}},
+    {"kr_w10", kVsOldNewVert, kFsRecursiveBlendFrag, {"s_YTexture", "s_CTexture"}},
+    {"kr_w11", kVsWarpNeighboursVert, kFsSharpenContrastFrag, {"s_YTexture"}},
+    {"kr_w12", kVsWarpNeighboursVert, kFsSharpenNeighboursFrag, {"s_YTexture"}},
+    {"kr_w13", kVsOldNewVert, kFsExtrapolateFrag, {"s_YTexture", "s_CTexture"}},
+    {"kr_w14", kVsWarpNeighboursVert, kFsGammaGainFrag, {"s_YTexture"}},
+    {"kr_w15", kVsWarpNeighboursVert, kFsYuvToRgbGammaFrag, {"s_YTexture", "s_CTexture"}},
+    {"kr_w16", kVsImageWidthScalarVert, kFsYuvToRgbGammaFrag, {"s_YTexture", "s_CTexture"}},
+    {"kr_w17", kVsImageWidthScalarVert, kFsPackedLumaYuvToRgbFrag, {"s_YTexture", "s_CTexture"}},
+    {"kr_w18", kVsImageWidthVectorVert, kFsSelectorLumaYuvToRgbFrag, {"s_YTexture", "s_CTexture", "s_LTexture"}},
+    {"kr_w19", kVsWarpDefaultVert, kFsEdgeAwareBlendFrag, {"s_texture", "s_textureOrig"}},
+    {"kr_w20", kVsOldNewVert, kFsGhostMaskFrag, {"s_YTexture", "s_CTexture"}},
+    {"kr_w21", kVsOldNewHighpVert, kFsDeghostMixFrag, {"s_YTexture", "s_CTexture", "s_DGTexture"}},
+    {"kr_w22", kVsPlainVert, kFsMaskErodeFrag, {"s_Texture"}},
+    {"kr_w23", kVsPlainVert, kFsMaskDilateStepsFrag, {"s_Texture"}},
+    {"kr_w24", kVsPlainDefaultVert, kFsMaskBlur7Frag, {"s_Texture"}},
+    {"kr_w25", kVsWarpVert, kFsHighlightDecayFrag, {"s_YTexture", "s_CTexture"}},
+    {"kr_w26", kVsWarpVert, kFsLinearBlendFrag, {"s_YTexture", "s_CTexture"}},
+    {"kr_w27", kVsScreenVert, kFsTestPatternFrag, {}},
+    {"kr_bl1", kBilateralVert, kBilateralSmoothFrag, {"sTexture"}},
+    {"kr_bl2", kBilateralVert, kBilateralRefineFrag, {"sTexture", "sRefTexture"}},
+    {"kr_r1", kVsBaseVert, kRgbToLumaFrag, {"s_texture"}},
+    {"kr_r2", kVsBaseVert, kRgbToChromaVuFrag, {"s_texture"}},
+    {"kr_r3", kVsBaseVert, kRgbToChromaUvFrag, {"s_texture"}},
+    {"kr_convr1", kVsBaseVert, kYuvToRgbFrag, {"s_YTexture", "s_CTexture"}},
+    {"kr_convr2", kVsImageWidthScalarVert, kYuvToRgbPackedFrag, {"s_YTexture", "s_CTexture"}},
+    {"kr_convr3", kVsImageWidthVectorVert, kYuvToRgbSelectorFrag, {"s_YTexture", "s_CTexture", "s_LTexture"}},
+};
+static_assert(sizeof(kTexts) / sizeof(kTexts[0]) == kProgramCount);
+
+// kr_w2 to kr_w7 are engine mode 4's; of the others mode 1 does without those that its sequences do not draw.
+bool isBuilt(ProgramId id, bool syncMode, bool reducedPrograms) {
+  if (id == kr_w1) return true;
+  if (id <= kr_w7) return !reducedPrograms;
+  if (syncMode) return false;
+  const bool drawnByModeOne =
+      id == kr_w8 || (id >= kr_w14 && id <= kr_w18 && id != kr_w16) || (id >= kr_w20 && id <= kr_w24);
+  return drawnByModeOne || !reducedPrograms;
+}
+
+}  // namespace
+
+const ProgramTexts& programTexts(ProgramId id) {
+  return kTexts[id];
+}
+
+Program* ProgramFilter::program(ProgramId id) {
+  if (programs == nullptr) return nullptr;
+  Program* candidate = &programs[static_cast<size_t>(id - first)];
+  return candidate->initialized == 1 ? candidate : nullptr;
+}
+
+bool ProgramFilter::build(ProgramId id, const char* cacheDirectory) {
+  const ProgramTexts& texts = programTexts(id);
+  if (programs == nullptr) programs.reset(new (std::nothrow) Program[static_cast<size_t>(last - first + 1)]);
+  if (programs == nullptr) {
+    NOXEL_LOG_ERROR("no memory for program %s", texts.name);
+    return false;
+  }
+  const bool cached = cacheDirectory != nullptr && cacheDirectory[0] != '\0';
+  Program* program = &programs[static_cast<size_t>(id - first)];
+  *program = Program(texts.fragment, texts.vertex, cached ? texts.name : nullptr, cacheDirectory);
+  if (program->initialized != 1) NOXEL_LOG_ERROR("program %s is missing", texts.name);
+  return program->initialized == 1;
+}
+
+bool ProgramFilter::buildAll(const char* cacheDirectory) {
+  bool complete = true;
+  for (int id = first; id <= last; ++id) complete = build(static_cast<ProgramId>(id), cacheDirectory) && complete;
+  return complete;
+}
+
+bool LowLightFilter::setupPrograms(const char* cacheDirectory) {
+  bool complete = true;
+  for (int id = kr_w1; id <= kr_w27; ++id) {
+    const auto program = static_cast<ProgramId>(id);
+    if (isBuilt(program, syncMode, reducedPrograms)) complete = build(program, cacheDirectory) && complete;
+  }
+  return complete;
+}
+
+Texture createSelectorTexture() {
+  static constexpr unsigned char kTexels[16] = {255, 0, 0, 0, 0, 255, 0, 0, 0, 0, 255, 0, 0, 0, 0, 255};
+  forgetGLErrors();
+  Texture texture;
+  texture.Init(4, 1, GL_RGBA, GL_NEAREST, GL_REPEAT, kTexels);
+  if (!NOXEL_CHECK_GL("createSelectorTexture")) texture.Release();
+  return texture;
+}
+
+}  // namespace noxel
