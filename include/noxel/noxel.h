@@ -127,7 +127,8 @@ NOXEL_API int Noxel_ProcessFrame(unsigned char* frame, _KRSuperResEngine* engine
  *  0  released
  *  1  null handle, null engine, or an engine that was already released
  *
- *  Ownership: the engine's memory, threads and GL objects are gone on return.
+ *  Ownership: the engine's memory, threads and GL objects are gone on return: after the last engine the library may be
+ *             unloaded.
  *  Threads:   any.
  *  Time:      up to the frame in flight.
  */

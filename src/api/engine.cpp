@@ -147,6 +147,7 @@ int releaseEngine(_KRSuperResEngine** handle) {
     stopRegistrationThread(engine);
   }
   waitForReferences(engine);
+  joinUploadJobs(engine, Jobs::kAll);
   freeEngine(engine);
   return 0;
 }

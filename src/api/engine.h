@@ -84,6 +84,16 @@ struct GpuThreadContext {
   bool gpuThreadStarted = false;
 };
 
+// One queued frame's thread. It is joined by a later call or by release: a detached one would still be on its way out of
+// the library's code when that is unloaded.
+struct UploadJob {
+  _KRSuperResEngine* engine;
+  uint32_t sequence;                // of its frame
+  pthread_t thread = {};            // under frameMutex, as the next
+  UploadJob* next = nullptr;        // on the engine's list
+  std::atomic<bool> ended = false;  // the thread's last word
+};
+
 // Beside the registration thread itself.
 inline constexpr int kMaxRegistrationWorkers = 3;
 
@@ -107,9 +117,10 @@ struct _KRSuperResEngine {
   int framesSinceReset = 0;
   int ringSlots = 2;
   int outputDelay = 2;
-  int ringIndex = 0;      // next slot to fill
-  int uploadIndex = 0;    // next slot a job reads
-  bool jobsFail = false;  // the last job's thread could not be made
+  int ringIndex = 0;                 // next slot to fill
+  int uploadIndex = 0;               // next slot a job reads
+  bool jobsFail = false;             // the last job's thread could not be made
+  noxel::UploadJob* jobs = nullptr;  // not joined yet
   std::atomic<int> queuedFrames = 0;
   std::atomic<uint32_t> sequence = 0;        // raised at each break; jobs and frames carry the number they began with
   std::atomic<int> repriming = 0;            // 1: the next frame of this sequence primes the tracker; taken by exchange

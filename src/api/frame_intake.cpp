@@ -154,6 +154,7 @@ int KRProcessFrame(unsigned char* frame, _KRSuperResEngine* engine) {
     KRProcessFrameSync(frame, engine);
     return 0;
   }
+  joinUploadJobs(engine, Jobs::kEnded);
   const int format = engine->imageFormat.load(std::memory_order_relaxed);
   const Intake intake = takeIn(engine, frame, format);
   if (intake.runJobHere) runUploadJob(engine, intake.sequence);

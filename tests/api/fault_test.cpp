@@ -226,8 +226,7 @@ TEST_P(FaultWalk, LosesNothingAndSaysWhatFailed) {
     expectWhole(life, setting);
     levels = life.levels;
   }
-  const Held nothing = settledHeld({});
-  ASSERT_EQ(nothing, Held{});
+  ASSERT_EQ(held(), Held{});
   int calls = 0;
   {
     const LogCapture log;
@@ -258,9 +257,9 @@ TEST_P(FaultWalk, LosesNothingAndSaysWhatFailed) {
       const auto known = logWords().find(failed);
       const std::string word = known != logWords().end() ? known->second : failed;
       EXPECT_TRUE(log.contains(word)) << "nothing says \"" << word << "\":\n" << log.text();
-      const Held left = settledHeld(nothing);
-      EXPECT_EQ(left, nothing) << left.allocations << " allocations, " << left.threads << " threads, " << left.glObjects
-                               << " GL objects";
+      const Held left = held();
+      EXPECT_EQ(left, Held{}) << left.allocations << " allocations, " << left.threads << " threads, " << left.glObjects
+                              << " GL objects";
       if (HasFailure())
         FAIL() << failed << ", call " << nth << " of " << calls
                << (lasting == Lasting::kOnce ? " alone" : " and later");
@@ -314,7 +313,7 @@ TEST(Stall, OfASwapHoldsTheGpuThreadAndNeverTheCaller) {
     EXPECT_TRUE(drains(engine));
     EXPECT_EQ(releaseEngine(&engine), 0);
   }
-  EXPECT_EQ(settledHeld({}), Held{});
+  EXPECT_EQ(held(), Held{});
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -15,7 +15,6 @@
 #include <cstdio>
 #include <mutex>
 #include <new>
-#include <thread>
 #include <unordered_set>
 
 #include "filters/low_light_filter.h"
@@ -186,11 +185,6 @@ FakeWindow::~FakeWindow() {
 Held held() {
   std::lock_guard lock(allocationMutex);
   return {static_cast<long>(allocations().size()), threadsAlive, glObjectsAlive};
-}
-
-Held settledHeld(const Held& expected) {
-  for (int i = 0; i < 1000 && held() != expected; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  return held();
 }
 
 std::vector<int> takeDrawnPasses() {

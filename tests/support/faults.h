@@ -70,7 +70,6 @@ struct Held {
   bool operator==(const Held&) const = default;
 };
 Held held();
-Held settledHeld(const Held& expected);  // a detached thread ends a moment after its engine: waits up to five seconds
 
 // Pass codes drawn by LowLightFilter::drawPass, in order, since the last call. While no frame is being processed.
 std::vector<int> takeDrawnPasses();
