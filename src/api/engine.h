@@ -101,6 +101,12 @@ inline constexpr int kMaxRegistrationWorkers = 3;
 
 // Allocated zeroed and constructed in place; freed when the last reference is dropped after release.
 struct _KRSuperResEngine {
+  // Taken in the order jobMutex, apiMutex, frameMutex where several are held; a signal's mutex and the registry's are
+  // innermost.
+  pthread_mutex_t jobMutex = PTHREAD_MUTEX_INITIALIZER;  // one upload job, or one in-place frame, at a time
+  pthread_mutex_t apiMutex =
+      PTHREAD_MUTEX_INITIALIZER;  // release against parameters, and the claim of a frame by a job
+
   int mode = 1;
   int width = 0;
   int height = 0;
@@ -154,10 +160,8 @@ struct _KRSuperResEngine {
 
 namespace noxel {
 
-// Process-wide locks, taken in this order where several are held; a signal's mutex and the registry's are innermost.
-extern pthread_mutex_t jobMutex;    // one upload job, or one in-place frame, at a time
-extern pthread_mutex_t apiMutex;    // release against parameters, and the claim of a frame by a job
-extern pthread_mutex_t frameMutex;  // the sequence state and the output buffers of all engines
+// The sequence state and the output buffers of all engines: the one lock that engines share, never held over a wait.
+extern pthread_mutex_t frameMutex;
 
 // Bytes of one NV21 or YV12 frame.
 inline size_t frameSize(int width, int height) {

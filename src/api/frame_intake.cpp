@@ -117,8 +117,8 @@ void handBack(_KRSuperResEngine* engine, unsigned char* frame, int format, bool 
 }
 
 void KRProcessFrameSync(unsigned char* frame, _KRSuperResEngine* engine) {
-  Lock job(jobMutex);
-  Lock api(apiMutex);
+  Lock job(engine->jobMutex);
+  Lock api(engine->apiMutex);
   const char* refusal = nullptr;
   if (engine->running.load(std::memory_order_acquire) == 1) refusal = "eng->running == 1";
   if (engine->initialized.load(std::memory_order_acquire) == 0) refusal = "eng->initialized == 0";

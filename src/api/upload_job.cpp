@@ -44,7 +44,7 @@ Claim claimSlot(_KRSuperResEngine* engine, uint32_t sequence) {
 
 // Refuses or claims under the locks that release and the other jobs take. Null buffer: nothing to do.
 Claim admit(_KRSuperResEngine* engine, uint32_t sequence) {
-  Lock lock(apiMutex);
+  Lock lock(engine->apiMutex);
   if (const char* reason = refusal(engine); reason != nullptr) {
     NOXEL_LOG_INFO("%s", reason);
     dropFrame(engine->gpu.handOver, sequence);  // takes frameMutex: no frame is in flight beyond here
@@ -265,7 +265,7 @@ void joinUploadJobs(_KRSuperResEngine* engine, Jobs which) {
 }
 
 void runUploadJob(_KRSuperResEngine* engine, uint32_t sequence) {
-  Lock job(jobMutex);
+  Lock job(engine->jobMutex);
   const Claim claim = admit(engine, sequence);
   if (claim.buffer == nullptr) return;
   processClaimed(engine, claim, sequence);

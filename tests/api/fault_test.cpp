@@ -316,6 +316,46 @@ TEST(Stall, OfASwapHoldsTheGpuThreadAndNeverTheCaller) {
   EXPECT_EQ(held(), Held{});
 }
 
+TEST(Stall, OfOneEnginesSwapHoldsNoOtherEngine) {
+  constexpr unsigned kLongestSeconds = 60;
+  std::snprintf(watchedFor, sizeof(watchedFor), "one engine waits for another's swap\n");
+  watch(kLongestSeconds);
+  FakeWindow window(kWidth, kHeight);
+  TestClock clock;
+  _KRSuperResEngine* stalled = nullptr;
+  ASSERT_EQ(initializeEngine(kWidth, kHeight, kModeEnhance, 2, 2, 0, window.native(), &stalled), 0);
+  {
+    const StalledGpu stall(Gate::kSwap, Whom::kFirst);
+    for (int i = 0; i < 2; ++i) {
+      Frame frame(kWidth, kHeight, 40);
+      ASSERT_EQ(KRProcessFrame(frame.bytes.data(), stalled), 0);
+    }
+    if (engineReady(stalled)) {
+      ASSERT_TRUE(stall.isHolding());
+      const auto secondIsUploading = [&] {
+        Lock lock(frameMutex);
+        return stalled->bufferBeingRead == stalled->frameBuffers[1];
+      };
+      while (!secondIsUploading()) std::this_thread::yield();
+    }
+    int strength = 50;
+    EXPECT_EQ(Noxel_SetParameter(NOXEL_PARAMETER_NOISE_REDUCTION, &strength, stalled), 0);
+    for (const Setting& other : {Setting{kModeEnhance, false, 1}, Setting{kModeSynchronousRgba, false, 1}}) {
+      _KRSuperResEngine* engine = nullptr;
+      ASSERT_EQ(initializeEngine(kWidth, kHeight, other.mode, 1, 1, other.syncWithCaller, nullptr, &engine), 0);
+      EXPECT_EQ(Noxel_SetParameter(NOXEL_PARAMETER_NOISE_REDUCTION, &strength, engine), 0);
+      for (int i = 0; i < 3; ++i) {
+        Picture frame = given(other, i);
+        EXPECT_EQ(KRProcessFrame(frame.data(), engine), 0);
+        EXPECT_EQ(frame == given(other, i), !engineReady(engine));
+      }
+      EXPECT_EQ(releaseEngine(&engine), 0);
+    }
+  }
+  EXPECT_EQ(releaseEngine(&stalled), 0);
+  watch(0);
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Lives, FaultWalk,
     ::testing::Combine(::testing::Values(Setting{0, false, 0}, Setting{2, false, 1}, Setting{3, false, 0},

@@ -44,7 +44,8 @@ bool fails(Fault fault, const char* call) {
 }
 
 struct Turnstile {
-  bool closed = false;  // under gateMutex, as the next
+  bool closed = false;  // under gateMutex, as the next two
+  bool holdsOne = false;
   int waiting = 0;
 };
 std::mutex gateMutex;
@@ -56,6 +57,7 @@ std::vector<int> drawnPasses;
 void pass(Gate which) {
   std::unique_lock lock(gateMutex);
   Turnstile& gate = gates[static_cast<int>(which)];
+  if (gate.holdsOne && gate.waiting > 0) return;
   ++gate.waiting;
   gateChanged.notify_all();
   gateChanged.wait(lock, [&] { return !gate.closed; });
@@ -154,10 +156,12 @@ const char* FaultInjection::failedCall() const {
   return faultStates[static_cast<int>(fault)].failedCall;
 }
 
-StalledGpu::StalledGpu(Gate stalled) {
+StalledGpu::StalledGpu(Gate stalled, Whom whom) {
   std::lock_guard lock(gateMutex);
   stalledGate = stalled;
-  gates[static_cast<int>(stalled)].closed = true;
+  Turnstile& gate = gates[static_cast<int>(stalled)];
+  gate.closed = true;
+  gate.holdsOne = whom == Whom::kFirst;
 }
 
 StalledGpu::~StalledGpu() {
