@@ -34,6 +34,7 @@ void resetSequence(_KRSuperResEngine* engine) {
   engine->sequence.fetch_add(1, std::memory_order_relaxed);
   engine->gpu.resetPending.store(1, std::memory_order_release);
   engine->repriming.store(1, std::memory_order_release);
+  engine->notes.outputPath = FramePath::kNone;
   engine->framesSinceReset = 0;
   engine->ringIndex = 0;
   engine->uploadIndex = 0;
@@ -78,9 +79,6 @@ Intake takeIn(_KRSuperResEngine* engine, const unsigned char* frame, int format)
   const bool reset = gap > 1500.0f || (engine->framesSinceReset >= 2 && gap > 200.0f);
   if (reset) resetSequence(engine);
   Intake intake = {false, reset || engine->framesSinceReset == 0, engine->sequence.load(std::memory_order_relaxed)};
-  if (intake.primed) {
-    copyAndConvertInput(engine->frameBuffers[3], frame, engine->width, engine->height, format);
-  }
   if (engine->queuedFrames.load(std::memory_order_acquire) >= engine->ringSlots) return intake;
   if (engine->syncWithCaller == 1 && engine->framesSinceReset == 0) {
     while (engine->ringIndex < engine->ringSlots - 1) {
@@ -93,23 +91,37 @@ Intake takeIn(_KRSuperResEngine* engine, const unsigned char* frame, int format)
   return intake;
 }
 
-// Until there is an output to take, or none to come.
-void waitForOutput(_KRSuperResEngine* engine) {
+// Until there is an output to take, or none to come: false.
+bool waitForOutput(_KRSuperResEngine* engine) {
   _KRSignal* signal = &engine->callerSignal;
   Lock lock(signal->mutex);
   while (signal->flag != 1 && engine->initialized.load(std::memory_order_acquire) == 1 &&
          !(signal->flag == -1 && engine->queuedFrames.load(std::memory_order_acquire) <= 0)) {
     pthread_cond_wait(&signal->condition, &signal->mutex);
   }
-  if (signal->flag == 1) signal->flag = 0;
+  if (signal->flag != 1) return false;
+  signal->flag = 0;
+  return true;
 }
 
-// The frame that begins a sequence comes back as it came, however soon the enhanced one is there. A caller that waited for
-// its enhanced frame gets that, or, when it was lost, its own.
-void handBack(_KRSuperResEngine* engine, unsigned char* frame, int format, bool primed) {
+// Of the next frame, as far as it is known.
+FramePath pathAhead(const _KRSuperResEngine& engine) {
+  const int lightMode = engine.gpu.lightMode.load(std::memory_order_relaxed);
+  if (lightMode == 0) return FramePath::kTemporal;
+  return lightMode == 1 ? FramePath::kSpatial : framePath(engine.report.status);
+}
+
+// Whether the output buffer holds what this call is to return; otherwise its own frame comes back as it came. Under
+// frameMutex. The frame that begins a sequence comes back as it came, however soon the enhanced one is there.
+bool hasOutput(const _KRSuperResEngine& engine, bool primed, bool waitedFor) {
+  if (engine.offscreen == 0) return false;
+  if (engine.syncWithCaller == 1) return waitedFor && !engine.notes.missed;
+  return !primed && engine.notes.outputPath == pathAhead(engine);
+}
+
+void handBack(_KRSuperResEngine* engine, unsigned char* frame, int format, bool primed, bool waitedFor) {
   Lock lock(frameMutex);
-  const bool keepsOwn = engine->syncWithCaller == 1 ? engine->notes.missed : primed;
-  if (engine->offscreen == 1 && !keepsOwn) {
+  if (hasOutput(*engine, primed, waitedFor)) {
     copyAndConvertOutput(frame, engine->frameBuffers[3], engine->width, engine->height, format);
   }
   if (engine->syncWithCaller == 1) engine->callerSignal.raise(-1);
@@ -158,8 +170,8 @@ int KRProcessFrame(unsigned char* frame, _KRSuperResEngine* engine) {
   const int format = engine->imageFormat.load(std::memory_order_relaxed);
   const Intake intake = takeIn(engine, frame, format);
   if (intake.runJobHere) runUploadJob(engine, intake.sequence);
-  if (engine->syncWithCaller == 1) waitForOutput(engine);
-  handBack(engine, frame, format, intake.primed);
+  const bool waitedFor = engine->syncWithCaller == 1 && waitForOutput(engine);
+  handBack(engine, frame, format, intake.primed, waitedFor);
   return 0;
 }
 

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <optional>
 #include <random>
 #include <thread>
 
@@ -168,6 +169,45 @@ TEST(Intake, SlotsAreReadInTurnAndNoneIsFilledWhileItIsRead) {
   engine.process(&next);
   ASSERT_TRUE(drains(engine.handle));
   EXPECT_TRUE(std::equal(before.begin(), before.end(), read));
+}
+
+// A camera that starts, breaks off, or changes its light mode: while the GPU takes its time nothing stands still, and nothing
+// from before comes back.
+TEST(Intake, EachCallReturnsItsOwnFrameUntilOneIsEnhanced) {
+  for (const bool stalled : {true, false}) {
+    TestEngine engine(16, 8, {.mode = kModeNeutralExposure, .ringSlots = 2, .outputDelay = 2, .syncWithCaller = 0});
+    NOXEL_NEEDS_GL(engine);
+    engine.set(kParamNoiseReductionStrength, 0);
+    engine.setMotion([](bool, MotionEstimate*) { return true; });
+    int level = 20;
+    const std::function<void()> causes[] = {[] {}, [&] { engine.clock.advance(2000); },
+                                            [&] { engine.set(kParamLightMode, 0); },
+                                            [&] { engine.set(kParamLightMode, 1); }};
+    for (const auto& cause : causes) {
+      const int firstLevel = level;
+      cause();
+      for (std::optional<StalledGpu> stall; level < firstLevel + 25; level += 5) {
+        if (stalled && !stall) stall.emplace();
+        Frame frame(16, 8, static_cast<unsigned char>(level));
+        const Frame given = frame;
+        engine.process(&frame);
+        if (stalled) {
+          EXPECT_EQ(frame.bytes, given.bytes) << "level " << level;
+          ASSERT_TRUE(stall->isHolding());
+        } else {
+          EXPECT_GE(frame.luma(7, 3), firstLevel - 1);
+        }
+        ASSERT_TRUE(stalled || drains(engine.handle));
+      }
+      ASSERT_TRUE(drains(engine.handle));
+      Frame frame(16, 8, static_cast<unsigned char>(level));
+      engine.process(&frame);
+      EXPECT_GE(frame.luma(7, 3), firstLevel - 1);
+      EXPECT_LE(frame.luma(7, 3), level - 4) << "an enhanced frame comes back";
+      ASSERT_TRUE(drains(engine.handle));
+      level += 5;
+    }
+  }
 }
 
 TEST(Intake, ReleaseWakesACallerThatWaitsForItsFrame) {
