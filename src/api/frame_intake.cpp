@@ -66,6 +66,10 @@ bool queueFrame(_KRSuperResEngine* engine, const unsigned char* frame, int forma
   return true;
 }
 
+bool isLive(const _KRSuperResEngine& engine) {
+  return engine.initialized.load(std::memory_order_acquire) == 1;
+}
+
 struct Intake {
   bool runJobHere;
   bool primed;  // it begins a sequence
@@ -76,6 +80,7 @@ struct Intake {
 Intake takeIn(_KRSuperResEngine* engine, const unsigned char* frame, int format) {
   Lock lock(frameMutex);
   const float gap = takeGap();
+  if (!isLive(*engine)) return {false, false, 0};
   const bool reset = gap > 1500.0f || (engine->framesSinceReset >= 2 && gap > 200.0f);
   if (reset) resetSequence(engine);
   Intake intake = {false, reset || engine->framesSinceReset == 0, engine->sequence.load(std::memory_order_relaxed)};
@@ -95,7 +100,7 @@ Intake takeIn(_KRSuperResEngine* engine, const unsigned char* frame, int format)
 bool waitForOutput(_KRSuperResEngine* engine) {
   _KRSignal* signal = &engine->callerSignal;
   Lock lock(signal->mutex);
-  while (signal->flag != 1 && engine->initialized.load(std::memory_order_acquire) == 1 &&
+  while (signal->flag != 1 && isLive(*engine) &&
          !(signal->flag == -1 && engine->queuedFrames.load(std::memory_order_acquire) <= 0)) {
     pthread_cond_wait(&signal->condition, &signal->mutex);
   }
@@ -114,7 +119,7 @@ FramePath pathAhead(const _KRSuperResEngine& engine) {
 // Whether the output buffer holds what this call is to return; otherwise its own frame comes back as it came. Under
 // frameMutex. The frame that begins a sequence comes back as it came, however soon the enhanced one is there.
 bool hasOutput(const _KRSuperResEngine& engine, bool primed, bool waitedFor) {
-  if (engine.offscreen == 0) return false;
+  if (engine.offscreen == 0 || !isLive(engine)) return false;
   if (engine.syncWithCaller == 1) return waitedFor && !engine.notes.missed;
   return !primed && engine.notes.outputPath == pathAhead(engine);
 }
@@ -133,7 +138,7 @@ void KRProcessFrameSync(unsigned char* frame, _KRSuperResEngine* engine) {
   Lock api(engine->apiMutex);
   const char* refusal = nullptr;
   if (engine->running.load(std::memory_order_acquire) == 1) refusal = "eng->running == 1";
-  if (engine->initialized.load(std::memory_order_acquire) == 0) refusal = "eng->initialized == 0";
+  if (!isLive(*engine)) refusal = "eng->initialized == 0";
   if (refusal != nullptr) {
     NOXEL_LOG_INFO("%s", refusal);
     return;
@@ -152,7 +157,7 @@ int KRProcessFrame(unsigned char* frame, _KRSuperResEngine* engine) {
     return 1;
   }
   const EngineReference reference(engine);
-  if (!reference || engine->initialized.load(std::memory_order_acquire) == 0) {
+  if (!reference || !isLive(*engine)) {
     NOXEL_LOG_INFO("Engine not initialized");
     return 1;
   }

@@ -7,6 +7,7 @@
 
 #include "api/frame_conversion.h"
 #include "support/faults.h"
+#include "support/log_capture.h"
 #include "support/test_engine.h"
 
 namespace noxel {
@@ -230,6 +231,37 @@ TEST(Intake, ReleaseWakesACallerThatWaitsForItsFrame) {
   }
   release.join();
   engine.handle = nullptr;
+}
+
+// The frame clock is read in the middle of a call: release begins there.
+TEST(Intake, AFrameOverWhichReleaseBeginsComesBackAndStartsNothing) {
+  for (const int sync : {0, 1}) {
+    TestEngine engine(16, 8, {.syncWithCaller = sync});
+    NOXEL_NEEDS_GL(engine);
+    Frame first(16, 8, 40);
+    engine.process(&first);
+    ASSERT_TRUE(drains(engine.handle));
+    const LogCapture log;
+    struct Releaser {
+      _KRSuperResEngine* engine;
+      std::thread thread;
+    } releaser{engine.handle, {}};
+    platform::setFrameClock(
+        [](void* context) {
+          auto* self = static_cast<Releaser*>(context);
+          self->thread = std::thread([self] { EXPECT_EQ(releaseEngine(&self->engine), 0); });
+          while (self->engine->initialized.load() == 1) std::this_thread::yield();
+          return platform::TimeOfDay{1'700'000'000, 40'000};
+        },
+        &releaser);
+    Frame frame(16, 8, 50);
+    const Frame given = frame;
+    EXPECT_EQ(KRProcessFrame(frame.bytes.data(), engine.handle), 0);
+    releaser.thread.join();
+    engine.handle = nullptr;
+    EXPECT_EQ(frame.bytes, given.bytes);
+    EXPECT_EQ(log.text(), "");
+  }
 }
 
 TEST(Intake, AFailedMapLosesOneFrameAndManyTheContext) {
