@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "api/engine.h"
+#include "api/threads.h"
 #include "platform/frame_clock.h"
 #include "platform/log.h"
 #include "support/faults.h"
@@ -84,16 +84,11 @@ class Soak {
   explicit Soak(const Options& given) : options(given), random(given.seed), frame(frameBytes(given)) {}
 
   bool make() {
-    threadsBefore = held().threads;
     return initializeEngine(options.width, options.height, options.mode, 2, 2, 0, nullptr, &engine) == 0 &&
            engineReady(engine);
   }
 
-  void release() {
-    releaseEngine(&engine);
-    for (int i = 0; i < 1000 && held().threads > threadsBefore; ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
+  void release() { releaseEngine(&engine); }
 
   // Each frame is taken: the next waits for a free slot.
   void process() {
@@ -106,7 +101,7 @@ class Soak {
 
   void drain() {
     while (engine->queuedFrames.load() > 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // jobs end a moment after their frame is delivered
+    joinUploadJobs(engine, Jobs::kAll);
   }
 
  private:
@@ -130,7 +125,6 @@ class Soak {
   std::mt19937 random;
   std::vector<unsigned char> frame;
   _KRSuperResEngine* engine = nullptr;
-  int threadsBefore = 0;
 };
 
 bool soakFrames(const Options& options) {

@@ -106,10 +106,11 @@ NOXEL_API int Noxel_SetParameter(unsigned id, void* value, _KRSuperResEngine* en
 /** Enhances one camera frame in place.
  *
  *  frame   width * height * 3/2 bytes in the current image format (NV21: Y, then V,U pairs; YV12: Y, V, U), no row padding.
- *          Off-screen it holds an enhanced frame on return: the newest one finished, usually that of an earlier call, and
- *          the caller's own frame unchanged right after a break of the sequence (a gap of more than 1500 ms, or of more than
- *          200 ms once two frames are in) and from then on when the GPU context was lost, which the log tells. With a window,
- *          or with an unknown image format, it is left as it came.
+ *          Off-screen it holds an enhanced frame on return: the newest one finished, usually that of an earlier call.
+ *          It holds the caller's own frame unchanged from the first frame, from a break of the sequence (a gap of more than
+ *          1500 ms, or of more than 200 ms once two frames are in) and from a change of the light mode until the first frame
+ *          enhanced since then is there, and for good when the GPU context was lost, which the log tells. With a window, or
+ *          with an unknown image format, it is left as it came.
  *
  *  0  accepted (also when the ring was full and the frame itself was not enhanced)
  *  1  no engine, an engine not initialised or already released, or a null frame; the buffer is untouched
@@ -127,7 +128,8 @@ NOXEL_API int Noxel_ProcessFrame(unsigned char* frame, _KRSuperResEngine* engine
  *  0  released
  *  1  null handle, null engine, or an engine that was already released
  *
- *  Ownership: the engine's memory, threads and GL objects are gone on return.
+ *  Ownership: the engine's memory, threads and GL objects are gone on return: after the last engine the library may be
+ *             unloaded.
  *  Threads:   any.
  *  Time:      up to the frame in flight.
  */

@@ -16,8 +16,6 @@
 
 namespace noxel {
 
-pthread_mutex_t jobMutex = PTHREAD_MUTEX_INITIALIZER;
-pthread_mutex_t apiMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t frameMutex = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
@@ -55,6 +53,8 @@ void freeEngine(_KRSuperResEngine* engine) {
                             &engine->registration.registrationRequest, &engine->registration.registrationDone}) {
     signal->destroy();
   }
+  pthread_mutex_destroy(&engine->jobMutex);
+  pthread_mutex_destroy(&engine->apiMutex);
   std::free(engine->notes.maskPixels);
   std::free(engine->notes.mask);
   engine->~_KRSuperResEngine();
@@ -139,7 +139,7 @@ int releaseEngine(_KRSuperResEngine** handle) {
     return 1;
   }
   {
-    Lock lock(apiMutex);
+    Lock lock(engine->apiMutex);
     engine->initialized.store(0, std::memory_order_release);
     engine->callerSignal.raise(-1);  // a caller that waits for its frame leaves
     while (engine->running.load(std::memory_order_acquire) == 1) usleep(5);
@@ -147,6 +147,7 @@ int releaseEngine(_KRSuperResEngine** handle) {
     stopRegistrationThread(engine);
   }
   waitForReferences(engine);
+  joinUploadJobs(engine, Jobs::kAll);
   freeEngine(engine);
   return 0;
 }

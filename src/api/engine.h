@@ -84,6 +84,16 @@ struct GpuThreadContext {
   bool gpuThreadStarted = false;
 };
 
+// One queued frame's thread. It is joined by a later call or by release: a detached one would still be on its way out of
+// the library's code when that is unloaded.
+struct UploadJob {
+  _KRSuperResEngine* engine;
+  uint32_t sequence;                // of its frame
+  pthread_t thread = {};            // under frameMutex, as the next
+  UploadJob* next = nullptr;        // on the engine's list
+  std::atomic<bool> ended = false;  // the thread's last word
+};
+
 // Beside the registration thread itself.
 inline constexpr int kMaxRegistrationWorkers = 3;
 
@@ -91,6 +101,12 @@ inline constexpr int kMaxRegistrationWorkers = 3;
 
 // Allocated zeroed and constructed in place; freed when the last reference is dropped after release.
 struct _KRSuperResEngine {
+  // Taken in the order jobMutex, apiMutex, frameMutex where several are held; a signal's mutex and the registry's are
+  // innermost.
+  pthread_mutex_t jobMutex = PTHREAD_MUTEX_INITIALIZER;  // one upload job, or one in-place frame, at a time
+  pthread_mutex_t apiMutex =
+      PTHREAD_MUTEX_INITIALIZER;  // release against parameters, and the claim of a frame by a job
+
   int mode = 1;
   int width = 0;
   int height = 0;
@@ -107,9 +123,10 @@ struct _KRSuperResEngine {
   int framesSinceReset = 0;
   int ringSlots = 2;
   int outputDelay = 2;
-  int ringIndex = 0;      // next slot to fill
-  int uploadIndex = 0;    // next slot a job reads
-  bool jobsFail = false;  // the last job's thread could not be made
+  int ringIndex = 0;                 // next slot to fill
+  int uploadIndex = 0;               // next slot a job reads
+  bool jobsFail = false;             // the last job's thread could not be made
+  noxel::UploadJob* jobs = nullptr;  // not joined yet
   std::atomic<int> queuedFrames = 0;
   std::atomic<uint32_t> sequence = 0;        // raised at each break; jobs and frames carry the number they began with
   std::atomic<int> repriming = 0;            // 1: the next frame of this sequence primes the tracker; taken by exchange
@@ -143,10 +160,8 @@ struct _KRSuperResEngine {
 
 namespace noxel {
 
-// Process-wide locks, taken in this order where several are held; a signal's mutex and the registry's are innermost.
-extern pthread_mutex_t jobMutex;    // one upload job, or one in-place frame, at a time
-extern pthread_mutex_t apiMutex;    // release against parameters, and the claim of a frame by a job
-extern pthread_mutex_t frameMutex;  // the sequence state and the output buffers of all engines
+// The sequence state and the output buffers of all engines: the one lock that engines share, never held over a wait.
+extern pthread_mutex_t frameMutex;
 
 // Bytes of one NV21 or YV12 frame.
 inline size_t frameSize(int width, int height) {

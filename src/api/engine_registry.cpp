@@ -3,7 +3,7 @@
 namespace noxel {
 namespace {
 
-// Leaf lock. All three live for ever: a job may end while the process exits.
+// Leaf lock. All three live for ever: a call may end while the process exits.
 pthread_mutex_t registryMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t referenceDropped = PTHREAD_COND_INITIALIZER;
 _KRSuperResEngine* firstLive = nullptr;
@@ -44,16 +44,7 @@ EngineReference::EngineReference(_KRSuperResEngine* candidate) : engine(nullptr)
 }
 
 EngineReference::~EngineReference() {
-  if (engine != nullptr) dropReference(engine);
-}
-
-_KRSuperResEngine* EngineReference::share() const {
-  Lock lock(registryMutex);
-  ++engine->references;
-  return engine;
-}
-
-void EngineReference::dropReference(_KRSuperResEngine* engine) {
+  if (engine == nullptr) return;
   Lock lock(registryMutex);
   if (--engine->references == 0) pthread_cond_broadcast(&referenceDropped);
 }

@@ -25,10 +25,6 @@ class EngineReference {
 
   explicit operator bool() const { return engine != nullptr; }
 
-  // For a thread that outlives this scope: it drops the reference by dropReference.
-  _KRSuperResEngine* share() const;
-  static void dropReference(_KRSuperResEngine* engine);
-
  private:
   _KRSuperResEngine* engine;
 };

@@ -34,6 +34,7 @@ void resetSequence(_KRSuperResEngine* engine) {
   engine->sequence.fetch_add(1, std::memory_order_relaxed);
   engine->gpu.resetPending.store(1, std::memory_order_release);
   engine->repriming.store(1, std::memory_order_release);
+  engine->notes.outputPath = FramePath::kNone;
   engine->framesSinceReset = 0;
   engine->ringIndex = 0;
   engine->uploadIndex = 0;
@@ -65,6 +66,10 @@ bool queueFrame(_KRSuperResEngine* engine, const unsigned char* frame, int forma
   return true;
 }
 
+bool isLive(const _KRSuperResEngine& engine) {
+  return engine.initialized.load(std::memory_order_acquire) == 1;
+}
+
 struct Intake {
   bool runJobHere;
   bool primed;  // it begins a sequence
@@ -75,12 +80,10 @@ struct Intake {
 Intake takeIn(_KRSuperResEngine* engine, const unsigned char* frame, int format) {
   Lock lock(frameMutex);
   const float gap = takeGap();
+  if (!isLive(*engine)) return {false, false, 0};
   const bool reset = gap > 1500.0f || (engine->framesSinceReset >= 2 && gap > 200.0f);
   if (reset) resetSequence(engine);
   Intake intake = {false, reset || engine->framesSinceReset == 0, engine->sequence.load(std::memory_order_relaxed)};
-  if (intake.primed) {
-    copyAndConvertInput(engine->frameBuffers[3], frame, engine->width, engine->height, format);
-  }
   if (engine->queuedFrames.load(std::memory_order_acquire) >= engine->ringSlots) return intake;
   if (engine->syncWithCaller == 1 && engine->framesSinceReset == 0) {
     while (engine->ringIndex < engine->ringSlots - 1) {
@@ -93,23 +96,37 @@ Intake takeIn(_KRSuperResEngine* engine, const unsigned char* frame, int format)
   return intake;
 }
 
-// Until there is an output to take, or none to come.
-void waitForOutput(_KRSuperResEngine* engine) {
+// Until there is an output to take, or none to come: false.
+bool waitForOutput(_KRSuperResEngine* engine) {
   _KRSignal* signal = &engine->callerSignal;
   Lock lock(signal->mutex);
-  while (signal->flag != 1 && engine->initialized.load(std::memory_order_acquire) == 1 &&
+  while (signal->flag != 1 && isLive(*engine) &&
          !(signal->flag == -1 && engine->queuedFrames.load(std::memory_order_acquire) <= 0)) {
     pthread_cond_wait(&signal->condition, &signal->mutex);
   }
-  if (signal->flag == 1) signal->flag = 0;
+  if (signal->flag != 1) return false;
+  signal->flag = 0;
+  return true;
 }
 
-// The frame that begins a sequence comes back as it came, however soon the enhanced one is there. A caller that waited for
-// its enhanced frame gets that, or, when it was lost, its own.
-void handBack(_KRSuperResEngine* engine, unsigned char* frame, int format, bool primed) {
+// Of the next frame, as far as it is known.
+FramePath pathAhead(const _KRSuperResEngine& engine) {
+  const int lightMode = engine.gpu.lightMode.load(std::memory_order_relaxed);
+  if (lightMode == 0) return FramePath::kTemporal;
+  return lightMode == 1 ? FramePath::kSpatial : framePath(engine.report.status);
+}
+
+// Whether the output buffer holds what this call is to return; otherwise its own frame comes back as it came. Under
+// frameMutex. The frame that begins a sequence comes back as it came, however soon the enhanced one is there.
+bool hasOutput(const _KRSuperResEngine& engine, bool primed, bool waitedFor) {
+  if (engine.offscreen == 0 || !isLive(engine)) return false;
+  if (engine.syncWithCaller == 1) return waitedFor && !engine.notes.missed;
+  return !primed && engine.notes.outputPath == pathAhead(engine);
+}
+
+void handBack(_KRSuperResEngine* engine, unsigned char* frame, int format, bool primed, bool waitedFor) {
   Lock lock(frameMutex);
-  const bool keepsOwn = engine->syncWithCaller == 1 ? engine->notes.missed : primed;
-  if (engine->offscreen == 1 && !keepsOwn) {
+  if (hasOutput(*engine, primed, waitedFor)) {
     copyAndConvertOutput(frame, engine->frameBuffers[3], engine->width, engine->height, format);
   }
   if (engine->syncWithCaller == 1) engine->callerSignal.raise(-1);
@@ -117,11 +134,11 @@ void handBack(_KRSuperResEngine* engine, unsigned char* frame, int format, bool 
 }
 
 void KRProcessFrameSync(unsigned char* frame, _KRSuperResEngine* engine) {
-  Lock job(jobMutex);
-  Lock api(apiMutex);
+  Lock job(engine->jobMutex);
+  Lock api(engine->apiMutex);
   const char* refusal = nullptr;
   if (engine->running.load(std::memory_order_acquire) == 1) refusal = "eng->running == 1";
-  if (engine->initialized.load(std::memory_order_acquire) == 0) refusal = "eng->initialized == 0";
+  if (!isLive(*engine)) refusal = "eng->initialized == 0";
   if (refusal != nullptr) {
     NOXEL_LOG_INFO("%s", refusal);
     return;
@@ -140,7 +157,7 @@ int KRProcessFrame(unsigned char* frame, _KRSuperResEngine* engine) {
     return 1;
   }
   const EngineReference reference(engine);
-  if (!reference || engine->initialized.load(std::memory_order_acquire) == 0) {
+  if (!reference || !isLive(*engine)) {
     NOXEL_LOG_INFO("Engine not initialized");
     return 1;
   }
@@ -154,11 +171,12 @@ int KRProcessFrame(unsigned char* frame, _KRSuperResEngine* engine) {
     KRProcessFrameSync(frame, engine);
     return 0;
   }
+  joinUploadJobs(engine, Jobs::kEnded);
   const int format = engine->imageFormat.load(std::memory_order_relaxed);
   const Intake intake = takeIn(engine, frame, format);
   if (intake.runJobHere) runUploadJob(engine, intake.sequence);
-  if (engine->syncWithCaller == 1) waitForOutput(engine);
-  handBack(engine, frame, format, intake.primed);
+  const bool waitedFor = engine->syncWithCaller == 1 && waitForOutput(engine);
+  handBack(engine, frame, format, intake.primed, waitedFor);
   return 0;
 }
 

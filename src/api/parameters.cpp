@@ -70,6 +70,12 @@ bool readsValue(unsigned id) {
   return id != kParamQuadA && id != kParamQuadB && id != kParamForceStabilization;
 }
 
+// Waits for a release that has begun.
+bool isInitialized(_KRSuperResEngine* engine) {
+  Lock lock(engine->apiMutex);
+  return engine->initialized.load(std::memory_order_acquire) == 1;
+}
+
 int dispatch(unsigned id, const void* value, _KRSuperResEngine* engine) {
   GpuThreadContext* gpu = &engine->gpu;
   if (value == nullptr && readsValue(id)) {
@@ -136,19 +142,16 @@ int dispatch(unsigned id, const void* value, _KRSuperResEngine* engine) {
 
 int KRSetParameter(unsigned internalId, const void* value, _KRSuperResEngine* engine) {
   const EngineReference reference(engine);
-  bool refused = true;
-  {
-    Lock lock(apiMutex);
-    if (engine == nullptr) {
-      NOXEL_LOG_ERROR("setparam eng == NULL");
-    } else if (!reference || engine->initialized.load(std::memory_order_acquire) == 0) {
-      NOXEL_LOG_ERROR("eng not initialized");
-    } else {
-      NOXEL_LOG_VERBOSE("engine %p", static_cast<void*>(engine));
-      refused = false;
-    }
+  if (engine == nullptr) {
+    NOXEL_LOG_ERROR("setparam eng == NULL");
+    return 1;
   }
-  return refused ? 1 : dispatch(internalId, value, engine);
+  if (!reference || !isInitialized(engine)) {
+    NOXEL_LOG_ERROR("eng not initialized");
+    return 1;
+  }
+  NOXEL_LOG_VERBOSE("engine %p", static_cast<void*>(engine));
+  return dispatch(internalId, value, engine);
 }
 
 }  // namespace noxel

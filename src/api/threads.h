@@ -16,9 +16,12 @@ void stopRegistrationThread(_KRSuperResEngine* engine);
 void postCommand(_KRSuperResEngine* engine, GpuCommand command);
 void postProcessInPlace(unsigned char* frame, _KRSuperResEngine* engine);
 
-// Starts a detached thread that runs one upload job for a frame of `sequence`. False when there is no thread to be had.
-// Under frameMutex.
+// Starts a thread that runs one upload job for a frame of `sequence`. False when no thread could be made. Under frameMutex.
 bool spawnUploadJob(_KRSuperResEngine* engine, uint32_t sequence);
+
+// Joins upload jobs: those that have ended, which takes no time, or all.
+enum class Jobs { kEnded, kAll };
+void joinUploadJobs(_KRSuperResEngine* engine, Jobs which);
 
 // Uploads the next queued frame, has it registered, and posts it for processing. Returns when the frame's buffer is free
 // again, or at once, with a log line, when the engine is being released. A frame from before a break is dropped.

@@ -2,8 +2,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
-#include "api/engine_registry.h"
 #include "api/threads.h"
 #include "kernels/planes.h"
 #include "platform/log.h"
@@ -13,27 +13,11 @@
 namespace noxel {
 namespace {
 
-struct JobArgument {
-  _KRSuperResEngine* engine;  // a reference of the job's own
-  uint32_t sequence;
-};
-
 void* uploadJobMain(void* argument) {
-  auto* job = static_cast<JobArgument*>(argument);
+  auto* job = static_cast<UploadJob*>(argument);
   runUploadJob(job->engine, job->sequence);
-  EngineReference::dropReference(job->engine);
-  std::free(job);
+  job->ended.store(true, std::memory_order_release);
   return nullptr;
-}
-
-bool createDetachedThread(void* argument) {
-  pthread_attr_t attributes;
-  if (pthread_attr_init(&attributes) != 0) return false;
-  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);  // unjoined threads would keep their stacks
-  pthread_t thread;
-  const bool created = pthread_create(&thread, &attributes, uploadJobMain, argument) == 0;
-  pthread_attr_destroy(&attributes);
-  return created;
 }
 
 const char* refusal(const _KRSuperResEngine* engine) {
@@ -60,7 +44,7 @@ Claim claimSlot(_KRSuperResEngine* engine, uint32_t sequence) {
 
 // Refuses or claims under the locks that release and the other jobs take. Null buffer: nothing to do.
 Claim admit(_KRSuperResEngine* engine, uint32_t sequence) {
-  Lock lock(apiMutex);
+  Lock lock(engine->apiMutex);
   if (const char* reason = refusal(engine); reason != nullptr) {
     NOXEL_LOG_INFO("%s", reason);
     dropFrame(engine->gpu.handOver, sequence);  // takes frameMutex: no frame is in flight beyond here
@@ -241,15 +225,13 @@ void processClaimed(_KRSuperResEngine* engine, const Claim& claim, uint32_t sequ
 }  // namespace
 
 bool spawnUploadJob(_KRSuperResEngine* engine, uint32_t sequence) {
-  auto* job = static_cast<JobArgument*>(std::malloc(sizeof(JobArgument)));
-  const EngineReference reference(engine);
-  if (job != nullptr && reference) {
-    *job = {reference.share(), sequence};
-    if (createDetachedThread(job)) {
-      engine->jobsFail = false;
-      return true;
-    }
-    EngineReference::dropReference(engine);
+  void* memory = std::malloc(sizeof(UploadJob));
+  UploadJob* job = memory != nullptr ? new (memory) UploadJob{engine, sequence} : nullptr;
+  if (job != nullptr && pthread_create(&job->thread, nullptr, uploadJobMain, job) == 0) {
+    job->next = engine->jobs;
+    engine->jobs = job;
+    engine->jobsFail = false;
+    return true;
   }
   // Once, and not with each frame while it lasts.
   if (!engine->jobsFail)
@@ -259,8 +241,31 @@ bool spawnUploadJob(_KRSuperResEngine* engine, uint32_t sequence) {
   return false;
 }
 
+void joinUploadJobs(_KRSuperResEngine* engine, Jobs which) {
+  UploadJob* joined = nullptr;
+  {
+    Lock lock(frameMutex);
+    for (UploadJob** link = &engine->jobs; *link != nullptr;) {
+      UploadJob* job = *link;
+      if (which == Jobs::kEnded && !job->ended.load(std::memory_order_acquire)) {
+        link = &job->next;
+        continue;
+      }
+      *link = job->next;
+      job->next = joined;
+      joined = job;
+    }
+  }
+  while (joined != nullptr) {
+    UploadJob* job = joined;
+    joined = job->next;
+    pthread_join(job->thread, nullptr);
+    std::free(job);
+  }
+}
+
 void runUploadJob(_KRSuperResEngine* engine, uint32_t sequence) {
-  Lock job(jobMutex);
+  Lock job(engine->jobMutex);
   const Claim claim = admit(engine, sequence);
   if (claim.buffer == nullptr) return;
   processClaimed(engine, claim, sequence);

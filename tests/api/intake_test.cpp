@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <optional>
 #include <random>
 #include <thread>
 
 #include "api/frame_conversion.h"
 #include "support/faults.h"
+#include "support/log_capture.h"
 #include "support/test_engine.h"
 
 namespace noxel {
@@ -170,6 +172,45 @@ TEST(Intake, SlotsAreReadInTurnAndNoneIsFilledWhileItIsRead) {
   EXPECT_TRUE(std::equal(before.begin(), before.end(), read));
 }
 
+// A camera that starts, breaks off, or changes its light mode: while the GPU takes its time nothing stands still, and nothing
+// from before comes back.
+TEST(Intake, EachCallReturnsItsOwnFrameUntilOneIsEnhanced) {
+  for (const bool stalled : {true, false}) {
+    TestEngine engine(16, 8, {.mode = kModeNeutralExposure, .ringSlots = 2, .outputDelay = 2, .syncWithCaller = 0});
+    NOXEL_NEEDS_GL(engine);
+    engine.set(kParamNoiseReductionStrength, 0);
+    engine.setMotion([](bool, MotionEstimate*) { return true; });
+    int level = 20;
+    const std::function<void()> causes[] = {[] {}, [&] { engine.clock.advance(2000); },
+                                            [&] { engine.set(kParamLightMode, 0); },
+                                            [&] { engine.set(kParamLightMode, 1); }};
+    for (const auto& cause : causes) {
+      const int firstLevel = level;
+      cause();
+      for (std::optional<StalledGpu> stall; level < firstLevel + 25; level += 5) {
+        if (stalled && !stall) stall.emplace();
+        Frame frame(16, 8, static_cast<unsigned char>(level));
+        const Frame given = frame;
+        engine.process(&frame);
+        if (stalled) {
+          EXPECT_EQ(frame.bytes, given.bytes) << "level " << level;
+          ASSERT_TRUE(stall->isHolding());
+        } else {
+          EXPECT_GE(frame.luma(7, 3), firstLevel - 1);
+        }
+        ASSERT_TRUE(stalled || drains(engine.handle));
+      }
+      ASSERT_TRUE(drains(engine.handle));
+      Frame frame(16, 8, static_cast<unsigned char>(level));
+      engine.process(&frame);
+      EXPECT_GE(frame.luma(7, 3), firstLevel - 1);
+      EXPECT_LE(frame.luma(7, 3), level - 4) << "an enhanced frame comes back";
+      ASSERT_TRUE(drains(engine.handle));
+      level += 5;
+    }
+  }
+}
+
 TEST(Intake, ReleaseWakesACallerThatWaitsForItsFrame) {
   TestEngine engine(16, 8);
   NOXEL_NEEDS_GL(engine);
@@ -190,6 +231,37 @@ TEST(Intake, ReleaseWakesACallerThatWaitsForItsFrame) {
   }
   release.join();
   engine.handle = nullptr;
+}
+
+// The frame clock is read in the middle of a call: release begins there.
+TEST(Intake, AFrameOverWhichReleaseBeginsComesBackAndStartsNothing) {
+  for (const int sync : {0, 1}) {
+    TestEngine engine(16, 8, {.syncWithCaller = sync});
+    NOXEL_NEEDS_GL(engine);
+    Frame first(16, 8, 40);
+    engine.process(&first);
+    ASSERT_TRUE(drains(engine.handle));
+    const LogCapture log;
+    struct Releaser {
+      _KRSuperResEngine* engine;
+      std::thread thread;
+    } releaser{engine.handle, {}};
+    platform::setFrameClock(
+        [](void* context) {
+          auto* self = static_cast<Releaser*>(context);
+          self->thread = std::thread([self] { EXPECT_EQ(releaseEngine(&self->engine), 0); });
+          while (self->engine->initialized.load() == 1) std::this_thread::yield();
+          return platform::TimeOfDay{1'700'000'000, 40'000};
+        },
+        &releaser);
+    Frame frame(16, 8, 50);
+    const Frame given = frame;
+    EXPECT_EQ(KRProcessFrame(frame.bytes.data(), engine.handle), 0);
+    releaser.thread.join();
+    engine.handle = nullptr;
+    EXPECT_EQ(frame.bytes, given.bytes);
+    EXPECT_EQ(log.text(), "");
+  }
 }
 
 TEST(Intake, AFailedMapLosesOneFrameAndManyTheContext) {

@@ -57,10 +57,11 @@ int numberIn(const std::vector<unsigned char>& frame) {
 struct Place {
   std::mutex turn;
   std::mutex settersTurn;
-  std::mutex state;  // of the next five
+  std::mutex state;  // of the next six
   _KRSuperResEngine* engine = nullptr;
   bool releasing = false;
   bool ready = false;
+  bool waits = false;
   int mode = 0;
   int slots = 0;
   unsigned submitted = 0;  // under turn, as the next two
@@ -98,7 +99,9 @@ class Schedule {
     const int mode = draw(random, 3) != 0 ? kModeNeutralExposure : draw(random, 5);
     const int slots = 1 + draw(random, 3);
     _KRSuperResEngine* made = nullptr;
-    ASSERT_EQ(initializeEngine(kWidth, kHeight, mode, slots, 1 + draw(random, 3), draw(random, 2), nullptr, &made), 0);
+    const int delay = 1 + draw(random, 3);
+    const int waits = draw(random, 2);
+    ASSERT_EQ(initializeEngine(kWidth, kHeight, mode, slots, delay, waits, nullptr, &made), 0);
     const int strength = 0;
     if (mode == kModeNeutralExposure) {
       EXPECT_EQ(KRSetParameter(kParamNoiseReductionStrength, &strength, made), 0);
@@ -108,6 +111,7 @@ class Schedule {
     place->engine = made;
     place->releasing = false;
     place->ready = ready;
+    place->waits = waits == 1;
     place->mode = mode;
     place->slots = slots;
     place->delivered = -1;
@@ -162,21 +166,22 @@ class Schedule {
     }
   }
 
-  // Numbers come round: half a period ahead is ahead.
+  // Numbers come round: half a period ahead is ahead. A caller that does not wait may get its own frame back, which is newer
+  // than the outputs after it.
   void compare(Place* place, const std::vector<unsigned char>& frame, bool breaks) {
     const int number = numberIn(frame);
     ASSERT_GE(number, 0) << "torn: luma " << int{frame[0]} << " to " << int{frame[kLuma - 1]} << ", V "
                          << int{frame[kLuma]};
     const int late = (static_cast<int>(place->submitted % kPeriod) - number + kPeriod) % kPeriod;
     EXPECT_LT(late, kPeriod / 2) << "from the future, or very old";
+    ++numbersSeen;
+    if (late == 0 && !place->waits) return;
     if (place->delivered >= 0) {
       EXPECT_LT((number - place->delivered + kPeriod) % kPeriod, kPeriod / 2)
           << number << " after " << place->delivered;
     }
-    // The first frame after a break is the caller's own.
     if (!breaks && place->delivered >= 0 && number != place->delivered) ++numbersNew;
     place->delivered = number;
-    ++numbersSeen;
   }
 
   void set(unsigned actor) {
@@ -238,7 +243,7 @@ TEST(Schedules, EndWithNothingTornLostOrLeft) {
     frames += schedule.frames();
     compared += schedule.compared();
     progressed += schedule.progressed();
-    EXPECT_EQ(settledHeld({}), Held{});
+    EXPECT_EQ(held(), Held{});
     if (HasFailure()) FAIL() << "seed " << seed << "\n" << log.text();
   }
   watch(0);

@@ -15,7 +15,6 @@
 #include <cstdio>
 #include <mutex>
 #include <new>
-#include <thread>
 #include <unordered_set>
 
 extern "C" void* __real_malloc(size_t);
@@ -43,7 +42,8 @@ bool fails(Fault fault, const char* call) {
 }
 
 struct Turnstile {
-  bool closed = false;  // under gateMutex, as the next
+  bool closed = false;  // under gateMutex, as the next two
+  bool holdsOne = false;
   int waiting = 0;
 };
 std::mutex gateMutex;
@@ -54,6 +54,7 @@ Gate stalledGate = Gate::kMap;  // under gateMutex, as the next
 void pass(Gate which) {
   std::unique_lock lock(gateMutex);
   Turnstile& gate = gates[static_cast<int>(which)];
+  if (gate.holdsOne && gate.waiting > 0) return;
   ++gate.waiting;
   gateChanged.notify_all();
   gateChanged.wait(lock, [&] { return !gate.closed; });
@@ -152,10 +153,12 @@ const char* FaultInjection::failedCall() const {
   return faultStates[static_cast<int>(fault)].failedCall;
 }
 
-StalledGpu::StalledGpu(Gate stalled) {
+StalledGpu::StalledGpu(Gate stalled, Whom whom) {
   std::lock_guard lock(gateMutex);
   stalledGate = stalled;
-  gates[static_cast<int>(stalled)].closed = true;
+  Turnstile& gate = gates[static_cast<int>(stalled)];
+  gate.closed = true;
+  gate.holdsOne = whom == Whom::kFirst;
 }
 
 StalledGpu::~StalledGpu() {
@@ -183,11 +186,6 @@ FakeWindow::~FakeWindow() {
 Held held() {
   std::lock_guard lock(allocationMutex);
   return {static_cast<long>(allocations().size()), threadsAlive, glObjectsAlive};
-}
-
-Held settledHeld(const Held& expected) {
-  for (int i = 0; i < 1000 && held() != expected; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  return held();
 }
 
 }  // namespace noxel

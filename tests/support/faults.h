@@ -39,10 +39,12 @@ class FaultInjection {
 
 enum class Gate { kMap, kSwap };
 
-// Holds every map of a read-back buffer, or every swap, and with it the GPU thread, while it lives.
+enum class Whom { kAll, kFirst };  // the first thread that comes, and no other meanwhile
+
+// Holds maps of a read-back buffer, or swaps, and with them the GPU thread, while it lives.
 class StalledGpu {
  public:
-  explicit StalledGpu(Gate stalled = Gate::kMap);
+  explicit StalledGpu(Gate stalled = Gate::kMap, Whom whom = Whom::kAll);
   ~StalledGpu();
   StalledGpu(const StalledGpu&) = delete;
   StalledGpu& operator=(const StalledGpu&) = delete;
@@ -69,6 +71,5 @@ struct Held {
   bool operator==(const Held&) const = default;
 };
 Held held();
-Held settledHeld(const Held& expected);  // a detached thread ends a moment after its engine: waits up to five seconds
 
 }  // namespace noxel

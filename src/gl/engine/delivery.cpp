@@ -65,6 +65,7 @@ void deliver(_KRGPUEngine* engine, const unsigned char* bytes) {
   if (current && handOver.notes != nullptr) handOver.notes->missed = bytes == nullptr;
   if (current && bytes != nullptr) {
     std::memcpy(handOver.outputBuffer, bytes, engine->lumaSize + engine->lumaSize / 2);
+    if (handOver.notes != nullptr) handOver.notes->outputPath = engine->path;
   }
   if (current && handOver.notes != nullptr) takeNotes(*engine, handOver.notes);
   // A frame from before a break leaves the caller waiting for its own. Under the lock, so that a break finds either no

@@ -79,6 +79,12 @@ void followWindow(_KRGPUEngine* engine) {
   if (engine->offscreen == 0) engine->egl.GetSurfaceSize(&engine->outputWidth, &engine->outputHeight);
 }
 
+// What the read-back ring still holds of the other path must not come back among this one's.
+void followPath(_KRGPUEngine* engine, FramePath path) {
+  if (path != engine->path) resetFirstFrame(engine);
+  engine->path = path;
+}
+
 float percent(int value) {
   return static_cast<float>(std::clamp(value, 0, 100));
 }
@@ -129,6 +135,7 @@ void prepareFrame(_KRGPUEngine* engine, const FrameInput& input) {
   std::memcpy(engine->passThroughQuad, input.quadA, sizeof(input.quadA));
   std::memcpy(engine->outputQuad, input.quadB, sizeof(input.quadB));
 
+  followPath(engine, framePath(input.status));
   updateHistory(engine, input.status);
   updateWarps(engine, input);
   ensureLumaForSequence(engine);

@@ -18,11 +18,19 @@
 
 namespace noxel {
 
+// Which way a frame was enhanced: by itself, or together with those before it.
+enum class FramePath : uint8_t { kNone, kSpatial, kTemporal };
+
+inline FramePath framePath(int status) {
+  return status == -1 ? FramePath::kSpatial : FramePath::kTemporal;
+}
+
 // What the frame delivered last tells of its making. Belongs to the engine record; under frameMutex but where it says
 // otherwise.
 struct DeliveryNotes {
-  bool missed = false;  // it could not be read back: the output buffer holds an older one
-  double gpuMs = 0.0;   // of the GPU thread, from prepareFrame to delivery; a wait for the caller counts
+  FramePath outputPath = FramePath::kNone;  // of the frame in the output buffer; none: no frame of this sequence
+  bool missed = false;                      // it could not be read back: the output buffer holds an older one
+  double gpuMs = 0.0;  // of the GPU thread, from prepareFrame to delivery; a wait for the caller counts
 
   // The ghost mask, for a person who asks why the picture looks as it does.
   std::atomic<int> captureMask = 0;     // 1: release/acquire, once the buffers stand
@@ -120,6 +128,7 @@ struct _KRGPUEngine {
   float outputTransform[16] = {};
   unsigned char* frame = nullptr;
   uint32_t frameSequence = 0;
+  FramePath path = FramePath::kNone;
   std::chrono::steady_clock::time_point frameStart;  // prepareFrame
   bool maskCaptured = false;                         // the notes' maskPixels are this frame's
   Warp stabilizedTextureWarp;                        // W of the newest frame drawn into history
