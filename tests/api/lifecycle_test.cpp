@@ -3,6 +3,7 @@
 #include "api/properties.h"
 #include "platform/log.h"
 #include "platform/properties.h"
+#include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/test_engine.h"
 
@@ -46,6 +47,17 @@ TEST(Lifecycle, SizesOutOfRangeLeaveTheHandleAlone) {
   }
   EXPECT_EQ(Noxel_Initialize(16, 8, nullptr), 1);
   EXPECT_TRUE(log.contains("failed to initialize engine"));
+}
+
+TEST(Lifecycle, WithoutEglFramesComeBackAsTheyCameAndTheLogSaysSo) {
+  const LogCapture log;
+  const FaultInjection everyCall(Fault::kEgl, 0);
+  TestEngine engine(16, 8);
+  const Frame given(16, 8, 40);
+  Frame frame = given;
+  EXPECT_EQ(engine.process(&frame), 0);
+  EXPECT_EQ(frame.bytes, given.bytes);
+  EXPECT_TRUE(log.contains("the GPU engine is not usable: frames are returned as they came"));
 }
 
 TEST(Lifecycle, SizesThatFitNoTileAreSafe) {

@@ -136,7 +136,6 @@ void SetUp(_KRGPUEngine* engine, void* window) {
   const bool complete = CreateResources(engine);
   const bool resourcesMade = NOXEL_CHECK_GL("CreateResources") && complete;
   engine->ready = LoadShaders(engine) && resourcesMade;
-  if (!engine->ready) NOXEL_LOG_ERROR("the GPU engine is not usable: frames are returned as they came");
 }
 
 void create(int width, int height, void* window, const HandOver& handOver, int mode, _KRGPUEngine** result) {
@@ -154,6 +153,7 @@ void create(int width, int height, void* window, const HandOver& handOver, int m
   engine->offscreen = window == nullptr ? 1 : 0;
   engine->handOver = handOver;
   SetUp(engine, window);
+  if (!engine->ready) NOXEL_LOG_ERROR("the GPU engine is not usable: frames are returned as they came");
 }
 
 template <typename Object>
