@@ -7,7 +7,7 @@
 
 namespace noxel {
 
-bool BilateralFilter::setupPrograms(const char* cacheDirectory) {
+bool BilateralFilter::setupPrograms(const CacheDirectory& cacheDirectory) {
   using namespace shaders;
   smoothProgram = newProgram(kBilateralSmoothFrag, kBilateralVert, "kr_bl1", cacheDirectory);
   refineProgram = newProgram(kBilateralRefineFrag, kBilateralVert, "kr_bl2", cacheDirectory);

@@ -20,7 +20,7 @@ class BilateralFilter : public GLFilter {
   float factor = 15.0f;  // range sensitivity: the weight falls to zero near a difference of 1 / factor
   int strength = 0;      // blend towards the filtered value: 0 keeps the input, 112 and more take it whole
 
-  bool setupPrograms(const char* cacheDirectory);  // false when a program did not link (the log says why)
+  bool setupPrograms(const CacheDirectory& cacheDirectory);  // false when a program did not link (the log says why)
   bool apply(Texture* input, FrameBuffer* intermediate, FrameBuffer* output);  // always true
   void Release() override;
 

@@ -12,11 +12,11 @@ inline bool linked(const Program* program) {
   return program != nullptr && program->initialized == 1;
 }
 
-// Null when memory ran out. `cacheDirectory` null or empty: not cached.
+// Null when memory ran out.
 inline Program* newProgram(const char* fragmentText, const char* vertexText, const char* name,
-                           const char* cacheDirectory) {
-  const bool cached = cacheDirectory != nullptr && cacheDirectory[0] != '\0';
-  auto* program = new (std::nothrow) Program(fragmentText, vertexText, cached ? name : nullptr, cacheDirectory);
+                           const CacheDirectory& cacheDirectory) {
+  const char* const cacheName = cacheDirectory.path[0] != '\0' ? name : nullptr;
+  auto* program = new (std::nothrow) Program(fragmentText, vertexText, cacheName, cacheDirectory);
   if (program == nullptr) NOXEL_LOG_ERROR("no memory for program %s", name);
   if (program != nullptr && !linked(program)) NOXEL_LOG_ERROR("program %s is missing", name);
   return program;

@@ -86,7 +86,7 @@ bool allLinked(const LowLightProgram (&slots)[kCount], Program* const* programs)
 
 }  // namespace
 
-bool LowLightFilter::setupPrograms(const char* cacheDirectory) {
+bool LowLightFilter::setupPrograms(const CacheDirectory& cacheDirectory) {
   for (const ProgramEntry& entry : kPrograms) {
     if (!isBuilt(entry.set, syncMode, reducedPrograms)) continue;
     programs[entry.slot] = newProgram(entry.fragmentText, entry.vertexText, entry.name, cacheDirectory);

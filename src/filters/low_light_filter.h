@@ -110,7 +110,7 @@ class LowLightFilter : public GLFilter {
 
   // Builds the programs and the selector texture. `cacheDirectory` null: nothing is cached. False when a program that
   // the build set cannot do without did not link (the log says why). Once per filter.
-  bool setupPrograms(const char* cacheDirectory);
+  bool setupPrograms(const CacheDirectory& cacheDirectory);
   void Release() override;
 
   // Whether every program is there that an engine can come to draw with. A pass whose program is missing is left out, and what

@@ -5,7 +5,7 @@
 
 namespace noxel {
 
-bool RgbToYuvFilter::setupPrograms(const char* cacheDirectory) {
+bool RgbToYuvFilter::setupPrograms(const CacheDirectory& cacheDirectory) {
   using namespace shaders;
   programs[0] = newProgram(kRgbToLumaFrag, kVsBaseVert, "kr_r1", cacheDirectory);
   programs[1] = newProgram(kRgbToChromaVuFrag, kVsBaseVert, "kr_r2", cacheDirectory);

@@ -19,7 +19,7 @@ class RgbToYuvFilter : public GLFilter {
   GLuint sourceTexture = 0;              // the picture; set before convert
   GLenum textureTarget = GL_TEXTURE_2D;  // what it is bound as
 
-  bool setupPrograms(const char* cacheDirectory);  // true when all three linked
+  bool setupPrograms(const CacheDirectory& cacheDirectory);  // true when all three linked
   void convert(int plane);  // into the bound target: 0 luma, 1 chroma V first, 2 chroma U first; others draw nothing
   void Release() override;
 

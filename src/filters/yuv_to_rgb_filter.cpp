@@ -8,7 +8,7 @@
 
 namespace noxel {
 
-bool YuvToRgbFilter::setupPrograms(const char* cacheDirectory) {
+bool YuvToRgbFilter::setupPrograms(const CacheDirectory& cacheDirectory) {
   using namespace shaders;
   plainProgram = newProgram(kYuvToRgbFrag, kVsBaseVert, "kr_convr1", cacheDirectory);
   packedProgram = newProgram(kYuvToRgbPackedFrag, kVsImageWidthScalarVert, "kr_convr2", cacheDirectory);

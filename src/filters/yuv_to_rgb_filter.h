@@ -20,8 +20,8 @@ class YuvToRgbFilter : public GLFilter {
   const float* transformMatrix = kIdentityMatrix;
   int imageWidth = 0;  // luma samples in a row
 
-  bool setupPrograms(const char* cacheDirectory);  // true when all three linked
-  bool convert(bool useSelector, float gamma);     // gamma is limited to 0.8..1.2; always true
+  bool setupPrograms(const CacheDirectory& cacheDirectory);  // true when all three linked
+  bool convert(bool useSelector, float gamma);               // gamma is limited to 0.8..1.2; always true
   void Release() override;
 
  private:

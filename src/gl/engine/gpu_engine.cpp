@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "filters/program_fingerprint.h"
 #include "platform/cache_directory.h"
 #include "platform/log.h"
 
@@ -110,8 +111,7 @@ bool CreateResources(_KRGPUEngine* engine) {
 }
 
 bool LoadShaders(_KRGPUEngine* engine) {
-  const char* directory = platform::programCacheDirectory();
-  if (directory[0] == '\0') directory = nullptr;
+  const CacheDirectory directory = openProgramCache(platform::programCacheDirectory(), shaders::kProgramFingerprint);
   engine->lowLight->syncMode = isRgbaMode(*engine);
   bool complete = engine->lowLight->setupPrograms(directory) && engine->lowLight->drawsEverything();
   if (!isRgbaMode(*engine)) {
