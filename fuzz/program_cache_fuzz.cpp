@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -22,6 +24,7 @@ constexpr int kVersionRight = 1;
 constexpr int kChecksumRight = 2;
 constexpr int kTooLarge = 4;  // a hole behind the bytes
 constexpr int kWriteBack = 8;
+constexpr int kFingerprint = 16;  // the bytes are the file "fingerprint" instead
 
 uint32_t wordAt(const std::vector<uint8_t>& bytes, size_t offset) {
   uint32_t word = 0;
@@ -63,6 +66,19 @@ void checkRoundTrip(const noxel::ProgramBinary& binary) {
   FUZZ_CHECK(std::equal(binary.blob, binary.blob + binary.size, again.blob));
 }
 
+// A cache is used as it is when its fingerprint is that of the build, and emptied otherwise.
+void checkFingerprint(const std::vector<uint8_t>& bytes) {
+  static const noxel::TemporaryDirectory directory;
+  const std::string program = directory.file("kr_w1");
+  const std::string own(64, 'a');
+  const std::string found(bytes.begin(), bytes.end());
+  std::ofstream(program) << "a program";
+  std::ofstream(directory.file("fingerprint"), std::ios::binary) << found;
+  FUZZ_CHECK(noxel::openProgramCache(directory.path().c_str(), own.c_str()).readable == (found == own));
+  FUZZ_CHECK(std::filesystem::exists(program) == (found == own));
+  FUZZ_CHECK(noxel::openProgramCache(directory.path().c_str(), own.c_str()).readable);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -71,6 +87,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   const int patches = data[0];
   std::vector<uint8_t> bytes(data + 1, data + size);
+  if ((patches & kFingerprint) != 0) {
+    checkFingerprint(bytes);
+    return 0;
+  }
   if (bytes.size() >= kHeaderSize) {
     const uint32_t sum = byteSum(bytes);
     if ((patches & kChecksumRight) != 0) std::memcpy(bytes.data(), &sum, sizeof(sum));

@@ -71,27 +71,27 @@ Program* ProgramFilter::program(ProgramId id) {
   return candidate->initialized == 1 ? candidate : nullptr;
 }
 
-bool ProgramFilter::build(ProgramId id, const char* cacheDirectory) {
+bool ProgramFilter::build(ProgramId id, const CacheDirectory& cacheDirectory) {
   const ProgramTexts& texts = programTexts(id);
   if (programs == nullptr) programs.reset(new (std::nothrow) Program[static_cast<size_t>(last - first + 1)]);
   if (programs == nullptr) {
     NOXEL_LOG_ERROR("no memory for program %s", texts.name);
     return false;
   }
-  const bool cached = cacheDirectory != nullptr && cacheDirectory[0] != '\0';
+  const bool cached = cacheDirectory.path[0] != '\0';
   Program* program = &programs[static_cast<size_t>(id - first)];
   *program = Program(texts.fragment, texts.vertex, cached ? texts.name : nullptr, cacheDirectory);
   if (program->initialized != 1) NOXEL_LOG_ERROR("program %s is missing", texts.name);
   return program->initialized == 1;
 }
 
-bool ProgramFilter::buildAll(const char* cacheDirectory) {
+bool ProgramFilter::buildAll(const CacheDirectory& cacheDirectory) {
   bool complete = true;
   for (int id = first; id <= last; ++id) complete = build(static_cast<ProgramId>(id), cacheDirectory) && complete;
   return complete;
 }
 
-bool LowLightFilter::setupPrograms(const char* cacheDirectory) {
+bool LowLightFilter::setupPrograms(const CacheDirectory& cacheDirectory) {
   bool complete = true;
   for (int id = kr_w1; id <= kr_w27; ++id) {
     const auto program = static_cast<ProgramId>(id);

@@ -71,9 +71,9 @@ class ProgramFilter : public GLFilter {
 
  protected:
   ProgramFilter(ProgramId firstOwned, ProgramId lastOwned) : first(firstOwned), last(lastOwned) {}
-  // `cacheDirectory` null or empty: not cached. False when it did not link or memory ran out (the log says why).
-  bool build(ProgramId id, const char* cacheDirectory);
-  bool buildAll(const char* cacheDirectory);
+  // Without a path in `cacheDirectory` nothing is cached. False when it did not link or memory ran out (the log says why).
+  bool build(ProgramId id, const CacheDirectory& cacheDirectory);
+  bool buildAll(const CacheDirectory& cacheDirectory);
 
  private:
   ProgramId first;
@@ -89,7 +89,7 @@ class LowLightFilter : public ProgramFilter {
   bool reducedPrograms = false;  // engine mode 1: leave out what its sequences do not draw
 
   // Builds the programs of the build set that the flags select. False when one of them did not link. Once.
-  bool setupPrograms(const char* cacheDirectory);
+  bool setupPrograms(const CacheDirectory& cacheDirectory);
 };
 
 // Range-weighted denoiser for packed luma (four samples per RGBA texel), in two passes: kr_bl1 smooths, kr_bl2 takes the
@@ -98,7 +98,7 @@ class LowLightFilter : public ProgramFilter {
 class BilateralFilter : public ProgramFilter {
  public:
   BilateralFilter() : ProgramFilter(kr_bl1, kr_bl2) {}
-  bool setupPrograms(const char* cacheDirectory) { return buildAll(cacheDirectory); }
+  bool setupPrograms(const CacheDirectory& cacheDirectory) { return buildAll(cacheDirectory); }
 };
 
 // RGB picture to the bytes of a 4:2:0 frame, four per RGBA texel.
@@ -111,7 +111,7 @@ class BilateralFilter : public ProgramFilter {
 class RgbToYuvFilter : public ProgramFilter {
  public:
   RgbToYuvFilter() : ProgramFilter(kr_r1, kr_r3) {}
-  bool setupPrograms(const char* cacheDirectory) { return buildAll(cacheDirectory); }
+  bool setupPrograms(const CacheDirectory& cacheDirectory) { return buildAll(cacheDirectory); }
 };
 
 // Planes to RGB with a clamped gamma, for three layouts of the luma texture: one sample a texel (kr_convr1), and four samples
@@ -119,7 +119,7 @@ class RgbToYuvFilter : public ProgramFilter {
 class YuvToRgbFilter : public ProgramFilter {
  public:
   YuvToRgbFilter() : ProgramFilter(kr_convr1, kr_convr3) {}
-  bool setupPrograms(const char* cacheDirectory) { return buildAll(cacheDirectory); }
+  bool setupPrograms(const CacheDirectory& cacheDirectory) { return buildAll(cacheDirectory); }
 };
 
 // The 4 x 1 texture that picks a luma sample out of a packed texel: texel k is 255 in channel k and 0 elsewhere; nearest,

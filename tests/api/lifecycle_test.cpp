@@ -1,9 +1,16 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+
 #include "api/properties.h"
+#include "platform/cache_directory.h"
 #include "platform/log.h"
 #include "platform/properties.h"
+#include "support/faults.h"
 #include "support/log_capture.h"
+#include "support/temporary_directory.h"
 #include "support/test_engine.h"
 
 namespace noxel {
@@ -46,6 +53,60 @@ TEST(Lifecycle, SizesOutOfRangeLeaveTheHandleAlone) {
   }
   EXPECT_EQ(Noxel_Initialize(16, 8, nullptr), 1);
   EXPECT_TRUE(log.contains("failed to initialize engine"));
+}
+
+TEST(Lifecycle, WithoutEglFramesComeBackAsTheyCameAndTheLogSaysSo) {
+  const LogCapture log;
+  const FaultInjection everyCall(Fault::kEgl, 0);
+  TestEngine engine(16, 8);
+  const Frame given(16, 8, 40);
+  Frame frame = given;
+  EXPECT_EQ(engine.process(&frame), 0);
+  EXPECT_EQ(frame.bytes, given.bytes);
+  EXPECT_TRUE(log.contains("the GPU engine is not usable: frames are returned as they came"));
+}
+
+// What a frame becomes with the programs of this cache directory.
+Frame enhancedWith(const std::string& directory) {
+  platform::setProgramCacheDirectory(directory.c_str());
+  Frame frame(32, 16, 60, 150, 100);
+  {
+    TestEngine engine(32, 16);
+    engine.process(&frame);
+  }
+  platform::setProgramCacheDirectory(nullptr);
+  return frame;
+}
+
+TEST(Lifecycle, ProgramsOfAnotherBuildAreCompiledAnew) {
+  const LogCapture log;
+  const TemporaryDirectory cache;
+  const Frame expected = enhancedWith(cache.path());
+  EXPECT_FALSE(log.contains("Unable to open file")) << "an empty cache is no error";
+  const std::vector<std::string> names = cache.names();
+  if (names.size() < 2) {
+    ASSERT_FALSE(driverRequired()) << log.text();
+    GTEST_SKIP() << "no usable GL driver, or one that keeps no program binaries";
+  }
+  // Sound files with another program in each: the luma is packed as chroma and the chroma as luma.
+  std::filesystem::rename(cache.file("kr_r1"), cache.file("swapped"));
+  std::filesystem::rename(cache.file("kr_r2"), cache.file("kr_r1"));
+  std::filesystem::rename(cache.file("swapped"), cache.file("kr_r2"));
+  std::ofstream(cache.file("fingerprint"), std::ios::trunc) << "of another build";
+  EXPECT_EQ(enhancedWith(cache.path()).bytes, expected.bytes);
+  EXPECT_EQ(cache.names(), names);
+  EXPECT_EQ(enhancedWith(cache.path()).bytes, expected.bytes);
+}
+
+TEST(Lifecycle, ACacheOutOfReachIsOneLogLine) {
+  const TemporaryDirectory cache;
+  const LogCapture log;
+  enhancedWith(cache.path() + "/missing/below");
+  const std::vector<LogLine> lines = log.lines();
+  EXPECT_LE(std::count_if(lines.begin(), lines.end(),
+                          [&](const LogLine& line) { return line.message.find(cache.path()) != std::string::npos; }),
+            1)
+      << log.text();
 }
 
 TEST(Lifecycle, SizesThatFitNoTileAreSafe) {

@@ -105,6 +105,10 @@ TEST_F(Programs, ABrokenTextIsLoggedAndLeavesNoProgram) {
   EXPECT_TRUE(log.contains("Could not link program"));
 }
 
+void store(const std::string& file, const std::string& bytes) {
+  std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
+}
+
 // Every bad cache file is a miss: the program links all the same, and a good file replaces it.
 class ProgramCache : public GlTest {
  protected:
@@ -131,8 +135,6 @@ class ProgramCache : public GlTest {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
   }
-
-  void store(const std::string& bytes) const { std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes; }
 
   const LogCapture quiet;
   const TemporaryDirectory cache;
@@ -189,7 +191,7 @@ TEST_F(ProgramCache, RewritesWhatIsNoCacheFile) {
                                   good + "x"};
   for (size_t size = 0; size <= 13; ++size) bad.push_back(good.substr(0, size));
   for (const std::string& bytes : bad) {
-    store(bytes);
+    store(path, bytes);
     ProgramBinary binary;
     EXPECT_EQ(binary.read(path.c_str()), bytes == foreign) << bytes.size() << " bytes";
     EXPECT_TRUE(links());
@@ -207,6 +209,55 @@ TEST_F(ProgramCache, WhatIsNoFileIsLeftAlone) {
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);  // opening one for reading waits for a writer: this must return
   EXPECT_TRUE(links());
   EXPECT_EQ(std::distance(fs::directory_iterator(cache.path()), {}), 1) << "no temporary file stays behind";
+}
+
+TEST(ProgramCacheDirectory, ServesTheBuildThatFilledItAndNoOther) {
+  const LogCapture log;
+  // What a process left that was killed at any moment: no fingerprint, half of one, that of another build, with and without
+  // programs; last, a cache that is whole.
+  for (const char* found : {"", "ne", "old", "newer", "new"}) {
+    SCOPED_TRACE(found);
+    const TemporaryDirectory cache;
+    const std::string fingerprint = cache.file("fingerprint");
+    if (found[0] != '\0') store(fingerprint, found);
+    store(cache.file("kr_w1"), "a program");
+    store(cache.file("kr_w2.Xa3b5c"), "half a program");
+    store(cache.file("notes"), "of somebody else");
+    fs::create_directory(cache.file("kr_directory"));
+
+    const bool own = std::string(found) == "new";
+    EXPECT_EQ(openProgramCache(cache.path().c_str(), "new").readable, own);
+    std::vector<std::string> left = {"fingerprint", "kr_directory", "notes"};
+    if (own) left = {"fingerprint", "kr_directory", "kr_w1", "kr_w2.Xa3b5c", "notes"};
+    EXPECT_EQ(cache.names(), left);
+    EXPECT_TRUE(openProgramCache((cache.path() + "/").c_str(), "new").readable);
+  }
+  EXPECT_EQ(log.text(), "");
+}
+
+TEST(ProgramCacheDirectory, ThatCannotBeWrittenIsToldOnceAndNotUsed) {
+  const TemporaryDirectory cache;
+  store(cache.file("file"), "");
+  fs::create_directories(cache.file("taken") + "/fingerprint/of");  // cannot be replaced by a file
+  for (const char* name : {"file", "file/below", "missing/below", "taken"}) {
+    const LogCapture log;
+    EXPECT_STREQ(openProgramCache(cache.file(name).c_str(), "new").path, "") << name;
+    ASSERT_EQ(log.lines().size(), 1u) << log.text();
+    EXPECT_TRUE(log.contains("the program cache cannot be written")) << log.text();
+  }
+}
+
+TEST_F(ProgramCache, IsNotOpenedWhereItHoldsNothingOfThisBuild) {
+  CacheDirectory foreign(cache.path().c_str());
+  foreign.readable = false;
+  store(path, "what another build left");
+  const LogCapture log;
+  const Program program(kFragment, kVertex, "kr_test", foreign);
+  EXPECT_EQ(program.initialized, 1);
+  EXPECT_EQ(content(), good);
+  EXPECT_EQ(log.text(), "");
+  const Program broken("broken", "broken", "kr_test", foreign);
+  EXPECT_EQ(broken.initialized, 0);
 }
 
 TEST_F(ProgramCache, MakesTheLastDirectoryOfItsPathPrivately) {

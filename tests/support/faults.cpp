@@ -334,6 +334,7 @@ NOXEL_FAILING_AFTER(--noxel::glObjectsAlive < 0 || failsEgl("eglDestroyContext")
 NOXEL_FAILING_AFTER(--noxel::glObjectsAlive < 0 || failsEgl("eglDestroySurface"), EGLBoolean, EGL_FALSE,
                     eglDestroySurface, (EGLDisplay display, EGLSurface surface), (display, surface))
 NOXEL_FAILING_AFTER(failsEgl("eglTerminate"), EGLBoolean, EGL_FALSE, eglTerminate, (EGLDisplay display), (display))
+NOXEL_FAILING_AFTER(failsEgl("eglReleaseThread"), EGLBoolean, EGL_FALSE, eglReleaseThread, (), ())
 
 using EglFunction = void (*)();
 NOXEL_FAILING_EGL(EglFunction, nullptr, eglGetProcAddress, (const char* name), (name))

@@ -100,13 +100,10 @@ std::unique_ptr<VirtualScreen> ScreenTest::screen;
 bool ScreenTest::driverDraws = false;
 
 void ScreenTest::SetUpTestSuite() {
+  if (screen != nullptr) return;
   screen = std::make_unique<VirtualScreen>();
   DriverInfo driver;
   driverDraws = screen->runs() && queryDriver(&driver);
-}
-
-void ScreenTest::TearDownTestSuite() {
-  screen.reset();
 }
 
 void ScreenTest::SetUp() {

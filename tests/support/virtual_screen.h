@@ -30,12 +30,11 @@ class VirtualScreen {
   void* display_ = nullptr;  // Xlib's
 };
 
-// A screen for the whole suite, and a driver that draws on it. Without them every test is skipped, or fails where the
-// environment says NOXEL_REQUIRE_GL=1.
+// One screen for the whole program, as EGL's display stays connected to it, and a driver that draws on it. Without them
+// every test is skipped, or fails where the environment says NOXEL_REQUIRE_GL=1.
 class ScreenTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite();
-  static void TearDownTestSuite();
   void SetUp() override;
 
   static std::unique_ptr<VirtualScreen> screen;

@@ -5,6 +5,7 @@
 #include <new>
 #include <span>
 
+#include "filters/program_fingerprint.h"
 #include "platform/cache_directory.h"
 #include "platform/log.h"
 
@@ -151,7 +152,7 @@ bool CreateResources(_KRGPUEngine* engine) {
 
 // False when something is missing that a pass of the mode needs: a pass left out leaves its target undefined.
 bool LoadShaders(_KRGPUEngine* engine) {
-  const char* directory = platform::programCacheDirectory();
+  const CacheDirectory directory = openProgramCache(platform::programCacheDirectory(), shaders::kProgramFingerprint);
   engine->lowLight.syncMode = isRgbaMode(*engine);
   engine->lowLight.reducedPrograms = engine->mode == 1;
   (void)engine->lowLight.setupPrograms(directory);
@@ -180,7 +181,6 @@ void SetUp(_KRGPUEngine* engine, void* window) {
   const bool complete = CreateResources(engine);
   const bool resourcesMade = NOXEL_CHECK_GL("CreateResources") && complete;
   engine->ready = LoadShaders(engine) && resourcesMade;
-  if (!engine->ready) NOXEL_LOG_ERROR("the GPU engine is not usable: frames are returned as they came");
 }
 
 void create(int width, int height, void* window, const HandOver& handOver, int mode, _KRGPUEngine** result) {
@@ -200,6 +200,7 @@ void create(int width, int height, void* window, const HandOver& handOver, int m
   engine->offscreen = window == nullptr ? 1 : 0;
   engine->handOver = handOver;
   SetUp(engine, window);
+  if (!engine->ready) NOXEL_LOG_ERROR("the GPU engine is not usable: frames are returned as they came");
 }
 
 }  // namespace

@@ -1,13 +1,10 @@
 #include "gl/runtime/egl_engine.h"
 
-#include <pthread.h>
-
 #include <cstring>
 #include <initializer_list>
 
 #include "gl/runtime/gl.h"
 #include "platform/log.h"
-#include "platform/signal.h"
 
 #define LOG_EGL_ERROR(...) __android_log_print(platform::kLogError, "KorvaneEGLEngine", __VA_ARGS__)
 
@@ -18,41 +15,6 @@ bool succeeded(EGLBoolean result, const char* call) {
   if (result == EGL_TRUE) return true;
   LOG_EGL_ERROR("Error: %s failed %d\n", call, eglGetError());
   return false;
-}
-
-// eglTerminate ends every context on a display, other engines' included, so the users of each display are counted. Lives
-// for ever: a GPU thread may end after the statics of the process are gone.
-struct DisplayUse {
-  EGLDisplay display;
-  int users;
-};
-constexpr int kMaxDisplays = 8;
-DisplayUse displayUses[kMaxDisplays];  // guarded by displayMutex
-pthread_mutex_t displayMutex = PTHREAD_MUTEX_INITIALIZER;
-
-DisplayUse* findDisplayUse(EGLDisplay display) {
-  for (DisplayUse& use : displayUses) {
-    if (use.users > 0 && use.display == display) return &use;
-  }
-  return nullptr;
-}
-
-void initializeDisplay(EGLDisplay display) {
-  Lock lock(displayMutex);
-  (void)succeeded(eglInitialize(display, nullptr, nullptr), "eglInitialize");  // the next call fails, and tells
-  DisplayUse* use = findDisplayUse(display);
-  for (int i = 0; use == nullptr && i < kMaxDisplays; ++i) {
-    if (displayUses[i].users == 0) use = &displayUses[i];
-  }
-  if (use == nullptr) return;  // a ninth display is never terminated, which only the process's end notices
-  use->display = display;
-  ++use->users;
-}
-
-void terminateDisplay(EGLDisplay display) {
-  Lock lock(displayMutex);
-  DisplayUse* use = findDisplayUse(display);
-  if (use != nullptr && --use->users == 0) (void)succeeded(eglTerminate(display), "eglTerminate");
 }
 
 template <typename EntryPoint>
@@ -97,7 +59,8 @@ int EGLEngine::openDisplay() {
     LOG_EGL_ERROR("Error: eglGetDisplay failed %d\n", eglGetError());
     return 0;
   }
-  initializeDisplay(display);
+  displayInitialized =
+      succeeded(eglInitialize(display, nullptr, nullptr), "eglInitialize");  // the next call fails, and tells
   released = false;
   (void)succeeded(eglBindAPI(EGL_OPENGL_ES_API), "eglBindAPI");  // OpenGL ES is every thread's first API anyway
   return 1;
@@ -171,8 +134,18 @@ int EGLEngine::Release() {
   }
   if (context != EGL_NO_CONTEXT) (void)succeeded(eglDestroyContext(display, context), "eglDestroyContext");
   if (surface != EGL_NO_SURFACE) (void)succeeded(eglDestroySurface(display, surface), "eglDestroySurface");
-  terminateDisplay(display);
+  if (displayInitialized) leaveDisplay();
+  (void)succeeded(eglReleaseThread(), "eglReleaseThread");
   return 1;
+}
+
+void EGLEngine::leaveDisplay() {
+  if (platform::displayCountsUsers(display)) {
+    (void)succeeded(eglTerminate(display), "eglTerminate");
+  } else {
+    platform::keepDisplay();
+  }
+  displayInitialized = false;
 }
 
 EGLBoolean EGLEngine::SwapBuffers() {

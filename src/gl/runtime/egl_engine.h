@@ -9,7 +9,8 @@ namespace noxel {
 // under the tag "KorvaneEGLEngine" and answered with 0; Initialize may leave parts behind, which Release cleans up. Owns
 // neither the window nor the shared context.
 //
-// A display is the process's, not the engine's: it is terminated when the last engine that initialised it is released.
+// The display is the process's and may have other users, whose contexts eglTerminate would end. Release calls it where EGL
+// counts the users of a display, and leaves the display initialised otherwise.
 class EGLEngine {
  public:
   EGLEngine() = default;
@@ -22,7 +23,7 @@ class EGLEngine {
   int Initialize(int width, int height, void* window = nullptr, void* shareContext = nullptr, int alphaSize = 8);
   int initWithWindow(int width, int height, void* window, void* shareContext, int alphaSize);
   int initWithPBuffer(int width, int height, void* shareContext);
-  int Release();  // always 1
+  int Release();  // always 1; the thread has no EGL state left
 
   EGLBoolean SwapBuffers();
   EGLBoolean SwapBuffers(void* otherSurface);
@@ -68,9 +69,11 @@ class EGLEngine {
   int createSurface(void* window, int alphaSize);  // and the config; a pbuffer without a window
   int createContext(void* shareContext);           // current from here on
   void loadExtensions();
+  void leaveDisplay();
   void tellOnce(bool* fails, bool success, const char* call);  // a call of every frame that fails from now on
 
   bool released = false;
+  bool displayInitialized = false;
   bool swapFails = false;
   bool queryFails = false;
 };

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <utility>
 
-#include "gl/runtime/program_cache.h"
 #include "gl/runtime/shader_dialect.h"
 #include "platform/log.h"
 
@@ -75,8 +74,10 @@ void logLinkFailure(GLuint program) {
 
 }  // namespace
 
-Program::Program(const char* fragmentSource, const char* vertexSource, const char* cacheName, const char* directory) {
-  if (directory != nullptr) SetCacheDirectory(directory);
+Program::Program(const char* fragmentSource, const char* vertexSource, const char* cacheName,
+                 const CacheDirectory& directory)
+    : cacheReadable(directory.readable) {
+  SetCacheDirectory(directory.path);
   initialized = initialize(fragmentSource, vertexSource, cacheName != nullptr ? cacheName : "");
 }
 
@@ -92,6 +93,7 @@ Program& Program::operator=(Program&& other) noexcept {
   std::swap(initialized, other.initialized);
   std::swap(id, other.id);
   std::swap(cacheDirectory, other.cacheDirectory);
+  std::swap(cacheReadable, other.cacheReadable);
   std::swap(locations, other.locations);
   std::swap(locationCount, other.locationCount);
   return *this;
@@ -110,7 +112,7 @@ int Program::initialize(const char* fragmentSource, const char* vertexSource, co
     NOXEL_LOG_ERROR("no memory for the path of program %s: it is not kept", cacheName);
     return CreateProgram(fragmentSource, vertexSource);
   }
-  if (LoadBinary(path.c_str())) return 1;
+  if (cacheReadable && LoadBinary(path.c_str())) return 1;
   if (!CreateProgram(fragmentSource, vertexSource)) return 0;
   SaveBinary(path.c_str());
   return 1;

@@ -2,23 +2,24 @@
 #pragma once
 
 #include "gl/runtime/gl.h"
+#include "gl/runtime/program_cache.h"
 #include "gl/runtime/text.h"
 
 namespace noxel {
 
 // Shader texts are in the dialect of shader_dialect.h, without a version line. A program with a cache name is loaded from
 // <cache directory>/<name> when the driver still accepts what is stored there, and stored there after it was compiled. The
-// cache can only miss: nothing that goes wrong with it is an error.
+// cache can only miss: a failure of it is no error.
 //
 // A failed program is logged, keeps id 0 and draws nothing. GPU thread only. Move-only; the destructor deletes the GL
 // program, so it runs while the context is current.
 class Program {
  public:
   Program() = default;  // no program; makes no GL call
-  // `cacheName` null or empty: never cached. `directory` null or empty: "/data/data/<process name>/korvane/", the private
+  // `cacheName` null or empty: never cached. `directory` empty: "/data/data/<process name>/korvane/", the private
   // place of an Android application. The texts are not kept; the names given to the setters below must be literals.
   Program(const char* fragmentSource, const char* vertexSource, const char* cacheName = nullptr,
-          const char* directory = nullptr);
+          const CacheDirectory& directory = nullptr);
   ~Program();
   Program(Program&& other) noexcept;
   Program& operator=(Program&& other) noexcept;
@@ -58,6 +59,7 @@ class Program {
   void SaveBinary(const char* path);
 
   Text cacheDirectory;  // ends with '/' unless empty
+  bool cacheReadable = true;
   Location locations[kMaxLocations] = {};
   int locationCount = 0;
 };

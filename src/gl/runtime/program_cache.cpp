@@ -1,5 +1,6 @@
 #include "gl/runtime/program_cache.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 #include "platform/log.h"
 
@@ -18,7 +20,7 @@ constexpr uint32_t kVersion = 10;
 constexpr size_t kHeaderSize = 12;
 constexpr size_t kMaxFileSize = size_t{64} << 20;
 
-// The cache can only miss: what goes wrong with it is told to those who want every word.
+// The cache can only miss: failures go to the verbose log only.
 bool cacheCallFailed(const char* call, const char* path) {
   NOXEL_LOG_VERBOSE("program cache: %s failed with %d:\n\t%s\n", call, errno, path);
   return false;
@@ -44,6 +46,64 @@ bool writeFully(int file, const void* source, size_t size) {
     size -= static_cast<size_t>(put);
   }
   return true;
+}
+
+struct Bytes {
+  const void* data;
+  size_t size;
+};
+
+// Through a temporary file in the same directory, so that no reader sees a half.
+bool replaceFile(const char* path, std::initializer_list<Bytes> parts) {
+  Text temporary(path);
+  temporary.append(".XXXXXX");
+  if (temporary.failed()) {
+    NOXEL_LOG_ERROR("no memory for the path of a program binary");
+    return false;
+  }
+  char* name = const_cast<char*>(temporary.c_str());  // mkstemp fills in the template's last six characters
+  const int file = mkstemp(name);
+  if (file < 0) return cacheCallFailed("mkstemp", name);
+  (void)fcntl(file, F_SETFD, FD_CLOEXEC);
+  bool written = true;
+  for (const Bytes& part : parts) written = written && writeFully(file, part.data, part.size);
+  if (!written) (void)cacheCallFailed("write", name);
+  const bool closed = ::close(file) == 0 || cacheCallFailed("close", name);
+  const bool complete = written && closed && (std::rename(name, path) == 0 || cacheCallFailed("rename", path));
+  if (!complete) ::unlink(name);
+  return complete;
+}
+
+// False for whatever is not a regular file with exactly this text.
+bool contains(const char* path, const char* text) {
+  const int file = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (file < 0) {
+    if (errno != ENOENT) NOXEL_LOG_VERBOSE("Unable to open file:\n\t%s\n", path);
+    return false;
+  }
+  char found[256] = {};
+  struct stat status = {};
+  const size_t size = std::strlen(text);
+  const bool comparable = fstat(file, &status) == 0 ? S_ISREG(status.st_mode) && size <= sizeof(found) &&
+                                                          status.st_size == static_cast<off_t>(size)
+                                                    : cacheCallFailed("fstat", path);
+  const bool read = comparable && (readFully(file, found, size) || cacheCallFailed("read", path));
+  if (::close(file) != 0) (void)cacheCallFailed("close", path);
+  return read && std::memcmp(found, text, size) == 0;
+}
+
+// And what a process that was killed left of them. A directory of such a name is no program, and stays.
+bool removePrograms(const char* directory) {
+  DIR* entries = opendir(directory);
+  if (entries == nullptr) return cacheCallFailed("opendir", directory);
+  bool removed = true;
+  while (const dirent* entry = readdir(entries)) {
+    if (std::strncmp(entry->d_name, "kr_", 3) != 0) continue;
+    if (unlinkat(dirfd(entries), entry->d_name, 0) == 0 || errno == ENOENT || errno == EISDIR) continue;
+    removed = cacheCallFailed("unlink", entry->d_name);
+  }
+  closedir(entries);
+  return removed;
 }
 
 // A FIFO in the cache's place must not hang the open, nor a device be read.
@@ -102,23 +162,26 @@ bool ProgramBinary::read(const char* path) {
 }
 
 bool ProgramBinary::write(const char* path) const {
-  Text temporary(path);
-  temporary.append(".XXXXXX");
-  if (temporary.failed()) {
-    NOXEL_LOG_ERROR("no memory for the path of a program binary");
-    return false;
-  }
-  char* name = const_cast<char*>(temporary.c_str());  // mkstemp fills in the template's last six characters
-  const int file = mkstemp(name);
-  if (file < 0) return cacheCallFailed("mkstemp", name);
-  (void)fcntl(file, F_SETFD, FD_CLOEXEC);
   const uint32_t header[3] = {checksum(), kVersion, format};
-  const bool written =
-      (writeFully(file, header, sizeof(header)) && writeFully(file, blob, size)) || cacheCallFailed("write", name);
-  const bool closed = ::close(file) == 0 || cacheCallFailed("close", name);
-  const bool complete = written && closed && (std::rename(name, path) == 0 || cacheCallFailed("rename", path));
-  if (!complete) ::unlink(name);
-  return complete;
+  return replaceFile(path, {{header, sizeof(header)}, {blob, size}});
+}
+
+CacheDirectory openProgramCache(const char* directory, const char* fingerprint) {
+  CacheDirectory cache(directory);
+  if (cache.path[0] == '\0') return cache;
+  Text file(directory);
+  if (directory[std::strlen(directory) - 1] != '/') file.append("/");
+  file.append("fingerprint");
+  if (file.failed()) {
+    NOXEL_LOG_ERROR("no memory for the path of the program cache");
+    return nullptr;
+  }
+  ensureDirectory(directory);
+  cache.readable = contains(file.c_str(), fingerprint);
+  if (cache.readable) return cache;
+  if (removePrograms(directory) && replaceFile(file.c_str(), {{fingerprint, std::strlen(fingerprint)}})) return cache;
+  NOXEL_LOG_ERROR("the program cache cannot be written, so programs are compiled at each start:\n\t%s\n", directory);
+  return nullptr;
 }
 
 void ensureDirectory(const char* path) {

@@ -1,4 +1,4 @@
-// One file of the program-binary cache.
+// The program-binary cache: a file for each program, and one that tells which build they are of.
 #pragma once
 
 #include <cstddef>
@@ -27,6 +27,19 @@ struct ProgramBinary {
  private:
   uint32_t checksum() const;
 };
+
+// Where programs are kept. Converts from a bare path, of which nothing is known.
+struct CacheDirectory {
+  CacheDirectory(const char* directory) : path(directory != nullptr ? directory : "") {}
+
+  const char* path;      // not owned; empty: nothing is kept
+  bool readable = true;  // false: it holds no program of this build, so none is opened
+};
+
+// Makes the directory fit for programs of the build that `fingerprint` stands for: when the file "fingerprint" in it tells of
+// another build, or is not there, all programs ("kr_...") are removed and then the file is replaced, so that no process that
+// dies in between leaves a foreign program beside the right fingerprint. One log line, and an empty path, when that fails.
+CacheDirectory openProgramCache(const char* directory, const char* fingerprint);
 
 // mkdir (mode 0700, one level) unless something of that name exists.
 void ensureDirectory(const char* path);
