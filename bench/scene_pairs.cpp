@@ -14,8 +14,8 @@ namespace {
 
 constexpr int kSubSamples = 4;       // a side of a pixel
 constexpr double kMargin = 48;       // frame pixels kept around a crop: the largest pan, and some tremor
-constexpr double kLeastScale = 2.5;  // photo pixels a frame pixel, where the photo has as many
-constexpr double kLargestScale = 3.5;
+constexpr double kMinScale = 2.5;  // photo pixels a frame pixel, where the photo has as many
+constexpr double kMaxScale = 3.5;
 constexpr double kObjectBrightness = 0.6;  // of its photo
 constexpr int kCropCandidates = 8;
 constexpr double kFlatContrast = 10;     // standard deviation in levels
@@ -25,7 +25,7 @@ constexpr double kTremorPixels = 4;      // largest shift
 constexpr double kTremorRoll = 0.5;      // degrees
 constexpr double kTremorZoom = 0.003;    // relative
 constexpr double kAccompanying = 0.25;   // share of the tremor beside another motion
-constexpr double kSmallestRadius = 2.5;  // of the procedural shapes, pixels
+constexpr double kMinRadius = 2.5;  // of the procedural shapes, pixels
 
 // The standard distributions differ between libraries; these do not.
 class Random {
@@ -135,7 +135,7 @@ double textureOf(const Crop& crop, int width, int height) {
   return change / std::max(level, 1.0);
 }
 
-enum class Pick { MostTextured, LeastTextured };
+enum class Pick { MaxTexture, MinTexture };
 
 // One of a few random crops. The background is the most textured: a camera is pointed at something, and much of a large
 // photo is sky or out of focus. Many photo pixels a frame pixel hide the softness of the photo; one that is too small for
@@ -145,11 +145,11 @@ Crop drawCrop(const Photo& photo, Pick pick, int width, int height, Random& rand
   Crop best = {};
   double bestScore = -std::numeric_limits<double>::infinity();
   for (int candidate = 0; candidate < kCropCandidates; ++candidate) {
-    const double scale = random.uniform(std::min(fit, kLeastScale), std::min(fit, kLargestScale));
+    const double scale = random.uniform(std::min(fit, kMinScale), std::min(fit, kMaxScale));
     const double x = random.uniform(0, photo.width - scale * (width + 2 * kMargin));
     const double y = random.uniform(0, photo.height - scale * (height + 2 * kMargin));
     const Crop crop = {&photo, {scale * kMargin + x, scale * kMargin + y}, scale};
-    const double score = textureOf(crop, width, height) * (pick == Pick::MostTextured ? 1 : -1);
+    const double score = textureOf(crop, width, height) * (pick == Pick::MaxTexture ? 1 : -1);
     if (score > bestScore) {
       best = crop;
       bestScore = score;
@@ -342,7 +342,7 @@ double Photo::at(double x, double y) const {
 }
 
 bool readPhoto(const std::string& path, Photo* photo) {
-  constexpr int kLargestSide = 1 << 15;
+  constexpr int kMaxSide = 1 << 15;
   std::ifstream file(path, std::ios::binary);
   std::string magic;
   file >> magic;
@@ -353,7 +353,7 @@ bool readPhoto(const std::string& path, Photo* photo) {
     file >> value;
   }
   file.get();
-  if (!file || header[0] < 1 || header[1] < 1 || std::max(header[0], header[1]) > kLargestSide || header[2] != 255) {
+  if (!file || header[0] < 1 || header[1] < 1 || std::max(header[0], header[1]) > kMaxSide || header[2] != 255) {
     return false;
   }
 
@@ -377,12 +377,12 @@ Photo proceduralPhoto(int width, int height, uint64_t seed) {
   Random random = {seed};
   Photo photo = {width, height, std::vector<float>(static_cast<size_t>(width) * static_cast<size_t>(height), 110.0f)};
   // Each octave of sizes covers the same area: a density of radii falling with the cube, drawn by its inverse.
-  const double largestRadius = 0.25 * std::min(width, height);
-  const int count = static_cast<int>(0.1 * width * height / (kSmallestRadius * kSmallestRadius));
+  const double maxRadius = 0.25 * std::min(width, height);
+  const int count = static_cast<int>(0.1 * width * height / (kMinRadius * kMinRadius));
   for (int i = 0; i < count; ++i) {
     const double u = random.uniform(0, 1);
-    const double least = kSmallestRadius / largestRadius;
-    const double radius = kSmallestRadius / std::sqrt(1 - u * (1 - least * least));
+    const double least = kMinRadius / maxRadius;
+    const double radius = kMinRadius / std::sqrt(1 - u * (1 - least * least));
     const Point centre = {random.uniform(0, width), random.uniform(0, height)};
     const int sides = random.below(4) == 0 ? 0 : 3 + random.below(4);
     const double angle = random.direction();
@@ -431,7 +431,7 @@ ScenePair renderPair(const std::vector<Photo>& photos, Motion motion, int width,
   pair.currentFromPrevious = drawMotion(motion, width, height, random);
 
   const Photo& photo = photos[static_cast<size_t>(index) % photos.size()];
-  Scene scene = {.crop = drawCrop(photo, Pick::MostTextured, width, height, random)};
+  Scene scene = {.crop = drawCrop(photo, Pick::MaxTexture, width, height, random)};
   if (motion == Motion::Repetitive) {
     scene.tileSide = random.uniform(24, 64);
     scene.tile = scene.crop;
@@ -445,7 +445,7 @@ ScenePair renderPair(const std::vector<Photo>& photos, Motion motion, int width,
   Affine objectFromPrevious = pair.currentFromPrevious;
   if (motion == Motion::Object) {
     // Darker and less textured than the background, or the object would often be the larger part of what can be followed.
-    object.texture = drawCrop(photo, Pick::LeastTextured, width, height, random);
+    object.texture = drawCrop(photo, Pick::MinTexture, width, height, random);
     const double edge = 0.5 * (1 - std::sqrt(kObjectArea));
     object.low = {edge * width, edge * height};
     object.high = {(1 - edge) * width, (1 - edge) * height};
@@ -472,7 +472,7 @@ FramePair expose(const ScenePair& pair, Light light, uint64_t seed) {
 
 StillScene drawStillScene(const Photo& photo, int width, int height, uint64_t seed) {
   Random random = {seed};
-  const Crop crop = drawCrop(photo, Pick::MostTextured, width, height, random);
+  const Crop crop = drawCrop(photo, Pick::MaxTexture, width, height, random);
   return {&photo, crop.origin.x, crop.origin.y, crop.scale};
 }
 

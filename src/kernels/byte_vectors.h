@@ -54,10 +54,10 @@ struct Bytes {
   Words pairSums() const { return evens() + odds(); }
 };
 
-inline Bytes smaller(const Bytes& a, const Bytes& b) {
+inline Bytes min(const Bytes& a, const Bytes& b) {
   return {_mm_min_epu8(a.lanes, b.lanes)};
 }
-inline Bytes larger(const Bytes& a, const Bytes& b) {
+inline Bytes max(const Bytes& a, const Bytes& b) {
   return {_mm_max_epu8(a.lanes, b.lanes)};
 }
 
@@ -129,10 +129,10 @@ struct Bytes {
   Words pairSums() const { return {vpaddlq_u8(lanes)}; }
 };
 
-inline Bytes smaller(const Bytes& a, const Bytes& b) {
+inline Bytes min(const Bytes& a, const Bytes& b) {
   return {vminq_u8(a.lanes, b.lanes)};
 }
-inline Bytes larger(const Bytes& a, const Bytes& b) {
+inline Bytes max(const Bytes& a, const Bytes& b) {
   return {vmaxq_u8(a.lanes, b.lanes)};
 }
 

@@ -58,9 +58,9 @@ void sharpenRow(const uint8_t* source, const uint8_t* blurred, int sixteenths, i
 
 void limitRow(const uint8_t* original, int limit, int begin, int end, uint8_t* changed) {
   for (int x = begin; x < end; ++x) {
-    const int least = std::max(original[x] - limit, 0);
-    const int most = std::min(original[x] + limit, 255);
-    changed[x] = static_cast<uint8_t>(std::clamp<int>(changed[x], least, most));
+    const int low = std::max(original[x] - limit, 0);
+    const int high = std::min(original[x] + limit, 255);
+    changed[x] = static_cast<uint8_t>(std::clamp<int>(changed[x], low, high));
   }
 }
 

@@ -27,7 +27,7 @@ void filterRows(const ConstPlane& source, Separable filter, int first, int begin
   constexpr int kStrip = 512;  // columns at a time: the sums stay in the nearest cache, and off the heap
   const RowKernels& kernels = rowKernels();
   const int taps = kTaps[filter];
-  uint16_t sums[kStrip + kMostTaps - 1];
+  uint16_t sums[kStrip + kMaxTaps - 1];
   uint8_t means[kStrip];
   for (int y = begin; y < end; ++y) {
     for (int x = 0; x < source.width; x += kStrip) {
@@ -35,7 +35,7 @@ void filterRows(const ConstPlane& source, Separable filter, int first, int begin
       const int reach = count + taps - 1;  // sums[i] is that of column x + first + i
       const int left = std::max(-(x + first), 0);
       const int right = std::min(reach, source.width - (x + first));
-      const uint8_t* rows[kMostTaps];
+      const uint8_t* rows[kMaxTaps];
       for (int k = 0; k < taps; ++k) {
         rows[k] = source.row(std::clamp(y + first + k, 0, source.height - 1)) + (x + first + left);
       }
@@ -124,7 +124,7 @@ void gauss(const ConstPlane& source, Gauss taps, const Plane& destination, Worke
 }
 
 void sharpen(const ConstPlane& source, Gauss taps, int sixteenths, const Plane& destination, WorkerPool* pool) {
-  assert(sameSize(source, destination) && sixteenths >= 0 && sixteenths <= kMostSharpening);
+  assert(sameSize(source, destination) && sixteenths >= 0 && sixteenths <= kMaxSharpening);
   forEachRowBlock(pool, source.height, blockRows(source.width), [&](int begin, int end) {
     const RowKernels& kernels = rowKernels();
     const auto finish = [&](int y, int x, int count, const uint8_t* means) {

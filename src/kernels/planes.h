@@ -73,8 +73,8 @@ enum class Gauss { kThree, kFive };
 void gauss(const ConstPlane& source, Gauss taps, const Plane& destination, WorkerPool* pool = nullptr);
 
 // Unsharp mask: p + ((sixteenths * (p - g) + 8) >> 4), held within 0..255, with g the pixel after gauss(). The shift
-// rounds down. 0 <= sixteenths <= kMostSharpening.
-inline constexpr int kMostSharpening = 128;  // 255 times this still fits 16 bits with their sign
+// rounds down. 0 <= sixteenths <= kMaxSharpening.
+inline constexpr int kMaxSharpening = 128;  // 255 times this still fits 16 bits with their sign
 void sharpen(const ConstPlane& source, Gauss taps, int sixteenths, const Plane& destination,
              WorkerPool* pool = nullptr);
 

@@ -14,7 +14,7 @@ namespace noxel::kernels {
 // Filters that are a sum down the column, then along the row of these sums, then a rounded shift.
 enum Separable { kBoxFour, kGaussThree, kGaussFive, kSeparableCount };
 
-inline constexpr int kMostTaps = 5;
+inline constexpr int kMaxTaps = 5;
 inline constexpr int kTaps[kSeparableCount] = {4, 3, 5};
 inline constexpr int kWeightBits[kSeparableCount] = {4, 4, 8};  // log2 of the weights' sum; 255 times it fits 16 bits
 

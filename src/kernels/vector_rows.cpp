@@ -100,7 +100,7 @@ void limitRow(const uint8_t* original, int limit, int begin, int end, uint8_t* c
   int x = begin;
   for (; x + 16 <= end; x += 16) {
     const Bytes middle = Bytes::load(original + x);
-    larger(smaller(Bytes::load(changed + x), middle.plus(reach)), middle.minus(reach)).store(changed + x);
+    max(min(Bytes::load(changed + x), middle.plus(reach)), middle.minus(reach)).store(changed + x);
   }
   kPlainRows.limitChange(original, limit, x, end, changed);
 }
@@ -109,7 +109,7 @@ void limitRow(const uint8_t* original, int limit, int begin, int end, uint8_t* c
 // at tile + 16 i.
 constexpr int kLanes = 16;
 constexpr int kTileRows = kLanes / 2;  // rows of pairs
-constexpr int kMostVectorRadius = 63;  // see Divider
+constexpr int kMaxVectorRadius = 63;   // see Divider
 
 // n / divisor for an odd divisor of 3..127 and n < 256 * divisor, as (n * factor) >> (16 + bits), exactly: with
 // bits = floor(log2(divisor)) the factor, 2^(16 + bits) / divisor rounded up, fits 16 bits and is too large by less
@@ -139,7 +139,7 @@ void smoothTile(uint8_t* tile, int count, int radius, int iterations) {
       high = high + sample.highHalf();
     }
     // What is overwritten and still to be taken off the sums.
-    constexpr int kPast = kMostVectorRadius + 1;  // a power of two
+    constexpr int kPast = kMaxVectorRadius + 1;  // a power of two
     uint8_t past[kPast * kLanes];
     for (int i = 0; i < count; ++i) {
       Bytes::load(at(i)).store(past + (i & (kPast - 1)) * kLanes);
@@ -200,7 +200,7 @@ void tileToRows(const uint8_t* tile, const Plane& pairs, int y, int rowCount) {
 
 // The scratch, a byte for each pair, holds a tile from sixteen rows or columns on.
 bool fitsTile(int lines, int radius) {
-  return lines >= kLanes && radius >= 1 && radius <= kMostVectorRadius;
+  return lines >= kLanes && radius >= 1 && radius <= kMaxVectorRadius;
 }
 
 void smoothRows(const Plane& pairs, int begin, int end, int radius, int iterations, uint8_t* scratch) {

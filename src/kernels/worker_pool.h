@@ -29,19 +29,19 @@ class WorkerPool {
  private:
   void takeItems();
 
-  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-  pthread_cond_t wake = PTHREAD_COND_INITIALIZER;
-  pthread_cond_t idle = PTHREAD_COND_INITIALIZER;
-  bool stopping = false;    // under mutex, as the next three
-  uint32_t generation = 0;  // of the job, so that a worker takes each once
-  int busyWorkers = 0;      // inside takeItems
-  bool open = false;        // the job takes workers
+  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+  pthread_cond_t wake_ = PTHREAD_COND_INITIALIZER;
+  pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER;
+  bool stopping_ = false;    // under mutex, as the next three
+  uint32_t generation_ = 0;  // of the job, so that a worker takes each once
+  int busyWorkers_ = 0;      // inside takeItems
+  bool open_ = false;        // the job takes workers
 
   // Written under the mutex before the generation is raised, read by the workers after they saw it.
-  Work jobWork = nullptr;
-  void* jobArgument = nullptr;
-  int itemCount = 0;
-  std::atomic<int> nextItem = 0;
+  Work work_ = nullptr;
+  void* job_ = nullptr;
+  int itemCount_ = 0;
+  std::atomic<int> nextItem_ = 0;
 };
 
 }  // namespace noxel

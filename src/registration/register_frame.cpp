@@ -11,11 +11,11 @@
 namespace noxel {
 namespace {
 
-constexpr int kFewestMatches = 5;
+constexpr int kMinMatches = 5;
 
 // No number is within anything.
-bool isWithin(float value, float lowest, float highest) {
-  return value >= lowest && value <= highest;
+bool isWithin(float value, float min, float max) {
+  return value >= min && value <= max;
 }
 
 // A coefficient of exactly zero is that of a fit that failed.
@@ -51,7 +51,7 @@ bool takeMatches(_KROFRegistration* registration, _KRMatch* matches) {
     const KRPoint target = registration->targetPoints[i];
     matches[i] = {source.x, source.y, target.x, target.y};
   }
-  return registration->matchedCount >= kFewestMatches;
+  return registration->matchedCount >= kMinMatches;
 }
 
 // Centre of cell `index` of `count` along a side: the first cell's is at the near edge, the last one's at the far edge.
@@ -77,12 +77,12 @@ void pruneMatches(_KROFRegistration* registration) {
   const auto side = static_cast<float>(registration->width + registration->height);
   registration->medianScore = median(registration->scores, tracked);
   registration->medianError = median(registration->errors, tracked);
-  const float lowestScore = std::clamp(registration->medianScore, 0.65f, 0.9f);
-  const float highestError = std::max(std::min(registration->medianError, 0.002f * side), 0.0005f * side);
+  const float minScore = std::clamp(registration->medianScore, 0.65f, 0.9f);
+  const float maxError = std::max(std::min(registration->medianError, 0.002f * side), 0.0005f * side);
 
   int kept = 0;
   for (int i = 0; i < tracked; ++i) {
-    if (!(registration->scores[i] >= lowestScore && registration->errors[i] <= highestError)) continue;
+    if (!(registration->scores[i] >= minScore && registration->errors[i] <= maxError)) continue;
     registration->sourcePoints[kept] = registration->sourcePoints[i];
     registration->targetPoints[kept] = registration->targetPoints[i];
     registration->displacements[kept] = registration->displacements[i];

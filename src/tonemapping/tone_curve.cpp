@@ -26,15 +26,15 @@ void equalisingSlopes(const Histogram& histogram, double mass, double (&slopes)[
 }
 
 double limited(double slope) {
-  return std::clamp(slope, kLeastSlope, kMostSlope);
+  return std::clamp(slope, kMinSlope, kMaxSlope);
 }
 
-// Step 4. The sum grows with the amount, from 255 · kLeastSlope to 255 · kMostSlope between the two first bounds: halving the
+// Step 4. The sum grows with the amount, from 255 · kMinSlope to 255 · kMaxSlope between the two first bounds: halving the
 // interval finds the amount.
 void limitSlopes(double (&slopes)[kSlopes]) {
-  const auto [least, most] = std::minmax_element(slopes, slopes + kSlopes);
-  double low = kLeastSlope - *most;
-  double high = kMostSlope - *least;
+  const auto [min, max] = std::minmax_element(slopes, slopes + kSlopes);
+  double low = kMinSlope - *max;
+  double high = kMaxSlope - *min;
   for (int i = 0; i < 64; ++i) {
     const double amount = low + (high - low) / 2;
     double sum = 0.0;

@@ -5,8 +5,8 @@
 
 namespace noxel {
 
-constexpr double kLeastSlope = 0.5;  // output levels per input level: below, detail is lost
-constexpr double kMostSlope = 3.0;   // above, noise and banding show
+constexpr double kMinSlope = 0.5;  // output levels per input level: below, detail is lost
+constexpr double kMaxSlope = 3.0;  // above, noise and banding show
 
 // Where each input level goes, 0..255. Starts as the identity.
 struct ToneCurve {
@@ -19,7 +19,7 @@ struct ToneCurve {
 //   1. h = min(bin, 3 · mean bin), and what that cuts off is spread evenly over all bins.
 //   2. The slope from level i - 1 to i is in proportion to (h[i - 1] + h[i]) / 2; the 255 slopes add up to 255.
 //   3. That is blended with the identity: 1 + strength · (slope - 1).
-//   4. Of all sets of slopes within kLeastSlope..kMostSlope that add up to 255, the one nearest to these (least squares) is
+//   4. Of all sets of slopes within kMinSlope..kMaxSlope that add up to 255, the one nearest to these (least squares) is
 //      taken: one and the same amount is added to each, and what leaves the limits is held there. As 255 slopes of 0.5 add
 //      up to less and 255 of 3 to more than 255, such an amount always exists.
 //

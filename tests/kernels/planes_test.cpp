@@ -246,7 +246,7 @@ TEST(Sharpen, AddsTheDifferenceToTheGaussAndSaturates) {
     Sheet actual = Sheet::target(size);
     for (const Gauss taps : {Gauss::kThree, Gauss::kFive}) {
       const Image means = gaussian(source, taps);
-      for (const int sixteenths : {0, 5, 16, kernels::kMostSharpening}) {
+      for (const int sixteenths : {0, 5, 16, kernels::kMaxSharpening}) {
         Bytes expected;
         for (size_t i = 0; i < source.bytes.size(); ++i) {
           const double sharp = source.bytes[i] + sixteenths * (source.bytes[i] - means.bytes[i]) / 16.0;

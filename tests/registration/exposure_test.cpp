@@ -125,14 +125,14 @@ struct Twin {
 };
 
 // Noise between two levels, more of it near the lower.
-Bytes picture(int lowest, int highest, unsigned seed) {
+Bytes picture(int minLevel, int maxLevel, unsigned seed) {
   std::mt19937 random(seed);
-  Bytes pixels(64 * 48, static_cast<uint8_t>(highest));
-  const auto range = static_cast<unsigned>(highest - lowest);
+  Bytes pixels(64 * 48, static_cast<uint8_t>(maxLevel));
+  const auto range = static_cast<unsigned>(maxLevel - minLevel);
   for (uint8_t& pixel : pixels) {
     if (range == 0) break;
     const auto above = static_cast<unsigned>(random() % (range + 1));
-    pixel = static_cast<uint8_t>(static_cast<unsigned>(lowest) + above * above / range);
+    pixel = static_cast<uint8_t>(static_cast<unsigned>(minLevel) + above * above / range);
   }
   return pixels;
 }
@@ -141,8 +141,8 @@ TEST(Exposure, SettlesAsTheFormulasSay) {
   // Dark, black (which says nothing about the brightest level), flat (whose gamma is undefined), nearly black, and
   // bright with a mean above half of the brightest level, for which gamma would have to exceed 1.
   struct Step {
-    int lowest;
-    int highest;
+    int minLevel;
+    int maxLevel;
   };
   constexpr Step kSteps[12] = {{0, 0}, {0, 40}, {0, 40},    {0, 60}, {180, 255}, {0, 0},
                                {0, 0}, {0, 12}, {200, 200}, {0, 1},  {0, 90},    {130, 160}};
@@ -157,7 +157,7 @@ TEST(Exposure, SettlesAsTheFormulasSay) {
     for (const Step& step : kSteps) {
       SCOPED_TRACE(testing::Message() << "mode " << setting.mode << ", strength " << setting.strength << ", step "
                                       << seed);
-      const Bytes pixels = picture(step.lowest, step.highest, ++seed);
+      const Bytes pixels = picture(step.minLevel, step.maxLevel, ++seed);
       updateExposure(&state, {64, 48, pixels.data()}, setting.mode, setting.strength);
       twin.update(pixels, setting.mode, setting.strength);
       // A step rounds some four times, to half of 2^-22 for a gain below 4, and the easing keeps the errors of five

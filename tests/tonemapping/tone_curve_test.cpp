@@ -69,9 +69,9 @@ TEST(ToneCurve, RisesWithinItsLimitsBetweenFixedEnds) {
       ASSERT_EQ(curve.level[255], 255);
       for (int i = 1; i < kLevels; ++i) {
         const double slope = curve.level[i] - curve.level[i - 1];
-        ASSERT_GE(slope, kLeastSlope - kRounding) << i;
-        ASSERT_LE(slope, kMostSlope + kRounding) << i;
-        limited += slope < kLeastSlope + kRounding || slope > kMostSlope - kRounding;
+        ASSERT_GE(slope, kMinSlope - kRounding) << i;
+        ASSERT_LE(slope, kMaxSlope + kRounding) << i;
+        limited += slope < kMinSlope + kRounding || slope > kMaxSlope - kRounding;
       }
     }
   }
@@ -85,13 +85,13 @@ TEST(ToneCurve, IsTheNearestToEqualisation) {
     for (const double strength : {0.3, 1.0}) {
       const ToneCurve curve = suggestToneCurve(histogram, strength);
       const std::vector<double> wanted = wantedSlopes(histogram, strength);
-      double least = -1e9, most = 1e9;  // bounds of the common amount
+      double min = -1e9, max = 1e9;  // bounds of the common amount
       for (size_t i = 0; i < wanted.size(); ++i) {
         const double slope = curve.level[i + 1] - curve.level[i];
-        if (slope > kLeastSlope + kRounding) least = std::max(least, slope - wanted[i]);
-        if (slope < kMostSlope - kRounding) most = std::min(most, slope - wanted[i]);
+        if (slope > kMinSlope + kRounding) min = std::max(min, slope - wanted[i]);
+        if (slope < kMaxSlope - kRounding) max = std::min(max, slope - wanted[i]);
       }
-      ASSERT_LE(least, most + kRounding);
+      ASSERT_LE(min, max + kRounding);
     }
   }
 }

@@ -32,10 +32,10 @@ class CoarseSearch {
   void choose(const BlockGrid& grid, const BlockTexture* textures);
   void correlate(const Image& previous, const Image& current, const BlockGrid& grid, const BlockTexture* textures);
 
-  int capacity = 0;
-  int lookedCount = 0;
-  Looked* looked = nullptr;
-  float* correlations = nullptr;  // a map of kSearchSide x kSearchSide for each of them
+  int capacity_ = 0;
+  int lookedCount_ = 0;
+  Looked* looked_ = nullptr;
+  float* correlations_ = nullptr;  // a map of kSearchSide x kSearchSide for each of them
 };
 
 }  // namespace noxel::tracker

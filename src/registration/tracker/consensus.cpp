@@ -7,7 +7,7 @@ namespace {
 
 constexpr int kHypotheses = 64;
 constexpr int kRefits = 4;
-constexpr float kLeastDistance = 0.2f;  // of the two points, in radii: closer ones say little about the linear part
+constexpr float kMinDistance = 0.2f;  // of the two points, in radii: closer ones say little about the linear part
 
 // Numerical Recipes' generator: the same choice for the same points, on every machine.
 class Sequence {
@@ -27,7 +27,7 @@ bool through(const Displaced& a, const Displaced& b, GlobalMotion* motion) {
   const double du = b.u - a.u;
   const double dv = b.v - a.v;
   const double square = du * du + dv * dv;
-  if (!(square >= kLeastDistance * kLeastDistance)) return false;
+  if (!(square >= kMinDistance * kMinDistance)) return false;
   const double ddx = b.dx - a.dx;
   const double ddy = b.dy - a.dy;
   const double real = (ddx * du + ddy * dv) / square;
@@ -74,14 +74,14 @@ GlobalMotion findConsensus(const Displaced* points, int count, float tolerance, 
     return support;
   };
   GlobalMotion best;
-  double most = 0.0;
+  double bestSupport = 0.0;
   const auto consider = [&](GlobalMotion motion) {
     // Two points of many, with the noise of both: the others that agree make it better, and then more agree.
     for (int i = 0; i <= kRefits; ++i) {
       const double support = supportOf(motion);
-      if (!(support > most)) return;
+      if (!(support > bestSupport)) return;
       best = motion;
-      most = support;
+      bestSupport = support;
       if (!refit(points, count, tolerance, &motion)) return;
     }
   };

@@ -47,9 +47,9 @@ class MotionEquations {
     void expand(double (*matrix)[6][6]) const;
   };
 
-  Sums slopeSums;
-  Sums noiseSums;
-  double rhs[6] = {};
+  Sums slopeSums_;
+  Sums noiseSums_;
+  double rhs_[6] = {};
 };
 
 // Chi-squared of a motion with this covariance against none; 0 when nothing is uncertain, as between equal frames.

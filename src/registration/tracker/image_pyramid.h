@@ -7,7 +7,7 @@
 
 namespace noxel::tracker {
 
-inline constexpr int kMostLevels = 8;
+inline constexpr int kMaxLevels = 8;
 inline constexpr int kLevelsPerUnit = 16;  // samples are in sixteenths of an 8-bit level, 0..4080
 
 struct Image {
@@ -29,13 +29,13 @@ class ImagePyramid {
   bool allocate(int width, int height, int levels);  // levels that would be empty are left out
   void build(const uint8_t* frame, WorkerPool* pool);
 
-  int levels() const { return levelCount; }
-  const Image& level(int index) const { return images[index]; }
+  int levels() const { return levelCount_; }
+  const Image& level(int index) const { return images_[index]; }
 
  private:
-  int levelCount = 0;
-  Image images[kMostLevels];
-  int16_t* halved = nullptr;  // a level before it is smoothed
+  int levelCount_ = 0;
+  Image images_[kMaxLevels];
+  int16_t* halved_ = nullptr;  // a level before it is smoothed
 };
 
 }  // namespace noxel::tracker

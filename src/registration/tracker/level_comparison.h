@@ -30,16 +30,16 @@ class LevelComparison {
   LevelComparison(const LevelComparison&) = delete;
   LevelComparison& operator=(const LevelComparison&) = delete;
 
-  bool allocate(const Image& image, int pyramidLevel, const PictureFrame& pictureFrame);
+  bool allocate(const Image& image, int pyramidLevel, const PictureFrame& frame);
 
   // A frame's part of the work, done once: `slot` is 0 or 1, of the two frames that are kept.
   void read(const Image& image, int slot, WorkerPool* pool);
   // The two frames that the calls below are about.
-  void begin(const Image& previousImage, const Image& currentImage, int previousSlot);
+  void begin(const Image& previous, const Image& current, int previousSlot);
 
   void compare(Direction direction, const GlobalMotion& motion, WorkerPool* pool);
-  bool compared() const { return isCompared; }  // since begin
-  const PatchEvidence* patches(Direction direction) const { return patchSums[direction]; }
+  bool compared() const { return compared_; }  // since begin
+  const PatchEvidence* patches(Direction direction) const { return patchSums_[direction]; }
 
   // About the last comparison. The noise: false when too little was compared to tell.
   bool noise(Direction direction, LevelNoise* noise);
@@ -52,28 +52,28 @@ class LevelComparison {
   // Lucas and Kanade's iteration on one of the previous frame's blocks, from the displacement it is given, in samples.
   PatchEvidence follow(int column, int row, float* dx, float* dy) const;
 
-  const BlockGrid& grid() const { return blockGrid; }
-  const BlockTexture* previousTextures() const { return textures[previousTexture]; }
-  const Image& previousImage() const { return *previous; }
-  const Image& currentImage() const { return *current; }
-  float scale() const { return levelScale; }  // pixels of the registration image in a sample
-  float u(int column) const { return frame.u(blockGrid.centreX(column) * levelScale); }
-  float v(int row) const { return frame.v(blockGrid.centreY(row) * levelScale); }
+  const BlockGrid& grid() const { return grid_; }
+  const BlockTexture* previousTextures() const { return textures_[previousSlot_]; }
+  const Image& previousImage() const { return *previous_; }
+  const Image& currentImage() const { return *current_; }
+  float scale() const { return scale_; }  // pixels of the registration image in a sample
+  float u(int column) const { return frame_.u(grid_.centreX(column) * scale_); }
+  float v(int row) const { return frame_.v(grid_.centreY(row) * scale_); }
   float placeWeight(int column, int row) const;
 
  private:
-  PictureFrame frame;
-  float levelScale = 1.0f;
-  BlockGrid blockGrid;
-  BlockTexture* textures[2] = {};  // of the two frames
-  int previousTexture = 0;
-  const Image* previous = nullptr;
-  const Image* current = nullptr;
-  BlockMatch* matches[2] = {};       // of the two directions
-  PatchEvidence* patchSums[2] = {};  // sums of 3 x 3 of them
-  PatchEvidence* rowSums = nullptr;
-  float* samples = nullptr;  // for medians
-  bool isCompared = false;
+  PictureFrame frame_;
+  float scale_ = 1.0f;
+  BlockGrid grid_;
+  BlockTexture* textures_[2] = {};  // of the two frames
+  int previousSlot_ = 0;
+  const Image* previous_ = nullptr;
+  const Image* current_ = nullptr;
+  BlockMatch* matches_[2] = {};       // of the two directions
+  PatchEvidence* patchSums_[2] = {};  // sums of 3 x 3 of them
+  PatchEvidence* rowSums_ = nullptr;
+  float* samples_ = nullptr;  // for medians
+  bool compared_ = false;
 };
 
 }  // namespace noxel::tracker

@@ -32,12 +32,12 @@ class MotionEstimator {
   void read(const uint8_t* pixels, WorkerPool* pool);  // the current frame
   MotionFound estimate(WorkerPool* pool);              // between the previous and the current frame
   void advance();                                      // the current frame becomes the previous one
-  void forgetMotion() { lastMotion = {}; }
+  void forgetMotion() { lastMotion_ = {}; }
 
   // As of the last estimate, along the motion it found.
-  const LevelComparison& level(int index) const { return levels[index]; }
-  int coarsest() const { return coarseLevel; }
-  const PictureFrame& pictureFrame() const { return frame; }
+  const LevelComparison& level(int index) const { return levels_[index]; }
+  int coarsest() const { return coarseLevel_; }
+  const PictureFrame& pictureFrame() const { return frame_; }
 
  private:
   struct Hypothesis {
@@ -54,15 +54,15 @@ class MotionEstimator {
   bool settle(int level, MotionFound* found, WorkerPool* pool);
   MotionFound estimateFrom(int searchLevel, int level, WorkerPool* pool);
 
-  ImagePyramid pyramids[2];
-  int previousIndex = 0;  // of the pyramid, and of the textures each level keeps
-  PictureFrame frame;
-  LevelComparison levels[kMostLevels];
-  CoarseSearch coarse;
-  Displaced* displaced = nullptr;
-  int coarseLevel = 0;     // the one that is searched, and the last one that is used
-  int consensusLevel = 0;  // the one that tells subjects from the scene
-  GlobalMotion lastMotion;
+  ImagePyramid pyramids_[2];
+  int previousIndex_ = 0;  // of the pyramid, and of the textures each level keeps
+  PictureFrame frame_;
+  LevelComparison levels_[kMaxLevels];
+  CoarseSearch coarse_;
+  Displaced* displaced_ = nullptr;
+  int coarseLevel_ = 0;     // the one that is searched, and the last one that is used
+  int consensusLevel_ = 0;  // the one that tells subjects from the scene
+  GlobalMotion lastMotion_;
 };
 
 }  // namespace noxel::tracker

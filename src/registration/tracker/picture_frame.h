@@ -11,8 +11,8 @@ class PictureFrame {
   PictureFrame() = default;
   PictureFrame(int width, int height);
 
-  float u(float x) const { return (x - centreX) / radius; }
-  float v(float y) const { return (y - centreY) / radius; }
+  float u(float x) const { return (x - centreX_) / radius_; }
+  float v(float y) const { return (y - centreY_) / radius_; }
 
   // Displacement of the current frame's point (x, y) back to where it was before `motion`.
   void backward(const GlobalMotion& motion, float x, float y, double* dx, double* dy) const;
@@ -21,9 +21,9 @@ class PictureFrame {
   double cornerDeviation(const double (&covariance)[6][6]) const;
 
  private:
-  float centreX = 0.0f;
-  float centreY = 0.0f;
-  float radius = 1.0f;  // half the diagonal
+  float centreX_ = 0.0f;
+  float centreY_ = 0.0f;
+  float radius_ = 1.0f;  // half the diagonal
 };
 
 }  // namespace noxel::tracker
