@@ -52,7 +52,7 @@ void WorkerPool::run(int count, Work work, void* job) {
   }
   takeItems();
   Lock lock(mutex_);
-  open_ = false;  // who has not begun by now finds nothing left to do
+  open_ = false;  // late workers would find nothing to do
   while (busyWorkers_ > 0) pthread_cond_wait(&idle_, &mutex_);
 }
 

@@ -5,8 +5,9 @@
 
 namespace noxel {
 
-// Row-major; adjugate over determinant. False, and the identity, for a singular matrix: one whose determinant is at most 1e-10
-// of the product of its diagonal, as the normal matrix of points on a line or in one place is, or is not finite.
+// Row-major; adjugate over determinant. False, and the identity, for a singular matrix: one whose determinant is at
+// most 1e-10 of the product of its diagonal, as the normal matrix of points on a line or in one place is, or is not
+// finite.
 inline bool invert3x3(const double (&m)[9], double (&inverse)[9]) {
   const double adjugate[9] = {m[4] * m[8] - m[5] * m[7], m[2] * m[7] - m[1] * m[8], m[1] * m[5] - m[2] * m[4],
                               m[5] * m[6] - m[3] * m[8], m[0] * m[8] - m[2] * m[6], m[2] * m[3] - m[0] * m[5],

@@ -3,11 +3,12 @@
 //   x' = m00 x + m01 y + m02     (x, y) a point of the previous frame, (x', y') the same point of the current one
 //   y' = m10 x + m11 y + m12
 //
-// Operations take either the tracker's point arrays, `registration`, or an array of matches, `{matches, count}`, and a matrix in
-// double or single precision. No allocation; equal input gives equal bits. Any thread.
+// Operations take either the tracker's point arrays, `registration`, or an array of matches, `{matches, count}`, and a
+// matrix in double or single precision. No allocation; equal input gives equal bits. Any thread.
 //
-// A region (cx, cy, r) holds the pairs whose source lies in the diamond |trunc(x - cx)| + |trunc(y - cy)| < r. Residuals and
-// weights of a region are packed: one per pair inside, in the order of the pairs. Without a region: all pairs.
+// A region (cx, cy, r) holds the pairs whose source lies in the diamond |trunc(x - cx)| + |trunc(y - cy)| < r.
+// Residuals and weights of a region are packed: one per pair inside, in the order of the pairs. Without a region: all
+// pairs.
 #pragma once
 
 #include "registration/matrix.h"
@@ -53,9 +54,9 @@ void affineResiduals(const PointPairs& points, const KRMatrix<2, 3, T>& matrix, 
 template <typename T>
 float medianResidual(const PointPairs& points, const KRMatrix<2, 3, T>& matrix, int cx, int cy, int r);
 
-// Improves a fit by iterative re-weighting: at most 20 least-squares fits, each weighted by Andrews' sine of the residuals u
-// (in sigmas, from the median absolute deviation) of the fit before it: sin(u) / u up to pi, next to nothing beyond. Then fits,
-// with the last weights, `similarity` (may be null) = (tx, ty, a, b):
+// Improves a fit by iterative re-weighting: at most 20 least-squares fits, each weighted by Andrews' sine of the
+// residuals u (in sigmas, from the median absolute deviation) of the fit before it: sin(u) / u up to pi, next to
+// nothing beyond. Then fits, with the last weights, `similarity` (may be null) = (tx, ty, a, b):
 //
 //   x' = (1 + a) x + b y + tx        scale sqrt((1 + a)^2 + b^2), angle atan(b / (1 + a)), about the top-left corner
 //   y' = -b x + (1 + a) y + ty
@@ -68,14 +69,15 @@ bool refineAffine(const PointPairs& points, KRMatrix<2, 3, T>* matrix, float* si
   return refineAffine(points, matrix, 0, 0, kEverywhere, similarity);
 }
 
-// Motion of the frame: a fit around the centre, in the smallest of the radii r, 2r and 3r with enough pairs; or one of all
-// pairs, where there are too few, or where the local fit's median residual is above one pixel and the global fit's is lower.
+// Motion of the frame: a fit around the centre, in the smallest of the radii r, 2r and 3r with enough pairs; or one of
+// all pairs, where there are too few, or where the local fit's median residual is above one pixel and the global fit's
+// is lower.
 //   inverseMotion  3 x 3, the fit: current from previous
 //   motion         3 x 3, its inverse: previous from current
-//   similarity     as refineAffine writes it, of the last fit that was refined, which need not be the one chosen; untouched
-//                  when no fit succeeded
-// Returns the median residual in pixels; -1 when it is 5 times the noise scale or more (1 for matches), or when no fit was good
-// enough (both matrices are the identity then).
+//   similarity     as refineAffine writes it, of the last fit that was refined, which need not be the one chosen;
+//                  untouched when no fit succeeded
+// Returns the median residual in pixels; -1 when it is 5 times the noise scale or more (1 for matches), or when no fit
+// was good enough (both matrices are the identity then).
 float estimateMotion(const _KROFRegistration& registration, float (&motion)[9], float (&inverseMotion)[9], int cx,
                      int cy, int r, float* similarity);
 float estimateMotion(const _KRMatch* matches, int count, float (&motion)[9], float (&inverseMotion)[9], int cx, int cy,

@@ -1,5 +1,5 @@
-// Registration of plain luma planes, one after the other, exactly as the engine does it with its frames: what noxel-register
-// and the benches measure with. Not in the library that ships.
+// Registration of plain luma planes, one after the other, exactly as the engine does it with its frames: what
+// noxel-register and the benches measure with. Not in the library that ships.
 #pragma once
 
 #include <cstdint>
@@ -18,8 +18,8 @@ class PlaneRegistration {
   PlaneRegistration(const PlaneRegistration&) = delete;
   PlaneRegistration& operator=(const PlaneRegistration&) = delete;
 
-  // Call once. full: at full size however large the planes are. pool: may be null, and outlives this. False: out of memory, or
-  // a size below 1.
+  // Call once. full: at full size however large the planes are. pool: may be null, and outlives this. False: out of
+  // memory, or a size below 1.
   bool create(int width, int height, bool full, WorkerPool* pool);
 
   // The next plane begins a sequence.
@@ -28,8 +28,8 @@ class PlaneRegistration {
   // True when the motion since the previous plane is known.
   bool measure(const uint8_t* luma);
 
-  // Motion at the last plane: 2 x 3, row-major, from pixels of the previous plane to pixels of this one, both at full size with
-  // the centre of the first pixel at (0, 0).
+  // Motion at the last plane: 2 x 3, row-major, from pixels of the previous plane to pixels of this one, both at full
+  // size with the centre of the first pixel at (0, 0).
   void currentFromPrevious(double (&affine)[6]) const;
 
   const _KROFRegistration& state() const { return *registration_; }

@@ -20,33 +20,34 @@ using tracker::MotionFound;
 using tracker::PatchEvidence;
 
 constexpr float kLostError = 1e3f;
-constexpr int kCellSide = 16;  // pixels: about the distance of two points
+constexpr int kCellSide = 16;  // pixels: about the distance between points
 
-// Points within this many pixels of the common motion, and three times their median forward-backward distance, follow it.
-// Where as many do, the others are taken for things that move on their own.
+// A point within this many pixels of the global motion, plus three times the median forward-backward distance, follows
+// it. When enough points do, the others are outliers: objects that move on their own.
 constexpr float kTolerance = 1.5f;
 constexpr int kMinConsensus = 30;
 constexpr float kMinShare = 0.4f;
 
-// A picture that moves less than this, and no more than noise would, stands on a tripod: measured jitter, drawn into the
-// history again and again, would blur it. A chi-squared of six degrees of freedom exceeds the bound once in 500 times.
+// A camera that moves less than this (pixels), and not significantly, is on a tripod: the jitter of the measurement,
+// resampled into the history frame after frame, would blur it. Chi-squared with six degrees of freedom exceeds the
+// bound 1 time in 500.
 constexpr float kStill = 0.05f;
 constexpr double kStillSignificance = 21.0;
 
-// A motion must not be an exact translation, or none: the driver takes a coefficient of zero for a fit that failed. This
-// much of a rotation and zoom, with a sign that changes each frame, is at most 0.02 pixels in the corners.
+// A motion must not be an exact translation or the identity: registerFrame takes a zero coefficient for a failed fit.
+// This much rotation and zoom, alternating in sign, is at most 0.02 pixels in the corners.
 constexpr float kStillStep = 0x1p-16f;
-constexpr float kSamePlace = 1e-3f;  // pixels: between displacements that a fit may take for one
+constexpr float kSamePlace = 1e-3f;  // pixels: displacements that a fit may take as equal
 
 constexpr float kGoodCorrelation = 0.9f;
 
-// Texture in its weaker direction, for choosing points.
+// Texture in its weaker direction (the smaller eigenvalue), for choosing points.
 float cornerness(const PatchEvidence& patch) {
   const float half = 0.5f * (patch.hxx - patch.hyy);
   return 0.5f * (patch.hxx + patch.hyy) - std::sqrt(half * half + patch.hxy * patch.hxy);
 }
 
-// The block of a grid that holds a point of the registration image.
+// The block that contains a point of the registration image.
 int blockAt(const BlockGrid& grid, int level, float x, float y) {
   const auto scale = static_cast<float>(1 << level);
   const auto column = static_cast<int>((x / scale - static_cast<float>(grid.originX)) / kBlockSide);
@@ -82,7 +83,7 @@ void PointTracker::prime(const uint8_t* frame) {
   estimator_.read(frame, pool);
 }
 
-// The block with the best texture in each cell of the grid, with as many cells as there may be points.
+// The best-textured block of each cell; cells are as small as maxPoints allows.
 int PointTracker::choosePoints(int level, int maxPoints) {
   const BlockGrid& grid = estimator_.level(level).grid();
   const PatchEvidence* patches = estimator_.level(level).patches(kForward);
@@ -110,7 +111,8 @@ int PointTracker::choosePoints(int level, int maxPoints) {
   return count;
 }
 
-// The finest level whose patches look alike, as seen past the noise; failing that, the one where they do most.
+// The finest level where noise does not hide that patches match; without one, the level with the best median
+// correlation.
 int PointTracker::scoreLevel() const {
   int best = 0;
   float bestMedian = -1.0f;
@@ -149,7 +151,7 @@ void PointTracker::track(const uint8_t* frame, _KROFRegistration* registration) 
   }
 }
 
-// Fills in the points as if all were lost.
+// Fills in the points, all marked as lost.
 void PointTracker::placePoints(int level, _KROFRegistration* registration) {
   const BlockGrid& grid = estimator_.level(level).grid();
   const float scale = estimator_.level(level).scale();
@@ -164,13 +166,13 @@ void PointTracker::placePoints(int level, _KROFRegistration* registration) {
     registration->indices[i] = i;
     int& identifier = identifiers_[cellAt(x, y)];
     registration->identifiers[i] = identifier != 0 ? identifier : ++lastIdentifier_;
-    identifier = 0;  // two points of a cell are two
+    identifier = 0;  // a second point in the cell gets its own
   }
 }
 
-// Each point along the common motion. What a patch by itself says is too noisy in the dark, and where a scene has depth the
-// fit over points of their own would follow the middle of the picture and let go of the rest; it only says how far the
-// point can be believed.
+// Moves every point along the global motion. A patch's own displacement is too noisy in the dark, and with parallax a
+// fit to such points would follow the middle of the picture and lose the rest; it only decides how far a point is
+// trusted.
 void PointTracker::displacePoints(const MotionFound& found, _KROFRegistration* registration) {
   const int level = found.level;
   const BlockGrid& grid = estimator_.level(level).grid();

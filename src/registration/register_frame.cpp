@@ -13,12 +13,12 @@ namespace {
 
 constexpr int kMinMatches = 5;
 
-// No number is within anything.
+// A NaN is never within.
 bool isWithin(float value, float min, float max) {
   return value >= min && value <= max;
 }
 
-// A coefficient of exactly zero is that of a fit that failed.
+// A coefficient of exactly zero marks a failed fit.
 bool isFitted(const float (&motion)[9]) {
   return motion[0] != 0.0f && motion[1] != 0.0f && motion[3] != 0.0f && motion[4] != 0.0f;
 }
@@ -35,7 +35,6 @@ void resetPath(_KRStabilizationParameters* stabilization, const _KROFRegistratio
     NOXEL_LOG_ERROR("no memory for the camera path");
 }
 
-// Nothing was matched into a first frame.
 void beginSequence(const uint8_t* frame, _KROFRegistration* registration, int* firstFrame) {
   primeTracker(registration, frame);
   registration->trackedCount = registration->matchedCount = 0;
@@ -43,7 +42,7 @@ void beginSequence(const uint8_t* frame, _KROFRegistration* registration, int* f
   *firstFrame = 0;
 }
 
-// Prunes the tracked pairs and writes those that remain. False when they are too few.
+// Prunes the tracked pairs and copies the rest. False when they are too few.
 bool takeMatches(_KROFRegistration* registration, _KRMatch* matches) {
   pruneMatches(registration);
   for (int i = 0; i < registration->matchedCount; ++i) {
@@ -54,7 +53,7 @@ bool takeMatches(_KROFRegistration* registration, _KRMatch* matches) {
   return registration->matchedCount >= kMinMatches;
 }
 
-// Centre of cell `index` of `count` along a side: the first cell's is at the near edge, the last one's at the far edge.
+// Centre of cell `index` of `count` along a side: the first at the near edge, the last at the far edge.
 int cellCentre(int index, int count, int side) {
   return count > 1 ? index * (side / (count - 1)) : side / 2;
 }

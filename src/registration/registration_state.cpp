@@ -12,7 +12,7 @@
 namespace noxel {
 namespace {
 
-// The tracker counts pixels in int, and on 32-bit machines its pictures, two bytes a pixel, are to be within a ptrdiff_t.
+// The tracker counts pixels in int, and its images, two bytes a pixel, must fit a ptrdiff_t on 32-bit machines.
 constexpr int kMaxPixels = INT_MAX / 4;
 
 }  // namespace

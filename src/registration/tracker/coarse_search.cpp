@@ -13,15 +13,15 @@ namespace {
 constexpr int kSide = CoarseSearch::kSearchSide;
 constexpr int kReach = CoarseSearch::kSearchReach;
 constexpr int kMap = kSide * kSide;
-constexpr int kLocalReach = 2;           // of a block's own displacement about the common one: roll and zoom
-constexpr float kDistanceCost = 0.002f;  // a sample, of a correlation of 1: decides between equals only
-constexpr float kMinContrast = 0.5f;     // 8-bit levels squared: a block with less says nothing
+constexpr int kLocalReach = 2;           // of a block's own displacement from the winner: roll and zoom
+constexpr float kDistanceCost = 0.002f;  // of correlation, per sample: breaks ties only
+constexpr float kMinContrast = 0.5f;     // 8-bit levels squared; flatter blocks are skipped
 
 float contrast(const BlockTexture& texture) {
   return std::max(texture.squares - texture.sum * texture.sum / kBlockArea, 0.0f) / kBlockArea;
 }
 
-// The largest of a map's values around (x, y), at most `reach` away.
+// The largest value of a map within `reach` of (x, y).
 float bestAround(const float* map, int x, int y, int reach, int* bestX, int* bestY) {
   float best = -1.0f;
   *bestX = x;
@@ -52,7 +52,7 @@ bool CoarseSearch::allocate(int blocks) {
   return looked_ != nullptr && correlations_ != nullptr;
 }
 
-// Blocks with contrast, every one or every so many in both directions.
+// Blocks with enough contrast, on a regular subset of the grid when there are too many.
 void CoarseSearch::choose(const BlockGrid& grid, const BlockTexture* textures) {
   int step = 1;
   while (((grid.columns + step - 1) / step) * ((grid.rows + step - 1) / step) > capacity_) ++step;

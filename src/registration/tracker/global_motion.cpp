@@ -11,13 +11,13 @@ namespace {
 constexpr double kSimilarity[6][4] = {{1, 0, 0, 0}, {0, 0, 1, 0},  {0, 0, 0, 1},
                                       {0, 1, 0, 0}, {0, 0, 0, -1}, {0, 0, 1, 0}};
 
-// What an affine has beyond it: both vanish for every similarity.
+// The two shears of an affine: both are 0 for a similarity.
 constexpr double kShear[2][6] = {{0, 1, 0, 0, 0, -1}, {0, 0, 1, 0, 1, 0}};
 
-// A chi-squared of two degrees of freedom stays below this in 86 of 100 cases: a shear that does not is real in part.
+// Chi-squared with two degrees of freedom stays below this in 86 % of cases; a shear above it is partly real.
 constexpr double kShearDoubt = 4.0;
 
-// Inverse by Gauss and Jordan with row pivoting. False for a singular matrix, and for one with a NaN.
+// Inverse by Gauss-Jordan elimination with row pivoting. False for a singular matrix or one with a NaN.
 template <int size>
 bool invert(const double (&matrix)[size][size], double (&inverse)[size][size]) {
   double work[size][2 * size] = {};
@@ -79,7 +79,7 @@ void MotionEquations::Sums::expand(double (*matrix)[6][6]) const {
 bool MotionEquations::solveSimilarity(GlobalMotion* motion) const {
   double slopes[6][6];
   slopeSums_.expand(&slopes);
-  double target[6];  // the equations' right-hand side for the motion itself rather than a change of it
+  double target[6];  // right-hand side for the motion itself instead of a change to it
   for (int i = 0; i < 6; ++i) {
     target[i] = rhs_[i];
     for (int j = 0; j < 6; ++j) target[i] += slopes[i][j] * motion->p[j];
@@ -142,7 +142,7 @@ bool MotionEquations::solve(double noiseVariance, GlobalMotion* motion, double (
     }
   }
   double certainty[2][2];
-  double share = 1.0;  // without noise, all of the shear is real
+  double share = 1.0;  // without noise all of the shear is real
   if (invert(spread, certainty)) {
     double chi = 0.0;
     for (int i = 0; i < 2; ++i) {

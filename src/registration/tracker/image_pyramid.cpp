@@ -9,9 +9,9 @@
 namespace noxel::tracker {
 namespace {
 
-constexpr int kChunk = 256;  // samples of a line that are smoothed at a time: their column sums stay in the first cache
+constexpr int kChunk = 256;  // samples smoothed at a time: their column sums stay in the L1 cache
 
-// (1 2 1)^2 over `from`, edges repeated. `shift` scales the sum of weights, 16, away: 0 for bytes, 4 for sixteenths.
+// (1 2 1)^2, edges repeated. The weights' sum, 16, is shifted out: by 0 for bytes, 4 for samples in sixteenths.
 template <class Sample, int shift>
 void smoothRows(const Sample* from, int width, int height, int16_t* to, int firstRow, int endRow) {
   for (int y = firstRow; y < endRow; ++y) {

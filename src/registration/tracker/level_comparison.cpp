@@ -13,30 +13,30 @@
 namespace noxel::tracker {
 namespace {
 
-// The median of a chi-squared of two degrees of freedom.
+// Median of chi-squared with two degrees of freedom.
 constexpr float kMedianSurprise = 1.386f;
-// Geman and McClure's weight falls to a quarter at this many variances.
+// Geman-McClure: the weight falls to a quarter at this many variances.
 constexpr float kRobustness = 9.0f;
 
-// Of the middle against the edges, which are one farther out: the scene reaches to the frame's edges, and what fills its
-// middle may be a subject that moves on its own.
+// Weight at the centre; it rises by the squared distance, in radii. The background reaches the edges, while the middle
+// may be filled by a moving subject.
 constexpr float kMiddleWeight = 0.2f;
 
-// Frames that differ by more than this in contrast or brightness (8-bit levels) are compared as if they did not. The sums of
-// frames that share their exposure differ by less, from what enters and leaves.
+// Frames that differ by more than this in contrast or brightness (8-bit levels) are matched in exposure first. Frames
+// of equal exposure differ by less, from what enters and leaves the picture.
 constexpr double kGainNoticed = 0.05;
 constexpr double kOffsetNoticed = 2.0;
 
-// Of a patch's noise: what it seems to share with the other picture may be wrong by this, three times its deviation.
+// Share of a patch's noise by which its apparent shared texture may be off: three standard deviations.
 constexpr float kSharedDoubt = 0.2f;
-constexpr int kMinPatches = 8;        // with fewer, nothing can be said about the noise
-constexpr int kSampledPatches = 800;  // about as many are enough for a median
+constexpr int kMinPatches = 8;        // for an estimate of the noise
+constexpr int kSampledPatches = 800;  // about this many give the median
 
 constexpr int kMaxSteps = 5;
 constexpr float kCloseEnough = 0.05f;  // samples
 constexpr float kMaxStep = 2.0f;
 
-// J = gain * I + offset, where one frame was exposed otherwise than the other.
+// J = gain * I + offset, when the exposure changed between the frames.
 struct Exposure {
   bool differs = false;
   float gain = 1.0f;
@@ -66,7 +66,7 @@ Exposure exposureBetween(const BlockTexture* textures, const BlockMatch* matches
   return exposure;
 }
 
-// As if J had been exposed as I was.
+// Converts the matches as if J had the exposure of I.
 void adaptExposure(const Exposure& exposure, const BlockTexture* textures, int count, BlockMatch* matches) {
   const float scale = 1.0f / exposure.gain;
   for (int i = 0; i < count; ++i) {
@@ -82,13 +82,13 @@ void adaptExposure(const Exposure& exposure, const BlockTexture* textures, int c
   }
 }
 
-// Weight of a block: the part of its texture that is not noise, less what the other picture does not have of it, and less
-// the farther its patch is from the common motion.
+// Weight of a block: the share of its texture that is not noise, times the share of that in both pictures; it falls with
+// the patch's distance from the global motion.
 float weightOf(const PatchEvidence& patch, const LevelNoise& noise) {
   const float texture = patch.hxx + patch.hyy;
   const float own = texture - patch.blocks * noise.texture;
   if (!(own > 0.0f)) return 0.0f;
-  const float doubt = kSharedDoubt * patch.blocks * noise.texture;  // noise in what the two seem to share
+  const float doubt = kSharedDoubt * patch.blocks * noise.texture;  // noise in the apparent shared texture
   const float shared = std::clamp((patch.cxx + patch.cyy + doubt) / (own + doubt), 0.0f, 1.0f);
   const float weight = own / texture * shared;
   if (!(noise.displacement > 0.0f)) return weight;
@@ -162,7 +162,7 @@ void LevelComparison::compare(Direction direction, const GlobalMotion& motion, W
         match = matchBlock<NativeLanes>(own, other, grid_.originX + column * kBlockSide,
                                         grid_.originY + row * kBlockSide, wantedX, wantedY);
         if (!match.inside) continue;
-        // From the sixteenth it was measured at to the motion itself.
+        // Linear correction from the rounded displacement to the motion.
         const float restX = wantedX - match.qx;
         const float restY = wantedY - match.qy;
         match.bx -= match.cxx * restX + match.cxy * restY;
@@ -174,7 +174,7 @@ void LevelComparison::compare(Direction direction, const GlobalMotion& motion, W
   });
   const Exposure exposure = exposureBetween(ownTextures, found, grid_.count());
 
-  // Sums over 3 x 3 blocks, along rows and then across them.
+  // Sums over 3 x 3 blocks, along rows, then across.
   forBands(pool, grid_.rows, grid_.rowSamples(), [&](int begin, int end) {
     for (int row = begin; row < end; ++row) {
       const int first = row * grid_.columns;
@@ -258,13 +258,13 @@ void LevelComparison::gather(Direction direction, bool sharedSlopes, const Level
                              MotionEquations* equations) const {
   const bool isForward = direction == kForward;
   const BlockTexture* ownTextures = textures_[isForward ? previousSlot_ : 1 - previousSlot_];
-  const double sign = isForward ? 1.0 : -1.0;  // the backward displacement falls when the motion grows
+  const double sign = isForward ? 1.0 : -1.0;  // the backward displacement shrinks as the motion grows
   for (int i = 0; i < grid_.count(); ++i) {
     const BlockMatch& match = matches_[direction][i];
     if (!match.inside) continue;
     const float weight = weightOf(patchSums_[direction][i], noise);
     if (!(weight > 0.0f)) continue;
-    // Of the point in the previous frame, which the motion is a function of.
+    // The point in the previous frame: the motion is a function of it.
     float x = grid_.centreX(i % grid_.columns);
     float y = grid_.centreY(i / grid_.columns);
     if (!isForward) {

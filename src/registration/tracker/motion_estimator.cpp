@@ -11,30 +11,29 @@
 namespace noxel::tracker {
 namespace {
 
-constexpr int kCoarseSide = 100;       // samples: the first level no longer than this is searched
-constexpr int kConsensusBlocks = 100;  // and the coarsest with as many blocks decides who belongs to the background
+constexpr int kCoarseSide = 100;       // samples: the finest level within this is searched
+constexpr int kConsensusBlocks = 100;  // the coarsest level with as many blocks separates the background
 
-// Finer than the level that is always searched, so many blocks are tried.
+// Blocks tried when a level finer than the coarse one is searched.
 constexpr int kSearchedBlocks = 64;
 constexpr int kApproaches = 2;
-constexpr double kRivalSupport = 0.7;  // of the best hypothesis' support: worth a look on the next level
+constexpr double kRivalSupport = 0.7;  // of the best hypothesis' support: kept for the next level
 
-// A motion this uncertain at the corners, in pixels, or that leaves the two pictures no more alike than this on every
-// level, is no motion to build on. Pictures with nothing in common, each moved to where they fit best, reach 0.28, and 0.54
-// where both repeat themselves, but are never certain; the same scene under noise of three times its contrast has 0.65, and
-// 0.43 where it is certain.
+// A motion more uncertain at the corners (pixels), or with less correlation on every level, is rejected. Measured:
+// unrelated pictures, aligned at best, reach a correlation of 0.28, and 0.54 when both are repetitive, but are never
+// certain; one scene under noise of three times its contrast has 0.65, and 0.43 when it is certain.
 constexpr double kMaxDeviation = 5.6;
 constexpr double kFirmDeviation = 1.4;
 constexpr float kMinCorrelation = 0.6f;
 constexpr float kMinCorrelationIfFirm = 0.4f;
 
-constexpr double kFarApart = 1.0;  // pixels at the corners: two hypotheses, not one
+constexpr double kFarApart = 1.0;  // pixels at the corners: distinct hypotheses
 constexpr int kMaxSettling = 5;
-// A step of less than either, pixels at the corners and of the expected error, is not worth another.
+// Iteration stops at a step below either: pixels at the corners, or share of the expected error.
 constexpr double kSettledStep = 0.1;
 constexpr double kSettled = 0.5;
-constexpr double kAlike = 0.02;    // of the support of one of them: two motions that explain the picture equally well
-constexpr double kCertain = 0.14;  // pixels at the corners: good enough not to look further
+constexpr double kAlike = 0.02;    // of the support: two motions that explain the picture equally well
+constexpr double kCertain = 0.14;  // pixels at the corners: good enough to stop
 
 }  // namespace
 
@@ -71,7 +70,7 @@ void MotionEstimator::advance() {
   previousIndex_ = 1 - previousIndex_;
 }
 
-// One step towards the motion on a level. Without enough to go by, none.
+// One step towards the motion on a level; none when there are too few patches.
 void MotionEstimator::approach(int level, GlobalMotion* motion, WorkerPool* pool) {
   LevelComparison& here = levels_[level];
   here.compare(kForward, *motion, pool);
@@ -87,7 +86,7 @@ void MotionEstimator::approach(int level, GlobalMotion* motion, WorkerPool* pool
   }
 }
 
-// The last steps, with both frames as the one the gradients are taken from: noise in a gradient is not in both.
+// The last steps, symmetric in the two frames: they do not share the noise in their gradients.
 bool MotionEstimator::settle(int level, MotionFound* found, WorkerPool* pool) {
   found->level = level;
   approach(level, &found->motion, pool);
@@ -102,7 +101,7 @@ bool MotionEstimator::settle(int level, MotionFound* found, WorkerPool* pool) {
     for (const Direction direction : {kForward, kBackward}) {
       here.gather(direction, true, noise[direction], &equations);
     }
-    // Both directions see the same noise, but are added as if each had its own: its variance counts twice.
+    // Both directions see the same noise but are added as independent: its variance counts twice.
     const double variance = 2.0 * static_cast<double>(noise[kForward].displacement);
     const GlobalMotion before = found->motion;
     double covariance[6][6];
@@ -115,7 +114,7 @@ bool MotionEstimator::settle(int level, MotionFound* found, WorkerPool* pool) {
   return true;
 }
 
-// The motion most blocks agree on, and the one most of the others do.
+// The motion most blocks agree on, and the one most of the others agree on.
 void MotionEstimator::searchMotions(int level, GlobalMotion* first, GlobalMotion* second) {
   const LevelComparison& here = levels_[level];
   const BlockGrid& grid = here.grid();
@@ -129,7 +128,7 @@ void MotionEstimator::searchMotions(int level, GlobalMotion* first, GlobalMotion
     displaced_[i].dx *= scale;
     displaced_[i].dy *= scale;
   }
-  // Whole samples: half of one in each direction is the tolerance, and as much again for the pattern between them.
+  // The search is in whole samples: half a sample in each direction, and as much again for aliasing.
   const float tolerance = 1.2f * scale;
   const GlobalMotion known[2] = {{}, lastMotion_};
   *first = findConsensus(displaced_, grid.count(), tolerance, known, 2);
@@ -139,7 +138,7 @@ void MotionEstimator::searchMotions(int level, GlobalMotion* first, GlobalMotion
   *second = findConsensus(displaced_, grid.count(), tolerance, known, 2);
 }
 
-// The motion of most of the scene, from blocks that each went their own way.
+// The motion of most of the scene, from blocks tracked one by one.
 GlobalMotion MotionEstimator::consensusMotion(int level, const GlobalMotion* starts, int startCount, WorkerPool* pool) {
   const LevelComparison& here = levels_[level];
   const BlockGrid& grid = here.grid();
@@ -176,9 +175,9 @@ void MotionEstimator::test(int level, Hypothesis* hypothesis, WorkerPool* pool) 
   hypothesis->support = supportOf(level, hypothesis->motion, pool);
 }
 
-// What the search and the frame before suggest, tested against the picture level by level until one is left.
+// Candidates from the search and the previous frame, tested level by level until one is left.
 GlobalMotion MotionEstimator::startingMotion(int searchLevel, int level, WorkerPool* pool) {
-  GlobalMotion starts[4];  // the two motions most blocks of the searched level agree on, none, and the last one
+  GlobalMotion starts[4];  // the two best of the search, none, and the last frame's motion
   searchMotions(searchLevel, &starts[0], &starts[1]);
   starts[3] = lastMotion_;
   Hypothesis best;
@@ -216,7 +215,7 @@ MotionFound MotionEstimator::estimateFrom(int searchLevel, int level, WorkerPool
   best.motion = motion;
   best.known = settle(0, &best, pool);
   if (level > 0 && !(best.known && best.cornerDeviation <= kCertain)) {
-    // Deep in noise steps are short, and the level above may know better: down from there, as long as it gets anywhere.
+    // In heavy noise the steps come out too short: restart one level up and refine while that helps.
     double support = best.known ? supportOf(1, best.motion, pool) : 0.0;
     MotionFound again;
     again.motion = motion;
@@ -243,7 +242,7 @@ MotionFound MotionEstimator::estimateFrom(int searchLevel, int level, WorkerPool
 
 MotionFound MotionEstimator::estimate(WorkerPool* pool) {
   MotionFound found = estimateFrom(coarseLevel_, consensusLevel_, pool);
-  // Where the texture is too fine to be seen on a coarse level, a finer one is searched, not as far.
+  // When the texture is too fine for the coarse level, search a finer one, not as far.
   if (!found.known && consensusLevel_ > 1) found = estimateFrom(1, 1, pool);
   lastMotion_ = found.known ? found.motion : GlobalMotion{};
   return found;

@@ -11,7 +11,7 @@ PictureFrame::PictureFrame(int width, int height)
       radius_(std::hypot(centreX_, centreY_)) {}
 
 void PictureFrame::backward(const GlobalMotion& motion, float x, float y, double* dx, double* dy) const {
-  // x' = x + D(x): three steps of the fixed point are exact to 1e-4 pixels for motions that the fit accepts.
+  // Fixed point of x' = x + D(x): three steps are exact to 1e-4 pixels for motions that the fit accepts.
   *dx = 0.0;
   *dy = 0.0;
   for (int i = 0; i < 3; ++i) {
@@ -22,7 +22,7 @@ void PictureFrame::backward(const GlobalMotion& motion, float x, float y, double
   }
 }
 
-// The corners lie evenly round the centre, so that mixed terms cancel and 1, u and v add up by themselves.
+// The corners are symmetric about the centre, so that mixed terms cancel.
 double PictureFrame::cornerDistance(const GlobalMotion& a, const GlobalMotion& b) const {
   const double u2 = centreX_ * centreX_ / (radius_ * radius_);
   const double v2 = centreY_ * centreY_ / (radius_ * radius_);
