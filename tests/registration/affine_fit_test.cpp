@@ -65,8 +65,8 @@ TEST(AffineFit, IsTheLeastSquaresSolution) {
   const View expected = leastSquares(pairs);
   inBothPrecisions([&](auto fitted) {
     ASSERT_TRUE(fitAffine(listed(pairs), &fitted));
-    // Single-precision sums of a thousand products lose some 1e-6 of coordinates up to 2000. The noise moves the corners ten
-    // times as far.
+    // Single-precision sums of a thousand products lose some 1e-6 of coordinates up to 2000. The noise moves the
+    // corners ten times as far.
     EXPECT_LT(cornerError(fitted.values, expected, 1920, 1080), 0.02);
     EXPECT_GT(cornerError(fitted.values, kHandHeld, 1920, 1080), 0.1);
   });
@@ -263,8 +263,8 @@ TEST(MotionEstimation, AFitOfThirtyPairsIsJudgedEverywhere) {
 }
 
 TEST(MotionEstimation, AMedianOfOnePixelIsGoodEnough) {
-  // Near the centre two points in each place part by 2 `error`: the local fit is the identity and all residuals are `error`.
-  // The others move by (6, 3) and would fit the centre worse.
+  // Near the centre two points in each place part by 2 `error`: the local fit is the identity and all residuals are
+  // `error`. The others move by (6, 3) and would fit the centre worse.
   for (const double error : {1.0, 1.0078125}) {
     SCOPED_TRACE(error);
     Pairs pairs;
@@ -286,8 +286,8 @@ TEST(MotionEstimation, AMedianOfOnePixelIsGoodEnough) {
 }
 
 TEST(MotionEstimation, ALocalFitIsJudgedWhereItMatters) {
-  // Twenty pairs within the radius move as the whole image does, too few for a fit of their own; the forty around them move as
-  // one and win the local fit, which is then judged by the twenty.
+  // Twenty pairs within the radius move as the whole image does, too few for a fit of their own; the forty around them
+  // move as one and win the local fit, which is then judged by the twenty.
   const View object = {1, 0, 12, 0, 1, 9};
   Pairs pairs;
   for (int i = 0; i < 20; ++i) pairs.push_back(moved(kHandHeld, 155 + i % 5 * 2, 86 + i / 5 * 2));
