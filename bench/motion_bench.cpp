@@ -28,7 +28,7 @@
 
 #include "common/percentile.h"
 #include "registration/plane_registration.h"
-#include "scene_pairs.h"
+#include "scenes/scenes.h"
 
 #if NOXEL_BENCH_OPENCV
 #include "opencv_rows.h"

@@ -15,7 +15,7 @@ using Points = std::vector<cv::Point2f>;
 constexpr double kCornerQuality = 0.01;
 constexpr double kCornerDistance = 7;  // pixels
 constexpr float kReturnDistance = 1;   // pixels between a corner and where it comes back to
-constexpr size_t kLeastPairs = 4;      // below, no fit is tried
+constexpr size_t kMinPairs = 4;      // below, no fit is tried
 
 struct Tracks {
   Points previous;
@@ -57,20 +57,20 @@ bool take(const cv::Mat& fit, Affine* currentFromPrevious) {
 
 bool careful(const uint8_t* previous, const uint8_t* current, int width, int height, Affine* currentFromPrevious) {
   const Tracks tracks = track(plane(previous, width, height), plane(current, width, height), 1000, 21, true);
-  return tracks.previous.size() >= kLeastPairs &&
+  return tracks.previous.size() >= kMinPairs &&
          take(cv::estimateAffine2D(tracks.previous, tracks.current, cv::noArray(), cv::RANSAC), currentFromPrevious);
 }
 
 bool similar(const uint8_t* previous, const uint8_t* current, int width, int height, Affine* currentFromPrevious) {
   const Tracks tracks = track(plane(previous, width, height), plane(current, width, height), 1000, 21, true);
-  return tracks.previous.size() >= kLeastPairs &&
+  return tracks.previous.size() >= kMinPairs &&
          take(cv::estimateAffinePartial2D(tracks.previous, tracks.current, cv::noArray(), cv::RANSAC),
               currentFromPrevious);
 }
 
 bool quick(const uint8_t* previous, const uint8_t* current, int width, int height, Affine* currentFromPrevious) {
   const Tracks tracks = track(plane(previous, width, height), plane(current, width, height), 300, 15, false);
-  return tracks.previous.size() >= kLeastPairs &&
+  return tracks.previous.size() >= kMinPairs &&
          take(cv::estimateAffine2D(tracks.previous, tracks.current, cv::noArray(), cv::USAC_MAGSAC),
               currentFromPrevious);
 }

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "scene_pairs.h"
+#include "scenes/scenes.h"
 
 namespace noxel::scenes {
 

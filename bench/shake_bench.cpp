@@ -30,7 +30,7 @@
 
 #include "registration/camera_path.h"
 #include "registration/plane_registration.h"
-#include "scene_pairs.h"
+#include "scenes/scenes.h"
 
 namespace noxel {
 namespace {

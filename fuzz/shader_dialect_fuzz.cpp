@@ -19,7 +19,7 @@ constexpr Word kWords[] = {{"ATTR", "in"},
                            {"FRAGC", "out mediump vec4 vxFragColor;\n"}};
 
 // The longest growth of one word: five characters to thirty.
-constexpr size_t kMostGrowth = 6;
+constexpr size_t kMaxGrowth = 6;
 
 // What a text means, read once from left to right. The library replaces one word after the other: both agree, as nothing
 // that is put in begins, ends or joins a word, and where two overlap (OUTEXTURE) the first is also the earlier step.
@@ -46,7 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text = std::string(reinterpret_cast<const char*>(data), size).c_str();  // up to the first NUL
   const noxel::Text once = noxel::TranslateShader(text.c_str());
   FUZZ_CHECK(!once.failed() && once.length() == std::strlen(once.c_str()));
-  FUZZ_CHECK(once.length() <= kMostGrowth * text.size());
+  FUZZ_CHECK(once.length() <= kMaxGrowth * text.size());
   FUZZ_CHECK(translatedInOnePass(text) == once.c_str());
   for (const Word& word : kWords) FUZZ_CHECK(std::strstr(once.c_str(), word.neutral) == nullptr);
 

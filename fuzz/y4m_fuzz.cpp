@@ -17,14 +17,14 @@ namespace {
 
 using namespace noxel::tool;
 
-constexpr long kMostSide = 96;  // pixels: a larger frame takes long, and holds more bytes than an input has
-constexpr int kMostFrames = 40;
+constexpr long kMaxSide = 96;  // pixels: a larger frame takes long, and holds more bytes than an input has
+constexpr int kMaxFrames = 40;
 
 // A size stands behind its letter, after blanks or none. Where fields end is FFmpeg's to say: each such letter is taken for
 // one.
 bool isSmall(const std::string& header) {
   for (size_t at = header.find_first_of("WH"); at != std::string::npos; at = header.find_first_of("WH", at + 1)) {
-    if (std::strtol(header.c_str() + at + 1, nullptr, 10) > kMostSide) return false;
+    if (std::strtol(header.c_str() + at + 1, nullptr, 10) > kMaxSide) return false;
   }
   return true;
 }
@@ -56,12 +56,12 @@ void readClip() {
   ClipInput clip("-");
   const int width = clip.frame().width;
   const int height = clip.frame().height;
-  FUZZ_CHECK(width > 0 && height > 0 && width <= kMostSide && height <= kMostSide);
+  FUZZ_CHECK(width > 0 && height > 0 && width <= kMaxSide && height <= kMaxSide);
   FUZZ_CHECK(clip.reader().nominalIntervalUs() > 0 && clip.reader().expectedFrames() >= 0);
   int64_t last = clip.frame().pts;
   checkFrame(clip, width, height);
   checkNv21(&clip);
-  for (int i = 1; i < kMostFrames && clip.next(); ++i) {
+  for (int i = 1; i < kMaxFrames && clip.next(); ++i) {
     checkFrame(clip, width, height);
     checkNv21(&clip);
     FUZZ_CHECK(clip.frame().pts > last);

@@ -10,7 +10,7 @@ constexpr uint32_t kInfoHeaderSize = 40;
 constexpr uint32_t kHeadersSize = kFileHeaderSize + kInfoHeaderSize;
 constexpr uint32_t kGreys = 256;
 constexpr uint32_t kPaletteSize = 4 * kGreys;  // blue, green, red, unused
-constexpr uint32_t kPixelsPerMetre = 2835;     // 72 an inch
+constexpr uint32_t kPixelsPerMetre = 2835;     // 72 dpi
 
 uint32_t paletteSize(BmpPixels pixels) {
   return pixels == BmpPixels::kGrey ? kPaletteSize : 0;
@@ -20,7 +20,7 @@ uint64_t paddedRow(uint64_t bytes) {
   return (bytes + 3) / 4 * 4;
 }
 
-// Little-endian, whatever the processor.
+// Little-endian on every processor.
 void put(uint8_t* at, uint32_t value, int bytes) {
   for (int i = 0; i < bytes; ++i) at[i] = static_cast<uint8_t>(value >> (8 * i));
 }

@@ -1,5 +1,4 @@
-// Sixteen bytes, and eight 16-bit words, at a time: SSE2 or NEON. NOXEL_BYTE_VECTORS is 0 where the processor has
-// neither.
+// Sixteen bytes or eight 16-bit words at a time, in SSE2 or NEON. NOXEL_BYTE_VECTORS is 0 without either.
 #pragma once
 
 #include <cstdint>
@@ -45,8 +44,8 @@ struct Bytes {
   static Bytes all(int value) { return {_mm_set1_epi8(static_cast<char>(value))}; }
   void store(void* to) const { _mm_storeu_si128(static_cast<__m128i*>(to), lanes); }
 
-  Bytes plus(const Bytes& other) const { return {_mm_adds_epu8(lanes, other.lanes)}; }   // at most 255
-  Bytes minus(const Bytes& other) const { return {_mm_subs_epu8(lanes, other.lanes)}; }  // at least 0
+  Bytes plus(const Bytes& other) const { return {_mm_adds_epu8(lanes, other.lanes)}; }   // saturates
+  Bytes minus(const Bytes& other) const { return {_mm_subs_epu8(lanes, other.lanes)}; }  // saturates
   Words lowHalf() const { return {_mm_unpacklo_epi8(lanes, _mm_setzero_si128())}; }
   Words highHalf() const { return {_mm_unpackhi_epi8(lanes, _mm_setzero_si128())}; }
   Words evens() const { return {_mm_and_si128(lanes, _mm_set1_epi16(0x00ff))}; }
@@ -54,14 +53,14 @@ struct Bytes {
   Words pairSums() const { return evens() + odds(); }
 };
 
-inline Bytes smaller(const Bytes& a, const Bytes& b) {
+inline Bytes min(const Bytes& a, const Bytes& b) {
   return {_mm_min_epu8(a.lanes, b.lanes)};
 }
-inline Bytes larger(const Bytes& a, const Bytes& b) {
+inline Bytes max(const Bytes& a, const Bytes& b) {
   return {_mm_max_epu8(a.lanes, b.lanes)};
 }
 
-// Words with a sign, held within 0..255.
+// Signed words, clamped to 0..255.
 inline Bytes narrowed(const Words& low, const Words& high) {
   return {_mm_packus_epi16(low.lanes, high.lanes)};
 }
@@ -73,7 +72,7 @@ inline Bytes oddsOf(const Bytes& a, const Bytes& b) {
   return narrowed(a.odds(), b.odds());
 }
 
-// a0 b0 a1 b1 ... of the first halves, and of the second.
+// a0 b0 a1 b1 ... of the low halves, and of the high halves.
 inline Bytes zippedLow(const Bytes& a, const Bytes& b) {
   return {_mm_unpacklo_epi8(a.lanes, b.lanes)};
 }
@@ -92,7 +91,7 @@ inline Words zippedHigh(const Words& a, const Words& b) {
 struct Words {
   uint16x8_t lanes;
 
-  // By way of bytes: a load of words may count on their alignment.
+  // As bytes: a load of words may assume their alignment.
   static Words load(const void* from) { return {vreinterpretq_u16_u8(vld1q_u8(static_cast<const uint8_t*>(from)))}; }
   static Words all(int value) { return {vdupq_n_u16(static_cast<uint16_t>(value))}; }
   void store(void* to) const { vst1q_u8(static_cast<uint8_t*>(to), vreinterpretq_u8_u16(lanes)); }
@@ -120,8 +119,8 @@ struct Bytes {
   static Bytes all(int value) { return {vdupq_n_u8(static_cast<uint8_t>(value))}; }
   void store(void* to) const { vst1q_u8(static_cast<uint8_t*>(to), lanes); }
 
-  Bytes plus(const Bytes& other) const { return {vqaddq_u8(lanes, other.lanes)}; }   // at most 255
-  Bytes minus(const Bytes& other) const { return {vqsubq_u8(lanes, other.lanes)}; }  // at least 0
+  Bytes plus(const Bytes& other) const { return {vqaddq_u8(lanes, other.lanes)}; }   // saturates
+  Bytes minus(const Bytes& other) const { return {vqsubq_u8(lanes, other.lanes)}; }  // saturates
   Words lowHalf() const { return {vmovl_u8(vget_low_u8(lanes))}; }
   Words highHalf() const { return {vmovl_u8(vget_high_u8(lanes))}; }
   Words evens() const { return {vandq_u16(vreinterpretq_u16_u8(lanes), vdupq_n_u16(0x00ff))}; }
@@ -129,14 +128,14 @@ struct Bytes {
   Words pairSums() const { return {vpaddlq_u8(lanes)}; }
 };
 
-inline Bytes smaller(const Bytes& a, const Bytes& b) {
+inline Bytes min(const Bytes& a, const Bytes& b) {
   return {vminq_u8(a.lanes, b.lanes)};
 }
-inline Bytes larger(const Bytes& a, const Bytes& b) {
+inline Bytes max(const Bytes& a, const Bytes& b) {
   return {vmaxq_u8(a.lanes, b.lanes)};
 }
 
-// Words with a sign, held within 0..255.
+// Signed words, clamped to 0..255.
 inline Bytes narrowed(const Words& low, const Words& high) {
   return {vcombine_u8(vqmovun_s16(vreinterpretq_s16_u16(low.lanes)), vqmovun_s16(vreinterpretq_s16_u16(high.lanes)))};
 }
@@ -148,7 +147,7 @@ inline Bytes oddsOf(const Bytes& a, const Bytes& b) {
   return {vuzpq_u8(a.lanes, b.lanes).val[1]};
 }
 
-// a0 b0 a1 b1 ... of the first halves, and of the second.
+// a0 b0 a1 b1 ... of the low halves, and of the high halves.
 inline Bytes zippedLow(const Bytes& a, const Bytes& b) {
   return {vzipq_u8(a.lanes, b.lanes).val[0]};
 }

@@ -1,4 +1,4 @@
-// The row kernels sample by sample: what runs without vectors, and at the end of a row with them.
+// The row kernels, sample by sample: without vectors, and for the tail of a row with them.
 #include <algorithm>
 
 #include "kernels/row_kernels.h"
@@ -58,13 +58,13 @@ void sharpenRow(const uint8_t* source, const uint8_t* blurred, int sixteenths, i
 
 void limitRow(const uint8_t* original, int limit, int begin, int end, uint8_t* changed) {
   for (int x = begin; x < end; ++x) {
-    const int least = std::max(original[x] - limit, 0);
-    const int most = std::min(original[x] + limit, 255);
-    changed[x] = static_cast<uint8_t>(std::clamp<int>(changed[x], least, most));
+    const int low = std::max(original[x] - limit, 0);
+    const int high = std::min(original[x] + limit, 255);
+    changed[x] = static_cast<uint8_t>(std::clamp<int>(changed[x], low, high));
   }
 }
 
-// Running mean along one line of `count` samples that are `step` bytes apart.
+// Running mean along a line of `count` samples, `step` bytes apart.
 void smoothLine(uint8_t* line, int count, ptrdiff_t step, int radius, uint8_t* scratch) {
   for (int i = 0; i < count; ++i) scratch[i] = line[i * step];
   const int taps = 2 * radius + 1;

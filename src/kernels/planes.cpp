@@ -9,7 +9,7 @@
 namespace noxel::kernels {
 namespace {
 
-// Helpers are woken for blocks of this many bytes or more.
+// Smaller blocks are not worth waking a helper.
 constexpr int kBlockBytes = 32768;
 
 int blockRows(int width) {
@@ -20,14 +20,14 @@ int blockRows(int width) {
   return a.width == b.width && a.height == b.height;
 }
 
-// A separable filter over offsets first..first + taps - 1 of rows [begin, end). finish(y, x, count, means) takes
+// A separable filter over offsets first..first + taps - 1, for rows [begin, end). finish(y, x, count, means) receives
 // `count` results of row y from x on.
 template <class Finish>
 void filterRows(const ConstPlane& source, Separable filter, int first, int begin, int end, const Finish& finish) {
-  constexpr int kStrip = 512;  // columns at a time: the sums stay in the nearest cache, and off the heap
+  constexpr int kStrip = 512;  // columns at a time: the sums stay in the L1 cache, on the stack
   const RowKernels& kernels = rowKernels();
   const int taps = kTaps[filter];
-  uint16_t sums[kStrip + kMostTaps - 1];
+  uint16_t sums[kStrip + kMaxTaps - 1];
   uint8_t means[kStrip];
   for (int y = begin; y < end; ++y) {
     for (int x = 0; x < source.width; x += kStrip) {
@@ -35,7 +35,7 @@ void filterRows(const ConstPlane& source, Separable filter, int first, int begin
       const int reach = count + taps - 1;  // sums[i] is that of column x + first + i
       const int left = std::max(-(x + first), 0);
       const int right = std::min(reach, source.width - (x + first));
-      const uint8_t* rows[kMostTaps];
+      const uint8_t* rows[kMaxTaps];
       for (int k = 0; k < taps; ++k) {
         rows[k] = source.row(std::clamp(y + first + k, 0, source.height - 1)) + (x + first + left);
       }
@@ -70,12 +70,12 @@ void halvePlane(const ConstPlane& source, const Plane& destination, HalveRow hal
   }
 }
 
-// Calls work(begin, end) for blocks of `lines` rows or columns, each `length` pairs long. Blocks begin where a tile of
-// running means does and hold two tiles or more, as long as there are as many lines: see smoothRows.
+// Calls work(begin, end) for blocks of `lines` rows or columns, each `length` pairs long. Blocks start at a tile of
+// running means and hold at least two tiles when there are as many lines: see smoothRows.
 template <class Work>
 void forTiles(WorkerPool* pool, int lines, int length, const Work& work) {
   constexpr int kTileLines = 8;
-  constexpr int kPasses = 8;  // over a pair, about: copies and iterations
+  constexpr int kPasses = 8;  // over each pair, roughly: copies and iterations
   const int tiles = std::max(lines / kTileLines, 1);
   const int perBlock = std::max(blockRows(length * kPasses) / kTileLines, 2);
   forEachRowBlock(pool, tiles, perBlock,
@@ -124,7 +124,7 @@ void gauss(const ConstPlane& source, Gauss taps, const Plane& destination, Worke
 }
 
 void sharpen(const ConstPlane& source, Gauss taps, int sixteenths, const Plane& destination, WorkerPool* pool) {
-  assert(sameSize(source, destination) && sixteenths >= 0 && sixteenths <= kMostSharpening);
+  assert(sameSize(source, destination) && sixteenths >= 0 && sixteenths <= kMaxSharpening);
   forEachRowBlock(pool, source.height, blockRows(source.width), [&](int begin, int end) {
     const RowKernels& kernels = rowKernels();
     const auto finish = [&](int y, int x, int count, const uint8_t* means) {
@@ -147,7 +147,7 @@ void smoothChroma(const Plane& pairs, int radius, int iterations, uint8_t* scrat
   const int width = pairs.width / 2;
   const int height = pairs.height;
   if (width == 0 || height == 0) return;
-  // A block's share of the scratch is that of its own pairs.
+  // A block uses the scratch of its own pairs.
   forTiles(pool, height, width, [&](int begin, int end) {
     kernels.smoothRows(pairs, begin, end, radius, iterations, scratch + static_cast<ptrdiff_t>(begin) * width);
   });

@@ -1,11 +1,10 @@
-// Byte kernels on planes: chroma interleaving, downscale, smoothing, sharpening. Plain memory in, plain memory out; any
-// thread.
+// Byte kernels on planes: chroma interleaving, downscale, smoothing, sharpening. Any thread.
 //
-// Every kernel has a plain form and one in SSE2 or NEON; the two agree to the bit. NOXEL_KERNELS=plain in the
-// environment keeps to the plain form (kernels/row_kernels.h).
+// Every kernel has a plain version and one in SSE2 or NEON; both give the same bits. NOXEL_KERNELS=plain in the
+// environment selects the plain one (kernels/row_kernels.h).
 //
-// No kernel allocates. Where none says otherwise, source and destination do not overlap. A pool, where one is taken,
-// helps (null: nobody does); the result does not depend on it, and the caller must be the pool's only one meanwhile.
+// No kernel allocates. Source and destination must not overlap unless stated. `pool` may be null (single-threaded); the
+// result does not depend on it, and nobody else may use the pool meanwhile.
 #pragma once
 
 #include <cstddef>
@@ -17,8 +16,7 @@ class WorkerPool;
 
 namespace noxel::kernels {
 
-// Rows of `width` bytes, `stride` bytes from one's begin to the next one's. What is between them is neither read nor
-// written.
+// Rows of `width` bytes, `stride` bytes apart. Padding is neither read nor written.
 struct ConstPlane {
   const uint8_t* pixels;
   int width;
@@ -46,8 +44,8 @@ inline Plane packed(uint8_t* pixels, int width, int height) {
   return {pixels, width, height, width};
 }
 
-// pairs(2x, y) = first(x, y), pairs(2x + 1, y) = second(x, y): V and U of YV12 to the chroma of NV21. The pairs' width
-// in bytes is twice that of the components.
+// pairs(2x, y) = first(x, y), pairs(2x + 1, y) = second(x, y): V and U of YV12 to the chroma of NV21. Pairs are twice
+// as wide, in bytes, as the components.
 void interleave(const ConstPlane& first, const ConstPlane& second, const Plane& pairs);
 
 // The inverse.
@@ -56,15 +54,15 @@ void deinterleave(const ConstPlane& pairs, const Plane& first, const Plane& seco
 // Halves width and height (truncating): each output pixel is the mean of its 2 x 2 block, rounded half up.
 void downscaleByTwo(const ConstPlane& source, const Plane& destination);
 
-// The same from the block's upper left and lower right pixel alone: half the reads.
+// The same from the block's upper left and lower right pixel only: half the reads.
 void downscaleByTwoDiagonal(const ConstPlane& source, const Plane& destination);
 
 // Mean of the 4 x 4 pixels at offsets first..first + 3 in both directions, (sum + 8) >> 4, edge pixels repeated.
 // -3 <= first <= 0.
 void boxFour(const ConstPlane& source, int first, const Plane& destination, WorkerPool* pool = nullptr);
 
-// Two 4 x 4 boxes in place, the first over offsets -2..1, the second over -1..2: together they shift nothing. `scratch`
-// holds width * height bytes.
+// Two 4 x 4 boxes in place, over offsets -2..1 and then -1..2, so that the shifts cancel. `scratch` holds width *
+// height bytes.
 void smoothTwice(const Plane& image, uint8_t* scratch, WorkerPool* pool = nullptr);
 
 // Binomial weights in both directions, edge pixels repeated: 1 2 1 with (sum + 8) >> 4, or 1 4 6 4 1 with (sum + 128)
@@ -72,17 +70,17 @@ void smoothTwice(const Plane& image, uint8_t* scratch, WorkerPool* pool = nullpt
 enum class Gauss { kThree, kFive };
 void gauss(const ConstPlane& source, Gauss taps, const Plane& destination, WorkerPool* pool = nullptr);
 
-// Unsharp mask: p + ((sixteenths * (p - g) + 8) >> 4), held within 0..255, with g the pixel after gauss(). The shift
-// rounds down. 0 <= sixteenths <= kMostSharpening.
-inline constexpr int kMostSharpening = 128;  // 255 times this still fits 16 bits with their sign
+// Unsharp mask: p + ((sixteenths * (p - g) + 8) >> 4), clamped to 0..255, with g the pixel after gauss(). The shift
+// rounds down. 0 <= sixteenths <= kMaxSharpening.
+inline constexpr int kMaxSharpening = 128;  // 255 times this fits a signed 16-bit word
 void sharpen(const ConstPlane& source, Gauss taps, int sixteenths, const Plane& destination,
              WorkerPool* pool = nullptr);
 
-// Brings each sample of `changed` to within `limit` (0..255) of what it was in `original`. The planes have one size.
+// Clamps each sample of `changed` to within `limit` (0..255) of `original`. Both planes have the same size.
 void limitChange(const ConstPlane& original, int limit, const Plane& changed);
 
-// Chroma noise: each component of interleaved pairs (width / 2 of them a row) is replaced by the mean over 2 * radius +
-// 1 neighbours, horizontally `iterations` times, then vertically `iterations` times, edge pairs repeated, means rounded
+// Chroma denoising: replaces each component of interleaved pairs (width / 2 a row) by the mean over 2 * radius + 1
+// neighbours, `iterations` times horizontally, then `iterations` times vertically. Edge pairs repeated, means rounded
 // half up. `scratch` holds width / 2 * height bytes.
 void smoothChroma(const Plane& pairs, int radius, int iterations, uint8_t* scratch, WorkerPool* pool = nullptr);
 

@@ -1,4 +1,4 @@
-// Work that is split into blocks of rows: what a row gets may not depend on who does it, nor on which block it is in.
+// Splits work into blocks of rows. The result of a row must not depend on its thread or block.
 #pragma once
 
 #include <cstdint>
@@ -7,9 +7,9 @@
 
 namespace noxel {
 
-// Calls work(firstRow, endRow) for blocks that cover `rows`, on the calling thread and the pool's helpers, and returns
-// when all are done. A block has `rowsPerBlock` rows or more, and less than twice as many; with fewer rows than that in
-// all, or without a pool, the calling thread takes them all at once.
+// Calls work(firstRow, endRow) for blocks that cover `rows`, on the calling thread and the pool's helpers; returns when
+// all are done. Blocks have rowsPerBlock to 2 * rowsPerBlock - 1 rows; with fewer than two blocks, or without a pool,
+// the calling thread does all rows in one call.
 template <class Work>
 void forEachRowBlock(WorkerPool* pool, int rows, int rowsPerBlock, const Work& work) {
   const int blocks = rows / rowsPerBlock;

@@ -7,7 +7,7 @@
 namespace noxel::kernels {
 namespace {
 
-// Null until the first call. Threads that come first at the same time store the same pointer; the tables are constants.
+// Null until the first call. Concurrent first calls store the same pointer, to constant tables.
 std::atomic<const RowKernels*> chosen = nullptr;
 
 const RowKernels* choice() {

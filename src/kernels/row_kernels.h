@@ -1,8 +1,7 @@
-// What the plane kernels do with a row: one table in plain C++, one in the processor's vectors. Internal to
-// src/kernels, its tests and its bench.
+// Kernels for one row: one table in plain C++, one in SSE2 or NEON. Internal to src/kernels, its tests and its bench.
 //
-// Spans are [begin, end) into the rows given; nothing outside of them is read or written, so that a vector loop hands
-// the rest of a row to the plain one.
+// Spans are [begin, end) of the rows; nothing outside is read or written, so that a vector loop leaves the tail of a
+// row to the plain kernel.
 #pragma once
 
 #include <cstdint>
@@ -11,12 +10,13 @@
 
 namespace noxel::kernels {
 
-// Filters that are a sum down the column, then along the row of these sums, then a rounded shift.
+// Separable filters: weighted sums down the columns, then along the row, then a rounded shift.
 enum Separable { kBoxFour, kGaussThree, kGaussFive, kSeparableCount };
 
-inline constexpr int kMostTaps = 5;
+inline constexpr int kMaxTaps = 5;
 inline constexpr int kTaps[kSeparableCount] = {4, 3, 5};
-inline constexpr int kWeightBits[kSeparableCount] = {4, 4, 8};  // log2 of the weights' sum; 255 times it fits 16 bits
+// log2 of the sum of weights; 255 times that sum fits 16 bits.
+inline constexpr int kWeightBits[kSeparableCount] = {4, 4, 8};
 
 // The taps' weighted sum, for one sample or a vector of them.
 template <Separable kFilter, class Number>
@@ -34,7 +34,7 @@ struct RowKernels {
   void (*interleave)(const uint8_t* first, const uint8_t* second, int begin, int end, uint8_t* pairs);
   void (*deinterleave)(const uint8_t* pairs, int begin, int end, uint8_t* first, uint8_t* second);
 
-  // Of two source rows; the span is the destination's.
+  // From two source rows; the span is the destination's.
   void (*halve)(const uint8_t* upper, const uint8_t* lower, int begin, int end, uint8_t* out);
   void (*halveDiagonal)(const uint8_t* upper, const uint8_t* lower, int begin, int end, uint8_t* out);
 
@@ -47,16 +47,15 @@ struct RowKernels {
 
   void (*limitChange)(const uint8_t* original, int limit, int begin, int end, uint8_t* changed);
 
-  // smoothChroma's two halves, on rows [begin, end) and on columns of pairs [begin, end). `scratch`: a byte for each
-  // pair.
+  // smoothChroma's two halves, on rows [begin, end) and on columns of pairs [begin, end). `scratch`: one byte per pair.
   void (*smoothRows)(const Plane& pairs, int begin, int end, int radius, int iterations, uint8_t* scratch);
   void (*smoothColumns)(const Plane& pairs, int begin, int end, int radius, int iterations, uint8_t* scratch);
 };
 
 extern const RowKernels kPlainRows;
-extern const RowKernels* const kVectorRows;  // null where the processor has neither SSE2 nor NEON
+extern const RowKernels* const kVectorRows;  // null without SSE2 and NEON
 
-// The table in use: the plain one where there is no other or NOXEL_KERNELS is "plain", which is read at the first call.
+// The table in use: plain when there is no other, or when NOXEL_KERNELS was "plain" at the first call.
 const RowKernels& rowKernels();
 
 // Reads NOXEL_KERNELS again. For tests; not while a kernel runs.

@@ -1,4 +1,4 @@
-// The row kernels sixteen samples at a time.
+// The row kernels, sixteen samples at a time.
 #include <algorithm>
 #include <bit>
 #include <cstring>
@@ -100,21 +100,21 @@ void limitRow(const uint8_t* original, int limit, int begin, int end, uint8_t* c
   int x = begin;
   for (; x + 16 <= end; x += 16) {
     const Bytes middle = Bytes::load(original + x);
-    larger(smaller(Bytes::load(changed + x), middle.plus(reach)), middle.minus(reach)).store(changed + x);
+    max(min(Bytes::load(changed + x), middle.plus(reach)), middle.minus(reach)).store(changed + x);
   }
   kPlainRows.limitChange(original, limit, x, end, changed);
 }
 
-// Running means go down sixteen lines at once: the lines are copied side by side into a tile, sample i of all of them
-// at tile + 16 i.
+// Running means on sixteen lines at once: the lines are copied side by side into a tile, sample i of all of them at
+// tile + 16 i.
 constexpr int kLanes = 16;
 constexpr int kTileRows = kLanes / 2;  // rows of pairs
-constexpr int kMostVectorRadius = 63;  // see Divider
+constexpr int kMaxVectorRadius = 63;   // see Divider
 
-// n / divisor for an odd divisor of 3..127 and n < 256 * divisor, as (n * factor) >> (16 + bits), exactly: with
-// bits = floor(log2(divisor)) the factor, 2^(16 + bits) / divisor rounded up, fits 16 bits and is too large by less
-// than 1, which adds less than 256 * divisor / 2^(16 + bits) < 2^-7 to the quotient: not enough to reach the next whole
-// number, as 1 / divisor is missing to it at least.
+// Exactly n / divisor, for an odd divisor in 3..127 and n < 256 * divisor, as (n * factor) >> (16 + bits) with bits =
+// floor(log2(divisor)). The factor, 2^(16 + bits) / divisor rounded up, fits 16 bits and is too large by less than 1,
+// which adds less than 256 * divisor / 2^(16 + bits) < 2^-7 to the quotient. The next integer is at least 1 / divisor
+// away.
 struct Divider {
   explicit Divider(int divisor)
       : bits(std::bit_width(static_cast<unsigned>(divisor)) - 1),
@@ -138,8 +138,8 @@ void smoothTile(uint8_t* tile, int count, int radius, int iterations) {
       low = low + sample.lowHalf();
       high = high + sample.highHalf();
     }
-    // What is overwritten and still to be taken off the sums.
-    constexpr int kPast = kMostVectorRadius + 1;  // a power of two
+    // Samples already overwritten that the sums still contain.
+    constexpr int kPast = kMaxVectorRadius + 1;  // a power of two
     uint8_t past[kPast * kLanes];
     for (int i = 0; i < count; ++i) {
       Bytes::load(at(i)).store(past + (i & (kPast - 1)) * kLanes);
@@ -152,7 +152,7 @@ void smoothTile(uint8_t* tile, int count, int radius, int iterations) {
   }
 }
 
-// Three times the same shuffle of halves transposes eight by eight.
+// The same shuffle of halves, three times, transposes 8 x 8.
 void transpose(Words (&rows)[8]) {
   for (int round = 0; round < 3; ++round) {
     Words shuffled[8];
@@ -164,8 +164,8 @@ void transpose(Words (&rows)[8]) {
   }
 }
 
-// Between `rowCount` rows of pairs, from y on, and a tile. The lanes of rows that are missing to eight repeat the last
-// one.
+// Copies `rowCount` rows of pairs, from y on, to a tile and back. With fewer than eight rows the other lanes repeat the
+// last.
 void rowsToTile(const Plane& pairs, int y, int rowCount, uint8_t* tile) {
   const uint8_t* rows[kTileRows];
   for (int k = 0; k < kTileRows; ++k) rows[k] = pairs.row(y + std::min(k, rowCount - 1));
@@ -198,9 +198,9 @@ void tileToRows(const uint8_t* tile, const Plane& pairs, int y, int rowCount) {
   }
 }
 
-// The scratch, a byte for each pair, holds a tile from sixteen rows or columns on.
+// The scratch, one byte per pair, holds a tile from sixteen rows or columns on.
 bool fitsTile(int lines, int radius) {
-  return lines >= kLanes && radius >= 1 && radius <= kMostVectorRadius;
+  return lines >= kLanes && radius >= 1 && radius <= kMaxVectorRadius;
 }
 
 void smoothRows(const Plane& pairs, int begin, int end, int radius, int iterations, uint8_t* scratch) {

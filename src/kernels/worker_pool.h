@@ -1,5 +1,5 @@
-// Threads that help with a job: a frame's registration, a plane's filter. The pool starts none itself: whoever owns
-// threads lends them by calling serve(), and takes them back with stop().
+// Threads that share a job: registration of a frame, a filter on a plane. The pool starts none: a thread joins by
+// calling serve() and leaves after stop().
 #pragma once
 
 #include <pthread.h>
@@ -11,7 +11,7 @@ namespace noxel {
 
 class WorkerPool {
  public:
-  // Does item `index` of the job; may run on any thread, several at once.
+  // Does item `index` of the job; called on several threads at once.
   using Work = void (*)(void* job, int index);
 
   WorkerPool() = default;
@@ -21,27 +21,27 @@ class WorkerPool {
 
   // Body of a worker thread: returns after stop().
   void serve();
-  // Ends every serve(), running and to come. The threads are the caller's to join.
+  // Ends every running and future serve(). The caller joins the threads.
   void stop();
-  // Does items 0..count-1 on the calling thread and the workers, returns when all are done. One caller at a time.
+  // Does items 0..count-1 on the calling thread and the workers; returns when all are done. One caller at a time.
   void run(int count, Work work, void* job);
 
  private:
   void takeItems();
 
-  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-  pthread_cond_t wake = PTHREAD_COND_INITIALIZER;
-  pthread_cond_t idle = PTHREAD_COND_INITIALIZER;
-  bool stopping = false;    // under mutex, as the next three
-  uint32_t generation = 0;  // of the job, so that a worker takes each once
-  int busyWorkers = 0;      // inside takeItems
-  bool open = false;        // the job takes workers
+  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+  pthread_cond_t wake_ = PTHREAD_COND_INITIALIZER;
+  pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER;
+  bool stopping_ = false;    // under mutex, as the next three
+  uint32_t generation_ = 0;  // number of the job: a worker takes each once
+  int busyWorkers_ = 0;      // inside takeItems
+  bool open_ = false;        // the job takes workers
 
-  // Written under the mutex before the generation is raised, read by the workers after they saw it.
-  Work jobWork = nullptr;
-  void* jobArgument = nullptr;
-  int itemCount = 0;
-  std::atomic<int> nextItem = 0;
+  // Written under the mutex before generation_ changes, read by the workers after they saw the change.
+  Work work_ = nullptr;
+  void* job_ = nullptr;
+  int itemCount_ = 0;
+  std::atomic<int> nextItem_ = 0;
 };
 
 }  // namespace noxel

@@ -9,57 +9,28 @@ namespace noxel {
 namespace {
 
 constexpr int kRefinements = 20;
-constexpr float kExactSigma = 1e-7f;     // pixels
+constexpr float kExactSigma = 1e-7f;     // pixels; below, the fit is exact
 constexpr double kMadToSigma = 1.4826;   // of a normal distribution
 constexpr float kSineEnd = 3.14f;        // where Andrews' sine ends, in sigmas
 constexpr float kWeightFloor = 0.0001f;  // keeps the normal matrix regular
-constexpr int kEnoughToFit = 30;
-constexpr int kEnoughToJudge = 16;
-constexpr int kEverywhere = 100000;  // radius
-constexpr float kNoFit = 999.0f;     // pixels
-constexpr float kGoodFit = 1.0f;     // median residual in pixels
-constexpr float kWorstFit = 50.0f;   // of a fit that is used at all
-constexpr float kPoorFit = 5.0f;     // noise scales
-constexpr float kNoiseScale = 1.0f;  // of matches, whose source is not known
+constexpr int kMinPairsToFit = 30;
+constexpr int kMinPairsToJudge = 16;
+constexpr float kNoFit = 999.0f;       // pixels
+constexpr float kGoodFit = 1.0f;       // median residual in pixels
+constexpr float kMaxResidual = 50.0f;  // median, of a fit that is used at all
+constexpr float kPoorFit = 5.0f;       // noise scales
+constexpr float kNoiseScale = 1.0f;    // of plain matches, which carry none
 
 bool isInside(const _KRMatch& pair, int cx, int cy, int r) {
   const float x = std::fabs(pair.sourceX - static_cast<float>(cx));
   const float y = std::fabs(pair.sourceY - static_cast<float>(cy));
-  constexpr float kFar = 1e9f;  // still an int, as nothing beyond would be
+  constexpr float kFar = 1e9f;  // beyond, the value would not fit an int
   return x < kFar && y < kFar && static_cast<int>(x) + static_cast<int>(y) < r;
 }
 
-// The pairs that an operation works on, one after the other.
-class PairSet {
- public:
-  explicit PairSet(const _KROFRegistration& points) : count(std::clamp(points.pointCount, 0, kMaxPoints)) {
-    for (int i = 0; i < count; ++i) {
-      const KRPoint source = points.sourcePoints[i];
-      const KRPoint target = points.targetPoints[i];
-      pairs[i] = {source.x, source.y, target.x, target.y};
-    }
-  }
-  PairSet(const _KRMatch* points, int pointCount) : count(std::clamp(pointCount, 0, kMaxPoints)) {
-    std::copy_n(points, count, pairs);
-  }
-  PairSet(const PairSet& all, int cx, int cy, int r) : count(0) {
-    for (const _KRMatch& pair : all) {
-      if (isInside(pair, cx, cy, r)) pairs[count++] = pair;
-    }
-  }
-
-  const _KRMatch* begin() const { return pairs; }
-  const _KRMatch* end() const { return pairs + count; }
-  int size() const { return count; }
-
- private:
-  _KRMatch pairs[kMaxPoints];
-  int count;
-};
-
-// Weights are optional: null is one for each pair.
+// weights: null for one each.
 template <typename T>
-bool fit(const PairSet& pairs, const float* weights, KRMatrix<2, 3, T>* matrix) {
+bool fit(const PointPairs& pairs, const float* weights, KRMatrix<2, 3, T>* matrix) {
   float xx = 0, yy = 0, xy = 0, x = 0, y = 0, n = 0;
   float toX[3] = {};
   float toY[3] = {};
@@ -98,7 +69,7 @@ bool fit(const PairSet& pairs, const float* weights, KRMatrix<2, 3, T>* matrix) 
 }
 
 template <typename T>
-void residualsOf(const PairSet& pairs, const KRMatrix<2, 3, T>& matrix, float* residuals) {
+void residualsOf(const PointPairs& pairs, const KRMatrix<2, 3, T>& matrix, float* residuals) {
   KRMatrix<2, 3, double> m;
   copyMatrix(matrix, &m);
   for (const _KRMatch& pair : pairs) {
@@ -111,7 +82,7 @@ void residualsOf(const PairSet& pairs, const KRMatrix<2, 3, T>& matrix, float* r
 }
 
 template <typename T>
-float medianOf(const PairSet& pairs, const KRMatrix<2, 3, T>& matrix) {
+float medianOf(const PointPairs& pairs, const KRMatrix<2, 3, T>& matrix) {
   float residuals[kMaxPoints];
   residualsOf(pairs, matrix, residuals);
   return median(residuals, pairs.size());
@@ -122,12 +93,12 @@ float andrewsWeight(float u) {
   return (u == 0.0f ? 1.0f : std::sin(u) / u) + kWeightFloor;
 }
 
-// Solves, by elimination of tx and ty, the normal equations in double precision
+// Solves the normal equations in double precision, eliminating tx and ty:
 //   W tx        + X a + Y b = Dx       W, X, Y, S: sums of w, w x, w y, w (x^2 + y^2)
 //          W ty + Y a - X b = Dy       Dx, Dy: sums of w dx, w dy with (dx, dy) = target - source
 //   X tx + Y ty + S a       = P        P: sum of w (x dx + y dy)
 //   Y tx - X ty       + S b = Q        Q: sum of w (y dx - x dy)
-void fitSimilarity(const PairSet& pairs, const float* weights, float* similarity) {
+void fitSimilarity(const PointPairs& pairs, const float* weights, float* similarity) {
   double w = 0, x = 0, y = 0, s = 0, dx = 0, dy = 0, p = 0, q = 0;
   for (const _KRMatch& pair : pairs) {
     const double weight = *weights++;
@@ -147,7 +118,7 @@ void fitSimilarity(const PairSet& pairs, const float* weights, float* similarity
   double a = 0, b = 0, tx = 0, ty = 0;
   if (w > 0.0) {
     const double spread = s - (x * x + y * y) / w;
-    if (spread > 1e-10 * s) {  // points in one place tell only a translation
+    if (spread > 1e-10 * s) {  // points in one place determine a translation only
       a = (p - (x * dx + y * dy) / w) / spread;
       b = (q - (y * dx - x * dy) / w) / spread;
     }
@@ -159,7 +130,7 @@ void fitSimilarity(const PairSet& pairs, const float* weights, float* similarity
 }
 
 template <typename T>
-bool refine(const PairSet& pairs, KRMatrix<2, 3, T>* matrix, float* similarity) {
+bool refine(const PointPairs& pairs, KRMatrix<2, 3, T>* matrix, float* similarity) {
   const int count = pairs.size();
   float residuals[kMaxPoints];
   float deviations[kMaxPoints];
@@ -184,17 +155,17 @@ void storeHomogeneous(const KRMatrix<3, 3, double>& from, float (&to)[9]) {
 }
 
 template <typename T>
-float estimate(const PairSet& all, float noiseScale, float (&motion)[9], float (&inverseMotion)[9], int cx, int cy,
+float estimate(const PointPairs& all, float noiseScale, float (&motion)[9], float (&inverseMotion)[9], int cx, int cy,
                int r, float* similarity) {
   const int radii[3] = {r, 2 * r, 3 * r};
   int inside[3] = {};
-  if (all.size() > kEnoughToFit) {
+  if (all.size() > kMinPairsToFit) {
     for (int i = 0; i < 3; ++i) {
       inside[i] = static_cast<int>(std::count_if(
           all.begin(), all.end(), [&](const _KRMatch& pair) { return isInside(pair, cx, cy, radii[i]); }));
     }
   }
-  // The smallest radius with that many pairs.
+  // The smallest radius with enough pairs.
   const auto radiusWith = [&](int enough, int otherwise) {
     for (int i = 0; i < 3; ++i) {
       if (inside[i] >= enough) return radii[i];
@@ -205,15 +176,15 @@ float estimate(const PairSet& all, float noiseScale, float (&motion)[9], float (
   KRMatrix<2, 3, T> chosen;
   setIdentity(&chosen);
   float error = kNoFit;
-  if (inside[2] >= kEnoughToFit) {
-    const PairSet local(all, cx, cy, radiusWith(kEnoughToFit, radii[2]));
+  if (inside[2] >= kMinPairsToFit) {
+    const PointPairs local(all, cx, cy, radiusWith(kMinPairsToFit, radii[2]));
     if (fit(local, nullptr, &chosen) && refine(local, &chosen, similarity))
-      error = medianOf(PairSet(all, cx, cy, radiusWith(kEnoughToJudge, radii[2])), chosen);
+      error = medianOf(PointPairs(all, cx, cy, radiusWith(kMinPairsToJudge, radii[2])), chosen);
   }
   if (!(error <= kGoodFit) && all.size() > 0) {
     KRMatrix<2, 3, T> global;
     if (fit(all, nullptr, &global) && refine(all, &global, similarity)) {
-      const float globalError = medianOf(PairSet(all, cx, cy, radiusWith(kEnoughToJudge, kEverywhere)), global);
+      const float globalError = medianOf(PointPairs(all, cx, cy, radiusWith(kMinPairsToJudge, kEverywhere)), global);
       if (globalError < error) {
         chosen = global;
         error = globalError;
@@ -225,7 +196,7 @@ float estimate(const PairSet& all, float noiseScale, float (&motion)[9], float (
   KRMatrix<3, 3, double> backward;
   setIdentity(&forward);
   for (int i = 0; i < 6; ++i) forward.values[i] = static_cast<double>(chosen.values[i]);
-  const bool usable = error <= kWorstFit && all.size() > 3 && invert(forward, &backward);
+  const bool usable = error <= kMaxResidual && all.size() > 3 && invert(forward, &backward);
   if (!usable) {
     setIdentity(&forward);
     setIdentity(&backward);
@@ -237,94 +208,74 @@ float estimate(const PairSet& all, float noiseScale, float (&motion)[9], float (
 
 }  // namespace
 
-bool fitAffine(const _KROFRegistration& points, AffineMatrix* matrix) {
-  return fit(PairSet(points), nullptr, matrix);
+PointPairs::PointPairs(const _KROFRegistration& registration)
+    : count_(std::clamp(registration.pointCount, 0, kMaxPoints)) {
+  for (int i = 0; i < count_; ++i) {
+    const KRPoint source = registration.sourcePoints[i];
+    const KRPoint target = registration.targetPoints[i];
+    pairs_[i] = {source.x, source.y, target.x, target.y};
+  }
 }
 
-bool fitAffine(const _KROFRegistration& points, AffineMatrix* matrix, int cx, int cy, int r) {
-  return fit(PairSet(PairSet(points), cx, cy, r), nullptr, matrix);
+PointPairs::PointPairs(const _KRMatch* matches, int count) : count_(std::clamp(count, 0, kMaxPoints)) {
+  std::copy_n(matches, count_, pairs_);
 }
 
-bool fitAffine(const _KRMatch* points, int count, AffineMatrixF* matrix) {
-  return fit(PairSet(points, count), nullptr, matrix);
+PointPairs::PointPairs(const PointPairs& all, int cx, int cy, int r) : count_(0) {
+  for (const _KRMatch& pair : all) {
+    if (r == kEverywhere || isInside(pair, cx, cy, r)) pairs_[count_++] = pair;
+  }
 }
 
-bool fitAffine(const _KRMatch* points, int count, AffineMatrixF* matrix, int cx, int cy, int r) {
-  return fit(PairSet(PairSet(points, count), cx, cy, r), nullptr, matrix);
+template <typename T>
+bool fitAffine(const PointPairs& points, KRMatrix<2, 3, T>* matrix, int cx, int cy, int r) {
+  return fit(PointPairs(points, cx, cy, r), nullptr, matrix);
 }
 
-bool fitAffineWeighted(const _KROFRegistration& points, AffineMatrix* matrix, const float* weights) {
-  return fit(PairSet(points), weights, matrix);
-}
-
-bool fitAffineWeighted(const _KROFRegistration& points, AffineMatrix* matrix, const float* weights, int cx, int cy,
+template <typename T>
+bool fitAffineWeighted(const PointPairs& points, KRMatrix<2, 3, T>* matrix, const float* weights, int cx, int cy,
                        int r) {
-  return fit(PairSet(PairSet(points), cx, cy, r), weights, matrix);
+  return fit(PointPairs(points, cx, cy, r), weights, matrix);
 }
 
-bool fitAffineWeighted(const _KRMatch* points, int count, AffineMatrixF* matrix, const float* weights) {
-  return fit(PairSet(points, count), weights, matrix);
-}
-
-bool fitAffineWeighted(const _KRMatch* points, int count, AffineMatrixF* matrix, const float* weights, int cx, int cy,
-                       int r) {
-  return fit(PairSet(PairSet(points, count), cx, cy, r), weights, matrix);
-}
-
-void affineResiduals(const _KROFRegistration& points, const AffineMatrix& matrix, float* residuals) {
-  residualsOf(PairSet(points), matrix, residuals);
-}
-
-void affineResiduals(const _KROFRegistration& points, const AffineMatrix& matrix, float* residuals, int cx, int cy,
-                     int r, int* residualCount) {
-  const PairSet inside(PairSet(points), cx, cy, r);
+template <typename T>
+void affineResiduals(const PointPairs& points, const KRMatrix<2, 3, T>& matrix, float* residuals, int cx, int cy, int r,
+                     int* residualCount) {
+  const PointPairs inside(points, cx, cy, r);
   residualsOf(inside, matrix, residuals);
-  *residualCount = inside.size();
+  if (residualCount != nullptr) *residualCount = inside.size();
 }
 
-void affineResiduals(const _KRMatch* points, int count, const AffineMatrixF& matrix, float* residuals) {
-  residualsOf(PairSet(points, count), matrix, residuals);
+template <typename T>
+float medianResidual(const PointPairs& points, const KRMatrix<2, 3, T>& matrix, int cx, int cy, int r) {
+  return medianOf(PointPairs(points, cx, cy, r), matrix);
 }
 
-void affineResiduals(const _KRMatch* points, int count, const AffineMatrixF& matrix, float* residuals, int cx, int cy,
-                     int r, int* residualCount) {
-  const PairSet inside(PairSet(points, count), cx, cy, r);
-  residualsOf(inside, matrix, residuals);
-  *residualCount = inside.size();
+template <typename T>
+bool refineAffine(const PointPairs& points, KRMatrix<2, 3, T>* matrix, int cx, int cy, int r, float* similarity) {
+  return refine(PointPairs(points, cx, cy, r), matrix, similarity);
 }
 
-float medianResidual(const _KROFRegistration& points, const AffineMatrix& matrix, int cx, int cy, int r) {
-  return medianOf(PairSet(PairSet(points), cx, cy, r), matrix);
-}
-
-float medianResidual(const _KRMatch* points, int count, const AffineMatrixF& matrix, int cx, int cy, int r) {
-  return medianOf(PairSet(PairSet(points, count), cx, cy, r), matrix);
-}
-
-bool refineAffine(const _KROFRegistration& points, AffineMatrix* matrix, float* similarity) {
-  return refine(PairSet(points), matrix, similarity);
-}
-
-bool refineAffine(const _KROFRegistration& points, AffineMatrix* matrix, int cx, int cy, int r, float* similarity) {
-  return refine(PairSet(PairSet(points), cx, cy, r), matrix, similarity);
-}
-
-bool refineAffine(const _KRMatch* points, int count, AffineMatrixF* matrix, float* similarity) {
-  return refine(PairSet(points, count), matrix, similarity);
-}
-
-bool refineAffine(const _KRMatch* points, int count, AffineMatrixF* matrix, int cx, int cy, int r, float* similarity) {
-  return refine(PairSet(PairSet(points, count), cx, cy, r), matrix, similarity);
-}
+template bool fitAffine(const PointPairs&, AffineMatrix*, int, int, int);
+template bool fitAffine(const PointPairs&, AffineMatrixF*, int, int, int);
+template bool fitAffineWeighted(const PointPairs&, AffineMatrix*, const float*, int, int, int);
+template bool fitAffineWeighted(const PointPairs&, AffineMatrixF*, const float*, int, int, int);
+template void affineResiduals(const PointPairs&, const AffineMatrix&, float*, int, int, int, int*);
+template void affineResiduals(const PointPairs&, const AffineMatrixF&, float*, int, int, int, int*);
+template float medianResidual(const PointPairs&, const AffineMatrix&, int, int, int);
+template float medianResidual(const PointPairs&, const AffineMatrixF&, int, int, int);
+template bool refineAffine(const PointPairs&, AffineMatrix*, int, int, int, float*);
+template bool refineAffine(const PointPairs&, AffineMatrixF*, int, int, int, float*);
 
 float estimateMotion(const _KROFRegistration& registration, float (&motion)[9], float (&inverseMotion)[9], int cx,
                      int cy, int r, float* similarity) {
-  return estimate<double>(PairSet(registration), registration.noiseScale, motion, inverseMotion, cx, cy, r, similarity);
+  return estimate<double>(PointPairs(registration), registration.noiseScale, motion, inverseMotion, cx, cy, r,
+                          similarity);
 }
 
-float estimateMotion(const _KRMatch* points, int count, float (&motion)[9], float (&inverseMotion)[9], int cx, int cy,
+float estimateMotion(const _KRMatch* matches, int count, float (&motion)[9], float (&inverseMotion)[9], int cx, int cy,
                      int r, float* similarity) {
-  return estimate<float>(PairSet(points, count), kNoiseScale, motion, inverseMotion, cx, cy, r, similarity);
+  return estimate<float>(PointPairs(matches, count), kNoiseScale, motion, inverseMotion, cx, cy, r, similarity);
 }
 
 float median(const float* values, int count) {

@@ -47,7 +47,7 @@ void updatePathFilter(PathFilter* filter, const float* raw, float* smoothed) {
     const double keep = 1.0 - static_cast<double>(alpha);
     const double limit = component.limit;
 
-    // How far from the raw value the step would end; the level gives way so that it ends at the limit.
+    // Distance from the raw value after this step; the level is moved so that it ends at the limit.
     const auto deviation = [&] {
       return keep * (static_cast<double>(component.trend) + static_cast<double>(component.level) -
                      static_cast<double>(raw[i]));
@@ -59,7 +59,7 @@ void updatePathFilter(PathFilter* filter, const float* raw, float* smoothed) {
     component.level = holtStep(component.level, &component.trend, raw[i], alpha, filter->beta);
     smoothed[i] = component.level;
 
-    // Near the raw path the trend dies down, so that the smoothed one does not shoot past it.
+    // Damp the trend near the raw path to avoid overshoot.
     const double distance = std::fabs(static_cast<double>(smoothed[i]) - static_cast<double>(raw[i]));
     if (distance < limit / 2.0) component.trend *= 0.9f;
     if (distance < limit / 4.0) component.trend *= 0.9f;

@@ -1,5 +1,5 @@
-// The camera's path: the motions summed up, smoothed as they come, and the matrix that leads from one to the other.
-// Registration thread only.
+// The camera path: accumulated motion, its smoothed version, and the matrix from one to the other. Registration thread
+// only.
 #pragma once
 
 namespace noxel {
@@ -8,46 +8,46 @@ namespace noxel {
 inline constexpr int kPathValues = 4;
 
 struct PathFilterComponent {
-  float trend;    // a frame
+  float trend;    // change per frame
   float level;    // the smoothed value
-  float initial;  // the raw value at set-up
-  float limit;    // largest distance between smoothed and raw value
+  float initial;  // raw value at set-up
+  float limit;    // max distance between smoothed and raw value
 };
 
 // Double-exponential smoothing of `count` values, each kept within its limit of the raw one.
 struct PathFilter {
   PathFilterComponent* components;  // owned
   int count;
-  float alpha;  // share of a new value that goes into the level; three times this from the third value on
-  float beta;   // share that goes into the trend
+  float alpha;  // weight of a new value in the level; three times this for the third value and later
+  float beta;   // its weight in the trend
 };
 
 struct _KRStabilizationParameters {
   float rawPath[kPathValues];
   float smoothedPath[kPathValues];
   PathFilter pathFilter;
-  float stabilizationMatrix[9];  // 3 x 3, row-major; identity when nothing is known
+  float stabilizationMatrix[9];  // 3 x 3, row-major; identity when unknown
 };
 
-// Puts the filter at rest at `values`. Components that it has in that number are used again, so a filter that was set up once
-// is set back without allocating. False when memory ran out: the filter is empty then.
+// Resets the filter to rest at `values`. Reuses the components when their number is the same, so that only the first
+// call allocates. False when out of memory; the filter is then empty.
 bool initPathFilter(PathFilter* filter, const float* values, const float* limits, int count, float alpha, float beta);
 
 // One step of every component: smoothed[i] follows raw[i].
 void updatePathFilter(PathFilter* filter, const float* raw, float* smoothed);
 
-// One step of double-exponential smoothing towards x. Returns the new level and updates the trend.
+// One step of double-exponential smoothing towards x. Returns the new level, updates the trend.
 float holtStep(float level, float* trend, float x, float alpha, float beta);
 
-// Sets columns x rows records to rest: both paths (0, 0, 0, 1), the stabilisation matrix the identity. Allocates for records
-// that come zero-filled, and not again. False when memory ran out. width, height: of the registration image; the picture may
-// be moved by 3 % of them.
+// Resets columns x rows records to rest: both paths (0, 0, 0, 1), the stabilisation matrix the identity. Allocates for
+// zero-filled records only. False when out of memory. width, height: of the registration image; stabilisation may shift
+// the picture by 3 % of them.
 bool initStabilization(_KRStabilizationParameters* stabilization, int columns, int rows, int width, int height);
 void releaseStabilization(_KRStabilizationParameters* stabilization, int columns, int rows);
 
-// Goes one frame on: `similarity` = (tx, ty, a, b), current from previous, as refineAffine writes it. False when the path
-// left what it can be smoothed in (a scale beyond 1000 or below 1/1000, a matrix that is no number) or was never set up: it
-// has to be set to rest.
+// Advances by one frame: `similarity` = (tx, ty, a, b), current from previous, as refineAffine writes it. False when
+// the path has to be reset: its scale is above 1000 or below 1/1000, a matrix entry is not finite, or it was never set
+// up.
 bool stepStabilization(_KRStabilizationParameters* stabilization, const float* similarity);
 
 }  // namespace noxel

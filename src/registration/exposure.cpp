@@ -14,7 +14,7 @@ void lumaStatistics(const LumaImage& image, int* mean, int* maxLevel, int* minLe
   const int64_t pixelCount = int64_t{image.width} * image.height;
   for (int64_t at = 0; at < pixelCount; at += 32) {
     const uint8_t first = image.pixels[at];
-    const uint8_t second = image.pixels[std::min(at + 1, pixelCount - 1)];  // the last pixel may stand alone
+    const uint8_t second = image.pixels[std::min(at + 1, pixelCount - 1)];  // the last pixel may have no neighbour
     ++histogram[first];
     ++histogram[second];
     sum += first + second;
@@ -43,7 +43,7 @@ void updateExposure(ExposureState* state, const LumaImage& image, int mode, int 
   int minLevel = 0;
   lumaStatistics(image, &mean, &state->maxLevel, &minLevel, 0.9999f);
 
-  // ratio^gamma = 1/2: the mean goes to half of the brightest level.
+  // ratio^gamma = 1/2: the mean maps to half of the brightest level.
   float gamma = 1.0f;
   const float ratio = state->maxLevel > 0 ? static_cast<float>(mean) / static_cast<float>(state->maxLevel) : 0.0f;
   if (ratio > 0.0f && std::log(ratio) != 0.0f) gamma = -std::log(2.0f) / std::log(ratio);

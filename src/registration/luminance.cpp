@@ -7,7 +7,7 @@
 namespace noxel {
 
 int resolutionFactor(int width, int height) {
-  const bool halves = width > 1 && height > 1;  // half of one row would be none
+  const bool halves = width > 1 && height > 1;  // half of one row is none
   return halves && (width > 1000 || height > 1000) ? 2 : 1;
 }
 

@@ -20,33 +20,34 @@ using tracker::MotionFound;
 using tracker::PatchEvidence;
 
 constexpr float kLostError = 1e3f;
-constexpr int kCellSide = 16;  // pixels: about the distance of two points
+constexpr int kCellSide = 16;  // pixels: about the distance between points
 
-// Points within this many pixels of the common motion, and three times their median forward-backward distance, follow it.
-// Where as many do, the others are taken for things that move on their own.
+// A point within this many pixels of the global motion, plus three times the median forward-backward distance, follows
+// it. When enough points do, the others are outliers: objects that move on their own.
 constexpr float kTolerance = 1.5f;
-constexpr int kLeastConsensus = 30;
-constexpr float kLeastShare = 0.4f;
+constexpr int kMinConsensus = 30;
+constexpr float kMinShare = 0.4f;
 
-// A picture that moves less than this, and no more than noise would, stands on a tripod: measured jitter, drawn into the
-// history again and again, would blur it. A chi-squared of six degrees of freedom exceeds the bound once in 500 times.
+// A camera that moves less than this (pixels), and not significantly, is on a tripod: the jitter of the measurement,
+// resampled into the history frame after frame, would blur it. Chi-squared with six degrees of freedom exceeds the
+// bound 1 time in 500.
 constexpr float kStill = 0.05f;
 constexpr double kStillSignificance = 21.0;
 
-// A motion must not be an exact translation, or none: the driver takes a coefficient of zero for a fit that failed. This
-// much of a rotation and zoom, with a sign that changes each frame, is at most 0.02 pixels in the corners.
+// A motion must not be an exact translation or the identity: registerFrame takes a zero coefficient for a failed fit.
+// This much rotation and zoom, alternating in sign, is at most 0.02 pixels in the corners.
 constexpr float kStillStep = 0x1p-16f;
-constexpr float kSamePlace = 1e-3f;  // pixels: between displacements that a fit may take for one
+constexpr float kSamePlace = 1e-3f;  // pixels: displacements that a fit may take as equal
 
 constexpr float kGoodCorrelation = 0.9f;
 
-// Texture in its weaker direction, for choosing points.
+// Texture in its weaker direction (the smaller eigenvalue), for choosing points.
 float cornerness(const PatchEvidence& patch) {
   const float half = 0.5f * (patch.hxx - patch.hyy);
   return 0.5f * (patch.hxx + patch.hyy) - std::sqrt(half * half + patch.hxy * patch.hxy);
 }
 
-// The block of a grid that holds a point of the registration image.
+// The block that contains a point of the registration image.
 int blockAt(const BlockGrid& grid, int level, float x, float y) {
   const auto scale = static_cast<float>(1 << level);
   const auto column = static_cast<int>((x / scale - static_cast<float>(grid.originX)) / kBlockSide);
@@ -57,35 +58,35 @@ int blockAt(const BlockGrid& grid, int level, float x, float y) {
 }  // namespace
 
 PointTracker::~PointTracker() {
-  std::free(identifiers);
+  std::free(identifiers_);
 }
 
 bool PointTracker::allocate(int width, int height, int levels) {
-  frameWidth = static_cast<float>(width);
-  frameHeight = static_cast<float>(height);
-  cellColumns = (width + kCellSide - 1) / kCellSide;
-  cellRows = (height + kCellSide - 1) / kCellSide;
-  identifiers =
-      static_cast<int*>(std::calloc(static_cast<size_t>(cellColumns) * static_cast<size_t>(cellRows), sizeof(int)));
-  return identifiers != nullptr && estimator.allocate(width, height, levels);
+  frameWidth_ = static_cast<float>(width);
+  frameHeight_ = static_cast<float>(height);
+  cellColumns_ = (width + kCellSide - 1) / kCellSide;
+  cellRows_ = (height + kCellSide - 1) / kCellSide;
+  identifiers_ =
+      static_cast<int*>(std::calloc(static_cast<size_t>(cellColumns_) * static_cast<size_t>(cellRows_), sizeof(int)));
+  return identifiers_ != nullptr && estimator_.allocate(width, height, levels);
 }
 
 int PointTracker::cellAt(float x, float y) const {
-  const int column = std::clamp(static_cast<int>(x) / kCellSide, 0, cellColumns - 1);
-  const int row = std::clamp(static_cast<int>(y) / kCellSide, 0, cellRows - 1);
-  return row * cellColumns + column;
+  const int column = std::clamp(static_cast<int>(x) / kCellSide, 0, cellColumns_ - 1);
+  const int row = std::clamp(static_cast<int>(y) / kCellSide, 0, cellRows_ - 1);
+  return row * cellColumns_ + column;
 }
 
 void PointTracker::prime(const uint8_t* frame) {
-  std::memset(identifiers, 0, sizeof(int) * static_cast<size_t>(cellColumns) * static_cast<size_t>(cellRows));
-  estimator.forgetMotion();
-  estimator.read(frame, pool);
+  std::memset(identifiers_, 0, sizeof(int) * static_cast<size_t>(cellColumns_) * static_cast<size_t>(cellRows_));
+  estimator_.forgetMotion();
+  estimator_.read(frame, pool);
 }
 
-// The block with the best texture in each cell of the grid, with as many cells as there may be points.
+// The best-textured block of each cell; cells are as small as maxPoints allows.
 int PointTracker::choosePoints(int level, int maxPoints) {
-  const BlockGrid& grid = estimator.level(level).grid();
-  const PatchEvidence* patches = estimator.level(level).patches(kForward);
+  const BlockGrid& grid = estimator_.level(level).grid();
+  const PatchEvidence* patches = estimator_.level(level).patches(kForward);
   int side = 1;
   while (((grid.columns + side - 1) / side) * ((grid.rows + side - 1) / side) > maxPoints) ++side;
   int count = 0;
@@ -104,26 +105,27 @@ int PointTracker::choosePoints(int level, int maxPoints) {
           }
         }
       }
-      if (best >= 0) chosen[count++] = best;
+      if (best >= 0) chosen_[count++] = best;
     }
   }
   return count;
 }
 
-// The finest level whose patches look alike, as seen past the noise; failing that, the one where they do most.
+// The finest level where noise does not hide that patches match; without one, the level with the best median
+// correlation.
 int PointTracker::scoreLevel() const {
   int best = 0;
   float bestMedian = -1.0f;
-  for (int level = 0; level <= estimator.coarsest() && estimator.level(level).compared(); ++level) {
-    const PatchEvidence* patches = estimator.level(level).patches(kForward);
-    const int blocks = estimator.level(level).grid().count();
+  for (int level = 0; level <= estimator_.coarsest() && estimator_.level(level).compared(); ++level) {
+    const PatchEvidence* patches = estimator_.level(level).patches(kForward);
+    const int blocks = estimator_.level(level).grid().count();
     const int stride = std::max(1, blocks / kMaxPoints + 1);
     int count = 0;
     for (int i = 0; i < blocks; i += stride) {
-      if (patches[i].blocks > 0.0f) scratch[count++] = patches[i].correlation();
+      if (patches[i].blocks > 0.0f) scratch_[count++] = patches[i].correlation();
     }
     if (count == 0) continue;
-    const float median = medianOf(scratch, count);
+    const float median = medianOf(scratch_, count);
     if (median > bestMedian) {
       bestMedian = median;
       best = level;
@@ -134,8 +136,8 @@ int PointTracker::scoreLevel() const {
 }
 
 void PointTracker::track(const uint8_t* frame, _KROFRegistration* registration) {
-  estimator.read(frame, pool);
-  const MotionFound found = estimator.estimate(pool);
+  estimator_.read(frame, pool);
+  const MotionFound found = estimator_.estimate(pool);
   placePoints(found.level, registration);
   if (found.known) {
     displacePoints(found, registration);
@@ -149,62 +151,62 @@ void PointTracker::track(const uint8_t* frame, _KROFRegistration* registration) 
   }
 }
 
-// Fills in the points as if all were lost.
+// Fills in the points, all marked as lost.
 void PointTracker::placePoints(int level, _KROFRegistration* registration) {
-  const BlockGrid& grid = estimator.level(level).grid();
-  const float scale = estimator.level(level).scale();
+  const BlockGrid& grid = estimator_.level(level).grid();
+  const float scale = estimator_.level(level).scale();
   registration->pointCount = choosePoints(level, registration->maxPoints);
   for (int i = 0; i < registration->pointCount; ++i) {
-    const float x = grid.centreX(chosen[i] % grid.columns) * scale;
-    const float y = grid.centreY(chosen[i] / grid.columns) * scale;
+    const float x = grid.centreX(chosen_[i] % grid.columns) * scale;
+    const float y = grid.centreY(chosen_[i] / grid.columns) * scale;
     registration->sourcePoints[i] = {x, y};
     registration->displacements[i] = {0.0f, 0.0f};
     registration->scores[i] = 0.0f;
     registration->errors[i] = kLostError;
     registration->indices[i] = i;
-    int& identifier = identifiers[cellAt(x, y)];
-    registration->identifiers[i] = identifier != 0 ? identifier : ++lastIdentifier;
-    identifier = 0;  // two points of a cell are two
+    int& identifier = identifiers_[cellAt(x, y)];
+    registration->identifiers[i] = identifier != 0 ? identifier : ++lastIdentifier_;
+    identifier = 0;  // a second point in the cell gets its own
   }
 }
 
-// Each point along the common motion. What a patch by itself says is too noisy in the dark, and where a scene has depth the
-// fit over points of their own would follow the middle of the picture and let go of the rest; it only says how far the
-// point can be believed.
+// Moves every point along the global motion. A patch's own displacement is too noisy in the dark, and with parallax a
+// fit to such points would follow the middle of the picture and lose the rest; it only decides how far a point is
+// trusted.
 void PointTracker::displacePoints(const MotionFound& found, _KROFRegistration* registration) {
   const int level = found.level;
-  const BlockGrid& grid = estimator.level(level).grid();
-  const PatchEvidence* forward = estimator.level(level).patches(kForward);
-  const PatchEvidence* backward = estimator.level(level).patches(kBackward);
-  const float scale = estimator.level(level).scale();
-  const tracker::PictureFrame& frame = estimator.pictureFrame();
+  const BlockGrid& grid = estimator_.level(level).grid();
+  const PatchEvidence* forward = estimator_.level(level).patches(kForward);
+  const PatchEvidence* backward = estimator_.level(level).patches(kBackward);
+  const float scale = estimator_.level(level).scale();
+  const tracker::PictureFrame& frame = estimator_.pictureFrame();
   const int count = registration->pointCount;
 
   const int comparedAt = scoreLevel();
-  const BlockGrid& comparedGrid = estimator.level(comparedAt).grid();
-  const PatchEvidence* compared = estimator.level(comparedAt).patches(kForward);
+  const BlockGrid& comparedGrid = estimator_.level(comparedAt).grid();
+  const PatchEvidence* compared = estimator_.level(comparedAt).patches(kForward);
   for (int i = 0; i < count; ++i) {
     const KRPoint& source = registration->sourcePoints[i];
     const auto dx = static_cast<float>(found.motion.dx(frame.u(source.x), frame.v(source.y)));
     const auto dy = static_cast<float>(found.motion.dy(frame.u(source.x), frame.v(source.y)));
     float ownX, ownY, backX, backY;
     const PatchEvidence& back = backward[blockAt(grid, level, source.x + dx, source.y + dy)];
-    if (!forward[chosen[i]].displacement(&ownX, &ownY) || !back.displacement(&backX, &backY)) continue;
+    if (!forward[chosen_[i]].displacement(&ownX, &ownY) || !back.displacement(&backX, &backY)) continue;
     registration->displacements[i] = {dx, dy};
     registration->scores[i] = compared[blockAt(comparedGrid, comparedAt, source.x, source.y)].correlation();
     registration->errors[i] = std::hypot(ownX + backX, ownY + backY) * scale;
-    offCourse[i] = std::hypot(ownX, ownY) * scale;
+    offCourse_[i] = std::hypot(ownX, ownY) * scale;
   }
 }
 
 void PointTracker::markOthers(_KROFRegistration* registration) {
   const int count = registration->pointCount;
-  std::memcpy(scratch, registration->errors, sizeof(float) * static_cast<size_t>(count));
-  const float tolerance = kTolerance + 3.0f * medianOf(scratch, count);
-  const auto follows = [&](int i) { return registration->errors[i] < kLostError && offCourse[i] <= tolerance; };
+  std::memcpy(scratch_, registration->errors, sizeof(float) * static_cast<size_t>(count));
+  const float tolerance = kTolerance + 3.0f * medianOf(scratch_, count);
+  const auto follows = [&](int i) { return registration->errors[i] < kLostError && offCourse_[i] <= tolerance; };
   int following = 0;
   for (int i = 0; i < count; ++i) following += follows(i) ? 1 : 0;
-  if (following < kLeastConsensus || static_cast<float>(following) < kLeastShare * static_cast<float>(count)) return;
+  if (following < kMinConsensus || static_cast<float>(following) < kMinShare * static_cast<float>(count)) return;
   for (int i = 0; i < count; ++i) {
     if (!follows(i)) registration->errors[i] = kLostError;
   }
@@ -219,16 +221,16 @@ void PointTracker::holdStill(const MotionFound& found, _KROFRegistration* regist
     if (!(registration->errors[i] < kLostError)) continue;
     const KRPoint& displacement = registration->displacements[i];
     if (followed == 0) first = displacement;
-    scratch[followed++] = std::hypot(displacement.x, displacement.y);
+    scratch_[followed++] = std::hypot(displacement.x, displacement.y);
     alike = alike && std::hypot(displacement.x - first.x, displacement.y - first.y) < kSamePlace;
   }
-  const bool still = medianOf(scratch, followed) < kStill && found.significance < kStillSignificance;
+  const bool still = medianOf(scratch_, followed) < kStill && found.significance < kStillSignificance;
   if (!still && !alike) return;
-  stillSign = !stillSign;
-  const float step = stillSign ? kStillStep : -kStillStep;
+  stillSign_ = !stillSign_;
+  const float step = stillSign_ ? kStillStep : -kStillStep;
   for (int i = 0; i < count; ++i) {
-    const float x = registration->sourcePoints[i].x - 0.5f * frameWidth;
-    const float y = registration->sourcePoints[i].y - 0.5f * frameHeight;
+    const float x = registration->sourcePoints[i].x - 0.5f * frameWidth_;
+    const float y = registration->sourcePoints[i].y - 0.5f * frameHeight_;
     KRPoint& displacement = registration->displacements[i];
     if (still) displacement = {0.0f, 0.0f};
     displacement = {displacement.x + step * (x + y), displacement.y + step * (y - x)};
@@ -236,12 +238,12 @@ void PointTracker::holdStill(const MotionFound& found, _KROFRegistration* regist
 }
 
 void PointTracker::advance(const _KROFRegistration& registration) {
-  std::memset(identifiers, 0, sizeof(int) * static_cast<size_t>(cellColumns) * static_cast<size_t>(cellRows));
+  std::memset(identifiers_, 0, sizeof(int) * static_cast<size_t>(cellColumns_) * static_cast<size_t>(cellRows_));
   for (int i = 0; i < registration.pointCount; ++i) {
     const KRPoint& target = registration.targetPoints[i];
-    identifiers[cellAt(target.x, target.y)] = registration.identifiers[i];
+    identifiers_[cellAt(target.x, target.y)] = registration.identifiers[i];
   }
-  estimator.advance();
+  estimator_.advance();
 }
 
 void primeTracker(_KROFRegistration* registration, const uint8_t* frame) {

@@ -1,4 +1,4 @@
-// What the registration driver asks of the tracker, once per frame.
+// The tracker, as registerFrame calls it once per frame.
 #pragma once
 
 #include "kernels/worker_pool.h"
@@ -8,16 +8,17 @@ namespace noxel {
 
 // Frames are width x height bytes of luminance, tightly packed, of the size the registration was created for.
 
-// Takes the first frame of a sequence: nothing is tracked into it.
+// Takes the first frame of a sequence.
 void primeTracker(_KROFRegistration* registration, const uint8_t* frame);
 
-// Tracks the previous frame's points into this one and fills the point arrays, scores, errors, identifiers and pointCount.
+// Tracks the previous frame's points into this one and fills the point arrays, scores, errors, identifiers and
+// pointCount.
 void trackPoints(_KROFRegistration* registration, const uint8_t* frame);
 
 // Makes the current points and pyramid the previous ones.
 void advanceTracker(_KROFRegistration* registration);
 
-// Null, as after creation: the calling thread does all the work. The pool must outlive the registration.
+// Null (the default): the calling thread does all the work. The pool must outlive the registration.
 void setTrackerWorkers(_KROFRegistration* registration, WorkerPool* pool);
 
 }  // namespace noxel

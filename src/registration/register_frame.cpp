@@ -11,14 +11,14 @@
 namespace noxel {
 namespace {
 
-constexpr int kFewestMatches = 5;
+constexpr int kMinMatches = 5;
 
-// No number is within anything.
-bool isWithin(float value, float lowest, float highest) {
-  return value >= lowest && value <= highest;
+// A NaN is never within.
+bool isWithin(float value, float min, float max) {
+  return value >= min && value <= max;
 }
 
-// A coefficient of exactly zero is that of a fit that failed.
+// A coefficient of exactly zero marks a failed fit.
 bool isFitted(const float (&motion)[9]) {
   return motion[0] != 0.0f && motion[1] != 0.0f && motion[3] != 0.0f && motion[4] != 0.0f;
 }
@@ -35,7 +35,6 @@ void resetPath(_KRStabilizationParameters* stabilization, const _KROFRegistratio
     NOXEL_LOG_ERROR("no memory for the camera path");
 }
 
-// Nothing was matched into a first frame.
 void beginSequence(const uint8_t* frame, _KROFRegistration* registration, int* firstFrame) {
   primeTracker(registration, frame);
   registration->trackedCount = registration->matchedCount = 0;
@@ -43,7 +42,7 @@ void beginSequence(const uint8_t* frame, _KROFRegistration* registration, int* f
   *firstFrame = 0;
 }
 
-// Prunes the tracked pairs and writes those that remain. False when they are too few.
+// Prunes the tracked pairs and copies the rest. False when they are too few.
 bool takeMatches(_KROFRegistration* registration, _KRMatch* matches) {
   pruneMatches(registration);
   for (int i = 0; i < registration->matchedCount; ++i) {
@@ -51,10 +50,10 @@ bool takeMatches(_KROFRegistration* registration, _KRMatch* matches) {
     const KRPoint target = registration->targetPoints[i];
     matches[i] = {source.x, source.y, target.x, target.y};
   }
-  return registration->matchedCount >= kFewestMatches;
+  return registration->matchedCount >= kMinMatches;
 }
 
-// Centre of cell `index` of `count` along a side: the first cell's is at the near edge, the last one's at the far edge.
+// Centre of cell `index` of `count` along a side: the first at the near edge, the last at the far edge.
 int cellCentre(int index, int count, int side) {
   return count > 1 ? index * (side / (count - 1)) : side / 2;
 }
@@ -77,12 +76,12 @@ void pruneMatches(_KROFRegistration* registration) {
   const auto side = static_cast<float>(registration->width + registration->height);
   registration->medianScore = median(registration->scores, tracked);
   registration->medianError = median(registration->errors, tracked);
-  const float lowestScore = std::clamp(registration->medianScore, 0.65f, 0.9f);
-  const float highestError = std::max(std::min(registration->medianError, 0.002f * side), 0.0005f * side);
+  const float minScore = std::clamp(registration->medianScore, 0.65f, 0.9f);
+  const float maxError = std::max(std::min(registration->medianError, 0.002f * side), 0.0005f * side);
 
   int kept = 0;
   for (int i = 0; i < tracked; ++i) {
-    if (!(registration->scores[i] >= lowestScore && registration->errors[i] <= highestError)) continue;
+    if (!(registration->scores[i] >= minScore && registration->errors[i] <= maxError)) continue;
     registration->sourcePoints[kept] = registration->sourcePoints[i];
     registration->targetPoints[kept] = registration->targetPoints[i];
     registration->displacements[kept] = registration->displacements[i];

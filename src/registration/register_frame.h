@@ -1,4 +1,4 @@
-// Motion and stabilisation of one frame against the one before. Registration thread only; nothing allocates but the grid.
+// Motion and stabilisation of one frame against the previous one. Registration thread only; only the grid allocates.
 #pragma once
 
 #include <cstdint>
@@ -8,40 +8,40 @@
 
 namespace noxel {
 
-// Measures a frame and goes one step along the camera's path.
+// Measures a frame and steps the camera path.
 //
 //   frame          width x height bytes of luminance, of the registration's size, tightly packed
 //   motion         3 x 3, row-major: previous from current, in pixels of the registration image
 //   inverseMotion  current from previous
-//   matches        room for kMaxPoints; gets the kept pairs, registration->matchedCount of them
-//   valid          1, or 0 for a first frame, fewer than 5 matches, or a motion that no hand-held camera makes from one frame
-//                  to the next; the matrices are not to be used then
-//   firstFrame     1: the frame only primes the tracker, and the word is set to 0
-//   stabilization  set up by initStabilization. After a frame without valid motion the path starts again from rest; after a
-//                  first frame it stays, and only the matrix is the identity.
+//   matches        room for kMaxPoints; receives the registration->matchedCount pairs kept
+//   valid          1, or 0 for a first frame, fewer than 5 matches or an implausible motion for a hand-held camera;
+//                  ignore the matrices then
+//   firstFrame     1: the frame only primes the tracker; set to 0 then
+//   stabilization  set up by initStabilization. A frame without valid motion restarts the path from rest; a first frame
+//                  keeps the path and sets only the matrix to the identity.
 void registerFrame(const uint8_t* frame, float (&motion)[9], float (&inverseMotion)[9], _KRMatch* matches, int* valid,
                    _KROFRegistration* registration, int* firstFrame, _KRStabilizationParameters* stabilization);
 
-// The same for columns x rows local motions, each fitted around its own place and with its own record in `stabilization`,
-// row by row. Valid when the tests for zero hold in every cell; no other range is tested. The matrices are those of the last
-// cell that was fitted. Allocates; no frame path uses it.
+// The same for a grid of columns x rows local motions, each fitted around its own centre with its own record in
+// `stabilization`, row by row. Valid when no cell has a zero coefficient; ranges are not tested. The matrices are those
+// of the last cell fitted. Allocates; no frame path uses it.
 void registerFrameGrid(const uint8_t* frame, float (&motion)[9], float (&inverseMotion)[9], _KRMatch* matches,
                        int* valid, _KROFRegistration* registration, int* firstFrame,
                        _KRStabilizationParameters* stabilization, int columns, int rows);
 
-// The parts of both that follow the tracking of the frame's points and do not need the tracker. True: valid.
+// What both do after tracking, without the tracker. True: valid.
 bool fitFrame(float (&motion)[9], float (&inverseMotion)[9], _KRMatch* matches, _KROFRegistration* registration,
               _KRStabilizationParameters* stabilization);
 bool fitFrameGrid(float (&motion)[9], float (&inverseMotion)[9], _KRMatch* matches, _KROFRegistration* registration,
                   _KRStabilizationParameters* stabilization, int columns, int rows);
 
-// Keeps the pairs that match at least as well as the median pair, within limits:
+// Keeps the pairs that match at least as well as the median one, within limits:
 //
 //   score >= median score, limited to 0.65..0.9
 //   error <= median error, limited to 0.0005..0.002 of width + height
 //
-// Positions, displacements and identifiers move up to the free places; `indices` says where a pair was before, which is
-// where its score and error still are. Sets the counts and medians.
+// Positions, displacements and identifiers are compacted; scores and errors stay where they were, at `indices`. Sets
+// the counts and medians.
 void pruneMatches(_KROFRegistration* registration);
 
 }  // namespace noxel

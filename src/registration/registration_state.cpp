@@ -12,19 +12,19 @@
 namespace noxel {
 namespace {
 
-// The tracker counts pixels in int, and on 32-bit machines its pictures, two bytes a pixel, are to be within a ptrdiff_t.
-constexpr int kMostPixels = INT_MAX / 4;
+// The tracker counts pixels in int, and its images, two bytes a pixel, must fit a ptrdiff_t on 32-bit machines.
+constexpr int kMaxPixels = INT_MAX / 4;
 
 }  // namespace
 
 int createRegistration(int width, int height, int channels, _KROFRegistration** state) {
-  if (width < 1 || height < 1 || int64_t{width} * height > kMostPixels || channels != 1) return 1;
+  if (width < 1 || height < 1 || int64_t{width} * height > kMaxPixels || channels != 1) return 1;
   auto* created = static_cast<_KROFRegistration*>(std::calloc(1, sizeof(_KROFRegistration)));
   if (created == nullptr) return 1;
   created->width = width;
   created->height = height;
   created->maxPoints = kMaxPoints;
-  created->levels = std::clamp(static_cast<int>(std::lround(std::log2(width / 16.0))), 2, tracker::kMostLevels);
+  created->levels = std::clamp(static_cast<int>(std::lround(std::log2(width / 16.0))), 2, tracker::kMaxLevels);
   created->noiseScale = 1.0f;
   created->tracker = new (std::nothrow) PointTracker();
   if (created->tracker == nullptr || !created->tracker->allocate(width, height, created->levels)) {

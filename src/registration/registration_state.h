@@ -1,4 +1,4 @@
-// State of the point tracker, and the point pairs it leaves for the fit.
+// State of the point tracker, and the point pairs it hands to the fit.
 #pragma once
 
 #include <cstdint>
@@ -22,24 +22,25 @@ struct _KRMatch {
 
 class PointTracker;
 
-// Registration thread only. Coordinates are pixels of the registration image; the centre of its first pixel is (0.5, 0.5).
+// Registration thread only. Coordinates are pixels of the registration image; the centre of its first pixel is (0.5,
+// 0.5).
 struct _KROFRegistration {
   int width;
   int height;
-  int pointCount;    // pairs in the arrays below: the tracked ones, after pruning the kept ones
-  int matchedCount;  // the kept ones of the last frame
-  int trackedCount;  // the ones before pruning
+  int pointCount;    // pairs in the arrays below: all tracked ones, after pruning those kept
+  int matchedCount;  // kept in the last frame
+  int trackedCount;  // before pruning
   int maxPoints;     // kMaxPoints
   int levels;        // of the image pyramid, 2..8
-  float noiseScale;  // 1: a fit whose median residual reaches five times this is reported as poor
+  float noiseScale;  // 1; a fit whose median residual reaches five times this is reported as poor
 
   KRPoint sourcePoints[kMaxPoints];   // in the previous frame
   KRPoint targetPoints[kMaxPoints];   // in the current frame
   KRPoint displacements[kMaxPoints];  // target - source
-  float scores[kMaxPoints];           // normalised cross-correlation of the two patches, -1..1, 0 for a lost point
-  float errors[kMaxPoints];     // forward-backward distance, pixels; 1e3 for a lost point or one that moves its own way
-  int indices[kMaxPoints];      // place before pruning
-  int identifiers[kMaxPoints];  // the same for a point as long as it is followed from frame to frame
+  float scores[kMaxPoints];           // normalised cross-correlation of the two patches, -1..1; 0: lost
+  float errors[kMaxPoints];           // forward-backward distance, pixels; 1e3: lost, or an outlier
+  int indices[kMaxPoints];            // index before pruning
+  int identifiers[kMaxPoints];        // constant while a point is tracked from frame to frame
 
   float medianScore;  // of the tracked points
   float medianError;
@@ -47,9 +48,9 @@ struct _KROFRegistration {
   PointTracker* tracker;  // owned
 };
 
-// Allocates everything the frame path will need for images of width x height with `channels` bytes a pixel, of which only 1
-// is supported. 0, and *state set; 1 when memory ran out or a size is refused: *state is untouched then.
+// Allocates everything the frame path needs for width x height images with `channels` bytes per pixel; only 1 is
+// supported. 0: *state is set. 1: out of memory or a size that is refused; *state is untouched.
 int createRegistration(int width, int height, int channels, _KROFRegistration** state);
-void releaseRegistration(_KROFRegistration** state);  // null is allowed
+void releaseRegistration(_KROFRegistration** state);  // may be null
 
 }  // namespace noxel

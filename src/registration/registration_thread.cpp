@@ -82,7 +82,7 @@ void* registrationThreadMain(void* argument) {
     if (context->registrationResult != kRegistrationOff) {
       measureMotion(context);
     } else {
-      // No motion is known of a frame that was not measured.
+      // Stale otherwise: an older frame's motion.
       storeMatrix(context->motionMatrix, kIdentity3x3, 1);
       storeMatrix(context->inverseMotionMatrix, kIdentity3x3, 1);
     }

@@ -1,4 +1,4 @@
-// The CPU side of an engine: once per frame, motion against the previous frame, the stabilisation matrix, and exposure.
+// The CPU side of an engine: per frame, the motion since the previous frame, the stabilisation matrix and the exposure.
 #pragma once
 
 #include <pthread.h>
@@ -20,7 +20,7 @@ struct MotionEstimate {
   float stabilizedFromCurrent[9];
 };
 
-// Measures one frame. `first`: the frame only primes the measurement, its result is not used. False: no valid motion.
+// Measures one frame. `first`: the frame only primes the measurement; its result is ignored. False: no valid motion.
 using MotionSource = bool (*)(void* context, const LumaImage& image, bool first, MotionEstimate* estimate);
 
 inline constexpr float kIdentity3x3[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
@@ -30,8 +30,8 @@ inline constexpr int kRegistrationOff = -1;
 inline constexpr int kRegistrationFailed = 0;
 inline constexpr int kRegistrationValid = 1;
 
-// Argument of the registration thread. Everything but the signals, the quit flag and the exposure strength belongs to one
-// side at a time: to the frame path until it raises registrationRequest, to the thread until it raises registrationDone.
+// Argument of the registration thread. Apart from the signals, the quit flag and the exposure strength it has one owner
+// at a time: the frame path until it raises registrationRequest, then the thread until it raises registrationDone.
 struct RegistrationContext {
   int quitFlag = 0;  // under quitMutex
   pthread_mutex_t quitMutex = PTHREAD_MUTEX_INITIALIZER;
@@ -41,14 +41,14 @@ struct RegistrationContext {
   int height = 0;
   int resolutionFactor = 1;          // frame pixels per registration pixel: 1 or 2
   uint8_t* luminanceFrames[2] = {};  // the frame path fills one and selects it
-  uint8_t* scratchFrame = nullptr;   // the frame path's, for smoothing
+  uint8_t* scratchFrame = nullptr;   // scratch of the frame path, for smoothing
   int frameSelect = 0;
 
-  // Off: the thread only updates the exposure. Otherwise in: on, out: the last frame's validity.
+  // kRegistrationOff: the thread only updates the exposure. Otherwise written per frame: failed or valid.
   int registrationResult = kRegistrationValid;
-  int firstFrame = 1;  // 1: the next frame only primes
+  int firstFrame = 1;  // 1: the next frame only primes the tracker
 
-  // Translation in full-resolution pixels.
+  // Translations in full-resolution pixels.
   float motionMatrix[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};         // current to previous frame
   float inverseMotionMatrix[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};  // previous to current frame
   float stabilizationMatrix[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};  // current frame to stabilised picture
@@ -57,11 +57,11 @@ struct RegistrationContext {
   std::atomic<int> exposureStrength = 50;  // 0..100, set by any thread, relaxed: a frame late is fine
 
   _KRStabilizationParameters stabilization = {};  // in pixels of the registration image
-  _KROFRegistration* registration = nullptr;      // the tracker's state; null: every frame is a failed registration
+  _KROFRegistration* registration = nullptr;      // tracker state; null: every registration fails
   _KRMatch matches[kMaxPoints] = {};  // the kept pairs of the last frame, in pixels of the registration image
   int matchCount = 0;
 
-  // Takes the tracker's place when it is set: known motion for tests.
+  // Replaces the tracker when set: known motion for tests.
   MotionSource motionSource = nullptr;
   void* motionSourceContext = nullptr;
 
@@ -69,12 +69,12 @@ struct RegistrationContext {
   _KRSignal registrationDone;
 };
 
-// Serves one frame per registrationRequest until the quit flag is set; its last act is to raise registrationDone. Returns
-// the context.
+// Thread body: serves one frame per registrationRequest until the quit flag is set, then raises registrationDone a last
+// time. Returns the context.
 void* registrationThreadMain(void* context);
 
-// Measures the selected frame into the context's matrices, matches and registrationResult. A frame without valid motion,
-// non-finite matrices included, has identity matrices.
+// Measures the selected frame into the context's matrices, matches and registrationResult. Without valid motion, or
+// when a matrix is not finite, all three matrices are the identity.
 void measureMotion(RegistrationContext* context);
 
 }  // namespace noxel

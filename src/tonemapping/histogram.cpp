@@ -5,19 +5,19 @@
 namespace noxel {
 namespace {
 
-// For levels at most kLevels outside.
-int folded(int level) {
+// Mirrors a level at most kLevels outside 0..255.
+int mirrored(int level) {
   if (level < 0) return -1 - level;
   if (level >= kLevels) return 2 * kLevels - 1 - level;
   return level;
 }
 
-// Folding is its own inverse: what level j sends to i, i sends to j, so gathering is the same as spreading.
+// Mirroring is its own inverse, so that gathering from mirrored levels equals spreading to them.
 Histogram boxFiltered(const Histogram& histogram, int radius) {
   Histogram result;
   for (int level = 0; level < kLevels; ++level) {
     double sum = 0.0;
-    for (int offset = -radius; offset <= radius; ++offset) sum += histogram.bins[folded(level + offset)];
+    for (int offset = -radius; offset <= radius; ++offset) sum += histogram.bins[mirrored(level + offset)];
     result.bins[level] = sum / (2 * radius + 1);
   }
   return result;

@@ -6,7 +6,7 @@ namespace noxel {
 namespace {
 
 constexpr int kSlopes = kLevels - 1;
-constexpr double kClipLimit = 3.0;  // times the mean bin
+constexpr double kClipLimit = 3.0;  // mean bins
 
 // Steps 1 and 2. `mass` is above 0.
 void equalisingSlopes(const Histogram& histogram, double mass, double (&slopes)[kSlopes]) {
@@ -25,23 +25,23 @@ void equalisingSlopes(const Histogram& histogram, double mass, double (&slopes)[
   for (double& slope : slopes) slope *= kSlopes / sum;
 }
 
-double limited(double slope) {
-  return std::clamp(slope, kLeastSlope, kMostSlope);
+double clamped(double slope) {
+  return std::clamp(slope, kMinSlope, kMaxSlope);
 }
 
-// Step 4. The sum grows with the amount, from 255 · kLeastSlope to 255 · kMostSlope between the two first bounds: halving the
-// interval finds the amount.
+// Step 4. The sum grows with the offset, from 255 · kMinSlope to 255 · kMaxSlope between the first two bounds:
+// bisection.
 void limitSlopes(double (&slopes)[kSlopes]) {
-  const auto [least, most] = std::minmax_element(slopes, slopes + kSlopes);
-  double low = kLeastSlope - *most;
-  double high = kMostSlope - *least;
+  const auto [min, max] = std::minmax_element(slopes, slopes + kSlopes);
+  double low = kMinSlope - *max;
+  double high = kMaxSlope - *min;
   for (int i = 0; i < 64; ++i) {
-    const double amount = low + (high - low) / 2;
+    const double offset = low + (high - low) / 2;
     double sum = 0.0;
-    for (const double slope : slopes) sum += limited(slope + amount);
-    (sum < kSlopes ? low : high) = amount;
+    for (const double slope : slopes) sum += clamped(slope + offset);
+    (sum < kSlopes ? low : high) = offset;
   }
-  for (double& slope : slopes) slope = limited(slope + high);
+  for (double& slope : slopes) slope = clamped(slope + high);
 }
 
 }  // namespace

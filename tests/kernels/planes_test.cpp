@@ -26,58 +26,55 @@ struct Size {
   size_t area() const { return static_cast<size_t>(width) * static_cast<size_t>(height); }
 };
 
-// One pixel, one line, odd, below and just above a vector's 16 bytes, larger than every filter's reach, wider than a
-// strip.
+// One pixel, one line, odd, just below and above a vector's 16 bytes, larger than any filter, wider than a strip.
 constexpr Size kSizes[] = {{1, 1},   {1, 9},   {7, 1},   {4, 2},   {3, 2},   {3, 5},   {17, 5},
                            {17, 15}, {31, 18}, {33, 31}, {65, 33}, {66, 49}, {1030, 5}};
 
-// A plane's memory, with padding between the rows. It begins at an odd address: no kernel may count on alignment. A
-// target has guards round it that notice what is written beside it; a source ends with its last pixel, so that an
-// address sanitizer notices what is read behind it. Each has marks of its own: what one kernel copies out of one guard
-// shows in another.
+// A plane's memory, with padding between the rows, at an odd address: no kernel may assume alignment. A target has
+// guard bytes around it to detect stray writes; a source ends with its last pixel, so that an address sanitizer detects
+// reads beyond it. Guards have distinct values, so that a copied guard shows.
 class Sheet {
  public:
   static Sheet target(Size size, const Bytes& content = {}) { return Sheet(size, content, 33); }
   static Sheet source(Size size, const Bytes& content) { return Sheet(size, content, 1); }
 
-  kernels::Plane plane() { return {bytes.data() + guard, size.width, size.height, size.width + kPadding}; }
+  kernels::Plane plane() { return {bytes_.data() + guard_, size_.width, size_.height, size_.width + kPadding}; }
 
   Bytes content() {
     Bytes pixels;
-    for (int y = 0; y < size.height; ++y) pixels.insert(pixels.end(), plane().row(y), plane().row(y) + size.width);
+    for (int y = 0; y < size_.height; ++y) pixels.insert(pixels.end(), plane().row(y), plane().row(y) + size_.width);
     return pixels;
   }
 
   bool intact() {
-    Bytes outside = bytes;
-    for (int y = size.height - 1; y >= 0; --y) {
-      const auto row = outside.begin() + (plane().row(y) - bytes.data());
-      outside.erase(row, row + size.width);
+    Bytes outside = bytes_;
+    for (int y = size_.height - 1; y >= 0; --y) {
+      const auto row = outside.begin() + (plane().row(y) - bytes_.data());
+      outside.erase(row, row + size_.width);
     }
-    return std::all_of(outside.begin(), outside.end(), [this](uint8_t byte) { return byte == mark; });
+    return std::all_of(outside.begin(), outside.end(), [this](uint8_t byte) { return byte == mark_; });
   }
 
  private:
   static constexpr int kPadding = 5;
 
-  Sheet(Size ofPlane, const Bytes& content, size_t guardBytes) : size(ofPlane), guard(guardBytes), mark(++lastMark) {
-    const size_t rows = static_cast<size_t>(size.height);
-    const size_t inside = size.area() == 0 ? 0 : size.area() + (rows - 1) * kPadding;
-    bytes.assign(inside + guard + (guard > 1 ? guard : 0), mark);
-    for (int y = 0; y < size.height && !content.empty(); ++y) {
-      std::copy_n(content.begin() + static_cast<ptrdiff_t>(y) * size.width, size.width, plane().row(y));
+  Sheet(Size size, const Bytes& content, size_t guard) : size_(size), guard_(guard), mark_(++lastMark_) {
+    const size_t rows = static_cast<size_t>(size_.height);
+    const size_t inside = size_.area() == 0 ? 0 : size_.area() + (rows - 1) * kPadding;
+    bytes_.assign(inside + guard_ + (guard_ > 1 ? guard_ : 0), mark_);
+    for (int y = 0; y < size_.height && !content.empty(); ++y) {
+      std::copy_n(content.begin() + static_cast<ptrdiff_t>(y) * size_.width, size_.width, plane().row(y));
     }
   }
 
-  static inline uint8_t lastMark = 0;
-  Size size;
-  size_t guard;
-  uint8_t mark;
-  Bytes bytes;
+  static inline uint8_t lastMark_ = 0;
+  Size size_;
+  size_t guard_;
+  uint8_t mark_;
+  Bytes bytes_;
 };
 
-// Runs `test` once with the plain kernels and once with the processor's; each is compared with the truth, so with the
-// other.
+// Runs `test` with the plain kernels and with the vector kernels.
 void onEachPath(const std::function<void()>& test) {
   for (const char* path : {"plain", "vectors"}) {
     SCOPED_TRACE(path);
@@ -108,7 +105,7 @@ struct Image {
   }
 };
 
-// Each pixel the mean over the products of the weights, at offsets from `first` on, rounded half up.
+// Weighted mean with weights[i] * weights[j], at offsets from `first` on, rounded half up.
 Image filtered(const Image& source, int first, const std::vector<int>& weights) {
   Image result = {source.size, {}};
   const int taps = static_cast<int>(weights.size());
@@ -147,7 +144,7 @@ Image lineMean(const Image& source, int radius, bool horizontal) {
   return result;
 }
 
-TEST(KernelChoice, PlainIsTakenWhenAskedForAndNotOtherwise) {
+TEST(KernelChoice, PlainOnlyOnRequest) {
   const kernels::RowKernels* taken[2] = {};
   int path = 0;
   onEachPath([&] { taken[path++] = &kernels::rowKernels(); });
@@ -159,7 +156,7 @@ TEST(KernelChoice, PlainIsTakenWhenAskedForAndNotOtherwise) {
 
 TEST(Interleave, PairsAndTakesApartEveryLength) {
   onEachPath([] {
-    // 16 and the lengths round it are where a vector loop hands over to its tail.
+    // Around multiples of 16 a vector loop hands over to its tail.
     for (const int count : {0, 1, 15, 16, 17, 31, 32, 33, 1000}) {
       SCOPED_TRACE(count);
       const Size size = {count, 3};
@@ -222,10 +219,10 @@ TEST(SmoothTwice, IsTwoBoxesOfSixteen) {
 TEST(BoxAndGauss, AreWeightedMeansWithTheEdgeRepeated) {
   onEachPathAndSize([](Size size) {
     Image source = {size, noisyBytes(size.area(), 7)};
-    std::fill_n(source.bytes.begin(), size.area() / 2, uint8_t{255});  // 255 * 256 + 128: the largest sum there is
+    std::fill_n(source.bytes.begin(), size.area() / 2, uint8_t{255});  // 255 * 256 + 128: the max sum
     Sheet from = Sheet::source(size, source.bytes);
     Sheet actual = Sheet::target(size);
-    for (const int first : {-3, 0}) {  // the boxes furthest to either side
+    for (const int first : {-3, 0}) {  // the extremes
       kernels::boxFour(from.plane(), first, actual.plane());
       EXPECT_EQ(actual.content(), boxOfSixteen(source, first).bytes) << "box from " << first;
     }
@@ -237,16 +234,16 @@ TEST(BoxAndGauss, AreWeightedMeansWithTheEdgeRepeated) {
   });
 }
 
-TEST(Sharpen, AddsTheDifferenceToTheGaussAndSaturates) {
+TEST(Sharpen, AddsTheDifferenceFromTheGaussAndSaturates) {
   onEachPathAndSize([](Size size) {
-    // Black and white among the rest: the largest differences there are, to both sides.
+    // With black and white pixels: the max differences, of both signs.
     Image source = {size, noisyBytes(size.area(), 8)};
     for (size_t i = 0; i < source.bytes.size(); i += 3) source.bytes[i] = source.bytes[i] < 128 ? 0 : 255;
     Sheet from = Sheet::source(size, source.bytes);
     Sheet actual = Sheet::target(size);
     for (const Gauss taps : {Gauss::kThree, Gauss::kFive}) {
       const Image means = gaussian(source, taps);
-      for (const int sixteenths : {0, 5, 16, kernels::kMostSharpening}) {
+      for (const int sixteenths : {0, 5, 16, kernels::kMaxSharpening}) {
         Bytes expected;
         for (size_t i = 0; i < source.bytes.size(); ++i) {
           const double sharp = source.bytes[i] + sixteenths * (source.bytes[i] - means.bytes[i]) / 16.0;
@@ -260,7 +257,7 @@ TEST(Sharpen, AddsTheDifferenceToTheGaussAndSaturates) {
   });
 }
 
-TEST(LimitChange, HoldsEachSampleNearItsOriginal) {
+TEST(LimitChange, ClampsEachSampleNearItsOriginal) {
   onEachPathAndSize([](Size size) {
     const Bytes original = noisyBytes(size.area(), 9);
     const Bytes changed = noisyBytes(size.area(), 10);
@@ -284,7 +281,7 @@ TEST(SmoothChroma, AveragesRowsThenColumnsOfEachComponent) {
       SCOPED_TRACE(testing::Message() << "radius " << radius);
       constexpr int kIterations = 3;
       Image components[2] = {{size, noisyBytes(size.area(), 5)}, {size, noisyBytes(size.area(), 6)}};
-      std::fill_n(components[1].bytes.begin(), size.area() / 2, uint8_t{255});  // the largest sums
+      std::fill_n(components[1].bytes.begin(), size.area() / 2, uint8_t{255});  // the max sums
       Bytes interleaved;
       for (size_t i = 0; i < 2 * size.area(); ++i) interleaved.push_back(components[i % 2].bytes[i / 2]);
       Sheet pairs = Sheet::target({2 * size.width, size.height}, interleaved);
@@ -304,8 +301,8 @@ TEST(SmoothChroma, AveragesRowsThenColumnsOfEachComponent) {
   });
 }
 
-// Dark, a pixel of each value, then white: the window that moves over it takes every sum there is. Rows alone, so that
-// no second mean hides a wrong quotient.
+// Black, one pixel of each value, then white: the moving window takes every possible sum. Rows only, so that a second
+// mean cannot hide a wrong quotient.
 TEST(SmoothChroma, DividesEverySumExactly) {
   onEachPath([] {
     for (int radius = 1; radius <= 63; ++radius) {
@@ -332,7 +329,7 @@ TEST(SmoothChroma, DividesEverySumExactly) {
 }
 
 TEST(Kernels, HelpersChangeNoByte) {
-  constexpr Size kSize = {643, 205};  // enough rows and columns for several blocks, none of them whole
+  constexpr Size kSize = {643, 205};  // several blocks in both directions, with remainders
   const Bytes source = noisyBytes(kSize.area(), 9);
   const Bytes chroma = noisyBytes(2 * kSize.area(), 10);
   onEachPath([&] {

@@ -12,12 +12,12 @@
 namespace noxel {
 namespace {
 
-TEST(WorkerPool, EachItemIsDoneOnceAndSeenByTheCaller) {
+TEST(WorkerPool, DoesEachItemOnceAndHandsOverItsResult) {
   for (int workers = 0; workers <= 4; ++workers) {
     WorkerPool pool;
     const Lent lent(&pool, workers);
     for (const int items : {0, 1, 3, 1000, 2, 1000}) {
-      // Plain integers: a result that is not handed over shows under a thread sanitizer, one done twice here.
+      // Plain integers: an item done twice shows here, a missing hand-over under a thread sanitizer.
       std::vector<int> done(static_cast<size_t>(items));
       for (int run = 1; run <= 50; ++run) {
         pool.run(
@@ -29,17 +29,17 @@ TEST(WorkerPool, EachItemIsDoneOnceAndSeenByTheCaller) {
   }
 }
 
-TEST(WorkerPool, StopEndsWorkersThatWaitAndThoseToCome) {
+TEST(WorkerPool, StopEndsWaitingAndFutureWorkers) {
   WorkerPool pool;
   { const Lent idle(&pool, 3); }
-  pool.serve();  // hangs when a stop is forgotten
+  pool.serve();  // hangs unless the stop is remembered
   int done = 0;
   pool.run(
       7, [](void* job, int) { ++*static_cast<int*>(job); }, &done);
   EXPECT_EQ(done, 7) << "the caller does it alone";
 }
 
-TEST(RowBlocks, CoverEachRowOnceAndHoldAsManyAsAsked) {
+TEST(RowBlocks, CoverEachRowOnceInBlocksOfTheSizeAskedFor) {
   WorkerPool pool;
   const Lent lent(&pool, 2);
   for (WorkerPool* helped : {static_cast<WorkerPool*>(nullptr), &pool}) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <limits>
 
@@ -12,9 +13,31 @@ namespace {
 
 constexpr View kHandHeld = {1.01, 0.02, 3.5, -0.015, 0.99, -2.25};
 
-int countOf(const Pairs& pairs) {
-  return static_cast<int>(pairs.size());
+PointPairs listed(const Pairs& pairs) {
+  return {pairs.data(), static_cast<int>(pairs.size())};
 }
+
+// Runs `test` on a matrix in double and one in single precision.
+template <typename Test>
+void inBothPrecisions(const Test& test) {
+  test(AffineMatrix{});
+  test(AffineMatrixF{});
+}
+
+// estimateMotion about the centre of a 320 x 180 image: on the tracker's arrays, or on matches.
+struct Estimate {
+  Estimate(const Pairs& pairs, int r, bool matches = false, float noiseScale = 1.0f) {
+    const auto registration = registrationOf(pairs);
+    registration->noiseScale = noiseScale;
+    const int count = static_cast<int>(pairs.size());
+    error = matches ? estimateMotion(pairs.data(), count, motion, inverseMotion, 160, 90, r, similarity)
+                    : estimateMotion(*registration, motion, inverseMotion, 160, 90, r, similarity);
+  }
+  double off(const View& truth) const { return cornerError(inverseMotion, truth, 320, 180); }
+
+  float motion[9], inverseMotion[9], similarity[4];
+  float error;
+};
 
 // Least squares about the mean of the points, where the normal matrix is 2 x 2.
 View leastSquares(const Pairs& pairs) {
@@ -40,15 +63,13 @@ View leastSquares(const Pairs& pairs) {
 TEST(AffineFit, IsTheLeastSquaresSolution) {
   const Pairs pairs = scattered(kHandHeld, 1000, 1920, 1080, 2.0, 1);
   const View expected = leastSquares(pairs);
-  AffineMatrix fitted;
-  AffineMatrixF fittedF;
-  ASSERT_TRUE(fitAffine(*registrationOf(pairs), &fitted));
-  ASSERT_TRUE(fitAffine(pairs.data(), countOf(pairs), &fittedF));
-  // Single-precision sums of a thousand products lose some 1e-6 of coordinates up to 2000. The noise moves the corners
-  // by ten times as much.
-  EXPECT_LT(cornerError(fitted.values, expected, 1920, 1080), 0.02);
-  EXPECT_LT(cornerError(fittedF.values, expected, 1920, 1080), 0.02);
-  EXPECT_GT(cornerError(fitted.values, kHandHeld, 1920, 1080), 0.1);
+  inBothPrecisions([&](auto fitted) {
+    ASSERT_TRUE(fitAffine(listed(pairs), &fitted));
+    // Single-precision sums of a thousand products lose some 1e-6 of coordinates up to 2000. The noise moves the
+    // corners ten times as far.
+    EXPECT_LT(cornerError(fitted.values, expected, 1920, 1080), 0.02);
+    EXPECT_GT(cornerError(fitted.values, kHandHeld, 1920, 1080), 0.1);
+  });
 }
 
 TEST(AffineFit, AWeightCountsAPairThatOften) {
@@ -60,75 +81,76 @@ TEST(AffineFit, AWeightCountsAPairThatOften) {
     repeated.insert(repeated.end(), static_cast<size_t>(weights.back()), pair);
   }
   const View expected = leastSquares(repeated);
-  AffineMatrix fitted;
-  AffineMatrixF fittedF;
-  ASSERT_TRUE(fitAffineWeighted(*registrationOf(pairs), &fitted, weights.data()));
-  ASSERT_TRUE(fitAffineWeighted(pairs.data(), countOf(pairs), &fittedF, weights.data()));
-  EXPECT_LT(cornerError(fitted.values, expected, 320, 180), 0.001);  // single-precision sums
-  EXPECT_LT(cornerError(fittedF.values, expected, 320, 180), 0.001);
+  inBothPrecisions([&](auto fitted) {
+    ASSERT_TRUE(fitAffineWeighted(listed(pairs), &fitted, weights.data()));
+    EXPECT_LT(cornerError(fitted.values, expected, 320, 180), 0.001);  // single-precision sums
+  });
 }
 
-TEST(AffineFit, ARegionLooksAtItsOwnPairsAlone) {
-  // Differences are truncated before they are added: 9.9 and 9.9 count as 18, while 10 and 9 are 19.
+TEST(AffineFit, ResidualsAreDistancesToTheTargets) {
+  const Pairs pairs = scattered(kHandHeld, 10, 320, 180, 5.0, 3);
+  inBothPrecisions([&](const auto& zero) {
+    auto m = zero;
+    for (int i = 0; i < 6; ++i)
+      m.values[i] = static_cast<std::decay_t<decltype(m(0, 0))>>(kHandHeld[static_cast<size_t>(i)]);
+    float residuals[10];
+    affineResiduals(listed(pairs), m, residuals);
+    for (size_t i = 0; i < pairs.size(); ++i) {
+      const _KRMatch there = moved(kHandHeld, pairs[i].sourceX, pairs[i].sourceY);
+      // Single precision of coordinates up to 320.
+      EXPECT_NEAR(residuals[i], std::hypot(there.targetX - pairs[i].targetX, there.targetY - pairs[i].targetY), 1e-4);
+    }
+  });
+}
+
+TEST(Region, IsADiamondOfTruncatedDistances) {
+  // Truncated before they are added: 9.9 and 9.9 count as 18, 10 and 9 as 19.
   const struct {
     double x, y;
     bool inside;
   } kPlaces[] = {{109.9, 59.9, true}, {90.1, 40.1, true}, {110, 58.9, true}, {110, 59, false}, {90, 41, false},
                  {81.01, 50, true},   {81, 50, false},    {100, 68.9, true}, {100, 69, false}, {100, 50, true}};
-  Pairs pairs, inside;
-  std::vector<float> weights;
   for (const auto& place : kPlaces) {
-    pairs.push_back(place.inside ? moved(kHandHeld, place.x, place.y, place.x > 100 ? 2 : -1, 0.5)
-                                 : moved(kHandHeld, place.x, place.y, 500, -300));
-    if (place.inside) {
-      inside.push_back(pairs.back());
-      weights.push_back(1.0f + static_cast<float>(inside.size()));
-    }
+    const PointPairs inside(listed({moved(kHandHeld, place.x, place.y)}), 100, 50, 19);
+    EXPECT_EQ(inside.size(), place.inside ? 1 : 0) << place.x << ", " << place.y;
   }
-  const auto registration = registrationOf(pairs);
-  AffineMatrix m, expected;
-  AffineMatrixF mF, expectedF;
-  const auto same = [&] {
-    return std::equal(m.values, m.values + 6, expected.values) &&
-           std::equal(mF.values, mF.values + 6, expectedF.values);
-  };
-  fitAffine(*registration, &m, 100, 50, 19);
-  fitAffine(*registrationOf(inside), &expected);
-  fitAffine(pairs.data(), countOf(pairs), &mF, 100, 50, 19);
-  fitAffine(inside.data(), countOf(inside), &expectedF);
-  EXPECT_TRUE(same());
+}
 
-  float residuals[10], residualsF[10], expectedResiduals[10];
-  int count = 0, countF = 0;
-  affineResiduals(*registration, m, residuals, 100, 50, 19, &count);
-  affineResiduals(pairs.data(), countOf(pairs), mF, residualsF, 100, 50, 19, &countF);
-  affineResiduals(*registrationOf(inside), m, expectedResiduals);
-  ASSERT_EQ(count, countOf(inside));
-  ASSERT_EQ(countF, count);
-  for (int i = 0; i < count; ++i) {
-    const _KRMatch& pair = inside[static_cast<size_t>(i)];
-    const double dx = pair.targetX - (m(0, 0) * pair.sourceX + m(0, 1) * pair.sourceY + m(0, 2));
-    const double dy = pair.targetY - (m(1, 0) * pair.sourceX + m(1, 1) * pair.sourceY + m(1, 2));
-    EXPECT_NEAR(residuals[i], std::hypot(dx, dy), 1e-6);  // single precision of a few pixels
-    EXPECT_EQ(residuals[i], expectedResiduals[i]);
-    EXPECT_NEAR(residualsF[i], residuals[i], 1e-3);  // the matrix in single precision
+TEST(Region, LimitsEveryOperationToItsPairs) {
+  Pairs all;
+  for (const _KRMatch& pair : scattered(kHandHeld, 200, 320, 180, 1.0, 9)) {
+    const bool left = pair.sourceX < 160;
+    all.push_back(left ? pair : moved(kHandHeld, pair.sourceX, pair.sourceY, 500, -300));
   }
-  EXPECT_EQ(medianResidual(*registration, m, 100, 50, 19), median(residuals, count));
-  EXPECT_EQ(medianResidual(pairs.data(), countOf(pairs), mF, 100, 50, 19), median(residualsF, count));
+  const PointPairs inside(listed(all), 60, 90, 70);
+  ASSERT_GT(inside.size(), 20);
+  ASSERT_LT(inside.size(), 100);
+  std::vector<float> weights;
+  for (int i = 0; i < inside.size(); ++i) weights.push_back(1.0f + static_cast<float>(i % 3));
 
-  fitAffineWeighted(*registration, &m, weights.data(), 100, 50, 19);
-  fitAffineWeighted(*registrationOf(inside), &expected, weights.data());
-  fitAffineWeighted(pairs.data(), countOf(pairs), &mF, weights.data(), 100, 50, 19);
-  fitAffineWeighted(inside.data(), countOf(inside), &expectedF, weights.data());
-  EXPECT_TRUE(same());
+  inBothPrecisions([&](auto m) {
+    auto expected = m;
+    const auto same = [&] { return std::equal(m.values, m.values + 6, expected.values); };
+    EXPECT_TRUE(fitAffine(listed(all), &m, 60, 90, 70) && fitAffine(inside, &expected));
+    EXPECT_TRUE(same());
+    EXPECT_TRUE(fitAffineWeighted(listed(all), &m, weights.data(), 60, 90, 70) &&
+                fitAffineWeighted(inside, &expected, weights.data()));
+    EXPECT_TRUE(same());
 
-  float similarity[4], expectedSimilarity[4];
-  EXPECT_TRUE(refineAffine(*registration, &m, 100, 50, 19, similarity));
-  EXPECT_TRUE(refineAffine(*registrationOf(inside), &expected, expectedSimilarity));
-  EXPECT_TRUE(refineAffine(pairs.data(), countOf(pairs), &mF, 100, 50, 19, nullptr));
-  EXPECT_TRUE(refineAffine(inside.data(), countOf(inside), &expectedF, nullptr));
-  EXPECT_TRUE(same());
-  EXPECT_TRUE(std::equal(similarity, similarity + 4, expectedSimilarity));
+    std::vector<float> residuals(all.size()), expectedResiduals(all.size());
+    int count = 0;
+    affineResiduals(listed(all), m, residuals.data(), 60, 90, 70, &count);
+    affineResiduals(inside, m, expectedResiduals.data());
+    EXPECT_EQ(count, inside.size());
+    EXPECT_EQ(residuals, expectedResiduals);
+    EXPECT_EQ(medianResidual(listed(all), m, 60, 90, 70), median(residuals.data(), count));
+
+    float similarity[4], expectedSimilarity[4];
+    EXPECT_TRUE(refineAffine(listed(all), &m, 60, 90, 70, similarity));
+    EXPECT_TRUE(refineAffine(inside, &expected, expectedSimilarity));
+    EXPECT_TRUE(same());
+    EXPECT_TRUE(std::equal(similarity, similarity + 4, expectedSimilarity));
+  });
 }
 
 TEST(AffineFit, PairsThatDetermineNothingGiveTheIdentity) {
@@ -140,20 +162,16 @@ TEST(AffineFit, PairsThatDetermineNothingGiveTheIdentity) {
   const Pairs notANumber(50, moved(kHandHeld, std::nan(""), 90));
   for (const Pairs& pairs : {Pairs{}, Pairs{moved(kHandHeld, 5, 6)}, line, place, notANumber}) {
     SCOPED_TRACE(testing::Message() << pairs.size() << " pairs");
-    AffineMatrix m;
-    AffineMatrixF mF;
-    EXPECT_FALSE(fitAffine(*registrationOf(pairs), &m));
-    EXPECT_FALSE(fitAffine(pairs.data(), countOf(pairs), &mF));
-    EXPECT_EQ(cornerError(m.values, kStill, 320, 180), 0);
-    EXPECT_EQ(cornerError(mF.values, kStill, 320, 180), 0);
-
-    float motion[9], inverse[9], similarity[4];
-    EXPECT_EQ(estimateMotion(*registrationOf(pairs), motion, inverse, 160, 90, 80, similarity), -1.0f);
-    EXPECT_TRUE(isIdentity(motion));
-    EXPECT_TRUE(isIdentity(inverse));
-    EXPECT_EQ(estimateMotion(pairs.data(), countOf(pairs), motion, inverse, 160, 90, 80, similarity), -1.0f);
-    EXPECT_TRUE(isIdentity(motion));
-    EXPECT_TRUE(isIdentity(inverse));
+    inBothPrecisions([&](auto m) {
+      EXPECT_FALSE(fitAffine(listed(pairs), &m));
+      EXPECT_EQ(cornerError(m.values, kStill, 320, 180), 0);
+    });
+    for (const bool matches : {false, true}) {
+      const Estimate estimate(pairs, 80, matches);
+      EXPECT_EQ(estimate.error, -1.0f);
+      EXPECT_TRUE(isIdentity(estimate.motion));
+      EXPECT_TRUE(isIdentity(estimate.inverseMotion));
+    }
   }
 }
 
@@ -162,7 +180,7 @@ TEST(AffineFit, TheMedianIsTheLowerMiddle) {
   const float values[] = {5, 3, 3, 9, 1, 7, 8, 2};
   const float expected[] = {0, 5, 3, 3, 3, 3, 3, 5, 3};
   for (int count = 0; count <= 8; ++count) EXPECT_EQ(median(values, count), expected[count]) << count << " values";
-  const float unordered[] = {nan, 4, 1, 4, nan, nan, 2};  // what is no number comes last
+  const float unordered[] = {nan, 4, 1, 4, nan, nan, 2};  // NaNs come last
   for (const int count : {3, 7}) EXPECT_EQ(median(unordered, count), 4);
 }
 
@@ -177,17 +195,12 @@ TEST(AffineFit, TwoFifthsOfOutliersMoveItByLessThanAFifthOfAPixel) {
       pairs[i].targetY += astray(random);
     }
     std::shuffle(pairs.begin(), pairs.end(), random);
-    AffineMatrix m;
-    AffineMatrixF mF;
-    ASSERT_TRUE(fitAffine(*registrationOf(pairs), &m));
-    EXPECT_GT(cornerError(m.values, kHandHeld, 320, 180), 1);  // the task is there
-    ASSERT_TRUE(refineAffine(*registrationOf(pairs), &m, nullptr));
-    EXPECT_LT(cornerError(m.values, kHandHeld, 320, 180), 0.1);
-    ASSERT_TRUE(fitAffine(pairs.data(), countOf(pairs), &mF));
-    ASSERT_TRUE(refineAffine(pairs.data(), countOf(pairs), &mF, nullptr));
-    // Both families are the same fit, but for the rounding of the matrix between the steps.
-    const View other = {mF(0, 0), mF(0, 1), mF(0, 2), mF(1, 0), mF(1, 1), mF(1, 2)};
-    EXPECT_LT(cornerError(m.values, other, 320, 180), 0.005);
+    inBothPrecisions([&](auto m) {
+      ASSERT_TRUE(fitAffine(listed(pairs), &m));
+      EXPECT_GT(cornerError(m.values, kHandHeld, 320, 180), 1);  // the outliers are felt
+      ASSERT_TRUE(refineAffine(listed(pairs), &m, nullptr));
+      EXPECT_LT(cornerError(m.values, kHandHeld, 320, 180), 0.1);
+    });
   }
 }
 
@@ -195,67 +208,63 @@ TEST(AffineFit, FindsASimilarity) {
   const double tx = 4.5, ty = -3.25, a = 0.02, b = -0.03;
   Pairs pairs = scattered({1 + a, b, tx, -b, 1 + a, ty}, 300, 320, 180, 0.0, 3);
   for (size_t i = 0; i < 100; ++i) pairs[i].targetY += static_cast<float>(20 + i % 17);
-  AffineMatrix m;
-  AffineMatrixF mF;
-  float similarity[4], similarityF[4];
-  fitAffine(*registrationOf(pairs), &m);
-  fitAffine(pairs.data(), countOf(pairs), &mF);
-  ASSERT_TRUE(refineAffine(*registrationOf(pairs), &m, similarity));
-  ASSERT_TRUE(refineAffine(pairs.data(), countOf(pairs), &mF, similarityF));
-  // What a hundred outliers of 30 pixels keep at a weight of 1e-4 is 0.001 pixels at each end of the image.
-  const double expected[4] = {tx, ty, a, b};
-  for (int i = 0; i < 4; ++i) {
-    EXPECT_NEAR(similarity[i], expected[i], i < 2 ? 0.005 : 2e-5) << i;
-    EXPECT_NEAR(similarityF[i], expected[i], i < 2 ? 0.005 : 2e-5) << i;
-  }
+  inBothPrecisions([&](auto m) {
+    float similarity[4];
+    fitAffine(listed(pairs), &m);
+    ASSERT_TRUE(refineAffine(listed(pairs), &m, similarity));
+    // A hundred outliers of 30 pixels at a weight of 1e-4 are worth 0.001 pixels at each end of the image.
+    const double expected[4] = {tx, ty, a, b};
+    for (int i = 0; i < 4; ++i) EXPECT_NEAR(similarity[i], expected[i], i < 2 ? 0.005 : 2e-5) << i;
+  });
+}
 
-  // Two in one place tell a translation, which is all there is to know.
-  const Pairs place(8, moved({1, 0, 7, 0, 1, -2}, 50, 60));
-  refineAffine(*registrationOf(place), &m, similarity);
-  EXPECT_EQ(similarity[0], 7.0f);
-  EXPECT_EQ(similarity[1], -2.0f);
-  EXPECT_EQ(similarity[2], 0.0f);
-  EXPECT_EQ(similarity[3], 0.0f);
+TEST(AffineFit, PairsInOnePlaceHaveATranslation) {
+  AffineMatrix m;
+  setIdentity(&m);
+  float similarity[4];
+  refineAffine(listed(Pairs(8, moved({1, 0, 7, 0, 1, -2}, 50, 60))), &m, similarity);
+  EXPECT_EQ((std::array{similarity[0], similarity[1], similarity[2], similarity[3]}),
+            (std::array{7.0f, -2.0f, 0.0f, 0.0f}));
 }
 
 TEST(MotionEstimation, ThirtyOnePairsMayBeFittedLocally) {
-  // All but one within the radius. A weight of 1e-4 lets the one that is 5000 pixels off pull at a global fit.
+  // All but one within the radius. At a weight of 1e-4 one that is 5000 pixels off still pulls at a global fit.
   for (const int count : {30, 31}) {
     Pairs pairs = scattered(kHandHeld, count - 1, 40, 40, 0.0, 4);
     for (_KRMatch& pair : pairs) pair = moved(kHandHeld, pair.sourceX + 140, pair.sourceY + 70);
     pairs.push_back(moved(kHandHeld, 10, 10, 5000, 5000));
-    float motion[9], inverse[9], similarity[4];
-    const float errors[2] = {estimateMotion(*registrationOf(pairs), motion, inverse, 160, 90, 80, similarity),
-                             estimateMotion(pairs.data(), count, motion, inverse, 160, 90, 80, similarity)};
-    for (const float error : errors) EXPECT_EQ(error >= 0.01f, count == 30) << count << " pairs, " << error;
-    EXPECT_EQ(cornerError(inverse, kHandHeld, 320, 180) >= 0.1, count == 30);
-    // The two matrices undo each other.
-    const View back = {motion[0], motion[1], motion[2], motion[3], motion[4], motion[5]};
-    const _KRMatch there = moved(kHandHeld, 160, 90);
-    if (count == 31) {
-      EXPECT_NEAR(moved(back, there.targetX, there.targetY).targetX, 160, 0.01);
-      EXPECT_NEAR(moved(back, there.targetX, there.targetY).targetY, 90, 0.01);
+    for (const bool matches : {false, true}) {
+      const Estimate estimate(pairs, 80, matches);
+      EXPECT_EQ(estimate.error >= 0.01f, count == 30) << count << " pairs, " << estimate.error;
+      EXPECT_EQ(estimate.off(kHandHeld) >= 0.1, count == 30);
     }
   }
+}
+
+TEST(MotionEstimation, TheTwoMatricesAreInverses) {
+  const Estimate estimate(scattered(kHandHeld, 100, 320, 180, 0.0, 4), 80);
+  View back, forth;
+  std::copy_n(estimate.motion, 6, back.begin());
+  std::copy_n(estimate.inverseMotion, 6, forth.begin());
+  EXPECT_LT(cornerError(composed(back, forth).data(), kStill, 320, 180), 1e-4);  // single precision at 320
 }
 
 TEST(MotionEstimation, AFitOfThirtyPairsIsJudgedEverywhere) {
   for (const int count : {30, 31}) {
     const Pairs pairs = scattered(kHandHeld, count, 320, 180, 0.5, 7);
-    const auto registration = registrationOf(pairs);
-    float motion[9], inverse[9], similarity[4];
-    const float error = estimateMotion(*registration, motion, inverse, 160, 90, 140, similarity);
-    const AffineMatrix fit = {{inverse[0], inverse[1], inverse[2], inverse[3], inverse[4], inverse[5]}};
-    const float near = medianResidual(*registration, fit, 160, 90, 140);
-    const float everywhere = medianResidual(*registration, fit, 160, 90, 100000);
+    const Estimate estimate(pairs, 140);
+    AffineMatrixF fit;
+    std::copy_n(estimate.inverseMotion, 6, fit.values);
+    const float near = medianResidual(listed(pairs), fit, 160, 90, 140);
+    const float everywhere = medianResidual(listed(pairs), fit, 160, 90, kEverywhere);
     ASSERT_GT(std::fabs(near - everywhere), 0.01f);
-    EXPECT_NEAR(error, count == 30 ? everywhere : near, 1e-4);  // single precision of the matrix at 320
+    EXPECT_NEAR(estimate.error, count == 30 ? everywhere : near, 1e-4);  // single precision of the matrix at 320
   }
 }
 
 TEST(MotionEstimation, AMedianOfOnePixelIsGoodEnough) {
-  // Near the centre two points in each place, which part by 2 `error`: the local fit is the identity and all residuals are
-  // `error`. The others move by (6, 3) and would suit the centre less.
+  // Near the centre two points in each place part by 2 `error`: the local fit is the identity and all residuals are
+  // `error`. The others move by (6, 3) and would fit the centre worse.
   for (const double error : {1.0, 1.0078125}) {
     SCOPED_TRACE(error);
     Pairs pairs;
@@ -266,31 +275,28 @@ TEST(MotionEstimation, AMedianOfOnePixelIsGoodEnough) {
     }
     for (int i = 0; i < 200; ++i) pairs.push_back(moved(kStill, 2 + i % 2 * 280 + i % 20 * 2, 2 + i / 20 * 18, 6, 3));
     for (const bool matches : {false, true}) {
-      float motion[9], inverse[9], similarity[4];
-      const float returned =
-          matches ? estimateMotion(pairs.data(), countOf(pairs), motion, inverse, 160, 90, 30, similarity)
-                  : estimateMotion(*registrationOf(pairs), motion, inverse, 160, 90, 30, similarity);
-      EXPECT_NEAR(returned, error, 1e-5);  // single precision of the matrix at 160
-      EXPECT_LT(cornerError(inverse, kStill, 320, 180), 0.0005);
-      // The similarity tells whether a global fit was tried: it is that of the many then.
-      EXPECT_NEAR(similarity[0], error > 1.0 ? 6 : 0, error > 1.0 ? 1 : 1e-4);
-      EXPECT_NEAR(similarity[1], error > 1.0 ? 3 : 0, error > 1.0 ? 1 : 1e-4);
+      const Estimate estimate(pairs, 30, matches);
+      EXPECT_NEAR(estimate.error, error, 1e-5);  // single precision of the matrix at 160
+      EXPECT_LT(estimate.off(kStill), 0.0005);
+      // The similarity shows whether a global fit was tried: it is then that of the many.
+      EXPECT_NEAR(estimate.similarity[0], error > 1.0 ? 6 : 0, error > 1.0 ? 1 : 1e-4);
+      EXPECT_NEAR(estimate.similarity[1], error > 1.0 ? 3 : 0, error > 1.0 ? 1 : 1e-4);
     }
   }
 }
 
 TEST(MotionEstimation, ALocalFitIsJudgedWhereItMatters) {
-  // Twenty pairs within the radius move as the whole image does, but are too few for a fit of their own; the thirty around
-  // them move as one and win the local fit, which is then judged by the twenty.
+  // Twenty pairs within the radius move as the whole image does, too few for a fit of their own; the forty around them
+  // move as one and win the local fit, which is then judged by the twenty.
   const View object = {1, 0, 12, 0, 1, 9};
   Pairs pairs;
   for (int i = 0; i < 20; ++i) pairs.push_back(moved(kHandHeld, 155 + i % 5 * 2, 86 + i / 5 * 2));
   for (int i = 0; i < 40; ++i) pairs.push_back(moved(object, i % 2 == 0 ? 124 : 196, 82 + i % 20));
   for (const _KRMatch& pair : scattered(kHandHeld, 400, 320, 50, 0.0, 5)) pairs.push_back(pair);
-  float motion[9], inverse[9], similarity[4];
-  EXPECT_LT(estimateMotion(*registrationOf(pairs), motion, inverse, 160, 90, 30, similarity), 0.05f);
-  EXPECT_GE(estimateMotion(*registrationOf(pairs), motion, inverse, 160, 90, 30, similarity), 0.0f);
-  EXPECT_LT(cornerError(inverse, kHandHeld, 320, 180), 0.1);  // as outliers may move it
+  const Estimate estimate(pairs, 30);
+  EXPECT_GE(estimate.error, 0.0f);
+  EXPECT_LT(estimate.error, 0.05f);
+  EXPECT_LT(estimate.off(kHandHeld), 0.1);  // as far as outliers may move it
 }
 
 TEST(MotionEstimation, APoorFitIsReportedAndAHopelessOneIsNotUsed) {
@@ -304,12 +310,9 @@ TEST(MotionEstimation, APoorFitIsReportedAndAHopelessOneIsNotUsed) {
   for (const Case each :
        {Case{3, 1, true, true}, Case{8, 1, false, true}, Case{8, 2, true, true}, Case{70, 20, false, false}}) {
     SCOPED_TRACE(each.deviation);
-    const auto registration = registrationOf(scattered(kHandHeld, 400, 320, 180, each.deviation, 6));
-    registration->noiseScale = each.noiseScale;
-    float motion[9], inverse[9], similarity[4];
-    const float error = estimateMotion(*registration, motion, inverse, 160, 90, 80, similarity);
-    EXPECT_EQ(error > 0.0f, each.reported) << error;
-    EXPECT_EQ(cornerError(inverse, kStill, 320, 180) > 0, each.used);
+    const Estimate estimate(scattered(kHandHeld, 400, 320, 180, each.deviation, 6), 80, false, each.noiseScale);
+    EXPECT_EQ(estimate.error > 0.0f, each.reported) << estimate.error;
+    EXPECT_EQ(estimate.off(kStill) > 0, each.used);
   }
 }
 

@@ -19,7 +19,7 @@ constexpr int kWidth = 320;
 constexpr int kHeight = 180;
 constexpr double kLimits[kPathValues] = {0.03 * kWidth, 0.03 * kHeight, 0.1, 0.02};
 
-// A record that was set to rest.
+// A record at rest.
 struct Path : _KRStabilizationParameters {
   Path() : _KRStabilizationParameters{} { EXPECT_TRUE(initStabilization(this, 1, 1, kWidth, kHeight)); }
   ~Path() { releaseStabilization(this, 1, 1); }
@@ -36,7 +36,7 @@ struct Twin {
 
   double step(double raw) {
     double predicted = level + trend;
-    // The step ends at raw + (1 - alpha) (predicted - raw), which is to stay within the limit.
+    // The step ends at raw + (1 - alpha) (predicted - raw), which must stay within the limit.
     const double farthest = limit / (1 - alpha);
     if (std::fabs(predicted - raw) > farthest) {
       ++clamped[predicted > raw];
@@ -62,7 +62,7 @@ TEST(PathFilter, SmoothsAsTheFormulasSay) {
   float raw[kPathValues] = {0, 0, 0, 1};
   float smoothed[kPathValues];
   for (int frame = 0; frame < 1000; ++frame) {
-    // A hundred frames of calm, a hundred of unrest, in turns; each value returns to where it began.
+    // A hundred calm frames and a hundred shaky ones in turns; each value drifts back to its start.
     const double unrest = frame / 100 % 2 == 0 ? 0.03 : 0.6;
     for (int i = 0; i < kPathValues; ++i) {
       const double origin = i == 3 ? 1 : 0;
@@ -70,8 +70,8 @@ TEST(PathFilter, SmoothsAsTheFormulasSay) {
     }
     updatePathFilter(&path.pathFilter, raw, smoothed);
     for (int i = 0; i < kPathValues; ++i) {
-      // Single precision of what is stored each frame, for a value near 1 relative to its limit of 0.02, over the some
-      // twenty frames that the smoothing remembers.
+      // Single precision of the stored state, for a value near 1 with a limit of 0.02, over the twenty frames or so of
+      // memory.
       EXPECT_NEAR(smoothed[i], twins[i].step(raw[i]), 1e-4 * kLimits[i]) << "value " << i << ", frame " << frame;
     }
   }
@@ -81,7 +81,7 @@ TEST(PathFilter, SmoothsAsTheFormulasSay) {
   }
 }
 
-TEST(PathFilter, IsSetBackInPlace) {
+TEST(PathFilter, ResetsWithoutAllocating) {
   Path path;
   PathFilterComponent* const components = path.pathFilter.components;
   const float similarity[4] = {3, 4, 0.01f, 0.02f};
@@ -99,7 +99,7 @@ TEST(PathFilter, IsSetBackInPlace) {
   for (int i = 0; i < 9; ++i) EXPECT_EQ(path.stabilizationMatrix[i], i % 4 == 0 ? 1.0f : 0.0f);
 }
 
-TEST(CameraPath, WhatCannotBeSmoothedIsRefused) {
+TEST(CameraPath, RefusesSimilaritiesOutOfBounds) {
   const float nan = std::numeric_limits<float>::quiet_NaN();
   const float similarities[][4] = {{nan, 0, 0, 0}, {0, nan, 0, 0},      {0, 0, nan, 0},  {0, 0, 0, nan},
                                    {0, 0, -1, 0},  {0, 0, -0.9991f, 0}, {0, 0, 1000, 0}, {INFINITY, 0, 0, 0}};
@@ -116,7 +116,7 @@ TEST(CameraPath, WhatCannotBeSmoothedIsRefused) {
   EXPECT_FALSE(stepStabilization(&empty, small));
 }
 
-// The camera's pose, in the terms of the path.
+// The camera's pose, as path values.
 struct Pose {
   double x = 0, y = 0, angle = 0, scale = 1;
 
@@ -126,7 +126,7 @@ struct Pose {
   }
 };
 
-// A hand's tremor: four sines between 2 and 9 Hz for each value.
+// Hand tremor: four sines between 2 and 9 Hz per value.
 Pose tremor(int frame) {
   constexpr double kFramesPerSecond = 30;
   constexpr double kFrequencies[4] = {2.1, 3.7, 5.9, 8.7};
@@ -141,8 +141,8 @@ Pose tremor(int frame) {
   return {values[0], values[1], values[2], 1 + values[3]};
 }
 
-// How much of the tremor's second differences, root mean square, is left in the stabilised picture.
-TEST(CameraPath, TremorIsTakenOutOfThePicture) {
+// Share of the tremor, rms of its second differences, left in the stabilised picture.
+TEST(CameraPath, RemovesTremorFromThePicture) {
   Path path;
   std::vector<std::array<double, kPathValues>> shaken, stabilized;
   const auto valuesOf = [](const View& m) {
@@ -168,8 +168,8 @@ TEST(CameraPath, TremorIsTakenOutOfThePicture) {
       before += std::pow(shaken[k + 1][i] - 2 * shaken[k][i] + shaken[k - 1][i], 2);
       after += std::pow(stabilized[k + 1][i] - 2 * stabilized[k][i] + stabilized[k - 1][i], 2);
     }
-    // Smoothing passes some alpha / (2 sin(pi f / 30 Hz)) of a sine: 0.12 at 2 Hz and 0.03 at 9 Hz, which weighs most in
-    // second differences, for x and y, and three times that for the others. With a sign that is wrong it is above 1.
+    // Smoothing passes about alpha / (2 sin(pi f / 30 Hz)) of a sine: for x and y 0.12 at 2 Hz and 0.03 at 9 Hz, which
+    // dominates second differences; three times that for the others. A wrong sign gives more than 1.
     EXPECT_LT(std::sqrt(after / before), i < 2 ? 0.05 : 0.25) << "value " << i;
   }
 }

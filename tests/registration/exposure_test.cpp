@@ -15,7 +15,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-constexpr float kShare = 0.9999f;  // of the samples, which the brightest level is taken from
+constexpr float kShare = 0.9999f;  // of the samples, at or below the brightest level
 constexpr int kUntouched = -7;
 
 struct Statistics {
@@ -34,7 +34,7 @@ Statistics statisticsOf(const LumaImage& image, float share = kShare) {
   return result;
 }
 
-// Pixels whose samples are exactly `levels`; those that are not looked at are white or black in turns.
+// Pixels whose samples are exactly `levels`; all others alternate between white and black.
 Bytes pixelsWithSamples(const Bytes& levels) {
   Bytes pixels(levels.size() * 16);
   for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = i % 2 == 0 ? 255 : 0;
@@ -42,8 +42,8 @@ Bytes pixelsWithSamples(const Bytes& levels) {
   return pixels;
 }
 
-TEST(LumaStatistics, AStandingAlonePixelCountsTwice) {
-  // What lies behind the picture is not part of it.
+TEST(LumaStatistics, APixelWithoutNeighbourCountsTwice) {
+  // The byte behind the picture is not part of it.
   const Bytes one = {77, 255};
   const Statistics single = statisticsOf({1, 1, one.data()});
   EXPECT_EQ(single.mean, 77);
@@ -59,7 +59,7 @@ TEST(LumaStatistics, AStandingAlonePixelCountsTwice) {
   EXPECT_EQ(actual.maxLevel, 100);
 }
 
-TEST(LumaStatistics, NothingToSeeLeavesTheBrightestLevel) {
+TEST(LumaStatistics, EmptyAndBlackPicturesKeepTheBrightestLevel) {
   const Statistics empty = statisticsOf({0, 5, nullptr});
   EXPECT_EQ(empty.mean, 0);
   EXPECT_EQ(empty.maxLevel, kUntouched);
@@ -72,14 +72,14 @@ TEST(LumaStatistics, NothingToSeeLeavesTheBrightestLevel) {
   EXPECT_EQ(dark.minLevel, 0);
 }
 
-TEST(LumaStatistics, SharesThatAreMetExactly) {
-  // Half of four samples is two: the two darkest suffice for maxLevel, while minLevel wants more than two.
+TEST(LumaStatistics, SharesMetExactly) {
+  // Half of four samples is two: the two darkest suffice for maxLevel, minLevel needs more than two.
   const Statistics half = statisticsOf(oneRow(pixelsWithSamples({40, 10, 30, 20})), 0.5f);
   EXPECT_EQ(half.maxLevel, 20);
   EXPECT_EQ(half.minLevel, 30);
 }
 
-TEST(LumaStatistics, TwoOddPixelsInTwentyThousandAreLeftOut) {
+TEST(LumaStatistics, IgnoresTwoOutliersInTwentyThousand) {
   Bytes levels(20000, 100);
   levels[5] = levels[6000] = 255;
   levels[7] = levels[19999] = 3;
@@ -93,7 +93,7 @@ TEST(LumaStatistics, TwoOddPixelsInTwentyThousandAreLeftOut) {
   EXPECT_EQ(actual.minLevel, 4);
 }
 
-// The formulas of the exposure in double precision.
+// The exposure's formulas in double precision.
 struct Twin {
   double smoothedGamma = 1.0;
   double smoothedGain = 1.0;
@@ -125,24 +125,24 @@ struct Twin {
 };
 
 // Noise between two levels, more of it near the lower.
-Bytes picture(int lowest, int highest, unsigned seed) {
+Bytes picture(int minLevel, int maxLevel, unsigned seed) {
   std::mt19937 random(seed);
-  Bytes pixels(64 * 48, static_cast<uint8_t>(highest));
-  const auto range = static_cast<unsigned>(highest - lowest);
+  Bytes pixels(64 * 48, static_cast<uint8_t>(maxLevel));
+  const auto range = static_cast<unsigned>(maxLevel - minLevel);
   for (uint8_t& pixel : pixels) {
     if (range == 0) break;
     const auto above = static_cast<unsigned>(random() % (range + 1));
-    pixel = static_cast<uint8_t>(static_cast<unsigned>(lowest) + above * above / range);
+    pixel = static_cast<uint8_t>(static_cast<unsigned>(minLevel) + above * above / range);
   }
   return pixels;
 }
 
-TEST(Exposure, SettlesAsTheFormulasSay) {
-  // Dark, black (which says nothing about the brightest level), flat (whose gamma is undefined), nearly black, and
-  // bright with a mean above half of the brightest level, for which gamma would have to exceed 1.
+TEST(Exposure, FollowsItsFormulas) {
+  // Dark, black (no brightest level), flat (gamma undefined), nearly black, and bright with a mean above half of the
+  // brightest level (gamma would exceed 1).
   struct Step {
-    int lowest;
-    int highest;
+    int minLevel;
+    int maxLevel;
   };
   constexpr Step kSteps[12] = {{0, 0}, {0, 40}, {0, 40},    {0, 60}, {180, 255}, {0, 0},
                                {0, 0}, {0, 12}, {200, 200}, {0, 1},  {0, 90},    {130, 160}};
@@ -157,11 +157,10 @@ TEST(Exposure, SettlesAsTheFormulasSay) {
     for (const Step& step : kSteps) {
       SCOPED_TRACE(testing::Message() << "mode " << setting.mode << ", strength " << setting.strength << ", step "
                                       << seed);
-      const Bytes pixels = picture(step.lowest, step.highest, ++seed);
+      const Bytes pixels = picture(step.minLevel, step.maxLevel, ++seed);
       updateExposure(&state, {64, 48, pixels.data()}, setting.mode, setting.strength);
       twin.update(pixels, setting.mode, setting.strength);
-      // A step rounds some four times, to half of 2^-22 for a gain below 4, and the easing keeps the errors of five
-      // steps.
+      // A step rounds about four times, by half of 2^-22 for a gain below 4; smoothing sums the errors of five steps.
       constexpr double kTolerance = 4 * 5 * 0x1p-23;
       EXPECT_NEAR(state.lastGamma, twin.lastGamma, kTolerance);
       EXPECT_NEAR(state.smoothedGamma, twin.smoothedGamma, kTolerance);
@@ -171,7 +170,7 @@ TEST(Exposure, SettlesAsTheFormulasSay) {
   }
 }
 
-TEST(Exposure, ANarrowerLimitHoldsAtOnce) {
+TEST(Exposure, ANarrowerLimitAppliesAtOnce) {
   Bytes pixels(64 * 48, 1);
   pixels[0] = 20;
   ExposureState state;
@@ -181,7 +180,7 @@ TEST(Exposure, ANarrowerLimitHoldsAtOnce) {
   EXPECT_EQ(state.lastGamma, 0.75f);
 }
 
-TEST(Exposure, SaysSoWhenGammaRunsAway) {
+TEST(Exposure, LogsAGammaOutOfRange) {
   const LogCapture log;
   const Bytes pixels(64 * 48, 50);
   ExposureState state;

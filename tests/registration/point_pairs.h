@@ -1,4 +1,4 @@
-// Point pairs as the tracker would leave them.
+// Point pairs as the tracker hands them to the fit.
 #pragma once
 
 #include <algorithm>
@@ -23,7 +23,7 @@ inline _KRMatch moved(const View& m, double x, double y, double offsetX = 0, dou
           static_cast<float>(m[3] * x + m[4] * y + m[5] + offsetY)};
 }
 
-// Points all over the image, with errors of the given standard deviation in each coordinate.
+// Random points in the image, with errors of the given standard deviation in each coordinate.
 inline Pairs scattered(const View& motion, int count, int width, int height, double deviation, unsigned seed) {
   std::mt19937 random(seed);
   std::uniform_real_distribution<double> x(0, width);

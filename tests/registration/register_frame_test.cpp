@@ -15,7 +15,7 @@ constexpr int kHeight = 180;
 
 constexpr View kCalm = {1.01, 0.02, 2.5, -0.015, 0.99, -1.5};
 
-// What a frame is fitted with, for the pairs that the tracker is to have found.
+// fitFrame on given pairs, as if the tracker had found them.
 class FitFrame : public ::testing::Test {
  protected:
   FitFrame() { EXPECT_TRUE(initStabilization(records, kColumns, kRows, kWidth, kHeight)); }
@@ -42,8 +42,8 @@ class FitFrame : public ::testing::Test {
   float motion[9], inverseMotion[9];
 };
 
-// Pairs whose sums are exact in single precision, so that the fit is too: `back`, previous from current, of targets 10
-// pixels apart in a square around the origin.
+// Pairs whose sums are exact in single precision, so that the fit is too. `back`: previous from current; the targets
+// are 10 pixels apart in a square around the origin.
 Pairs exactly(const View& back) {
   Pairs pairs;
   for (int i = -2; i <= 2; ++i) {
@@ -55,76 +55,97 @@ Pairs exactly(const View& back) {
   return pairs;
 }
 
-TEST_F(FitFrame, KeepsTheBetterHalfWithinLimits) {
+// The corners of the square, and its centre.
+Pairs firstOf(size_t count, const Pairs& square) {
+  const Pairs chosen = {square[0], square[4], square[20], square[24], square[12]};
+  return Pairs(chosen.begin(), chosen.begin() + static_cast<ptrdiff_t>(count));
+}
+
+TEST_F(FitFrame, PruningKeepsTheBetterHalfWithinLimits) {
   // Limits of the error for 320 + 180 pixels: 0.25 and 1.
   const struct {
     float scores[3], errors[3];
     std::vector<int> kept;
   } kCases[] = {
       {{0.7f, 0.8f, 0.85f}, {0.5f, 0.6f, 0.4f}, {2}},          // the medians: 0.8 and 0.5
-      {{0.8f, 0.81f, 0.7f}, {0.5f, 0.4f, 0.6f}, {0, 1}},       // both met exactly
-      {{0.99f, 0.9f, 0.95f}, {0.1f, 0.25f, 0.2f}, {0, 1, 2}},  // no more than 0.9 is asked, errors of 0.25 are fine
+      {{0.8f, 0.81f, 0.7f}, {0.5f, 0.4f, 0.6f}, {0, 1}},       // both exactly at the median
+      {{0.99f, 0.9f, 0.95f}, {0.1f, 0.25f, 0.2f}, {0, 1, 2}},  // a score of 0.9 and an error of 0.25 always suffice
       {{0.9f, 0.899f, 0.99f}, {0.251f, 0.2f, 0.1f}, {2}},
-      {{0.65f, 0.6f, 0.64f}, {2.0f, 1.5f, 1.6f}, {}},  // 0.65 is asked, and an error of at most 1
+      {{0.65f, 0.6f, 0.64f}, {2.0f, 1.5f, 1.6f}, {}},  // a score of 0.65 and an error of 1 are required
       {{0.65f, 0.6f, 0.64f}, {1.0f, 1.5f, 1.6f}, {0}},
       {{NAN, 0.95f, 0.95f}, {0.1f, NAN, 0.1f}, {2}},
   };
   for (const auto& each : kCases) {
     SCOPED_TRACE(testing::Message() << "case " << &each - kCases);
-    const Pairs pairs = scattered(kCalm, 3, kWidth, kHeight, 1.0, 9);
-    registration = registrationOf(pairs, kWidth, kHeight);
+    registration = registrationOf(Pairs(3), kWidth, kHeight);
     std::copy_n(each.scores, 3, registration->scores);
     std::copy_n(each.errors, 3, registration->errors);
     pruneMatches(registration.get());
-    ASSERT_EQ(registration->pointCount, static_cast<int>(each.kept.size()));
-    EXPECT_EQ(registration->matchedCount, registration->pointCount);
-    EXPECT_EQ(registration->trackedCount, 3);
-    for (size_t i = 0; i < each.kept.size(); ++i) {
-      const int was = each.kept[i];
-      const _KRMatch& pair = pairs[static_cast<size_t>(was)];
-      EXPECT_EQ(registration->indices[i], was);
-      EXPECT_EQ(registration->identifiers[i], 1000 + was);
-      EXPECT_EQ(registration->sourcePoints[i].x, pair.sourceX);
-      EXPECT_EQ(registration->targetPoints[i].y, pair.targetY);
-      EXPECT_EQ(registration->displacements[i].x, pair.targetX - pair.sourceX);
-    }
+    EXPECT_EQ(std::vector<int>(registration->indices, registration->indices + registration->pointCount), each.kept);
   }
+}
+
+TEST_F(FitFrame, PruningMovesWhatBelongsToAPair) {
+  const Pairs pairs = scattered(kCalm, 5, kWidth, kHeight, 1.0, 9);
+  registration = registrationOf(pairs, kWidth, kHeight);
+  registration->scores[0] = registration->scores[2] = 0.0f;
+  pruneMatches(registration.get());
+  ASSERT_EQ(registration->pointCount, 3);
+  EXPECT_EQ(registration->matchedCount, 3);
+  EXPECT_EQ(registration->trackedCount, 5);
+  const int kept[3] = {1, 3, 4};
+  for (size_t i = 0; i < 3; ++i) {
+    const _KRMatch& pair = pairs[static_cast<size_t>(kept[i])];
+    EXPECT_EQ(registration->identifiers[i], 1000 + kept[i]);
+    EXPECT_EQ(registration->sourcePoints[i].x, pair.sourceX);
+    EXPECT_EQ(registration->targetPoints[i].y, pair.targetY);
+    EXPECT_EQ(registration->displacements[i].x, pair.targetX - pair.sourceX);
+  }
+}
+
+TEST_F(FitFrame, PruningReportsTheLowerMedians) {
   registration = registrationOf(Pairs(4), kWidth, kHeight);
   for (int i = 0; i < 4; ++i) {
     registration->scores[i] = 0.7f + 0.05f * static_cast<float>(i);
     registration->errors[i] = 0.3f + 0.1f * static_cast<float>(i);
   }
   pruneMatches(registration.get());
-  EXPECT_EQ(registration->medianScore, 0.75f);  // the lower of the two in the middle
+  EXPECT_EQ(registration->medianScore, 0.75f);
   EXPECT_EQ(registration->medianError, 0.4f);
 }
 
-TEST_F(FitFrame, FiveMatchesAreFittedAndFourAreNot) {
+TEST_F(FitFrame, FiveMatchesGiveAMotionAndItsInverse) {
   constexpr View kBack = {1, 0.1, 1, -0.1, 1, 2};
-  const Pairs square = exactly(kBack);
-  const Pairs five = {square[0], square[4], square[12], square[20], square[24]};
-  ASSERT_TRUE(fit(five));
+  ASSERT_TRUE(fit(firstOf(5, exactly(kBack))));
   const float expected[9] = {1, 0.1f, 1, -0.1f, 1, 2, 0, 0, 1};
   for (int i = 0; i < 9; ++i) EXPECT_FLOAT_EQ(motion[i], expected[i]) << i;
-  // The inverse of that, whose determinant is 1.01.
+  // Its inverse; the determinant is 1.01.
   const double undone[9] = {1 / 1.01, -0.1 / 1.01, -0.8 / 1.01, 0.1 / 1.01, 1 / 1.01, -2.1 / 1.01, 0, 0, 1};
   for (int i = 0; i < 9; ++i) EXPECT_FLOAT_EQ(inverseMotion[i], static_cast<float>(undone[i])) << i;
-  for (size_t i = 0; i < 5; ++i) {
-    EXPECT_EQ(matches[i].sourceX, five[i].sourceX);
-    EXPECT_EQ(matches[i].sourceY, five[i].sourceY);
-    EXPECT_EQ(matches[i].targetX, five[i].targetX);
-    EXPECT_EQ(matches[i].targetY, five[i].targetY);
-  }
-  EXPECT_FALSE(isAtRest(records[0]));
+}
 
-  EXPECT_FALSE(fit(Pairs(five.begin(), five.end() - 1)));
+TEST_F(FitFrame, HandsOutThePairsItUsed) {
+  const Pairs pairs = scattered(kCalm, 20, kWidth, kHeight, 0.0, 10);
+  ASSERT_TRUE(fit(pairs));
+  for (size_t i = 0; i < pairs.size(); ++i) {
+    EXPECT_EQ(matches[i].sourceX, pairs[i].sourceX);
+    EXPECT_EQ(matches[i].sourceY, pairs[i].sourceY);
+    EXPECT_EQ(matches[i].targetX, pairs[i].targetX);
+    EXPECT_EQ(matches[i].targetY, pairs[i].targetY);
+  }
+}
+
+TEST_F(FitFrame, FourMatchesResetThePath) {
+  constexpr View kBack = {1, 0.1, 1, -0.1, 1, 2};
+  ASSERT_TRUE(fit(firstOf(5, exactly(kBack))));
+  EXPECT_FALSE(isAtRest(records[0]));
+  EXPECT_FALSE(fit(firstOf(4, exactly(kBack))));
   EXPECT_TRUE(isAtRest(records[0]));
   EXPECT_TRUE(isIdentity(motion));
   EXPECT_TRUE(isIdentity(inverseMotion));
-  EXPECT_EQ(registration->matchedCount, 4);
-  EXPECT_EQ(registration->trackedCount, 4);
+}
 
-  // Those that are pruned do not count.
+TEST_F(FitFrame, PrunedPairsDoNotCountAsMatches) {
   registration = registrationOf(scattered(kCalm, 9, kWidth, kHeight, 0.0, 10), kWidth, kHeight);
   std::fill_n(registration->scores, 5, 0.5f);
   EXPECT_FALSE(fitFrame(motion, inverseMotion, matches, registration.get(), records));
@@ -153,7 +174,7 @@ TEST_F(FitFrame, AMotionAtTheLimitsIsValidAndOneBeyondResetsThePath) {
   }
 }
 
-TEST_F(FitFrame, PairsThatAreNoNumbersAreNoMotion) {
+TEST_F(FitFrame, PairsThatAreNotFiniteAreNoMotion) {
   for (const float bad : {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity()}) {
     for (float _KRMatch::*const coordinate : {&_KRMatch::sourceX, &_KRMatch::targetY}) {
       ASSERT_TRUE(fit(scattered(kCalm, 200, kWidth, kHeight, 0.0, 11)));
@@ -166,18 +187,18 @@ TEST_F(FitFrame, PairsThatAreNoNumbersAreNoMotion) {
   }
 }
 
-TEST_F(FitFrame, APathThatRunsAwayStartsAgainAndTheMotionStands) {
+TEST_F(FitFrame, APathOutOfBoundsRestartsAndTheMotionStaysValid) {
   for (int frame = 0; frame < 30; ++frame) {
     ASSERT_TRUE(fit(exactly({0.7, 0.001, 0, -0.001, 0.7, 0})));
     ASSERT_GE(records[0].rawPath[3], 1e-3f);
     ASSERT_LE(records[0].rawPath[3], 1e3f);
   }
-  // 0.7^-19 is 876 and 0.7^-20 is 1253: the twentieth frame set it to 1 and the others go on from there.
+  // 0.7^-19 is 876, 0.7^-20 is 1253: the twentieth frame resets it to 1, and the other ten go on from there.
   EXPECT_NEAR(records[0].rawPath[3], std::pow(0.7, -10), 0.01);
 }
 
 TEST_F(FitFrame, EachCellOfAGridFollowsItsOwnPart) {
-  // The left part turns and moves, the right part moves the other way, and the middle is torn.
+  // The left part turns and moves, the right part moves the other way, with a gap between them.
   const View left = {1.01, 0.02, 3, -0.02, 1.01, 1}, right = {1.01, 0.001, -6, -0.001, 1.01, -2};
   Pairs pairs;
   for (const _KRMatch& pair : scattered(kStill, 900, kWidth, kHeight, 0.0, 12)) {
@@ -197,16 +218,27 @@ TEST_F(FitFrame, EachCellOfAGridFollowsItsOwnPart) {
     EXPECT_NEAR(records[cell].rawPath[3], 1.01, 1e-4) << cell;
   }
   EXPECT_NEAR(inverseMotion[2], -6, 0.05) << "the last cell's";
-  EXPECT_FALSE(fitGrid(Pairs(pairs.begin(), pairs.begin() + 4), 3, 2));
-  for (const auto& record : records) EXPECT_TRUE(isAtRest(record));
+}
 
-  // No column to divide by, and no row.
+TEST_F(FitFrame, TooFewMatchesResetEveryCellOfAGrid) {
+  const Pairs pairs = scattered(kCalm, 400, kWidth, kHeight, 0.0, 12);
+  ASSERT_TRUE(fitGrid(pairs, kColumns, kRows));
+  for (const auto& record : records) EXPECT_FALSE(isAtRest(record));
+  EXPECT_FALSE(fitGrid(Pairs(pairs.begin(), pairs.begin() + 4), kColumns, kRows));
+  for (const auto& record : records) EXPECT_TRUE(isAtRest(record));
+}
+
+TEST_F(FitFrame, AGridMayHaveOneColumnOrRow) {
+  // Cell centres are spaced by side / (count - 1): no division by zero.
   const Pairs calm = scattered(kCalm, 400, kWidth, kHeight, 0.0, 13);
   for (const auto& [columns, rows] : {std::pair{1, 1}, {1, 2}, {2, 1}}) {
     ASSERT_TRUE(fitGrid(calm, columns, rows));
     EXPECT_NEAR(inverseMotion[2], kCalm[2], 0.01);
   }
-  EXPECT_FALSE(fitGrid(exactly({1, 0, 2, 0, 1, 2}), 1, 1));  // zeros, as of a fit that failed
+}
+
+TEST_F(FitFrame, ACellWithAZeroCoefficientIsInvalid) {
+  EXPECT_FALSE(fitGrid(exactly({1, 0, 2, 0, 1, 2}), 1, 1));
 }
 
 }  // namespace

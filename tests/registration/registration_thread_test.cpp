@@ -19,7 +19,7 @@ constexpr MotionEstimate kMotion = {{1.01f, -0.02f, 2.25f, 0.03f, 0.99f, -0.75f,
                                     {0.98f, 0.02f, -2.2f, -0.03f, 1.01f, 0.8f, 0, 0, 1},
                                     {1.0f, 0.01f, 5.0f, -0.01f, 1.0f, -3.5f, 0, 0, 1}};
 
-// Answers what it is told to, and keeps what it was asked.
+// Returns a given answer and records the calls.
 struct ScriptedMotion {
   MotionEstimate answer = kMotion;
   bool valid = true;
@@ -45,7 +45,7 @@ struct ScriptedMotion {
   return ::testing::AssertionSuccess();
 }
 
-// The thread, with the frame path's side of the hand-off.
+// The thread, and the frame path's side of the hand-off.
 class RegistrationThread : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -53,13 +53,13 @@ class RegistrationThread : public ::testing::Test {
     context.height = kHeight;
     context.motionSource = ScriptedMotion::measure;
     context.motionSourceContext = &motion;
-    for (int i = 0; i < 2; ++i) context.luminanceFrames[i] = images[i].data();
-    ASSERT_EQ(pthread_create(&thread, nullptr, registrationThreadMain, &context), 0);
-    running = true;
+    for (int i = 0; i < 2; ++i) context.luminanceFrames[i] = images_[i].data();
+    ASSERT_EQ(pthread_create(&thread_, nullptr, registrationThreadMain, &context), 0);
+    running_ = true;
   }
 
   void TearDown() override {
-    if (running) quit();
+    if (running_) quit();
   }
 
   void* quit() {
@@ -70,14 +70,14 @@ class RegistrationThread : public ::testing::Test {
     context.registrationRequest.raise();
     context.registrationDone.wait();
     void* result = nullptr;
-    pthread_join(thread, &result);
-    running = false;
+    pthread_join(thread_, &result);
+    running_ = false;
     return result;
   }
 
   void frame(uint8_t level = 100) {
     context.frameSelect = 1 - context.frameSelect;
-    std::fill(images[context.frameSelect].begin(), images[context.frameSelect].end(), level);
+    std::fill(images_[context.frameSelect].begin(), images_[context.frameSelect].end(), level);
     context.registrationRequest.raise();
     context.registrationDone.wait();
   }
@@ -93,9 +93,9 @@ class RegistrationThread : public ::testing::Test {
   RegistrationContext context;
 
  private:
-  std::vector<uint8_t> images[2] = {std::vector<uint8_t>(kWidth * kHeight), std::vector<uint8_t>(kWidth* kHeight)};
-  pthread_t thread = {};
-  bool running = false;
+  std::vector<uint8_t> images_[2] = {std::vector<uint8_t>(kWidth * kHeight), std::vector<uint8_t>(kWidth* kHeight)};
+  pthread_t thread_ = {};
+  bool running_ = false;
 };
 
 TEST_F(RegistrationThread, FirstFrameOnlyPrimes) {
@@ -103,15 +103,22 @@ TEST_F(RegistrationThread, FirstFrameOnlyPrimes) {
   EXPECT_TRUE(motion.lastFirst);
   EXPECT_EQ(context.registrationResult, kRegistrationFailed);
   EXPECT_TRUE(hasNoMotion());
+}
 
+TEST_F(RegistrationThread, HandsOutTheMeasuredMatrices) {
+  frame();
   frame();
   EXPECT_FALSE(motion.lastFirst);
   EXPECT_EQ(context.registrationResult, kRegistrationValid);
   EXPECT_TRUE(isMatrix(context.motionMatrix, kMotion.previousFromCurrent));
   EXPECT_TRUE(isMatrix(context.inverseMotionMatrix, kMotion.currentFromPrevious));
   EXPECT_TRUE(isMatrix(context.stabilizationMatrix, kMotion.stabilizedFromCurrent));
+}
 
-  context.firstFrame = 1;  // a break of the sequence
+TEST_F(RegistrationThread, ABreakOfTheSequencePrimesAgain) {
+  frame();
+  frame();
+  context.firstFrame = 1;
   frame();
   EXPECT_TRUE(motion.lastFirst);
   EXPECT_EQ(context.registrationResult, kRegistrationFailed);
@@ -120,7 +127,7 @@ TEST_F(RegistrationThread, FirstFrameOnlyPrimes) {
   EXPECT_EQ(context.registrationResult, kRegistrationValid);
 }
 
-TEST_F(RegistrationThread, MotionThatIsNoNumberIsNoMotion) {
+TEST_F(RegistrationThread, MotionThatIsNotFiniteIsNoMotion) {
   frame();
   for (int matrix = 0; matrix < 3; ++matrix) {
     for (const float bad : {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity()}) {
@@ -148,7 +155,11 @@ TEST_F(RegistrationThread, AFailedMeasurementLeavesNoMotion) {
   EXPECT_EQ(context.registrationResult, kRegistrationFailed);
   EXPECT_TRUE(hasNoMotion());
   EXPECT_FALSE(motion.lastFirst);
+}
 
+TEST_F(RegistrationThread, WithoutATrackerThereIsNoMotion) {
+  frame();
+  frame();
   context.motionSource = nullptr;
   frame();
   EXPECT_EQ(context.registrationResult, kRegistrationFailed);
@@ -174,49 +185,62 @@ TEST_F(RegistrationThread, SwitchedOffItOnlyMeasuresExposure) {
   EXPECT_EQ(context.exposure.maxLevel, 40);
 }
 
-TEST(MotionMeasurement, TheTrackersMotionIsInFramePixelsAndItsPathInItsOwn) {
-  constexpr int kSide = 160;
-  const Waves scene(3, 8);
-  RegistrationContext context;
-  context.width = context.height = kSide;
-  context.resolutionFactor = 2;
-  ASSERT_EQ(createRegistration(kSide, kSide, 1, &context.registration), 0);
-  ASSERT_TRUE(initStabilization(&context.stabilization, 1, 1, kSide, kSide));
-  const float(&path)[9] = context.stabilization.stabilizationMatrix;
-  std::vector<uint8_t> pixels;
-  for (int frame = 0; frame < 4; ++frame) {
-    SCOPED_TRACE(frame);
-    pixels = scene.seen(kSide, kSide, shifted(-1.5 * frame, frame), 2, static_cast<unsigned>(frame));
-    context.luminanceFrames[0] = pixels.data();
-    measureMotion(&context);
-    EXPECT_EQ(context.firstFrame, 0);
-    if (frame == 0) {
-      EXPECT_EQ(context.registrationResult, kRegistrationFailed);
-      EXPECT_EQ(context.matchCount, 0);
-      EXPECT_TRUE(isMatrix(context.motionMatrix, kIdentity3x3));
-      EXPECT_TRUE(isMatrix(context.stabilizationMatrix, kIdentity3x3));
-      continue;
-    }
+// The tracker at half resolution on a pan of (1.5, -1) registration pixels per frame.
+class MotionMeasurement : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    context.width = context.height = kSide;
+    context.resolutionFactor = 2;
+    ASSERT_EQ(createRegistration(kSide, kSide, 1, &context.registration), 0);
+    ASSERT_TRUE(initStabilization(&context.stabilization, 1, 1, kSide, kSide));
+    for (int frame = 0; frame < 4; ++frame) measure();
     ASSERT_EQ(context.registrationResult, kRegistrationValid);
-    EXPECT_GE(context.matchCount, 5);
-    // A tracker is right to some tenth of a pixel, twice that in the frame.
-    EXPECT_NEAR(context.inverseMotionMatrix[2], 2 * 1.5, 0.2);
-    EXPECT_NEAR(context.inverseMotionMatrix[5], 2 * -1.0, 0.2);
-    EXPECT_NEAR(context.motionMatrix[2], 2 * -1.5, 0.2);
-    EXPECT_NEAR(context.motionMatrix[5], 2 * 1.0, 0.2);
-    EXPECT_TRUE(isMatrix(context.stabilizationMatrix, path, 2.0f));
-    EXPECT_LT(path[2], 0.0f);  // back to where the picture was
-    EXPECT_NEAR(context.stabilization.rawPath[0], 1.5 * frame, 0.1 * frame);
+  }
+  void TearDown() override {
+    releaseRegistration(&context.registration);
+    releaseStabilization(&context.stabilization, 1, 1);
+  }
+  void measure() {
+    pixels_ = scene_.seen(kSide, kSide, shifted(-1.5 * frames_, frames_), 2, static_cast<unsigned>(frames_));
+    ++frames_;
+    context.luminanceFrames[0] = pixels_.data();
+    measureMotion(&context);
   }
 
-  context.firstFrame = 1;  // a break of the sequence: the path waits
-  measureMotion(&context);
+  static constexpr int kSide = 160;
+  RegistrationContext context;
+
+ private:
+  const Waves scene_ = Waves(3, 8);
+  int frames_ = 0;
+  std::vector<uint8_t> pixels_;
+};
+
+TEST_F(MotionMeasurement, TranslatesInFramePixels) {
+  // The tracker is right to a tenth of a pixel, twice that in the frame.
+  EXPECT_NEAR(context.inverseMotionMatrix[2], 2 * 1.5, 0.2);
+  EXPECT_NEAR(context.inverseMotionMatrix[5], 2 * -1.0, 0.2);
+  EXPECT_NEAR(context.motionMatrix[2], 2 * -1.5, 0.2);
+  EXPECT_NEAR(context.motionMatrix[5], 2 * 1.0, 0.2);
+  EXPECT_GE(context.matchCount, 5);
+}
+
+TEST_F(MotionMeasurement, StabilizesInFramePixelsAndKeepsThePathInItsOwn) {
+  const float(&path)[9] = context.stabilization.stabilizationMatrix;
+  EXPECT_LT(path[2], 0.0f);  // back to where the picture was
+  EXPECT_TRUE(isMatrix(context.stabilizationMatrix, path, 2.0f));
+  EXPECT_NEAR(context.stabilization.rawPath[0], 3 * 1.5, 0.3);
+}
+
+TEST_F(MotionMeasurement, AFirstFrameHasNoMotionAndKeepsThePath) {
+  context.firstFrame = 1;
+  measure();
+  EXPECT_EQ(context.firstFrame, 0);
   EXPECT_EQ(context.registrationResult, kRegistrationFailed);
+  EXPECT_EQ(context.matchCount, 0);
   EXPECT_TRUE(isMatrix(context.motionMatrix, kIdentity3x3));
   EXPECT_TRUE(isMatrix(context.stabilizationMatrix, kIdentity3x3));
-  EXPECT_NEAR(context.stabilization.rawPath[0], 4.5, 0.3);
-  releaseRegistration(&context.registration);
-  releaseStabilization(&context.stabilization, 1, 1);
+  EXPECT_NEAR(context.stabilization.rawPath[0], 3 * 1.5, 0.3);
 }
 
 TEST_F(RegistrationThread, QuitReleasesTheWaiterAndMeasuresNothing) {

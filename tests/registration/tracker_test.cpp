@@ -1,4 +1,4 @@
-// Motion of whole frames through the tracker, and the sums it is measured by.
+// The tracker on whole frames, and the sums it is built on.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -37,7 +37,7 @@ struct Samples {
   int at(int x, int y) const { return values[static_cast<size_t>(y * width + x)]; }
 };
 
-// Every fourth sample at the least or the most there can be: sums that overflow do it here.
+// Every fourth sample is 0 or the maximum, to provoke overflow.
 Samples randomSamples(int width, int height, std::mt19937* random) {
   Samples samples = {width, height, {}};
   for (int i = 0; i < width * height; ++i) {
@@ -63,12 +63,12 @@ double over(int x, int y, Term&& term) {
   return sum;
 }
 
-TEST(BlockSums, AreThoseOfTheirFormulasInAnyLanes) {
+TEST(BlockSums, FollowTheirFormulasInAnyLanes) {
   std::mt19937 random(5);
   constexpr int kWidth = 41, kHeight = 27;
   int compared = 0;
   for (int round = 0; round < 300; ++round) {
-    // Of the size of the picture to the byte, for an address sanitizer to see what reads beyond.
+    // Exactly as large as the picture, so that an address sanitizer sees reads beyond it.
     Samples own = randomSamples(kWidth, kHeight, &random), other = randomSamples(kWidth, kHeight, &random);
     if (round == 0) std::fill(own.values.begin(), own.values.end(), 4080);
     const int x = 1 + static_cast<int>(random() % (kWidth - 9)), y = 1 + static_cast<int>(random() % (kHeight - 9));
@@ -77,7 +77,7 @@ TEST(BlockSums, AreThoseOfTheirFormulasInAnyLanes) {
     const BlockMatch match = matchBlock<NativeLanes>(own.image(), other.image(), x, y, dx, dy);
     EXPECT_TRUE(sameBits(match, matchBlock<PlainLanes>(own.image(), other.image(), x, y, dx, dy)));
 
-    // Ten samples and the next one, for interpolation.
+    // Ten samples, and one more for interpolation.
     const auto fits = [](int at, float d, int size) {
       const int first = at + static_cast<int>(std::floor(d)) - 1;
       return first >= 0 && first + 11 <= size;
@@ -102,8 +102,8 @@ TEST(BlockSums, AreThoseOfTheirFormulasInAnyLanes) {
     };
     const auto difference = [&](int px, int py) { return i(px, py) - j(px, py); };
     const auto one = [](int, int) { return 1.0; };
-    // Interpolation rounds twice, by up to half of 1/16 level each: every sample of J is within 1/16 of its formula, and so
-    // is a gradient of J.
+    // Interpolation rounds twice, by at most half of 1/16 level: each sample of J is within 1/16 of its formula, and so
+    // is each gradient of J.
     const auto bound = [&](auto&& a) { return over(x, y, [&](int px, int py) { return std::fabs(a(px, py)) / 16; }); };
     EXPECT_NEAR(match.bx, product(gx(i), difference), bound(gx(i)));
     EXPECT_NEAR(match.by, product(gy(i), difference), bound(gy(i)));
@@ -116,15 +116,21 @@ TEST(BlockSums, AreThoseOfTheirFormulasInAnyLanes) {
     EXPECT_NEAR(match.energy, product(difference, difference), 2 * bound(difference) + bound(one));
   }
   EXPECT_GT(compared, 30);
+}
 
-  Samples own = randomSamples(kWidth, kHeight, &random);
+TEST(BlockSums, AreNotTakenAtDisplacementsOutOfBounds) {
+  std::mt19937 random(5);
+  Samples own = randomSamples(41, 27, &random);
   for (const float bad : {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(), -1e30f}) {
     EXPECT_FALSE(matchBlock<NativeLanes>(own.image(), own.image(), 9, 9, bad, 0).inside);
     EXPECT_FALSE(matchBlock<NativeLanes>(own.image(), own.image(), 9, 9, 0, bad).inside);
   }
+}
 
-  // A picture at rest against itself shares all of its texture.
-  const BlockGrid grid(kWidth, kHeight);
+TEST(BlockSums, OfAPictureWithItselfShareAllTexture) {
+  std::mt19937 random(6);
+  Samples own = randomSamples(41, 27, &random);
+  const BlockGrid grid(41, 27);
   std::vector<BlockTexture> textures(static_cast<size_t>(grid.count()));
   readTextures(own.image(), grid, textures.data(), 0, grid.rows);
   const BlockTexture& texture = textures[static_cast<size_t>(grid.columns + 1)];
@@ -170,7 +176,7 @@ TEST(ImagePyramid, LevelsAreSmoothedMeans) {
       twin = smooth;
       ASSERT_EQ(pyramid.level(level).width, w);
       ASSERT_EQ(pyramid.level(level).height, h);
-      // Level 0 is exact; each further one rounds twice, by half a unit of 1/16 level.
+      // Level 0 is exact; each coarser one rounds twice, by half a unit of 1/16 level.
       for (int i = 0; i < w * h; ++i) {
         ASSERT_NEAR(pyramid.level(level).pixels[i], 16 * twin[static_cast<size_t>(i)], level) << level << ": " << i;
       }
@@ -180,7 +186,7 @@ TEST(ImagePyramid, LevelsAreSmoothedMeans) {
 
 }  // namespace sums
 
-// A registration and what it said about the last frame.
+// A registration, and its results for the last frame.
 class Tracker {
  public:
   Tracker(int frameWidth, int frameHeight, WorkerPool* pool = nullptr) : width(frameWidth), height(frameHeight) {
@@ -195,7 +201,7 @@ class Tracker {
   Tracker(const Tracker&) = delete;
   Tracker& operator=(const Tracker&) = delete;
 
-  // True: valid. Whatever comes of a frame, its matrices are numbers.
+  // True: valid. The matrices are finite in any case.
   bool take(const Pixels& frame) {
     int valid = 0;
     registerFrame(frame.data(), motion, inverseMotion, matches, &valid, registration, &firstFrame, &stabilization);
@@ -223,7 +229,7 @@ const Waves& scene() {
   return waves;
 }
 
-// Pixels, root mean square over the corners: about twice the worst seen in these frames, whose error is what noise leaves.
+// Pixels, rms over the corners: about twice the worst error measured on these frames.
 constexpr double kErrorUnderNoise3 = 0.15;
 
 TEST(Tracking, FindsASimilarityUnderNoise) {
@@ -243,23 +249,22 @@ TEST(Tracking, FindsASimilarityUnderNoise) {
   }
 }
 
-TEST(Tracking, ShearIsFoundOnce) {
+TEST(Tracking, FindsShear) {
   constexpr int kWidth = 640, kHeight = 360;
-  for (const View& shear : {View{1.002, 0.001, 0, 0.001, 0.998, 0},
-                            {1, 0.004, 0, 0, 1, 0},
-                            {1, 0.012, 0, 0, 1, 0}}) {  // of rolling shutters
+  for (const View& shear :
+       {View{1.002, 0.001, 0, 0.001, 0.998, 0}, {1, 0.004, 0, 0, 1, 0}, {1, 0.012, 0, 0, 1, 0}}) {  // rolling shutter
     const View motion = composed(shear, shifted(1.3, 2.2));
     for (const double sigma : {0.0, 3.0}) {
       Tracker tracker(kWidth, kHeight);
       tracker.take(scene().seen(kWidth, kHeight, kStill, sigma, 1));
       ASSERT_TRUE(tracker.take(scene().seen(kWidth, kHeight, inverted(motion), sigma, 2)));
-      // 0.8 pixels when the shear is left out, 0.7 when a point's own motion adds it once more.
+      // 0.8 pixels without the shear, 0.7 when it is counted twice.
       EXPECT_LT(tracker.error(motion), kErrorUnderNoise3);
     }
   }
 }
 
-TEST(Tracking, WithoutNoiseThereIsAMotionInEachFrame) {
+TEST(Tracking, WithoutNoiseEveryFrameHasAMotion) {
   constexpr int kWidth = 200, kHeight = 120;
   for (const View& step : {kStill, shifted(-7, 5), shifted(3, 0), shifted(0, -2)}) {
     Tracker tracker(kWidth, kHeight);
@@ -279,14 +284,14 @@ TEST(Tracking, ATripodUnderNoiseStandsStill) {
     int held = 0;
     for (unsigned n = 1; n <= kFrames; ++n) {
       ASSERT_TRUE(tracker.take(scene().seen(kWidth, kHeight, kStill, sigma, 100 + n)));
-      // What keeps the fit from an exact zero is 0.004 pixels in the corners of this frame, noise that is measured 0.03.
+      // The step that avoids exact zeros is 0.004 pixels in this frame's corners; measured noise is 0.03.
       held += tracker.error(kStill) < 0.005;
     }
     EXPECT_GE(held, kFrames - 1) << "sigma " << sigma;
   }
 }
 
-TEST(Tracking, WhatCannotBeFollowedIsNotValidAndTheSceneAfterItIs) {
+TEST(Tracking, RecoversAfterFramesThatCannotBeTracked) {
   constexpr int kWidth = 200, kHeight = 120;
   const View step = shifted(1.5, -0.75);
   int shown = 0;
@@ -295,7 +300,7 @@ TEST(Tracking, WhatCannotBeFollowedIsNotValidAndTheSceneAfterItIs) {
     return scene().seen(kWidth, kHeight, shifted(-1.5 * n, 0.75 * n), 3, 50 + n);
   };
   const auto flat = [](int level) { return Pixels(kWidth * kHeight, static_cast<uint8_t>(level)); };
-  const auto cap = [&](unsigned seed) {  // nothing but noise
+  const auto cap = [&](unsigned seed) {  // a lens cap: only noise
     std::mt19937 random(seed);
     Pixels pixels;
     for (int i = 0; i < kWidth * kHeight; ++i) pixels.push_back(static_cast<uint8_t>(random() % 5));
@@ -337,7 +342,7 @@ TEST(Tracking, AChangeOfExposureIsNoMotion) {
   }
 }
 
-TEST(Tracking, TheBackgroundMovesTheFrameNotWhatIsInFrontOfIt) {
+TEST(Tracking, FollowsTheBackgroundNotASubjectInFrontOfIt) {
   constexpr int kWidth = 320, kHeight = 180;
   const Waves subject(5, 7);
   const View background = turned(0.003, 1, 160, 90, 1.2, -0.8);
@@ -353,11 +358,11 @@ TEST(Tracking, TheBackgroundMovesTheFrameNotWhatIsInFrontOfIt) {
   Tracker tracker(kWidth, kHeight);
   tracker.take(frame(0, kStill, 1));
   ASSERT_TRUE(tracker.take(frame(12, inverted(background), 3)));
-  EXPECT_LT(tracker.error(background), kErrorUnderNoise3);  // the subject's 12 pixels would pull it by pixels
+  EXPECT_LT(tracker.error(background), kErrorUnderNoise3);  // the subject moves by 12 pixels
 }
 
 TEST(Tracking, HelpersChangeNoBit) {
-  constexpr int kWidth = 640, kHeight = 360;  // enough to be shared out
+  constexpr int kWidth = 640, kHeight = 360;  // large enough to be split
   std::vector<Pixels> frames;
   for (unsigned n = 0; n < 3; ++n) {
     frames.push_back(scene().seen(kWidth, kHeight, turned(0.01 * n, 1, 0, 0, 5.3 * n, n), 5, n));
@@ -380,7 +385,7 @@ TEST(Tracking, HelpersChangeNoBit) {
   }
 }
 
-TEST(Tracking, SizesBeyondWhatAddressesCanCountAreRefused) {
+TEST(Tracking, RefusesSizesThatOverflow) {
   // 65536 x 65536 is 0 pixels in 32 bits.
   for (const auto& [width, height] :
        {std::pair{65536, 65536}, {INT_MAX, INT_MAX}, {INT_MAX, 1}, {1, INT_MAX / 4 + 1}}) {
@@ -390,7 +395,7 @@ TEST(Tracking, SizesBeyondWhatAddressesCanCountAreRefused) {
   }
 }
 
-TEST(Tracking, FramesTooSmallToMeasureHaveNoMotion) {
+TEST(Tracking, TinyFramesHaveNoMotion) {
   for (const auto& [width, height] : {std::pair{1, 1}, {2, 2}, {7, 5}, {17, 9}, {300, 3}, {3, 300}}) {
     Tracker tracker(width, height);
     for (unsigned n = 0; n < 4; ++n) {

@@ -34,19 +34,19 @@ Waves::Waves(unsigned seed, double shortestPixels, double longestPixels) {
   std::mt19937 random(seed);
   std::uniform_real_distribution<double> share(0, 1);
   double power = 0;
-  for (Wave& wave : waves) {
+  for (Wave& wave : waves_) {
     const double length = shortestPixels * std::pow(longestPixels / shortestPixels, share(random));
     const double direction = std::numbers::pi * share(random), frequency = 2 * std::numbers::pi / length;
     const double amplitude = std::sqrt(length);
     wave = {amplitude, frequency * std::cos(direction), frequency * std::sin(direction), 7 * share(random)};
     power += amplitude * amplitude / 2;
   }
-  for (Wave& wave : waves) wave.amplitude *= 35 / std::sqrt(power);
+  for (Wave& wave : waves_) wave.amplitude *= 35 / std::sqrt(power);
 }
 
 double Waves::at(double x, double y) const {
   double level = 110;
-  for (const Wave& wave : waves) level += wave.amplitude * std::cos(wave.x * x + wave.y * y + wave.phase);
+  for (const Wave& wave : waves_) level += wave.amplitude * std::cos(wave.x * x + wave.y * y + wave.phase);
   return level;
 }
 

@@ -1,4 +1,4 @@
-// A scene without end, and what a camera sees of it: the motion between two views is exact to any fraction of a pixel.
+// An endless scene and a camera's views of it: the motion between two views is exact to any fraction of a pixel.
 #pragma once
 
 #include <array>
@@ -8,7 +8,7 @@
 
 namespace noxel {
 
-// Row-major 2 x 3, acting on pixels whose first one has its centre at (0.5, 0.5).
+// Row-major 2 x 3, on pixel coordinates; the centre of the first pixel is (0.5, 0.5).
 using View = std::array<double, 6>;
 
 inline constexpr View kStill = {1, 0, 0, 0, 1, 0};
@@ -18,10 +18,9 @@ View turned(double angleRad, double scale, double x, double y, double shiftX, do
 // First `right`, then `left`.
 View composed(const View& left, const View& right);
 View inverted(const View& view);
-// As the first two rows of a 3 x 3 matrix.
+// Into the first two rows of a 3 x 3 matrix.
 void store(float (&matrix)[9], const View& view);
-// Root mean square over the corners of a width x height picture of the distance between their images. `matrix`: the first
-// two rows of three, or all there are.
+// Rms over the corners of a width x height picture of the distance between their two images. `matrix`: 2 x 3 or 3 x 3.
 template <typename T>
 double cornerError(const T* matrix, const View& truth, int width, int height) {
   double squares = 0;
@@ -37,13 +36,13 @@ double cornerError(const T* matrix, const View& truth, int width, int height) {
   return std::sqrt(squares / 4);
 }
 
-// Levels are a sum of 32 plane waves, the longest strongest, as in photos: 110 on average, standard deviation 35.
+// Levels are a sum of 32 plane waves, the longest strongest, as in photos; mean 110, standard deviation 35.
 class Waves {
  public:
   Waves(unsigned seed, double shortestPixels, double longestPixels = 90.0);
 
   double at(double x, double y) const;
-  // 8-bit levels of a picture whose pixels look at sceneFromFrame, with noise of `sigma` levels, drawn from `noiseSeed`.
+  // 8-bit view of the scene through sceneFromFrame, with Gaussian noise of `sigma` levels from `noiseSeed`.
   std::vector<uint8_t> seen(int width, int height, const View& sceneFromFrame, double sigma = 0.0,
                             unsigned noiseSeed = 1) const;
 
@@ -51,7 +50,7 @@ class Waves {
   struct Wave {
     double amplitude, x, y, phase;
   };
-  std::array<Wave, 32> waves;
+  std::array<Wave, 32> waves_;
 };
 
 }  // namespace noxel

@@ -9,29 +9,40 @@
 namespace noxel {
 namespace {
 
-TEST(Histogram, CountsPlanesOfAnyStrideOnTopOfEachOther) {
-  // Two rows of three; what lies in the padding counts nowhere.
+// Two rows of three with two bytes of padding, and one pixel more: 0, 10 three times, 20 twice, 255.
+Histogram sevenPixels() {
   const std::vector<uint8_t> plane = {10, 20, 20, 99, 99, 255, 10, 0};
   Histogram histogram;
   addPlane(plane.data(), 3, 2, 5, &histogram);
   addPlane(plane.data(), 1, 1, 1, &histogram);
+  return histogram;
+}
+
+TEST(Histogram, AddsUpPlanesWithoutTheirPadding) {
+  const Histogram histogram = sevenPixels();
   EXPECT_EQ(histogram.bins[10], 3);
   EXPECT_EQ(histogram.bins[20], 2);
   EXPECT_EQ(histogram.bins[99], 0);
   EXPECT_EQ(histogramMass(histogram), 7);
-  EXPECT_DOUBLE_EQ(meanLevel(histogram), (3 * 10 + 2 * 20 + 255) / 7.0);
+}
 
+TEST(Histogram, HasAMeanLevel) {
+  EXPECT_DOUBLE_EQ(meanLevel(sevenPixels()), (3 * 10 + 2 * 20 + 255) / 7.0);
+  EXPECT_EQ(meanLevel({}), 0);
+}
+
+TEST(Histogram, FindsTheLevelAtAShare) {
+  const Histogram histogram = sevenPixels();
   EXPECT_EQ(levelAtShare(histogram, 1 / 7.0), 0);
   EXPECT_EQ(levelAtShare(histogram, 0.15), 10);
   EXPECT_EQ(levelAtShare(histogram, 0.6), 20);
   EXPECT_EQ(levelAtShare(histogram, 1), 255);
   EXPECT_EQ(levelAtShare({}, 0.5), 0);
-  EXPECT_EQ(meanLevel({}), 0);
 }
 
-TEST(SmoothedHistogram, IsATriangleFoldedAtTheEnds) {
-  // Radius 1 twice is 1 2 3 2 1 of 9. From level 0 the first box folds one of three back (2 1 of 3), and so does the second:
-  // level 0 gets 2 + 2 + 1 of 9.
+TEST(SmoothedHistogram, IsATriangleMirroredAtTheEnds) {
+  // Radius 1 twice is 1 2 3 2 1 of 9. From level 0 each box mirrors one of three back (2 1 of 3): level 0 gets 2 + 2 +
+  // 1 of 9.
   Histogram histogram;
   histogram.bins[0] = 9;
   histogram.bins[100] = 18;
@@ -55,7 +66,7 @@ TEST(SmoothedHistogram, KeepsMassAndFlatness) {
     wild.bins[255] = 1e6;
     Histogram smoothed;
     smoothHistogram(wild, radius, &smoothed);
-    // 2 x 511 roundings of partial sums, each to 2^-53 of the mass at most, with room for the quotients.
+    // 2 x 511 roundings of partial sums, each by at most 2^-53 of the mass, with room for the quotients.
     EXPECT_NEAR(histogramMass(smoothed), histogramMass(wild), histogramMass(wild) * 2048 * 0x1p-53);
     for (const double bin : smoothed.bins) EXPECT_GE(bin, 0);
     if (radius <= 0) {

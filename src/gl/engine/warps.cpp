@@ -1,6 +1,6 @@
 #include "gl/engine/warps.h"
 
-#include <cmath>
+#include "math/inverse.h"
 
 namespace noxel {
 
@@ -17,16 +17,9 @@ Warp multiply(const Warp& left, const Warp& right) {
 }
 
 Warp inverse(const Warp& warp) {
-  const double* m = warp.m;
-  const double c0 = m[4] * m[8] - m[5] * m[7];
-  const double c1 = m[5] * m[6] - m[3] * m[8];
-  const double c2 = m[3] * m[7] - m[4] * m[6];
-  const double determinant = m[0] * c0 + m[1] * c1 + m[2] * c2;
-  if (!std::isfinite(determinant) || std::abs(determinant) < 1e-12) return {};
-  const double s = 1.0 / determinant;
-  return {{c0 * s, (m[2] * m[7] - m[1] * m[8]) * s, (m[1] * m[5] - m[2] * m[4]) * s, c1 * s,
-           (m[0] * m[8] - m[2] * m[6]) * s, (m[2] * m[3] - m[0] * m[5]) * s, c2 * s, (m[1] * m[6] - m[0] * m[7]) * s,
-           (m[0] * m[4] - m[1] * m[3]) * s}};
+  Warp result;
+  invert3x3(warp.m, result.m);
+  return result;
 }
 
 Warp textureSpace(const float* pixelSpace3x3, int width, int height) {

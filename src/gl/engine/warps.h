@@ -10,7 +10,7 @@ struct Warp {
 
 Warp multiply(const Warp& left, const Warp& right);
 
-// Identity for a singular matrix, which no motion of a camera is.
+// Identity for a singular matrix, which no camera motion is.
 Warp inverse(const Warp& warp);
 
 // D X D^-1 with D = diag(1 / width, 1 / height, 1): what the pixel-space matrix does to texture coordinates.

@@ -1,4 +1,4 @@
-// Work that is split into bands of rows: what a row gets does not depend on who does it.
+// Splits work into bands of rows; the result does not depend on the number of threads.
 #pragma once
 
 #include <algorithm>
@@ -8,8 +8,7 @@
 
 namespace noxel::tracker {
 
-// Calls work(firstRow, endRow) for bands that cover `rows`. `rowCost`: items in a row; little work is not worth waking
-// anybody for.
+// Calls work(firstRow, endRow) for bands that cover `rows`. rowCost: items per row; too little work wakes no helper.
 template <class Work>
 void forBands(WorkerPool* pool, int rows, int64_t rowCost, const Work& work) {
   constexpr int64_t kBandCost = 16384;

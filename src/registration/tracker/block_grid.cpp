@@ -63,20 +63,20 @@ void readTextures(const Image& image, const BlockGrid& grid, BlockTexture* textu
 template <class Lanes>
 BlockMatch matchBlock(const Image& image, const Image& other, int x, int y, float dx, float dy) {
   BlockMatch match = {};
-  // A displacement that is not a number, or out of all bounds, fails here.
+  // Rejects NaN and absurd displacements before they become int.
   const auto reach = static_cast<float>(image.width + image.height);
   if (!(std::fabs(dx) <= reach && std::fabs(dy) <= reach)) return match;
   const int stepX = static_cast<int>(std::lround(dx * kStepsPerSample));
   const int stepY = static_cast<int>(std::lround(dy * kStepsPerSample));
   const int fractionX = stepX & (kStepsPerSample - 1);
   const int fractionY = stepY & (kStepsPerSample - 1);
-  // With a line of samples round the block for the gradient, and one more for interpolation.
+  // One more sample on each side for the gradient, and one for interpolation.
   const int left = x + (stepX - fractionX) / kStepsPerSample - 1;
   const int top = y + (stepY - fractionY) / kStepsPerSample - 1;
   constexpr int kSide = kBlockSide + 2;
   if (left < 0 || top < 0 || left + kSide >= other.width || top + kSide >= other.height) return match;
 
-  // The other picture at the displaced samples: lanes of the block's columns, and of those to the left and right of them.
+  // The other picture at the displaced samples: the block's columns, and the same shifted one to the left and right.
   struct Line {
     Lanes left, middle, right;
   };

@@ -1,4 +1,4 @@
-// One pyramid level cut into blocks of 8 x 8 samples, and what each block says about its own displacement.
+// A pyramid level divided into blocks of 8 x 8 samples, and the sums per block that give its displacement.
 #pragma once
 
 #include <cstdint>
@@ -9,9 +9,10 @@ namespace noxel::tracker {
 
 inline constexpr int kBlockSide = 8;
 inline constexpr int kBlockArea = kBlockSide * kBlockSide;
-inline constexpr int kStepsPerSample = 16;  // displacements are measured at sixteenths of a sample
+inline constexpr int kStepsPerSample = 16;  // displacements are rounded to sixteenths of a sample
 
-// Sums over a block of its own picture. g is the gradient (central difference), I the sample, in 8-bit levels and samples.
+// Sums over a block in its own picture. g is the gradient (central difference), I the sample, in 8-bit levels and
+// samples.
 struct BlockTexture {
   float gxx;  // sum of gx gx
   float gxy;
@@ -26,14 +27,15 @@ struct BlockTexture {
 
 // A block of one picture compared with another picture J at a displacement q: I(x) against J(x + q).
 struct BlockMatch {
-  bool inside;  // all the samples it needs are in the other picture; otherwise nothing else here counts
+  bool inside;  // all samples it needs are inside the other picture; otherwise the other fields are invalid
   float qx;     // samples
   float qy;
-  float bx;  // sum of g (I - J): Lucas and Kanade's right-hand side
+  float bx;  // sum of g (I - J): right-hand side of Lucas-Kanade
   float by;
-  float
-      cxx;  // sum of g(I) g(J)^T: what b falls by, in truth, for each sample of displacement added. Unlike gg^T it has no
-  float cxy;  // share from noise, which the two pictures do not have in common.
+  // Sum of g(I) g(J)^T: noise-free slope of b per sample of displacement. Unlike those of gg^T its two factors do not
+  // share noise.
+  float cxx;
+  float cxy;
   float cyx;
   float cyy;
   float sum;      // of J
@@ -44,14 +46,14 @@ struct BlockMatch {
 struct BlockGrid {
   int columns = 0;
   int rows = 0;
-  int originX = 0;  // sample at the first block's corner; at least 1, so that gradients exist
+  int originX = 0;  // sample at the first block's corner; at least 1, for the gradients
   int originY = 0;
 
   BlockGrid() = default;
   BlockGrid(int width, int height);
   int count() const { return columns * rows; }
   int64_t rowSamples() const { return int64_t{columns} * kBlockArea; }  // of a row of blocks
-  // In samples, from the corner of the picture.
+  // In samples, from the picture's corner.
   float centreX(int column) const { return static_cast<float>(originX + kBlockSide * column + kBlockSide / 2); }
   float centreY(int row) const { return static_cast<float>(originY + kBlockSide * row + kBlockSide / 2); }
 };

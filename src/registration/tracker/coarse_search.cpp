@@ -13,15 +13,15 @@ namespace {
 constexpr int kSide = CoarseSearch::kSearchSide;
 constexpr int kReach = CoarseSearch::kSearchReach;
 constexpr int kMap = kSide * kSide;
-constexpr int kLocalReach = 2;           // of a block's own displacement about the common one: roll and zoom
-constexpr float kDistanceCost = 0.002f;  // a sample, of a correlation of 1: decides between equals only
-constexpr float kLeastContrast = 0.5f;   // 8-bit levels squared: a block with less says nothing
+constexpr int kLocalReach = 2;           // of a block's own displacement from the winner: roll and zoom
+constexpr float kDistanceCost = 0.002f;  // of correlation, per sample: breaks ties only
+constexpr float kMinContrast = 0.5f;     // 8-bit levels squared; flatter blocks are skipped
 
 float contrast(const BlockTexture& texture) {
   return std::max(texture.squares - texture.sum * texture.sum / kBlockArea, 0.0f) / kBlockArea;
 }
 
-// The largest of a map's values around (x, y), at most `reach` away.
+// The largest value of a map within `reach` of (x, y).
 float bestAround(const float* map, int x, int y, int reach, int* bestX, int* bestY) {
   float best = -1.0f;
   *bestX = x;
@@ -41,34 +41,34 @@ float bestAround(const float* map, int x, int y, int reach, int* bestX, int* bes
 }  // namespace
 
 CoarseSearch::~CoarseSearch() {
-  std::free(looked);
-  std::free(correlations);
+  std::free(looked_);
+  std::free(correlations_);
 }
 
 bool CoarseSearch::allocate(int blocks) {
-  capacity = std::max(blocks, 1);
-  looked = static_cast<Looked*>(std::calloc(static_cast<size_t>(capacity), sizeof(Looked)));
-  correlations = static_cast<float*>(std::calloc(static_cast<size_t>(capacity) * kMap, sizeof(float)));
-  return looked != nullptr && correlations != nullptr;
+  capacity_ = std::max(blocks, 1);
+  looked_ = static_cast<Looked*>(std::calloc(static_cast<size_t>(capacity_), sizeof(Looked)));
+  correlations_ = static_cast<float*>(std::calloc(static_cast<size_t>(capacity_) * kMap, sizeof(float)));
+  return looked_ != nullptr && correlations_ != nullptr;
 }
 
-// Blocks with contrast, every one or every so many in both directions.
+// Blocks with enough contrast, on a regular subset of the grid when there are too many.
 void CoarseSearch::choose(const BlockGrid& grid, const BlockTexture* textures) {
   int step = 1;
-  while (((grid.columns + step - 1) / step) * ((grid.rows + step - 1) / step) > capacity) ++step;
-  lookedCount = 0;
+  while (((grid.columns + step - 1) / step) * ((grid.rows + step - 1) / step) > capacity_) ++step;
+  lookedCount_ = 0;
   float mean = 0.0f;
   for (int row = step / 2; row < grid.rows; row += step) {
     for (int column = step / 2; column < grid.columns; column += step) {
       const int block = row * grid.columns + column;
       const float own = contrast(textures[block]);
-      if (!(own > kLeastContrast)) continue;
-      looked[lookedCount++] = {block, own};
+      if (!(own > kMinContrast)) continue;
+      looked_[lookedCount_++] = {block, own};
       mean += own;
     }
   }
-  mean /= static_cast<float>(std::max(lookedCount, 1));
-  for (int i = 0; i < lookedCount; ++i) looked[i].weight /= looked[i].weight + mean;
+  mean /= static_cast<float>(std::max(lookedCount_, 1));
+  for (int i = 0; i < lookedCount_; ++i) looked_[i].weight /= looked_[i].weight + mean;
 }
 
 void CoarseSearch::correlate(const Image& previous, const Image& current, const BlockGrid& grid,
@@ -77,8 +77,8 @@ void CoarseSearch::correlate(const Image& previous, const Image& current, const 
   static constexpr int16_t kOnes[kBlockSide] = {1, 1, 1, 1, 1, 1, 1, 1};
   const Lanes one = Lanes::load(kOnes);
   constexpr float kLevel = 1.0f / kLevelsPerUnit;
-  for (int i = 0; i < lookedCount; ++i) {
-    const int block = looked[i].block;
+  for (int i = 0; i < lookedCount_; ++i) {
+    const int block = looked_[i].block;
     const int x = grid.originX + block % grid.columns * kBlockSide;
     const int y = grid.originY + block / grid.columns * kBlockSide;
     Lanes own[kBlockSide];
@@ -87,7 +87,7 @@ void CoarseSearch::correlate(const Image& previous, const Image& current, const 
     }
     const BlockTexture& texture = textures[block];
     const float ownVariance = contrast(texture) * kBlockArea;
-    float* map = correlations + ptrdiff_t{i} * kMap;
+    float* map = correlations_ + ptrdiff_t{i} * kMap;
     for (int dy = -kReach; dy <= kReach; ++dy) {
       for (int dx = -kReach; dx <= kReach; ++dx, ++map) {
         *map = 0.0f;
@@ -129,10 +129,10 @@ void CoarseSearch::search(const Image& previous, const Image& current, const Blo
     for (int x = 0; x < kSide; ++x) {
       float votes = 0.0f;
       float weights = 0.0f;
-      for (int i = 0; i < lookedCount; ++i) {
+      for (int i = 0; i < lookedCount_; ++i) {
         int unusedX, unusedY;
-        votes += looked[i].weight * bestAround(correlations + ptrdiff_t{i} * kMap, x, y, 1, &unusedX, &unusedY);
-        weights += looked[i].weight;
+        votes += looked_[i].weight * bestAround(correlations_ + ptrdiff_t{i} * kMap, x, y, 1, &unusedX, &unusedY);
+        weights += looked_[i].weight;
       }
       float distance = 2.0f * kReach;
       for (int i = 0; i < expectedCount; ++i) {
@@ -147,13 +147,13 @@ void CoarseSearch::search(const Image& previous, const Image& current, const Blo
       }
     }
   }
-  for (int i = 0; i < lookedCount; ++i) {
+  for (int i = 0; i < lookedCount_; ++i) {
     int x, y;
-    const float own = bestAround(correlations + ptrdiff_t{i} * kMap, bestX, bestY, kLocalReach, &x, &y);
-    Displaced& point = found[looked[i].block];
+    const float own = bestAround(correlations_ + ptrdiff_t{i} * kMap, bestX, bestY, kLocalReach, &x, &y);
+    Displaced& point = found[looked_[i].block];
     point.dx = static_cast<float>(x - kReach);
     point.dy = static_cast<float>(y - kReach);
-    point.weight = looked[i].weight * std::max(own, 0.0f) * std::max(own, 0.0f);
+    point.weight = looked_[i].weight * std::max(own, 0.0f) * std::max(own, 0.0f);
   }
 }
 

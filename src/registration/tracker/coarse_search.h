@@ -1,4 +1,4 @@
-// The displacement of the picture on a level so coarse that all of them can be tried.
+// Exhaustive search for the displacement of the picture on a coarse level.
 #pragma once
 
 #include "registration/tracker/block_grid.h"
@@ -6,7 +6,7 @@
 
 namespace noxel::tracker {
 
-// Every displacement of up to kSearchReach samples for each block, by normalised cross-correlation; the blocks vote.
+// Tries every displacement up to kSearchReach samples for each block, by normalised cross-correlation; the blocks vote.
 class CoarseSearch {
  public:
   static constexpr int kSearchReach = 8;
@@ -17,10 +17,10 @@ class CoarseSearch {
   CoarseSearch(const CoarseSearch&) = delete;
   CoarseSearch& operator=(const CoarseSearch&) = delete;
 
-  bool allocate(int blocks);  // at most as many are looked at
-  // Displacements in samples into dx, dy and weight of found[0 .. grid.count() - 1] (u and v are left alone): each block's
-  // best close to what most of them agree on. Blocks that were not looked at have no weight. Among equals the one nearest
-  // to `expected` is taken: (dx, dy) pairs.
+  bool allocate(int blocks);  // at most this many are searched
+  // Writes dx and dy (samples) and weight of found[0 .. grid.count() - 1], not u and v: each block's best displacement
+  // near the winner of the vote. Blocks that were not searched get weight 0. Ties go to the displacement nearest to one
+  // of `expected`, (dx, dy) pairs.
   void search(const Image& previous, const Image& current, const BlockGrid& grid, const BlockTexture* textures,
               const float (*expected)[2], int expectedCount, Displaced* found);
 
@@ -32,10 +32,10 @@ class CoarseSearch {
   void choose(const BlockGrid& grid, const BlockTexture* textures);
   void correlate(const Image& previous, const Image& current, const BlockGrid& grid, const BlockTexture* textures);
 
-  int capacity = 0;
-  int lookedCount = 0;
-  Looked* looked = nullptr;
-  float* correlations = nullptr;  // a map of kSearchSide x kSearchSide for each of them
+  int capacity_ = 0;
+  int lookedCount_ = 0;
+  Looked* looked_ = nullptr;
+  float* correlations_ = nullptr;  // per searched block, kSearchSide x kSearchSide
 };
 
 }  // namespace noxel::tracker

@@ -7,9 +7,9 @@ namespace {
 
 constexpr int kHypotheses = 64;
 constexpr int kRefits = 4;
-constexpr float kLeastDistance = 0.2f;  // of the two points, in radii: closer ones say little about the linear part
+constexpr float kMinDistance = 0.2f;  // between the two points, in radii: closer pairs barely determine the linear part
 
-// Numerical Recipes' generator: the same choice for the same points, on every machine.
+// Numerical Recipes' generator: reproducible on every machine.
 class Sequence {
  public:
   int below(int limit) {
@@ -21,13 +21,13 @@ class Sequence {
   uint32_t state = 20260411u;
 };
 
-// The similarity that takes both points where they were seen: with z = u + iv and the displacement as a complex number,
-// it is t + m z. False when the points are too close.
+// The similarity through both points: with z = u + iv and the displacement as a complex number, displacement = t + m z.
+// False when the points are too close.
 bool through(const Displaced& a, const Displaced& b, GlobalMotion* motion) {
   const double du = b.u - a.u;
   const double dv = b.v - a.v;
   const double square = du * du + dv * dv;
-  if (!(square >= kLeastDistance * kLeastDistance)) return false;
+  if (!(square >= kMinDistance * kMinDistance)) return false;
   const double ddx = b.dx - a.dx;
   const double ddy = b.dy - a.dy;
   const double real = (ddx * du + ddy * dv) / square;
@@ -74,14 +74,14 @@ GlobalMotion findConsensus(const Displaced* points, int count, float tolerance, 
     return support;
   };
   GlobalMotion best;
-  double most = 0.0;
+  double bestSupport = 0.0;
   const auto consider = [&](GlobalMotion motion) {
-    // Two points of many, with the noise of both: the others that agree make it better, and then more agree.
+    // A fit to two noisy points improves with the others that agree, and then more of them agree.
     for (int i = 0; i <= kRefits; ++i) {
       const double support = supportOf(motion);
-      if (!(support > most)) return;
+      if (!(support > bestSupport)) return;
       best = motion;
-      most = support;
+      bestSupport = support;
       if (!refit(points, count, tolerance, &motion)) return;
     }
   };
@@ -90,7 +90,7 @@ GlobalMotion findConsensus(const Displaced* points, int count, float tolerance, 
   Sequence sequence;
   for (int i = 0; i < kHypotheses; ++i) {
     GlobalMotion motion;
-    // A few tries for a pair that can say something: two points with a weight, apart from each other.
+    // A few tries for a usable pair: both weighted, and far enough apart.
     for (int attempt = 0; attempt < 8; ++attempt) {
       const Displaced& a = points[sequence.below(count)];
       const Displaced& b = points[sequence.below(count)];

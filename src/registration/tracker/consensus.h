@@ -1,4 +1,4 @@
-// Which of many displacements belong to one motion of the whole picture.
+// The global motion that most of many displacements agree on (RANSAC).
 #pragma once
 
 #include "registration/tracker/global_motion.h"
@@ -10,11 +10,11 @@ struct Displaced {
   float v;
   float dx;  // pixels of the registration image
   float dy;
-  float weight;  // 0: takes no part
+  float weight;  // 0: ignored
 };
 
-// The best supported of 64 seeded similarities through two points each and of `known` motions, by the weights of the points
-// within the tolerance (pixels), and fitted to them.
+// The best of 64 similarities through two random points each, from a fixed seed, and of the `known` motions: the one
+// with the largest sum of weights within the tolerance (pixels), refitted to these points.
 GlobalMotion findConsensus(const Displaced* points, int count, float tolerance, const GlobalMotion* known,
                            int knownCount);
 

@@ -11,21 +11,21 @@ namespace {
 constexpr double kSimilarity[6][4] = {{1, 0, 0, 0}, {0, 0, 1, 0},  {0, 0, 0, 1},
                                       {0, 1, 0, 0}, {0, 0, 0, -1}, {0, 0, 1, 0}};
 
-// What an affine has beyond it: both vanish for every similarity.
+// The two shears of an affine: both are 0 for a similarity.
 constexpr double kShear[2][6] = {{0, 1, 0, 0, 0, -1}, {0, 0, 1, 0, 1, 0}};
 
-// A chi-squared of two degrees of freedom stays below this in 86 of 100 cases: a shear that does not is real in part.
+// Chi-squared with two degrees of freedom stays below this in 86 % of cases; a shear above it is partly real.
 constexpr double kShearDoubt = 4.0;
 
-// Inverse by Gauss and Jordan with row pivoting. False for a singular matrix, and for one with a NaN.
+// Inverse by Gauss-Jordan elimination with row pivoting. False for a singular matrix or one with a NaN.
 template <int size>
 bool invert(const double (&matrix)[size][size], double (&inverse)[size][size]) {
   double work[size][2 * size] = {};
-  double largest = 0.0;
+  double maxEntry = 0.0;
   for (int i = 0; i < size; ++i) {
     for (int j = 0; j < size; ++j) {
       work[i][j] = matrix[i][j];
-      largest = std::max(largest, std::fabs(matrix[i][j]));
+      maxEntry = std::max(maxEntry, std::fabs(matrix[i][j]));
     }
     work[i][size + i] = 1.0;
   }
@@ -34,7 +34,7 @@ bool invert(const double (&matrix)[size][size], double (&inverse)[size][size]) {
     for (int row = column + 1; row < size; ++row) {
       if (std::fabs(work[row][column]) > std::fabs(work[pivot][column])) pivot = row;
     }
-    if (!(std::fabs(work[pivot][column]) > 1e-9 * largest)) return false;
+    if (!(std::fabs(work[pivot][column]) > 1e-9 * maxEntry)) return false;
     if (pivot != column) std::swap(work[pivot], work[column]);
     const double scale = 1.0 / work[column][column];
     for (double& value : work[column]) value *= scale;
@@ -60,12 +60,12 @@ void MotionEquations::add(const MotionEquation& equation) {
   for (int i = 0; i < 3; ++i) {
     const double slope = weight * equation.slope[i];
     const double noise = weight * weight * equation.noise[i];
-    for (int j = 0; j < 6; ++j) slopeSums.entries[i][j] += slope * products[j];
-    for (int j = 0; j < 6; ++j) noiseSums.entries[i][j] += noise * products[j];
+    for (int j = 0; j < 6; ++j) slopeSums_.entries[i][j] += slope * products[j];
+    for (int j = 0; j < 6; ++j) noiseSums_.entries[i][j] += noise * products[j];
   }
   for (int i = 0; i < 2; ++i) {
     const double right = weight * equation.rhs[i];
-    for (int j = 0; j < 3; ++j) rhs[3 * i + j] += right * products[j];
+    for (int j = 0; j < 3; ++j) rhs_[3 * i + j] += right * products[j];
   }
 }
 
@@ -78,10 +78,10 @@ void MotionEquations::Sums::expand(double (*matrix)[6][6]) const {
 
 bool MotionEquations::solveSimilarity(GlobalMotion* motion) const {
   double slopes[6][6];
-  slopeSums.expand(&slopes);
-  double target[6];  // the equations' right-hand side for the motion itself rather than a change of it
+  slopeSums_.expand(&slopes);
+  double target[6];  // right-hand side for the motion itself instead of a change to it
   for (int i = 0; i < 6; ++i) {
-    target[i] = rhs[i];
+    target[i] = rhs_[i];
     for (int j = 0; j < 6; ++j) target[i] += slopes[i][j] * motion->p[j];
   }
   double reduced[4][4] = {};
@@ -110,8 +110,8 @@ bool MotionEquations::solveSimilarity(GlobalMotion* motion) const {
 bool MotionEquations::solve(double noiseVariance, GlobalMotion* motion, double (*covariance)[6][6]) const {
   double slopes[6][6];
   double noises[6][6];
-  slopeSums.expand(&slopes);
-  noiseSums.expand(&noises);
+  slopeSums_.expand(&slopes);
+  noiseSums_.expand(&noises);
   GlobalMotion similar = *motion;
   double inverse[6][6];
   if (!solveSimilarity(&similar) || !invert(slopes, inverse)) return false;
@@ -119,7 +119,7 @@ bool MotionEquations::solve(double noiseVariance, GlobalMotion* motion, double (
   double half[6][6] = {};
   for (int i = 0; i < 6; ++i) {
     for (int j = 0; j < 6; ++j) {
-      full.p[i] += inverse[i][j] * rhs[j];
+      full.p[i] += inverse[i][j] * rhs_[j];
       for (int k = 0; k < 6; ++k) half[i][j] += inverse[i][k] * noises[k][j];
     }
   }
@@ -142,7 +142,7 @@ bool MotionEquations::solve(double noiseVariance, GlobalMotion* motion, double (
     }
   }
   double certainty[2][2];
-  double share = 1.0;  // without noise, all of the shear is real
+  double share = 1.0;  // without noise all of the shear is real
   if (invert(spread, certainty)) {
     double chi = 0.0;
     for (int i = 0; i < 2; ++i) {

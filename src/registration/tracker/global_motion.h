@@ -1,10 +1,11 @@
-// The motion of the whole picture, and the equations that many blocks give for it together.
+// The motion of the whole picture, and the equations that all blocks together give for it.
 #pragma once
 
 namespace noxel::tracker {
 
-// Displacement of the point (x, y), measured from the picture's centre: six numbers, all in pixels of the registration
-// image. The linear part is for a point one `radius` (half the diagonal) away, so that the six are of one size.
+// Displacement of the point (x, y), relative to the picture's centre: six parameters, all in pixels of the registration
+// image. The linear part is scaled to a point one `radius` (half the diagonal) away, so that all six have similar
+// magnitudes.
 //
 //   dx = p[0] + p[1] u + p[2] v        u = x / radius
 //   dy = p[3] + p[4] u + p[5] v        v = y / radius
@@ -16,12 +17,12 @@ struct GlobalMotion {
   bool operator==(const GlobalMotion&) const = default;
 };
 
-// What one block contributes: b = rhs when the motion is `at`, and falls by `slope` times what is added to it.
+// One block's contribution: b = rhs at the current motion, and falls by `slope` times what is added to the motion.
 struct MotionEquation {
   double u;
   double v;
-  double slope[3];  // xx, xy, yy of a symmetric 2 x 2
-  double noise[3];  // the same of the covariance of b, up to a factor that all blocks share
+  double slope[3];  // xx, xy, yy of a symmetric 2 x 2 matrix
+  double noise[3];  // covariance of b likewise, up to a factor common to all blocks
   double rhs[2];
   double weight;
 };
@@ -31,28 +32,29 @@ class MotionEquations {
  public:
   void add(const MotionEquation& equation);
 
-  // *motion is where the equations were taken, and is moved to their solution. False when they do not determine one, and
-  // *motion is untouched.
+  // Both move *motion from where the equations were taken to their solution. False, and *motion untouched, when they do
+  // not determine one.
   //
-  // Translation, rotation and zoom only; of an affine the rest is dropped:
+  // Translation, rotation and zoom only:
   bool solveSimilarity(GlobalMotion* motion) const;
-  // All six. What the solution has beyond the similarity is taken as far as it stands out of the noise, whose factor is
-  // `noiseVariance`; *covariance is the variance of the solution.
+  // All six parameters. The part beyond the similarity is shrunk by how little it stands out of the noise, whose factor
+  // is noiseVariance. *covariance: of the solution.
   bool solve(double noiseVariance, GlobalMotion* motion, double (*covariance)[6][6]) const;
 
  private:
-  // Sums over equations of slope x (1, u, v)^T (1, u, v): three entries by the six different products.
+  // Sums over equations of slope x (1, u, v)^T (1, u, v): three entries times six distinct products.
   struct Sums {
     double entries[3][6] = {};
     void expand(double (*matrix)[6][6]) const;
   };
 
-  Sums slopeSums;
-  Sums noiseSums;
-  double rhs[6] = {};
+  Sums slopeSums_;
+  Sums noiseSums_;
+  double rhs_[6] = {};
 };
 
-// Chi-squared of a motion with this covariance against none; 0 when nothing is uncertain, as between equal frames.
+// Chi-squared of a motion with this covariance against no motion; 0 when the covariance is singular, as between equal
+// frames.
 double significance(const GlobalMotion& motion, const double (&covariance)[6][6]);
 
 }  // namespace noxel::tracker

@@ -9,9 +9,9 @@
 namespace noxel::tracker {
 namespace {
 
-constexpr int kChunk = 256;  // samples of a line that are smoothed at a time: their column sums stay in the first cache
+constexpr int kChunk = 256;  // samples smoothed at a time: their column sums stay in the L1 cache
 
-// (1 2 1)^2 over `from`, edges repeated. `shift` scales the sum of weights, 16, away: 0 for bytes, 4 for sixteenths.
+// (1 2 1)^2, edges repeated. The weights' sum, 16, is shifted out: by 0 for bytes, 4 for samples in sixteenths.
 template <class Sample, int shift>
 void smoothRows(const Sample* from, int width, int height, int16_t* to, int firstRow, int endRow) {
   for (int y = firstRow; y < endRow; ++y) {
@@ -53,40 +53,40 @@ void halveRows(const Image& from, int width, int16_t* to, int firstRow, int endR
 }  // namespace
 
 ImagePyramid::~ImagePyramid() {
-  for (Image& image : images) std::free(image.pixels);
-  std::free(halved);
+  for (Image& image : images_) std::free(image.pixels);
+  std::free(halved_);
 }
 
 bool ImagePyramid::allocate(int width, int height, int levels) {
-  halved = static_cast<int16_t*>(std::malloc(
+  halved_ = static_cast<int16_t*>(std::malloc(
       sizeof(int16_t) * std::max<size_t>(static_cast<size_t>(width / 2) * static_cast<size_t>(height / 2), 1)));
-  if (halved == nullptr) return false;
-  for (int i = 0; i < std::min(levels, kMostLevels); ++i) {
+  if (halved_ == nullptr) return false;
+  for (int i = 0; i < std::min(levels, kMaxLevels); ++i) {
     const int levelWidth = width >> i;
     const int levelHeight = height >> i;
     if (levelWidth < 1 || levelHeight < 1) break;
-    images[i].width = levelWidth;
-    images[i].height = levelHeight;
-    images[i].pixels = static_cast<int16_t*>(
+    images_[i].width = levelWidth;
+    images_[i].height = levelHeight;
+    images_[i].pixels = static_cast<int16_t*>(
         std::malloc(sizeof(int16_t) * static_cast<size_t>(levelWidth) * static_cast<size_t>(levelHeight)));
-    if (images[i].pixels == nullptr) return false;
-    levelCount = i + 1;
+    if (images_[i].pixels == nullptr) return false;
+    levelCount_ = i + 1;
   }
-  return levelCount > 0;
+  return levelCount_ > 0;
 }
 
 void ImagePyramid::build(const uint8_t* frame, WorkerPool* pool) {
-  const Image& first = images[0];
+  const Image& first = images_[0];
   forBands(pool, first.height, first.width, [&](int begin, int end) {
     smoothRows<uint8_t, 0>(frame, first.width, first.height, first.pixels, begin, end);
   });
-  for (int i = 1; i < levelCount; ++i) {
-    const Image& finer = images[i - 1];
-    const Image& image = images[i];
+  for (int i = 1; i < levelCount_; ++i) {
+    const Image& finer = images_[i - 1];
+    const Image& image = images_[i];
     forBands(pool, image.height, image.width,
-             [&](int begin, int end) { halveRows(finer, image.width, halved, begin, end); });
+             [&](int begin, int end) { halveRows(finer, image.width, halved_, begin, end); });
     forBands(pool, image.height, image.width, [&](int begin, int end) {
-      smoothRows<int16_t, 4>(halved, image.width, image.height, image.pixels, begin, end);
+      smoothRows<int16_t, 4>(halved_, image.width, image.height, image.pixels, begin, end);
     });
   }
 }

@@ -7,18 +7,17 @@
 
 namespace noxel::tracker {
 
-inline constexpr int kMostLevels = 8;
-inline constexpr int kLevelsPerUnit = 16;  // samples are in sixteenths of an 8-bit level, 0..4080
+inline constexpr int kMaxLevels = 8;
+inline constexpr int kLevelsPerUnit = 16;  // samples are sixteenths of an 8-bit level, 0..4080
 
 struct Image {
   int width = 0;
   int height = 0;
-  int16_t* pixels = nullptr;  // no padding; point (x, y) of the frame is (x, y) / 2^level here, centres at + 0.5
+  int16_t* pixels = nullptr;  // no padding; frame point (x, y) is (x, y) / 2^level here, pixel centres at + 0.5
 };
 
-// Level 0 is the frame under the binomial kernel (1 2 1)^2 / 16; each further level is the mean of 2 x 2 samples under the
-// same kernel. Smoothing before the gradient is taken keeps noise from passing for texture, and what interpolation between
-// samples gets wrong small.
+// Level 0 is the frame smoothed by the binomial kernel (1 2 1)^2 / 16; each coarser level is the mean of 2 x 2 samples
+// smoothed likewise. Smoothing keeps noise out of the gradients, and interpolation errors small.
 class ImagePyramid {
  public:
   ImagePyramid() = default;
@@ -26,16 +25,16 @@ class ImagePyramid {
   ImagePyramid(const ImagePyramid&) = delete;
   ImagePyramid& operator=(const ImagePyramid&) = delete;
 
-  bool allocate(int width, int height, int levels);  // levels that would be empty are left out
+  bool allocate(int width, int height, int levels);  // empty levels are left out
   void build(const uint8_t* frame, WorkerPool* pool);
 
-  int levels() const { return levelCount; }
-  const Image& level(int index) const { return images[index]; }
+  int levels() const { return levelCount_; }
+  const Image& level(int index) const { return images_[index]; }
 
  private:
-  int levelCount = 0;
-  Image images[kMostLevels];
-  int16_t* halved = nullptr;  // a level before it is smoothed
+  int levelCount_ = 0;
+  Image images_[kMaxLevels];
+  int16_t* halved_ = nullptr;  // a level before it is smoothed
 };
 
 }  // namespace noxel::tracker

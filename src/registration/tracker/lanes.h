@@ -1,5 +1,5 @@
-// Eight 16-bit lanes at a time: SSE2, NEON, or plain C++ for any other processor and as the truth for the two. All are
-// integers, so that the three agree to the bit.
+// Eight 16-bit lanes: SSE2, NEON, or plain C++, for other processors and as the reference for both. Integers, so all
+// three give the same bits.
 #pragma once
 
 #include <cstdint>
@@ -35,7 +35,7 @@ struct PlainLanes {
     return result;
   }
 
-  // Sums of products; a sum may not leave 32 bits.
+  // Sums of products; the caller keeps them within 32 bits.
   struct Sum {
     int32_t value = 0;
     void addProducts(const PlainLanes& a, const PlainLanes& b) {

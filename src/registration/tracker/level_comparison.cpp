@@ -13,30 +13,30 @@
 namespace noxel::tracker {
 namespace {
 
-// The median of a chi-squared of two degrees of freedom.
+// Median of chi-squared with two degrees of freedom.
 constexpr float kMedianSurprise = 1.386f;
-// Geman and McClure's weight falls to a quarter at this many variances.
+// Geman-McClure: the weight falls to a quarter at this many variances.
 constexpr float kRobustness = 9.0f;
 
-// Of the middle against the edges, which are one farther out: the scene reaches to the frame's edges, and what fills its
-// middle may be a subject that moves on its own.
+// Weight at the centre; it rises by the squared distance, in radii. The background reaches the edges, while the middle
+// may be filled by a moving subject.
 constexpr float kMiddleWeight = 0.2f;
 
-// Frames that differ by more than this in contrast or brightness (8-bit levels) are compared as if they did not. The sums of
-// frames that share their exposure differ by less, from what enters and leaves.
+// Frames that differ by more than this in contrast or brightness (8-bit levels) are matched in exposure first. Frames
+// of equal exposure differ by less, from what enters and leaves the picture.
 constexpr double kGainNoticed = 0.05;
 constexpr double kOffsetNoticed = 2.0;
 
-// Of a patch's noise: what it seems to share with the other picture may be wrong by this, three times its deviation.
+// Share of a patch's noise by which its apparent shared texture may be off: three standard deviations.
 constexpr float kSharedDoubt = 0.2f;
-constexpr int kFewestPatches = 8;     // with fewer, nothing can be said about the noise
-constexpr int kSampledPatches = 800;  // about as many are enough for a median
+constexpr int kMinPatches = 8;        // for an estimate of the noise
+constexpr int kSampledPatches = 800;  // about this many give the median
 
-constexpr int kMostSteps = 5;
+constexpr int kMaxSteps = 5;
 constexpr float kCloseEnough = 0.05f;  // samples
-constexpr float kLongestStep = 2.0f;
+constexpr float kMaxStep = 2.0f;
 
-// J = gain * I + offset, where one frame was exposed otherwise than the other.
+// J = gain * I + offset, when the exposure changed between the frames.
 struct Exposure {
   bool differs = false;
   float gain = 1.0f;
@@ -66,7 +66,7 @@ Exposure exposureBetween(const BlockTexture* textures, const BlockMatch* matches
   return exposure;
 }
 
-// As if J had been exposed as I was.
+// Converts the matches as if J had the exposure of I.
 void adaptExposure(const Exposure& exposure, const BlockTexture* textures, int count, BlockMatch* matches) {
   const float scale = 1.0f / exposure.gain;
   for (int i = 0; i < count; ++i) {
@@ -82,13 +82,13 @@ void adaptExposure(const Exposure& exposure, const BlockTexture* textures, int c
   }
 }
 
-// Weight of a block: the part of its texture that is not noise, less what the other picture does not have of it, and less
-// the farther its patch is from the common motion.
+// Weight of a block: the share of its texture that is not noise, times the share of that in both pictures; it falls with
+// the patch's distance from the global motion.
 float weightOf(const PatchEvidence& patch, const LevelNoise& noise) {
   const float texture = patch.hxx + patch.hyy;
   const float own = texture - patch.blocks * noise.texture;
   if (!(own > 0.0f)) return 0.0f;
-  const float doubt = kSharedDoubt * patch.blocks * noise.texture;  // noise in what the two seem to share
+  const float doubt = kSharedDoubt * patch.blocks * noise.texture;  // noise in the apparent shared texture
   const float shared = std::clamp((patch.cxx + patch.cyy + doubt) / (own + doubt), 0.0f, 1.0f);
   const float weight = own / texture * shared;
   if (!(noise.displacement > 0.0f)) return weight;
@@ -100,40 +100,40 @@ float weightOf(const PatchEvidence& patch, const LevelNoise& noise) {
 
 LevelComparison::~LevelComparison() {
   for (int i = 0; i < 2; ++i) {
-    std::free(textures[i]);
-    std::free(matches[i]);
-    std::free(patchSums[i]);
+    std::free(textures_[i]);
+    std::free(matches_[i]);
+    std::free(patchSums_[i]);
   }
-  std::free(rowSums);
-  std::free(samples);
+  std::free(rowSums_);
+  std::free(samples_);
 }
 
-bool LevelComparison::allocate(const Image& image, int pyramidLevel, const PictureFrame& pictureFrame) {
-  frame = pictureFrame;
-  levelScale = static_cast<float>(1 << pyramidLevel);
-  blockGrid = BlockGrid(image.width, image.height);
-  const int count = blockGrid.count();
+bool LevelComparison::allocate(const Image& image, int pyramidLevel, const PictureFrame& frame) {
+  frame_ = frame;
+  scale_ = static_cast<float>(1 << pyramidLevel);
+  grid_ = BlockGrid(image.width, image.height);
+  const int count = grid_.count();
   for (int i = 0; i < 2; ++i) {
-    textures[i] = allocateArray<BlockTexture>(count);
-    matches[i] = allocateArray<BlockMatch>(count);
-    patchSums[i] = allocateArray<PatchEvidence>(count);
-    if (textures[i] == nullptr || matches[i] == nullptr || patchSums[i] == nullptr) return false;
+    textures_[i] = allocateArray<BlockTexture>(count);
+    matches_[i] = allocateArray<BlockMatch>(count);
+    patchSums_[i] = allocateArray<PatchEvidence>(count);
+    if (textures_[i] == nullptr || matches_[i] == nullptr || patchSums_[i] == nullptr) return false;
   }
-  rowSums = allocateArray<PatchEvidence>(count);
-  samples = allocateArray<float>(count);
-  return rowSums != nullptr && samples != nullptr;
+  rowSums_ = allocateArray<PatchEvidence>(count);
+  samples_ = allocateArray<float>(count);
+  return rowSums_ != nullptr && samples_ != nullptr;
 }
 
 void LevelComparison::read(const Image& image, int slot, WorkerPool* pool) {
-  forBands(pool, blockGrid.rows, blockGrid.rowSamples(),
-           [&](int begin, int end) { readTextures(image, blockGrid, textures[slot], begin, end); });
+  forBands(pool, grid_.rows, grid_.rowSamples(),
+           [&](int begin, int end) { readTextures(image, grid_, textures_[slot], begin, end); });
 }
 
-void LevelComparison::begin(const Image& previousImage, const Image& currentImage, int previousSlot) {
-  previous = &previousImage;
-  current = &currentImage;
-  previousTexture = previousSlot;
-  isCompared = false;
+void LevelComparison::begin(const Image& previous, const Image& current, int previousSlot) {
+  previous_ = &previous;
+  current_ = &current;
+  previousSlot_ = previousSlot;
+  compared_ = false;
 }
 
 float LevelComparison::placeWeight(int column, int row) const {
@@ -141,29 +141,28 @@ float LevelComparison::placeWeight(int column, int row) const {
 }
 
 void LevelComparison::compare(Direction direction, const GlobalMotion& motion, WorkerPool* pool) {
-  const BlockGrid& grid = blockGrid;
   const bool isForward = direction == kForward;
-  const Image& own = *(isForward ? previous : current);
-  const Image& other = *(isForward ? current : previous);
-  const BlockTexture* ownTextures = textures[isForward ? previousTexture : 1 - previousTexture];
-  BlockMatch* found = matches[direction];
-  forBands(pool, grid.rows, grid.rowSamples() * 2, [&](int begin, int end) {
+  const Image& own = *(isForward ? previous_ : current_);
+  const Image& other = *(isForward ? current_ : previous_);
+  const BlockTexture* ownTextures = textures_[isForward ? previousSlot_ : 1 - previousSlot_];
+  BlockMatch* found = matches_[direction];
+  forBands(pool, grid_.rows, grid_.rowSamples() * 2, [&](int begin, int end) {
     for (int row = begin; row < end; ++row) {
-      for (int column = 0; column < grid.columns; ++column) {
+      for (int column = 0; column < grid_.columns; ++column) {
         double dx, dy;
         if (isForward) {
           dx = motion.dx(u(column), v(row));
           dy = motion.dy(u(column), v(row));
         } else {
-          frame.backward(motion, grid.centreX(column) * levelScale, grid.centreY(row) * levelScale, &dx, &dy);
+          frame_.backward(motion, grid_.centreX(column) * scale_, grid_.centreY(row) * scale_, &dx, &dy);
         }
-        const float wantedX = static_cast<float>(dx) / levelScale;
-        const float wantedY = static_cast<float>(dy) / levelScale;
-        BlockMatch& match = found[row * grid.columns + column];
-        match = matchBlock<NativeLanes>(own, other, grid.originX + column * kBlockSide, grid.originY + row * kBlockSide,
-                                        wantedX, wantedY);
+        const float wantedX = static_cast<float>(dx) / scale_;
+        const float wantedY = static_cast<float>(dy) / scale_;
+        BlockMatch& match = found[row * grid_.columns + column];
+        match = matchBlock<NativeLanes>(own, other, grid_.originX + column * kBlockSide,
+                                        grid_.originY + row * kBlockSide, wantedX, wantedY);
         if (!match.inside) continue;
-        // From the sixteenth it was measured at to the motion itself.
+        // Linear correction from the rounded displacement to the motion.
         const float restX = wantedX - match.qx;
         const float restY = wantedY - match.qy;
         match.bx -= match.cxx * restX + match.cxy * restY;
@@ -173,64 +172,64 @@ void LevelComparison::compare(Direction direction, const GlobalMotion& motion, W
       }
     }
   });
-  const Exposure exposure = exposureBetween(ownTextures, found, grid.count());
+  const Exposure exposure = exposureBetween(ownTextures, found, grid_.count());
 
-  // Sums over 3 x 3 blocks, along rows and then across them.
-  forBands(pool, grid.rows, grid.rowSamples(), [&](int begin, int end) {
+  // Sums over 3 x 3 blocks, along rows, then across.
+  forBands(pool, grid_.rows, grid_.rowSamples(), [&](int begin, int end) {
     for (int row = begin; row < end; ++row) {
-      const int first = row * grid.columns;
-      if (exposure.differs) adaptExposure(exposure, ownTextures + first, grid.columns, found + first);
-      sumAlongRow(ownTextures + first, found + first, grid.columns, rowSums + first);
+      const int first = row * grid_.columns;
+      if (exposure.differs) adaptExposure(exposure, ownTextures + first, grid_.columns, found + first);
+      sumAlongRow(ownTextures + first, found + first, grid_.columns, rowSums_ + first);
     }
   });
-  forBands(pool, grid.rows, grid.rowSamples(), [&](int begin, int end) {
+  forBands(pool, grid_.rows, grid_.rowSamples(), [&](int begin, int end) {
     for (int row = begin; row < end; ++row) {
-      for (int column = 0; column < grid.columns; ++column) {
-        const int at = row * grid.columns + column;
-        PatchEvidence& sum = patchSums[direction][at];
+      for (int column = 0; column < grid_.columns; ++column) {
+        const int at = row * grid_.columns + column;
+        PatchEvidence& sum = patchSums_[direction][at];
         sum = {};
         if (!found[at].inside) continue;
-        sum = rowSums[at];
-        if (row > 0) sum.add(rowSums[at - grid.columns]);
-        if (row + 1 < grid.rows) sum.add(rowSums[at + grid.columns]);
+        sum = rowSums_[at];
+        if (row > 0) sum.add(rowSums_[at - grid_.columns]);
+        if (row + 1 < grid_.rows) sum.add(rowSums_[at + grid_.columns]);
       }
     }
   });
-  isCompared = true;
+  compared_ = true;
 }
 
 bool LevelComparison::noise(Direction direction, LevelNoise* noise) {
-  const int step = blockGrid.count() / kSampledPatches + 1;
+  const int step = grid_.count() / kSampledPatches + 1;
   int count = 0;
-  for (int i = 0; i < blockGrid.count(); i += step) {
-    const PatchEvidence& patch = patchSums[direction][i];
+  for (int i = 0; i < grid_.count(); i += step) {
+    const PatchEvidence& patch = patchSums_[direction][i];
     if (patch.blocks > 0.0f) {
-      samples[count++] = (patch.hxx + patch.hyy - patch.cxx - patch.cyy) / patch.blocks;
+      samples_[count++] = (patch.hxx + patch.hyy - patch.cxx - patch.cyy) / patch.blocks;
     }
   }
-  if (count < kFewestPatches) return false;
-  noise->texture = std::max(medianOf(samples, count), 0.0f);
+  if (count < kMinPatches) return false;
+  noise->texture = std::max(medianOf(samples_, count), 0.0f);
   count = 0;
-  for (int i = 0; i < blockGrid.count(); i += step) {
-    const PatchEvidence& patch = patchSums[direction][i];
+  for (int i = 0; i < grid_.count(); i += step) {
+    const PatchEvidence& patch = patchSums_[direction][i];
     float dx, dy;
     if (patch.blocks > 0.0f && patch.shared() > 0.1f && patch.displacement(&dx, &dy) &&
-        std::hypot(dx, dy) * levelScale <= kTolerance) {
-      samples[count++] = patch.surprise();
+        std::hypot(dx, dy) * scale_ <= kTolerance) {
+      samples_[count++] = patch.surprise();
     }
   }
-  if (count < kFewestPatches) return false;
-  noise->displacement = medianOf(samples, count) / kMedianSurprise;
+  if (count < kMinPatches) return false;
+  noise->displacement = medianOf(samples_, count) / kMedianSurprise;
   return true;
 }
 
 float LevelComparison::correlation() const {
-  if (!isCompared) return 0.0f;
+  if (!compared_) return 0.0f;
   double covariance = 0.0;
   double variance = 0.0;
   double otherVariance = 0.0;
-  for (int i = 0; i < blockGrid.count(); ++i) {
-    const PatchEvidence& patch = patchSums[kForward][i];
+  for (int i = 0; i < grid_.count(); ++i) {
+    const PatchEvidence& patch = patchSums_[kForward][i];
     const double count = patch.blocks * kBlockArea;
     if (!(count > 0.0)) continue;
     variance += patch.squares - patch.sum * patch.sum / count;
@@ -242,34 +241,32 @@ float LevelComparison::correlation() const {
 }
 
 double LevelComparison::support() const {
-  const BlockGrid& grid = blockGrid;
   double sum = 0.0;
-  for (int i = 0; i < grid.count(); ++i) {
-    const PatchEvidence& patch = patchSums[kForward][i];
+  for (int i = 0; i < grid_.count(); ++i) {
+    const PatchEvidence& patch = patchSums_[kForward][i];
     const float correlation = patch.correlation();
     float dx, dy;
     if (!(correlation > 0.0f) || !patch.displacement(&dx, &dy)) continue;
-    const float distance = std::hypot(dx, dy) * levelScale / kTolerance;
+    const float distance = std::hypot(dx, dy) * scale_ / kTolerance;
     const float near = 1.0f / (1.0f + distance * distance);
-    sum += placeWeight(i % grid.columns, i / grid.columns) * correlation * near * near;
+    sum += placeWeight(i % grid_.columns, i / grid_.columns) * correlation * near * near;
   }
   return sum;
 }
 
 void LevelComparison::gather(Direction direction, bool sharedSlopes, const LevelNoise& noise,
                              MotionEquations* equations) const {
-  const BlockGrid& grid = blockGrid;
   const bool isForward = direction == kForward;
-  const BlockTexture* ownTextures = textures[isForward ? previousTexture : 1 - previousTexture];
-  const double sign = isForward ? 1.0 : -1.0;  // the backward displacement falls when the motion grows
-  for (int i = 0; i < grid.count(); ++i) {
-    const BlockMatch& match = matches[direction][i];
+  const BlockTexture* ownTextures = textures_[isForward ? previousSlot_ : 1 - previousSlot_];
+  const double sign = isForward ? 1.0 : -1.0;  // the backward displacement shrinks as the motion grows
+  for (int i = 0; i < grid_.count(); ++i) {
+    const BlockMatch& match = matches_[direction][i];
     if (!match.inside) continue;
-    const float weight = weightOf(patchSums[direction][i], noise);
+    const float weight = weightOf(patchSums_[direction][i], noise);
     if (!(weight > 0.0f)) continue;
-    // Of the point in the previous frame, which the motion is a function of.
-    float x = grid.centreX(i % grid.columns);
-    float y = grid.centreY(i / grid.columns);
+    // The point in the previous frame: the motion is a function of it.
+    float x = grid_.centreX(i % grid_.columns);
+    float y = grid_.centreY(i / grid_.columns);
     if (!isForward) {
       x += match.qx;
       y += match.qy;
@@ -277,11 +274,11 @@ void LevelComparison::gather(Direction direction, bool sharedSlopes, const Level
     const BlockTexture& own = ownTextures[i];
     const double cross = sharedSlopes ? 0.5 * (match.cxy + match.cyx) : own.gxy;
     MotionEquation equation;
-    equation.u = frame.u(x * levelScale);
-    equation.v = frame.v(y * levelScale);
-    equation.slope[0] = (sharedSlopes ? match.cxx : own.gxx) / levelScale;
-    equation.slope[1] = cross / levelScale;
-    equation.slope[2] = (sharedSlopes ? match.cyy : own.gyy) / levelScale;
+    equation.u = frame_.u(x * scale_);
+    equation.v = frame_.v(y * scale_);
+    equation.slope[0] = (sharedSlopes ? match.cxx : own.gxx) / scale_;
+    equation.slope[1] = cross / scale_;
+    equation.slope[2] = (sharedSlopes ? match.cyy : own.gyy) / scale_;
     equation.noise[0] = own.gxx;
     equation.noise[1] = own.gxy;
     equation.noise[2] = own.gyy;
@@ -293,17 +290,16 @@ void LevelComparison::gather(Direction direction, bool sharedSlopes, const Level
 }
 
 PatchEvidence LevelComparison::follow(int column, int row, float* dx, float* dy) const {
-  const BlockGrid& grid = blockGrid;
-  const BlockTexture& texture = previousTextures()[row * grid.columns + column];
+  const BlockTexture& texture = previousTextures()[row * grid_.columns + column];
   for (int step = 0;; ++step) {
     const PatchEvidence block =
-        evidenceOf(texture, matchBlock<NativeLanes>(*previous, *current, grid.originX + column * kBlockSide,
-                                                    grid.originY + row * kBlockSide, *dx, *dy));
+        evidenceOf(texture, matchBlock<NativeLanes>(*previous_, *current_, grid_.originX + column * kBlockSide,
+                                                    grid_.originY + row * kBlockSide, *dx, *dy));
     float stepX, stepY;
     if (!(block.blocks > 0.0f) || !block.displacement(&stepX, &stepY)) return {};
     const float length = std::hypot(stepX, stepY);
-    if (length < kCloseEnough || step == kMostSteps) return block;
-    const float shortened = length > kLongestStep ? kLongestStep / length : 1.0f;
+    if (length < kCloseEnough || step == kMaxSteps) return block;
+    const float shortened = length > kMaxStep ? kMaxStep / length : 1.0f;
     *dx += stepX * shortened;
     *dy += stepY * shortened;
   }

@@ -1,11 +1,11 @@
-// The median of values that may be put in another order.
+// The median of values that may be reordered.
 #pragma once
 
 #include <algorithm>
 
 namespace noxel::tracker {
 
-// The lower middle of an even count; 0 of none. No value may be a NaN.
+// The lower middle value; 0 of none. No NaNs.
 inline float medianOf(float* values, int count) {
   if (count == 0) return 0.0f;
   float* middle = values + (count - 1) / 2;

@@ -1,4 +1,4 @@
-// Memory that is taken once, when a registration is created.
+// Arrays that are allocated once, when a registration is created.
 #pragma once
 
 #include <algorithm>
@@ -7,7 +7,7 @@
 
 namespace noxel::tracker {
 
-// Zeroed, for std::free; room for one at least. Null when memory ran out.
+// Zeroed, for at least one element, to be freed with std::free. Null when out of memory.
 template <class T>
 T* allocateArray(int count) {
   return static_cast<T*>(std::calloc(static_cast<size_t>(std::max(count, 1)), sizeof(T)));

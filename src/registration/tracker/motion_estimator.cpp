@@ -11,75 +11,74 @@
 namespace noxel::tracker {
 namespace {
 
-constexpr int kCoarseSide = 100;       // samples: the first level no longer than this is searched
-constexpr int kConsensusBlocks = 100;  // and the coarsest with as many blocks decides who belongs to the background
+constexpr int kCoarseSide = 100;       // samples: the finest level within this is searched
+constexpr int kConsensusBlocks = 100;  // the coarsest level with as many blocks separates the background
 
-// Finer than the level that is always searched, so many blocks are tried.
+// Blocks tried when a level finer than the coarse one is searched.
 constexpr int kSearchedBlocks = 64;
 constexpr int kApproaches = 2;
-constexpr double kRivalSupport = 0.7;  // of the best hypothesis' support: worth a look on the next level
+constexpr double kRivalSupport = 0.7;  // of the best hypothesis' support: kept for the next level
 
-// A motion this uncertain at the corners, in pixels, or that leaves the two pictures no more alike than this on every
-// level, is no motion to build on. Pictures with nothing in common, each moved to where they fit best, reach 0.28, and 0.54
-// where both repeat themselves, but are never certain; the same scene under noise of three times its contrast has 0.65, and
-// 0.43 where it is certain.
-constexpr double kMostDeviation = 5.6;
+// A motion more uncertain at the corners (pixels), or with less correlation on every level, is rejected. Measured:
+// unrelated pictures, aligned at best, reach a correlation of 0.28, and 0.54 when both are repetitive, but are never
+// certain; one scene under noise of three times its contrast has 0.65, and 0.43 when it is certain.
+constexpr double kMaxDeviation = 5.6;
 constexpr double kFirmDeviation = 1.4;
-constexpr float kLeastCorrelation = 0.6f;
-constexpr float kLeastCorrelationIfFirm = 0.4f;
+constexpr float kMinCorrelation = 0.6f;
+constexpr float kMinCorrelationIfFirm = 0.4f;
 
-constexpr double kFarApart = 1.0;  // pixels at the corners: two hypotheses, not one
-constexpr int kMostSettling = 5;
-// A step of less than either, pixels at the corners and of the expected error, is not worth another.
+constexpr double kFarApart = 1.0;  // pixels at the corners: distinct hypotheses
+constexpr int kMaxSettling = 5;
+// Iteration stops at a step below either: pixels at the corners, or share of the expected error.
 constexpr double kSettledStep = 0.1;
 constexpr double kSettled = 0.5;
-constexpr double kAlike = 0.02;    // of the support of one of them: two motions that explain the picture equally well
-constexpr double kCertain = 0.14;  // pixels at the corners: good enough not to look further
+constexpr double kAlike = 0.02;    // of the support: two motions that explain the picture equally well
+constexpr double kCertain = 0.14;  // pixels at the corners: good enough to stop
 
 }  // namespace
 
 MotionEstimator::~MotionEstimator() {
-  std::free(displaced);
+  std::free(displaced_);
 }
 
 bool MotionEstimator::allocate(int width, int height, int levelCount) {
-  for (ImagePyramid& pyramid : pyramids) {
+  for (ImagePyramid& pyramid : pyramids_) {
     if (!pyramid.allocate(width, height, levelCount)) return false;
   }
-  frame = PictureFrame(width, height);
-  int mostBlocks = 0;
-  for (int i = 0; i < pyramids[0].levels(); ++i) {
-    const Image& image = pyramids[0].level(i);
-    if (!levels[i].allocate(image, i, frame)) return false;
-    const int blocks = levels[i].grid().count();
-    mostBlocks = std::max(mostBlocks, blocks);
-    if (blocks >= kConsensusBlocks) consensusLevel = i;
-    coarseLevel = i;
+  frame_ = PictureFrame(width, height);
+  int maxBlocks = 0;
+  for (int i = 0; i < pyramids_[0].levels(); ++i) {
+    const Image& image = pyramids_[0].level(i);
+    if (!levels_[i].allocate(image, i, frame_)) return false;
+    const int blocks = levels_[i].grid().count();
+    maxBlocks = std::max(maxBlocks, blocks);
+    if (blocks >= kConsensusBlocks) consensusLevel_ = i;
+    coarseLevel_ = i;
     if (std::max(image.width, image.height) <= kCoarseSide) break;
   }
-  displaced = allocateArray<Displaced>(mostBlocks);
-  return displaced != nullptr && coarse.allocate(std::max(levels[coarseLevel].grid().count(), kSearchedBlocks));
+  displaced_ = allocateArray<Displaced>(maxBlocks);
+  return displaced_ != nullptr && coarse_.allocate(std::max(levels_[coarseLevel_].grid().count(), kSearchedBlocks));
 }
 
 void MotionEstimator::read(const uint8_t* pixels, WorkerPool* pool) {
-  const int slot = 1 - previousIndex;
-  pyramids[slot].build(pixels, pool);
-  for (int i = 0; i <= coarseLevel; ++i) levels[i].read(pyramids[slot].level(i), slot, pool);
+  const int slot = 1 - previousIndex_;
+  pyramids_[slot].build(pixels, pool);
+  for (int i = 0; i <= coarseLevel_; ++i) levels_[i].read(pyramids_[slot].level(i), slot, pool);
 }
 
 void MotionEstimator::advance() {
-  previousIndex = 1 - previousIndex;
+  previousIndex_ = 1 - previousIndex_;
 }
 
-// One step towards the motion on a level. Without enough to go by, none.
+// One step towards the motion on a level; none when there are too few patches.
 void MotionEstimator::approach(int level, GlobalMotion* motion, WorkerPool* pool) {
-  LevelComparison& here = levels[level];
+  LevelComparison& here = levels_[level];
   here.compare(kForward, *motion, pool);
   LevelNoise noise;
   if (!here.noise(kForward, &noise)) return;
   MotionEquations equations;
   here.gather(kForward, false, noise, &equations);
-  if (level == consensusLevel) {
+  if (level == consensusLevel_) {
     equations.solveSimilarity(motion);
   } else {
     double unused[6][6];
@@ -87,12 +86,12 @@ void MotionEstimator::approach(int level, GlobalMotion* motion, WorkerPool* pool
   }
 }
 
-// The last steps, with both frames as the one the gradients are taken from: noise in a gradient is not in both.
+// The last steps, symmetric in the two frames: they do not share the noise in their gradients.
 bool MotionEstimator::settle(int level, MotionFound* found, WorkerPool* pool) {
   found->level = level;
   approach(level, &found->motion, pool);
-  LevelComparison& here = levels[level];
-  for (int step = 0; step < kMostSettling; ++step) {
+  LevelComparison& here = levels_[level];
+  for (int step = 0; step < kMaxSettling; ++step) {
     MotionEquations equations;
     LevelNoise noise[2];
     for (const Direction direction : {kForward, kBackward}) {
@@ -102,46 +101,46 @@ bool MotionEstimator::settle(int level, MotionFound* found, WorkerPool* pool) {
     for (const Direction direction : {kForward, kBackward}) {
       here.gather(direction, true, noise[direction], &equations);
     }
-    // Both directions see the same noise, but are added as if each had its own: its variance counts twice.
+    // Both directions see the same noise but are added as independent: its variance counts twice.
     const double variance = 2.0 * static_cast<double>(noise[kForward].displacement);
     const GlobalMotion before = found->motion;
     double covariance[6][6];
     if (!equations.solve(variance, &found->motion, &covariance)) return false;
     found->significance = significance(found->motion, covariance);
-    found->cornerDeviation = frame.cornerDeviation(covariance);
-    const double moved = frame.cornerDistance(before, found->motion);
+    found->cornerDeviation = frame_.cornerDeviation(covariance);
+    const double moved = frame_.cornerDistance(before, found->motion);
     if (!(moved > std::max(kSettledStep, kSettled * found->cornerDeviation))) break;
   }
   return true;
 }
 
-// The motion most blocks agree on, and the one most of the others do.
+// The motion most blocks agree on, and the one most of the others agree on.
 void MotionEstimator::searchMotions(int level, GlobalMotion* first, GlobalMotion* second) {
-  const LevelComparison& here = levels[level];
+  const LevelComparison& here = levels_[level];
   const BlockGrid& grid = here.grid();
   const float scale = here.scale();
   const float expected[2][2] = {
-      {0.0f, 0.0f}, {static_cast<float>(lastMotion.p[0]) / scale, static_cast<float>(lastMotion.p[3]) / scale}};
-  coarse.search(here.previousImage(), here.currentImage(), grid, here.previousTextures(), expected, 2, displaced);
+      {0.0f, 0.0f}, {static_cast<float>(lastMotion_.p[0]) / scale, static_cast<float>(lastMotion_.p[3]) / scale}};
+  coarse_.search(here.previousImage(), here.currentImage(), grid, here.previousTextures(), expected, 2, displaced_);
   for (int i = 0; i < grid.count(); ++i) {
-    displaced[i].u = here.u(i % grid.columns);
-    displaced[i].v = here.v(i / grid.columns);
-    displaced[i].dx *= scale;
-    displaced[i].dy *= scale;
+    displaced_[i].u = here.u(i % grid.columns);
+    displaced_[i].v = here.v(i / grid.columns);
+    displaced_[i].dx *= scale;
+    displaced_[i].dy *= scale;
   }
-  // Whole samples: half of one in each direction is the tolerance, and as much again for the pattern between them.
+  // The search is in whole samples: half a sample in each direction, and as much again for aliasing.
   const float tolerance = 1.2f * scale;
-  const GlobalMotion known[2] = {{}, lastMotion};
-  *first = findConsensus(displaced, grid.count(), tolerance, known, 2);
+  const GlobalMotion known[2] = {{}, lastMotion_};
+  *first = findConsensus(displaced_, grid.count(), tolerance, known, 2);
   for (int i = 0; i < grid.count(); ++i) {
-    if (agrees(displaced[i], *first, tolerance)) displaced[i].weight = 0.0f;
+    if (agrees(displaced_[i], *first, tolerance)) displaced_[i].weight = 0.0f;
   }
-  *second = findConsensus(displaced, grid.count(), tolerance, known, 2);
+  *second = findConsensus(displaced_, grid.count(), tolerance, known, 2);
 }
 
-// The motion of most of the scene, from blocks that each went their own way.
+// The motion of most of the scene, from blocks tracked one by one.
 GlobalMotion MotionEstimator::consensusMotion(int level, const GlobalMotion* starts, int startCount, WorkerPool* pool) {
-  const LevelComparison& here = levels[level];
+  const LevelComparison& here = levels_[level];
   const BlockGrid& grid = here.grid();
   const float scale = here.scale();
   forBands(pool, grid.rows, grid.rowSamples() * 32, [&](int begin, int end) {
@@ -149,7 +148,7 @@ GlobalMotion MotionEstimator::consensusMotion(int level, const GlobalMotion* sta
       for (int column = 0; column < grid.columns; ++column) {
         const float atU = here.u(column);
         const float atV = here.v(row);
-        Displaced& point = displaced[row * grid.columns + column];
+        Displaced& point = displaced_[row * grid.columns + column];
         point = {atU, atV, 0.0f, 0.0f, 0.0f};
         for (int i = 0; i < startCount; ++i) {
           if (std::find(starts, starts + i, starts[i]) != starts + i) continue;
@@ -163,12 +162,12 @@ GlobalMotion MotionEstimator::consensusMotion(int level, const GlobalMotion* sta
       }
     }
   });
-  return findConsensus(displaced, grid.count(), LevelComparison::kTolerance, starts, startCount);
+  return findConsensus(displaced_, grid.count(), LevelComparison::kTolerance, starts, startCount);
 }
 
 double MotionEstimator::supportOf(int level, const GlobalMotion& motion, WorkerPool* pool) {
-  levels[level].compare(kForward, motion, pool);
-  return levels[level].support();
+  levels_[level].compare(kForward, motion, pool);
+  return levels_[level].support();
 }
 
 void MotionEstimator::test(int level, Hypothesis* hypothesis, WorkerPool* pool) {
@@ -176,19 +175,19 @@ void MotionEstimator::test(int level, Hypothesis* hypothesis, WorkerPool* pool) 
   hypothesis->support = supportOf(level, hypothesis->motion, pool);
 }
 
-// What the search and the frame before suggest, tested against the picture level by level until one is left.
+// Candidates from the search and the previous frame, tested level by level until one is left.
 GlobalMotion MotionEstimator::startingMotion(int searchLevel, int level, WorkerPool* pool) {
-  GlobalMotion starts[4];  // the two motions most blocks of the searched level agree on, none, and the last one
+  GlobalMotion starts[4];  // the two best of the search, none, and the last frame's motion
   searchMotions(searchLevel, &starts[0], &starts[1]);
-  starts[3] = lastMotion;
+  starts[3] = lastMotion_;
   Hypothesis best;
   Hypothesis second;
   const auto keep = [&](const Hypothesis& hypothesis) {
     if (hypothesis.support > best.support) {
-      if (frame.cornerDistance(hypothesis.motion, best.motion) > kFarApart) second = best;
+      if (frame_.cornerDistance(hypothesis.motion, best.motion) > kFarApart) second = best;
       best = hypothesis;
     } else if (hypothesis.support > second.support &&
-               frame.cornerDistance(hypothesis.motion, best.motion) > kFarApart) {
+               frame_.cornerDistance(hypothesis.motion, best.motion) > kFarApart) {
       second = hypothesis;
     }
   };
@@ -208,44 +207,44 @@ GlobalMotion MotionEstimator::startingMotion(int searchLevel, int level, WorkerP
 }
 
 MotionFound MotionEstimator::estimateFrom(int searchLevel, int level, WorkerPool* pool) {
-  for (int i = 0; i <= coarseLevel; ++i) {
-    levels[i].begin(pyramids[previousIndex].level(i), pyramids[1 - previousIndex].level(i), previousIndex);
+  for (int i = 0; i <= coarseLevel_; ++i) {
+    levels_[i].begin(pyramids_[previousIndex_].level(i), pyramids_[1 - previousIndex_].level(i), previousIndex_);
   }
   const GlobalMotion motion = startingMotion(searchLevel, level, pool);
   MotionFound best;
   best.motion = motion;
   best.known = settle(0, &best, pool);
   if (level > 0 && !(best.known && best.cornerDeviation <= kCertain)) {
-    // Deep in noise steps are short, and the level above may know better: down from there, as long as it gets anywhere.
-    double most = best.known ? supportOf(1, best.motion, pool) : 0.0;
+    // In heavy noise the steps come out too short: restart one level up and refine while that helps.
+    double support = best.known ? supportOf(1, best.motion, pool) : 0.0;
     MotionFound again;
     again.motion = motion;
     for (const int from : {1, 0}) {
       again.known = settle(from, &again, pool);
       if (!again.known) continue;
-      const double supported = supportOf(1, again.motion, pool);
-      const bool alike = std::fabs(supported - most) < kAlike * most;
-      if (!best.known || (alike ? again.cornerDeviation < best.cornerDeviation : supported > most)) {
+      const double newSupport = supportOf(1, again.motion, pool);
+      const bool alike = std::fabs(newSupport - support) < kAlike * support;
+      if (!best.known || (alike ? again.cornerDeviation < best.cornerDeviation : newSupport > support)) {
         best = again;
-        most = supported;
+        support = newSupport;
       }
     }
-    for (const Direction direction : {kForward, kBackward}) levels[best.level].compare(direction, best.motion, pool);
+    for (const Direction direction : {kForward, kBackward}) levels_[best.level].compare(direction, best.motion, pool);
   }
   if (best.known) {
-    if (!levels[consensusLevel].compared()) levels[consensusLevel].compare(kForward, best.motion, pool);
-    for (int i = 0; i <= consensusLevel; ++i) best.correlation = std::max(best.correlation, levels[i].correlation());
-    const float least = best.cornerDeviation <= kFirmDeviation ? kLeastCorrelationIfFirm : kLeastCorrelation;
-    best.known = best.cornerDeviation <= kMostDeviation && best.correlation >= least;
+    if (!levels_[consensusLevel_].compared()) levels_[consensusLevel_].compare(kForward, best.motion, pool);
+    for (int i = 0; i <= consensusLevel_; ++i) best.correlation = std::max(best.correlation, levels_[i].correlation());
+    const float minCorrelation = best.cornerDeviation <= kFirmDeviation ? kMinCorrelationIfFirm : kMinCorrelation;
+    best.known = best.cornerDeviation <= kMaxDeviation && best.correlation >= minCorrelation;
   }
   return best;
 }
 
 MotionFound MotionEstimator::estimate(WorkerPool* pool) {
-  MotionFound found = estimateFrom(coarseLevel, consensusLevel, pool);
-  // Where the texture is too fine to be seen on a coarse level, a finer one is searched, not as far.
-  if (!found.known && consensusLevel > 1) found = estimateFrom(1, 1, pool);
-  lastMotion = found.known ? found.motion : GlobalMotion{};
+  MotionFound found = estimateFrom(coarseLevel_, consensusLevel_, pool);
+  // When the texture is too fine for the coarse level, search a finer one, not as far.
+  if (!found.known && consensusLevel_ > 1) found = estimateFrom(1, 1, pool);
+  lastMotion_ = found.known ? found.motion : GlobalMotion{};
   return found;
 }
 

@@ -1,4 +1,4 @@
-// The motion of the whole picture between two frames, from all of its texture at once.
+// Global motion between two frames, from all of the texture at once.
 #pragma once
 
 #include "registration/tracker/coarse_search.h"
@@ -13,10 +13,10 @@ namespace noxel::tracker {
 struct MotionFound {
   bool known = false;
   GlobalMotion motion;           // previous to current frame
-  int level = 0;                 // of the pyramid, where it was measured last
-  double cornerDeviation = 0.0;  // expected error, rms over the four corners, pixels of the registration image
-  double significance = 0.0;     // chi-squared of the motion against no motion at all
-  float correlation = 0.0f;      // of the two pictures, on the level where it is highest
+  int level = 0;                 // pyramid level of the last measurement
+  double cornerDeviation = 0.0;  // expected error, rms over the corners, registration pixels
+  double significance = 0.0;     // chi-squared against no motion
+  float correlation = 0.0f;      // of the two pictures, max over the levels
 };
 
 // Registration thread only.
@@ -32,12 +32,12 @@ class MotionEstimator {
   void read(const uint8_t* pixels, WorkerPool* pool);  // the current frame
   MotionFound estimate(WorkerPool* pool);              // between the previous and the current frame
   void advance();                                      // the current frame becomes the previous one
-  void forgetMotion() { lastMotion = {}; }
+  void forgetMotion() { lastMotion_ = {}; }
 
-  // As of the last estimate, along the motion it found.
-  const LevelComparison& level(int index) const { return levels[index]; }
-  int coarsest() const { return coarseLevel; }
-  const PictureFrame& pictureFrame() const { return frame; }
+  // State of the last estimate, compared along the motion it found.
+  const LevelComparison& level(int index) const { return levels_[index]; }
+  int coarsest() const { return coarseLevel_; }
+  const PictureFrame& pictureFrame() const { return frame_; }
 
  private:
   struct Hypothesis {
@@ -54,15 +54,15 @@ class MotionEstimator {
   bool settle(int level, MotionFound* found, WorkerPool* pool);
   MotionFound estimateFrom(int searchLevel, int level, WorkerPool* pool);
 
-  ImagePyramid pyramids[2];
-  int previousIndex = 0;  // of the pyramid, and of the textures each level keeps
-  PictureFrame frame;
-  LevelComparison levels[kMostLevels];
-  CoarseSearch coarse;
-  Displaced* displaced = nullptr;
-  int coarseLevel = 0;     // the one that is searched, and the last one that is used
-  int consensusLevel = 0;  // the one that tells subjects from the scene
-  GlobalMotion lastMotion;
+  ImagePyramid pyramids_[2];
+  int previousIndex_ = 0;  // of the pyramids and of each level's textures
+  PictureFrame frame_;
+  LevelComparison levels_[kMaxLevels];
+  CoarseSearch coarse_;
+  Displaced* displaced_ = nullptr;
+  int coarseLevel_ = 0;     // searched; the coarsest in use
+  int consensusLevel_ = 0;  // separates moving subjects from the background
+  GlobalMotion lastMotion_;
 };
 
 }  // namespace noxel::tracker

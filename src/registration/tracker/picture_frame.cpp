@@ -6,12 +6,12 @@
 namespace noxel::tracker {
 
 PictureFrame::PictureFrame(int width, int height)
-    : centreX(0.5f * static_cast<float>(width)),
-      centreY(0.5f * static_cast<float>(height)),
-      radius(std::hypot(centreX, centreY)) {}
+    : centreX_(0.5f * static_cast<float>(width)),
+      centreY_(0.5f * static_cast<float>(height)),
+      radius_(std::hypot(centreX_, centreY_)) {}
 
 void PictureFrame::backward(const GlobalMotion& motion, float x, float y, double* dx, double* dy) const {
-  // x' = x + D(x): three steps of the fixed point are exact to 1e-4 pixels for motions that the fit accepts.
+  // Fixed point of x' = x + D(x): three steps are exact to 1e-4 pixels for motions that the fit accepts.
   *dx = 0.0;
   *dy = 0.0;
   for (int i = 0; i < 3; ++i) {
@@ -22,10 +22,10 @@ void PictureFrame::backward(const GlobalMotion& motion, float x, float y, double
   }
 }
 
-// The corners lie evenly round the centre, so that mixed terms cancel and 1, u and v add up by themselves.
+// The corners are symmetric about the centre, so that mixed terms cancel.
 double PictureFrame::cornerDistance(const GlobalMotion& a, const GlobalMotion& b) const {
-  const double u2 = centreX * centreX / (radius * radius);
-  const double v2 = centreY * centreY / (radius * radius);
+  const double u2 = centreX_ * centreX_ / (radius_ * radius_);
+  const double v2 = centreY_ * centreY_ / (radius_ * radius_);
   const double parts[6] = {1.0, u2, v2, 1.0, u2, v2};
   double square = 0.0;
   for (int i = 0; i < 6; ++i) square += parts[i] * (a.p[i] - b.p[i]) * (a.p[i] - b.p[i]);
@@ -33,8 +33,8 @@ double PictureFrame::cornerDistance(const GlobalMotion& a, const GlobalMotion& b
 }
 
 double PictureFrame::cornerDeviation(const double (&covariance)[6][6]) const {
-  const double u2 = centreX * centreX / (radius * radius);
-  const double v2 = centreY * centreY / (radius * radius);
+  const double u2 = centreX_ * centreX_ / (radius_ * radius_);
+  const double v2 = centreY_ * centreY_ / (radius_ * radius_);
   const double parts[6] = {1.0, u2, v2, 1.0, u2, v2};
   double variance = 0.0;
   for (int i = 0; i < 6; ++i) variance += parts[i] * covariance[i][i];

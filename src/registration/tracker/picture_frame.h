@@ -1,29 +1,29 @@
-// Where points lie in a picture, as motions count it.
+// The picture's coordinates, as GlobalMotion uses them.
 #pragma once
 
 #include "registration/tracker/global_motion.h"
 
 namespace noxel::tracker {
 
-// Of the registration image; its corner is (0, 0), the centre of its first pixel (0.5, 0.5).
+// Coordinates of the registration image: its corner is (0, 0), the centre of its first pixel (0.5, 0.5).
 class PictureFrame {
  public:
   PictureFrame() = default;
   PictureFrame(int width, int height);
 
-  float u(float x) const { return (x - centreX) / radius; }
-  float v(float y) const { return (y - centreY) / radius; }
+  float u(float x) const { return (x - centreX_) / radius_; }
+  float v(float y) const { return (y - centreY_) / radius_; }
 
-  // Displacement of the current frame's point (x, y) back to where it was before `motion`.
+  // Displacement of the current frame's point (x, y) back to its position before `motion`.
   void backward(const GlobalMotion& motion, float x, float y, double* dx, double* dy) const;
-  // Root mean square over the four corners, pixels: of what two motions differ by, and of what a covariance lets expect.
+  // Rms over the four corners, pixels: difference of two motions, and expected error for a covariance.
   double cornerDistance(const GlobalMotion& a, const GlobalMotion& b) const;
   double cornerDeviation(const double (&covariance)[6][6]) const;
 
  private:
-  float centreX = 0.0f;
-  float centreY = 0.0f;
-  float radius = 1.0f;  // half the diagonal
+  float centreX_ = 0.0f;
+  float centreY_ = 0.0f;
+  float radius_ = 1.0f;  // half the diagonal
 };
 
 }  // namespace noxel::tracker

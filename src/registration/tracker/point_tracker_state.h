@@ -1,4 +1,4 @@
-// What the tracker keeps from frame to frame.
+// Tracker state from frame to frame.
 #pragma once
 
 #include "registration/registration_state.h"
@@ -19,7 +19,7 @@ class PointTracker {
   void track(const uint8_t* frame, _KROFRegistration* registration);
   void advance(const _KROFRegistration& registration);
 
-  WorkerPool* pool = nullptr;  // null: no help
+  WorkerPool* pool = nullptr;  // null: single-threaded
 
  private:
   void placePoints(int level, _KROFRegistration* registration);
@@ -30,19 +30,19 @@ class PointTracker {
   int scoreLevel() const;
   int cellAt(float x, float y) const;
 
-  tracker::MotionEstimator estimator;
-  float frameWidth = 0.0f;
-  float frameHeight = 0.0f;
-  int chosen[kMaxPoints] = {};       // blocks of the level the motion was measured at
-  float offCourse[kMaxPoints] = {};  // distance of a point's own displacement from the common one, pixels
-  mutable float scratch[kMaxPoints] = {};
+  tracker::MotionEstimator estimator_;
+  float frameWidth_ = 0.0f;
+  float frameHeight_ = 0.0f;
+  int chosen_[kMaxPoints] = {};       // blocks on the level where the motion was measured
+  float offCourse_[kMaxPoints] = {};  // distance of a point's own displacement from the global motion, pixels
+  mutable float scratch_[kMaxPoints] = {};
 
-  // Who is where: a cell of the frame keeps the identifier of the point that ended in it.
-  int cellColumns = 0;
-  int cellRows = 0;
-  int* identifiers = nullptr;  // 0: nobody's
-  int lastIdentifier = 0;
-  bool stillSign = false;  // of the displacement given to a still frame
+  // Per cell of the frame: the identifier of the point that ended in it.
+  int cellColumns_ = 0;
+  int cellRows_ = 0;
+  int* identifiers_ = nullptr;  // 0: none
+  int lastIdentifier_ = 0;
+  bool stillSign_ = false;  // of the displacement given to a still frame
 };
 
 }  // namespace noxel

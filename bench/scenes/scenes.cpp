@@ -1,68 +1,29 @@
-#include "scene_pairs.h"
+#include "scenes/scenes.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
-#include <fstream>
-#include <initializer_list>
 #include <limits>
 #include <numbers>
-#include <random>
+
+#include "scenes/random.h"
 
 namespace noxel::scenes {
 namespace {
 
-constexpr int kSubSamples = 4;       // a side of a pixel
-constexpr double kMargin = 48;       // frame pixels kept around a crop: the largest pan, and some tremor
-constexpr double kLeastScale = 2.5;  // photo pixels a frame pixel, where the photo has as many
-constexpr double kLargestScale = 3.5;
+constexpr int kSubSamples = 4;     // a side of a pixel
+constexpr double kMargin = 48;     // frame pixels kept around a crop: the largest pan, and some tremor
+constexpr double kMinScale = 2.5;  // photo pixels a frame pixel, where the photo has as many
+constexpr double kMaxScale = 3.5;
 constexpr double kObjectBrightness = 0.6;  // of its photo
 constexpr int kCropCandidates = 8;
-constexpr double kFlatContrast = 10;     // standard deviation in levels
-constexpr double kTileShare = 0.85;      // of the repetitive texture; the rest is the photo
-constexpr double kObjectArea = 0.4;      // of the frame
-constexpr double kTremorPixels = 4;      // largest shift
-constexpr double kTremorRoll = 0.5;      // degrees
-constexpr double kTremorZoom = 0.003;    // relative
-constexpr double kAccompanying = 0.25;   // share of the tremor beside another motion
-constexpr double kSmallestRadius = 2.5;  // of the procedural shapes, pixels
-
-// The standard distributions differ between libraries; these do not.
-class Random {
- public:
-  Random(std::initializer_list<uint64_t> seeds) {
-    std::vector<uint32_t> words;
-    for (uint64_t seed : seeds) {
-      words.push_back(static_cast<uint32_t>(seed));
-      words.push_back(static_cast<uint32_t>(seed >> 32));
-    }
-    std::seed_seq sequence(words.begin(), words.end());
-    engine.seed(sequence);
-  }
-
-  double uniform(double low, double high) {
-    return low + (high - low) * (static_cast<double>(engine() >> 11) * 0x1p-53);
-  }
-  int below(size_t count) { return static_cast<int>(engine() % count); }
-  double direction() { return uniform(-std::numbers::pi, std::numbers::pi); }
-
-  double gaussian() {  // Box and Muller, two at a time
-    if (hasSpare) {
-      hasSpare = false;
-      return spare;
-    }
-    const double radius = std::sqrt(-2 * std::log(1 - uniform(0, 1)));
-    const double angle = direction();
-    spare = radius * std::sin(angle);
-    hasSpare = true;
-    return radius * std::cos(angle);
-  }
-
- private:
-  std::mt19937_64 engine;
-  double spare = 0;
-  bool hasSpare = false;
-};
+constexpr double kFlatContrast = 10;    // standard deviation in levels
+constexpr double kTileShare = 0.85;     // of the repetitive texture; the rest is the photo
+constexpr double kObjectArea = 0.4;     // of the frame
+constexpr double kTremorPixels = 4;     // largest shift
+constexpr double kTremorRoll = 0.5;     // degrees
+constexpr double kTremorZoom = 0.003;   // relative
+constexpr double kAccompanying = 0.25;  // share of the tremor beside another motion
 
 struct Point {
   double x;
@@ -97,19 +58,6 @@ Affine drawMotion(Motion motion, int width, int height, Random& random) {
   return cameraMotion(roll, zoom, {distance * std::cos(direction), distance * std::sin(direction)}, width, height);
 }
 
-int mirrored(int i, int size) {
-  const int period = 2 * size;
-  i = ((i % period) + period) % period;
-  return i < size ? i : period - 1 - i;
-}
-
-void catmullRom(double t, double weights[4]) {
-  weights[0] = t * (t * (1 - 0.5 * t) - 0.5);
-  weights[1] = t * t * (1.5 * t - 2.5) + 1;
-  weights[2] = t * (t * (2 - 1.5 * t) + 0.5);
-  weights[3] = t * t * (0.5 * t - 0.5);
-}
-
 // Part of a photo seen by the frame: frame pixel p shows photo point origin + scale * p.
 struct Crop {
   const Photo* photo;
@@ -135,7 +83,7 @@ double textureOf(const Crop& crop, int width, int height) {
   return change / std::max(level, 1.0);
 }
 
-enum class Pick { MostTextured, LeastTextured };
+enum class Pick { MaxTexture, MinTexture };
 
 // One of a few random crops. The background is the most textured: a camera is pointed at something, and much of a large
 // photo is sky or out of focus. Many photo pixels a frame pixel hide the softness of the photo; one that is too small for
@@ -145,11 +93,11 @@ Crop drawCrop(const Photo& photo, Pick pick, int width, int height, Random& rand
   Crop best = {};
   double bestScore = -std::numeric_limits<double>::infinity();
   for (int candidate = 0; candidate < kCropCandidates; ++candidate) {
-    const double scale = random.uniform(std::min(fit, kLeastScale), std::min(fit, kLargestScale));
+    const double scale = random.uniform(std::min(fit, kMinScale), std::min(fit, kMaxScale));
     const double x = random.uniform(0, photo.width - scale * (width + 2 * kMargin));
     const double y = random.uniform(0, photo.height - scale * (height + 2 * kMargin));
     const Crop crop = {&photo, {scale * kMargin + x, scale * kMargin + y}, scale};
-    const double score = textureOf(crop, width, height) * (pick == Pick::MostTextured ? 1 : -1);
+    const double score = textureOf(crop, width, height) * (pick == Pick::MaxTexture ? 1 : -1);
     if (score > bestScore) {
       best = crop;
       bestScore = score;
@@ -231,59 +179,6 @@ void flatten(ScenePair* pair) {
   }
 }
 
-// Smooth noise of -1..1 with one random value every `cell` pixels.
-void addValueNoise(Photo* photo, int cell, double amplitude, Random& random) {
-  const int columns = photo->width / cell + 2;
-  const int rows = photo->height / cell + 2;
-  std::vector<double> lattice(static_cast<size_t>(columns) * static_cast<size_t>(rows));
-  for (double& value : lattice) value = random.uniform(-amplitude, amplitude);
-  const auto smooth = [](double t) { return t * t * (3 - 2 * t); };
-  for (int y = 0; y < photo->height; ++y) {
-    const double v = smooth(static_cast<double>(y % cell) / cell);
-    for (int x = 0; x < photo->width; ++x) {
-      const double u = smooth(static_cast<double>(x % cell) / cell);
-      const double* corner =
-          &lattice[static_cast<size_t>(y / cell) * static_cast<size_t>(columns) + static_cast<size_t>(x / cell)];
-      const double upper = std::lerp(corner[0], corner[1], u);
-      const double lower = std::lerp(corner[columns], corner[columns + 1], u);
-      photo->luma[static_cast<size_t>(y) * static_cast<size_t>(photo->width) + static_cast<size_t>(x)] +=
-          static_cast<float>(std::lerp(upper, lower, v));
-    }
-  }
-}
-
-// A disc (no sides) or a regular polygon.
-struct Shape {
-  Point centre;
-  double radius;
-  int sides;
-  double angle;  // radians
-
-  bool covers(Point p) const {
-    const double x = p.x - centre.x;
-    const double y = p.y - centre.y;
-    if (x * x + y * y >= radius * radius) return false;
-    for (int side = 0; side < sides; ++side) {
-      const double normal = angle + 2 * std::numbers::pi * side / sides;
-      if (x * std::cos(normal) + y * std::sin(normal) >= radius * std::cos(std::numbers::pi / sides)) return false;
-    }
-    return true;
-  }
-};
-
-void paint(Photo* photo, const Shape& shape, float level) {
-  const auto first = [&](double centre) { return std::max(0, static_cast<int>(centre - shape.radius)); };
-  const auto last = [&](double centre, int size) {
-    return std::min(size - 1, static_cast<int>(centre + shape.radius) + 1);
-  };
-  for (int y = first(shape.centre.y); y <= last(shape.centre.y, photo->height); ++y) {
-    for (int x = first(shape.centre.x); x <= last(shape.centre.x, photo->width); ++x) {
-      if (!shape.covers({static_cast<double>(x), static_cast<double>(y)})) continue;
-      photo->luma[static_cast<size_t>(y) * static_cast<size_t>(photo->width) + static_cast<size_t>(x)] = level;
-    }
-  }
-}
-
 std::vector<uint8_t> shoot(const std::vector<float>& scene, Light light, double gain, Random& random) {
   const double noise = light == Light::Clean ? 0 : light == Light::Dim ? 3 : 8;
   std::vector<uint8_t> frame;
@@ -316,81 +211,6 @@ double cornerError(const Affine& measured, const Affine& truth, int width, int h
     squares += (a.x - b.x) * (a.x - b.x) + (a.y - b.y) * (a.y - b.y);
   }
   return std::sqrt(squares / 4);
-}
-
-double Photo::at(double x, double y) const {
-  const double left = std::floor(x);
-  const double top = std::floor(y);
-  const int column = static_cast<int>(left) - 1;
-  const int row = static_cast<int>(top) - 1;
-  double across[4];
-  double down[4];
-  catmullRom(x - left, across);
-  catmullRom(y - top, down);
-  const bool inside = column >= 0 && row >= 0 && column + 4 <= width && row + 4 <= height;
-  double sum = 0;
-  for (int j = 0; j < 4; ++j) {
-    const float* line =
-        &luma[static_cast<size_t>(inside ? row + j : mirrored(row + j, height)) * static_cast<size_t>(width)];
-    double lineSum = 0;
-    for (int i = 0; i < 4; ++i) {
-      lineSum += across[i] * static_cast<double>(line[inside ? column + i : mirrored(column + i, width)]);
-    }
-    sum += down[j] * lineSum;
-  }
-  return sum;
-}
-
-bool readPhoto(const std::string& path, Photo* photo) {
-  constexpr int kLargestSide = 1 << 15;
-  std::ifstream file(path, std::ios::binary);
-  std::string magic;
-  file >> magic;
-  if (magic != "P5" && magic != "P6") return false;
-  int header[3] = {};  // width, height, largest sample
-  for (int& value : header) {
-    while ((file >> std::ws).peek() == '#') file.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
-    file >> value;
-  }
-  file.get();
-  if (!file || header[0] < 1 || header[1] < 1 || std::max(header[0], header[1]) > kLargestSide || header[2] != 255) {
-    return false;
-  }
-
-  const size_t channels = magic == "P6" ? 3 : 1;
-  const size_t pixels = static_cast<size_t>(header[0]) * static_cast<size_t>(header[1]);
-  std::vector<unsigned char> samples(pixels * channels);
-  if (!file.read(reinterpret_cast<char*>(samples.data()), static_cast<std::streamsize>(samples.size()))) return false;
-  photo->width = header[0];
-  photo->height = header[1];
-  photo->luma.resize(pixels);
-  for (size_t i = 0; i < pixels; ++i) {
-    const unsigned char* s = &samples[i * channels];
-    photo->luma[i] = channels == 1 ? static_cast<float>(s[0])
-                                   : 0.299f * static_cast<float>(s[0]) + 0.587f * static_cast<float>(s[1]) +
-                                         0.114f * static_cast<float>(s[2]);
-  }
-  return true;
-}
-
-Photo proceduralPhoto(int width, int height, uint64_t seed) {
-  Random random = {seed};
-  Photo photo = {width, height, std::vector<float>(static_cast<size_t>(width) * static_cast<size_t>(height), 110.0f)};
-  // Each octave of sizes covers the same area: a density of radii falling with the cube, drawn by its inverse.
-  const double largestRadius = 0.25 * std::min(width, height);
-  const int count = static_cast<int>(0.1 * width * height / (kSmallestRadius * kSmallestRadius));
-  for (int i = 0; i < count; ++i) {
-    const double u = random.uniform(0, 1);
-    const double least = kSmallestRadius / largestRadius;
-    const double radius = kSmallestRadius / std::sqrt(1 - u * (1 - least * least));
-    const Point centre = {random.uniform(0, width), random.uniform(0, height)};
-    const int sides = random.below(4) == 0 ? 0 : 3 + random.below(4);
-    const double angle = random.direction();
-    paint(&photo, {centre, radius, sides, angle}, static_cast<float>(random.uniform(20, 230)));
-  }
-  for (int cell = 256; cell >= 2; cell /= 2) addValueNoise(&photo, cell, 1.5 * std::pow(cell, 0.4), random);
-  for (float& value : photo.luma) value = std::clamp(value, 0.0f, 255.0f);
-  return photo;
 }
 
 const char* nameOf(Motion motion) {
@@ -431,7 +251,7 @@ ScenePair renderPair(const std::vector<Photo>& photos, Motion motion, int width,
   pair.currentFromPrevious = drawMotion(motion, width, height, random);
 
   const Photo& photo = photos[static_cast<size_t>(index) % photos.size()];
-  Scene scene = {.crop = drawCrop(photo, Pick::MostTextured, width, height, random)};
+  Scene scene = {.crop = drawCrop(photo, Pick::MaxTexture, width, height, random)};
   if (motion == Motion::Repetitive) {
     scene.tileSide = random.uniform(24, 64);
     scene.tile = scene.crop;
@@ -445,7 +265,7 @@ ScenePair renderPair(const std::vector<Photo>& photos, Motion motion, int width,
   Affine objectFromPrevious = pair.currentFromPrevious;
   if (motion == Motion::Object) {
     // Darker and less textured than the background, or the object would often be the larger part of what can be followed.
-    object.texture = drawCrop(photo, Pick::LeastTextured, width, height, random);
+    object.texture = drawCrop(photo, Pick::MinTexture, width, height, random);
     const double edge = 0.5 * (1 - std::sqrt(kObjectArea));
     object.low = {edge * width, edge * height};
     object.high = {(1 - edge) * width, (1 - edge) * height};
@@ -472,7 +292,7 @@ FramePair expose(const ScenePair& pair, Light light, uint64_t seed) {
 
 StillScene drawStillScene(const Photo& photo, int width, int height, uint64_t seed) {
   Random random = {seed};
-  const Crop crop = drawCrop(photo, Pick::MostTextured, width, height, random);
+  const Crop crop = drawCrop(photo, Pick::MaxTexture, width, height, random);
   return {&photo, crop.origin.x, crop.origin.y, crop.scale};
 }
 
@@ -488,24 +308,6 @@ double gainFor(Light light, const std::vector<float>& frame) {
 std::vector<uint8_t> expose(const std::vector<float>& frame, Light light, double gain, uint64_t seed) {
   Random random = {seed, static_cast<uint64_t>(light)};
   return shoot(frame, light, gain, random);
-}
-
-bool loadPhotos(const std::vector<std::string>& paths, int standIns, int width, int height, uint64_t seed,
-                std::vector<NamedPhoto>* photos, std::string* unreadable) {
-  for (const std::string& path : paths) {
-    NamedPhoto one;
-    one.name = path.substr(path.find_last_of('/') + 1);
-    if (!readPhoto(path, &one.photo)) {
-      *unreadable = path;
-      return false;
-    }
-    photos->push_back(std::move(one));
-  }
-  for (int i = 0; i < standIns && paths.empty(); ++i) {
-    photos->push_back(
-        {"procedural " + std::to_string(i), proceduralPhoto(3 * width, 3 * height, seed + static_cast<uint64_t>(i))});
-  }
-  return true;
 }
 
 }  // namespace noxel::scenes
