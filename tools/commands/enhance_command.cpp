@@ -81,6 +81,13 @@ void addOptions(CLI::App* command, EnhanceOptions& options) {
           "Let the exposure ease in from neutral instead of settling on the first frame beforehand")
       ->group(look);
 
+  command
+      ->add_option("--deghosting", options.look.deghosting,
+                   "How readily moving objects are kept out of the blend with the past; modes 1 and 3, temporal only")
+      ->check(CLI::Range(0, 10))
+      ->capture_default_str()
+      ->group(look);
+
   const char* mode = "Engine modes";
   command->add_option("--engine-mode", options.look.engineMode, kModes)
       ->check(CLI::Range(0, 4))

@@ -188,6 +188,7 @@ void Run::writeStatistics(double seconds) const {
         {"denoise", options_.look.denoise},
         {"strength", options_.look.strength},
         {"exposure", options_.look.exposure},
+        {"deghosting", options_.look.deghosting},
         {"neutral_exposure", options_.look.mode() == kModeNeutralExposure},
         {"stabilize", options_.look.stabilize},
         {"sharpening", options_.look.sharpening},

@@ -14,9 +14,10 @@ struct Readers {
 };
 
 constexpr Readers kReaders[] = {
-    {"--denoise", "0123", "0123"},
+    {"--denoise", "0123", "0123"},  //
     {"--strength", "13", "0123"},
     {"--exposure", "1", "1"},
+    {"--deghosting", "13", ""},
     {"--stabilize", "0123", ""},
     {"--overlay", "13", ""},
     {"--sharpening", "024", "04"},
@@ -71,6 +72,7 @@ void setParameters(const Look& look, _KRSuperResEngine* engine) {
   set(kParamLightMode, look.spatial() ? 1 : 0);
   set(kParamNoiseReductionStrength, look.strength);
   set(kParamExposureStrength, look.exposure);
+  set(kParamDeghosting, look.deghosting);
   set(kParamFlipChroma, look.flipChroma ? 1 : 0);
   if (look.mode() != kModeStabilize) set(kParamStabilization, look.stabilize ? 1 : 0);  // there it is on by itself
   setQuad(kParamQuadB, look.enhancedQuad, engine);

@@ -8,6 +8,9 @@
 
 namespace noxel::tool {
 
+// Stronger than the engine's own 5: moving objects drag a shorter trail, and what stands still looks the same.
+constexpr int kDefaultDeghosting = 8;
+
 struct Look {
   int engineMode = kModeEnhance;
   bool neutralExposure = false;      // stands for kModeNeutralExposure
@@ -16,7 +19,8 @@ struct Look {
   int exposure = 50;
   int sharpening = 2;
   int contrast = 30;
-  float zoom = 1.0f;  // 1..32
+  int deghosting = kDefaultDeghosting;  // 0..10
+  float zoom = 1.0f;                    // 1..32
   bool stabilize = false;
   bool flipChroma = false;
   // Corners x, y in the order top left, bottom left, top right, bottom right; -1..1, y upwards. Empty: the whole picture,

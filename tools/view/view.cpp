@@ -7,6 +7,7 @@
 #include "api/engine_control.h"
 #include "common/interrupt.h"
 #include "common/tool_error.h"
+#include "enhance/look.h"
 #include "media/nv21_frame.h"
 
 namespace noxel::tool {
@@ -58,6 +59,7 @@ void WindowEngine::set(const LiveLook& look) {
   Noxel_SetParameter(NOXEL_PARAMETER_NOISE_REDUCTION, &strength, engine_);
   Noxel_SetParameter(NOXEL_PARAMETER_EXPOSURE, &exposure, engine_);
   Noxel_SetParameter(NOXEL_PARAMETER_STABILIZATION, &stabilization, engine_);
+  KRSetParameter(kParamDeghosting, &kDefaultDeghosting, engine_);
   KRSetParameter(kParamQuadB, look.split ? kLeftHalf : kWhole, engine_);
   KRSetParameter(kParamQuadA, look.split ? kRightHalf : nullptr, engine_);
 }
