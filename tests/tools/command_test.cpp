@@ -25,7 +25,7 @@ TEST(Command, HelpAndVersionAreNoErrors) {
   EXPECT_EQ(version.out.rfind("Version: 1.1.7, Build date: ", 0), 0u) << version.out;
 }
 
-TEST(Command, RefusesWhatItWasNotMeantToDo) {
+TEST(Command, RefusesOptionsThatMakeNoSense) {
   const TemporaryDirectory folder;
   const std::string in = folder.file("in.mp4");
   writeClip(in, {});
@@ -40,6 +40,7 @@ TEST(Command, RefusesWhatItWasNotMeantToDo) {
         "enhance " + in + " --strength 101 -o " + folder.file("x.mp4"),
         "enhance " + in + " --denoise both -o " + folder.file("x.mp4"),
         "enhance " + in + " --denoise spatial --stabilize -o " + folder.file("x.mp4"),
+        "enhance " + in + " --denoise spatial --overlay -o " + folder.file("x.mp4"),
         "enhance " + in + " --sharpening 3 -o " + folder.file("x.mp4"),
         "enhance " + in + " --engine-mode 0 --exposure 3 -o " + folder.file("x.mp4"),
         "enhance " + in + " --engine-mode 2 --strength 3 -o " + folder.file("x.mp4"),
@@ -82,7 +83,7 @@ TEST(Command, DeghostingKeepsMovingObjectsFromLeavingATrail) {
     return picture;
   };
   writeClip(folder.file("in.mkv"), spec);
-  // In the last frame, how much brighter than the scene the place is where the patch was one frame before.
+  // Levels above the scene in the last frame, where the patch was one frame before.
   const auto trail = [&](const std::string& option) {
     const std::string output = folder.file("out.y4m");
     EXPECT_EQ(
@@ -95,15 +96,15 @@ TEST(Command, DeghostingKeepsMovingObjectsFromLeavingATrail) {
     return meanLuma(last->data[0] + y * last->linesize[0] + x, last->linesize[0], 32, 32) -
            meanLuma(&scene[static_cast<size_t>(y * kWidth + x)], kWidth, 32, 32);
   };
-  // The mask takes a change of 3 x 12 / 255 for motion when 0.3 - 0.025 N is below it, which is from N = 7 on. Unmasked,
-  // two blends by half leave a quarter of the patch; masked, the coders' losses stay below a level.
+  // The ghost mask's threshold of 0.3 - 0.025 N is below the patch's 3 x 12 / 255 from N = 7 on. Unmasked, two blends leave
+  // a quarter of the patch; masked, only the coding error is left.
   EXPECT_GT(trail(" --deghosting 0"), 2);
   EXPECT_GT(trail(" --deghosting 5"), 2) << "the engine's default, not the command's";
   EXPECT_LT(trail(""), 1);
   EXPECT_LT(trail(" --deghosting 10"), 1);
 }
 
-TEST(Command, TellsUnreadableInput) {
+TEST(Command, ReportsUnreadableInput) {
   const TemporaryDirectory folder;
   std::ofstream(folder.file("text.mp4")) << "no video";
   for (const std::string& input : {folder.file("text.mp4"), folder.file("missing.mp4"), std::string("-")}) {
@@ -113,7 +114,7 @@ TEST(Command, TellsUnreadableInput) {
   }
 }
 
-TEST(Command, TellsThatThereIsNoGl) {
+TEST(Command, ReportsMissingGl) {
   const TemporaryDirectory folder;
   writeClip(folder.file("in.mp4"), {});
   // The EGL dispatcher finds no driver.
