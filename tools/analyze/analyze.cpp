@@ -88,7 +88,7 @@ void Analysis::run() {
   smoothHistogram(all_.histogram, kSmoothingRadius, &smoothed_);
   suggested_ = suggestToneCurve(smoothed_, options_.strength);
   printRow(table_, "all", all_);
-  std::fprintf(table_, "suggested curve of strength %g: mean %.1f -> %.1f\n", options_.strength,
+  std::fprintf(table_, "suggested curve, strength %g: mean luma %.1f -> %.1f\n", options_.strength,
                meanLevel(all_.histogram), meanLevelAfter(all_.histogram, suggested_));
   writePlot();
   if (!options_.jsonFile.empty()) writeJson();

@@ -2,6 +2,8 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
+#include <string>
+#include <vector>
 
 #include "commands/commands.h"
 #include "common/standard_streams.h"
@@ -33,7 +35,12 @@ int run(int argc, char** argv) {
     flushStandardOutput();
     return code;
   } catch (const CLI::ParseError& error) {
-    throw ToolError(kExitUsage, std::string(error.what()) + "; see noxel --help");
+    const std::vector<CLI::App*> parsed = app.get_subcommands();
+    if (parsed.empty() && argc > 1 && argv[1][0] != '-') {
+      throw ToolError(kExitUsage, std::string("no command ") + argv[1] + "; see noxel --help");
+    }
+    const std::string command = parsed.empty() ? "" : parsed[0]->get_name() + " ";
+    throw ToolError(kExitUsage, std::string(error.what()) + "; see noxel " + command + "--help");
   }
   for (const Command& command : commands) {
     if (!command.app->parsed()) continue;

@@ -102,13 +102,15 @@ void VideoReader::open(const std::string& path, const std::string& format) {
   if (result >= 0) result = avformat_find_stream_info(format_, nullptr);
   if (result >= 0) return;
   if (stopRequested()) throw ToolError(kExitFailed, "stopped before the first frame; nothing was written");
-  const char* remedy = path == "-" ? "; standard input must be Y4M" : format.empty() ? "; is it a video file?" : "";
   // For a bad header some demuxers return arbitrary numbers, which may be some other system error.
   const bool opened = path == "-" || (file && access(path.c_str(), R_OK) == 0);
   const bool ofReading =
       result == AVERROR(EIO) || result == AVERROR(ENOMEM) || result == AVERROR(EBADF) || result == AVERROR(EISDIR);
-  const std::string reason = avErrorText(opened && !ofReading ? AVERROR_INVALIDDATA : result);
-  throw ToolError(kExitUnreadable, "cannot read " + name_ + ": " + reason + remedy);
+  if (opened && !ofReading) result = AVERROR_INVALIDDATA;
+  const char* remedy = "";
+  if (path == "-") remedy = "; standard input must be Y4M";
+  if (file && format.empty() && result == AVERROR_INVALIDDATA) remedy = "; is it a video file?";
+  throw ToolError(kExitUnreadable, "cannot read " + name_ + ": " + avErrorText(result) + remedy);
 }
 
 void VideoReader::selectStreams() {

@@ -32,9 +32,10 @@ SdlVideo::SdlVideo() {
   SDL_SetHintWithPriority(SDL_HINT_VIDEODRIVER, "x11", SDL_HINT_OVERRIDE);
   if (SDL_Init(SDL_INIT_VIDEO) != 0) {
     const char* display = std::getenv("DISPLAY");
-    const bool named = display != nullptr && display[0] != '\0';
-    throw sdlError(named ? std::string("cannot open a window on the X11 display ") + display
-                         : "no X11 display to open a window on; DISPLAY is not set");
+    if (display == nullptr || display[0] == '\0') {
+      throw ToolError(kExitFailed, "no X11 display to open a window on; DISPLAY is not set");
+    }
+    throw sdlError(std::string("cannot open a window on the X11 display ") + display);
   }
   SDL_StopTextInput();  // an input method would swallow some keys
   // The engine must open the same kind of display as the window's.
