@@ -18,7 +18,7 @@ bool windowsHaveNoAlpha = false;
 
 }  // namespace
 
-// A driver that takes the window's visual at its word: Mesa's is lenient.
+// Imitates a driver that refuses configs with alpha for windows without; Mesa accepts them.
 extern "C" {
 EGLSurface __real_eglCreateWindowSurface(EGLDisplay, EGLConfig, EGLNativeWindowType, const EGLint*);
 EGLSurface __wrap_eglCreateWindowSurface(EGLDisplay display, EGLConfig config, EGLNativeWindowType window,
@@ -51,13 +51,13 @@ std::vector<unsigned char> flatFrame(Chroma chroma) {
   return frame;
 }
 
-// The engine's own thread draws; the test's thread hands frames over and looks.
+// An engine that renders one colour into a window.
 class Stream {
  public:
   Stream(const SdlWindow& window, Chroma chroma) : frame_(flatFrame(chroma)) {
     EXPECT_EQ(Noxel_InitializeWithWindow(kWidth, kHeight, window.native(), &engine_), 0);
   }
-  // An engine mode that the C interface does not make, on the path of a light mode.
+  // For modes that the C interface does not make.
   Stream(const SdlWindow& window, Chroma chroma, int mode, int lightMode) : frame_(flatFrame(chroma)) {
     EXPECT_EQ(initializeEngine(kWidth, kHeight, mode, 2, 2, 0, window.native(), &engine_), 0);
     EXPECT_EQ(KRSetParameter(kParamLightMode, &lightMode, engine_), 0);
@@ -80,7 +80,7 @@ class Stream {
   _KRSuperResEngine* engine_ = nullptr;
 };
 
-// Both ends of the diagonal; what is not drawn is black.
+// Checks two opposite corners; what is not drawn is black.
 bool isFilledWith(const Picture& picture, Chroma chroma) {
   if (picture.rgba.empty()) return false;
   const int strong = chroma == kReddish ? 0 : 2;
@@ -95,7 +95,7 @@ class Window : public ScreenTest {
     if (!IsSkipped() && !HasFatalFailure()) video_.emplace();
   }
 
-  // Frames handed over until the window is filled, at the width it has been given.
+  // Feeds frames until the window is filled with the colour and has this width.
   static bool comesToShow(const SdlWindow& window, Chroma chroma, std::initializer_list<Stream*> streams,
                           int width = kWidth) {
     return eventually([&] {
@@ -110,7 +110,7 @@ class Window : public ScreenTest {
   std::optional<SdlVideo> video_;
 };
 
-TEST_F(Window, TwoEnginesShowTheirOwnPicturesAndLeaveTheFramesAlone) {
+TEST_F(Window, TwoEnginesDrawIntoTheirOwnWindowsAndEitherMayGoFirst) {
   const SdlWindow left("left", {kWidth, kHeight});
   const SdlWindow right("right", {kWidth, kHeight});
   SDL_SetWindowPosition(left.get(), 0, 0);
@@ -122,13 +122,13 @@ TEST_F(Window, TwoEnginesShowTheirOwnPicturesAndLeaveTheFramesAlone) {
   EXPECT_TRUE(comesToShow(right, kBluish, {&red, &blue}));
   EXPECT_EQ(red.frame(), flatFrame(kReddish));
 
-  // The display is shared: the end of one engine must not take the other's context along.
+  // The display is shared: releasing one engine must not destroy the other's context.
   EXPECT_EQ(red.release(), 0);
   SDL_SetWindowSize(right.get(), kWidth + 20, kHeight + 20);
   EXPECT_TRUE(comesToShow(right, kBluish, {&blue}, kWidth + 20));
 }
 
-TEST_F(Window, MayHaveNoAlpha) {
+TEST_F(Window, NeedsNoAlpha) {
   const SdlWindow window("opaque", {kWidth, kHeight});
   windowsHaveNoAlpha = true;
   Stream stream(window, kBluish);
@@ -137,7 +137,7 @@ TEST_F(Window, MayHaveNoAlpha) {
   EXPECT_TRUE(comesToShow(window, kBluish, {&stream}));
 }
 
-TEST_F(Window, IsFilledAtEachSizeItTakes) {
+TEST_F(Window, IsFilledAfterEachResize) {
   const SdlWindow window("resized", {kWidth, kHeight});
   Stream stream(window, kReddish);
   ASSERT_TRUE(stream.ready());
@@ -147,7 +147,7 @@ TEST_F(Window, IsFilledAtEachSizeItTakes) {
   }
 }
 
-TEST_F(Window, EachModeDrawsIntoIt) {
+TEST_F(Window, EveryModeDrawsIntoIt) {
   for (const auto& [mode, lightMode] : {std::pair{0, 0}, {0, 1}, {2, 0}, {2, 1}, {3, 0}}) {
     const SdlWindow window("mode", {kWidth, kHeight});
     Stream stream(window, kReddish, mode, lightMode);
@@ -156,7 +156,7 @@ TEST_F(Window, EachModeDrawsIntoIt) {
   }
 }
 
-TEST_F(Window, DestroyedUnderARunningEngineDoesNoHarm) {
+TEST_F(Window, MayBeDestroyedUnderARunningEngine) {
   for (int round = 0; round < 3; ++round) {
     auto window = std::make_unique<SdlWindow>("doomed", tool::Size{kWidth, kHeight});
     Stream stream(*window, kBluish);
@@ -179,7 +179,7 @@ TEST_F(Window, DestroyedUnderARunningEngineDoesNoHarm) {
 
   const SdlWindow window("next", {kWidth, kHeight});
   Stream stream(window, kReddish);
-  ASSERT_TRUE(stream.ready()) << "the driver is as good as before";
+  ASSERT_TRUE(stream.ready()) << "the driver still works";
   EXPECT_TRUE(comesToShow(window, kReddish, {&stream}));
 }
 

@@ -1,4 +1,4 @@
-// What the library logs, for a test to look at.
+// Captures the library's log in a test.
 #pragma once
 
 #include <mutex>
@@ -13,8 +13,7 @@ struct LogLine {
   std::string message;
 };
 
-// Takes the log from its construction to its destruction; standard error gets it back then. One at a time. Any thread
-// may log meanwhile.
+// Redirects the log during its lifetime. One at a time; any thread may log.
 class LogCapture {
  public:
   LogCapture();
@@ -24,12 +23,12 @@ class LogCapture {
 
   std::vector<LogLine> lines() const;
   bool contains(const std::string& part) const;
-  std::string text() const;  // one line a message, for a failure's report
+  std::string text() const;  // one line per message
 
  private:
   static void take(void* context, int priority, const char* tag, const char* message);
 
-  const int levelBefore;  // the capture sees information and above whatever the environment says
+  const int levelBefore;  // the capture takes kLogInfo and above, whatever the environment says
   mutable std::mutex mutex;
   std::vector<LogLine> taken;  // guarded by mutex
 };

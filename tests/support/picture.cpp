@@ -54,7 +54,7 @@ Difference compare(const Picture& actual, const Picture& expected, int bound) {
 
 namespace {
 
-// Of the running test, fit for a file name.
+// Of the running test, as a file name.
 std::string testName() {
   const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
   std::string name = test != nullptr ? std::string(test->test_suite_name()) + "_" + test->name() : "picture";
@@ -71,7 +71,7 @@ Picture differencePicture(const Picture& actual, const Picture& expected) {
   return picture;
 }
 
-// Alpha carries data in packed pictures, so that nothing would be seen of them: shown opaque.
+// In packed pictures alpha carries data: make it opaque so that the PNG shows something.
 Picture opaque(Picture picture) {
   for (size_t i = 3; i < picture.rgba.size(); i += 4) picture.rgba[i] = 255;
   return picture;

@@ -1,4 +1,4 @@
-// Pictures of 8-bit RGBA in tests: compared, and written out when they differ.
+// 8-bit RGBA pictures: compared, and written as PNG when they differ.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -24,7 +24,7 @@ struct Picture {
 
 std::vector<uint8_t> noisyBytes(size_t count, unsigned seed);
 
-// Random bytes under hard edges: every tap of a filter that is off by one texel shows. The same seed, the same picture.
+// Noise and hard edges, so that a filter tap off by one texel shows. Deterministic.
 Picture noisyPicture(int width, int height, unsigned seed);
 
 bool writePng(const Picture& picture, const std::string& path);
@@ -35,8 +35,8 @@ struct Difference {
 };
 Difference compare(const Picture& actual, const Picture& expected, int bound);
 
-// Success when no sample differs by more than `largest` codes and at least `share` of them by no more than `bound`. On
-// failure <name>_actual.png, _expected.png and _difference.png (times 16) are left in the working directory.
+// Every sample within `largest` codes and at least `share` of them within `bound`. On failure <test>_actual.png,
+// _expected.png and _difference.png (times 16) are left in the working directory.
 ::testing::AssertionResult closeTo(const Picture& actual, const Picture& expected, int largest, double share = 1.0,
                                    int bound = 0);
 

@@ -1,4 +1,4 @@
-// A directory of a test's or a bench's own, gone with all it holds at the end.
+// A directory that is removed with its contents in the end.
 #pragma once
 
 #include <algorithm>

@@ -21,12 +21,12 @@ namespace {
 
 constexpr int kStartMs = 15000;
 
-// Xlib ends the process at an error unless told otherwise; a window may go while it is looked at.
+// By default Xlib exits on an error, but a window may close during a capture.
 int ignoreError(Display*, XErrorEvent*) {
   return 0;
 }
 
-// The display number that the server writes once it listens; empty when it did not start.
+// The display number, which the server writes when it listens; empty when it did not start.
 std::string readNumber(int pipe) {
   std::string number;
   pollfd ready = {pipe, POLLIN, 0};
@@ -39,7 +39,7 @@ std::string readNumber(int pipe) {
 }
 
 [[noreturn]] void becomeServer(int pipe, pid_t parent) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that crashes leaves no server behind
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // no server outlives a crashed test
   if (getppid() != parent) _exit(1);
   const int null = open("/dev/null", O_RDWR);
   for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(null, standard);
@@ -108,9 +108,9 @@ void ScreenTest::SetUpTestSuite() {
 
 void ScreenTest::SetUp() {
   if (driverDraws) return;
-  const char* lacking = screen->runs() ? "no OpenGL ES 3.0 on the screen" : "no Xvfb";
-  ASSERT_FALSE(driverRequired()) << lacking << ", and NOXEL_REQUIRE_GL is 1";
-  GTEST_SKIP() << lacking;
+  const char* missing = screen->runs() ? "no OpenGL ES 3.0 on the screen" : "no Xvfb";
+  ASSERT_FALSE(driverRequired()) << missing << ", and NOXEL_REQUIRE_GL is 1";
+  GTEST_SKIP() << missing;
 }
 
 bool eventually(const std::function<bool()>& holds, std::chrono::seconds limit) {

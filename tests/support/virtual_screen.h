@@ -1,4 +1,4 @@
-// An X server of the test's own, and a look at what is on its screen.
+// An X server for tests, and screenshots of its windows.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,7 +12,7 @@
 
 namespace noxel {
 
-// Xvfb on a free display number, which DISPLAY names while it lives. 640 x 480, 24 bits, no window manager.
+// Xvfb on a free display number, with DISPLAY set to it. 640 x 480, 24-bit, no window manager.
 class VirtualScreen {
  public:
   VirtualScreen();
@@ -22,7 +22,7 @@ class VirtualScreen {
 
   bool runs() const { return display_ != nullptr; }
 
-  // What a window of X11 shows, in its present size; it must not be covered. Empty while it is not on the screen.
+  // Screenshot of an X11 window, which must not be covered. Empty while it is not mapped.
   Picture capture(unsigned long window) const;
 
  private:
@@ -30,8 +30,8 @@ class VirtualScreen {
   void* display_ = nullptr;  // Xlib's
 };
 
-// One screen for the whole program, as EGL's display stays connected to it, and a driver that draws on it. Without them
-// every test is skipped, or fails where the environment says NOXEL_REQUIRE_GL=1.
+// One screen for the whole program, as EGL's display stays connected to it. Without Xvfb or a driver every test is skipped,
+// or fails with NOXEL_REQUIRE_GL=1.
 class ScreenTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite();
@@ -41,7 +41,7 @@ class ScreenTest : public ::testing::Test {
   static bool driverDraws;
 };
 
-// Tries again until it holds or the time is over: what a window shows follows the call that drew it some time later.
+// Polls until `holds` or the limit: a window shows a frame some time after the call that drew it.
 bool eventually(const std::function<bool()>& holds, std::chrono::seconds limit = std::chrono::seconds(10));
 
 }  // namespace noxel

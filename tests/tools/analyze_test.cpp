@@ -16,7 +16,7 @@ namespace {
 
 using Luma = std::vector<uint8_t>;
 
-// Y4M in the engine's own colours, 4 frames a second: what is written is what is analysed. One luma plane a frame.
+// Y4M in the engine's own colours (no conversion), 4 fps; `frames` are luma planes.
 void writeY4m(const std::string& path, int width, int height, const std::vector<Luma>& frames) {
   std::ofstream file(path, std::ios::binary);
   file << "YUV4MPEG2 W" << width << " H" << height << " F4:1 Ip A1:1 C420jpeg XCOLORRANGE=FULL\n";
@@ -40,7 +40,7 @@ class Analyze : public testing::Test {
     options_.jsonFile = folder_.file("run.json");
   }
 
-  // What goes to standard output.
+  // Returns what goes to standard output.
   std::string run() {
     const std::string path = folder_.file("out");
     std::FILE* out = std::fopen(path.c_str(), "w");
@@ -58,9 +58,8 @@ class Analyze : public testing::Test {
   AnalyzeOptions options_;
 };
 
-TEST_F(Analyze, TellsEachSecondAndAllOfIt) {
-  // Six wide is eight to the engine: what is added on the right must not count. Two seconds and a half: flat, then one tenth
-  // black and the rest at 100, then white.
+TEST_F(Analyze, MeasuresEachSecondAndTheClip) {
+  // A width of 6 is padded to 8, and padding must not count. 2.5 s: flat; then a tenth black, the rest 100; then white.
   constexpr int kWidth = 6, kHeight = 10;
   Luma mixed = flat(kWidth, kHeight, 100);
   std::fill_n(mixed.begin(), kWidth, 0);
@@ -95,16 +94,18 @@ TEST_F(Analyze, TellsEachSecondAndAllOfIt) {
 
   EXPECT_NE(table.find("\n     1       4    90.0     0   100   100   10.00%    0.00%"), std::string::npos) << table;
   EXPECT_NE(table.find("\n   all      10   103.0"), std::string::npos) << table;
-
-  options_.jsonFile = "-";
-  options_.overwrite = true;
-  EXPECT_EQ(nlohmann::json::parse(run())["summary"], all) << "nothing but JSON on standard output";
 }
 
-TEST_F(Analyze, ThePairIsTheOneThatEnhanceApplies) {
+TEST_F(Analyze, StandardOutputCanBePureJson) {
+  writeY4m(options_.input, 8, 8, {flat(8, 8, 30)});
+  options_.jsonFile = "-";
+  EXPECT_EQ(nlohmann::json::parse(run())["summary"]["mean_luma"], 30);
+}
+
+TEST_F(Analyze, GammaAndGainAreThoseThatEnhanceApplies) {
   NEEDS_DRIVER();
-  // A ramp that gets brighter over two seconds, so that the easing never rests; above 1000 the engine looks at the halved and
-  // smoothed picture. 1010 is padded.
+  // Brightening over two seconds, so that gamma and gain keep easing. Above a width of 1000 the engine measures the halved,
+  // smoothed picture; 1010 is padded.
   constexpr int kHeight = 34;
   for (const int width : {66, 1010}) {
     SCOPED_TRACE(width);
@@ -112,7 +113,7 @@ TEST_F(Analyze, ThePairIsTheOneThatEnhanceApplies) {
     for (int frame = 0; frame < 7; ++frame) {
       Luma luma = flat(width, kHeight, 0);
       for (size_t i = 0; i < luma.size(); ++i) luma[i] = static_cast<uint8_t>(4 + 12 * frame + i * 7919 % 31);
-      luma[0] = 255;  // lost in the smoothing, seen without
+      luma[0] = 255;  // the smoothing removes it
       frames.push_back(luma);
     }
     writeY4m(options_.input, width, kHeight, frames);
@@ -128,14 +129,14 @@ TEST_F(Analyze, ThePairIsTheOneThatEnhanceApplies) {
     const auto applied = nlohmann::json::parse(contents(enhance.statsFile))["frames"];
     ASSERT_EQ(applied.size(), 7u);
     for (const char* name : {"gamma", "gain"}) {
-      double sums[2] = {};  // of four frames and of three
+      double sums[2] = {};  // of four frames and three
       for (size_t i = 0; i < 7; ++i) sums[i / 4] += applied[i][name].get<double>();
       const auto result = json();
-      // The same sums of the same numbers, but for their way through decimals.
+      // Equal but for the rounding to decimals.
       EXPECT_NEAR(result["seconds"][0][name].get<double>(), sums[0] / 4, 1e-12) << name;
       EXPECT_NEAR(result["seconds"][1][name].get<double>(), sums[1] / 3, 1e-12) << name;
       EXPECT_NEAR(result["summary"][name].get<double>(), (sums[0] + sums[1]) / 7, 1e-12) << name;
-      EXPECT_NE(applied[0][name], applied[6][name]) << "the clip does not tell frames apart";
+      EXPECT_NE(applied[0][name], applied[6][name]) << "does not ease";
     }
   }
 }
@@ -154,7 +155,7 @@ TEST_F(Analyze, RefusesAndLeavesNothingBehind) {
     EXPECT_EQ(codeOfRun(), kExitUsage) << name;
   }
   options_.plotFile = folder_.file("missing/plot.png");
-  EXPECT_EQ(codeOfRun(), kExitUsage) << "before the clip is read";
+  EXPECT_EQ(codeOfRun(), kExitUsage) << "checked before the clip is read";
   EXPECT_EQ(folder_.names(), (std::vector<std::string>{"in.y4m", "plot.png"}));
 }
 
@@ -176,7 +177,7 @@ class Picture {
   int width() const { return frame_->width; }
   int height() const { return frame_->height; }
 
-  // Whether a colour is met within a pixel and a half of the place: a line's middle has its own colour in at least one.
+  // Whether one of the 3 x 3 pixels around (x, y) has the colour; anti-aliasing changes those beside a line's centre.
   bool has(uint32_t rgb, double x, double y) const {
     for (int row = static_cast<int>(y) - 1; row <= static_cast<int>(y) + 1; ++row) {
       for (int column = static_cast<int>(x) - 1; column <= static_cast<int>(x) + 1; ++column) {
@@ -191,10 +192,10 @@ class Picture {
   FramePtr frame_;
 };
 
-TEST(AnalysisPlot, HasCurvesAndHistogramWhereTheyBelong) {
+TEST(AnalysisPlot, DrawsCurvesAndHistogramToScale) {
   const TemporaryDirectory folder;
   AnalysisPlot plot;
-  plot.title = "a title that is far too long for its line, \xff no UTF-8, " + std::string(300, 'x');
+  plot.title = "a title too long for its line, with invalid UTF-8 \xff, " + std::string(300, 'x');
   for (int level = 0; level < 64; ++level) plot.histogram.bins[level] = 100;
   plot.smoothed.bins[200] = 100;  // a peak of 1.56 %, as high as the histogram
   plot.suggested = suggestToneCurve(plot.histogram, 1);
@@ -209,7 +210,7 @@ TEST(AnalysisPlot, HasCurvesAndHistogramWhereTheyBelong) {
     const double toned = std::min(1.0, std::pow(2.0 * level / 255, 0.7));
     EXPECT_TRUE(picture.has(kPairColour, x, kCurveArea.y(toned)));
     EXPECT_TRUE(picture.has(kSuggestedColour, x, kCurveArea.y(plot.suggested.level[level] / 255)));
-    EXPECT_FALSE(picture.has(kPairColour, x, kCurveArea.y(toned) + 8)) << "a line, no area";
+    EXPECT_FALSE(picture.has(kPairColour, x, kCurveArea.y(toned) + 8)) << "a line, not an area";
     EXPECT_FALSE(picture.has(kSuggestedColour, x, kCurveArea.y(level / 255.0)));
   }
   // The axis ends at 2 %, the first round number above 1.15 x 1.56 %.

@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 
 constexpr int kSampleRate = 44100;
 
-// Encoders tell much about themselves.
+// Encoders log a lot.
 [[maybe_unused]] const bool kQuietFfmpeg = (av_log_set_level(AV_LOG_FATAL), true);
 
 int must(int result) {
@@ -34,7 +34,7 @@ class ClipMaker {
     addVideo();
     if (spec.audio != AV_CODEC_ID_NONE) addAudio();
     must(avio_open(&format_->pb, path.c_str(), AVIO_FLAG_WRITE));
-    format_->avoid_negative_ts = AVFMT_AVOID_NEG_TS_DISABLED;  // the priming of AAC lies before zero
+    format_->avoid_negative_ts = AVFMT_AVOID_NEG_TS_DISABLED;  // AAC priming starts before zero
     must(avformat_write_header(format_, nullptr));
   }
   ~ClipMaker() {
@@ -76,7 +76,7 @@ class ClipMaker {
     video_->width = spec_.width;
     video_->height = spec_.height;
     video_->pix_fmt = spec_.video == AV_CODEC_ID_MJPEG ? AV_PIX_FMT_YUVJ420P : AV_PIX_FMT_YUV420P;
-    video_->time_base = {1, 25};  // packets take their times from the clip's description
+    video_->time_base = {1, 25};  // packets take their time stamps from the spec
     video_->colorspace = spec_.matrix;
     video_->color_range = spec_.range;
     video_->flags |= AV_CODEC_FLAG_QSCALE;
@@ -126,7 +126,7 @@ class ClipMaker {
       packet->stream_index = isVideo ? 0 : 1;
       if (isVideo) {
         packet->pts = packet->dts = spec_.times.at(videoPackets_++);
-        packet->duration = 1;  // with none a player of MP4 leaves the last frame out
+        packet->duration = 1;  // without one MP4 players drop the last frame
       }
       const AVRational clock = isVideo ? spec_.timeBase : encoder.time_base;
       av_packet_rescale_ts(packet.get(), clock, format_->streams[packet->stream_index]->time_base);

@@ -1,4 +1,4 @@
-// Small clips for the tests, made with FFmpeg's encoders.
+// Small test clips, made with FFmpeg's encoders.
 #pragma once
 
 #include <cstdint>
@@ -19,15 +19,15 @@ struct ClipSpec {
   std::vector<int64_t> times = {0, 40, 80, 120, 160, 200};  // one frame each, in timeBase
   AVCodecID video = AV_CODEC_ID_MPEG4;                      // or MJPEG
   AVCodecID audio = AV_CODEC_ID_NONE;                       // AAC or PCM, one second of a tone
-  bool rotated = false;                                     // shown turned by 90 degrees
+  bool rotated = false;                                     // displayed turned by 90 degrees
   AVColorSpace matrix = AVCOL_SPC_SMPTE170M;
   AVColorRange range = AVCOL_RANGE_JPEG;
-  std::function<FramePtr(int frame)> picture;  // planar; none: a ramp of luma with lumaOf(frame) added
+  std::function<FramePtr(int frame)> picture;  // planar; default: a luma ramp with a mean of lumaOf(frame)
 };
 
-// In the container of the name's extension; Matroska keeps all of it but the rotation, MP4 that.
+// The container follows from the extension; Matroska keeps all but the rotation, MP4 keeps that.
 void writeClip(const std::string& path, const ClipSpec& spec);
-int lumaOf(int frame);  // the mean luma that frame i has, to within a coder's loss
+int lumaOf(int frame);  // mean luma of frame i before encoding
 
 FramePtr flatPlanar(int width, int height, int y, int u, int v);
 FramePtr rampPlanar(int width, int height, int meanLuma);

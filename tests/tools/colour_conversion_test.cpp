@@ -21,7 +21,7 @@ struct Weights {
 constexpr Weights kBt601 = {0.299, 0.114};
 constexpr Weights kBt709 = {0.2126, 0.0722};
 
-// The codes of an R'G'B' colour in 0..1 by the standards' formulas.
+// Codes of an R'G'B' colour in 0..1, by the standards' formulas.
 Triple codes(const std::array<double, 3>& rgb, Weights weights, bool full) {
   const double y = weights.red * rgb[0] + (1 - weights.red - weights.blue) * rgb[1] + weights.blue * rgb[2];
   const double cb = (rgb[2] - y) / (2 * (1 - weights.blue));
@@ -71,7 +71,7 @@ TEST(ColourConversion, EngineColoursPassBitExactly) {
   }
 }
 
-TEST(ColourConversion, LimitedRangeReachesTheEngineAsFullBt601AndComesBack) {
+TEST(ColourConversion, OtherColoursBecomeFullRangeBt601AndComeBack) {
   const struct {
     AVColorSpace matrix;
     Weights weights;
@@ -85,14 +85,14 @@ TEST(ColourConversion, LimitedRangeReachesTheEngineAsFullBt601AndComesBack) {
           tagged(flatPlanar(20, 10, in[0], in[1], in[2]), kind.matrix, kind.full ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG);
       ColourConversion colours(*frame);
       const FramePtr engine = colours.toEngine(*colours.planar(*frame));
-      // The input is rounded to codes, which the expansion widens by 255 / 219, and the result is rounded once more.
+      // Rounded twice, the first error scaled by 255 / 219.
       EXPECT_LE(distance(middle(*engine), codes(rgb, kBt601, true)), 2);
       EXPECT_LE(distance(middle(*colours.fromEngine(*engine)), in), 2);
     }
   }
 }
 
-TEST(ColourConversion, WhatIsNotStatedFollowsSizeAndFormat) {
+TEST(ColourConversion, UntaggedColoursFollowSizeAndFormat) {
   const struct {
     int width, height;
     AVPixelFormat format;
@@ -108,7 +108,7 @@ TEST(ColourConversion, WhatIsNotStatedFollowsSizeAndFormat) {
     EXPECT_EQ(colours.matrix(), row.matrix) << row.width;
     EXPECT_EQ(colours.range(), row.range) << row.width;
   }
-  // The guess serves the conversion only: the output stays as untagged as the input.
+  // The output stays untagged, too.
   EXPECT_EQ(ColourConversion(*makePicture(8, 8, AV_PIX_FMT_YUV420P)).tags().matrix, AVCOL_SPC_UNSPECIFIED);
 }
 
@@ -125,7 +125,6 @@ TEST(ColourConversion, OtherFormatsBecomeEightBit420InTheirOwnRange) {
   EXPECT_EQ(middle(*planar), (Triple{63, 102, 240}));
 
   const FramePtr rgb = makePicture(16, 16, AV_PIX_FMT_RGB24);
-  for (int i = 0; i < 16 * rgb->linesize[0]; ++i) rgb->data[0][i] = i % 3 == 0 ? 255 : 0;
   for (int y = 0; y < 16; ++y) {
     for (int x = 0; x < 48; ++x) rgb->data[0][y * rgb->linesize[0] + x] = x % 3 == 0 ? 255 : 0;
   }
@@ -140,10 +139,10 @@ TEST(ColourConversion, RefusesAMatrixItCannotConvert) {
   EXPECT_NE(std::string(refused.what()).find("bt2020c"), std::string::npos);
 }
 
-TEST(ColourConversion, PictureShowsTheEnginesColours) {
+TEST(ColourConversion, EngineColoursConvertToRgb) {
   const Triple red = codes({1, 0, 0}, kBt601, true);
   const FramePtr rgb = engineToRgb(*flatPlanar(16, 4, red[0], red[1], red[2]));
-  EXPECT_GE(rgb->data[0][0], 253);  // codes are rounded: up to 1.4 levels in red
+  EXPECT_GE(rgb->data[0][0], 253);  // rounded codes: up to 1.4 levels in red
   EXPECT_LE(rgb->data[0][1], 2);
   EXPECT_LE(rgb->data[0][2], 2);
 }

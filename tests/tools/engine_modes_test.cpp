@@ -1,4 +1,4 @@
-// The engine's modes as the command offers them.
+// The engine's modes as the tool offers them.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -13,7 +13,7 @@
 namespace noxel::tool {
 namespace {
 
-TEST(EngineModes, AQuadLiesWhereItIsSeen) {
+TEST(EngineModes, AQuadIsDrawnWhereItsCornersAre) {
   NEEDS_DRIVER();
   EnhancerSettings settings;
   settings.width = 64;
@@ -44,13 +44,13 @@ TEST(EngineModes, RgbaFramesKeepTheirColoursAndGainContrast) {
       nv21[i + 1] = 110;
     }
     session.enhance(nv21.data(), 0);
-    // A flat picture has no detail; without contrast each of the two conversions rounds once, in 8 bits of RGB.
+    // A flat picture has no detail; without contrast only the two conversions round, in 8-bit RGB.
     if (contrast == 0) {
       EXPECT_NEAR(nv21[300], 90, 2);
       EXPECT_NEAR(nv21[64 * 32], 150, 2);
       EXPECT_NEAR(nv21[64 * 32 + 1], 110, 2);
     } else {
-      EXPECT_LT(nv21[300], 80) << "what is darker than the middle gets darker";
+      EXPECT_LT(nv21[300], 80) << "below the middle levels get darker";
     }
   }
 }
@@ -85,7 +85,7 @@ TEST(EngineModes, APictureGoesFromPngToPngWithItsAlpha) {
   ASSERT_EQ(result->width, kWidth);
   ASSERT_EQ(result->height, kHeight);
   for (int x = 0; x < kWidth; ++x) ASSERT_EQ(pixel(*result, x, 5)[3], x * 7) << x;
-  EXPECT_GT(pixel(*result, 16, 5)[0], 163) << "a fifth of what the bar stands out by";
+  EXPECT_GT(pixel(*result, 16, 5)[0], 163) << "the bar stands out more";
   for (const int x : {2, 30}) {
     for (int c = 0; c < 3; ++c) EXPECT_NEAR(pixel(*result, x, 5)[c], pixel(*picture, x, 5)[c], 1) << x << ", " << c;
   }
@@ -93,7 +93,7 @@ TEST(EngineModes, APictureGoesFromPngToPngWithItsAlpha) {
   options.input = folder.file("clip.mkv");
   options.overwrite = true;
   writeClip(options.input, {});
-  EXPECT_THROW(runEnhance(options), ToolError) << "a clip is no single picture";
+  EXPECT_THROW(runEnhance(options), ToolError) << "not a single picture";
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Clips and surroundings that are out to hurt: damage, joints, full disks, closed streams, a kill in mid-write.
+// Hostile input and environments: damaged and joined clips, full disks, closed streams, a kill in mid-write.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,7 +13,7 @@
 namespace noxel::tool {
 namespace {
 
-// Hands each frame back as it came.
+// Leaves frames unchanged.
 struct Idle : Enhancer {
   int warmUp(const uint8_t*) override { return 0; }
   void enhance(uint8_t*, int64_t) override {}
@@ -48,7 +48,7 @@ void write(const std::string& path, const std::string& bytes) {
 }
 
 std::string y4m(int width, int height, int frames) {
-  std::mt19937 noise(1);  // no coder makes it small
+  std::mt19937 noise(1);  // incompressible
   std::string clip =
       "YUV4MPEG2 W" + std::to_string(width) + " H" + std::to_string(height) + " F25:1 C420jpeg XCOLORRANGE=FULL\n";
   const int bytes = width * height + 2 * ((width + 1) / 2) * ((height + 1) / 2);
@@ -68,9 +68,9 @@ std::string flv(const std::string& path, AVCodecID audio, int64_t interval) {
   return contents(path);
 }
 
-constexpr size_t kFlvHeader = 13;  // bytes; what follows can be put behind another file's
+constexpr size_t kFlvHeader = 13;  // bytes; the rest can be appended to another file
 
-TEST(HostileClips, DamageEndsInAWholeFileOrInNone) {
+TEST(HostileClips, ADamagedClipGivesACompleteFileOrNone) {
   const TemporaryDirectory folder;
   ClipSpec spec;
   spec.audio = AV_CODEC_ID_AAC;
@@ -98,12 +98,12 @@ TEST(HostileClips, DamageEndsInAWholeFileOrInNone) {
       EXPECT_FALSE(contentsOf(output).seconds.empty());
       ++fine;
     }
-    // A few wrong bytes in a packet cost that packet; half of the clips have nothing worse.
+    // A few wrong bytes usually cost one packet; an MP4 without its index is lost.
     EXPECT_GE(fine, name == "in.mp4" ? 1 : 6) << name;
   }
 }
 
-TEST(HostileClips, AClipThatWasCutShortIsSaidToBe) {
+TEST(HostileClips, ATruncatedClipIsNoted) {
   const TemporaryDirectory folder;
   ClipSpec spec;
   for (int64_t i = 6; i < 50; ++i) spec.times.push_back(40 * i);
@@ -117,7 +117,7 @@ TEST(HostileClips, AClipThatWasCutShortIsSaidToBe) {
   }
 }
 
-TEST(HostileClips, HeadersThatPromiseTooMuchAreUnreadable) {
+TEST(HostileClips, ImpossibleHeadersAreUnreadable) {
   const TemporaryDirectory folder;
   for (const char* sizes : {"W999999999 H999999999", "W16000 H16000", "W-3 H0", "W64 H48"}) {
     write(folder.file("in.y4m"), std::string("YUV4MPEG2 ") + sizes + " F25:1\nFRAME\nabc");
@@ -126,7 +126,7 @@ TEST(HostileClips, HeadersThatPromiseTooMuchAreUnreadable) {
   EXPECT_EQ(folder.names(), std::vector<std::string>{"in.y4m"});
 }
 
-TEST(HostileClips, AListOfOtherFilesIsNoClip) {
+TEST(HostileClips, PlaylistsOfOtherFilesAreRefused) {
   const TemporaryDirectory folder;
   writeClip(folder.file("other.mkv"), {});
   write(folder.file("concat.mp4"), "ffconcat version 1.0\nfile other.mkv\n");
@@ -137,7 +137,7 @@ TEST(HostileClips, AListOfOtherFilesIsNoClip) {
   }
 }
 
-TEST(HostileClips, ColourTagsThatAreNoneAreNotTaken) {
+TEST(HostileClips, InvalidColourTagsAreIgnored) {
   const TemporaryDirectory folder;
   writeClip(folder.file("in.mkv"), {});
   std::string bytes = contents(folder.file("in.mkv"));
@@ -163,11 +163,11 @@ TEST(HostileClips, TheSmallestFramesKeepTheirSizeAndRange) {
   }
 }
 
-TEST(HostileClips, JointsInTheAudioDoNotEndTheVideo) {
+TEST(HostileClips, AudioOfJoinedClipsDoesNotStopTheVideo) {
   const TemporaryDirectory folder;
-  const std::string silent = flv(folder.file("a.flv"), AV_CODEC_ID_NONE, 40'000);  // longer than FFmpeg looks ahead
+  const std::string silent = flv(folder.file("a.flv"), AV_CODEC_ID_NONE, 40'000);  // longer than FFmpeg probes
   const std::string sounding = flv(folder.file("b.flv"), AV_CODEC_ID_AAC, 40);
-  // One clip's times go back, the other's audio is met in mid-clip for the first time.
+  // Time stamps that go back; audio that starts in mid-clip.
   for (const std::string& joined :
        {sounding + sounding.substr(kFlvHeader), silent + sounding.substr(kFlvHeader) + silent.substr(kFlvHeader)}) {
     write(folder.file("in.flv"), joined);
@@ -176,7 +176,7 @@ TEST(HostileClips, JointsInTheAudioDoNotEndTheVideo) {
   }
 }
 
-TEST(HostileClips, AKillInMidWriteLeavesTheOldFile) {
+TEST(HostileClips, AKillInMidWriteKeepsTheOldFile) {
   const TemporaryDirectory folder;
   writeClip(folder.file("in.mkv"), {});
   for (const char* name : {"old.mkv", "old.mp4", "old.y4m"}) {
@@ -186,11 +186,11 @@ TEST(HostileClips, AKillInMidWriteLeavesTheOldFile) {
   }
 }
 
-TEST(HostileClips, AFullDiskIsToldAndLeavesNothing) {
+TEST(HostileClips, AFullDiskIsReportedAndLeavesNoFile) {
   NEEDS_DRIVER();
   const TemporaryDirectory folder;
   ClipSpec spec;
-  // More than FFmpeg's buffer of 256 kB, so that it shows before the end; Matroska's clusters last 5 s at most.
+  // More than FFmpeg's 256 kB buffer, so that it fails before the end; Matroska clusters are at most 5 s long.
   spec.width = 128;
   spec.height = 96;
   spec.times.clear();
@@ -205,7 +205,7 @@ TEST(HostileClips, AFullDiskIsToldAndLeavesNothing) {
   const std::string in = folder.file("in.mkv") + " ";
   const std::string enhanced = "enhance " + in + "-q -o " + folder.file("o.");
   const TemporaryDirectory cache;
-  // The shell counts in 512 or 1024 bytes. Each of the files would be larger.
+  // In units of 512 or 1024 bytes, depending on the shell. Every file would be larger.
   const std::string limit = "ulimit -f 16; XDG_CACHE_HOME='" + cache.file("") + "' ";
   for (const std::string& arguments :
        {enhanced + "mp4 --crf 0", enhanced + "mkv --crf 0", enhanced + "y4m",
@@ -219,7 +219,7 @@ TEST(HostileClips, AFullDiskIsToldAndLeavesNothing) {
   EXPECT_TRUE(!std::filesystem::exists(folder.file("dump")) || std::filesystem::is_empty(folder.file("dump")));
 }
 
-TEST(HostileClips, StandardStreamsThatAreFullOrClosedAreTold) {
+TEST(HostileClips, FullOrClosedStandardStreamsAreReported) {
   NEEDS_DRIVER();
   const TemporaryDirectory folder;
   write(folder.file("in.y4m"), y4m(64, 48, 3));
@@ -233,10 +233,10 @@ TEST(HostileClips, StandardStreamsThatAreFullOrClosedAreTold) {
     EXPECT_EQ(shell(command + " >/dev/full 2>'" + folder.file("error") + "'"), kExitFailed) << command;
     EXPECT_NE(contents(folder.file("error")).find("cannot write standard output: "), std::string::npos) << command;
   }
-  // Without an error stream, the log and the notes go nowhere, least of all into the clip.
-  EXPECT_EQ(shell(noxel + "enhance -q - -o " + folder.file("told.y4m") + " <" + in), kExitFine);
+  // Without standard error, the log must not end up in the clip.
+  EXPECT_EQ(shell(noxel + "enhance -q - -o " + folder.file("open.y4m") + " <" + in), kExitFine);
   EXPECT_EQ(shell(noxel + "enhance -v - -o " + folder.file("closed.y4m") + " <" + in + " 2>&-"), kExitFine);
-  EXPECT_EQ(contents(folder.file("told.y4m")), contents(folder.file("closed.y4m")));
+  EXPECT_EQ(contents(folder.file("open.y4m")), contents(folder.file("closed.y4m")));
 }
 
 }  // namespace

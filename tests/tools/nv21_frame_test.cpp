@@ -34,7 +34,7 @@ TEST(Nv21Frame, ChromaIsInterleavedWithVFirst) {
   EXPECT_EQ(nv21, (std::vector<uint8_t>{10, 10, 10, 11, 10, 10, 10, 10, 30, 20, 31, 21}));
 }
 
-TEST(Nv21Frame, PaddingRepeatsTheEdgeAndCroppingTakesItOff) {
+TEST(Nv21Frame, PaddingRepeatsTheEdgeAndCroppingRemovesIt) {
   const int sizes[][2] = {{1, 1}, {5, 5}, {641, 361}, {4, 2}, {6, 4}};
   for (const auto& [width, height] : sizes) {
     SCOPED_TRACE(testing::Message() << width << 'x' << height);
@@ -70,7 +70,7 @@ TEST(Nv21Frame, LeftHalfComesFromTheFrameBefore) {
   const FramePtr before = flatPlanar(7, 3, 1, 2, 3);
   const FramePtr after = flatPlanar(7, 3, 101, 102, 103);
   copyLeftHalf(*before, *after);
-  // A width of 7 has four chroma columns, of which one is whole and left of the middle.
+  // Of the four chroma columns of a width of 7, one lies fully in the left half.
   for (int y = 0; y < 3; ++y) {
     for (int x = 0; x < 7; ++x) EXPECT_EQ(at(*after, 0, x, y), x < 2 ? 1 : 101) << x;
   }
@@ -80,7 +80,7 @@ TEST(Nv21Frame, LeftHalfComesFromTheFrameBefore) {
   }
 }
 
-TEST(Nv21Frame, MeanLumaLeavesThePaddingOut) {
+TEST(Nv21Frame, MeanLumaIgnoresPadding) {
   const uint8_t luma[] = {10, 20, 255, 255, 30, 60, 255, 255};
   EXPECT_DOUBLE_EQ(meanLuma(luma, 4, 2, 2), 30.0);
 }

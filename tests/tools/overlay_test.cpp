@@ -24,7 +24,7 @@ class Picture {
   uint8_t* data() { return bytes_.data(); }
   int luma(int x, int y) const { return bytes_[static_cast<size_t>(y * kWidth + x)]; }
   int v(int x, int y) const { return bytes_[static_cast<size_t>(kWidth * kHeight + y / 2 * kWidth + x / 2 * 2)]; }
-  int changedOutside(int left, int top, int right, int bottom) const {  // both ends belong to the inside
+  int changedOutside(int left, int top, int right, int bottom) const {  // inclusive bounds
     int count = 0;
     for (int y = 0; y < kHeight; ++y) {
       for (int x = 0; x < kWidth; ++x) {
@@ -56,11 +56,11 @@ TEST(OverlayTracks, HaveADotAtTheTargetAndATailToTheSource) {
   EXPECT_EQ(kept.luma(20, 29), kGrey) << "the tail's end is thin";
   EXPECT_LT(kept.v(24, 30), kGrey) << "green";
   EXPECT_GT(lost.v(24, 30), kGrey) << "red";
-  // Chroma comes in pairs of rows and columns.
+  // Chroma is 2 x 2 pixels.
   EXPECT_EQ(kept.changedOutside(20, 28, 33, 31), 0);
 }
 
-TEST(OverlayTracks, GoWhereStabilizationAndZoomPutThem) {
+TEST(OverlayTracks, FollowStabilizationAndZoom) {
   Overlay overlay = oneTrack(1);
   overlay.report.zoom = 1.25f;
   overlay.report.stabilization[2] = 4.0f;   // x
@@ -72,30 +72,31 @@ TEST(OverlayTracks, GoWhereStabilizationAndZoomPutThem) {
   EXPECT_NE(picture.luma(22, 29), kGrey);
   EXPECT_EQ(picture.changedOutside(22, 28, 39, 31), 0);
 
-  overlay.tracks = {{-1e9f, 0, 1e9f, 0}, {NAN, NAN, NAN, NAN}, {-30, 20, 2, 20}};  // only the last ends in the picture
+  overlay.tracks = {
+      {-1e9f, 0, 1e9f, 0}, {NAN, NAN, NAN, NAN}, {-30, 20, 2, 20}};  // only the last one ends in the picture
   Picture edge;
   drawOverlay(overlay, edge.data(), kWidth, kHeight);
   EXPECT_EQ(edge.changedOutside(0, 16, 3, 19), 0);
 }
 
-TEST(OverlayMask, TintsWhereTheBlendIsHeldBackAndNothingElse) {
+TEST(OverlayMask, TintsOnlyWhatIsMasked) {
   Overlay overlay;
   overlay.report.status = 1;
   overlay.maskWidth = 8;
   overlay.maskHeight = 6;
-  overlay.mask.assign(48, 6);  // below what is shown
+  overlay.mask.assign(48, 6);  // below the display threshold
   overlay.mask[2 * 8 + 3] = 255;
   Picture picture;
   drawOverlay(overlay, picture.data(), kWidth, kHeight);
-  // The texel's middle is at (28, 20), an eighth of a texel each way from that of the chroma pair.
+  // The texel's centre is (28, 20), an eighth of a texel from the chroma sample's in x and y.
   const double held = 7.0 / 8 * 7.0 / 8;
   EXPECT_NEAR(picture.v(27, 19), kGrey + 0.5 * held * (235 - kGrey), 1) << "half purple";
   EXPECT_NE(picture.luma(27, 19), kGrey);
-  // It fades out over one texel of 8 pixels each way.
+  // Bilinear: fades over one texel of 8 pixels.
   EXPECT_EQ(picture.changedOutside(20, 12, 35, 27), 0);
 }
 
-// A textured scene that moves by (1.25, -0.75) pixels a frame, but for a square that turns bright in the last one.
+// A textured scene that moves by (1.25, -0.75) pixels per frame, with a bright square in the last frame only.
 std::vector<uint8_t> sceneFrame(int width, int height, int frame) {
   std::vector<uint8_t> nv21 = Waves(3, 10).seen(width, height, shifted(-1.25 * frame, 0.75 * frame));
   nv21.resize(nv21Size(width, height), 128);
@@ -104,7 +105,7 @@ std::vector<uint8_t> sceneFrame(int width, int height, int frame) {
   return nv21;
 }
 
-TEST(OverlayOfTheEngine, TracksTheSceneAndMasksWhatChangedByItself) {
+TEST(OverlayOfTheEngine, TracksTheSceneAndMasksWhatChanged) {
   constexpr int kSceneWidth = 320, kSceneHeight = 96;
   EnhancerSettings settings;
   settings.width = kSceneWidth;
@@ -129,7 +130,7 @@ TEST(OverlayOfTheEngine, TracksTheSceneAndMasksWhatChangedByItself) {
   EXPECT_GE(overlay.report.pointsTracked, overlay.report.pointsKept);
   ASSERT_EQ(overlay.tracks.size(), static_cast<size_t>(overlay.report.pointsKept));
   for (const _KRMatch& track : overlay.tracks) {
-    // Each by itself; a track told the wrong way round is off by 2.5.
+    // A reversed track is off by 2.5.
     ASSERT_NEAR(track.targetX - track.sourceX, 1.25, 0.6);
     ASSERT_NEAR(track.targetY - track.sourceY, -0.75, 0.6);
     ASSERT_TRUE(track.targetX > 0 && track.targetX < kSceneWidth && track.targetY > 0 && track.targetY < kSceneHeight);
@@ -138,7 +139,7 @@ TEST(OverlayOfTheEngine, TracksTheSceneAndMasksWhatChangedByItself) {
   ASSERT_EQ(overlay.maskHeight, 12);
   const auto maskAt = [&](int x, int y) { return overlay.mask[static_cast<size_t>(y / 8 * 40 + x / 8)]; };
   EXPECT_GT(maskAt(272, 48), 200);
-  EXPECT_LT(maskAt(100, 48), 13) << "too strong to be left out of the picture";
+  EXPECT_LT(maskAt(100, 48), 13) << "would be drawn";
 }
 
 }  // namespace

@@ -14,26 +14,26 @@ int64_t microseconds(const PresentationClock& clock) {
   return time.seconds * 1'000'000 + time.microseconds;
 }
 
-TEST(PresentationClock, StepsStayWithinASequenceUnlessTheClipHasAHole) {
+TEST(PresentationClock, OnlyAGapInTheClipBreaksTheSequence) {
   struct Row {
     int64_t nominal, interval, step;
   };
   constexpr Row kRows[] = {
-      {40'000, 40'000, 40'000},         // the clip's own
+      {40'000, 40'000, 40'000},         // no change
       {33'367, 33'366, 33'366},         //
-      {40'000, 200'000, 199'000},       // five intervals: a pause, shortened
-      {40'000, 200'001, 1'600'000},     // a hole, made long enough to be a break
+      {40'000, 200'000, 199'000},       // five intervals: shortened
+      {40'000, 200'001, 1'600'000},     // a gap: lengthened to a break
       {40'000, 7'000'000, 7'000'000},   //
-      {100'000, 199'000, 199'000},      // longest step that is no break
+      {100'000, 199'000, 199'000},      // max step
       {100'000, 500'000, 199'000},      //
-      {199'999, 199'999, 199'000},      // just no slow clip
-      {200'000, 200'000, 33'000},       // slow clips run like a camera
-      {250'000, 1'000'000, 33'000},     // exactly one second is no hole
+      {199'999, 199'999, 199'000},      // just not a slow clip
+      {200'000, 200'000, 33'000},       // slow clips step like a camera
+      {250'000, 1'000'000, 33'000},     // exactly one second is not a gap
       {250'000, 1'000'001, 1'600'000},  //
       {500'000, 1'000'000, 33'000},     // one frame lost
-      {3'000'000, 6'000'000, 33'000},   // a time lapse: each interval is above a second
+      {3'000'000, 6'000'000, 33'000},   // time lapse: every interval is above a second
       {3'000'000, 15'000'001, 15'000'001},
-      {40'000, 0, 1},  // times that stand still keep the clock running
+      {40'000, 0, 1},  // equal time stamps still step
   };
   for (const Row& row : kRows) {
     EXPECT_EQ(PresentationClock(row.nominal).stepFor(row.interval), row.step) << row.nominal << ' ' << row.interval;
@@ -48,11 +48,11 @@ TEST(PresentationClock, FollowsTheClipWithoutDrift) {
   EXPECT_EQ(microseconds(clock) - start, 10'010'000);
 }
 
-TEST(PresentationClock, FirstFrameAndRestartAreBreaksForTheEngine) {
+TEST(PresentationClock, FirstFrameAndRestartBreakTheSequence) {
   constexpr int64_t kEngineBreakUs = 1'500'000;
   PresentationClock clock(40'000);
   const int64_t before = microseconds(clock);
-  EXPECT_GT(before, kEngineBreakUs);  // the engine's first time is zero
+  EXPECT_GT(before, kEngineBreakUs);  // the engine starts at 0
   clock.repeat();
   const int64_t first = microseconds(clock);
   EXPECT_GT(first - before, kEngineBreakUs);
@@ -65,11 +65,11 @@ TEST(PresentationClock, FirstFrameAndRestartAreBreaksForTheEngine) {
   EXPECT_EQ(read.seconds, clock.now().seconds);
 }
 
-TEST(ExposureSettling, EndsWhenGammaAndGainRestAndNotBeforeTheyMove) {
+TEST(ExposureSettling, EndsWhenGammaAndGainHaveSettledOrAfterTheMaximum) {
   ExposureSettling settling;
   FrameReport report = {};
   report.gamma = report.gain = 1.0f;
-  // Eased twice with 0.2, as the engine eases gamma: slow at first, then quick, then slow.
+  // Eased twice by 0.2, as the engine does: slow, fast, slow.
   float eased = 1.0f;
   bool settled = false;
   while (!settled) {
@@ -77,8 +77,8 @@ TEST(ExposureSettling, EndsWhenGammaAndGainRestAndNotBeforeTheyMove) {
     report.gamma += 0.2f * (eased - report.gamma);
     settled = settling.settled(report);
   }
-  EXPECT_NEAR(report.gamma, 0.6f, 0.01f);  // changes below 0.001 at a rate of 0.2 leave less than 0.01
-  EXPECT_LT(settling.rounds(), ExposureSettling::kMostRounds);
+  EXPECT_NEAR(report.gamma, 0.6f, 0.01f);  // steps below 0.001 at a rate of 0.2: less than 0.01 is left
+  EXPECT_LT(settling.rounds(), ExposureSettling::kMaxRounds);
 
   ExposureSettling restless;
   int rounds = 0;

@@ -20,7 +20,7 @@ struct Line {
 
 class Register : public testing::Test {
  protected:
-  // Runs the built command; its lines are in lines_, the rest of its words in error_.
+  // Runs the command; fills lines_ and error_.
   int run(const std::string& arguments) {
     const Outcome outcome = runCommand(NOXEL_REGISTER_EXECUTABLE, arguments);
     lines_.clear();
@@ -32,8 +32,8 @@ class Register : public testing::Test {
     return outcome.exitCode;
   }
 
-  // Planes of a scene that moves by (dx, dy) pixels a frame, each with noise of its own: without any, every point moves
-  // exactly alike, and a fit whose shear is exactly 0 is taken for a failed one. Returns "FILE W H N".
+  // Planes of a scene that moves by (dx, dy) pixels per frame, with noise: without it all points move exactly alike, and a fit
+  // with a shear of exactly 0 counts as failed. Returns "FILE W H N".
   std::string writePlanes(int width, int height, int frames, int dx, int dy) {
     const Waves scene(7, 8);
     std::ofstream file(folder_.file("planes"), std::ios::binary);
@@ -60,14 +60,14 @@ class Register : public testing::Test {
   std::string error_;
 };
 
-// In strong texture the corners come within 0.05 pixel; a motion told the wrong way round is off by 6 and more.
-TEST_F(Register, TellsWhereThePixelsOfTheFrameBeforeAre) {
+// In strong texture the error is below 0.05 pixel; a reversed motion is off by 6 and more.
+TEST_F(Register, MapsPixelsOfThePreviousFrame) {
   ASSERT_EQ(run(writePlanes(320, 180, 4, 4, -3) + " --threads 1 --stats"), kExitFine) << error_;
   expectTranslation(3, 4, -3, 320, 180, 0.1);
   EXPECT_EQ(error_.rfind("3 frames, 0 lost, ", 0), 0u) << error_;
 }
 
-// Half the size: the error is twice that of the half-size image.
+// Registered at half size, the error in full pixels doubles.
 TEST_F(Register, MeasuresLargeFramesAtHalfSizeInFullPixels) {
   const std::string planes = writePlanes(1024, 160, 3, -6, 2);
   ASSERT_EQ(run(planes), kExitFine) << error_;
@@ -75,10 +75,10 @@ TEST_F(Register, MeasuresLargeFramesAtHalfSizeInFullPixels) {
   const double half = lines_[0].m[2];
   ASSERT_EQ(run(planes + " --full --threads 0"), kExitFine) << error_;
   expectTranslation(2, -6, 2, 1024, 160, 0.1);
-  EXPECT_NE(lines_[0].m[2], half) << "the same image was measured";
+  EXPECT_NE(lines_[0].m[2], half) << "--full has no effect";
 }
 
-TEST_F(Register, AFrameWithoutTextureHasNoMotion) {
+TEST_F(Register, FlatFramesCannotBeRegistered) {
   std::ofstream(folder_.file("flat"), std::ios::binary) << std::string(3 * 64 * 48, '\x40');
   ASSERT_EQ(run(folder_.file("flat") + " 64 48 3"), kExitFine) << error_;
   ASSERT_EQ(lines_.size(), 2u);
@@ -89,7 +89,7 @@ TEST_F(Register, AFrameWithoutTextureHasNoMotion) {
   }
 }
 
-TEST_F(Register, TellsWhatItCannotDo) {
+TEST_F(Register, ReportsUsageErrorsAndUnreadableFiles) {
   const std::string planes = writePlanes(32, 16, 2, 0, 0);
   for (const std::string& arguments :
        {std::string(), folder_.file("planes") + " 32 16", folder_.file("planes") + " 0 16 2", planes + " --threads -1",

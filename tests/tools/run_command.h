@@ -1,4 +1,4 @@
-// The built commands, run as a user does, and the engine that some of their tests need.
+// Runs the built commands; NEEDS_DRIVER for tests that need a GL driver.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -27,7 +27,7 @@ struct Outcome {
   std::string error;
 };
 
-// Through the shell, standard input empty. `environment`: words before the command, such as NAME=value.
+// Through the shell, with empty standard input. `environment`: prefix of the command, such as NAME=value.
 inline Outcome runCommand(const std::string& executable, const std::string& arguments,
                           const std::string& environment = "") {
   const TemporaryDirectory output;
@@ -46,7 +46,7 @@ inline std::string missingDriver() {
   }
 }
 
-// What an action is refused with; kExitFine when it is not.
+// The ToolError that an action throws; kExitFine if none.
 template <typename Action>
 ToolError refusal(const Action& action) {
   try {
@@ -62,6 +62,6 @@ ToolError refusal(const Action& action) {
     if (driverRequired()) FAIL() << missing;                           \
     GTEST_SKIP() << missing;                                           \
   }                                                                    \
-  static_assert(true, "a semicolon follows")
+  static_assert(true)
 
 }  // namespace noxel::tool

@@ -61,10 +61,10 @@ TEST(VideoWriter, KeepsTimesAudioAndRotation) {
   }
 }
 
-TEST(VideoWriter, AudioThatStartsBeforeZeroDoesNotMoveTheVideo) {
+TEST(VideoWriter, AudioThatStartsBeforeZeroDoesNotShiftTheVideo) {
   const TemporaryDirectory folder;
   ClipSpec spec;
-  spec.audio = AV_CODEC_ID_AAC;  // its first packet lies 1024 samples before zero
+  spec.audio = AV_CODEC_ID_AAC;  // its first packet is 1024 samples before zero
   writeClip(folder.file("in.mp4"), spec);
   copyClip(folder.file("in.mp4"), folder.file("out.mkv"));
   const ClipContents out = contentsOf(folder.file("out.mkv"));
@@ -87,7 +87,7 @@ TEST(VideoWriter, RefusesAudioTheContainerCannotHold) {
   EXPECT_GE(std::accumulate(sizes.begin(), sizes.end(), 0), 2 * 44100);
 }
 
-TEST(Uprighting, PutsEachPixelWhereTheMatrixSays) {
+TEST(Uprighting, TurnsThePictureAsTheMatrixSays) {
   constexpr int kWidth = 3, kHeight = 2;
   const int turns[8][4] = {{1, 0, 0, 1}, {-1, 0, 0, 1}, {-1, 0, 0, -1}, {1, 0, 0, -1},
                            {0, 1, 1, 0}, {0, 1, -1, 0}, {0, -1, -1, 0}, {0, -1, 1, 0}};

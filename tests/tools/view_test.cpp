@@ -23,7 +23,7 @@ constexpr int kHeight = 64;
 struct Colour {
   int y, u, v;
 };
-// Of the quarters: top left, top right, bottom left, bottom right. Dark red, green, blue and grey.
+// Top left, top right, bottom left, bottom right: dark red, green, blue and grey.
 constexpr Colour kQuarters[] = {{60, 110, 170}, {60, 105, 100}, {60, 160, 115}, {50, 128, 128}};
 
 std::array<int, 3> toRgb(const Colour& colour) {
@@ -56,7 +56,7 @@ ClipSpec quarteredClip(int frames) {
   return spec;
 }
 
-// The colour in the middle of a quarter of the window.
+// The colour at the centre of a quarter of the window.
 std::array<int, 3> seenIn(const Picture& picture, int quarter) {
   const int x = picture.width * (quarter % 2 == 0 ? 1 : 3) / 4;
   const int y = picture.height * (quarter / 2 == 0 ? 1 : 3) / 4;
@@ -67,7 +67,7 @@ int brightness(const std::array<int, 3>& rgb) {
   return rgb[0] + rgb[1] + rgb[2];
 }
 
-// Six codes: the coder's loss on flat areas, two roundings, and the chroma's weight of up to 1.8.
+// Six codes: coding error on flat areas, two roundings, and a weight of up to 1.8 on chroma.
 bool isUntouched(const Picture& seen, int where, int quarter) {
   const std::array<int, 3> wanted = toRgb(kQuarters[quarter]);
   const std::array<int, 3> rgb = seenIn(seen, where);
@@ -77,14 +77,14 @@ bool isUntouched(const Picture& seen, int where, int quarter) {
   return true;
 }
 
-// Half as bright again and more, and the strongest channel is the same; grey stays grey within the same six codes.
+// At least 1.5 times as bright with the same strongest channel; grey stays grey within the same six codes.
 bool isEnhanced(const Picture& seen, int where, int quarter) {
   const std::array<int, 3> before = toRgb(kQuarters[quarter]);
   const std::array<int, 3> rgb = seenIn(seen, where);
   if (2 * brightness(rgb) < 3 * brightness(before)) return false;
-  const auto [least, most] = std::minmax_element(rgb.begin(), rgb.end());
-  if (quarter == 3) return *most - *least <= 6;
-  return most - rgb.begin() == std::max_element(before.begin(), before.end()) - before.begin() && *most - *least > 40;
+  const auto [min, max] = std::minmax_element(rgb.begin(), rgb.end());
+  if (quarter == 3) return *max - *min <= 6;
+  return max - rgb.begin() == std::max_element(before.begin(), before.end()) - before.begin() && *max - *min > 40;
 }
 
 std::string colours(const Picture& picture) {
@@ -102,10 +102,11 @@ class View : public ScreenTest {
   View() {
     options_.input = folder_.file("quarters.mkv");
     options_.loop = true;
+    writeClip(options_.input, quarteredClip(50));
   }
   ~View() override { requestStop(false); }
 
-  // Plays on until the window looks as wanted.
+  // Plays until the window looks as wanted.
   ::testing::AssertionResult comesToShow(Viewer& viewer, const std::function<bool(const Picture&)>& wanted) {
     Picture seen;
     const bool shown = playsUntil(viewer, [&] { return wanted(seen = screen->capture(viewer.window().id())); });
@@ -130,8 +131,7 @@ class View : public ScreenTest {
   ViewOptions options_;
 };
 
-TEST_F(View, IsUprightEnhancedInTheClipsColoursAndInASplitHalfAsItCame) {
-  writeClip(options_.input, quarteredClip(50));
+TEST_F(View, ShowsTheClipEnhancedAndInASplitHalfOriginal) {
   for (const bool spatial : {false, true}) {
     options_.look.spatial = spatial;
     Viewer viewer(options_);
@@ -143,15 +143,13 @@ TEST_F(View, IsUprightEnhancedInTheClipsColoursAndInASplitHalfAsItCame) {
     EXPECT_TRUE(comesToShow(viewer, [](const Picture& seen) {
       return isEnhanced(seen, 0, 0) && isUntouched(seen, 1, 1) && isEnhanced(seen, 2, 2) && isUntouched(seen, 3, 3);
     })) << spatial;
-    press(SDLK_s);
-    EXPECT_TRUE(comesToShow(viewer, [](const Picture& seen) { return isEnhanced(seen, 1, 1); })) << spatial;
   }
 }
 
-TEST_F(View, TurnsAClipAsItsContainerSays) {
+TEST_F(View, TurnsAClipUpright) {
   ClipSpec spec = quarteredClip(50);
   spec.rotated = true;             // clockwise, as FFmpeg's own player turns it
-  spec.video = AV_CODEC_ID_MJPEG;  // which says in itself that it has full range; an MP4 would not
+  spec.video = AV_CODEC_ID_MJPEG;  // full range by itself; MP4 does not tag it
   options_.input = folder_.file("turned.mp4");
   writeClip(options_.input, spec);
   options_.look.split = true;
@@ -162,23 +160,26 @@ TEST_F(View, TurnsAClipAsItsContainerSays) {
   }));
 }
 
-TEST_F(View, KeysChangeWhatIsSeenAlsoWhileItStandsStill) {
-  writeClip(options_.input, quarteredClip(50));
+TEST_F(View, TheTitleShowsFramesPerSecondAndLook) {
   Viewer viewer(options_);
-  ASSERT_TRUE(playsUntil(viewer, [&] { return viewer.framesShown() > 5; }));
   EXPECT_TRUE(playsUntil(viewer, [&] {
     return title(viewer).ends_with(" fps - temporal, strength 65, exposure 50") &&
            title(viewer).find(" 0 fps") == std::string::npos;
   })) << title(viewer);
-
   for (const SDL_Keycode key : {SDLK_SPACE, SDLK_d, SDLK_UP, SDLK_e, SDLK_b}) press(key);
   ASSERT_TRUE(viewer.step());
-  EXPECT_TRUE(viewer.paused());
   EXPECT_EQ(title(viewer), "quarters.mkv - paused - spatial, strength 70, exposure 75");
-  press(SDLK_d);
-  press(SDLK_s);
+  for (const SDL_Keycode key : {SDLK_d, SDLK_s}) press(key);
   ASSERT_TRUE(viewer.step());
   EXPECT_EQ(title(viewer), "quarters.mkv - paused - temporal, strength 70, exposure 75, stabilised, split");
+}
+
+TEST_F(View, APausedPictureFollowsKeysAndWindowSizeUntilSpace) {
+  Viewer viewer(options_);
+  ASSERT_TRUE(playsUntil(viewer, [&] { return viewer.framesShown() > 5; }));
+  for (const SDL_Keycode key : {SDLK_SPACE, SDLK_s}) press(key);
+  ASSERT_TRUE(viewer.step());
+  EXPECT_TRUE(viewer.paused());
   const int64_t shown = viewer.framesShown();
   EXPECT_TRUE(
       comesToShow(viewer, [](const Picture& seen) { return isEnhanced(seen, 0, 0) && isUntouched(seen, 1, 1); }));
@@ -186,7 +187,7 @@ TEST_F(View, KeysChangeWhatIsSeenAlsoWhileItStandsStill) {
   EXPECT_TRUE(comesToShow(viewer, [](const Picture& seen) {
     return seen.width == 150 && isEnhanced(seen, 0, 0) && isUntouched(seen, 3, 3);
   }));
-  EXPECT_EQ(viewer.framesShown(), shown) << "it stands still";
+  EXPECT_EQ(viewer.framesShown(), shown);
 
   press(SDLK_SPACE);
   EXPECT_TRUE(playsUntil(viewer, [&] { return viewer.framesShown() > shown + 3; }));
@@ -194,7 +195,7 @@ TEST_F(View, KeysChangeWhatIsSeenAlsoWhileItStandsStill) {
   EXPECT_FALSE(viewer.step());
 }
 
-TEST_F(View, PlaysByTheClockStopsOnTheLastFrameAndStartsAgainWithSpace) {
+TEST_F(View, PlaysInRealTimeAndSpaceRestartsItAtTheEnd) {
   constexpr int kFrames = 15;
   writeClip(options_.input, quarteredClip(kFrames));
   options_.loop = false;
@@ -202,9 +203,9 @@ TEST_F(View, PlaysByTheClockStopsOnTheLastFrameAndStartsAgainWithSpace) {
   Viewer viewer(options_);
   ASSERT_TRUE(playsUntil(viewer, [&] { return viewer.atEnd(); }));
   const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
-  EXPECT_GE(taken.count(), 0.04 * kFrames) << "each frame has its 40 ms";
+  EXPECT_GE(taken.count(), 0.04 * kFrames);
   EXPECT_LE(viewer.framesShown(), kFrames);
-  EXPECT_GE(viewer.framesShown(), 2) << "a busy machine leaves frames out, not all of them";
+  EXPECT_GE(viewer.framesShown(), 2) << "a busy machine skips frames, but not all";
   EXPECT_TRUE(comesToShow(viewer, [](const Picture& seen) { return brightness(seenIn(seen, 0)) > 0; }));
 
   const int64_t shown = viewer.framesShown();
@@ -213,24 +214,23 @@ TEST_F(View, PlaysByTheClockStopsOnTheLastFrameAndStartsAgainWithSpace) {
   EXPECT_FALSE(viewer.atEnd());
 }
 
-TEST_F(View, LeavesOutFramesThatAreLate) {
-  writeClip(options_.input, quarteredClip(50));
+TEST_F(View, SkipsLateFrames) {
   options_.loop = false;
   Viewer viewer(options_);
   ASSERT_TRUE(playsUntil(viewer, [&] { return viewer.framesShown() > 0; }));
-  SDL_Delay(600);  // fifteen frames become due
+  SDL_Delay(600);  // 15 frames become due
   const int64_t shown = viewer.framesShown();
   ASSERT_TRUE(viewer.step());
   EXPECT_LE(viewer.framesShown(), shown + 1);
   const auto start = std::chrono::steady_clock::now();
   ASSERT_TRUE(playsUntil(viewer, [&] { return viewer.atEnd(); }));
   const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
-  // 1.4 s are left of the clip's 2.0; had it lagged instead, the rest would take 1.96.
+  // Of the clip's 2.0 s 1.4 are left; without skipping the rest would take 1.96.
   EXPECT_LT(taken.count(), 1.7);
   EXPECT_LE(viewer.framesShown(), 40);
 }
 
-TEST_F(View, ShowsADeviceThatGivesFramesInItsOwnTime) {
+TEST_F(View, ShowsALiveDeviceUntilStopped) {
   options_.input = std::getenv("DISPLAY");
   options_.format = "x11grab";
   options_.loop = false;
@@ -246,7 +246,7 @@ TEST_F(View, ShowsADeviceThatGivesFramesInItsOwnTime) {
   EXPECT_FALSE(viewer.step());
 }
 
-TEST_F(View, CommandEndsWithAnExitCodeThatTells) {
+TEST_F(View, CommandReturnsExitCodes) {
   writeClip(options_.input, quarteredClip(5));
   const auto noxel = [&](const std::string& environment, const std::string& arguments) -> Outcome {
     return runCommand(NOXEL_EXECUTABLE, "view " + arguments,
@@ -267,7 +267,7 @@ TEST_F(View, CommandEndsWithAnExitCodeThatTells) {
   EXPECT_EQ(withoutDriver.exitCode, kExitNoGl) << withoutDriver.error;
 }
 
-TEST(ViewControls, StrengthStaysWithinItsRangeAndOnlyItRepeats) {
+TEST(ViewControls, StrengthAloneRepeatsAndStaysInRange) {
   LiveLook look;
   look.strength = 98;
   look.exposure = 30;
@@ -285,14 +285,14 @@ TEST(ViewControls, StrengthStaysWithinItsRangeAndOnlyItRepeats) {
   EXPECT_EQ(exposures, (std::vector<int>{50, 75, 100, 0, 25}));
 }
 
-TEST(ViewControls, ALargeClipFitsTheDesktopInItsProportions) {
+TEST(ViewControls, ALargeClipIsScaledToFitTheDesktop) {
   const Size landscape = fitInto({3840, 2160}, {1920, 1000});
   EXPECT_EQ(landscape.height, 1000);
   EXPECT_NEAR(landscape.width, 1000 * 16 / 9, 1);
   const Size portrait = fitInto({1080, 1920}, {1920, 1080});
   EXPECT_EQ(portrait.height, 1080);
   const Size small = fitInto({64, 48}, {1920, 1080});
-  EXPECT_EQ(small.width, 64) << "and a small one stays as it is";
+  EXPECT_EQ(small.width, 64) << "a small one is not scaled";
 }
 
 }  // namespace

@@ -26,7 +26,7 @@ struct CairoDeleter {
   void operator()(cairo_t* canvas) const { cairo_destroy(canvas); }
 };
 
-// Cairo stops drawing at the first text that is not UTF-8.
+// Invalid UTF-8 puts a Cairo context into an error state.
 std::string validUtf8(const std::string& text) {
   std::string result;
   const auto* at = reinterpret_cast<const uint8_t*>(text.data());
@@ -46,7 +46,7 @@ std::string formatted(const char* format, double first, double second = 0) {
   return text;
 }
 
-// 1, 2 or 5 times a power of ten, so that at most five of them are needed.
+// 1, 2 or 5 times a power of ten, for at most five steps.
 double niceStep(double range) {
   const double power = std::pow(10.0, std::floor(std::log10(range / 5)));
   for (const double factor : {1.0, 2.0, 5.0}) {
@@ -85,7 +85,7 @@ class Canvas {
     return extents.x_advance;
   }
 
-  // On the base line `y`.
+  // `y` is the baseline.
   void text(double x, double y, const std::string& text, Align align) {
     const double shift = align == Align::kLeft ? 0 : align == Align::kCentre ? 0.5 : 1;
     cairo_move_to(c(), x - shift * textWidth(text), y);
@@ -100,7 +100,7 @@ class Canvas {
     cairo_restore(c());
   }
 
-  // What fits into `width`, with an ellipsis where something is missing.
+  // Truncated to `width`, with an ellipsis.
   std::string fitted(std::string text, double width) const {
     if (textWidth(text) <= width) return text;
     while (!text.empty() && textWidth(text + "…") > width) {
@@ -127,7 +127,7 @@ class Canvas {
     cairo_status_t status = cairo_status(c());
     if (status == CAIRO_STATUS_SUCCESS) status = cairo_surface_write_to_png_stream(surface_.get(), append, &bytes);
     if (status != CAIRO_STATUS_SUCCESS) {
-      throw ToolError(kExitFailed, std::string("the plot cannot be drawn: ") + cairo_status_to_string(status));
+      throw ToolError(kExitFailed, std::string("cannot draw the plot: ") + cairo_status_to_string(status));
     }
     return bytes;
   }
@@ -137,7 +137,7 @@ class Canvas {
   const std::unique_ptr<cairo_t, CairoDeleter> cairo_;
 };
 
-// Levels with a line and a number: every 32nd and the last.
+// Every 32nd level and the last.
 std::vector<int> levelTicks() {
   std::vector<int> ticks;
   for (int level = 0; level < kLevels; level += 32) ticks.push_back(level);
@@ -179,7 +179,7 @@ struct LegendEntry {
 
 void drawLegend(Canvas& canvas, const PlotArea& area, const std::vector<LegendEntry>& entries) {
   double x = area.left;
-  const double y = area.top - 13;  // base line
+  const double y = area.top - 13;  // baseline
   for (const LegendEntry& entry : entries) {
     if (entry.kind == LegendEntry::kArea) {
       cairo_rectangle(canvas.c(), x, y - 10, 26, 11);
@@ -226,8 +226,8 @@ void drawCurves(Canvas& canvas, const AnalysisPlot& plot) {
        {"identity", kIdentityColour, LegendEntry::kDashedLine}});
 }
 
-// The scale is that of the smoothed histogram: one full level, often black, would flatten all others. A bar that is cut off
-// there has its share written beside it; where there are several, the tallest.
+// Scaled to the smoothed histogram: one tall bar, often black, would flatten all others. The tallest clipped bar has its
+// share written beside it.
 void drawHistogram(Canvas& canvas, const AnalysisPlot& plot) {
   const double percent = 100 / std::max(histogramMass(plot.histogram), 1.0);
   const double* const tallest = std::max_element(plot.histogram.bins, plot.histogram.bins + kLevels);

@@ -1,4 +1,4 @@
-// The plot of `noxel analyze`: tone curves above, the histogram below, one axis of levels for both.
+// The plot of `noxel analyze`: tone curves above, histogram below, on the same levels.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@
 namespace noxel::tool {
 
 struct AnalysisPlot {
-  std::string title;  // both in UTF-8; what is not becomes '?', what is too long is cut short
+  std::string title;  // both UTF-8; invalid bytes become '?', long text is truncated
   std::string subtitle;
   Histogram histogram;
   Histogram smoothed;
@@ -21,7 +21,7 @@ struct AnalysisPlot {
   double gain = 1;
 };
 
-// Where things are, in pixels from the upper left corner.
+// In pixels from the top left corner.
 struct PlotArea {
   double left;
   double top;
@@ -37,7 +37,7 @@ constexpr int kPlotHeight = 920;
 constexpr PlotArea kCurveArea = {72, 108, 3.5 * kLevels, 510};  // 0..255 upwards
 constexpr PlotArea kHistogramArea = {72, 678, 3.5 * kLevels, 180};
 
-// 0xRRGGBB, apart for the colour-blind (Okabe and Ito).
+// 0xRRGGBB, colour-blind safe (Okabe and Ito).
 constexpr uint32_t kSuggestedColour = 0xd55e00;
 constexpr uint32_t kPairColour = 0x0072b2;
 constexpr uint32_t kIdentityColour = 0x999999;

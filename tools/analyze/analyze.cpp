@@ -19,7 +19,7 @@
 namespace noxel::tool {
 namespace {
 
-constexpr int kSmoothingRadius = 3;  // levels; a coder's gaps and combs are narrower
+constexpr int kSmoothingRadius = 3;  // levels; gaps and combs from coding are narrower
 
 std::string baseName(const std::string& input) {
   return input == "-" ? "standard input" : std::filesystem::path(input).filename().string();
@@ -82,13 +82,13 @@ class Analysis {
 };
 
 void Analysis::run() {
-  if (clip_.highDynamicRange()) note("the clip is HDR; it is analysed with 8 bits a sample");
+  if (clip_.highDynamicRange()) note("the clip is HDR; it is analysed as 8-bit");
   printHeader(table_);
   readAll();
   smoothHistogram(all_.histogram, kSmoothingRadius, &smoothed_);
   suggested_ = suggestToneCurve(smoothed_, options_.strength);
   printRow(table_, "all", all_);
-  std::fprintf(table_, "suggested curve of strength %g: mean %.1f -> %.1f\n", options_.strength,
+  std::fprintf(table_, "suggested curve, strength %g: mean luma %.1f -> %.1f\n", options_.strength,
                meanLevel(all_.histogram), meanLevelAfter(all_.histogram, suggested_));
   writePlot();
   if (!options_.jsonFile.empty()) writeJson();
@@ -96,7 +96,7 @@ void Analysis::run() {
   if (clip_.reader().damagedPackets() > 0) {
     note(std::to_string(clip_.reader().damagedPackets()) + " damaged packets of the input could not be decoded");
   }
-  if (stopRequested()) note("stopped on request; the analysis is of the frames up to there");
+  if (stopRequested()) note("stopped; the analysis covers the frames up to here");
 }
 
 void Analysis::readAll() {
@@ -104,7 +104,7 @@ void Analysis::readAll() {
   exposure.settle(clip_.nv21().data());
   const double start = clip_.seconds();
   do {
-    // A frame every 1/3 s comes at 0.33, 0.67, 1.00: what is a thousandth short of a second belongs to it.
+    // At 3 fps the time stamps are 0.333, 0.667, 1.000: tolerate rounding.
     const auto second = static_cast<int64_t>(std::floor(clip_.seconds() - start + 0.001));
     if (second != second_) endSecond();
     second_ = second;
@@ -113,14 +113,14 @@ void Analysis::readAll() {
     ++current_.frames;
     current_.gammaSum += exposure.gamma();
     current_.gainSum += exposure.gain();
-    clip_.reader().takeAudio();  // nobody listens
+    clip_.reader().takeAudio();  // not used
   } while (clip_.next());
   endSecond();
 }
 
 void Analysis::endSecond() {
   printRow(table_, std::to_string(second_), current_);
-  if (table_ == out_) flushStandardOutput(out_);  // seconds are seen as they are done, also through a pipe
+  if (table_ == out_) flushStandardOutput(out_);  // shows each second at once, also in a pipe
   nlohmann::ordered_json row = {{"second", second_}};
   row.update(jsonOf(current_));
   seconds_.push_back(std::move(row));
@@ -215,7 +215,7 @@ double ExposureStatistics::share(int level) const {
 
 int runAnalyze(const AnalyzeOptions& options, std::FILE* out) {
   const std::string plotFile = options.plotFile.empty() ? plotName(options.input) : options.plotFile;
-  if (plotFile == "-") throw ToolError(kExitUsage, "the plot needs the name of a file");
+  if (plotFile == "-") throw ToolError(kExitUsage, "--plot needs a file name");
   checkOutputFiles(options.input, {plotFile, options.jsonFile}, options.overwrite);
   Analysis(options, plotFile, out).run();
   return kExitFine;

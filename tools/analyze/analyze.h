@@ -1,4 +1,4 @@
-// `noxel analyze`: how a clip is exposed, and what would be done about it.
+// `noxel analyze`: how a clip is exposed, and how it would be brightened.
 #pragma once
 
 #include <cstdint>
@@ -14,20 +14,20 @@ namespace noxel::tool {
 struct AnalyzeOptions {
   std::string input;      // a file, or "-": Y4M on standard input
   std::string plotFile;   // empty: plotName(input)
-  std::string jsonFile;   // empty: none; "-": standard output, which the table then leaves to it
+  std::string jsonFile;   // empty: none; "-": standard output, with the table on standard error
   double strength = 0.5;  // of the suggested curve, 0..1
   int exposure = 50;      // as for enhance, 0..100
   bool overwrite = false;
 };
 
-// Where the plot goes when nothing is said: night.mp4 has night-analysis.png, in the current folder.
+// The default: night-analysis.png in the current folder for night.mp4.
 std::string plotName(const std::string& input);
 
-// What the engine's registration thread makes of the same frames: its image, its easing, its settling on the first frame.
+// The exposure that the engine's registration thread computes for the same frames.
 class ExposureFollower {
  public:
-  ExposureFollower(int width, int height, int strength);  // of the frames as the engine takes them; 0..100
-  void settle(const uint8_t* luma);                       // as before the first frame of `noxel enhance`
+  ExposureFollower(int width, int height, int strength);  // padded size; 0..100
+  void settle(const uint8_t* luma);                       // as `noxel enhance` does on the first frame
   void follow(const uint8_t* luma);                       // width * height bytes
   float gamma() const { return state_.smoothedGamma; }
   float gain() const { return state_.smoothedGain; }
@@ -42,7 +42,7 @@ class ExposureFollower {
   ExposureState state_;
 };
 
-// Over some frames: every pixel's luma in the engine's full range, and the mean of the pairs the frames are toned with.
+// Of a run of frames: histogram of full-range luma, sums of gamma and gain.
 struct ExposureStatistics {
   Histogram histogram;
   int64_t frames = 0;
@@ -55,7 +55,7 @@ struct ExposureStatistics {
   double share(int level) const;  // of the pixels
 };
 
-// Returns the exit code, or throws a ToolError. `out` is standard output, but for tests.
+// Returns the exit code, or throws a ToolError. `out`: for tests.
 int runAnalyze(const AnalyzeOptions& options, std::FILE* out = stdout);
 
 }  // namespace noxel::tool

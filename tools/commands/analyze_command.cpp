@@ -17,15 +17,15 @@ constexpr char kAnalyzeFooter[] = R"(Examples:
   noxel analyze night.mp4 --plot night.png --json - | other-tool
   other-tool --to-y4m | noxel analyze - --plot night.png
 
-Of each second of the clip, and of all of it, with luma in full range (0..255):
-  mean                the mean luma
-  1 %, 50 %, 99 %     the level that this share of the pixels does not exceed
-  black, white        the share of the pixels at 0 and at 255
-  gamma, gain         exponent and factor of the brightening that `noxel enhance --exposure N` applies, means over the
-                      frames; a level v becomes 255 * (gain * v / 255) ^ gamma, at most 255
+Columns, for each second and for the whole clip; luma is full range (0..255):
+  mean                mean luma
+  1 %, 50 %, 99 %     percentiles of the luma
+  black, white        share of the pixels at 0 and at 255
+  gamma, gain         mean exponent and gain of the brightening that `noxel enhance --exposure N` applies: a level v
+                      becomes 255 * (gain * v / 255) ^ gamma, clipped at 255
 
-The plot shows the clip's histogram, the curve that would spread the levels it uses, and the one of gamma and gain. With
---json - the table goes to standard error. Ctrl-C ends the reading; what was read until then is analysed.
+The plot shows the clip's histogram, a suggested curve that spreads the levels in use, and the curve of gamma and gain.
+With --json - the table goes to standard error. Ctrl-C stops reading; the frames read so far are analysed.
 )";
 
 void addOptions(CLI::App* command, AnalyzeOptions& options) {
@@ -33,10 +33,10 @@ void addOptions(CLI::App* command, AnalyzeOptions& options) {
   command->add_option("INPUT", options.input, "Any video FFmpeg reads, or - for Y4M on standard input")->required();
   command
       ->add_option("--plot", options.plotFile,
-                   "Where the plot goes; INPUT's name with -analysis.png, in the current folder, if not said")
+                   "The plot; default: INPUT's name with -analysis.png, in the current folder")
       ->type_name("FILE.png");
   command->add_option("--json", options.jsonFile, "The figures as JSON; - for standard output")->type_name("FILE");
-  command->add_option("--strength", options.strength, "Of the suggested curve; 0 leaves everything as it is")
+  command->add_option("--strength", options.strength, "Strength of the suggested curve, 0 (none) to 1")
       ->check([](const std::string& text) { return outsideOf(0, 1, text); })
       ->capture_default_str();
   command->add_option("--exposure", options.exposure, "As for noxel enhance")
@@ -49,7 +49,7 @@ void addOptions(CLI::App* command, AnalyzeOptions& options) {
 
 Command addAnalyze(CLI::App& app) {
   const auto options = std::make_shared<AnalyzeOptions>();
-  CLI::App* command = app.add_subcommand("analyze", "Tell how a video is exposed, in figures and a plot");
+  CLI::App* command = app.add_subcommand("analyze", "Measure how a video is exposed: a table and a plot");
   addOptions(command, *options);
   return {command, [options] {
             av_log_set_level(AV_LOG_QUIET);

@@ -28,12 +28,12 @@ int runWithEngine(bool verbose, const std::function<int()>& run) {
   }
 }
 
-std::string outsideOf(double least, double most, const std::string& text) {
+std::string outsideOf(double min, double max, const std::string& text) {
   char* end = nullptr;
   const double value = std::strtod(text.c_str(), &end);
-  if (end != text.c_str() && *end == '\0' && value >= least && value <= most) return "";
+  if (end != text.c_str() && *end == '\0' && value >= min && value <= max) return "";
   std::ostringstream message;
-  message << text << " is no number from " << least << " to " << most;
+  message << text << " is not a number from " << min << " to " << max;
   return message.str();
 }
 
@@ -42,7 +42,7 @@ void addDenoising(CLI::App* command, const char* group, const std::function<void
   command
       ->add_option_function<std::string>(
           "--denoise", [setPath](const std::string& path) { setPath(path == "spatial"); },
-          "temporal works across frames along the camera's motion, spatial within each frame")
+          "temporal: blends along the camera's motion; spatial: each frame by itself")
       ->check(CLI::IsMember({"temporal", "spatial"}))
       ->default_str("temporal")
       ->group(group);
@@ -50,7 +50,7 @@ void addDenoising(CLI::App* command, const char* group, const std::function<void
       ->check(CLI::Range(0, 100))
       ->capture_default_str()
       ->group(group);
-  command->add_option("--exposure", exposure, "How far dark pictures are brightened")
+  command->add_option("--exposure", exposure, "Brightening of dark pictures")
       ->check(CLI::Range(0, 100))
       ->capture_default_str()
       ->group(group);

@@ -1,5 +1,5 @@
-// The subcommands of `noxel`. Each adds its page to the command line; `run` does the work once that was parsed, and returns
-// the exit code or throws a ToolError.
+// The subcommands of `noxel`: each adds itself to the command line. After parsing, `run` does the work and returns the exit
+// code or throws a ToolError.
 #pragma once
 
 #include <functional>
@@ -12,18 +12,18 @@ class App;
 namespace noxel::tool {
 
 struct Command {
-  CLI::App* app;  // owned by the one it was added to
+  CLI::App* app;  // owned by its parent
   std::function<int()> run;
 };
 
-// Runs what works with the engine: Ctrl-C ends it in order, programs are cached, and where there is no usable GL the engine's
-// log says why. `verbose` shows all of that log, and FFmpeg's warnings.
+// Sets up what every command with an engine needs: clean stop on Ctrl-C, program cache, and the engine's errors on standard
+// error when there is no usable GL. `verbose`: the whole log, and FFmpeg's warnings.
 int runWithEngine(bool verbose, const std::function<int()>& run);
 
-// For the check of a floating-point option, as CLI::Range lets what is not a number pass: empty, or what is wrong.
-std::string outsideOf(double least, double most, const std::string& text);
+// Check for a floating-point option (CLI::Range accepts NaN): empty, or an error message.
+std::string outsideOf(double min, double max, const std::string& text);
 
-// --denoise, --strength and --exposure. What they change outlives the command line.
+// --denoise, --strength and --exposure. Their targets must outlive the command line.
 void addDenoising(CLI::App* command, const char* group, const std::function<void(bool spatial)>& setPath, int& strength,
                   int& exposure);
 

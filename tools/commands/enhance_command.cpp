@@ -12,34 +12,34 @@ constexpr char kEnhanceFooter[] = R"(Examples:
   noxel enhance night.mp4 -o half.mp4 --compare --picture frame.png --stats run.json
   other-tool --to-y4m | noxel enhance - -o - --denoise spatial | player -
 
-The output has one frame for each of the input with the same time stamps, size and colour tags; audio and rotation are
-kept (.y4m holds neither). It is written as 8-bit H.264 under a temporary name beside OUTPUT and renamed when it is whole.
-Ctrl-C finishes the file with the frames done so far; pressed again it ends at once. A .png is written upright, with 8 bits
-a channel, as RGB or RGBA. --dump-frames with -y leaves the files of an earlier, longer dump as they are.
+Each input frame gives one output frame with the same time stamp, size and colour tags; audio and rotation are kept (not
+in .y4m). Video is 8-bit H.264, written to a temporary file beside OUTPUT that is renamed when complete. Ctrl-C finishes
+the file with the frames done so far; a second Ctrl-C quits at once. A single picture comes out upright, in 8-bit RGB
+or RGBA. --dump-frames with -y does not delete the files of an earlier, longer dump.
 
---stats, of each frame:
-  status              1 motion known (modes 0, 1 and 3: blended with the past), 0 drawn by itself, -1 spatial
-  starts_sequence     the first frame, or one after a hole: there is nothing to measure its motion against
-  points_tracked      points followed from the frame before; points_kept: those the motion was fitted to
-  motion              3 x 3, this frame's pixels to the previous one's
-  stabilization       3 x 3, this frame's pixels to the steadied picture's, before the crop; zoom: the crop
-  gamma, gain         exponent and factor of the brightening
-  registration_ms     motion and exposure; upload_ms, gpu_ms: the GPU's side; total_ms: the whole frame
-  mean_luma_before    of 0..255; mean_luma_after
-In pixels, the first one's centre is at (0.5, 0.5). The summary has lost_share, the share of status 0 among the frames
-with something to measure against, and the 50th and 95th percentiles of the times.
+--stats, per frame:
+  status              1 registered (modes 0, 1 and 3: blended with the history), 0 drawn alone, -1 spatial
+  starts_sequence     first frame, or first after a gap: there is no previous frame to register with
+  points_tracked      points tracked from the previous frame; points_kept: inliers of the motion
+  motion              3 x 3, pixels of this frame to pixels of the previous one
+  stabilization       3 x 3, pixels of this frame to the stabilised picture, before the crop; zoom: the crop
+  gamma, gain         exponent and gain of the brightening
+  registration_ms     motion and exposure; upload_ms, gpu_ms: on the GPU thread; total_ms: the whole frame
+  mean_luma_before    0..255; mean_luma_after
+Pixel (0.5, 0.5) is the centre of the first. The summary has lost_share, the share of frames with a previous one whose
+registration failed, and the 50th and 95th percentiles of the times.
 
-A quad is four corners: top left, bottom left, top right, bottom right; from -1 (left, bottom) to 1 (right, top). It shows
-the part of the picture that it covers, the untouched one over the enhanced one:
+A quad is four corners: top left, bottom left, top right, bottom right; from -1 (left, bottom) to 1 (right, top). It
+shows the part of the picture that it covers; the untouched quad is drawn over the enhanced one:
   noxel enhance night.mp4 -o split.mp4 --untouched-quad 0,1,0,-1,1,1,1,-1
 
---overlay draws a dot where each followed point is and a tail to where it came from: green, or red in a frame whose
-motion was rejected. Purple lies where the picture moved by itself and the past is not blended in.
+--overlay draws each tracked point as a dot with a tail to its previous position: green, or red when the motion was
+rejected. Purple marks moving objects, where the history is not blended in.
 )";
 
 constexpr char kModes[] =
-    "0 averages three frames, sharpened; 1 enhances; 2 stabilises and sharpens; 3 is 1 at the brightness filmed; "
-    "4 lifts detail and contrast of each picture by itself, also from PNG to PNG";
+    "0: mean of three frames, sharpened; 1: denoise and brighten; 2: stabilise and sharpen; "
+    "3: as 1 without brightening; 4: detail and contrast of single pictures, also PNG to PNG";
 
 CLI::Option* addQuad(CLI::App* command, const char* name, std::vector<float>& corners, const char* description) {
   return command->add_option(name, corners, description)
@@ -59,26 +59,30 @@ void addOptions(CLI::App* command, EnhanceOptions& options) {
       ->type_name("OUTPUT");
   command->add_flag("-y,--overwrite", options.overwrite, "Overwrite files that exist");
 
-  const char* look = "Look";
+  const char* look = "Picture";
   addDenoising(
       command, look, [&options](bool spatial) { options.look.denoise = spatial ? "spatial" : "temporal"; },
       options.look.strength, options.look.exposure);
   command
-      ->add_flag("--neutral-exposure", options.look.neutralExposure,
-                 "Denoise only: the brightness stays as it was filmed")
+      ->add_option("--deghosting", options.look.deghosting,
+                   "Keep moving objects from leaving trails; modes 1 and 3, temporal only")
+      ->check(CLI::Range(0, 10))
+      ->capture_default_str()
       ->group(look);
   command
-      ->add_flag("--stabilize", options.look.stabilize,
-                 "Smooth the camera's path and crop the edges (1/1.17 of the picture stays); temporal only")
+      ->add_flag("--neutral-exposure", options.look.neutralExposure,
+                 "Denoise only, do not brighten; the same as --engine-mode 3")
       ->group(look);
-  command->add_option("--zoom", options.look.zoom, "Magnify the middle of the picture; temporal only (mode 0: both)")
+  command->add_flag("--stabilize", options.look.stabilize, "Stabilise the picture and crop it to 1/1.17; temporal only")
+      ->group(look);
+  command->add_option("--zoom", options.look.zoom, "Magnify the centre of the picture; temporal only (mode 0: both)")
       ->check([](const std::string& text) { return outsideOf(1, 32, text); })
       ->capture_default_str()
       ->group(look);
   command
       ->add_flag_callback(
           "--no-warm-up", [&options] { options.warmUp = false; },
-          "Let the exposure ease in from neutral instead of settling on the first frame beforehand")
+          "Start at neutral exposure and ease in, instead of settling on the first frame beforehand")
       ->group(look);
 
   const char* mode = "Engine modes";
@@ -86,32 +90,26 @@ void addOptions(CLI::App* command, EnhanceOptions& options) {
       ->check(CLI::Range(0, 4))
       ->capture_default_str()
       ->group(mode);
-  command->add_option("--sharpening", options.look.sharpening, "Modes 0, 2 and 4: how much detail is lifted")
+  command->add_option("--sharpening", options.look.sharpening, "Modes 0, 2 and 4: sharpening")
       ->check(CLI::Range(0, 100))
       ->capture_default_str()
       ->group(mode);
-  command
-      ->add_option("--contrast", options.look.contrast, "Modes 0, 2 and 4: steepness of the contrast curve, 0 for none")
+  command->add_option("--contrast", options.look.contrast, "Modes 0, 2 and 4: contrast, 0 for none")
       ->check(CLI::Range(0, 100))
       ->capture_default_str()
       ->group(mode);
-  command
-      ->add_flag("--flip-chroma", options.look.flipChroma,
-                 "Modes 0 and 2: hand back U before V, which trades blue and red")
+  command->add_flag("--flip-chroma", options.look.flipChroma, "Modes 0 and 2: swap U and V, and so blue and red")
       ->group(mode);
   addQuad(command, "--enhanced-quad", options.look.enhancedQuad, "Modes 0 to 3: where the enhanced picture is drawn")
       ->group(mode);
-  addQuad(command, "--untouched-quad", options.look.untouchedQuad,
-          "Modes 0 to 3: where the picture is drawn as it came")
+  addQuad(command, "--untouched-quad", options.look.untouchedQuad, "Modes 0 to 3: where the untouched picture is drawn")
       ->group(mode);
 
-  const char* written = "What is written";
-  command->add_flag("--compare", options.compare, "Left half as it came, right half enhanced")->group(written);
-  command
-      ->add_flag("--overlay", options.overlay,
-                 "Draw the points that were followed, and where the blend is held back; temporal only")
+  const char* written = "Output";
+  command->add_flag("--compare", options.compare, "Left half original, right half enhanced")->group(written);
+  command->add_flag("--overlay", options.overlay, "Draw the tracked points and the ghost mask; temporal only")
       ->group(written);
-  command->add_option("--crf", options.crf, "H.264 quality; less is better and larger")
+  command->add_option("--crf", options.crf, "H.264 quality; lower is better and larger")
       ->check(CLI::Range(0, 51))
       ->capture_default_str()
       ->group(written);
@@ -119,8 +117,7 @@ void addOptions(CLI::App* command, EnhanceOptions& options) {
       ->type_name("FILE.png")
       ->group(written);
   command
-      ->add_option("--picture-frame", options.pictureFrame,
-                   "Which frame, counted from 0; the last one if the clip is shorter")
+      ->add_option("--picture-frame", options.pictureFrame, "Which frame, from 0; the last one if the clip is shorter")
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str()
       ->group(written);
@@ -142,7 +139,7 @@ void addOptions(CLI::App* command, EnhanceOptions& options) {
 
 Command addEnhance(CLI::App& app) {
   const auto options = std::make_shared<EnhanceOptions>();
-  CLI::App* command = app.add_subcommand("enhance", "Brighten and denoise a video");
+  CLI::App* command = app.add_subcommand("enhance", "Denoise and brighten a video");
   addOptions(command, *options);
   return {command, [command, options] {
             for (const CLI::Option* option : command->get_options()) {

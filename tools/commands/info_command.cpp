@@ -8,7 +8,7 @@ namespace noxel::tool {
 
 Command addInfo(CLI::App& app) {
   const auto verbose = std::make_shared<bool>(false);
-  CLI::App* command = app.add_subcommand("info", "Tell version, GL driver and program cache");
+  CLI::App* command = app.add_subcommand("info", "Show version, GL driver and program cache");
   command->add_flag("-v,--verbose", *verbose, "Show the engine's log");
   return {command, [verbose] { return runInfo(*verbose); }};
 }

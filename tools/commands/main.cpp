@@ -2,6 +2,8 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
+#include <string>
+#include <vector>
 
 #include "commands/commands.h"
 #include "common/standard_streams.h"
@@ -12,18 +14,18 @@ namespace noxel::tool {
 namespace {
 
 constexpr char kFooter[] = R"(Exit codes:
-  0  fine (also when Ctrl-C ended the run early: the output then is whole up to there)
-  1  failed while running; no half-written file is left behind
-  2  the command line asks for something that cannot be done
+  0  success, also after Ctrl-C: the output is complete up to that frame
+  1  failed while running; no partial file is left behind
+  2  usage error
   3  no usable OpenGL ES 3.0
   4  the input cannot be read
 )";
 
 int run(int argc, char** argv) {
-  CLI::App app("Noxel makes dark videos bright and clean.", "noxel");
+  CLI::App app("Noxel brightens and denoises dark video.", "noxel");
   app.set_version_flag("--version", Noxel_GetVersion());
   app.require_subcommand(1);
-  app.footer(std::string(kFooter) + "\nEach command has its own --help.\n");
+  app.footer(std::string(kFooter) + "\nSee also noxel COMMAND --help.\n");
   const Command commands[] = {addEnhance(app), addView(app), addAnalyze(app), addInfo(app)};
 
   try {
@@ -33,7 +35,12 @@ int run(int argc, char** argv) {
     flushStandardOutput();
     return code;
   } catch (const CLI::ParseError& error) {
-    throw ToolError(kExitUsage, std::string(error.what()) + "; see noxel --help");
+    const std::vector<CLI::App*> parsed = app.get_subcommands();
+    if (parsed.empty() && argc > 1 && argv[1][0] != '-') {
+      throw ToolError(kExitUsage, std::string("no command ") + argv[1] + "; see noxel --help");
+    }
+    const std::string command = parsed.empty() ? "" : parsed[0]->get_name() + " ";
+    throw ToolError(kExitUsage, std::string(error.what()) + "; see noxel " + command + "--help");
   }
   for (const Command& command : commands) {
     if (!command.app->parsed()) continue;

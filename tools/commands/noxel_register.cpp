@@ -1,4 +1,4 @@
-// The command `noxel-register`: the camera's motion through raw luma planes, measured as the engine does.
+// The command `noxel-register`: the engine's registration on raw luma planes.
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -41,32 +41,32 @@ int engineThreads() {
 Options parse(CLI::App& app, int argc, char** argv) {
   Options options;
   options.threads = engineThreads();
-  app.add_option("FILE", options.file, "N planes of W x H bytes, one behind the other")->required();
+  app.add_option("FILE", options.file, "N planes of W x H bytes, back to back")->required();
   app.add_option("W", options.width, "Width")->required()->check(CLI::Range(1, INT_MAX));
   app.add_option("H", options.height, "Height")->required()->check(CLI::Range(1, INT_MAX));
   app.add_option("N", options.frames, "Number of planes")->required()->check(CLI::Range(1, INT_MAX));
-  app.add_flag("--full", options.full, "Measure at full size also where a side is above 1000");
-  app.add_option("--threads", options.threads, "Threads beside the main one")
+  app.add_flag("--full", options.full, "Do not halve frames that are more than 1000 pixels wide or high");
+  app.add_option("--threads", options.threads, "Worker threads besides the main one")
       ->check(CLI::Range(0, 64))
       ->capture_default_str();
-  app.add_flag("--stats", options.stats, "Tell at the end, on standard error, what was lost, kept and spent");
-  app.footer(R"(Prints, for each frame from the second on,
+  app.add_flag("--stats", options.stats, "Summary on standard error: frames lost, points, time");
+  app.footer(R"(Prints one line per frame, from the second on:
 
   valid m00 m01 m02 m10 m11 m12 ms
 
-valid    1, or 0 where no motion could be measured: the rest is the identity then
-m        x' = m00 x + m01 y + m02, y' = m10 x + m11 y + m12: where a pixel of the frame before is in this one; in pixels
-         of the file, the first one's centre at (0, 0)
-ms       processor time of the frame over all threads, milliseconds
+valid    1, or 0 when registration failed and the matrix is the identity
+m        x' = m00 x + m01 y + m02, y' = m10 x + m11 y + m12 maps a pixel of the previous frame into this one; in pixels
+         of the file, (0, 0) is the centre of the first
+ms       CPU time of the frame over all threads, milliseconds
 
-Exit codes: 0 fine, 1 failed while running, 2 wrong use, 4 the file cannot be read or is too short.
+Exit codes: 0 success, 1 failed while running, 2 usage error, 4 the file cannot be read or is too short.
 )");
   app.parse(argc, argv);
   if (int64_t{options.width} * options.height > INT_MAX / 4) throw ToolError(kExitUsage, "the frames are too large");
   return options;
 }
 
-// Threads that serve a pool while it lives.
+// Threads that serve a pool for its lifetime.
 class Workers {
  public:
   explicit Workers(int count) {
@@ -143,7 +143,7 @@ void run(const Options& options) {
 }
 
 int runCommand(int argc, char** argv) {
-  CLI::App app("Measures the camera's motion through raw luma planes.", "noxel-register");
+  CLI::App app("Measures the camera's motion on raw luma planes.", "noxel-register");
   try {
     run(parse(app, argc, argv));
     return kExitFine;

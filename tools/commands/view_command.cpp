@@ -9,9 +9,9 @@ namespace {
 
 constexpr char kViewFooter[] = R"(Keys:
   space        pause; at the end: play again
-  s            split: left half enhanced, right half as it came
-  d            denoise: temporal, spatial
-  up, down     strength of the noise reduction by 5
+  s            split: left half enhanced, right half original
+  d            denoise: temporal or spatial
+  up, down     noise reduction in steps of 5
   e            exposure: 0, 25, 50, 75, 100
   b            stabilisation (temporal only)
   q, Escape    quit
@@ -21,26 +21,26 @@ Examples:
   noxel view /dev/video0 --split
   noxel view --format x11grab :0
 
-The window is one of X11. It opens at the clip's size, or smaller to fit the desktop, and the picture follows its size.
-A clip plays at its own speed; a machine that is too slow for it shows fewer frames, and the title tells how many were
-drawn a second. At the end the last frame stays. There is no sound.
+Opens an X11 window at the clip's size, or smaller to fit the desktop; the picture follows the window's size. A clip
+plays at its own speed; a slow machine skips frames, and the title shows the frames drawn per second. The last frame
+stays at the end. No sound.
 )";
 
 void addOptions(CLI::App* command, ViewOptions& options) {
   command->footer(kViewFooter);
   command->add_option("INPUT", options.input, "Any video FFmpeg reads, a camera (/dev/video0), or - for Y4M")
       ->required();
-  command->add_option("--format", options.format, "FFmpeg's name of the input's kind, such as v4l2, x11grab or lavfi")
+  command->add_option("--format", options.format, "FFmpeg's name of the input format, such as v4l2, x11grab or lavfi")
       ->type_name("NAME");
   CLI::Option* loop = command->add_flag("--loop", options.loop, "Start again at the end");
-  command->add_flag("--exit", options.exitAtEnd, "Quit at the end")->excludes(loop);
+  command->add_flag("--exit", options.exitAtEnd, "Quit after the last frame")->excludes(loop);
 
-  const char* look = "Look at the start";
+  const char* look = "Initial settings";
   addDenoising(
       command, look, [&options](bool spatial) { options.look.spatial = spatial; }, options.look.strength,
       options.look.exposure);
-  command->add_flag("--stabilize", options.look.stabilize, "Smooth the camera's path; temporal only")->group(look);
-  command->add_flag("--split", options.look.split, "Left half enhanced, right half as it came")->group(look);
+  command->add_flag("--stabilize", options.look.stabilize, "Stabilise the picture; temporal only")->group(look);
+  command->add_flag("--split", options.look.split, "Left half enhanced, right half original")->group(look);
 
   command->add_flag("-v,--verbose", options.verbose, "Show the engine's log and FFmpeg's warnings");
 }

@@ -7,7 +7,7 @@
 namespace noxel::tool {
 namespace {
 
-constexpr size_t kKeptErrors = 20;  // the first ones name the cause; a broken driver repeats itself with every frame
+constexpr size_t kKeptErrors = 20;  // the first ones name the cause; a broken driver logs the same for every frame
 
 }  // namespace
 

@@ -1,4 +1,4 @@
-// What becomes of the engine's log lines.
+// The engine's log in the tool.
 #pragma once
 
 #include <mutex>
@@ -7,7 +7,7 @@
 
 namespace noxel::tool {
 
-// While it lives, the engine's log goes to standard error (verbose) or nowhere, and its error lines are kept. One at a
+// During its lifetime the engine's log goes to standard error (verbose), or is dropped but for its first errors. One at a
 // time.
 class EngineLog {
  public:
@@ -16,14 +16,14 @@ class EngineLog {
   EngineLog(const EngineLog&) = delete;
   EngineLog& operator=(const EngineLog&) = delete;
 
-  // To standard error, unless they have been seen there already.
+  // To standard error; nothing if verbose, as they are there already.
   void printErrors() const;
 
  private:
   static void receive(void* context, int priority, const char* tag, const char* message);
 
   const bool verbose_;
-  mutable std::mutex mutex_;         // lines come from the engine's threads
+  mutable std::mutex mutex_;         // the engine's threads log
   std::vector<std::string> errors_;  // the first few, guarded by mutex_
 };
 

@@ -25,19 +25,19 @@ int runInfo(bool verbose) {
   const char* cache = platform::programCacheDirectory();
   std::printf("%s\n", Noxel_GetVersion());
   line("EGL platform", platform::engineDisplayName());
-  line("program cache", cache[0] != '\0' ? cache : "none (no home directory that can be written)");
+  line("program cache", cache[0] != '\0' ? cache : "none (no writable home directory)");
   DriverInfo driver;
   if (!queryDriver(&driver)) {
     std::fflush(stdout);
     log.printErrors();
-    throw ToolError(kExitNoGl, "no usable OpenGL ES 3.0; install a driver (Mesa's software one will do)");
+    throw ToolError(kExitNoGl, "no usable OpenGL ES 3.0; install a driver (Mesa's software driver will do)");
   }
   line("EGL vendor", driver.eglVendor);
   line("EGL version", driver.eglVersion);
   line("GL vendor", driver.glVendor);
   line("GL renderer", driver.glRenderer);
   line("GL version", driver.glVersion);
-  line("programs kept", driver.programBinaryFormats > 0 && cache[0] != '\0' ? "yes" : "no");
+  line("programs cached", driver.programBinaryFormats > 0 && cache[0] != '\0' ? "yes" : "no");
   return kExitFine;
 }
 

@@ -3,7 +3,7 @@
 
 namespace noxel::tool {
 
-// Prints what the engine would run on. Returns the exit code.
+// Prints version, driver and program cache. Returns the exit code.
 int runInfo(bool verbose);
 
 }  // namespace noxel::tool

@@ -5,7 +5,7 @@
 namespace noxel::tool {
 namespace {
 
-// Written by the handler on whichever thread it runs, read between frames and while the input blocks.
+// Written by the signal handler on any thread, read between frames and while the input blocks.
 volatile std::sig_atomic_t stop = 0;
 
 void onSignal(int) {

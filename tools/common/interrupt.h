@@ -1,15 +1,14 @@
-// Ctrl-C: the run ends after the frame in hand and the file is finished.
+// Ctrl-C: the run stops after the current frame and finishes the file.
 #pragma once
 
 namespace noxel::tool {
 
-// SIGINT and SIGTERM ask for the end; a second one of the same kind ends the process at once. SIGPIPE becomes a write
-// error.
+// SIGINT and SIGTERM request a stop; a second one kills the process. SIGPIPE becomes a write error.
 void installInterruptHandlers();
 
 bool stopRequested();
 
-// What the handler does; for tests.
+// As the handler does; for tests.
 void requestStop(bool stop);
 
 }  // namespace noxel::tool

@@ -24,12 +24,12 @@ void checkMayWrite(const std::string& path, bool overwrite) {
   const fs::file_status status = fs::status(path, ignored);
   if (!fs::exists(status)) return;
   if (!fs::is_regular_file(status)) {
-    throw ToolError(kExitUsage, path + " exists and is no regular file; choose another name, or - for standard output");
+    throw ToolError(kExitUsage, path + " is not a regular file; choose another name, or - for standard output");
   }
-  if (!overwrite) throw ToolError(kExitUsage, path + " exists; give -y to overwrite it");
+  if (!overwrite) throw ToolError(kExitUsage, path + " exists; -y overwrites it");
 }
 
-// A new file of a name that nobody can have put a link under, with the permissions that any file gets.
+// mkstemps: nobody can have planted a link under this name. The permissions are those of any new file.
 PendingFile::PendingFile(const std::string& path) : path_(path), temporaryPath_(path + ".XXXXXX.part") {
   const int file = mkstemps(temporaryPath_.data(), 5);
   if (file < 0) throw ToolError(kExitFailed, "cannot write " + path + ": " + std::strerror(errno));

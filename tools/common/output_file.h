@@ -1,23 +1,23 @@
-// Files that appear under their name only when they are whole.
+// Files that appear under their name only when complete.
 #pragma once
 
 #include <string>
 
 namespace noxel::tool {
 
-// Usage error when `path` exists and may not be overwritten, is no regular file, or lies in no folder that there is.
+// Usage error when `path` exists and must not be overwritten, is not a regular file, or its folder is missing.
 void checkMayWrite(const std::string& path, bool overwrite);
 
-// A file beside the final one, empty at first, removed again unless commit() was reached.
+// An empty temporary file beside the final one, removed unless commit() was reached.
 class PendingFile {
  public:
-  explicit PendingFile(const std::string& path);  // ToolError where it cannot be made
+  explicit PendingFile(const std::string& path);  // ToolError when it cannot be made
   ~PendingFile();
   PendingFile(const PendingFile&) = delete;
   PendingFile& operator=(const PendingFile&) = delete;
 
   const std::string& temporaryPath() const { return temporaryPath_; }
-  void commit();  // replaces what stood under the final name
+  void commit();  // renames it to the final name
 
  private:
   std::string path_;

@@ -6,7 +6,7 @@
 
 namespace noxel::tool {
 
-// The value below or at which `percent` of the samples lie (nearest rank). 0 without samples.
+// Nearest rank. 0 without samples.
 inline double percentile(std::vector<double> samples, double percent) {
   if (samples.empty()) return 0;
   std::sort(samples.begin(), samples.end());

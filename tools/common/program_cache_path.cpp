@@ -19,7 +19,7 @@ std::string environment(const char* name) {
 
 std::string makeProgramCacheDirectory() {
   std::string base = environment("XDG_CACHE_HOME");
-  // The base directory convention has relative paths ignored.
+  // The XDG specification ignores relative paths.
   if (base.empty() || base.front() != '/') {
     const std::string home = environment("HOME");
     if (home.empty()) return "";
@@ -28,7 +28,7 @@ std::string makeProgramCacheDirectory() {
   std::string directory = base + "/noxel/";
   std::error_code error;
   std::filesystem::create_directories(base, error);
-  mkdir(directory.c_str(), 0700);  // what lies here is handed to the driver; fails where it is there already
+  mkdir(directory.c_str(), 0700);  // private, as the driver loads these files; fails if it exists
   return std::filesystem::is_directory(directory, error) ? directory : "";
 }
 

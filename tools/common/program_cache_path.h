@@ -1,12 +1,11 @@
-// Where this command keeps compiled shader programs.
+// Where the tool caches compiled shader programs.
 #pragma once
 
 #include <string>
 
 namespace noxel::tool {
 
-// $XDG_CACHE_HOME/noxel/, else ~/.cache/noxel/, with its parents made; empty (no cache) without a home that can be
-// written.
+// $XDG_CACHE_HOME/noxel/, else ~/.cache/noxel/, created with its parents; empty (no cache) without a writable home.
 std::string makeProgramCacheDirectory();
 
 // Makes it the engine's.

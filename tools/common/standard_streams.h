@@ -1,4 +1,4 @@
-// Standard input, output and error as a user may hand them over: closed, full, or a pipe whose reader has left.
+// Standard streams that are closed, full, or a pipe without a reader.
 #pragma once
 
 #include <fcntl.h>
@@ -12,20 +12,20 @@
 
 namespace noxel::tool {
 
-// Before anything else is opened. A closed descriptor 0, 1 or 2 would become that of the next file, and messages would be
-// written into a clip. What is put in its place cannot be used in its direction, so that using it stays an error. A file
-// that reaches the limit of its size becomes a write error, too.
+// Call before anything is opened: the next file would get a closed descriptor 0, 1 or 2, and messages would go into a clip.
+// The placeholder is opened for the opposite direction, so using it is still an error. Exceeding the file size limit becomes
+// a write error as well.
 inline void secureStandardStreams() {
   for (int descriptor = 0; descriptor <= 2; ++descriptor) {
     if (fcntl(descriptor, F_GETFD) != -1) continue;
-    if (open("/dev/null", descriptor == 0 ? O_WRONLY : O_RDONLY) != descriptor) return;  // the lowest one that is free
+    if (open("/dev/null", descriptor == 0 ? O_WRONLY : O_RDONLY) != descriptor) return;  // gets the lowest free one
   }
   std::signal(SIGXFSZ, SIG_IGN);
 }
 
-// ToolError when anything written to standard output so far was lost. `out`: a file in its place.
+// ToolError when anything written to standard output so far was lost. `out`: for tests.
 inline void flushStandardOutput(std::FILE* out = stdout) {
-  errno = 0;  // a write that failed earlier has left its mark on the stream only
+  errno = 0;  // an earlier failure set the stream's error flag only
   if (std::fflush(out) == 0 && std::ferror(out) == 0) return;
   const char* reason = errno != 0 ? std::strerror(errno) : "an earlier write failed";
   throw ToolError(kExitFailed, std::string("cannot write standard output: ") + reason);

@@ -1,4 +1,4 @@
-// How the command ends when something goes wrong.
+// Errors and exit codes of the tool.
 #pragma once
 
 #include <stdexcept>
@@ -9,12 +9,12 @@ namespace noxel::tool {
 enum ExitCode : int {
   kExitFine = 0,
   kExitFailed = 1,      // failed while running
-  kExitUsage = 2,       // the command line asks for something that cannot be done
+  kExitUsage = 2,       // usage error
   kExitNoGl = 3,        // no usable OpenGL ES 3.0
   kExitUnreadable = 4,  // the input cannot be read
 };
 
-// One clear line for the user: what failed and what to do about it. Without "noxel: " before it and a newline after it.
+// One line for the user: what failed and what to do about it. Without the leading "noxel: " and without a newline.
 class ToolError : public std::runtime_error {
  public:
   ToolError(ExitCode code, const std::string& message) : std::runtime_error(message), code_(code) {}

@@ -9,11 +9,11 @@ namespace noxel::tool {
 EngineHandle::EngineHandle(int width, int height, int mode) {
   const std::string size = std::to_string(width) + "x" + std::to_string(height);
   if (initializeEngine(width, height, mode, 1, 1, 1, nullptr, &engine_) != 0) {
-    throw ToolError(kExitFailed, "no engine can be made for frames of " + size + "; scale the clip down first");
+    throw ToolError(kExitFailed, "cannot make an engine for frames of " + size + "; scale the clip down first");
   }
   if (!engineReady(engine_)) {
     releaseEngine(&engine_);
-    throw ToolError(kExitNoGl, "no usable OpenGL ES 3.0 for frames of " + size + "; `noxel info` tells what was found");
+    throw ToolError(kExitNoGl, "no usable OpenGL ES 3.0 for frames of " + size + "; see `noxel info`");
   }
 }
 

@@ -1,4 +1,4 @@
-// An engine that is released with its owner.
+// An engine, released by its destructor.
 #pragma once
 
 #include "api/engine_control.h"
@@ -7,14 +7,14 @@ namespace noxel::tool {
 
 class EngineHandle {
  public:
-  // Made so that each call returns its own frame. ToolError, with kExitNoGl where no engine can work.
+  // Synchronous: each call returns its own frame. ToolError, kExitNoGl without usable GL.
   EngineHandle(int width, int height, int mode);
   ~EngineHandle() { releaseEngine(&engine_); }
   EngineHandle(const EngineHandle&) = delete;
   EngineHandle& operator=(const EngineHandle&) = delete;
 
   _KRSuperResEngine* get() const { return engine_; }
-  void process(unsigned char* frame) const;  // as KRProcessFrame; ToolError where that fails
+  void process(unsigned char* frame) const;  // KRProcessFrame; ToolError when it fails
 
  private:
   _KRSuperResEngine* engine_ = nullptr;

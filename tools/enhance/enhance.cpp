@@ -35,11 +35,11 @@ void checkLook(const EnhanceOptions& options) {
     return std::find(options.given.begin(), options.given.end(), name) != options.given.end();
   };
   if (options.look.neutralExposure && given("--engine-mode") && options.look.engineMode != kModeNeutralExposure) {
-    throw ToolError(kExitUsage, "--neutral-exposure stands for --engine-mode 3; leave one of them out");
+    throw ToolError(kExitUsage, "--neutral-exposure is --engine-mode 3; give one of them");
   }
   checkIsRead(options.look, options.given);
   if (given("--picture-frame") && options.pictureFile.empty()) {
-    throw ToolError(kExitUsage, "--picture-frame says which frame --picture takes; give both");
+    throw ToolError(kExitUsage, "--picture-frame needs --picture");
   }
   if (options.overlay) checkIsRead(options.look, {"--overlay"});
 }
@@ -50,7 +50,7 @@ void checkOutputs(const EnhanceOptions& options) {
   checkMayDump(options.dumpFolder, options.overwrite);
 }
 
-// One run, from the first frame on.
+// One run over a clip.
 class Run {
  public:
   explicit Run(const EnhanceOptions& options)
@@ -59,7 +59,7 @@ class Run {
         writer_(outputSettings()),
         picture_(options.pictureFrame),
         progress_(options.quiet, isatty(STDERR_FILENO) != 0, clip_.reader().expectedFrames()) {
-    if (clip_.highDynamicRange()) note("the clip is HDR; it is enhanced and written with 8 bits a sample");
+    if (clip_.highDynamicRange()) note("the clip is HDR; it is enhanced and written as 8-bit");
     if (!options.dumpFolder.empty()) dump_.emplace(options.dumpFolder);
   }
 
@@ -188,6 +188,7 @@ void Run::writeStatistics(double seconds) const {
         {"denoise", options_.look.denoise},
         {"strength", options_.look.strength},
         {"exposure", options_.look.exposure},
+        {"deghosting", options_.look.deghosting},
         {"neutral_exposure", options_.look.mode() == kModeNeutralExposure},
         {"stabilize", options_.look.stabilize},
         {"sharpening", options_.look.sharpening},
@@ -213,15 +214,15 @@ void Run::finish() {
   if (clip_.reader().damagedPackets() > 0) {
     note(std::to_string(clip_.reader().damagedPackets()) + " damaged packets of the input could not be decoded");
   }
-  if (clip_.reader().lateAudio()) note("audio that begins in mid-clip is left out");
+  if (clip_.reader().lateAudio()) note("audio that starts in mid-clip is dropped");
   const int64_t expected = clip_.reader().expectedFrames();
   const auto found = static_cast<int64_t>(statistics_.count());
-  // A tenth aside: of a clip whose rate varies the container only knows about how many there are.
+  // With a variable frame rate the container's count is only an estimate: allow a tenth.
   if (!stopRequested() && found + 1 < expected - expected / 10) {
     note("the clip ends after " + std::to_string(found) + " of about " + std::to_string(expected) +
          " frames; it may have been cut short");
   }
-  if (stopRequested()) note("stopped on request; the output is whole up to there");
+  if (stopRequested()) note("stopped; the output is complete up to this frame");
   if (options_.quiet) return;
   const auto frames = static_cast<double>(statistics_.count());
   std::fprintf(stderr, "%zu frames in %.1f s (%.1f fps), mean luma %.1f -> %.1f: %s\n", statistics_.count(), seconds,

@@ -14,7 +14,7 @@ struct EnhanceOptions {
   std::string input;   // a file, or "-": Y4M on standard input
   std::string output;  // .mp4, .mkv, .y4m, .png for a single picture, or "-": Y4M on standard output
   Look look;
-  std::vector<std::string> given;  // names of the options that the user gave
+  std::vector<std::string> given;  // names of the options on the command line
   int crf = 18;                    // 0..51
   bool compare = false;
   bool overlay = false;
@@ -28,7 +28,7 @@ struct EnhanceOptions {
   int pictureFrame = kDefaultPictureFrame;  // from 0
 };
 
-// Returns the exit code, or throws a ToolError. The factory makes what enhances; by default it is the engine.
+// Returns the exit code, or throws a ToolError. The factory replaces the engine in tests.
 int runEnhance(const EnhanceOptions& options);
 int runEnhance(const EnhanceOptions& options, const EnhancerFactory& factory);
 

@@ -16,7 +16,7 @@ bool ExposureSettling::settled(const FrameReport& report) {
   gain_ = report.gain;
   quiet_ = quiet ? quiet_ + 1 : 0;
   ++rounds_;
-  return rounds_ >= kMostRounds || (rounds_ >= kFirstRounds && quiet_ >= kQuietRounds);
+  return rounds_ >= kMaxRounds || (rounds_ >= kMinRounds && quiet_ >= kQuietRounds);
 }
 
 EnhancerSession::EnhancerSession(const EnhancerSettings& settings)

@@ -1,4 +1,4 @@
-// The engine as the run uses it.
+// The engine as `noxel enhance` runs it.
 #pragma once
 
 #include <cstdint>
@@ -17,25 +17,25 @@ struct EnhancerSettings {
   int height = 0;
   int64_t nominalIntervalUs = 40'000;
   Look look;
-  bool overlay = false;  // keep what an overlay shows of each frame
+  bool overlay = false;  // keep the data for overlay()
 };
 
-// Enhances frame after frame of one clip, each in place and at once. One thread.
+// Enhances one clip frame by frame, in place and synchronously. One thread.
 class Enhancer {
  public:
   virtual ~Enhancer() = default;
-  // Lets the exposure settle on the first frame, which is not changed. Returns the number of rounds it took.
+  // Settles the exposure on the first frame, which is not changed. Returns the number of rounds.
   virtual int warmUp(const uint8_t* nv21) = 0;
   virtual void enhance(uint8_t* nv21, int64_t presentationUs) = 0;
-  // On the frame enhanced last.
+  // Of the latest frame.
   virtual FrameReport report() const = 0;
   virtual Overlay overlay() const = 0;
 };
 
 using EnhancerFactory = std::function<std::unique_ptr<Enhancer>(const EnhancerSettings&)>;
 
-// Engine modes 0 to 3. Owns an engine and the process-wide frame clock: one at a time. ToolError with kExitNoGl where no
-// engine can work.
+// Engine modes 0 to 3. Owns an engine and the process-wide frame clock: one at a time. ToolError, kExitNoGl without usable
+// GL.
 class EnhancerSession : public Enhancer {
  public:
   explicit EnhancerSession(const EnhancerSettings& settings);
@@ -54,13 +54,13 @@ class EnhancerSession : public Enhancer {
   EngineHandle engine_;
 };
 
-// Whether gamma and gain have come to rest, fed with one report after the other.
+// Tells from successive reports when gamma and gain have settled.
 class ExposureSettling {
  public:
   static constexpr float kSmallChange = 0.001f;
   static constexpr int kQuietRounds = 5;
-  static constexpr int kFirstRounds = 10;  // the easing starts slowly: rest before it moves is none
-  static constexpr int kMostRounds = 60;
+  static constexpr int kMinRounds = 10;  // easing starts slowly: no change this early does not mean settled
+  static constexpr int kMaxRounds = 60;
 
   bool settled(const FrameReport& report);
   int rounds() const { return rounds_; }

@@ -37,7 +37,7 @@ void write(const std::string& folder, int64_t frame, const char* name, const ker
 FrameDump::FrameDump(std::string folder) : folder_(std::move(folder)) {
   std::error_code error;
   std::filesystem::create_directories(folder_, error);
-  if (error) throw ToolError(kExitFailed, "cannot make the folder " + folder_ + ": " + error.message());
+  if (error) throw ToolError(kExitFailed, "cannot create the folder " + folder_ + ": " + error.message());
 }
 
 void FrameDump::picture(int64_t frame, const char* name, const AVFrame& planar, int width, int height) const {
@@ -53,7 +53,7 @@ void checkMayDump(const std::string& folder, bool overwrite) {
   std::error_code ignored;
   if (folder.empty() || overwrite || !std::filesystem::exists(folder, ignored)) return;
   if (std::filesystem::is_directory(folder, ignored) && std::filesystem::is_empty(folder, ignored)) return;
-  throw ToolError(kExitUsage, folder + " exists and is no empty folder; give -y to write into it");
+  throw ToolError(kExitUsage, folder + " exists and is not an empty folder; -y writes into it");
 }
 
 }  // namespace noxel::tool

@@ -1,4 +1,4 @@
-// Each frame's pictures as BMP files, for a person who looks for a fault.
+// Each frame's pictures as BMP files, for debugging.
 #pragma once
 
 #include <cstdint>
@@ -8,21 +8,21 @@
 
 namespace noxel::tool {
 
-// Files are frame-000000-NAME.bmp and so on, each there only when it is whole. ToolError where one cannot be written.
+// Files are frame-000000-NAME.bmp and so on, never partial. ToolError when one cannot be written.
 class FrameDump {
  public:
-  explicit FrameDump(std::string folder);  // made when it is not there
+  explicit FrameDump(std::string folder);  // created if missing
 
-  // 24 bits. Planar, in the engine's colours, of which the upper left width x height pixels are written.
+  // 24-bit. `planar` is in the engine's colours; its top left width x height pixels are written.
   void picture(int64_t frame, const char* name, const AVFrame& planar, int width, int height) const;
-  // 8 bits.
+  // 8-bit.
   void grey(int64_t frame, const char* name, const uint8_t* pixels, int width, int height) const;
 
  private:
   std::string folder_;
 };
 
-// Usage error when the folder holds anything and may not be written into.
+// Usage error when the folder is not empty and must not be overwritten.
 void checkMayDump(const std::string& folder, bool overwrite);
 
 }  // namespace noxel::tool

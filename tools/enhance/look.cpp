@@ -9,14 +9,15 @@ namespace {
 
 struct Readers {
   const char* option;
-  const char* temporal;  // the modes that read it on this path; mode 4 knows no paths
+  const char* temporal;  // modes that read it on this path; mode 4 has one path
   const char* spatial;
 };
 
 constexpr Readers kReaders[] = {
-    {"--denoise", "0123", "0123"},
+    {"--denoise", "0123", "0123"},  //
     {"--strength", "13", "0123"},
     {"--exposure", "1", "1"},
+    {"--deghosting", "13", ""},
     {"--stabilize", "0123", ""},
     {"--overlay", "13", ""},
     {"--sharpening", "024", "04"},
@@ -28,7 +29,7 @@ constexpr Readers kReaders[] = {
     {"--no-warm-up", "1", "12"},
 };
 
-// As seen; the first row of a picture off-screen lies at the bottom of the engine's coordinates.
+// Flipped: off-screen, the first row of the picture is at y = -1 in the engine.
 void setQuad(unsigned id, std::vector<float> corners, _KRSuperResEngine* engine) {
   if (corners.empty()) return;
   for (size_t i = 1; i < corners.size(); i += 2) corners[i] = -corners[i];
@@ -50,7 +51,7 @@ void checkIsRead(const Look& look, const std::vector<std::string>& options) {
   for (const std::string& option : options) {
     if (isRead(look, option)) continue;
     const std::string path = look.mode() == kModeSynchronousRgba ? "" : " --denoise " + look.denoise;
-    throw ToolError(kExitUsage, option + " has no effect with --engine-mode " + std::to_string(look.mode()) + path +
+    throw ToolError(kExitUsage, option + " has no effect in --engine-mode " + std::to_string(look.mode()) + path +
                                     "; leave it out");
   }
 }
@@ -71,8 +72,9 @@ void setParameters(const Look& look, _KRSuperResEngine* engine) {
   set(kParamLightMode, look.spatial() ? 1 : 0);
   set(kParamNoiseReductionStrength, look.strength);
   set(kParamExposureStrength, look.exposure);
+  set(kParamDeghosting, look.deghosting);
   set(kParamFlipChroma, look.flipChroma ? 1 : 0);
-  if (look.mode() != kModeStabilize) set(kParamStabilization, look.stabilize ? 1 : 0);  // there it is on by itself
+  if (look.mode() != kModeStabilize) set(kParamStabilization, look.stabilize ? 1 : 0);  // it is always on there
   setQuad(kParamQuadB, look.enhancedQuad, engine);
   setQuad(kParamQuadA, look.untouchedQuad, engine);
 }

@@ -1,4 +1,4 @@
-// How the engine is asked to make a picture look, and which of it each of its modes reads.
+// The engine's parameters as the tool offers them, and which modes read which.
 #pragma once
 
 #include <string>
@@ -8,19 +8,22 @@
 
 namespace noxel::tool {
 
+// Above the engine's own 5: moving objects leave shorter trails, and static parts look the same.
+constexpr int kDefaultDeghosting = 8;
+
 struct Look {
   int engineMode = kModeEnhance;
-  bool neutralExposure = false;      // stands for kModeNeutralExposure
+  bool neutralExposure = false;      // the same as kModeNeutralExposure
   std::string denoise = "temporal";  // or "spatial": light mode 0 or 1
   int strength = 65;                 // 0..100, as the next three
   int exposure = 50;
   int sharpening = 2;
   int contrast = 30;
-  float zoom = 1.0f;  // 1..32
+  int deghosting = kDefaultDeghosting;  // 0..10
+  float zoom = 1.0f;                    // 1..32
   bool stabilize = false;
   bool flipChroma = false;
-  // Corners x, y in the order top left, bottom left, top right, bottom right; -1..1, y upwards. Empty: the whole picture,
-  // and none.
+  // Corners x, y: top left, bottom left, top right, bottom right; -1..1, y up. Empty: the whole picture; none.
   std::vector<float> enhancedQuad;
   std::vector<float> untouchedQuad;
 
@@ -28,11 +31,11 @@ struct Look {
   bool spatial() const { return denoise == "spatial"; }
 };
 
-// Usage error for the first of these options, by their names on the command line, that the look's mode and path do not read.
+// Usage error for the first of these options (names as on the command line) that the look's mode and path do not read.
 void checkIsRead(const Look& look, const std::vector<std::string>& options);
 bool isRead(const Look& look, const std::string& option);
 
-// Whether gamma and gain of the frame before matter to this one.
+// Whether gamma and gain ease from frame to frame.
 bool followsExposure(const Look& look);
 
 void setParameters(const Look& look, _KRSuperResEngine* engine);

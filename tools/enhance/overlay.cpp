@@ -18,9 +18,9 @@ constexpr Colour kRed = {76, 85, 255};
 constexpr Colour kPurple = {105, 212, 235};
 
 constexpr double kMaskOpacity = 0.5;
-constexpr double kFaintestMask = 0.05;  // what a mask of 8 bits holds of rounding lies below
-constexpr double kLongestTail = 1e4;    // pixels; a track longer than any picture has none
-constexpr int kMostTracks = 400;        // a picture holds more only as a carpet
+constexpr double kMinMask = 0.05;  // rounding of the 8-bit mask stays below
+constexpr double kMaxTail = 1e4;   // pixels; longer tracks are wrong and get no tail
+constexpr int kMaxTracks = 400;    // more would cover the picture
 
 struct Point {
   double x, y;
@@ -34,7 +34,7 @@ class Canvas {
   int width() const { return width_; }
   int height() const { return height_; }
 
-  // A square around a point, in pixels. What lies outside the picture is left out.
+  // A square around a point, in pixels, clipped to the picture.
   void square(Point centre, int side, Colour colour) {
     const int left = static_cast<int>(std::floor(centre.x - 0.5 * (side - 1)));
     const int top = static_cast<int>(std::floor(centre.y - 0.5 * (side - 1)));
@@ -50,7 +50,7 @@ class Canvas {
 
   void tintLuma(int x, int y, Colour colour, double opacity) { blend(&luma_[at(x, y)], colour.y, opacity); }
 
-  // x, y: of the pair of chroma samples.
+  // x, y: in chroma samples.
   void tintChroma(int x, int y, Colour colour, double opacity) {
     uint8_t* pair = chroma_ + at(2 * x, y);
     blend(&pair[0], colour.v, opacity);
@@ -64,12 +64,12 @@ class Canvas {
   }
 
   uint8_t* luma_;
-  uint8_t* chroma_;  // V, U pairs, a row of them as long as a row of luma
+  uint8_t* chroma_;  // V, U pairs, rows as long as luma rows
   int width_;
   int height_;
 };
 
-// Where stabilisation and the zoom about the middle put a point of the frame.
+// Frame to output picture: stabilisation, then zoom about the centre.
 Point inPicture(const FrameReport& report, int width, int height, double frameX, double frameY) {
   const float* s = report.stabilization;
   const double zoom = static_cast<double>(report.zoom);
@@ -81,7 +81,7 @@ Point inPicture(const FrameReport& report, int width, int height, double frameX,
 void drawTrack(Canvas* canvas, Point source, Point target, Colour colour) {
   const int thickness = 1 + canvas->height() / 720;
   const double length = std::hypot(target.x - source.x, target.y - source.y);
-  const int steps = length < kLongestTail ? static_cast<int>(std::ceil(length)) : 0;
+  const int steps = length < kMaxTail ? static_cast<int>(std::ceil(length)) : 0;
   for (int i = 0; i < steps; ++i) {
     const double share = static_cast<double>(i) / steps;
     canvas->square({source.x + share * (target.x - source.x), source.y + share * (target.y - source.y)}, thickness,
@@ -95,7 +95,7 @@ void drawTracks(Canvas* canvas, const Overlay& overlay) {
   const int width = canvas->width();
   const int height = canvas->height();
   const Colour colour = overlay.report.status > 0 ? kGreen : kRed;
-  const int cell = std::max(1, static_cast<int>(std::sqrt(static_cast<double>(width) * height / kMostTracks)));
+  const int cell = std::max(1, static_cast<int>(std::sqrt(static_cast<double>(width) * height / kMaxTracks)));
   const int columns = width / cell + 1;
   std::vector<bool> taken(static_cast<size_t>(columns) * static_cast<size_t>(height / cell + 1));
   for (const _KRMatch& track : overlay.tracks) {
@@ -112,7 +112,7 @@ void drawTracks(Canvas* canvas, const Overlay& overlay) {
   }
 }
 
-// The mask at a place of the picture (0..1 each way), interpolated as the blend reads it. 0..1.
+// The mask at (u, v) in 0..1, bilinear as the blend samples it. 0..1.
 double maskAt(const Overlay& overlay, double u, double v) {
   const double x = std::clamp(u * overlay.maskWidth - 0.5, 0.0, overlay.maskWidth - 1.0);
   const double y = std::clamp(v * overlay.maskHeight - 0.5, 0.0, overlay.maskHeight - 1.0);
@@ -132,7 +132,7 @@ double maskAt(const Overlay& overlay, double u, double v) {
 void drawMask(Canvas* canvas, const Overlay& overlay) {
   const auto opacityAt = [&](double x, double y) {
     const double held = maskAt(overlay, x / canvas->width(), y / canvas->height());
-    return held < kFaintestMask ? 0.0 : kMaskOpacity * held;
+    return held < kMinMask ? 0.0 : kMaskOpacity * held;
   };
   for (int y = 0; y < canvas->height(); ++y) {
     for (int x = 0; x < canvas->width(); ++x) canvas->tintLuma(x, y, kPurple, opacityAt(x + 0.5, y + 0.5));

@@ -1,4 +1,4 @@
-// How far the run is, on standard error.
+// Progress on standard error.
 #pragma once
 
 #include <chrono>
@@ -8,16 +8,16 @@
 
 namespace noxel::tool {
 
-// "frame 120/1500  24.0 fps  0:57 left"; without a total (0) neither it nor the time left.
+// "frame 120/1500  24.0 fps  0:57 left"; total 0: unknown, "frame 120  24.0 fps".
 std::string progressText(int64_t frame, int64_t total, double seconds);
 
-// A line that is refreshed on a terminal, a plain line every few seconds elsewhere, nothing when quiet. One thread.
+// On a terminal one line that is refreshed, elsewhere a line every few seconds; nothing when quiet. One thread.
 class Progress {
  public:
   Progress(bool quiet, bool terminal, int64_t total, std::FILE* out = stderr);
-  void restart() { printed_ = start_ = Clock::now(); }  // before the first frame; what came earlier is not counted
+  void restart() { printed_ = start_ = Clock::now(); }  // before the first frame, so that set-up is not counted
   void frameDone(int64_t frames);
-  void clear();  // takes the refreshed line away, so that another can be printed
+  void clear();  // erases the refreshed line before another is printed
   double seconds() const;
 
  private:

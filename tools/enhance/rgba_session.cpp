@@ -41,7 +41,7 @@ void RgbaSession::enhance(uint8_t* nv21, int64_t /*presentationUs*/) {
 
 FrameReport RgbaSession::report() const {
   FrameReport report;
-  report.status = -1;  // each picture by itself
+  report.status = -1;  // no registration
   return report;
 }
 

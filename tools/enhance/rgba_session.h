@@ -1,4 +1,4 @@
-// Engine mode 4 as the tool uses it: detail and contrast of packed RGBA, one picture at a time.
+// Engine mode 4: detail and contrast of packed RGBA, one picture at a time.
 #pragma once
 
 #include "enhance/engine_handle.h"
@@ -10,7 +10,7 @@ namespace noxel::tool {
 class RgbaEngine {
  public:
   RgbaEngine(int width, int height, const Look& look);
-  // A picture of the engine's size in AV_PIX_FMT_RGBA; alpha comes back as it was.
+  // AV_PIX_FMT_RGBA of the engine's size; alpha is kept.
   FramePtr enhanced(const AVFrame& rgba);
 
  private:
@@ -18,7 +18,7 @@ class RgbaEngine {
   std::vector<uint8_t> packed_;
 };
 
-// Frames of a clip through it. There is no motion to report and nothing to warm up.
+// The same for the frames of a clip. No motion, no warm-up.
 class RgbaSession : public Enhancer {
  public:
   explicit RgbaSession(const EnhancerSettings& settings);

@@ -1,4 +1,4 @@
-// What a run measured, frame by frame.
+// Measurements of a run, frame by frame.
 #pragma once
 
 #include <cstdint>
@@ -23,9 +23,9 @@ class Statistics {
   size_t count() const { return frames_.size(); }
   double meanLumaBefore() const;
   double meanLumaAfter() const;
-  double lostShare() const;  // of the frames whose motion was asked for, those without one; 0 where none was
+  double lostShare() const;  // of the frames with a previous one; 0 without such frames
 
-  // Members "summary" and "frames". `seconds`: wall-clock time from the first frame on, without the warm-up.
+  // Members "summary" and "frames". `seconds`: wall-clock time without set-up and warm-up.
   nlohmann::ordered_json json(double seconds) const;
 
  private:

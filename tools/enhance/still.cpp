@@ -21,11 +21,11 @@ namespace {
 
 void check(const EnhanceOptions& options) {
   if (options.look.mode() != kModeSynchronousRgba) {
-    throw ToolError(kExitUsage, options.output + " is a still picture, which takes --engine-mode 4");
+    throw ToolError(kExitUsage, options.output + " is a single picture, which needs --engine-mode 4");
   }
   for (const char* clipOnly : {"--stats", "--picture", "--picture-frame", "--dump-frames", "--crf", "--no-warm-up"}) {
     if (std::find(options.given.begin(), options.given.end(), clipOnly) == options.given.end()) continue;
-    throw ToolError(kExitUsage, std::string(clipOnly) + " is for clips; the output is a still picture");
+    throw ToolError(kExitUsage, std::string(clipOnly) + " is for clips; the output is a single picture");
   }
 }
 
@@ -52,7 +52,7 @@ int runStill(const EnhanceOptions& options) {
   VideoReader reader(options.input);
   const FramePtr given = reader.first();
   if (reader.next()) {
-    throw ToolError(kExitUsage, options.input + " has more than one frame; choose an output that ends in .mp4 or .mkv");
+    throw ToolError(kExitUsage, options.input + " has more than one frame; write .mp4 or .mkv");
   }
   FramePtr before = ColourConversion(*given).rgba(*given);
   const std::string turn = uprighting(reader.displayMatrix()).filters;
@@ -62,7 +62,7 @@ int runStill(const EnhanceOptions& options) {
   const std::vector<uint8_t> png = encodePng(hasAlpha(*given) ? *after : *withoutAlpha(*after));
   writeWholeFile(options.output, png.data(), png.size());
   if (options.quiet) return kExitFine;
-  std::fprintf(stderr, "one picture of %d x %d: %s\n", before->width, before->height, options.output.c_str());
+  std::fprintf(stderr, "one picture, %d x %d: %s\n", before->width, before->height, options.output.c_str());
   return kExitFine;
 }
 

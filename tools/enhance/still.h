@@ -5,9 +5,9 @@
 
 namespace noxel::tool {
 
-bool isStill(const std::string& outputPath);  // by its name: .png
+bool isStill(const std::string& outputPath);  // by its extension, .png
 
-// At the picture's own resolution and with its alpha, through engine mode 4. Returns the exit code, or throws a ToolError.
+// Through engine mode 4, at the picture's own size and with its alpha. Returns the exit code, or throws a ToolError.
 int runStill(const EnhanceOptions& options);
 
 }  // namespace noxel::tool

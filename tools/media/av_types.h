@@ -1,4 +1,4 @@
-// FFmpeg's objects with owners.
+// Owners for FFmpeg's objects.
 #pragma once
 
 extern "C" {
@@ -31,7 +31,7 @@ using SwsPtr = std::unique_ptr<SwsContext, AvDeleter>;
 
 constexpr AVRational kMicroseconds = {1, AV_TIME_BASE};
 
-// Throws std::bad_alloc, as everything here does without memory.
+// Throws std::bad_alloc on null, as everything here does when memory runs out.
 template <typename T>
 T* allocated(T* object) {
   if (object == nullptr) throw std::bad_alloc();
@@ -46,7 +46,7 @@ inline PacketPtr makePacket() {
   return PacketPtr(allocated(av_packet_alloc()));
 }
 
-// With a buffer of its own, contents undefined.
+// With its own, uninitialised buffer.
 inline FramePtr makePicture(int width, int height, AVPixelFormat format) {
   FramePtr frame = makeFrame();
   frame->width = width;
@@ -56,7 +56,7 @@ inline FramePtr makePicture(int width, int height, AVPixelFormat format) {
   return frame;
 }
 
-// A second owner of the same pixels.
+// Another reference to the same pixels.
 inline FramePtr share(const AVFrame& frame) {
   return FramePtr(allocated(av_frame_clone(&frame)));
 }

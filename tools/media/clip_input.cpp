@@ -10,6 +10,7 @@
 #include "media/nv21_frame.h"
 
 namespace noxel::tool {
+
 ClipInput::ClipInput(const std::string& path)
     : reader_(path),
       frame_(reader_.first()),
@@ -55,7 +56,7 @@ void checkOutputFiles(const std::string& input, const std::vector<std::string>& 
     }
     checkMayWrite(output, overwrite);
     if (!files.insert(std::filesystem::weakly_canonical(output, ignored)).second) {
-      throw ToolError(kExitUsage, output + " is asked for twice; choose another name for one of them");
+      throw ToolError(kExitUsage, output + " is given for two outputs; choose another name for one");
     }
   }
 }

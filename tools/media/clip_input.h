@@ -1,4 +1,4 @@
-// A clip frame by frame, in the form the engine takes.
+// A clip frame by frame, as the engine takes it.
 #pragma once
 
 #include <cstdint>
@@ -11,22 +11,21 @@
 
 namespace noxel::tool {
 
-// One thread. Stands on the first frame from the start.
+// Starts at the first frame. One thread.
 class ClipInput {
  public:
-  // ToolError when there is no first frame.
-  explicit ClipInput(const std::string& path);  // "-": Y4M on standard input
+  explicit ClipInput(const std::string& path);  // "-": Y4M on standard input. ToolError without a first frame
 
-  // To the next frame; false after the last or when a stop was requested: the last one stays in hand.
+  // Advances. False at the end or when a stop was requested; the last frame stays current.
   bool next();
 
-  // The frame in hand: as it was decoded; planar in the clip's own colours; and padded, in the engine's colours.
+  // The current frame: as decoded; planar in the clip's own colours; padded in the engine's colours.
   const AVFrame& frame() const { return *frame_; }
   const AVFrame& planar() const { return *planar_; }
   const AVFrame& engineFrame() const { return *engineFrame_; }
-  // The last as NV21, nv21Width() x nv21Height(); the caller's to change until next().
+  // engineFrame() as NV21, nv21Width() x nv21Height(); the caller may change it.
   std::vector<uint8_t>& nv21() { return nv21_; }
-  double seconds() const;  // time stamp in the clip, as the next
+  double seconds() const;  // time stamp, as the next
   int64_t microseconds() const;
 
   int width() const { return width_; }  // without the padding
@@ -55,8 +54,8 @@ class ClipInput {
   std::vector<uint8_t> nv21_;
 };
 
-// As checkMayWrite for each; a usage error, too, when one is the clip itself or two are the same file. Empty names and "-"
-// are no files.
+// checkMayWrite for each; also a usage error when one is the input or two are the same file. Empty names and "-" are
+// skipped.
 void checkOutputFiles(const std::string& input, const std::vector<std::string>& outputs, bool overwrite);
 
 }  // namespace noxel::tool

@@ -20,7 +20,7 @@ struct FormatPair {
   AVPixelFormat plain;
 };
 
-// libswscale takes the range of the "yuvj" formats from their name; here it is always said beside the format.
+// For "yuvj" formats libswscale takes the range from the format; here it is always passed explicitly.
 constexpr FormatPair kJpegFormats[] = {{AV_PIX_FMT_YUVJ420P, AV_PIX_FMT_YUV420P},
                                        {AV_PIX_FMT_YUVJ422P, AV_PIX_FMT_YUV422P},
                                        {AV_PIX_FMT_YUVJ444P, AV_PIX_FMT_YUV444P},
@@ -50,7 +50,7 @@ AVColorSpace usualMatrix(int width, int height) {
   return width >= 1280 || height > 576 ? AVCOL_SPC_BT709 : AVCOL_SPC_SMPTE170M;
 }
 
-// The name libavfilter's colorspace has for a matrix, null for one it cannot convert.
+// The matrix's name in libavfilter's colorspace; null if it cannot be converted.
 const char* filterName(AVColorSpace matrix) {
   switch (matrix) {
     case AVCOL_SPC_BT709:
@@ -73,7 +73,7 @@ const char* filterName(AVColorSpace matrix) {
 
 std::string conversion(const std::string& fromMatrix, const char* fromRange, const std::string& toMatrix,
                        const char* toRange) {
-  // Equal primaries and curves on both sides leave a matrix on coded values; colorspace refuses unspecified ones.
+  // Equal primaries and curves on both sides reduce it to a matrix on coded values; unspecified ones are refused.
   return "colorspace=ispace=" + fromMatrix + ":irange=" + fromRange + ":iprimaries=bt709:itrc=bt709:space=" + toMatrix +
          ":range=" + toRange + ":primaries=bt709:trc=bt709:format=yuv420p";
 }
@@ -114,7 +114,7 @@ FilterPass::FilterPass(int width, int height, const std::string& filters, AVPixe
   avfilter_inout_free(&outputs);
   if (result >= 0) result = avfilter_graph_config(graph_.get(), nullptr);
   if (result < 0) {
-    throw ToolError(kExitFailed, "the colour conversion \"" + filters + "\" cannot be set up: " + avErrorText(result));
+    throw ToolError(kExitFailed, "cannot set up the conversion \"" + filters + "\": " + avErrorText(result));
   }
   for (unsigned i = 0; i < graph_->nb_filters; ++i) {
     const std::string kind = graph_->filters[i]->filter->name;
@@ -129,7 +129,7 @@ FramePtr FilterPass::run(const AVFrame& frame) {
   FramePtr out = makeFrame();
   int result = av_buffersrc_add_frame(source_, in.get());
   if (result >= 0) result = av_buffersink_get_frame(sink_, out.get());
-  if (result < 0) throw ToolError(kExitFailed, "the colour conversion failed: " + avErrorText(result));
+  if (result < 0) throw ToolError(kExitFailed, "the conversion failed: " + avErrorText(result));
   return out;
 }
 
@@ -148,8 +148,8 @@ ColourConversion::ColourConversion(const AVFrame& first)
 
   const char* name = filterName(matrix_);
   if (name == nullptr) {
-    const char* stating = av_color_space_name(matrix_);
-    throw ToolError(kExitFailed, std::string("colour matrix \"") + (stating != nullptr ? stating : "unknown") +
+    const char* tag = av_color_space_name(matrix_);
+    throw ToolError(kExitFailed, std::string("colour matrix \"") + (tag != nullptr ? tag : "unknown") +
                                      "\" cannot be converted; convert the clip to BT.709 first");
   }
   const bool full = range_ == AVCOL_RANGE_JPEG;

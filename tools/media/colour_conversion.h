@@ -5,7 +5,7 @@
 
 namespace noxel::tool {
 
-// As a file states them; each may be "unspecified".
+// As tagged in the file; each may be "unspecified".
 struct ColourTags {
   AVColorSpace matrix = AVCOL_SPC_UNSPECIFIED;
   AVColorRange range = AVCOL_RANGE_UNSPECIFIED;
@@ -14,7 +14,7 @@ struct ColourTags {
   AVChromaLocation chromaLocation = AVCHROMA_LOC_UNSPECIFIED;
 };
 
-// A graph of libavfilter's through which frames of one size and format pass one by one.
+// A libavfilter graph for frames of one size and format.
 class FilterPass {
  public:
   FilterPass(int width, int height, const std::string& filters, AVPixelFormat format = AV_PIX_FMT_YUV420P);
@@ -27,20 +27,19 @@ class FilterPass {
   AVFilterContext* sink_ = nullptr;
 };
 
-//   planar     the clip's frame in 8-bit 4:2:0, otherwise its own size, matrix and range
-//   toEngine   a padded planar frame to the engine's colours
-//   fromEngine the way back
+//   planar      the clip's frame in 8-bit 4:2:0, with its own size, matrix and range
+//   toEngine    a padded planar frame to the engine's colours
+//   fromEngine  and back
 //
-// A matrix that is not stated is BT.709 for a width of 1280 and more or a height above 576, else BT.601; a range that
-// is not stated is limited, but full for the "yuvj" formats. RGB becomes limited range with that matrix. A clip in the
-// engine's own colours passes bit-exactly. Primaries and transfer curve stay what they are: the matrix alone is
-// changed, on the coded values.
+// Untagged: BT.709 from a width of 1280 or a height above 576, else BT.601; limited range, but full for the "yuvj" formats.
+// RGB becomes limited range with that matrix. A clip in the engine's own colours passes bit-exactly. Primaries and transfer
+// curve are kept: only the matrix changes, on the coded values.
 class ColourConversion {
  public:
-  // Takes tags and size from the clip's first frame; ToolError for a format or matrix that cannot be converted.
+  // Tags and size from the clip's first frame. ToolError when its format or matrix cannot be converted.
   explicit ColourConversion(const AVFrame& first);
 
-  // What the output is tagged with.
+  // Of the output.
   const ColourTags& tags() const { return tags_; }
   AVColorSpace matrix() const { return matrix_; }
   AVColorRange range() const { return range_; }
@@ -49,7 +48,7 @@ class ColourConversion {
   FramePtr toEngine(const AVFrame& planar);
   FramePtr fromEngine(const AVFrame& planar);
 
-  // Of a frame as it was decoded, with its alpha: AV_PIX_FMT_RGBA.
+  // A decoded frame as AV_PIX_FMT_RGBA, with its alpha.
   FramePtr rgba(const AVFrame& frame) const;
 
  private:
@@ -57,17 +56,17 @@ class ColourConversion {
   AVColorSpace matrix_;
   AVColorRange range_;
   AVPixelFormat scaledFormat_ = AV_PIX_FMT_NONE;
-  SwsPtr scaler_;  // for frames of scaledFormat_; null until one needs it
-  // Null where the clip has the engine's colours.
+  SwsPtr scaler_;  // for frames of scaledFormat_; null until needed
+  // Null when the clip has the engine's colours.
   std::unique_ptr<FilterPass> toEngine_;
   std::unique_ptr<FilterPass> fromEngine_;
 };
 
-// A planar frame in the engine's colours as packed RGB, and the way back.
+// A planar frame in the engine's colours to packed RGB, and back.
 FramePtr engineToRgb(const AVFrame& planar, AVPixelFormat format = AV_PIX_FMT_RGB24);
 FramePtr rgbToEngine(const AVFrame& rgb);
 
-// AV_PIX_FMT_RGB24 of AV_PIX_FMT_RGBA.
+// AV_PIX_FMT_RGBA to AV_PIX_FMT_RGB24.
 FramePtr withoutAlpha(const AVFrame& rgba);
 
 }  // namespace noxel::tool

@@ -1,8 +1,7 @@
 // Between FFmpeg's planar frames and the engine's NV21: a Y plane, then V,U pairs, no row padding.
 //
-// The engine packs four luma samples into a texel and halves the height for chroma, so a frame reaches it with its
-// right and bottom edges repeated up to a width divisible by 4 and an even height. "Planar" is AV_PIX_FMT_YUV420P
-// throughout.
+// The engine packs four luma samples into a texel and halves the height for chroma, so frames are padded to a width
+// divisible by 4 and an even height by repeating their edges. "Planar" is AV_PIX_FMT_YUV420P throughout.
 #pragma once
 
 #include <cstddef>
@@ -24,21 +23,20 @@ constexpr size_t nv21Size(int width, int height) {
   return static_cast<size_t>(width) * static_cast<size_t>(height) * 3 / 2;
 }
 
-// The frame at its padded size; the frame itself, shared, where it has that size already.
+// The padded frame; shares the pixels when no padding is needed.
 FramePtr padded(const AVFrame& planar);
 
-// Takes the padding off: the same pixels, seen at a smaller size.
+// Removes the padding, in place.
 void crop(AVFrame& planar, int width, int height);
 
-// Of a planar frame with a padded size.
+// Padded planar frames only.
 void packNv21(const AVFrame& planar, uint8_t* nv21);
 FramePtr unpackNv21(const uint8_t* nv21, int width, int height);
 
-// The columns left of the middle (rounded down to whole chroma samples) of `before` into `after`; both planar, one
-// size.
+// Copies the left half of `before` (rounded down to whole chroma samples) into `after`; both planar, of one size.
 void copyLeftHalf(const AVFrame& before, AVFrame& after);
 
-// Over the top left width * height samples of a Y plane with rows of `stride` bytes. 0..255.
+// Mean of the top left width x height samples of a Y plane. 0..255.
 double meanLuma(const uint8_t* luma, int stride, int width, int height);
 
 }  // namespace noxel::tool

@@ -22,7 +22,7 @@ std::vector<uint8_t> encodePng(const AVFrame& picture) {
   if (result >= 0) result = avcodec_send_frame(encoder.get(), &picture);
   if (result >= 0) result = avcodec_send_frame(encoder.get(), nullptr);
   if (result >= 0) result = avcodec_receive_packet(encoder.get(), packet.get());
-  if (result < 0) throw ToolError(kExitFailed, "the picture cannot be encoded: " + avErrorText(result));
+  if (result < 0) throw ToolError(kExitFailed, "cannot encode the picture: " + avErrorText(result));
   return {packet->data, packet->data + packet->size};
 }
 
@@ -37,7 +37,6 @@ std::vector<uint8_t> sideBySidePng(const AVFrame& before, const AVFrame& after) 
       row += halfBytes;
     }
   }
-
   return encodePng(*whole);
 }
 

@@ -1,4 +1,4 @@
-// Pictures as PNG, among them one frame before and after.
+// PNG pictures.
 #pragma once
 
 #include <cstdint>
@@ -12,10 +12,10 @@ namespace noxel::tool {
 // Of AV_PIX_FMT_RGB24 or RGBA.
 std::vector<uint8_t> encodePng(const AVFrame& picture);
 
-// Both of one size, planar, in the engine's colours; the result is twice as wide. PNG bytes.
+// Both planar, of one size, in the engine's colours; the PNG is twice as wide.
 std::vector<uint8_t> sideBySidePng(const AVFrame& before, const AVFrame& after);
 
-// The pair of one frame, or of the last one before it where the clip ends earlier.
+// Keeps frame `index` before and after; the last frame if the clip is shorter.
 class PictureKeeper {
  public:
   explicit PictureKeeper(int64_t index) : index_(index) {}

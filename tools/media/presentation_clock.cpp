@@ -4,16 +4,16 @@
 
 namespace noxel::tool {
 
-bool PresentationClock::isHole(int64_t intervalUs) const {
-  // A clip of a frame a second or less has an interval above a second each time.
-  const bool aboveSecond = intervalUs > kHoleUs && intervalUs > 2 * nominalIntervalUs_;
-  return aboveSecond || intervalUs > kHoleIntervals * nominalIntervalUs_;
+bool PresentationClock::isGap(int64_t intervalUs) const {
+  // At one frame per second or less every interval is that long.
+  const bool aboveSecond = intervalUs > kGapUs && intervalUs > 2 * nominalIntervalUs_;
+  return aboveSecond || intervalUs > kGapIntervals * nominalIntervalUs_;
 }
 
 int64_t PresentationClock::stepFor(int64_t intervalUs) const {
-  if (isHole(intervalUs)) return std::max(intervalUs, kBreakStepUs);
+  if (isGap(intervalUs)) return std::max(intervalUs, kBreakStepUs);
   if (nominalIntervalUs_ >= kSlowClipUs) return kCameraStepUs;
-  return std::clamp<int64_t>(intervalUs, 1, kLongestStepUs);
+  return std::clamp<int64_t>(intervalUs, 1, kMaxStepUs);
 }
 
 void PresentationClock::show(int64_t presentationUs) {

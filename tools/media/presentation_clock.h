@@ -1,4 +1,4 @@
-// The time of day the engine is shown while it works through a file.
+// The time of day that the engine sees while it processes a file.
 #pragma once
 
 #include <cstdint>
@@ -7,36 +7,36 @@
 
 namespace noxel::tool {
 
-// The engine takes a step of more than 200 ms for a break in the sequence (1500 ms for its first two frames) and starts
-// afresh. A file is no camera: its frames come as late as the file says, and only a real hole shall be a break.
+// The engine restarts its sequence after a step of more than 200 ms (1500 ms for its first two frames). In a file only a
+// real gap should do that, not a low or uneven frame rate.
 //
-//   interval of two frames                             step of the clock
-//   above five nominal intervals, or above 1 s where
-//   that is no interval of the clip's own              the interval, at least 1600 ms: a break
-//   else, nominal interval 200 ms or more              33 ms, as a camera's
-//   else                                               the interval, at most 199 ms
+//   interval between frames                            clock step
+//   a gap: above five nominal intervals, or
+//   above 1 s and above two nominal intervals          the interval, min 1600 ms: a break
+//   else, nominal interval 200 ms or more              33 ms, as from a camera
+//   else                                               the interval, max 199 ms
 //
 // One thread.
 class PresentationClock {
  public:
   static constexpr int64_t kCameraStepUs = 33'000;
   static constexpr int64_t kSlowClipUs = 200'000;
-  static constexpr int64_t kLongestStepUs = 199'000;
-  static constexpr int64_t kHoleUs = 1'000'000;
-  static constexpr int kHoleIntervals = 5;
+  static constexpr int64_t kMaxStepUs = 199'000;
+  static constexpr int64_t kGapUs = 1'000'000;
+  static constexpr int kGapIntervals = 5;
   static constexpr int64_t kBreakStepUs = 1'600'000;
 
   explicit PresentationClock(int64_t nominalIntervalUs) : nominalIntervalUs_(nominalIntervalUs) {}
 
-  // The next frame, presented at this time of the clip. The first one starts a sequence.
+  // Steps to the next frame, at this time in the clip. The first one starts a sequence.
   void show(int64_t presentationUs);
-  // The frame shown last, once more.
+  // Steps by a camera's interval: the same frame again.
   void repeat();
-  // The next frame starts a sequence, whatever its time.
+  // Makes the next frame start a sequence.
   void restart() { startsSequence_ = true; }
 
   int64_t stepFor(int64_t intervalUs) const;
-  bool isHole(int64_t intervalUs) const;
+  bool isGap(int64_t intervalUs) const;
   platform::TimeOfDay now() const;
 
   // For platform::setFrameClock; `clock` is a PresentationClock.
@@ -44,7 +44,7 @@ class PresentationClock {
 
  private:
   int64_t nominalIntervalUs_;
-  // Starts late enough for the first frame to be a break after "never" (0), whatever the engine's process did before.
+  // Far from the engine's initial time of 0, so that the first frame is a break.
   int64_t nowUs_ = 1'000'000'000;
   int64_t shownUs_ = 0;
   bool startsSequence_ = true;

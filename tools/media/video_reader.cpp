@@ -20,17 +20,17 @@ extern "C" {
 namespace noxel::tool {
 namespace {
 
-constexpr double kHighestRate = 1000.0;  // frames per second; above it a stated rate is a clock, no frame rate
+constexpr double kMaxRate = 1000.0;  // frames per second; higher rates are clock rates
 
 int onInterrupt(void*) {
   return stopRequested() ? 1 : 0;
 }
 
 bool plausible(AVRational rate) {
-  return rate.num > 0 && rate.den > 0 && av_q2d(rate) <= kHighestRate;
+  return rate.num > 0 && rate.den > 0 && av_q2d(rate) <= kMaxRate;
 }
 
-// A damaged clip has tags with numbers that are no tags, and decoders pass them on: not even to be loaded as such.
+// Decoders pass on invalid tags of damaged clips. Loading such a value as its enum is undefined: read it as an int.
 template <typename Tag>
 void keepKnown(Tag& tag, Tag count, Tag unspecified) {
   int number = 0;
@@ -47,7 +47,7 @@ void keepKnownTags(AVFrame& frame) {
   keepKnown(frame.chroma_location, AVCHROMA_LOC_NB, AVCHROMA_LOC_UNSPECIFIED);
 }
 
-// All of FFmpeg's kinds of input but those that are lists of other files: a clip is one file, whatever it says.
+// All demuxers but those that open other files: a clip is one file.
 std::string singleFileFormats() {
   static constexpr const char* kLists = "concat,dash,hls,imf,mlv,rtp,rtsp,sdp,vobsub,webm_dash_manifest";
   std::string names;
@@ -88,12 +88,12 @@ void VideoReader::open(const std::string& path, const std::string& format) {
   if (!format.empty()) {
     avdevice_register_all();
     forced = av_find_input_format(format.c_str());
-    if (forced == nullptr) throw ToolError(kExitUnreadable, "this FFmpeg has no input of the kind " + format);
+    if (forced == nullptr) throw ToolError(kExitUnreadable, "this FFmpeg has no input format " + format);
   }
   format_ = allocated(avformat_alloc_context());
   format_->interrupt_callback.callback = onInterrupt;
   std::error_code ignored;
-  // A name with a colon in it is still a file's when there is such a file; a device's is its own.
+  // An existing file with a colon in its name is not a URL; a device's name is not a path.
   const bool device = forced != nullptr && (forced->flags & AVFMT_NOFILE) != 0;
   const bool file = !device && std::filesystem::exists(path, ignored);
   const std::string url = path == "-" ? "pipe:0" : file ? "file:" + path : path;
@@ -102,13 +102,15 @@ void VideoReader::open(const std::string& path, const std::string& format) {
   if (result >= 0) result = avformat_find_stream_info(format_, nullptr);
   if (result >= 0) return;
   if (stopRequested()) throw ToolError(kExitFailed, "stopped before the first frame; nothing was written");
-  const char* remedy = path == "-" ? "; standard input must be Y4M" : format.empty() ? "; is it a video file?" : "";
-  // FFmpeg's demuxers return any number for a header they cannot use, also one the system has another meaning for.
+  // For a bad header some demuxers return arbitrary numbers, which may be some other system error.
   const bool opened = path == "-" || (file && access(path.c_str(), R_OK) == 0);
   const bool ofReading =
       result == AVERROR(EIO) || result == AVERROR(ENOMEM) || result == AVERROR(EBADF) || result == AVERROR(EISDIR);
-  const std::string reason = avErrorText(opened && !ofReading ? AVERROR_INVALIDDATA : result);
-  throw ToolError(kExitUnreadable, "cannot read " + name_ + ": " + reason + remedy);
+  if (opened && !ofReading) result = AVERROR_INVALIDDATA;
+  const char* remedy = "";
+  if (path == "-") remedy = "; standard input must be Y4M";
+  if (file && format.empty() && result == AVERROR_INVALIDDATA) remedy = "; is it a video file?";
+  throw ToolError(kExitUnreadable, "cannot read " + name_ + ": " + avErrorText(result) + remedy);
 }
 
 void VideoReader::selectStreams() {
@@ -138,7 +140,7 @@ void VideoReader::selectStreams() {
 
 void VideoReader::openDecoder() {
   if (stream_->codecpar->codec_id == AV_CODEC_ID_NONE) {
-    throw ToolError(kExitUnreadable, name_ + " does not tell what its video is coded in");
+    throw ToolError(kExitUnreadable, name_ + ": unknown video codec");
   }
   const AVCodec* codec = avcodec_find_decoder(stream_->codecpar->codec_id);
   if (codec == nullptr) {
@@ -147,8 +149,8 @@ void VideoReader::openDecoder() {
   decoder_.reset(allocated(avcodec_alloc_context3(codec)));
   int result = avcodec_parameters_to_context(decoder_.get(), stream_->codecpar);
   decoder_->pkt_timebase = stream_->time_base;
-  decoder_->thread_count = 0;                           // as many as there are cores
-  if (live()) decoder_->thread_type = FF_THREAD_SLICE;  // threads by frame hold frames back
+  decoder_->thread_count = 0;                           // one per core
+  if (live()) decoder_->thread_type = FF_THREAD_SLICE;  // frame threads delay frames
   if (result >= 0) result = avcodec_open2(decoder_.get(), codec, nullptr);
   if (result < 0)
     throw ToolError(kExitUnreadable, name_ + ": cannot decode " + codecName() + ": " + avErrorText(result));
@@ -178,7 +180,7 @@ FramePtr VideoReader::first() {
   FramePtr frame = next();
   if (frame) return frame;
   if (stopRequested()) throw ToolError(kExitFailed, "stopped before the first frame; nothing was written");
-  throw ToolError(kExitUnreadable, "no frame of " + name_ + " can be decoded");
+  throw ToolError(kExitUnreadable, "cannot decode any frame of " + name_);
 }
 
 void VideoReader::checkSize(const AVFrame& frame) {
@@ -193,7 +195,7 @@ void VideoReader::checkSize(const AVFrame& frame) {
   const auto size = [](int width, int height) { return std::to_string(width) + "x" + std::to_string(height); };
   throw ToolError(kExitFailed, "frame " + std::to_string(index) + " changes the size from " + size(width_, height_) +
                                    " to " + size(frame.width, frame.height) +
-                                   "; cut the clip there and take the parts one by one");
+                                   "; cut the clip there and process the parts separately");
 }
 
 void VideoReader::feedDecoder() {
@@ -220,7 +222,7 @@ void VideoReader::feedDecoder() {
   }
 }
 
-// A frame without a time follows the one before at the nominal interval; a time that does not rise is moved behind it.
+// A missing time stamp is the previous plus the nominal interval; one that does not increase becomes previous plus 1.
 void VideoReader::stamp(AVFrame& frame) {
   const int64_t interval = std::max<int64_t>(1, av_rescale_q(1, av_inv_q(frameRate_), stream_->time_base));
   const bool stated = frame.best_effort_timestamp != AV_NOPTS_VALUE;
@@ -255,7 +257,7 @@ int64_t VideoReader::expectedFrames() const {
 }
 
 AVRational VideoReader::sampleAspectRatio(const AVFrame& frame) const {
-  // Declared without const, but only reads.
+  // Takes a non-const pointer, but only reads.
   return av_guess_sample_aspect_ratio(format_, stream_, &const_cast<AVFrame&>(frame));
 }
 
@@ -267,7 +269,7 @@ std::optional<DisplayMatrix> VideoReader::displayMatrix() const {
 
 Uprighting uprighting(const std::optional<DisplayMatrix>& matrix) {
   if (!matrix) return {"", false};
-  // A picture's x goes to (a, b) on the screen, its y to (c, d).
+  // Maps the picture's x axis to (a, b) on the screen, y to (c, d).
   const int64_t a = (*matrix)[0], b = (*matrix)[1], c = (*matrix)[3], d = (*matrix)[4];
   if (std::abs(a) + std::abs(d) >= std::abs(b) + std::abs(c)) {
     const char* flips[2][2] = {{"", "vflip"}, {"hflip", "hflip,vflip"}};

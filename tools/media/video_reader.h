@@ -13,31 +13,30 @@ namespace noxel::tool {
 
 using DisplayMatrix = std::array<int32_t, 9>;
 
-// The libavfilter filters that bring a picture with this matrix upright, and whether they trade width and height; no filters
-// for one that is. Angles between quarter turns are taken as the nearest one.
+// libavfilter filters that turn a picture with this matrix upright (empty if it is), and whether they swap width and height.
+// Angles are rounded to quarter turns.
 struct Uprighting {
   std::string filters;
   bool swapsSides;
 };
 Uprighting uprighting(const std::optional<DisplayMatrix>& matrix);
 
-// One thread. Every failure is a ToolError, where nothing else is said with kExitUnreadable.
+// One thread. Every failure is a ToolError, kExitUnreadable unless stated.
 class VideoReader {
  public:
-  // "-": Y4M on standard input. `format`: FFmpeg's name of the input's kind, devices included; empty: told by the path.
+  // "-": Y4M on standard input. `format`: an FFmpeg input format or device; empty: detected.
   explicit VideoReader(const std::string& path, const std::string& format = "");
   ~VideoReader();
   VideoReader(const VideoReader&) = delete;
   VideoReader& operator=(const VideoReader&) = delete;
 
-  // The next frame in order of presentation, null at the end or when a stop was requested. `pts` is in timeBase() and
-  // rises from frame to frame; `pkt_duration` is in timeBase() too, 0 when unknown. All have one size: another is a
-  // ToolError with kExitFailed.
+  // The next frame in presentation order; null at the end or when a stop was requested. `pts` is in timeBase() and strictly
+  // increasing; `pkt_duration` is in timeBase(), 0 when unknown. A change of size is a ToolError, kExitFailed.
   FramePtr next();
-  // The same for a caller that cannot do without one: ToolError, with kExitFailed when the user stopped before it.
+  // The first frame, never null: ToolError, kExitFailed when stopped by the user.
   FramePtr first();
 
-  // The audio packets that were met since the last call, `stream_index` being the place in audioStreams().
+  // Audio packets read since the last call; `stream_index` is an index into audioStreams().
   std::vector<PacketPtr> takeAudio();
 
   AVRational timeBase() const { return stream_->time_base; }
@@ -45,13 +44,13 @@ class VideoReader {
   int64_t nominalIntervalUs() const;
   int64_t expectedFrames() const;  // 0: unknown
   AVRational sampleAspectRatio(const AVFrame& frame) const;
-  std::optional<DisplayMatrix> displayMatrix() const;  // the stream's, else the first frame's, as photos have it
+  std::optional<DisplayMatrix> displayMatrix() const;  // the stream's, else the first frame's (photos)
   const std::vector<const AVStream*>& audioStreams() const { return audioStreams_; }
   const AVDictionary* metadata() const { return format_->metadata; }
   std::string codecName() const { return avcodec_get_name(stream_->codecpar->codec_id); }
   int damagedPackets() const { return damagedPackets_; }
-  bool lateAudio() const { return lateAudio_; }  // audio was met that begins in mid-clip, and passed over
-  bool live() const;                             // a camera or screen, which gives a frame when it has one
+  bool lateAudio() const { return lateAudio_; }  // audio that starts in mid-clip was dropped
+  bool live() const;                             // a camera or screen
 
  private:
   void open(const std::string& path, const std::string& format);
@@ -61,7 +60,7 @@ class VideoReader {
   void stamp(AVFrame& frame);
   void checkSize(const AVFrame& frame);
 
-  std::string name_;  // as error messages call it
+  std::string name_;  // for messages
   AVFormatContext* format_ = nullptr;
   AVStream* stream_ = nullptr;  // owned by format_, as audioStreams_
   CodecPtr decoder_;

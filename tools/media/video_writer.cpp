@@ -16,18 +16,18 @@ namespace {
 
 constexpr char kY4m[] = "yuv4mpegpipe";
 constexpr int kMpeg4Quantiser = 2;  // near lossless; the scale ends at 31
-constexpr int64_t kLargestTimescale = 1'000'000'000;
+constexpr int64_t kMaxTimescale = 1'000'000'000;
 
 void check(int result, const std::string& what) {
   if (result < 0) throw ToolError(kExitFailed, what + ": " + avErrorText(result));
 }
 
-// Exact start times in an MP4 need a movie clock in which the starts of all tracks are whole.
+// Start times in an MP4 are exact when the movie's timescale is a multiple of every track's.
 int64_t movieTimescale(AVRational videoTimeBase, const std::vector<const AVStream*>& audio) {
   int64_t scale = videoTimeBase.den;
   for (const AVStream* stream : audio) {
     const int64_t both = std::lcm(scale, static_cast<int64_t>(stream->time_base.den));
-    if (both <= kLargestTimescale) scale = both;
+    if (both <= kMaxTimescale) scale = both;
   }
   return std::max<int64_t>(scale, 1000);
 }
@@ -74,8 +74,8 @@ void VideoWriter::addVideo(const OutputSettings& settings) {
   } else if (settings.width % 2 == 0 && settings.height % 2 == 0) {
     names = {"libx264", "libopenh264", "mpeg4"};
   } else {
-    names = {"mpeg4"};  // H.264 in 4:2:0 has even sizes only
-    notes_.push_back("H.264 has no odd sizes; the video is written as MPEG-4 Part 2");
+    names = {"mpeg4"};  // H.264 in 4:2:0 needs even sizes
+    notes_.push_back("H.264 needs an even size; the video is written as MPEG-4 Part 2");
   }
   for (const std::string& name : names) {
     const AVCodec* codec = avcodec_find_encoder_by_name(name.c_str());
@@ -85,10 +85,10 @@ void VideoWriter::addVideo(const OutputSettings& settings) {
     throw ToolError(kExitFailed, "this FFmpeg has no H.264 or MPEG-4 encoder for " + std::to_string(settings.width) +
                                      "x" + std::to_string(settings.height) + "; write .y4m and encode it elsewhere");
   }
-  if (encoderName_ != names.front()) notes_.push_back(names.front() + " cannot be used; encoded by " + encoderName_);
+  if (encoderName_ != names.front()) notes_.push_back(names.front() + " is not available; encoded by " + encoderName_);
 
   video_ = allocated(avformat_new_stream(format_, nullptr));
-  check(avcodec_parameters_from_context(video_->codecpar, encoder_.get()), "cannot describe the video");
+  check(avcodec_parameters_from_context(video_->codecpar, encoder_.get()), "cannot set up the video stream");
   video_->codecpar->chroma_location = settings.tags.chromaLocation;
   video_->time_base = countsFrames_ && container_ == kY4m ? encoder_->time_base : settings.timeBase;
   video_->avg_frame_rate = settings.frameRate;
@@ -98,7 +98,7 @@ void VideoWriter::addVideo(const OutputSettings& settings) {
     uint8_t* data = allocated(av_stream_new_side_data(video_, AV_PKT_DATA_DISPLAYMATRIX, sizeof(DisplayMatrix)));
     std::copy_n(reinterpret_cast<const uint8_t*>(settings.displayMatrix->data()), sizeof(DisplayMatrix), data);
   } else {
-    notes_.push_back("the clip's rotation cannot be kept in this container; .mp4 keeps it");
+    notes_.push_back("this container cannot hold the clip's rotation; .mp4 can");
   }
 }
 
@@ -118,7 +118,7 @@ bool VideoWriter::openEncoder(const AVCodec* codec, const OutputSettings& settin
   encoder->framerate = settings.frameRate;
   encoder->time_base = settings.timeBase;
   if (countsFrames_) {
-    // MPEG-4 holds a clock of 16 bits.
+    // MPEG-4 has a 16-bit clock.
     AVRational rate = settings.frameRate;
     if (name == "mpeg4") av_reduce(&rate.num, &rate.den, rate.num, rate.den, 65535);
     encoder->time_base = av_inv_q(rate);
@@ -141,7 +141,7 @@ bool VideoWriter::openEncoder(const AVCodec* codec, const OutputSettings& settin
 void VideoWriter::addAudio(const OutputSettings& settings) {
   if (settings.audio.empty()) return;
   if (container_ == kY4m) {
-    notes_.push_back("Y4M holds no audio; it is left out");
+    notes_.push_back("Y4M cannot hold audio; it is dropped");
     return;
   }
   for (const AVStream* source : settings.audio) {
@@ -149,7 +149,7 @@ void VideoWriter::addAudio(const OutputSettings& settings) {
     audioTimes_.push_back(std::numeric_limits<int64_t>::min());
     const AVCodecID id = source->codecpar->codec_id;
     if (id == AV_CODEC_ID_NONE || source->codecpar->sample_rate <= 0 || source->codecpar->ch_layout.nb_channels <= 0) {
-      notes_.push_back("the input does not tell the kind, rate or channels of an audio stream; it is left out");
+      notes_.push_back("an audio stream without codec, sample rate or channels is dropped");
       audio_.push_back(nullptr);
       continue;
     }
@@ -158,8 +158,8 @@ void VideoWriter::addAudio(const OutputSettings& settings) {
                                       format_->oformat->name + "; write an .mkv instead");
     }
     AVStream* stream = allocated(avformat_new_stream(format_, nullptr));
-    check(avcodec_parameters_copy(stream->codecpar, source->codecpar), "cannot describe the audio");
-    stream->codecpar->codec_tag = 0;  // the input container's; the output's own is found by codec
+    check(avcodec_parameters_copy(stream->codecpar, source->codecpar), "cannot set up the audio stream");
+    stream->codecpar->codec_tag = 0;  // drop the input container's; the muxer finds its own
     stream->time_base = source->time_base;
     stream->disposition = source->disposition;
     av_dict_copy(&stream->metadata, source->metadata, 0);
@@ -170,7 +170,7 @@ void VideoWriter::addAudio(const OutputSettings& settings) {
 void VideoWriter::writeHeader(const OutputSettings& settings) {
   av_dict_copy(&format_->metadata, settings.metadata, 0);
   for (const char* key : {"major_brand", "minor_version", "compatible_brands", "encoder"}) {
-    av_dict_set(&format_->metadata, key, nullptr, 0);  // facts of the input's container
+    av_dict_set(&format_->metadata, key, nullptr, 0);  // describe the input's container
   }
   std::string url = "pipe:1";
   if (settings.path != "-") {
@@ -178,12 +178,12 @@ void VideoWriter::writeHeader(const OutputSettings& settings) {
     url = "file:" + file_->temporaryPath();
   }
   check(avio_open(&format_->pb, url.c_str(), AVIO_FLAG_WRITE), "cannot write " + name_);
-  // Audio that starts before zero (a coder's priming) must not move the video.
+  // Audio that starts before zero (encoder priming) must not shift the video.
   format_->avoid_negative_ts = AVFMT_AVOID_NEG_TS_DISABLED;
   AVDictionary* options = nullptr;
   if (container_ == "mp4") {
     av_dict_set_int(&options, "movie_timescale", movieTimescale(settings.timeBase, settings.audio), 0);
-    // H.264 tells its colours itself.
+    // H.264 carries its colour tags itself.
     if (encoderName_ == "mpeg4") av_dict_set(&options, "movflags", "+write_colr", 0);
   }
   const int result = avformat_write_header(format_, &options);
@@ -196,14 +196,14 @@ void VideoWriter::writeHeader(const OutputSettings& settings) {
 void VideoWriter::write(const AVFrame& planar, int64_t pts, int64_t duration) {
   const int64_t interval = lastPts_ == AV_NOPTS_VALUE ? 0 : pts - lastPts_;
   if (firstInterval_ == 0) firstInterval_ = interval;
-  // One tick either way is the rounding of a clock that does not divide the interval.
+  // Allow a tick of rounding.
   variableRate_ = variableRate_ || interval > firstInterval_ + 1 || interval + 1 < firstInterval_;
   lastPts_ = pts;
 
   const Stamp stamp = {pts, duration > 0 ? duration : nominalDuration_};
   FramePtr frame = share(planar);
   frame->pts = pts;
-  frame->pict_type = AV_PICTURE_TYPE_NONE;  // the encoder's choice, not the decoder's
+  frame->pict_type = AV_PICTURE_TYPE_NONE;  // the encoder decides
   frame->colorspace = encoder_->colorspace;
   frame->color_range = encoder_->color_range;
   frame->color_primaries = encoder_->color_primaries;
@@ -251,7 +251,7 @@ void VideoWriter::writeAudio(AVPacket& packet) {
   AVStream* stream = audio_.at(place);
   if (stream == nullptr) return;
   av_packet_rescale_ts(&packet, audioTimeBases_.at(place), stream->time_base);
-  // A damaged or joined clip has times that are missing or go back, which no container takes.
+  // Damaged or joined clips have missing or decreasing time stamps, which no container accepts.
   int64_t& next = audioTimes_.at(place);
   if (packet.dts == AV_NOPTS_VALUE) packet.dts = packet.pts;
   packet.dts = packet.dts == AV_NOPTS_VALUE ? std::max<int64_t>(next, 0) : std::max(packet.dts, next);
@@ -264,7 +264,7 @@ void VideoWriter::writeAudio(AVPacket& packet) {
 
 void VideoWriter::writePacket(AVPacket& packet) {
   const int result = av_interleaved_write_frame(format_, &packet);
-  // Matroska's packets are taken on a full disk, too, until the end of the file.
+  // On a full disk Matroska's muxer reports no error until the end.
   check(format_->pb->error, "cannot write " + name_);
   if (result >= 0) return;
   const char* remedy = container_ == "mp4" && !audio_.empty() ? "; an .mkv may hold the audio" : "";
@@ -278,7 +278,7 @@ void VideoWriter::finish() {
   check(avio_closep(&format_->pb), "cannot finish " + name_);
   if (file_) file_->commit();
   if (container_ == kY4m && variableRate_) {
-    notes_.push_back("Y4M has one frame rate; the clip's uneven time stamps are lost, .mp4 or .mkv keeps them");
+    notes_.push_back("Y4M has a fixed frame rate; the clip's variable time stamps are lost, .mp4 or .mkv keeps them");
   }
 }
 

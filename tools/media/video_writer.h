@@ -16,7 +16,7 @@
 
 namespace noxel::tool {
 
-// FFmpeg's name of the container an output is written in; usage error for an extension that is none of ours.
+// FFmpeg's name of the container, by extension; usage error for an unknown one.
 std::string containerOf(const std::string& path);
 
 struct OutputSettings {
@@ -33,8 +33,8 @@ struct OutputSettings {
   const AVDictionary* metadata = nullptr;
 };
 
-// The file stands under its name after finish() and not before. One thread. Failures are ToolErrors: kExitUsage when
-// the container cannot hold the audio, else kExitFailed.
+// The file appears under its name in finish(). One thread. Failures are ToolErrors: kExitUsage when the container cannot
+// hold the audio, else kExitFailed.
 class VideoWriter {
  public:
   explicit VideoWriter(const OutputSettings& settings);
@@ -43,11 +43,11 @@ class VideoWriter {
   VideoWriter& operator=(const VideoWriter&) = delete;
 
   void write(const AVFrame& planar, int64_t pts, int64_t duration);  // duration 0: the nominal interval
-  void writeAudio(AVPacket& packet);  // stream_index: place in settings.audio; takes the packet's contents
+  void writeAudio(AVPacket& packet);  // stream_index: index into settings.audio; consumes the packet
   void finish();
 
   const std::string& encoderName() const { return encoderName_; }
-  // What the output could not take over, for the user.
+  // For the user: what the output cannot hold.
   const std::vector<std::string>& notes() const { return notes_; }
 
  private:
@@ -64,19 +64,19 @@ class VideoWriter {
   void writePacket(AVPacket& packet);
 
   std::string container_;
-  std::string name_;                   // as error messages call it
+  std::string name_;                   // for messages
   std::unique_ptr<PendingFile> file_;  // null for standard output
   AVFormatContext* format_ = nullptr;
   CodecPtr encoder_;
   std::string encoderName_;
   AVStream* video_ = nullptr;
-  std::vector<AVStream*> audio_;            // empty where all audio is left out, null for a stream that is
-  std::vector<AVRational> audioTimeBases_;  // of the packets handed in
-  std::vector<int64_t> audioTimes_;         // each stream's earliest for its next packet
+  std::vector<AVStream*> audio_;            // empty when all audio is dropped, null for a dropped stream
+  std::vector<AVRational> audioTimeBases_;  // of the input packets
+  std::vector<int64_t> audioTimes_;         // min dts of each stream's next packet
   AVRational timeBase_;
   int64_t nominalDuration_;
-  // Encoders that need a clock of their own count frames: their packets come in the order of the frames and take the
-  // stamps back from here. The others keep the frames' own clock, and only durations are looked up by time.
+  // Encoders with a fixed frame rate count frames: packets come in frame order and take their time stamps from stamps_. The
+  // others keep the frames' clock; only durations are looked up by pts.
   bool countsFrames_ = false;
   int64_t frameCount_ = 0;
   std::deque<Stamp> stamps_;

@@ -16,9 +16,9 @@ ToolError sdlError(const std::string& what) {
   return ToolError(kExitFailed, what + ": " + SDL_GetError());
 }
 
-Size roomOnDesktop(Size otherwise) {
+Size desktopSize(Size fallback) {
   SDL_Rect bounds;
-  if (SDL_GetDisplayUsableBounds(0, &bounds) != 0 || bounds.w < 1 || bounds.h < 1) return otherwise;
+  if (SDL_GetDisplayUsableBounds(0, &bounds) != 0 || bounds.w < 1 || bounds.h < 1) return fallback;
   return {bounds.w, bounds.h};
 }
 
@@ -28,16 +28,17 @@ SdlVideo::SdlVideo() {
   SDL_SetMainReady();
   SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
   SDL_SetHint(SDL_HINT_VIDEO_X11_NET_WM_BYPASS_COMPOSITOR, "0");
-  // SDL is asked for X11 also where it would prefer Wayland, whose windows are no plain numbers.
+  // Not Wayland: the engine takes an X11 window id.
   SDL_SetHintWithPriority(SDL_HINT_VIDEODRIVER, "x11", SDL_HINT_OVERRIDE);
   if (SDL_Init(SDL_INIT_VIDEO) != 0) {
     const char* display = std::getenv("DISPLAY");
-    const bool named = display != nullptr && display[0] != '\0';
-    throw sdlError(named ? std::string("no window can be opened on the X11 display ") + display
-                         : "there is no X11 display to open a window on; DISPLAY is not set");
+    if (display == nullptr || display[0] == '\0') {
+      throw ToolError(kExitFailed, "no X11 display to open a window on; DISPLAY is not set");
+    }
+    throw sdlError(std::string("cannot open a window on the X11 display ") + display);
   }
-  SDL_StopTextInput();  // keys are commands here; an input method would keep some back
-  // The engine's display must be of the same kind as the window.
+  SDL_StopTextInput();  // an input method would swallow some keys
+  // The engine must open the same kind of display as the window's.
   if (const char* before = std::getenv("EGL_PLATFORM"); before != nullptr) eglPlatformBefore_ = before;
   setenv("EGL_PLATFORM", "x11", 1);
 }
@@ -59,10 +60,10 @@ Size fitInto(Size size, Size limit) {
 }
 
 SdlWindow::SdlWindow(const std::string& title, Size size) {
-  const Size fitting = fitInto(size, roomOnDesktop(size));
+  const Size fitting = fitInto(size, desktopSize(size));
   window_ = SDL_CreateWindow(title.c_str(), SDL_WINDOWPOS_CENTERED, SDL_WINDOWPOS_CENTERED, fitting.width,
                              fitting.height, SDL_WINDOW_RESIZABLE);
-  if (window_ == nullptr) throw sdlError("no window can be opened");
+  if (window_ == nullptr) throw sdlError("cannot open a window");
 }
 
 SdlWindow::~SdlWindow() {
@@ -73,7 +74,7 @@ unsigned long SdlWindow::id() const {
   SDL_SysWMinfo info;
   SDL_VERSION(&info.version);
   if (SDL_GetWindowWMInfo(window_, &info) != SDL_TRUE || info.subsystem != SDL_SYSWM_X11) {
-    throw sdlError("the window is not one of X11");
+    throw sdlError("the window is not an X11 window");
   }
   return info.info.x11.window;
 }

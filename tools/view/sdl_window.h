@@ -1,4 +1,4 @@
-// A window of SDL's on an X11 screen, for the engine to render into. SDL itself never draws.
+// An SDL window on X11 for the engine to render into. SDL itself never draws.
 #pragma once
 
 #include <SDL_events.h>
@@ -9,8 +9,7 @@
 
 namespace noxel::tool {
 
-// SDL's video, for as long as it lives. One at a time, on the thread that asks for events. ToolError without an X11
-// display.
+// SDL's video subsystem. One at a time, on the thread that polls events. ToolError without an X11 display.
 class SdlVideo {
  public:
   SdlVideo();
@@ -27,13 +26,13 @@ struct Size {
   int height;
 };
 
-// `size`, made smaller with its proportions kept until it fits.
+// Scales `size` down to fit, keeping the aspect ratio.
 Size fitInto(Size size, Size limit);
 
-// Resizable. Lives within an SdlVideo; an engine on it must be released first.
+// Resizable. Needs an SdlVideo; an engine on it must be released first.
 class SdlWindow {
  public:
-  // Not larger than the desktop has room for.
+  // Limited to the desktop's size.
   SdlWindow(const std::string& title, Size size);
   ~SdlWindow();
   SdlWindow(const SdlWindow&) = delete;

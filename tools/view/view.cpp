@@ -7,6 +7,7 @@
 #include "api/engine_control.h"
 #include "common/interrupt.h"
 #include "common/tool_error.h"
+#include "enhance/look.h"
 #include "media/nv21_frame.h"
 
 namespace noxel::tool {
@@ -14,13 +15,13 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds kIdle(100);      // how long a signal may wait to be noticed
-constexpr milliseconds kRateSpan(500);  // over which frames a second are counted
+constexpr milliseconds kIdle(100);      // max delay until a signal is noticed
+constexpr milliseconds kRateSpan(500);  // frames per second are measured over this
 constexpr milliseconds kStillInterval(33);
-constexpr milliseconds kLongestLag(1000);  // a machine that is slower than this much skipping helps plays more slowly
-constexpr int kMostSkipped = 10;           // in a row
-constexpr int kRepaintFrames = 2;          // the surface may take its window's new size with the frame after
-constexpr int kSettleFrames = 30;  // of the way to a new exposure 0.8 is left a frame, twice smoothed: then a hundredth
+constexpr milliseconds kMaxLag(1000);  // beyond it skipping does not help: play more slowly
+constexpr int kMaxSkipped = 10;        // in a row
+constexpr int kRepaintFrames = 2;      // the surface may take the window's new size one frame late
+constexpr int kSettleFrames = 30;      // exposure eases by 0.2 per frame, twice: within about a hundredth after 30
 
 // x, y of top left, bottom left, top right, bottom right.
 constexpr float kWhole[8] = {-1, 1, -1, -1, 1, 1, 1, -1};
@@ -38,7 +39,7 @@ std::string nameOf(const std::string& input) {
 WindowEngine::WindowEngine(Size frame, const SdlWindow& window) {
   const std::string size = std::to_string(frame.width) + "x" + std::to_string(frame.height);
   if (Noxel_InitializeWithWindow(frame.width, frame.height, window.native(), &engine_) != 0) {
-    throw ToolError(kExitFailed, "no engine can be made for frames of " + size);
+    throw ToolError(kExitFailed, "cannot make an engine for frames of " + size);
   }
   if (engineReady(engine_)) return;
   Noxel_Release(&engine_);
@@ -58,6 +59,7 @@ void WindowEngine::set(const LiveLook& look) {
   Noxel_SetParameter(NOXEL_PARAMETER_NOISE_REDUCTION, &strength, engine_);
   Noxel_SetParameter(NOXEL_PARAMETER_EXPOSURE, &exposure, engine_);
   Noxel_SetParameter(NOXEL_PARAMETER_STABILIZATION, &stabilization, engine_);
+  KRSetParameter(kParamDeghosting, &kDefaultDeghosting, engine_);
   KRSetParameter(kParamQuadB, look.split ? kLeftHalf : kWhole, engine_);
   KRSetParameter(kParamQuadA, look.split ? kRightHalf : nullptr, engine_);
 }
@@ -103,7 +105,7 @@ bool Viewer::step() {
 }
 
 int Viewer::waitMs() const {
-  if (source_.live() && !ended_) return 0;  // the device is what is waited for
+  if (source_.live() && !ended_) return 0;  // reading the device waits
   Clock::time_point until = Clock::now() + kIdle;
   if (!paused_ && !ended_) {
     until = std::min(until, exhausted_ ? end_ : clock_.due(source_.timeUs()));
@@ -161,7 +163,7 @@ void Viewer::togglePause() {
   clock_.start(Clock::now(), source_.timeUs());
 }
 
-// Also while paused, so that the device's queue holds nothing stale afterwards.
+// Reads on while paused, so that the device's queue holds no stale frames afterwards.
 void Viewer::playLive() {
   if (paused_) {
     showStill();
@@ -179,13 +181,13 @@ void Viewer::playClip() {
   }
   if (now < clock_.due(source_.timeUs())) return;
   const std::chrono::microseconds interval(source_.intervalUs());
-  for (int skipped = 0; skipped < kMostSkipped && now - clock_.due(source_.timeUs()) > interval; ++skipped) {
+  for (int skipped = 0; skipped < kMaxSkipped && now - clock_.due(source_.timeUs()) > interval; ++skipped) {
     if (!source_.advance()) {
       exhausted_ = true;
       break;
     }
   }
-  if (now - clock_.due(source_.timeUs()) > kLongestLag) clock_.start(now, source_.timeUs());
+  if (now - clock_.due(source_.timeUs()) > kMaxLag) clock_.start(now, source_.timeUs());
   show();
   end_ = clock_.due(source_.timeUs()) + interval;
   exhausted_ = exhausted_ || !source_.advance();
@@ -201,7 +203,7 @@ void Viewer::reachEnd() {
   ended_ = titleStale_ = true;
 }
 
-// A picture that stands still is handed over again only where something about it has changed.
+// A still picture is processed again only after a change.
 void Viewer::showStill() {
   if (stillFrames_ == 0 || framesShown_ == 0 || Clock::now() < stillDue_) return;
   engine_.show(nv21_.data());
@@ -218,7 +220,7 @@ void Viewer::show() {
   engine_.show(nv21_.data());
   ++framesShown_;
   if (engine_.drewAnother()) ++framesDrawn_;
-  stillFrames_ = kRepaintFrames;  // should this be where it stops: the engine may have left this one out
+  stillFrames_ = kRepaintFrames;  // in case playback stops here and the engine dropped this frame
 }
 
 void Viewer::refreshTitle() {
@@ -239,10 +241,10 @@ void Viewer::refreshTitle() {
 
 int runView(const ViewOptions& options) {
   if (options.look.spatial && options.look.stabilize) {
-    throw ToolError(kExitUsage, "--stabilize needs the camera's motion, which --denoise spatial does not measure");
+    throw ToolError(kExitUsage, "--stabilize has no effect with --denoise spatial");
   }
   if (options.loop && options.input == "-") {
-    throw ToolError(kExitUsage, "--loop cannot read standard input again; give the clip's name");
+    throw ToolError(kExitUsage, "--loop needs a file, standard input cannot be read again");
   }
   Viewer viewer(options);
   if (options.loop && viewer.live()) throw ToolError(kExitUsage, "--loop is for clips; a device has no end");

@@ -14,14 +14,14 @@ namespace noxel::tool {
 
 struct ViewOptions {
   std::string input;   // a file, a camera, or "-": Y4M on standard input
-  std::string format;  // one of FFmpeg's inputs; empty: told by the input
+  std::string format;  // an FFmpeg input format; empty: detected
   LiveLook look;
   bool loop = false;
   bool exitAtEnd = false;
   bool verbose = false;
 };
 
-// An engine that renders into a window. The window outlives it.
+// An engine that renders into a window, which must outlive it.
 class WindowEngine {
  public:
   WindowEngine(Size frame, const SdlWindow& window);
@@ -30,8 +30,8 @@ class WindowEngine {
   WindowEngine& operator=(const WindowEngine&) = delete;
 
   void set(const LiveLook& look);
-  void show(uint8_t* nv21);  // which stays as it is
-  // Whether a frame was finished since the last call: the engine leaves out those it has no time for.
+  void show(uint8_t* nv21);  // leaves the frame unchanged
+  // Whether a frame was finished since the last call: the engine drops frames when it is busy.
   bool drewAnother();
 
  private:
@@ -39,13 +39,13 @@ class WindowEngine {
   double lastGpuMs_ = 0.0;  // of no two frames alike, to the nanosecond
 };
 
-// One thread. A clip plays by the steady clock and leaves frames out rather than lag; a device's frames are shown as
-// they come. The last frame stays until the user quits, unless the options ask for a loop or an exit.
+// A clip plays by the steady clock and skips frames rather than lag; a device's frames are shown as they come. The last
+// frame stays until the user quits, unless the options ask for a loop or an exit. One thread.
 class Viewer {
  public:
   explicit Viewer(const ViewOptions& options);
 
-  // Events, then a frame if one is due; waits a little when there is nothing to do. False when it is over.
+  // Handles events, shows a frame if one is due, else waits a little. False when the viewer should close.
   bool step();
 
   const LiveLook& look() const { return look_; }
@@ -76,19 +76,19 @@ class Viewer {
   SdlWindow window_;
   WindowEngine engine_;
   LiveLook look_;
-  std::vector<uint8_t> nv21_;  // the frame shown last
+  std::vector<uint8_t> nv21_;  // latest frame
 
   PlaybackClock clock_;
   bool paused_ = false;
-  bool exhausted_ = false;  // no frame follows the one shown last
-  bool ended_ = false;      // and its time is over
-  Clock::time_point end_;   // of a clip that is exhausted
-  int stillFrames_ = 0;     // how often the still picture is to be shown again
+  bool exhausted_ = false;  // the latest frame is the last
+  bool ended_ = false;      // and has been shown for its time
+  Clock::time_point end_;   // when that will be
+  int stillFrames_ = 0;     // how many more times to show the still picture
   Clock::time_point stillDue_;
 
   int64_t framesShown_ = 0;
   int framesDrawn_ = 0;  // since rateStart_
-  double rate_ = 0.0;    // frames drawn a second
+  double rate_ = 0.0;    // frames drawn per second
   Clock::time_point rateStart_;
   bool titleStale_ = true;
 };

@@ -1,4 +1,4 @@
-// What the viewer's user can change, the keys for it, and when a clip's frames are due. No window, no engine.
+// The viewer's settings, keys and playback clock. No window, no engine.
 #pragma once
 
 #include <SDL_keycode.h>
@@ -9,30 +9,29 @@
 
 namespace noxel::tool {
 
-// The look that keys change while a clip plays.
+// What the keys change during playback.
 struct LiveLook {
   bool spatial = false;  // else temporal
   int strength = 65;     // 0..100, as the next
   int exposure = 50;
-  bool stabilize = false;  // has an effect on the temporal path
-  bool split = false;      // left half enhanced, right half as it came
+  bool stabilize = false;  // temporal only
+  bool split = false;      // left half enhanced, right half original
 };
 
 enum class Press { kNothing, kLookChanged, kPause, kQuit };
 
-// Changes the look as the key says; pausing and quitting are the caller's. `repeated`: the key is being held, which
-// counts for up and down alone.
+// Applies a key to the look; pausing and quitting are the caller's. `repeated`: auto-repeat, which only up and down take.
 Press press(SDL_Keycode key, bool repeated, LiveLook& look);
 
 // "temporal, strength 65, exposure 50, stabilised, split"
 std::string describe(const LiveLook& look);
 
-// Where the times of a clip lie on the steady clock.
+// Maps the clip's time to the steady clock.
 class PlaybackClock {
  public:
   using Time = std::chrono::steady_clock::time_point;
 
-  // From here on the frame of `clipUs` is due at `now`.
+  // The frame at `clipUs` is due `now`.
   void start(Time now, int64_t clipUs) {
     start_ = now;
     startUs_ = clipUs;

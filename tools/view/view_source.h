@@ -1,4 +1,4 @@
-// The frames of a clip or camera as the viewer's engine takes them: NV21, upright, padded.
+// Frames of a clip or camera as the viewer's engine takes them: NV21, upright, padded.
 #pragma once
 
 #include <memory>
@@ -9,30 +9,30 @@
 
 namespace noxel::tool {
 
-// Holds one decoded frame, at first the first. One thread; every failure is a ToolError.
+// Holds one decoded frame, initially the first. One thread; every failure is a ToolError.
 class ViewSource {
  public:
-  // `format` names one of FFmpeg's inputs, empty to tell by the input; /dev/video... is a camera.
+  // `format`: an FFmpeg input format; empty: detected, with v4l2 for /dev/video...
   ViewSource(const std::string& input, const std::string& format);
 
-  // A device that gives its frames when it has them; else a clip, whose frames are due at their times.
+  // A device, whose frames are shown as they come; else a clip, whose frames are due at their time stamps.
   bool live() const { return reader_->live(); }
   bool canRestart() const { return input_ != "-" && !live(); }
 
-  // Of the engine's frames: up to three columns and one row at the right and bottom edges are repeated ones.
+  // With padding: up to three columns on the right and one row at the bottom.
   int width() const { return width_; }
   int height() const { return height_; }
-  int displayWidth() const { return displayWidth_; }  // with the pixels' own shape, as the next
+  int displayWidth() const { return displayWidth_; }  // for square pixels, as the next
   int displayHeight() const { return displayHeight_; }
 
-  int64_t timeUs() const;  // of the frame that is held
+  int64_t timeUs() const;  // of the current frame
   int64_t intervalUs() const { return reader_->nominalIntervalUs(); }
 
-  // False at the end, or when a stop was requested; the last frame stays.
+  // False at the end or when a stop was requested; the last frame stays current.
   bool advance();
   void restart();
 
-  // The frame that is held, nv21Size(width(), height()) bytes. Frames that are skipped need no conversion.
+  // Converts the current frame; nv21Size(width(), height()) bytes. Skipped frames need not be packed.
   void pack(uint8_t* nv21);
 
  private:
@@ -44,7 +44,7 @@ class ViewSource {
   std::unique_ptr<VideoReader> reader_;
   FramePtr frame_;
   std::unique_ptr<ColourConversion> colours_;
-  std::unique_ptr<FilterPass> rotation_;  // null for a clip that is upright
+  std::unique_ptr<FilterPass> rotation_;  // null for an upright clip
   int clipWidth_ = 0;
   int clipHeight_ = 0;
   int width_ = 0;
