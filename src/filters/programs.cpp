@@ -66,20 +66,20 @@ const ProgramTexts& programTexts(ProgramId id) {
 }
 
 Program* ProgramFilter::program(ProgramId id) {
-  if (programs == nullptr) return nullptr;
-  Program* candidate = &programs[static_cast<size_t>(id - first)];
+  if (programs_ == nullptr) return nullptr;
+  Program* candidate = &programs_[static_cast<size_t>(id - first_)];
   return candidate->initialized == 1 ? candidate : nullptr;
 }
 
 bool ProgramFilter::build(ProgramId id, const CacheDirectory& cacheDirectory) {
   const ProgramTexts& texts = programTexts(id);
-  if (programs == nullptr) programs.reset(new (std::nothrow) Program[static_cast<size_t>(last - first + 1)]);
-  if (programs == nullptr) {
+  if (programs_ == nullptr) programs_.reset(new (std::nothrow) Program[static_cast<size_t>(last_ - first_ + 1)]);
+  if (programs_ == nullptr) {
     NOXEL_LOG_ERROR("no memory for program %s", texts.name);
     return false;
   }
   const bool cached = cacheDirectory.path[0] != '\0';
-  Program* program = &programs[static_cast<size_t>(id - first)];
+  Program* program = &programs_[static_cast<size_t>(id - first_)];
   *program = Program(texts.fragment, texts.vertex, cached ? texts.name : nullptr, cacheDirectory);
   if (program->initialized != 1) NOXEL_LOG_ERROR("program %s is missing", texts.name);
   return program->initialized == 1;
@@ -87,7 +87,7 @@ bool ProgramFilter::build(ProgramId id, const CacheDirectory& cacheDirectory) {
 
 bool ProgramFilter::buildAll(const CacheDirectory& cacheDirectory) {
   bool complete = true;
-  for (int id = first; id <= last; ++id) complete = build(static_cast<ProgramId>(id), cacheDirectory) && complete;
+  for (int id = first_; id <= last_; ++id) complete = build(static_cast<ProgramId>(id), cacheDirectory) && complete;
   return complete;
 }
 

@@ -67,18 +67,18 @@ class ProgramFilter : public GLFilter {
  public:
   // Null unless it was built and linked.
   Program* program(ProgramId id);
-  void Release() override { programs.reset(); }
+  void Release() override { programs_.reset(); }
 
  protected:
-  ProgramFilter(ProgramId firstOwned, ProgramId lastOwned) : first(firstOwned), last(lastOwned) {}
+  ProgramFilter(ProgramId firstOwned, ProgramId lastOwned) : first_(firstOwned), last_(lastOwned) {}
   // Without a path in `cacheDirectory` nothing is cached. False when it did not link or memory ran out (the log says why).
   bool build(ProgramId id, const CacheDirectory& cacheDirectory);
   bool buildAll(const CacheDirectory& cacheDirectory);
 
  private:
-  ProgramId first;
-  ProgramId last;
-  std::unique_ptr<Program[]> programs;  // null before the first build
+  ProgramId first_;
+  ProgramId last_;
+  std::unique_ptr<Program[]> programs_;  // null before the first build
 };
 
 // The main stage: YUV to RGB, tone, motion-compensated temporal blend under a ghost mask, sharpening and contrast.

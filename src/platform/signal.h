@@ -43,13 +43,13 @@ struct _KRSignal {
 // Holds a mutex for a scope. pthread_mutex_t rather than std::mutex: the process-wide locks are handed on by address.
 class Lock {
  public:
-  explicit Lock(pthread_mutex_t& lockedMutex) : mutex(&lockedMutex) { pthread_mutex_lock(mutex); }
-  ~Lock() { pthread_mutex_unlock(mutex); }
+  explicit Lock(pthread_mutex_t& mutex) : mutex_(&mutex) { pthread_mutex_lock(mutex_); }
+  ~Lock() { pthread_mutex_unlock(mutex_); }
   Lock(const Lock&) = delete;
   Lock& operator=(const Lock&) = delete;
 
  private:
-  pthread_mutex_t* mutex;
+  pthread_mutex_t* mutex_;
 };
 
 }  // namespace noxel

@@ -16,59 +16,59 @@ uint64_t now() {
 }  // namespace
 
 PassTimer::~PassTimer() {
-  if (queries[0] != 0) glDeleteQueries(kMaxPasses, queries);
+  if (queries_[0] != 0) glDeleteQueries(kMaxPasses, queries_);
 }
 
 void PassTimer::setUp(EGLEngine* egl) {
-  hasQueries = egl->HasGLExtension("GL_EXT_disjoint_timer_query") == 1;
+  hasQueries_ = egl->HasGLExtension("GL_EXT_disjoint_timer_query") == 1;
 }
 
 void PassTimer::beginFrame(PassObserver frameObserver, void* observerContext) {
-  observer = frameObserver;
-  context = observerContext;
-  count = 0;
-  if (observer == nullptr || !hasQueries) return;
-  if (queries[0] == 0) glGenQueries(kMaxPasses, queries);
+  observer_ = frameObserver;
+  context_ = observerContext;
+  count_ = 0;
+  if (observer_ == nullptr || !hasQueries_) return;
+  if (queries_[0] == 0) glGenQueries(kMaxPasses, queries_);
   GLint disjoint = 0;
   glGetIntegerv(kGpuDisjoint, &disjoint);  // asking clears it
 }
 
 void PassTimer::begin(const char* pass) {
   if (!isTiming()) return;
-  names[count] = pass;
-  if (hasQueries) {
-    glBeginQuery(kTimeElapsed, queries[count]);
+  names_[count_] = pass;
+  if (hasQueries_) {
+    glBeginQuery(kTimeElapsed, queries_[count_]);
   } else {
     glFinish();
-    start = now();
+    start_ = now();
   }
 }
 
 void PassTimer::end() {
   if (!isTiming()) return;
-  if (hasQueries) {
+  if (hasQueries_) {
     glEndQuery(kTimeElapsed);
   } else {
     glFinish();
-    nanoseconds[count] = now() - start;
+    nanoseconds_[count_] = now() - start_;
   }
-  ++count;
+  ++count_;
 }
 
 void PassTimer::report() {
-  if (observer == nullptr) return;
-  if (hasQueries) {
-    for (int i = 0; i < count; ++i) {
+  if (observer_ == nullptr) return;
+  if (hasQueries_) {
+    for (int i = 0; i < count_; ++i) {
       GLuint elapsed = 0;  // a pass of more than four seconds wraps
-      glGetQueryObjectuiv(queries[i], GL_QUERY_RESULT, &elapsed);
-      nanoseconds[i] = elapsed;
+      glGetQueryObjectuiv(queries_[i], GL_QUERY_RESULT, &elapsed);
+      nanoseconds_[i] = elapsed;
     }
     GLint disjoint = 0;  // the clock changed meanwhile: the figures mean nothing, the names do
     glGetIntegerv(kGpuDisjoint, &disjoint);
-    for (int i = 0; disjoint != 0 && i < count; ++i) nanoseconds[i] = 0;
+    for (int i = 0; disjoint != 0 && i < count_; ++i) nanoseconds_[i] = 0;
   }
-  for (int i = 0; i < count; ++i) observer(context, names[i], nanoseconds[i]);
-  observer = nullptr;
+  for (int i = 0; i < count_; ++i) observer_(context_, names_[i], nanoseconds_[i]);
+  observer_ = nullptr;
 }
 
 }  // namespace noxel

@@ -31,16 +31,16 @@ class PassTimer {
  private:
   static constexpr int kMaxPasses = 32;  // of a frame; more are not timed
 
-  bool isTiming() const { return observer != nullptr && count < kMaxPasses; }
+  bool isTiming() const { return observer_ != nullptr && count_ < kMaxPasses; }
 
-  bool hasQueries = false;
-  PassObserver observer = nullptr;
-  void* context = nullptr;
-  int count = 0;
-  const char* names[kMaxPasses] = {};
-  uint64_t nanoseconds[kMaxPasses] = {};
-  uint64_t start = 0;
-  GLuint queries[kMaxPasses] = {};  // made with the first frame that is observed
+  bool hasQueries_ = false;
+  PassObserver observer_ = nullptr;
+  void* context_ = nullptr;
+  int count_ = 0;
+  const char* names_[kMaxPasses] = {};
+  uint64_t nanoseconds_[kMaxPasses] = {};
+  uint64_t start_ = 0;
+  GLuint queries_[kMaxPasses] = {};  // made with the first frame that is observed
 };
 
 }  // namespace noxel

@@ -17,26 +17,26 @@ void setMatrix(Program* program, const char* name, const float* matrix) {
 // other passes follow costs a store and a load of the whole image.
 class OutputTarget {
  public:
-  explicit OutputTarget(_KRGPUEngine* drawingEngine) : engine(drawingEngine) {}
+  explicit OutputTarget(_KRGPUEngine* engine) : engine_(engine) {}
 
   void bind() {
-    LowLightFilter& filter = engine->lowLight;
-    if (engine->offscreen == 1) {
-      filter.BindTarget(frameBufferOf(engine, Image::kOut));
+    LowLightFilter& filter = engine_->lowLight;
+    if (engine_->offscreen == 1) {
+      filter.BindTarget(frameBufferOf(engine_, Image::kOut));
     } else {
-      filter.BindTarget(0, 0, engine->outputWidth, engine->outputHeight);
+      filter.BindTarget(0, 0, engine_->outputWidth, engine_->outputHeight);
     }
-    if (!cleared) filter.Clear(0.0f, 0.0f, 0.0f, 0.0f);
-    cleared = true;
+    if (!cleared_) filter.Clear(0.0f, 0.0f, 0.0f, 0.0f);
+    cleared_ = true;
   }
 
   void clearUnlessDrawn() {
-    if (!cleared) bind();
+    if (!cleared_) bind();
   }
 
  private:
-  _KRGPUEngine* engine;
-  bool cleared = false;
+  _KRGPUEngine* engine_;
+  bool cleared_ = false;
 };
 
 void setMapping(const _KRGPUEngine& engine, Mapping mapping, PassInput* input) {

@@ -16,11 +16,11 @@ class FrameBuffer {
   FrameBuffer(FrameBuffer&& other) noexcept;
   FrameBuffer& operator=(FrameBuffer&& other) noexcept;
 
-  // Allocates the image (8 bits per channel, clamped to the edge) on the names it has, generating them first when it has
-  // none. Returns 1; an incomplete framebuffer is only logged.
+  // Allocates the image (8 bits per channel, clamped to the edge), and the GL names where there are none yet. Returns 1; an
+  // incomplete framebuffer is only logged.
   int Init(int width, int height, GLenum format, GLenum filter = GL_LINEAR);
   int Generate();
-  int UseDefaultFramebuffer(int width, int height);  // stands for the window's surface from here on
+  int UseDefaultFramebuffer(int width, int height);  // the window's surface from here on
   void Bind();                                       // and the viewport over the whole image
 
   GLuint GetTextureId() const { return textureId; }
@@ -29,25 +29,25 @@ class FrameBuffer {
   int GetWidth() const { return width; }
   int GetHeight() const { return height; }
 
-  // Whether the last Init left a framebuffer that can be drawn into.
+  // Whether the last Init made a framebuffer that can be drawn into.
   bool IsComplete() const { return complete; }
-  bool CheckStatus(const char* label);  // of the framebuffer that is bound; false and a log line unless complete
+  bool CheckStatus(const char* label);  // of the bound framebuffer; false and a log line unless complete
 
   // Blocks until the image is finished.
   void ReadPixels(int x, int y, int width, int height, GLenum format, GLenum type, void* pixels);
 
   // Makes `count` pack buffers (at most 3; none for a count below 1) of `size` bytes. Once per object.
   int InitPixelBuffers(int size, int count);
-  // The ring counts what was written since here, so that a buffer nobody wrote is never read.
+  // Only buffers written since the last restart are read.
   void RestartReadBack();
 
   // Starts the read-back of the bound framebuffer's whole image (RGBA) into the next pack buffer and copies a finished one
   // to `dst`: with mode 1 the image just started (blocks), otherwise the oldest in the ring, count - 1 calls old once the
-  // ring is full. False when the buffer could not be mapped or there is none, `dst` untouched then, or when its contents were lost.
+  // ring is full. False when there is no buffer or it could not be mapped (`dst` is untouched), or when its contents were lost.
   bool ReadPixelsAsync(unsigned char* dst, int mode);
 
-  // The halves of ReadPixelsAsync for a caller with work to do between them. MapReadPixels leaves the oldest buffer mapped
-  // and bound for the caller to unmap; null on failure.
+  // The two halves of ReadPixelsAsync, for work between them. MapReadPixels leaves the oldest buffer mapped and bound for the
+  // caller to unmap; null on failure. Required; the engine does not use it.
   void StartReadPixels();
   bool FinishReadPixels(unsigned char* dst);
   const void* MapReadPixels();

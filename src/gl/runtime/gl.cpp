@@ -16,8 +16,8 @@ bool checkGLError(const char* file, int line, const char* function) {
 }
 
 void forgetGLErrors() {
-  constexpr int kMost = 16;  // a lost context never runs out of errors
-  for (int i = 0; i < kMost && glGetError() != GL_NO_ERROR; ++i) {
+  constexpr int kMaxErrors = 16;  // a lost context reports errors for ever
+  for (int i = 0; i < kMaxErrors && glGetError() != GL_NO_ERROR; ++i) {
   }
 }
 

@@ -5,10 +5,10 @@
 
 namespace noxel {
 
-// Reads one error: true when there was none; otherwise logs it with the place it was noticed at and returns false.
+// Reads one error: true when there was none; otherwise logs it with the place of the check and returns false.
 bool checkGLError(const char* file, int line, const char* function);
 
-// Takes what errors there are, so that the next one is of what comes next.
+// Clears the error word, so that the next error belongs to the calls that follow.
 void forgetGLErrors();
 
 }  // namespace noxel

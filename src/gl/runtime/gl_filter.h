@@ -1,4 +1,4 @@
-// Base of every filter stage: where it draws, over which quad, under which transform.
+// Base of every filter stage: its render target and viewport.
 #pragma once
 
 #include "gl/runtime/frame_buffer.h"
@@ -23,13 +23,13 @@ class GLFilter {
   // Frees the GL objects while the context is current; the destructor does so too.
   virtual void Release() = 0;
 
-  // Bind the target and set the viewport, which is remembered. The forms without a framebuffer draw into the window's.
+  // Bind the target and set the viewport. The forms without a framebuffer draw into the window.
   int BindTarget(int x, int y, int width, int height);
   int BindTarget(int width, int height);
   int BindTarget(int x, int y, FrameBuffer* fb);  // viewport of fb's size, at (x, y)
   int BindTarget(FrameBuffer* fb);
 
-  // For a pass that covers the whole of fb: a tiled GPU is told that it need not load the old tiles.
+  // For a pass that covers all of fb: a tiled GPU need not load the old tiles.
   int BindWholeTarget(FrameBuffer* fb);
 
   void EnableBlending(bool on);

@@ -1,4 +1,4 @@
-// A growing C string that survives running out of memory.
+// A growing C string that handles out-of-memory.
 #pragma once
 
 #include <cstddef>
@@ -7,8 +7,8 @@
 
 namespace noxel {
 
-// Owns its bytes. After an allocation fails the text is failed() for good and c_str() is empty, so that one test at the end
-// of a chain of appends is enough: std::string would throw, and nothing in the library may.
+// Owns its bytes. Once an allocation failed, failed() stays true and c_str() empty, so that one test after a chain of appends
+// is enough. std::string would throw, and the library is built without exceptions.
 class Text {
  public:
   Text() = default;
