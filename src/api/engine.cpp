@@ -58,7 +58,7 @@ void freeEngine(_KRSuperResEngine* engine) {
   std::free(engine->notes.maskPixels);
   std::free(engine->notes.mask);
   engine->~_KRSuperResEngine();
-  std::free(engine);
+  freeRecordLater(engine);
 }
 
 int failInitialize(_KRSuperResEngine* engine) {

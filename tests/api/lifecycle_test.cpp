@@ -42,6 +42,22 @@ TEST(Lifecycle, ReleasedAndForeignHandlesAreRefused) {
   EXPECT_TRUE(log.contains("eng not initialized"));
 }
 
+TEST(Lifecycle, AReleasedHandleIsNoLaterEngine) {
+  const LogCapture log;
+  std::vector<_KRSuperResEngine*> released;
+  int value = 1;
+  for (int i = 0; i < 8; ++i) {
+    TestEngine engine(16, 8);
+    for (_KRSuperResEngine* stale : released) {
+      EXPECT_EQ(Noxel_SetParameter(0, &value, stale), 1);
+      EXPECT_EQ(Noxel_Release(&stale), 1);
+    }
+    Frame frame(16, 8);
+    EXPECT_EQ(engine.process(&frame), 0);
+    released.push_back(engine.handle);
+  }
+}
+
 TEST(Lifecycle, SizesOutOfRangeLeaveTheHandleAlone) {
   const LogCapture log;
   auto* const marker = reinterpret_cast<_KRSuperResEngine*>(uintptr_t{8});
