@@ -162,6 +162,7 @@ FrameReport lastFrameReport(_KRSuperResEngine* engine) {
   if (!reference) return {};
   Lock lock(frameMutex);
   FrameReport report = engine->report;
+  report.number = engine->notes.delivered;
   report.gpuMs = engine->notes.gpuMs;
   return report;
 }

@@ -18,8 +18,8 @@ namespace {
 
 TEST(Lifecycle, ReleasedAndForeignHandlesAreRefused) {
   const LogCapture log;
-  Frame frame(16, 8, 50);
-  const Frame untouched = frame;
+  TestFrame frame(16, 8, 50);
+  const TestFrame untouched = frame;
   int value = 1;
   EXPECT_EQ(Noxel_ProcessFrame(frame.bytes.data(), nullptr), 1);
   EXPECT_EQ(Noxel_SetParameter(0, &value, nullptr), 1);
@@ -52,7 +52,7 @@ TEST(Lifecycle, AReleasedHandleIsNoLaterEngine) {
       EXPECT_EQ(Noxel_SetParameter(0, &value, stale), 1);
       EXPECT_EQ(Noxel_Release(&stale), 1);
     }
-    Frame frame(16, 8);
+    TestFrame frame(16, 8);
     EXPECT_EQ(engine.process(&frame), 0);
     released.push_back(engine.handle);
   }
@@ -133,7 +133,7 @@ TEST(Lifecycle, SizesThatFitNoTileAreSafe) {
       engine.set(kParamLightMode, lightMode);
       engine.setMotion([](bool, MotionEstimate*) { return true; });
       for (int i = 0; i < 3; ++i) {
-        Frame frame(width, height, 40);
+        TestFrame frame(width, height, 40);
         EXPECT_EQ(engine.process(&frame), 0);
       }
     }
