@@ -149,8 +149,6 @@ class Engine {
     while (engine->queuedFrames.load(std::memory_order_acquire) >= slots) usleep(100);
   }
   FrameReport report() { return lastFrameReport(engine); }
-  int strength() { return engine->gpu.noiseReductionStrength.load(); }
-  int deghosting() { return engine->gpu.deghosting.load(); }
 
  private:
   _KRSuperResEngine* engine = nullptr;
@@ -171,15 +169,15 @@ class BarePasses {
   BarePasses(const BarePasses&) = delete;
   BarePasses& operator=(const BarePasses&) = delete;
 
-  void process(const FrameInput& input, int strength, int deghosting) {
+  void process(const Frame& frame) {
     queuedFrames.fetch_add(1);
-    if (input.status == kRegistrationOff) {
-      loadPackedTextures(gpu, input.frame);
+    if (frame.status == kRegistrationOff) {
+      loadPackedTextures(gpu, frame.buffer);
     } else {
-      loadTextures(gpu, input.frame);
+      loadTextures(gpu, frame.buffer);
     }
-    prepareFrame(gpu, input);
-    processFrame(gpu, strength, deghosting);
+    prepareFrame(gpu, frame);
+    processFrame(gpu);
   }
 
   std::vector<unsigned char> output;
@@ -193,22 +191,18 @@ class BarePasses {
   _KRSignal callerSignal;
 };
 
-FrameInput inputFor(int frame, const FrameReport& report, std::vector<unsigned char>* pixels) {
-  FrameInput input;
-  input.frame = pixels->data();
-  input.status = report.status;
-  input.gamma = report.gamma;
-  input.gain = report.gain;
-  input.zoom = report.zoom;
+Frame frameFor(int index, const FrameReport& report, std::vector<unsigned char>* pixels) {
+  Frame frame;
+  frame.buffer = pixels->data();
+  frame.status = report.status;
+  frame.tone = {report.gamma, report.gain};
+  frame.settings.zoom = report.zoom;
   if (report.status >= kRegistrationValid) {
-    const MotionEstimate motion = motionOf(frame);
-    std::memcpy(input.parameters.frameMatrixA, motion.previousFromCurrent, sizeof(motion.previousFromCurrent));
-    std::memcpy(input.parameters.frameMatrixB, motion.currentFromPrevious, sizeof(motion.currentFromPrevious));
+    const MotionEstimate motion = motionOf(index);
+    std::memcpy(frame.motion.frameMatrixA, motion.previousFromCurrent, sizeof(motion.previousFromCurrent));
+    std::memcpy(frame.motion.frameMatrixB, motion.currentFromPrevious, sizeof(motion.currentFromPrevious));
   }
-  constexpr float kWholePicture[8] = {-1, 1, -1, -1, 1, 1, 1, -1};
-  std::memcpy(input.quadA, kWholePicture, sizeof(kWholePicture));
-  std::memcpy(input.quadB, kWholePicture, sizeof(kWholePicture));
-  return input;
+  return frame;
 }
 
 // The frames take turns, so that whatever else the machine does meets both. Both pictures must be the same bytes, or
@@ -231,9 +225,9 @@ void compareWithBarePasses(int width, int height, int lightMode, int frames) {
                                : i == 0              ? kRegistrationFailed
                                                      : kRegistrationValid;
     if (report.status != expectedStatus) fail("a frame took the wrong path");
-    const FrameInput input = inputFor(i, report, &pixels);
+    const Frame frame = frameFor(i, report, &pixels);
     start = std::chrono::steady_clock::now();
-    bare.process(input, engine.strength(), engine.deghosting());
+    bare.process(frame);
     const double bareTime = millisecondsSince(start);
 
     if (enhanced != bare.output) fail("the engine's picture is not that of the bare passes");

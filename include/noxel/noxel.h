@@ -123,7 +123,8 @@ NOXEL_API int Noxel_ProcessFrame(unsigned char* frame, _KRSuperResEngine* engine
 
 /** Stops an engine's threads, waits for calls that still use it, and frees it.
  *
- *  handle  points to the engine. It keeps its value, which points to nothing any more.
+ *  handle  points to the engine. It keeps its value, which points to nothing any more: every call refuses it, until 64 more
+ *          engines have been released. After that its memory, and with it the value, may be a later engine's.
  *
  *  0  released
  *  1  null handle, null engine, or an engine that was already released

@@ -58,7 +58,7 @@ void freeEngine(_KRSuperResEngine* engine) {
   std::free(engine->notes.maskPixels);
   std::free(engine->notes.mask);
   engine->~_KRSuperResEngine();
-  std::free(engine);
+  freeRecordLater(engine);
 }
 
 int failInitialize(_KRSuperResEngine* engine) {
@@ -162,6 +162,7 @@ FrameReport lastFrameReport(_KRSuperResEngine* engine) {
   if (!reference) return {};
   Lock lock(frameMutex);
   FrameReport report = engine->report;
+  report.number = engine->notes.delivered;
   report.gpuMs = engine->notes.gpuMs;
   return report;
 }

@@ -38,18 +38,7 @@ struct GpuThreadContext {
   int gpuWidth = 0;
   int gpuHeight = 0;
   void* window = nullptr;
-  float transform[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
-
-  // The frame of the command.
-  FrameParameters frameParameters;
-  float frameGamma = 1.0f;
-  float frameGain = 1.0f;
-  int registrationStatus = -1;
-  int commandSlot = 0;
-  unsigned char* commandBuffer = nullptr;
-  uint32_t commandSequence = 0;
-  int commandLightMode = 1;  // the job's snapshot
-  double uploadMs = 0.0;     // of the frame's load commands
+  Frame* frame = nullptr;  // of the command; the poster's
 
   HandOver handOver = {};
   _KRGPUEngine* gpuEngine = nullptr;  // the GPU thread's alone
@@ -112,12 +101,7 @@ struct _KRSuperResEngine {
   int height = 0;
   int scale = 1;  // frame pixels per registration pixel: 2 for a side above 1000
 
-  // The job's, handed to the GPU thread with its commands.
-  noxel::FrameParameters frameParameters;
-  int frameStatus = 1;  // -1 spatial, 0 failed or first, 1 registered
-  float frameGamma = 1.0f;
-  float frameGain = 1.0f;
-  noxel::FrameReport report;
+  noxel::FrameReport report;  // of the newest frame that was posted; under frameMutex
 
   // The sequence, under frameMutex; the atomics among them are also read without it.
   int framesSinceReset = 0;

@@ -62,11 +62,12 @@ int KRProcessFrame(unsigned char* frame, _KRSuperResEngine* engine);
 // each frame comes back as it went in.
 bool engineReady(_KRSuperResEngine* engine);
 
-// What was decided about the newest frame that was posted to the GPU. In the synchronous set-up above that is the frame
+// What was decided about the newest frame that was posted to the GPU, and what was delivered. In the synchronous set-up above that is the frame
 // KRProcessFrame just returned. Matrices are 3 x 3, row-major, in frame pixels with the first one's centre at (0.5, 0.5).
 struct FrameReport {
-  int status = 0;      // -1 spatial path, 0 first frame or failed registration, 1 registered
-  float gamma = 1.0f;  // exponent and gain of the tone step
+  uint64_t number = 0;  // frames delivered so far: another one is another picture
+  int status = 0;       // -1 spatial path, 0 first frame or failed registration, 1 registered
+  float gamma = 1.0f;   // exponent and gain of the tone step
   float gain = 1.0f;
   float zoom = 1.0f;            // the eased zoom
   double uploadMs = 0.0;        // of the GPU thread, planes to textures

@@ -15,6 +15,14 @@ bool retireEngine(_KRSuperResEngine* engine);
 // After retireEngine: returns when nobody else uses the engine.
 void waitForReferences(_KRSuperResEngine* engine);
 
+// Frees the memory of an engine once kRecordsKept later ones have been freed so: until then no engine is made in it, and
+// handles to it are refused.
+inline constexpr int kRecordsKept = 64;
+void freeRecordLater(void* memory);
+
+// Frees what is kept; when the library is unloaded or the process ends at the latest.
+[[gnu::destructor]] void freeRecords();
+
 // Keeps an engine from being freed. Null when the pointer is no live engine.
 class EngineReference {
  public:

@@ -112,8 +112,8 @@ bool waitForOutput(_KRSuperResEngine* engine) {
 // Of the next frame, as far as it is known.
 FramePath pathAhead(const _KRSuperResEngine& engine) {
   const int lightMode = engine.gpu.lightMode.load(std::memory_order_relaxed);
-  if (lightMode == 0) return FramePath::kTemporal;
-  return lightMode == 1 ? FramePath::kSpatial : framePath(engine.report.status);
+  const bool spatial = lightMode == 1 || (lightMode != 0 && engine.report.status == kRegistrationOff);
+  return spatial ? FramePath::kSpatial : FramePath::kTemporal;
 }
 
 // Whether the output buffer holds what this call is to return; otherwise its own frame comes back as it came. Under
@@ -144,7 +144,10 @@ void KRProcessFrameSync(unsigned char* frame, _KRSuperResEngine* engine) {
     return;
   }
   engine->running.store(1, std::memory_order_release);
-  postProcessInPlace(frame, engine);
+  Frame posted;
+  posted.buffer = frame;
+  posted.settings = takeSettings(engine->gpu);
+  postProcessInPlace(&posted, engine);
   engine->gpu.gpuDone.wait();
   engine->running.store(0, std::memory_order_release);
 }

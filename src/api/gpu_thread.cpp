@@ -1,5 +1,4 @@
 // The thread that owns the EGL context and every GL object of an engine.
-#include <algorithm>
 #include <cstdlib>
 
 #include "api/threads.h"
@@ -9,11 +8,7 @@
 namespace noxel {
 namespace {
 
-int relaxed(const std::atomic<int>& word) {
-  return word.load(std::memory_order_relaxed);
-}
-
-// A break is acted on with the first frame that comes after it; one from before it must not use the mark up.
+// The first frame after a break takes the reset; an older one must not consume the flag.
 void takeReset(GpuThreadContext* context, uint32_t frameSequence) {
   Lock lock(*context->handOver.frameMutex);
   if (context->handOver.sequence->load(std::memory_order_relaxed) != frameSequence) return;
@@ -38,55 +33,30 @@ bool isReady(const GpuThreadContext& context) {
 
 // The spatial path reads four luma samples a texel, the temporal path one.
 void loadFrame(GpuThreadContext* context) {
-  const int status = context->registrationStatus;
-  const int lightMode = context->commandLightMode;
+  const Frame& frame = *context->frame;
+  const int lightMode = frame.settings.lightMode;
   const bool ring0 = context->gpuMode == kModeThreeFrames;
-  const bool spatialByStatus = status == -1 && !ring0 && (lightMode == 0 || lightMode == 1);
-  const bool spatialByMode = (status == -1 || ring0) && relaxed(context->noiseReductionStrength) > 0 && lightMode == 1;
+  const bool spatialByStatus = frame.status == -1 && !ring0 && (lightMode == 0 || lightMode == 1);
+  const bool spatialByMode =
+      (frame.status == -1 || ring0) && frame.settings.noiseReductionStrength > 0 && lightMode == 1;
   startWatch(5);
   if (spatialByStatus || spatialByMode) {
-    loadPackedTextures(context->gpuEngine, context->commandBuffer);
+    loadPackedTextures(context->gpuEngine, frame.buffer);
   } else {
-    loadTextures(context->gpuEngine, context->commandBuffer);
+    loadTextures(context->gpuEngine, frame.buffer);
   }
   stopWatch("VGL", 5);
 }
 
-void copyQuad(float (&to)[8], const std::atomic<float> (&from)[8]) {
-  for (int i = 0; i < 8; ++i) to[i] = from[i].load(std::memory_order_relaxed);
-}
-
-FrameInput frameInput(const GpuThreadContext& context) {
-  FrameInput input;
-  input.frame = context.commandBuffer;
-  input.sequence = context.commandSequence;
-  input.status = context.registrationStatus;
-  input.parameters = context.frameParameters;
-  input.gamma = context.frameGamma;
-  input.gain = context.frameGain;
-  input.zoom = context.currentZoom.load(std::memory_order_relaxed);
-  for (int i = 0; i < 16; ++i) input.transform[i] = context.transform[i];
-  copyQuad(input.quadA, context.quadA);
-  copyQuad(input.quadB, context.quadB);
-  input.enabled = relaxed(context.enabled);
-  input.quadAEnabled = relaxed(context.quadAEnabled);
-  input.quadBEnabled = relaxed(context.quadBEnabled);
-  input.sharpening = relaxed(context.sharpening);
-  input.contrast = relaxed(context.contrast);
-  input.flipChroma = relaxed(context.flipChroma);
-  return input;
-}
-
-// Raises gpuDone between taking the frame over and drawing it: the next frame may be loaded into the ring meanwhile. The
-// next poster overwrites the context's words from then on, so nothing of them is read later.
+// Raises gpuDone between taking the frame over and drawing it: the next frame may be loaded into the ring meanwhile.
 void process(GpuThreadContext* context) {
   const bool drawn = context->gpuMode >= kModeThreeFrames && context->gpuMode <= kModeNeutralExposure;
-  const uint32_t sequence = context->commandSequence;
+  const uint32_t sequence = context->frame->sequence;
   takeReset(context, sequence);
   if (drawn && isReady(*context)) {
-    prepareFrame(context->gpuEngine, frameInput(*context));
+    prepareFrame(context->gpuEngine, *context->frame);
     context->gpuDone.raise();
-    processFrame(context->gpuEngine, relaxed(context->noiseReductionStrength), relaxed(context->deghosting));
+    processFrame(context->gpuEngine);
   } else {
     context->gpuDone.raise();
     dropFrame(context->handOver, sequence);
@@ -97,22 +67,13 @@ void process(GpuThreadContext* context) {
   }
 }
 
-void processRgba(GpuThreadContext* context) {
-  FrameSettings settings;
-  settings.imageFormat = relaxed(context->imageFormatCopy);
-  settings.totalzoom = context->totalzoom.load(std::memory_order_relaxed);
-  settings.sharpening = static_cast<float>(std::clamp(relaxed(context->sharpening), 0, 100));
-  settings.contrast = static_cast<float>(std::clamp(relaxed(context->contrast), 0, 100));
-  processInPlace(context->gpuEngine, context->commandBuffer, settings);
-}
-
-// Loads that no GL stands for are skipped.
+// Skipped without a usable GL context.
 template <typename Load>
 void timedLoad(GpuThreadContext* context, Load load) {
   if (!isReady(*context)) return;
   const uint64_t start = KRTimeNow();
   load();
-  context->uploadMs += static_cast<double>(KRTimeDiff(start, KRTimeNow())) * 1e-6;
+  context->frame->uploadMs += static_cast<double>(KRTimeDiff(start, KRTimeNow())) * 1e-6;
 }
 
 // Runs a command that is done when it returns. False for one that answers by itself or not at all.
@@ -133,13 +94,15 @@ bool runCommand(GpuThreadContext* context, int command) {
       timedLoad(context, [=] { loadFrame(context); });
       return true;
     case kCommandLoadLuma:
-      timedLoad(context, [=] { loadPackedTextureYOnly(context->gpuEngine, context->commandBuffer); });
+      timedLoad(context, [=] { loadPackedTextureYOnly(context->gpuEngine, context->frame->buffer); });
       return true;
     case kCommandLoadChroma:
-      timedLoad(context, [=] { loadTextureUVOnly(context->gpuEngine, context->commandBuffer); });
+      timedLoad(context, [=] { loadTextureUVOnly(context->gpuEngine, context->frame->buffer); });
       return true;
     case kCommandProcessInPlace:
-      if (isReady(*context) && context->gpuMode == kModeSynchronousRgba) processRgba(context);
+      if (isReady(*context) && context->gpuMode == kModeSynchronousRgba) {
+        processInPlace(context->gpuEngine, *context->frame);
+      }
       return true;
     default:
       return false;
@@ -170,7 +133,10 @@ void warmUpInPlace(_KRSuperResEngine* engine) {
     NOXEL_LOG_ERROR("no memory for a warm-up frame");
     return;
   }
-  postProcessInPlace(scratch, engine);
+  Frame frame;
+  frame.buffer = scratch;
+  frame.settings = takeSettings(engine->gpu);
+  postProcessInPlace(&frame, engine);
   engine->gpu.gpuDone.wait();
   std::free(scratch);
   engine->gpu.command = kCommandIdle;
@@ -178,14 +144,14 @@ void warmUpInPlace(_KRSuperResEngine* engine) {
 
 }  // namespace
 
-void postCommand(_KRSuperResEngine* engine, GpuCommand command) {
+void postCommand(_KRSuperResEngine* engine, GpuCommand command, Frame* frame) {
+  engine->gpu.frame = frame;
   engine->gpu.command = command;
   engine->gpu.gpuRequest.raise();
 }
 
-void postProcessInPlace(unsigned char* frame, _KRSuperResEngine* engine) {
-  engine->gpu.commandBuffer = frame;
-  postCommand(engine, kCommandProcessInPlace);
+void postProcessInPlace(Frame* frame, _KRSuperResEngine* engine) {
+  postCommand(engine, kCommandProcessInPlace, frame);
 }
 
 int startGPUThread(_KRSuperResEngine* engine) {

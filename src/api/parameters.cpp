@@ -1,7 +1,9 @@
 // Parameters: stored here, read by the GPU thread and the jobs with their next frame.
+#include <algorithm>
 #include <cstring>
 
 #include "api/engine_registry.h"
+#include "api/threads.h"
 #include "platform/log.h"
 
 namespace noxel {
@@ -139,6 +141,30 @@ int dispatch(unsigned id, const void* value, _KRSuperResEngine* engine) {
 }
 
 }  // namespace
+
+FrameSettings takeSettings(const GpuThreadContext& parameters) {
+  const auto word = [](const auto& parameter) { return parameter.load(std::memory_order_relaxed); };
+  const auto percent = [&word](const std::atomic<int>& parameter) { return std::clamp(word(parameter), 0, 100); };
+  FrameSettings settings;
+  settings.enabled = word(parameters.enabled);
+  settings.zoom = word(parameters.currentZoom);
+  settings.totalzoom = word(parameters.totalzoom);
+  for (int i = 0; i < 8; ++i) {
+    settings.quadA[i] = word(parameters.quadA[i]);
+    settings.quadB[i] = word(parameters.quadB[i]);
+  }
+  settings.quadAEnabled = word(parameters.quadAEnabled);
+  settings.quadBEnabled = word(parameters.quadBEnabled);
+  settings.useStabilization = word(parameters.useStabilization);
+  settings.noiseReductionStrength = percent(parameters.noiseReductionStrength);
+  settings.deghosting = word(parameters.deghosting);
+  settings.sharpening = static_cast<float>(percent(parameters.sharpening));
+  settings.contrast = static_cast<float>(percent(parameters.contrast));
+  settings.flipChroma = word(parameters.flipChroma);
+  settings.lightMode = word(parameters.lightMode);
+  settings.imageFormat = word(parameters.imageFormatCopy);
+  return settings;
+}
 
 int KRSetParameter(unsigned internalId, const void* value, _KRSuperResEngine* engine) {
   const EngineReference reference(engine);

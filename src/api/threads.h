@@ -13,8 +13,11 @@ int startRegistrationThread(_KRSuperResEngine* engine);
 void stopRegistrationThread(_KRSuperResEngine* engine);
 
 // Post a command to the GPU thread; the poster waits on gpuDone afterwards.
-void postCommand(_KRSuperResEngine* engine, GpuCommand command);
-void postProcessInPlace(unsigned char* frame, _KRSuperResEngine* engine);
+void postCommand(_KRSuperResEngine* engine, GpuCommand command, Frame* frame = nullptr);
+void postProcessInPlace(Frame* frame, _KRSuperResEngine* engine);
+
+// The parameters as they are now.
+FrameSettings takeSettings(const GpuThreadContext& parameters);
 
 // Starts a thread that runs one upload job for a frame of `sequence`. False when no thread could be made. Under frameMutex.
 bool spawnUploadJob(_KRSuperResEngine* engine, uint32_t sequence);

@@ -28,38 +28,26 @@ const char* refusal(const _KRSuperResEngine* engine) {
   return nullptr;
 }
 
-struct Claim {
-  int slot;
-  unsigned char* buffer;  // null: the frame is from before a break
-};
-
-Claim claimSlot(_KRSuperResEngine* engine, uint32_t sequence) {
+// The frame's buffer; null: it is from before a break.
+unsigned char* claimSlot(_KRSuperResEngine* engine, uint32_t sequence) {
   Lock lock(frameMutex);
-  if (engine->sequence.load(std::memory_order_relaxed) != sequence) return {0, nullptr};
+  if (engine->sequence.load(std::memory_order_relaxed) != sequence) return nullptr;
   const int slot = engine->uploadIndex;
   engine->uploadIndex = slot + 1 < engine->ringSlots ? slot + 1 : 0;
-  engine->bufferBeingRead = engine->frameBuffers[slot];
-  return {slot, engine->frameBuffers[slot]};
+  return engine->bufferBeingRead = engine->frameBuffers[slot];
 }
 
-// Refuses or claims under the locks that release and the other jobs take. Null buffer: nothing to do.
-Claim admit(_KRSuperResEngine* engine, uint32_t sequence) {
+// Refuses or claims under the locks that release and the other jobs take. Null: nothing to do.
+unsigned char* admit(_KRSuperResEngine* engine, uint32_t sequence) {
   Lock lock(engine->apiMutex);
   if (const char* reason = refusal(engine); reason != nullptr) {
     NOXEL_LOG_INFO("%s", reason);
     dropFrame(engine->gpu.handOver, sequence);  // takes frameMutex: no frame is in flight beyond here
-    return {0, nullptr};
+    return nullptr;
   }
-  const Claim claim = claimSlot(engine, sequence);
-  if (claim.buffer != nullptr) engine->running.store(1, std::memory_order_release);
-  return claim;
-}
-
-void postLoad(_KRSuperResEngine* engine, const Claim& claim, GpuCommand command) {
-  engine->gpu.commandBuffer = claim.buffer;
-  engine->gpu.commandSlot = claim.slot;
-  engine->gpu.registrationStatus = engine->frameStatus;
-  postCommand(engine, command);
+  unsigned char* buffer = claimSlot(engine, sequence);
+  if (buffer != nullptr) engine->running.store(1, std::memory_order_release);
+  return buffer;
 }
 
 // How far smoothing may move a chroma sample, in levels: noise, not the colour of a lamp that is narrower than the means.
@@ -69,14 +57,15 @@ int chromaLimit(int strength) {
 
 // Engine mode 0: the chroma is smoothed here while the GPU thread uploads the luma. Such a frame is not registered, so that
 // registration's helpers are free.
-void uploadSplit(_KRSuperResEngine* engine, const Claim& claim, int strength) {
+void uploadSplit(_KRSuperResEngine* engine, Frame* frame) {
+  const int strength = frame->settings.noiseReductionStrength;
   int reach = strength / 2;
   if (reach > 15) reach /= 2;
   const int width = engine->width / 2 * 2;
   const int height = engine->height / 2;
   startWatch(1);
-  postLoad(engine, claim, kCommandLoadLuma);
-  unsigned char* chroma = claim.buffer + static_cast<size_t>(engine->width) * static_cast<size_t>(engine->height);
+  postCommand(engine, kCommandLoadLuma, frame);
+  unsigned char* chroma = frame->buffer + static_cast<size_t>(engine->width) * static_cast<size_t>(engine->height);
   const kernels::Plane pairs = kernels::packed(chroma, width, height);
   std::memcpy(engine->chromaAsFilmed, chroma, static_cast<size_t>(width) * static_cast<size_t>(height));
   kernels::smoothChroma(pairs, reach + 1, 4, engine->registration.scratchFrame, &engine->registrationWorkers);
@@ -86,40 +75,43 @@ void uploadSplit(_KRSuperResEngine* engine, const Claim& claim, int strength) {
   engine->gpu.gpuDone.wait();
   stopWatch("y signaali", 3);
   startWatch(2);
-  postLoad(engine, claim, kCommandLoadChroma);
+  postCommand(engine, kCommandLoadChroma, frame);
   stopWatch("Load UV", 2);
 }
 
 // Mode 0 measures no motion where it was not asked to use it.
-bool isRegistered(const _KRSuperResEngine& engine, int lightMode) {
-  return lightMode == 0 || engine.gpu.gpuMode != kModeThreeFrames;
+bool isRegistered(const _KRSuperResEngine& engine, const Frame& frame) {
+  return frame.settings.lightMode == 0 || engine.mode != kModeThreeFrames;
 }
 
-// Which path the frame takes follows from the light mode; a light mode other than 0 and 1 keeps the path it finds. The
-// status of the frame before decides which loader fits.
-void upload(_KRSuperResEngine* engine, const Claim& claim, int lightMode) {
+// Which path the frame takes follows from the light mode; a light mode other than 0 and 1 keeps the path it finds.
+void choosePath(_KRSuperResEngine* engine, Frame* frame) {
   RegistrationContext* registration = &engine->registration;
-  engine->gpu.commandLightMode = lightMode;
+  const int lightMode = frame->settings.lightMode;
   if (lightMode == 1) {
     registration->registrationResult = kRegistrationOff;
-    engine->frameStatus = kRegistrationOff;
-    const int strength = std::min(engine->gpu.noiseReductionStrength.load(std::memory_order_relaxed), 100);
-    // A texture is at least four samples wide: the luma of a narrower frame is uploaded with the chroma behind it.
-    if (engine->gpu.gpuMode == kModeThreeFrames && strength > 0 && engine->width >= 4) {
-      uploadSplit(engine, claim, strength);
-      return;
-    }
   } else if (lightMode == 0 && registration->registrationResult == kRegistrationOff) {
     // Registration is switched on again: what the tracker remembers is from before the light frames.
     registration->registrationResult = kRegistrationFailed;
-    engine->frameStatus = kRegistrationFailed;
     registration->firstFrame = 1;
-  } else if (!isRegistered(*engine, lightMode)) {
-    // The motion that stands there is an older frame's, and so is what the tracker remembers.
+  } else if (!isRegistered(*engine, *frame)) {
+    // The stored motion and the tracker's memory are both from an older frame.
     registration->registrationResult = std::min<int>(registration->registrationResult, kRegistrationFailed);
     registration->firstFrame = 1;
   }
-  postLoad(engine, claim, kCommandLoad);
+  frame->status = registration->registrationResult;
+}
+
+void upload(_KRSuperResEngine* engine, Frame* frame) {
+  const FrameSettings& settings = frame->settings;
+  // A texture is at least four samples wide: the luma of a narrower frame is uploaded with the chroma behind it.
+  const bool split = engine->mode == kModeThreeFrames && settings.lightMode == 1 &&
+                     settings.noiseReductionStrength > 0 && engine->width >= 4;
+  if (split) {
+    uploadSplit(engine, frame);
+  } else {
+    postCommand(engine, kCommandLoad, frame);
+  }
 }
 
 // A break asks for a fresh start of the tracker, with the first frame after it and no other.
@@ -137,8 +129,12 @@ void submitRegistrationFrame(_KRSuperResEngine* engine, const unsigned char* fra
   registration->registrationRequest.raise();
 }
 
+bool stabilizes(const Frame& frame) {
+  return frame.settings.useStabilization != 0 && frame.settings.lightMode != 1;
+}
+
 // One step a frame. A zoom that is set at the same time wins: the exchange fails and the step is not made.
-void easeZoom(GpuThreadContext* gpu, bool stabilizing) {
+float easeZoom(GpuThreadContext* gpu, bool stabilizing) {
   float current = gpu->currentZoom.load(std::memory_order_relaxed);
   const float rest = gpu->zoom.load(std::memory_order_relaxed);
   float next = current;
@@ -148,77 +144,58 @@ void easeZoom(GpuThreadContext* gpu, bool stabilizing) {
     next = static_cast<float>(static_cast<double>(current) - 0.01);
     if (next < rest) next = rest;
   }
-  if (next != current) gpu->currentZoom.compare_exchange_strong(current, next, std::memory_order_relaxed);
+  return gpu->currentZoom.compare_exchange_strong(current, next, std::memory_order_relaxed) ? next : current;
 }
 
-void takeResults(_KRSuperResEngine* engine, int lightMode) {
-  const RegistrationContext& registration = engine->registration;
-  FrameParameters* parameters = &engine->frameParameters;
-  engine->frameGamma = registration.exposure.smoothedGamma;
-  engine->frameGain = registration.exposure.smoothedGain;
-  std::memcpy(parameters->frameMatrixA, registration.motionMatrix, sizeof(registration.motionMatrix));
-  std::memcpy(parameters->frameMatrixB, registration.inverseMotionMatrix, sizeof(registration.inverseMotionMatrix));
-  const bool stabilizing = engine->gpu.useStabilization.load(std::memory_order_relaxed) != 0 && lightMode != 1;
-  std::memcpy(parameters->stabilizationTransform, stabilizing ? registration.stabilizationMatrix : kIdentity3x3,
+void registerFrame(_KRSuperResEngine* engine, Frame* frame) {
+  const uint64_t submitted = KRTimeNow();
+  takeRepriming(engine, frame->sequence);
+  frame->startsSequence = engine->registration.firstFrame == 1;
+  submitRegistrationFrame(engine, frame->buffer);
+  engine->registration.registrationDone.wait();
+  frame->registrationMs = static_cast<double>(KRTimeDiff(submitted, KRTimeNow())) * 1e-6;
+}
+
+void takeResults(const RegistrationContext& registration, Frame* frame) {
+  frame->tone = {registration.exposure.smoothedGamma, registration.exposure.smoothedGain};
+  FrameParameters* motion = &frame->motion;
+  std::memcpy(motion->frameMatrixA, registration.motionMatrix, sizeof(registration.motionMatrix));
+  std::memcpy(motion->frameMatrixB, registration.inverseMotionMatrix, sizeof(registration.inverseMotionMatrix));
+  std::memcpy(motion->stabilizationTransform, stabilizes(*frame) ? registration.stabilizationMatrix : kIdentity3x3,
               sizeof(kIdentity3x3));
-  easeZoom(&engine->gpu, stabilizing);
-  engine->frameStatus = registration.registrationResult;
+  frame->status = registration.registrationResult;
 }
 
-void postProcessFrame(_KRSuperResEngine* engine, const Claim& claim, uint32_t sequence) {
-  GpuThreadContext* gpu = &engine->gpu;
-  gpu->frameParameters = engine->frameParameters;
-  gpu->registrationStatus = engine->frameStatus;
-  gpu->frameGamma = engine->frameGamma;
-  gpu->frameGain = engine->frameGain;
-  gpu->gpuMode = engine->mode;
-  gpu->commandBuffer = claim.buffer;
-  gpu->commandSequence = sequence;
-  postCommand(engine, kCommandProcess);
-}
-
-double millisecondsSince(uint64_t start) {
-  return static_cast<double>(KRTimeDiff(start, KRTimeNow())) * 1e-6;
-}
-
-void fillReport(_KRSuperResEngine* engine, bool startsSequence, double registrationMs) {
+void fillReport(_KRSuperResEngine* engine, const Frame& frame) {
   const _KROFRegistration* tracker = engine->registration.registration;
-  const bool measured = engine->frameStatus != kRegistrationOff && tracker != nullptr;
+  const bool measured = frame.status != kRegistrationOff && tracker != nullptr;
   Lock lock(frameMutex);  // an application may ask for the report of a frame that it did not wait for
   FrameReport* report = &engine->report;
-  report->status = engine->frameStatus;
-  report->gamma = engine->frameGamma;
-  report->gain = engine->frameGain;
-  report->zoom = engine->gpu.currentZoom.load(std::memory_order_relaxed);
-  report->uploadMs = engine->gpu.uploadMs;
-  report->registrationMs = registrationMs;
-  report->startsSequence = measured && startsSequence;
+  report->status = frame.status;
+  report->gamma = frame.tone.gamma;
+  report->gain = frame.tone.gain;
+  report->zoom = frame.settings.zoom;
+  report->uploadMs = frame.uploadMs;
+  report->registrationMs = frame.registrationMs;
+  report->startsSequence = measured && frame.startsSequence;
   report->pointsTracked = measured ? tracker->trackedCount : 0;
   report->pointsKept = measured ? tracker->matchedCount : 0;
-  std::memcpy(report->motion, engine->frameParameters.frameMatrixA, sizeof(report->motion));
-  std::memcpy(report->stabilization, engine->frameParameters.stabilizationTransform, sizeof(report->stabilization));
+  std::memcpy(report->motion, frame.motion.frameMatrixA, sizeof(report->motion));
+  std::memcpy(report->stabilization, frame.motion.stabilizationTransform, sizeof(report->stabilization));
 }
 
-void processClaimed(_KRSuperResEngine* engine, const Claim& claim, uint32_t sequence) {
-  engine->gpu.uploadMs = 0.0;
+void process(_KRSuperResEngine* engine, Frame* frame) {
   startWatch(72);
-  const int lightMode = engine->gpu.lightMode.load(std::memory_order_relaxed);
-  upload(engine, claim, lightMode);
-  double registrationMs = 0.0;
-  bool startsSequence = false;
-  if (isRegistered(*engine, lightMode)) {
-    const uint64_t submitted = KRTimeNow();
-    takeRepriming(engine, sequence);
-    startsSequence = engine->registration.firstFrame == 1;
-    submitRegistrationFrame(engine, claim.buffer);
-    engine->registration.registrationDone.wait();
-    registrationMs = millisecondsSince(submitted);
-  }
+  frame->settings = takeSettings(engine->gpu);
+  frame->settings.zoom = easeZoom(&engine->gpu, stabilizes(*frame));
+  choosePath(engine, frame);
+  upload(engine, frame);
+  if (isRegistered(*engine, *frame)) registerFrame(engine, frame);
   stopWatch("c2s", 72);
-  takeResults(engine, lightMode);
   engine->gpu.gpuDone.wait();  // the load
-  fillReport(engine, startsSequence, registrationMs);
-  postProcessFrame(engine, claim, sequence);
+  takeResults(engine->registration, frame);
+  fillReport(engine, *frame);
+  postCommand(engine, kCommandProcess, frame);
   engine->gpu.gpuDone.wait();
 }
 
@@ -266,9 +243,11 @@ void joinUploadJobs(_KRSuperResEngine* engine, Jobs which) {
 
 void runUploadJob(_KRSuperResEngine* engine, uint32_t sequence) {
   Lock job(engine->jobMutex);
-  const Claim claim = admit(engine, sequence);
-  if (claim.buffer == nullptr) return;
-  processClaimed(engine, claim, sequence);
+  Frame frame;
+  frame.buffer = admit(engine, sequence);
+  frame.sequence = sequence;
+  if (frame.buffer == nullptr) return;
+  process(engine, &frame);
   {
     Lock lock(frameMutex);
     engine->bufferBeingRead = nullptr;

@@ -86,7 +86,7 @@ Picture given(const Setting& setting, int index) {
     for (int i = 0; i < kWidth * kHeight; ++i) picture.insert(picture.end(), {level, 60, 50, 200});
     return picture;
   }
-  return Frame(kWidth, kHeight, level, 150, 100).bytes;
+  return TestFrame(kWidth, kHeight, level, 150, 100).bytes;
 }
 
 size_t channelOf(size_t byte, const Setting& setting) {
@@ -96,14 +96,14 @@ size_t channelOf(size_t byte, const Setting& setting) {
 
 // The levels that frames of a faultless life have, by channel.
 struct Levels {
-  unsigned char least[4] = {255, 255, 255, 255};
-  unsigned char most[4] = {};
+  unsigned char min[4] = {255, 255, 255, 255};
+  unsigned char max[4] = {};
 
   void add(const Picture& picture, const Setting& setting) {
     for (size_t i = 0; i < picture.size(); ++i) {
       const size_t channel = channelOf(i, setting);
-      least[channel] = std::min(least[channel], picture[i]);
-      most[channel] = std::max(most[channel], picture[i]);
+      min[channel] = std::min(min[channel], picture[i]);
+      max[channel] = std::max(max[channel], picture[i]);
     }
   }
 
@@ -111,9 +111,9 @@ struct Levels {
   testing::AssertionResult hold(const Picture& picture, const Setting& setting) const {
     for (size_t i = 0; i < picture.size(); ++i) {
       const size_t channel = channelOf(i, setting);
-      if (picture[i] + 1 < least[channel] || picture[i] > most[channel] + 1) {
+      if (picture[i] + 1 < min[channel] || picture[i] > max[channel] + 1) {
         return testing::AssertionFailure() << "channel " << channel << " at " << int{picture[i]} << ", not within "
-                                           << int{least[channel]} << " to " << int{most[channel]};
+                                           << int{min[channel]} << " to " << int{max[channel]};
       }
     }
     return testing::AssertionSuccess();
@@ -192,7 +192,7 @@ void expectWhole(const Life& life, const Setting& setting) {
     }
   }
   if (setting.onWindow && !inPlace) return;
-  EXPECT_GE(life.levels.most[0] - life.levels.least[0], 6) << "the frames do not come back";
+  EXPECT_GE(life.levels.max[0] - life.levels.min[0], 6) << "the frames do not come back";
 }
 
 void logVerbosely(bool on) {
@@ -305,7 +305,7 @@ TEST(Stall, OfASwapHoldsTheGpuThreadAndNeverTheCaller) {
       const StalledGpu stall(Gate::kSwap);
       for (int i = 0; i < 10; ++i) {
         clock.advance(33);
-        Frame frame(kWidth, kHeight, 40);
+        TestFrame frame(kWidth, kHeight, 40);
         ASSERT_EQ(KRProcessFrame(frame.bytes.data(), engine), 0);
         ASSERT_LE(engine->queuedFrames.load(), 2);
       }
@@ -333,7 +333,7 @@ TEST(Stall, OfOneEnginesSwapHoldsNoOtherEngine) {
   {
     const StalledGpu stall(Gate::kSwap, Whom::kFirst);
     for (int i = 0; i < 2; ++i) {
-      Frame frame(kWidth, kHeight, 40);
+      TestFrame frame(kWidth, kHeight, 40);
       ASSERT_EQ(KRProcessFrame(frame.bytes.data(), stalled), 0);
     }
     if (engineReady(stalled)) {

@@ -63,7 +63,7 @@ TEST(Intake, ABreakIsAGapBeyondTheThresholds) {
   for (const Case& each : cases) {
     TestEngine engine(16, 8);
     NOXEL_NEEDS_GL(engine);
-    Frame frame(16, 8);
+    TestFrame frame(16, 8);
     engine.clock.advance(5000);
     engine.process(&frame);
     engine.clock.advance(each.secondGap - 33);
@@ -109,7 +109,7 @@ TEST_P(Roads, SynchronousFramesAreEachTheirOwnAcrossBreaks) {
       if (reset) engine.clock.advance(2000);
       if (reset || i == 0) given.clear();
       given.push_back(20 + 3 * i % 200);
-      Frame frame(16, 8, static_cast<unsigned char>(given.back()));
+      TestFrame frame(16, 8, static_cast<unsigned char>(given.back()));
       ASSERT_EQ(engine.process(&frame), 0);
       // Each slot beyond the first holds a copy of the sequence's first frame in front of it.
       const int behind = std::min<int>(ringSlots - 1, static_cast<int>(given.size()) - 1);
@@ -124,17 +124,17 @@ TEST_P(Roads, BreaksWhileTheGpuIsStalledLeaveTheRingWhole) {
   TestEngine engine(16, 8, {.mode = GetParam().mode, .ringSlots = 2, .outputDelay = 2, .syncWithCaller = 0});
   NOXEL_NEEDS_GL(engine);
   GetParam().takenBy(&engine);
-  Frame first(16, 8, 200);
+  TestFrame first(16, 8, 200);
   engine.process(&first);
   {
     const StalledGpu stall;
-    Frame second(16, 8, 201);
+    TestFrame second(16, 8, 201);
     engine.process(&second);
     ASSERT_TRUE(stall.isHolding());
     for (int i = 0; i < 50; ++i) {
       engine.clock.advance(2000);
-      Frame frame(16, 8, static_cast<unsigned char>(20 + i));
-      const Frame given = frame;
+      TestFrame frame(16, 8, static_cast<unsigned char>(20 + i));
+      const TestFrame given = frame;
       ASSERT_EQ(engine.process(&frame), 0);
       ASSERT_EQ(frame.bytes, given.bytes) << "right after a break the caller's own frame comes back";
       ASSERT_GE(engine.handle->queuedFrames.load(), 0);
@@ -143,7 +143,7 @@ TEST_P(Roads, BreaksWhileTheGpuIsStalledLeaveTheRingWhole) {
   }
   // Drained, the output is the newest sequence's: nothing from before a break was written over it.
   EXPECT_TRUE(drains(engine.handle));
-  Frame probe(16, 8, 150);
+  TestFrame probe(16, 8, 150);
   engine.process(&probe);
   EXPECT_NEAR(probe.luma(3, 3), 69, 1);
 }
@@ -152,7 +152,7 @@ TEST(Intake, SlotsAreReadInTurnAndNoneIsFilledWhileItIsRead) {
   TestEngine engine(16, 8, {.mode = kModeNeutralExposure, .ringSlots = 2, .outputDelay = 2, .syncWithCaller = 0});
   NOXEL_NEEDS_GL(engine);
   for (int i = 0; i < 7; ++i) {
-    Frame frame(16, 8, static_cast<unsigned char>(20 + 30 * i));
+    TestFrame frame(16, 8, static_cast<unsigned char>(20 + 30 * i));
     engine.process(&frame);
     ASSERT_TRUE(drains(engine.handle));
     // Two late, as the output delay is; one where the caller was held up on its way back.
@@ -166,7 +166,7 @@ TEST(Intake, SlotsAreReadInTurnAndNoneIsFilledWhileItIsRead) {
     Lock lock(frameMutex);
     engine.handle->bufferBeingRead = read;
   }
-  Frame next(16, 8, 250);
+  TestFrame next(16, 8, 250);
   engine.process(&next);
   ASSERT_TRUE(drains(engine.handle));
   EXPECT_TRUE(std::equal(before.begin(), before.end(), read));
@@ -189,8 +189,8 @@ TEST(Intake, EachCallReturnsItsOwnFrameUntilOneIsEnhanced) {
       cause();
       for (std::optional<StalledGpu> stall; level < firstLevel + 25; level += 5) {
         if (stalled && !stall) stall.emplace();
-        Frame frame(16, 8, static_cast<unsigned char>(level));
-        const Frame given = frame;
+        TestFrame frame(16, 8, static_cast<unsigned char>(level));
+        const TestFrame given = frame;
         engine.process(&frame);
         if (stalled) {
           EXPECT_EQ(frame.bytes, given.bytes) << "level " << level;
@@ -201,7 +201,7 @@ TEST(Intake, EachCallReturnsItsOwnFrameUntilOneIsEnhanced) {
         ASSERT_TRUE(stalled || drains(engine.handle));
       }
       ASSERT_TRUE(drains(engine.handle));
-      Frame frame(16, 8, static_cast<unsigned char>(level));
+      TestFrame frame(16, 8, static_cast<unsigned char>(level));
       engine.process(&frame);
       EXPECT_GE(frame.luma(7, 3), firstLevel - 1);
       EXPECT_LE(frame.luma(7, 3), level - 4) << "an enhanced frame comes back";
@@ -219,7 +219,7 @@ TEST(Intake, ReleaseWakesACallerThatWaitsForItsFrame) {
   {
     const StalledGpu stall;
     std::thread caller([&] {
-      Frame frame(16, 8);
+      TestFrame frame(16, 8);
       EXPECT_EQ(KRProcessFrame(frame.bytes.data(), engine.handle), 0);
       returned = true;
     });
@@ -238,7 +238,7 @@ TEST(Intake, AFrameOverWhichReleaseBeginsComesBackAndStartsNothing) {
   for (const int sync : {0, 1}) {
     TestEngine engine(16, 8, {.syncWithCaller = sync});
     NOXEL_NEEDS_GL(engine);
-    Frame first(16, 8, 40);
+    TestFrame first(16, 8, 40);
     engine.process(&first);
     ASSERT_TRUE(drains(engine.handle));
     const LogCapture log;
@@ -254,8 +254,8 @@ TEST(Intake, AFrameOverWhichReleaseBeginsComesBackAndStartsNothing) {
           return platform::TimeOfDay{1'700'000'000, 40'000};
         },
         &releaser);
-    Frame frame(16, 8, 50);
-    const Frame given = frame;
+    TestFrame frame(16, 8, 50);
+    const TestFrame given = frame;
     EXPECT_EQ(KRProcessFrame(frame.bytes.data(), engine.handle), 0);
     releaser.thread.join();
     engine.handle = nullptr;
@@ -268,25 +268,27 @@ TEST(Intake, AFailedMapLosesOneFrameAndManyTheContext) {
   TestEngine engine(16, 8, {.mode = kModeNeutralExposure});
   NOXEL_NEEDS_GL(engine);
   engine.set(kParamNoiseReductionStrength, 0);
-  Frame good(16, 8, 60);
+  TestFrame good(16, 8, 60);
   engine.process(&good);
   {
     const FaultInjection fault(Fault::kMap, 0);
     for (int i = 0; i < 5; ++i) {
-      Frame lost(16, 8, 120);
+      TestFrame lost(16, 8, 120);
       ASSERT_EQ(engine.process(&lost), 0);
       EXPECT_EQ(lost.luma(2, 2), 120) << "a caller that waits for its frame gets no other";
+      EXPECT_EQ(lastFrameReport(engine.handle).number, 1u) << "it was not delivered";
     }
   }
-  Frame next(16, 8, 90);
+  TestFrame next(16, 8, 90);
   ASSERT_EQ(engine.process(&next), 0);
   EXPECT_NEAR(next.luma(2, 2), 90, 1);
+  EXPECT_EQ(lastFrameReport(engine.handle).number, 2u);
   EXPECT_EQ(engine.handle->queuedFrames.load(), 0);
 
   // A context that is lost never comes back, and neither do its frames: the caller keeps its own.
   const FaultInjection fault(Fault::kMap, 0);
   for (int i = 0; i < 20; ++i) {
-    Frame frame(16, 8, 120);
+    TestFrame frame(16, 8, 120);
     ASSERT_EQ(engine.process(&frame), 0);
     EXPECT_EQ(frame.luma(2, 2), 120) << "frame " << i;
     EXPECT_EQ(engineReady(engine.handle), i < 7) << "frame " << i;
@@ -296,8 +298,8 @@ TEST(Intake, AFailedMapLosesOneFrameAndManyTheContext) {
 TEST(Intake, AnUnknownModeStillReturns) {
   TestEngine engine(16, 8, {.mode = 7});
   NOXEL_NEEDS_GL(engine);
-  Frame frame(16, 8, 77);
-  const Frame given = frame;
+  TestFrame frame(16, 8, 77);
+  const TestFrame given = frame;
   ASSERT_EQ(engine.process(&frame), 0);
   EXPECT_EQ(frame.bytes, given.bytes);
   EXPECT_EQ(engine.handle->queuedFrames.load(), 0);

@@ -18,8 +18,8 @@ namespace {
 
 TEST(Lifecycle, ReleasedAndForeignHandlesAreRefused) {
   const LogCapture log;
-  Frame frame(16, 8, 50);
-  const Frame untouched = frame;
+  TestFrame frame(16, 8, 50);
+  const TestFrame untouched = frame;
   int value = 1;
   EXPECT_EQ(Noxel_ProcessFrame(frame.bytes.data(), nullptr), 1);
   EXPECT_EQ(Noxel_SetParameter(0, &value, nullptr), 1);
@@ -40,6 +40,22 @@ TEST(Lifecycle, ReleasedAndForeignHandlesAreRefused) {
   EXPECT_TRUE(log.contains("Engine not initialized"));
   EXPECT_TRUE(log.contains("setparam eng == NULL"));
   EXPECT_TRUE(log.contains("eng not initialized"));
+}
+
+TEST(Lifecycle, AReleasedHandleIsNoLaterEngine) {
+  const LogCapture log;
+  std::vector<_KRSuperResEngine*> released;
+  int value = 1;
+  for (int i = 0; i < 8; ++i) {
+    TestEngine engine(16, 8);
+    for (_KRSuperResEngine* stale : released) {
+      EXPECT_EQ(Noxel_SetParameter(0, &value, stale), 1);
+      EXPECT_EQ(Noxel_Release(&stale), 1);
+    }
+    TestFrame frame(16, 8);
+    EXPECT_EQ(engine.process(&frame), 0);
+    released.push_back(engine.handle);
+  }
 }
 
 TEST(Lifecycle, SizesOutOfRangeLeaveTheHandleAlone) {
@@ -117,7 +133,7 @@ TEST(Lifecycle, SizesThatFitNoTileAreSafe) {
       engine.set(kParamLightMode, lightMode);
       engine.setMotion([](bool, MotionEstimate*) { return true; });
       for (int i = 0; i < 3; ++i) {
-        Frame frame(width, height, 40);
+        TestFrame frame(width, height, 40);
         EXPECT_EQ(engine.process(&frame), 0);
       }
     }

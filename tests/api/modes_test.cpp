@@ -30,10 +30,10 @@ constexpr int kContrast = 30;
 constexpr double kCurveWidth = 0.38;  // 1/2 - 0.004 * contrast
 
 // The scene from a camera that pans and rolls, with colours that change across it.
-Frame frameOf(int n) {
+TestFrame frameOf(int n) {
   static const Waves scene(5, 8);
   const View pose = turned(0.01 * n, 1, kWidth / 2.0, kHeight / 2.0, 2.25 * n, -0.75 * n);
-  Frame frame(kWidth, kHeight, scene.seen(kWidth, kHeight, pose, 2.0, static_cast<unsigned>(n)));
+  TestFrame frame(kWidth, kHeight, scene.seen(kWidth, kHeight, pose, 2.0, static_cast<unsigned>(n)));
   for (int y = 0; y < kHeight; y += 2) {
     for (int x = 0; x < kWidth; x += 2) {
       frame.v(x, y) = static_cast<unsigned char>(104 + (x + 3 * n) % 40);
@@ -77,11 +77,11 @@ void useScene(TestEngine* engine, const int* n) {
   });
 }
 
-Image chromaOf(const Frame& frame) {
+Image chromaOf(const TestFrame& frame) {
   return Image::chroma(kWidth / 2, kHeight / 2, {frame.bytes.begin() + kWidth * kHeight, frame.bytes.end()});
 }
 
-Image converted(const Frame& frame, const Matrix& warp = reference::kIdentity) {
+Image converted(const TestFrame& frame, const Matrix& warp = reference::kIdentity) {
   const std::vector<uint8_t> luma(frame.bytes.begin(), frame.bytes.begin() + kWidth * kHeight);
   std::vector<uint8_t> rgba;
   for (const uint8_t y : luma) rgba.insert(rgba.end(), {y, y, y, 255});
@@ -110,7 +110,7 @@ Picture packed(const Image& picture) {
 
 // The last stored image is half a code off at most, 0.29 rms. The sharpening (2.4 times the centre, each neighbour 0.18 times)
 // and the curve (slope 1.14) make 0.8 rms of it, and 5 where all neighbours err against the centre.
-::testing::AssertionResult matches(const Frame& actual, const Image& expected) {
+::testing::AssertionResult matches(const TestFrame& actual, const Image& expected) {
   return closeTo(packed(actual.bytes), packed(expected), 5, 0.98, 2);
 }
 
@@ -121,7 +121,7 @@ TEST(Modes, ThreeFramesAreAveragedAlongTheirMotion) {
   useScene(&engine, &n);
   std::vector<Image> ring;
   for (n = 0; n < 6; ++n) {
-    Frame frame = frameOf(n);
+    TestFrame frame = frameOf(n);
     ring.push_back(converted(frame));
     engine.process(&frame);
     const View w = frameFromPicture(n);
@@ -151,8 +151,8 @@ TEST(Modes, ALightFrameIsSmoothedAlongItsEdges) {
   useScene(&engine, &n);
   engine.set(kParamLightMode, 1);
   engine.set(kParamNoiseReductionStrength, kStrength);
-  Frame frame = frameOf(3);
-  Frame smoothed = frame;
+  TestFrame frame = frameOf(3);
+  TestFrame smoothed = frame;
   std::vector<uint8_t> scratch(kWidth * kHeight);
   // Half the strength is beyond 15 and halved again; one more. No sample moves further than 1 + 40 / 16.
   const kernels::Plane chroma = kernels::packed(&smoothed.bytes[kWidth * kHeight], kWidth, kHeight / 2);
@@ -176,7 +176,7 @@ TEST(Modes, StabilizedFramesAreSharpenedAndNothingElse) {
   int n = 0;
   useScene(&engine, &n);
   for (n = 0; n < 3; ++n) {
-    Frame frame = frameOf(n);
+    TestFrame frame = frameOf(n);
     const Image current = converted(frame, warpOf(frameFromPicture(n)));
     engine.process(&frame);
     EXPECT_TRUE(matches(frame, sharp(current))) << n;
@@ -191,10 +191,10 @@ TEST(Modes, NeutralExposureIsTheEnhancedPictureBeforeItsTone) {
   useScene(&enhancing, &n);
   useScene(&neutral, &n);
   for (n = 0; n < 4; ++n) {
-    Frame frame = frameOf(n);
+    TestFrame frame = frameOf(n);
     std::fill(frame.bytes.begin() + kWidth * kHeight, frame.bytes.end(),
               128);  // grey: red, green and blue are the luma
-    Frame enhanced = frame;
+    TestFrame enhanced = frame;
     neutral.process(&frame);
     enhancing.process(&enhanced);
     EXPECT_EQ(lastFrameReport(neutral.handle).gamma, 1.0f);
@@ -274,7 +274,7 @@ TEST(Modes, DrawTheirOwnSequences) {
     ASSERT_EQ(observePasses(engine.handle, note, &seen), 0);
     for (i = 0; i < drawn.size(); ++i) {
       engine.set(kParamLightMode, lightModes[i] - '0');
-      Frame frame(32, 16, 60);
+      TestFrame frame(32, 16, 60);
       ASSERT_EQ(engine.process(&frame), 0);
       Passes expected = sequences.at(drawn[i]);
       expected.insert(expected.end(), {"pack luma", "pack chroma"});
@@ -291,7 +291,7 @@ TEST(Modes, AFrameThatWasSwitchedOffDoesNotUnsteadyTheNext) {
     useScene(&engine, &n);
     for (n = 0; n < 4; ++n) {
       engine.set(kParamEnabled, n == 2 ? 0 : 1);
-      Frame frame = frameOf(n);
+      TestFrame frame = frameOf(n);
       const Image current = converted(frame, warpOf(frameFromPicture(n)));
       engine.process(&frame);
       // Mode 0 samples its B-spline picture once more; unstabilised it is 5 pixels off.
@@ -308,7 +308,7 @@ TEST(Modes, FlipChromaHandsUBackBeforeVWhereItIsRead) {
     engine.set(kParamLightMode, 0);
     engine.set(kParamContrast, 0);
     engine.set(kParamFlipChroma, 1);
-    Frame frame(32, 16, 120, 150, 110);
+    TestFrame frame(32, 16, 120, 150, 110);
     engine.process(&frame);
     const bool read = mode == kModeThreeFrames || mode == kModeStabilize;
     // Two codes: one for each conversion's rounding; gain and exponent move the colours of mode 1 by a few more.

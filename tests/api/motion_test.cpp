@@ -23,17 +23,17 @@ View poseOf(int n) {
   return turned(0.004 * n, 1, kWidth / 2.0, kHeight / 2.0, 3.25 * n, -1.5 * n);
 }
 
-Frame panned(const Waves& waves, int n, double sigma = 0.0) {
+TestFrame panned(const Waves& waves, int n, double sigma = 0.0) {
   return {kWidth, kHeight, waves.seen(kWidth, kHeight, poseOf(n), sigma, 100u + static_cast<unsigned>(n))};
 }
 
 struct Shown {
-  std::vector<Frame> frames;
+  std::vector<TestFrame> frames;
   std::vector<int> statuses;
 };
 
 // What an engine of its own makes of the frames. lightModes: of each frame; empty, all on the temporal path.
-Shown shown(const std::vector<Frame>& frames, const std::vector<int>& lightModes = {}) {
+Shown shown(const std::vector<TestFrame>& frames, const std::vector<int>& lightModes = {}) {
   TestEngine engine(frames[0].width, frames[0].height, {.mode = kModeNeutralExposure});
   Shown result;
   if (!engineReady(engine.handle)) return result;
@@ -50,7 +50,7 @@ TEST(Motion, ACutLeavesNoTraceOfTheOldScene) {
   const TestEngine driver(16, 16);
   NOXEL_NEEDS_GL(driver);
   const Waves other(77, 24);
-  std::vector<Frame> frames, after;
+  std::vector<TestFrame> frames, after;
   for (int n = 0; n < 5; ++n) frames.push_back(panned(scene(), n, 4));
   for (int n = 5; n < 9; ++n) after.push_back(panned(other, n, 4));
   frames.insert(frames.end(), after.begin(), after.end());
@@ -62,11 +62,11 @@ TEST(Motion, ACutLeavesNoTraceOfTheOldScene) {
 TEST(Motion, ChangesOfLightModeShowNoStaleFrame) {
   const TestEngine driver(16, 16);
   NOXEL_NEEDS_GL(driver);
-  std::vector<Frame> frames;
+  std::vector<TestFrame> frames;
   for (int n = 0; n < 9; ++n) frames.push_back(panned(scene(), n, 4));
   const Shown mixed = shown(frames, {1, 1, 0, 0, 0, 1, 1, 0, 0});
   const Shown spatial = shown(frames, std::vector(9, 1));
-  const std::vector<Frame> middle(frames.begin() + 2, frames.begin() + 5), last(frames.begin() + 7, frames.end());
+  const std::vector<TestFrame> middle(frames.begin() + 2, frames.begin() + 5), last(frames.begin() + 7, frames.end());
   const Shown temporal[] = {shown(middle), shown(last)};
   EXPECT_EQ(mixed.statuses, (std::vector{-1, -1, 0, 1, 1, -1, -1, 0, 1}));
   for (const size_t i : {0, 1, 5, 6}) EXPECT_EQ(mixed.frames[i].bytes, spatial.frames[i].bytes) << i;
@@ -82,7 +82,7 @@ TEST(Motion, IsInFramePixelsAtEitherResolution) {
     const View step = shifted(6.5, -2.5);
     View pose = shifted(0, 0);
     for (int n = 0; n < 3; ++n, pose = composed(pose, step)) {
-      Frame frame(width, 96, scene().seen(width, 96, pose));
+      TestFrame frame(width, 96, scene().seen(width, 96, pose));
       engine.process(&frame);
       if (n == 0) continue;
       const FrameReport report = lastFrameReport(engine.handle);
@@ -96,7 +96,7 @@ TEST(Motion, IsInFramePixelsAtEitherResolution) {
 TEST(Motion, ANoisyPanIsFilteredAlongItsPath) {
   const TestEngine driver(16, 16);
   NOXEL_NEEDS_GL(driver);
-  std::vector<Frame> truth, noisy;
+  std::vector<TestFrame> truth, noisy;
   for (int n = 0; n < 12; ++n) {
     truth.push_back(panned(scene(), n));
     noisy.push_back(panned(scene(), n, 6));

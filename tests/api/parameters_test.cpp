@@ -96,7 +96,7 @@ TEST(Parameters, StabilizationEasesTheZoomInAndOut) {
   NOXEL_NEEDS_GL(engine);
   engine.set(kParamStabilization, 1);
   engine.set(kParamLightMode, 0);
-  Frame frame(16, 8);
+  TestFrame frame(16, 8);
   for (int i = 0; i < 25; ++i) {
     engine.process(&frame);
     EXPECT_NEAR(lastFrameReport(engine.handle).zoom, std::min(1.0 + 0.01 * (i + 1), 1.17), 1e-5) << i;

@@ -9,8 +9,8 @@ namespace noxel {
 namespace {
 
 // A bright red corner mark on grey, in the upper left: nothing symmetric about it.
-Frame markedFrame(int width, int height) {
-  Frame frame(width, height, 70);
+TestFrame markedFrame(int width, int height) {
+  TestFrame frame(width, height, 70);
   for (int y = 2; y < 10; ++y) {
     for (int x = 4; x < 20; ++x) {
       frame.luma(x, y) = 110;
@@ -29,11 +29,11 @@ TEST(Picture, AMarkKeepsItsPlaceAndColour) {
       engine.set(kParamImageFormat, format);
       engine.set(kParamLightMode, lightMode);
       engine.set(kParamNoiseReductionStrength, 0);
-      const Frame marked = markedFrame(48, 32);
-      Frame frame(48, 32);
+      const TestFrame marked = markedFrame(48, 32);
+      TestFrame frame(48, 32);
       copyAndConvertOutput(frame.bytes.data(), marked.bytes.data(), 48, 32, format);
       ASSERT_EQ(engine.process(&frame), 0);
-      Frame seen(48, 32);
+      TestFrame seen(48, 32);
       copyAndConvertInput(seen.bytes.data(), frame.bytes.data(), 48, 32, format);
       // Two codes: one for each conversion's rounding. Away from edges, which the cubic and the chroma's bilinear blur.
       EXPECT_NEAR(seen.luma(10, 6), 110, 2);
@@ -53,9 +53,9 @@ TEST(Picture, TheUntouchedViewCoversTheEnhancedOneWhereTheyOverlap) {
   // Off-screen the first row of the picture is at y = -1; the left half is left either way.
   const float leftHalf[8] = {-1, 1, -1, -1, 0, 1, 0, -1};
   ASSERT_EQ(KRSetParameter(kParamQuadA, leftHalf, engine.handle), 0);
-  Frame frame(32, 16);
+  TestFrame frame(32, 16);
   for (int i = 0; i < 12; ++i) {
-    frame = Frame(32, 16, 60);
+    frame = TestFrame(32, 16, 60);
     engine.process(&frame);
   }
   EXPECT_NEAR(frame.luma(4, 8), 60, 1);
@@ -63,7 +63,7 @@ TEST(Picture, TheUntouchedViewCoversTheEnhancedOneWhereTheyOverlap) {
 
   ASSERT_EQ(KRSetParameter(kParamQuadA, nullptr, engine.handle), 0);
   engine.set(kParamEnabled, 0);
-  frame = Frame(32, 16, 60);
+  frame = TestFrame(32, 16, 60);
   engine.process(&frame);
   EXPECT_EQ(frame.luma(28, 8), 0) << "with nothing to draw the target is cleared";
 }
@@ -73,7 +73,7 @@ TEST(Passes, AFrameThatWasNotDrawnRestartsHistory) {
   NOXEL_NEEDS_GL(engine);
   engine.set(kParamLightMode, 0);
   engine.setMotion([](bool, MotionEstimate*) { return true; });
-  Frame frame(32, 16, 60);
+  TestFrame frame(32, 16, 60);
   const auto historyAfter = [&](int enabled) {
     engine.set(kParamEnabled, enabled);
     engine.process(&frame);
@@ -109,7 +109,7 @@ TEST(Temporal, StabilizationUndoesAShiftAndKeepsHistoryAligned) {
     return !first;
   });
   for (n = 0; n < 8; ++n) {
-    Frame frame(kWidth, kHeight, scene().seen(kWidth, kHeight, shifted(shiftOf(n), 0)));
+    TestFrame frame(kWidth, kHeight, scene().seen(kWidth, kHeight, shifted(shiftOf(n), 0)));
     engine.process(&frame);
     const double zoom = static_cast<double>(lastFrameReport(engine.handle).zoom);
     const View crop = turned(0, 1 / zoom, kWidth / 2.0, kHeight / 2.0, 0, 0);

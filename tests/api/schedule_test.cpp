@@ -33,8 +33,8 @@ int uOf(unsigned number) {
 
 std::vector<unsigned char> numbered(unsigned number) {
   std::vector<unsigned char> bytes =
-      Frame(kWidth, kHeight, static_cast<unsigned char>(lumaOf(number)), static_cast<unsigned char>(vOf(number)),
-            static_cast<unsigned char>(uOf(number)))
+      TestFrame(kWidth, kHeight, static_cast<unsigned char>(lumaOf(number)), static_cast<unsigned char>(vOf(number)),
+                static_cast<unsigned char>(uOf(number)))
           .bytes;
   bytes.resize(kLuma * 4);  // a frame of mode 4 is larger
   return bytes;

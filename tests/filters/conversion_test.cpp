@@ -45,7 +45,7 @@ TEST_F(Conversion, AllThreeLumaLayoutsFollowTheFormula) {
     const double applied = std::clamp(static_cast<double>(gamma), 0.8, 1.2);
     const Picture expected =
         toPicture(reference::packedYuvToRgbClamped(packedImage, chromaImage, applied, width, {width, height}));
-    input.context.gamma = gamma;
+    input.context.tone.gamma = gamma;
     read({packedLuma.GetId(), chroma.GetId(), selector.GetId()});
     EXPECT_TRUE(closeTo(draw("packed, clamped gamma", kr_convr2, width, height), expected, 6, 0.99, 2)) << gamma;
     EXPECT_TRUE(closeTo(draw("selected, clamped gamma", kr_convr3, width, height), expected, 6, 0.99, 2)) << gamma;

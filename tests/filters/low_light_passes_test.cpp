@@ -42,8 +42,8 @@ class LowLightPasses : public PassTest {
   }
 
   void useTone(float exponent, float gain) {
-    input.context.gamma = exponent;
-    input.context.gain = gain;
+    input.context.tone.gamma = exponent;
+    input.context.tone.gain = gain;
   }
 };
 

@@ -17,6 +17,8 @@
 #include <new>
 #include <unordered_set>
 
+#include "api/engine_registry.h"
+
 extern "C" void* __real_malloc(size_t);
 extern "C" void __real_free(void*);
 
@@ -184,6 +186,7 @@ FakeWindow::~FakeWindow() {
 }
 
 Held held() {
+  freeRecords();
   std::lock_guard lock(allocationMutex);
   return {static_cast<long>(allocations().size()), threadsAlive, glObjectsAlive};
 }

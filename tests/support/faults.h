@@ -63,7 +63,7 @@ class FakeWindow {
   void* native() { return this; }
 };
 
-// What the library has and has not given back.
+// What the library has and has not given back; the records of released engines, which it keeps for a while, are freed first.
 struct Held {
   long allocations = 0;
   int threads = 0;

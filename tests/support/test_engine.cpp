@@ -24,15 +24,15 @@ void TestClock::advance(double milliseconds) {
   microseconds += static_cast<int64_t>(milliseconds * 1000.0);
 }
 
-Frame::Frame(int frameWidth, int frameHeight, unsigned char luma, unsigned char v, unsigned char u)
-    : width(frameWidth), height(frameHeight), bytes(frameSize(frameWidth, frameHeight), luma) {
+TestFrame::TestFrame(int columns, int rows, unsigned char luma, unsigned char v, unsigned char u)
+    : width(columns), height(rows), bytes(frameSize(columns, rows), luma) {
   for (size_t i = static_cast<size_t>(width) * height; i + 1 < bytes.size(); i += 2) {
     bytes[i] = v;
     bytes[i + 1] = u;
   }
 }
 
-Frame::Frame(int frameWidth, int frameHeight, const std::vector<unsigned char>& luma) : Frame(frameWidth, frameHeight) {
+TestFrame::TestFrame(int columns, int rows, const std::vector<unsigned char>& luma) : TestFrame(columns, rows) {
   std::copy(luma.begin(), luma.end(), bytes.begin());
 }
 
@@ -48,7 +48,7 @@ TestEngine::~TestEngine() {
   }
 }
 
-int TestEngine::process(Frame* frame) {
+int TestEngine::process(TestFrame* frame) {
   clock.advance(33);
   return KRProcessFrame(frame->bytes.data(), handle);
 }
@@ -72,7 +72,7 @@ bool drains(const _KRSuperResEngine* engine) {
   return engine->queuedFrames.load() == 0;
 }
 
-double lumaPsnr(const Frame& a, const Frame& b, int margin) {
+double lumaPsnr(const TestFrame& a, const TestFrame& b, int margin) {
   double sum = 0.0;
   int count = 0;
   for (int y = margin; y < a.height - margin; ++y) {

@@ -28,13 +28,13 @@ class TestClock {
 };
 
 // NV21.
-struct Frame {
+struct TestFrame {
   int width;
   int height;
   std::vector<unsigned char> bytes;
 
-  Frame(int frameWidth, int frameHeight, unsigned char luma = 16, unsigned char v = 128, unsigned char u = 128);
-  Frame(int frameWidth, int frameHeight, const std::vector<unsigned char>& luma);  // grey
+  TestFrame(int columns, int rows, unsigned char luma = 16, unsigned char v = 128, unsigned char u = 128);
+  TestFrame(int columns, int rows, const std::vector<unsigned char>& luma);  // grey
   unsigned char& luma(int x, int y) { return bytes[static_cast<size_t>(y * width + x)]; }
   unsigned char luma(int x, int y) const { return bytes[static_cast<size_t>(y * width + x)]; }
   unsigned char& v(int x, int y) { return bytes[chromaAt(x, y)]; }
@@ -60,7 +60,7 @@ class TestEngine {
   TestEngine& operator=(const TestEngine&) = delete;
 
   // 33 ms after the frame before.
-  int process(Frame* frame);
+  int process(TestFrame* frame);
   void set(unsigned internalId, int value);
   // The registration's result for each frame from here on. Before the first frame, or between synchronous ones.
   void setMotion(std::function<bool(bool first, MotionEstimate*)> source);
@@ -84,6 +84,6 @@ bool drains(const _KRSuperResEngine* engine);
   static_assert(true, "a semicolon follows")
 
 // 10 log10(255^2 / mean squared luma difference), `margin` pixels at each edge left out.
-double lumaPsnr(const Frame& a, const Frame& b, int margin);
+double lumaPsnr(const TestFrame& a, const TestFrame& b, int margin);
 
 }  // namespace noxel

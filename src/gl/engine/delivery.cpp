@@ -46,13 +46,18 @@ void noteMask(DeliveryNotes* notes, MaskSize size, float ownWeight) {
 }
 
 // Called under frameMutex.
-void takeNotes(const _KRGPUEngine& engine, DeliveryNotes* notes) {
+void takeNotes(const _KRGPUEngine& engine, bool wasRead, DeliveryNotes* notes) {
+  notes->missed = !wasRead && engine.offscreen == 1;
+  if (!notes->missed) {
+    ++notes->delivered;
+    notes->outputPath = engine.frame.path();
+  }
   notes->gpuMs =
-      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - engine.frameStart).count();
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - engine.frame.taken).count();
   notes->maskValid = engine.maskCaptured;
   if (notes->maskValid) {
     noteMask(notes, ghostMaskSize(engine.width, engine.height),
-             ownWeight(engine.passContext.settings.noiseReductionStrength));
+             ownWeight(engine.frame.settings.noiseReductionStrength));
   }
 }
 
@@ -61,13 +66,11 @@ void takeNotes(const _KRGPUEngine& engine, DeliveryNotes* notes) {
 void deliver(_KRGPUEngine* engine, const unsigned char* bytes) {
   const HandOver& handOver = engine->handOver;
   Lock lock(*handOver.frameMutex);
-  const bool current = countDelivered(handOver, engine->frameSequence);
-  if (current && handOver.notes != nullptr) handOver.notes->missed = bytes == nullptr;
+  const bool current = countDelivered(handOver, engine->frame.sequence);
   if (current && bytes != nullptr) {
     std::memcpy(handOver.outputBuffer, bytes, engine->lumaSize + engine->lumaSize / 2);
-    if (handOver.notes != nullptr) handOver.notes->outputPath = engine->path;
   }
-  if (current && handOver.notes != nullptr) takeNotes(*engine, handOver.notes);
+  if (current && handOver.notes != nullptr) takeNotes(*engine, bytes != nullptr, handOver.notes);
   // A frame from before a break leaves the caller waiting for its own. Under the lock, so that a break finds either no
   // output of the old sequence announced or all of it.
   if (handOver.syncWithCaller == 1) handOver.callerSignal->raise(current ? 1 : -1);
@@ -80,11 +83,11 @@ bool readImage(FrameBuffer* image, unsigned char* bytes) {
 }
 
 void noteReadBack(_KRGPUEngine* engine, bool complete) {
-  constexpr int kMostFailures = 8;  // a quarter of a second of a camera's frames
+  constexpr int kMaxFailures = 8;  // a quarter of a second of a camera's frames
   if (!complete && engine->failedReadBacks == 0)
     NOXEL_LOG_ERROR("glReadPixels or glMapBufferRange failed: the frame is not handed over");
   engine->failedReadBacks = complete ? 0 : engine->failedReadBacks + 1;
-  if (engine->failedReadBacks == kMostFailures) loseContext(engine);
+  if (engine->failedReadBacks == kMaxFailures) loseContext(engine);
 }
 
 void swapBuffers(_KRGPUEngine* engine) {

@@ -1,9 +1,7 @@
-#include <algorithm>
-#include <cstring>
+#include <chrono>
 #include <limits>
 
 #include "gl/engine/gpu_engine.h"
-#include "platform/stopwatch.h"
 
 namespace noxel {
 namespace {
@@ -27,16 +25,8 @@ void loadChroma(_KRGPUEngine* engine, const unsigned char* frame) {
 // this frame's process command brought the other.
 void ensureLumaForSequence(_KRGPUEngine* engine) {
   const bool packed = engine->historyCount == -1;
-  if (packed && !engine->packedLumaFilled) loadPackedLuma(engine, engine->frame);
-  if (!packed && !engine->lumaFilled) loadLuma(engine, engine->frame);
-}
-
-// In window mode the first row of the picture, texture coordinate 0, is to be at the top of the window, where y is 1; the
-// position is turned upside down before the transform sees it.
-void setOutputTransform(_KRGPUEngine* engine, const float* transform) {
-  std::memcpy(engine->outputTransform, transform, sizeof(engine->outputTransform));
-  if (engine->offscreen == 1) return;
-  for (int row = 0; row < 4; ++row) engine->outputTransform[4 + row] = -engine->outputTransform[4 + row];
+  if (packed && !engine->packedLumaFilled) loadPackedLuma(engine, engine->frame.buffer);
+  if (!packed && !engine->lumaFilled) loadLuma(engine, engine->frame.buffer);
 }
 
 void updateHistory(_KRGPUEngine* engine, int status) {
@@ -51,42 +41,35 @@ void updateHistory(_KRGPUEngine* engine, int status) {
 // crop Z and then through N(S)^-1 to the current frame: W = N(S)^-1 Z. From there N(A) leads to the previous frame and
 // W_prev^-1 to where that frame was drawn: motionWarp = W_prev^-1 N(A) W. Mode 0 keeps frames undrawn: N(A) W leads to the
 // previous one and N(A_prev) N(A) W to the one before.
-void updateWarps(_KRGPUEngine* engine, const FrameInput& input) {
-  const Warp previous = engine->stabilizedTextureWarp;
-  const Warp zoom = zoomAboutCentre(static_cast<double>(engine->inverseZoom));
+void updateWarps(_KRGPUEngine* engine, const Frame& frame) {
+  const Warp previous = engine->frameFromPicture;
+  const Warp zoom = zoomAboutCentre(static_cast<double>(1.0f / frame.settings.zoom));
   // A frame that restarts accumulated history is drawn zoomed only.
   const bool stabilized = !engine->plan->accumulates || engine->historyCount != 0;
-  const Warp stabilization = textureSpace(input.parameters.stabilizationTransform, engine->width, engine->height);
+  const Warp stabilization = textureSpace(frame.motion.stabilizationTransform, engine->width, engine->height);
   const Warp current = stabilized ? multiply(inverse(stabilization), zoom) : zoom;
 
   Warp previousFromCurrent;
-  if (input.status >= 1) {
-    previousFromCurrent = textureSpace(input.parameters.frameMatrixA, engine->width, engine->height);
+  if (frame.status >= 1) {
+    previousFromCurrent = textureSpace(frame.motion.frameMatrixA, engine->width, engine->height);
   }
-  engine->stabilizedTextureWarp = current;
+  engine->frameFromPicture = current;
   widen(zoom, engine->zoomWarp);
   widen(current, engine->stabilizedWarp);
   const Warp previousFromPicture = multiply(previousFromCurrent, current);
   widen(multiply(inverse(previous), previousFromPicture), engine->motionWarp);
   widen(previousFromCurrent, engine->previousFromCurrent);
   widen(previousFromPicture, engine->previousFromPicture);
-  widen(multiply(engine->lastMotion, previousFromPicture), engine->oldestFromPicture);
-  engine->lastMotion = previousFromCurrent;
+  widen(multiply(engine->previousFromFrame, previousFromPicture), engine->oldestFromPicture);
+  engine->previousFromFrame = previousFromCurrent;
 }
 
-// A window may have been resized since the frame before: the picture fills it.
+// A window may have been resized since the frame before: the picture fills it. Its first row, texture coordinate 0, is to be
+// at the top of the window, where y is 1.
 void followWindow(_KRGPUEngine* engine) {
-  if (engine->offscreen == 0) engine->egl.GetSurfaceSize(&engine->outputWidth, &engine->outputHeight);
-}
-
-// What the read-back ring still holds of the other path must not come back among this one's.
-void followPath(_KRGPUEngine* engine, FramePath path) {
-  if (path != engine->path) resetFirstFrame(engine);
-  engine->path = path;
-}
-
-float percent(int value) {
-  return static_cast<float>(std::clamp(value, 0, 100));
+  if (engine->offscreen == 1) return;
+  engine->egl.GetSurfaceSize(&engine->outputWidth, &engine->outputHeight);
+  engine->outputTransform[5] = -1.0f;
 }
 
 }  // namespace
@@ -114,30 +97,15 @@ void loadRgbaTexture(_KRGPUEngine* engine, const unsigned char* frame) {
   engine->texturesLoaded = 1;
 }
 
-void prepareFrame(_KRGPUEngine* engine, const FrameInput& input) {
-  engine->frameStart = std::chrono::steady_clock::now();
-  engine->frame = input.frame;
-  engine->frameSequence = input.sequence;
-  if (engine->texturesLoaded == 0) loadTextures(engine, input.frame);
-
+void prepareFrame(_KRGPUEngine* engine, const Frame& frame) {
+  // What the read-back ring still holds of the other path must not come back among this one's.
+  if (frame.path() != engine->frame.path()) resetFirstFrame(engine);
+  engine->frame = frame;
+  engine->frame.taken = std::chrono::steady_clock::now();
+  if (engine->texturesLoaded == 0) loadTextures(engine, frame.buffer);
   followWindow(engine);
-  setOutputTransform(engine, input.transform);
-  engine->enhancementEnabled = input.enabled;
-  engine->outputQuadEnabled = input.quadBEnabled;
-  engine->passThroughQuadEnabled = input.quadAEnabled;
-  engine->inverseZoom = 1.0f / input.zoom;
-  PassContext* context = &engine->passContext;
-  context->settings.flipChroma = input.flipChroma;
-  context->settings.sharpening = percent(input.sharpening);
-  context->settings.contrast = percent(input.contrast);
-  context->gamma = input.gamma;
-  context->gain = input.gain;
-  std::memcpy(engine->passThroughQuad, input.quadA, sizeof(input.quadA));
-  std::memcpy(engine->outputQuad, input.quadB, sizeof(input.quadB));
-
-  followPath(engine, framePath(input.status));
-  updateHistory(engine, input.status);
-  updateWarps(engine, input);
+  updateHistory(engine, frame.status);
+  updateWarps(engine, frame);
   ensureLumaForSequence(engine);
 }
 

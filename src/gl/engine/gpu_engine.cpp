@@ -191,7 +191,6 @@ void create(int width, int height, void* window, const HandOver& handOver, int m
   engine->plan = &modePlan(mode);
   engine->width = width;
   engine->height = height;
-  engine->passContext.frame = {width, height};
   engine->historyIndex = isRgbaMode(*engine) ? 0 : 1;
   engine->outIndex = kMaxLevelImages - 1;
   engine->outputWidth = width;

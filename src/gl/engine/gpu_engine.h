@@ -4,7 +4,6 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 
 #include "filters/programs.h"
@@ -18,16 +17,10 @@
 
 namespace noxel {
 
-// Which way a frame was enhanced: by itself, or together with those before it.
-enum class FramePath : uint8_t { kNone, kSpatial, kTemporal };
-
-inline FramePath framePath(int status) {
-  return status == -1 ? FramePath::kSpatial : FramePath::kTemporal;
-}
-
 // What the frame delivered last tells of its making. Belongs to the engine record; under frameMutex but where it says
 // otherwise.
 struct DeliveryNotes {
+  uint64_t delivered = 0;                   // frames so far
   FramePath outputPath = FramePath::kNone;  // of the frame in the output buffer; none: no frame of this sequence
   bool missed = false;                      // it could not be read back: the output buffer holds an older one
   double gpuMs = 0.0;  // of the GPU thread, from prepareFrame to delivery; a wait for the caller counts
@@ -54,33 +47,6 @@ struct HandOver {
   _KRSignal* callerSignal;         // 1 output ready, -1 output taken
   std::atomic<int>* ready;         // cleared when the context is lost: no frame is drawn from then on
   DeliveryNotes* notes = nullptr;  // null: nobody wants to know
-};
-
-// The three matrices that come with a frame: 3 x 3, row-major, in frame pixels.
-struct FrameParameters {
-  float frameMatrixA[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};            // current to previous frame
-  float frameMatrixB[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};            // its inverse
-  float stabilizationTransform[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};  // current frame to stabilised picture
-};
-
-// Everything the process command knows about its frame, copied before the poster is released.
-struct FrameInput {
-  unsigned char* frame = nullptr;  // NV21; read in the loaders and prepareFrame only
-  uint32_t sequence = 0;
-  int status = 0;  // -1 spatial path, 0 first frame or failed registration, 1 registered
-  FrameParameters parameters;
-  float gamma = 1.0f;
-  float gain = 1.0f;
-  float zoom = 1.0f;
-  float transform[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};  // column-major
-  float quadA[8] = {};                                                     // the untouched view
-  float quadB[8] = {};                                                     // the enhanced picture
-  int enabled = 1;
-  int quadAEnabled = 0;
-  int quadBEnabled = 1;
-  int sharpening = 2;  // 0..100, as the next; modes 0 and 2
-  int contrast = 30;
-  int flipChroma = 0;  // 1: U before V in what is handed back; modes 0 and 2
 };
 
 // The framebuffers of an engine; several images of the passes may share one. Made are those that a pass of the mode uses.
@@ -120,32 +86,21 @@ struct _KRGPUEngine {
   int failedReadBacks = 0;                 // since the last good one
   int stage = 0;                           // of the read-back: 1 after the luma pass, 2 after the chroma pass
 
-  // The current frame.
-  PassContext passContext;
-  int outIndex = 0;  // of frameBuffers: the finished picture, off-screen
+  Frame frame;                // the one being drawn
+  bool maskCaptured = false;  // the notes' maskPixels are its own
+  int outIndex = 0;           // of frameBuffers: the finished picture, off-screen
   int outputWidth = 0;
   int outputHeight = 0;
-  float outputTransform[16] = {};
-  unsigned char* frame = nullptr;
-  uint32_t frameSequence = 0;
-  FramePath path = FramePath::kNone;
-  std::chrono::steady_clock::time_point frameStart;  // prepareFrame
-  bool maskCaptured = false;                         // the notes' maskPixels are this frame's
-  Warp stabilizedTextureWarp;                        // W of the newest frame drawn into history
-  Warp lastMotion;                                   // previous from current frame, in texture coordinates
-  float motionWarp[16] = {};                         // current picture to accumulated frame
-  float previousFromCurrent[16] = {};                // mode 0: this frame to the one before
-  float previousFromPicture[16] = {};                // mode 0: current picture to the frame before
-  float oldestFromPicture[16] = {};                  // mode 0: current picture to the frame before that
+  float outputTransform[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+  Warp frameFromPicture;               // W of the newest frame drawn into history
+  Warp previousFromFrame;              // its motion, in texture coordinates
+  float motionWarp[16] = {};           // current picture to accumulated frame
+  float previousFromCurrent[16] = {};  // mode 0: this frame to the one before
+  float previousFromPicture[16] = {};  // mode 0: current picture to the frame before
+  float oldestFromPicture[16] = {};    // mode 0: current picture to the frame before that
   float identityTransform[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
   float zoomWarp[16] = {};
   float stabilizedWarp[16] = {};
-  float outputQuad[8] = {};
-  float passThroughQuad[8] = {};
-  int outputQuadEnabled = 1;
-  int passThroughQuadEnabled = 0;
-  int enhancementEnabled = 1;
-  float inverseZoom = 1.0f;
   int historyCount = 1;     // -1 spatial path, 0 history restarts here, n: the nth frame blended into it
   int historyIndex = 1;     // frameBuffers[historyIndex] is the accumulated frame, in mode 0 the one before
   int texturesLoaded = 0;   // the current frame's planes are in textures
@@ -177,15 +132,15 @@ void loadRgbaTexture(_KRGPUEngine* engine, const unsigned char* frame);  // mode
 // Starts the read-back afresh: the next frame comes back at once, and nothing older ever. Null is ignored.
 void resetFirstFrame(_KRGPUEngine* engine);
 
-// Takes over a frame's parameters and loads the planes that no load command brought. After it the frame's buffer may be
+// Takes the frame over and loads the planes that no load command brought. After it the frame and its buffer may be
 // overwritten.
-void prepareFrame(_KRGPUEngine* engine, const FrameInput& input);
+void prepareFrame(_KRGPUEngine* engine, const Frame& frame);
 
-// Draws the frame by its mode's sequence and hands it over. Modes 0 to 3.
-void processFrame(_KRGPUEngine* engine, int noiseReductionStrength, int deghosting);
+// Draws that frame by its mode's sequence and hands it over. Modes 0 to 3.
+void processFrame(_KRGPUEngine* engine);
 
 // Mode 4: enhances width * height * 4 bytes in place and returns when they are there.
-void processInPlace(_KRGPUEngine* engine, unsigned char* frame, const FrameSettings& settings);
+void processInPlace(_KRGPUEngine* engine, const Frame& frame);
 
 // The images behind the names that passes use. Null, 0 and 0 x 0 for what is not there or no framebuffer.
 FrameBuffer* frameBufferOf(_KRGPUEngine* engine, Image image);

@@ -1,8 +1,6 @@
 // The pass sequence of a frame.
 #include "gl/engine/passes.h"
 
-#include <algorithm>
-
 #include "gl/engine/gpu_engine.h"
 #include "platform/stopwatch.h"
 
@@ -66,9 +64,12 @@ void setMapping(const _KRGPUEngine& engine, Mapping mapping, PassInput* input) {
 // output: null where no pass of the sequence draws the finished picture. corners: of what is drawn into it.
 void drawOne(_KRGPUEngine* engine, const Pass& pass, OutputTarget* output, const float* corners) {
   PassInput input;
-  input.context = engine->passContext;
-  input.context.source = imageSize(*engine, pass.reads[0]);
-  input.context.target = imageSize(*engine, pass.writes);
+  const Frame& frame = engine->frame;
+  input.context = {frame.settings,
+                   frame.tone,
+                   {engine->width, engine->height},
+                   imageSize(*engine, pass.reads[0]),
+                   imageSize(*engine, pass.writes)};
   if (pass.isDrawn != nullptr && !pass.isDrawn(input.context)) return;
   if (pass.writes == Image::kOut) {
     output->bind();
@@ -85,18 +86,18 @@ void drawOne(_KRGPUEngine* engine, const Pass& pass, OutputTarget* output, const
 }
 
 bool drawsEnhanced(const _KRGPUEngine& engine) {
-  return engine.outputQuadEnabled == 1 && engine.enhancementEnabled == 1;
+  return engine.frame.settings.quadBEnabled == 1 && engine.frame.settings.enabled == 1;
 }
 
 void drawPicture(_KRGPUEngine* engine) {
   OutputTarget output(engine);
   if (drawsEnhanced(*engine)) {
     for (const Pass& pass : frameSequence(*engine->plan, engine->historyCount)) {
-      drawOne(engine, pass, &output, engine->outputQuad);
+      drawOne(engine, pass, &output, engine->frame.settings.quadB);
     }
   }
-  if (engine->passThroughQuadEnabled == 1) {
-    drawOne(engine, untouchedPass(engine->historyCount == -1), &output, engine->passThroughQuad);
+  if (engine->frame.settings.quadAEnabled == 1) {
+    drawOne(engine, untouchedPass(engine->historyCount == -1), &output, engine->frame.settings.quadA);
   }
   output.clearUnlessDrawn();
 }
@@ -169,10 +170,7 @@ void beginTiming(_KRGPUEngine* engine) {
 
 }  // namespace
 
-void processFrame(_KRGPUEngine* engine, int noiseReductionStrength, int deghosting) {
-  // A strength beyond 100 would weigh the current frame with nothing and freeze the picture.
-  engine->passContext.settings.noiseReductionStrength = std::clamp(noiseReductionStrength, 0, 100);
-  engine->passContext.settings.deghosting = deghosting;
+void processFrame(_KRGPUEngine* engine) {
   // A ring of three leaves no image of the frame's size to the output, but has done with its oldest by the time that is drawn.
   const bool inRing = engine->plan->ringLength == 3 && engine->historyCount >= 0;
   engine->outIndex = inRing ? (engine->historyIndex + 2) % 3 : kMaxLevelImages - 1;
@@ -199,14 +197,14 @@ void processFrame(_KRGPUEngine* engine, int noiseReductionStrength, int deghosti
   stopWatch("rw", 7);
 }
 
-void processInPlace(_KRGPUEngine* engine, unsigned char* frame, const FrameSettings& settings) {
-  engine->passContext.settings = settings;
-  loadRgbaTexture(engine, frame);
+void processInPlace(_KRGPUEngine* engine, const Frame& frame) {
+  engine->frame = frame;
+  loadRgbaTexture(engine, frame.buffer);
   beginTiming(engine);
   for (const Pass& pass : engine->plan->light) drawOne(engine, pass, nullptr, nullptr);
   FrameBuffer* output = frameBufferOf(engine, Image::kInPlace);
   output->RestartReadBack();  // this frame, and no other
-  noteReadBack(engine, readImage(output, frame));
+  noteReadBack(engine, readImage(output, frame.buffer));
   engine->passTimer.report();
   engine->texturesLoaded = 0;
 }

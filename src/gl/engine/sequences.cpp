@@ -35,7 +35,8 @@ void setCorners(float* values, const ImageSize& image, float near, float far) {
 }
 
 // The uniforms, each with its formula. c: the context, v: the values.
-constexpr Uniform kTone = {"v_limits", 1, 2, [](const PassContext& c, float* v) { setPair(v, c.gamma, c.gain); }};
+constexpr Uniform kTone = {"v_limits", 1, 2,
+                           [](const PassContext& c, float* v) { setPair(v, c.tone.gamma, c.tone.gain); }};
 constexpr Uniform kNeutral = {"v_limits", 1, 2, [](const PassContext&, float* v) { setPair(v, 1.0f, 1.0f); }};
 constexpr Uniform kFrameSize = {"v_texSize", 1, 2, [](const PassContext& c, float* v) {
                                   setPair(v, static_cast<float>(c.frame.width), static_cast<float>(c.frame.height));
@@ -134,7 +135,7 @@ constexpr Uniform kPackedPixel = {"uPixelSize", 1, 2, [](const PassContext& c, f
                                     setPair(v, 0.25f / static_cast<float>(c.target.width), reciprocal(c.target.height));
                                   }};
 constexpr Uniform kClampedGamma = {"u_Gamma", 1, 1,
-                                   [](const PassContext& c, float* v) { v[0] = std::clamp(c.gamma, 0.8f, 1.2f); }};
+                                   [](const PassContext& c, float* v) { v[0] = std::clamp(c.tone.gamma, 0.8f, 1.2f); }};
 
 // When a pass is drawn.
 bool dilatesThrice(const PassContext& c) {

@@ -63,8 +63,7 @@ struct ImageSize {
 // What the uniforms of a pass are computed from.
 struct PassContext {
   FrameSettings settings;
-  float gamma = 1.0f;  // tone
-  float gain = 1.0f;
+  Tone tone;
   ImageSize frame;
   ImageSize source;  // of the first image that the pass reads
   ImageSize target;
