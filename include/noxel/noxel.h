@@ -48,7 +48,7 @@ enum {
   NOXEL_FORMAT_YV12 = 0x32315659 /**< then the V plane, then the U plane, each a quarter of the luma's size */
 };
 
-/** The library's version and build time: "Version: 1.1.7, Build date: Nov 21 2026 10:30:00".
+/** The library's version and build time: "Version: 1.2.3, Build date: Nov 21 2026 10:30:00".
  *
  *  Never null. The same buffer on every call.
  *
