@@ -48,7 +48,7 @@ enum {
   NOXEL_FORMAT_YV12 = 0x32315659 /**< then the V plane, then the U plane, each a quarter of the luma's size */
 };
 
-/** The library's version and build time: "Version: 1.1.7, Build date: Nov 21 2026 10:30:00".
+/** The library's version and build time: "Version: 1.2.3, Build date: Nov 21 2026 10:30:00".
  *
  *  Never null. The same buffer on every call.
  *
@@ -61,11 +61,11 @@ NOXEL_API const char* Noxel_GetVersion(void);
 /** Makes an engine that renders off-screen: each enhanced frame comes back in the buffer given to Noxel_ProcessFrame.
  *
  *  width, height  frame size in pixels, each at least 1 with width * height * 4 within an int. The width is to be a multiple
- *                 of 4 and the height even: pad other frames. Any size is safe; the picture of others comes back sheared.
+ *                 of 4 and the height even, both within the driver's limits (16384 as a rule): pad other frames.
  *  handle         receives the engine; untouched on failure.
  *
- *  0  the engine stands. Without a usable OpenGL ES 3.0 it stands too, says so in the log, and hands each frame back as it
- *     came.
+ *  0  the engine stands. Without a usable OpenGL ES 3.0, and for other sizes, it stands too, says so in the log, and hands
+ *     each frame back as it came.
  *  1  null handle, a size out of range, no memory, or a thread that could not be made.
  *
  *  Ownership: the engine is the caller's until Noxel_Release.
@@ -76,6 +76,7 @@ NOXEL_API int Noxel_Initialize(int width, int height, _KRSuperResEngine** handle
 
 /** As Noxel_Initialize, but renders into a window.
  *
+ *  width, height  any size within the driver's limits: with a window nothing is read back.
  *  window  an ANativeWindow; on Linux with X11 the id of a Window on the display that DISPLAY names, cast to a pointer;
  *          elsewhere the EGL platform's native window; or null: exactly Noxel_Initialize. Frames are shown upright and fill
  *          it, also after it took another size; the buffers given to Noxel_ProcessFrame stay as they came.

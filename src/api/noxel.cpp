@@ -33,7 +33,7 @@ extern "C" {
 const char* Noxel_GetVersion(void) {
   noxel::Lock lock(versionMutex);
   if (versionText[0] == '\0') {
-    std::snprintf(versionText, sizeof(versionText), "Version: %s, Build date: %s %s", "1.1.7", NOXEL_BUILD_DATE,
+    std::snprintf(versionText, sizeof(versionText), "Version: %s, Build date: %s %s", NOXEL_VERSION, NOXEL_BUILD_DATE,
                   NOXEL_BUILD_TIME);
   }
   return versionText;

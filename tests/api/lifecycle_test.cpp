@@ -75,8 +75,8 @@ TEST(Lifecycle, WithoutEglFramesComeBackAsTheyCameAndTheLogSaysSo) {
   const LogCapture log;
   const FaultInjection everyCall(Fault::kEgl, 0);
   TestEngine engine(16, 8);
-  const Frame given(16, 8, 40);
-  Frame frame = given;
+  const TestFrame given(16, 8, 40);
+  TestFrame frame = given;
   EXPECT_EQ(engine.process(&frame), 0);
   EXPECT_EQ(frame.bytes, given.bytes);
   EXPECT_TRUE(log.contains("the GPU engine is not usable: frames are returned as they came"));
@@ -85,7 +85,7 @@ TEST(Lifecycle, WithoutEglFramesComeBackAsTheyCameAndTheLogSaysSo) {
 // What a frame becomes with the programs of this cache directory.
 Frame enhancedWith(const std::string& directory) {
   platform::setProgramCacheDirectory(directory.c_str());
-  Frame frame(32, 16, 60, 150, 100);
+  TestFrame frame(32, 16, 60, 150, 100);
   {
     TestEngine engine(32, 16);
     engine.process(&frame);
@@ -125,19 +125,66 @@ TEST(Lifecycle, ACacheOutOfReachIsOneLogLine) {
       << log.text();
 }
 
-TEST(Lifecycle, SizesThatFitNoTileAreSafe) {
+// More frames than failed read-backs would take to count as a lost context.
+constexpr int kFramesPerSize = 12;
+constexpr int kRunUp = 4;  // calls until each brings a picture of its own
+
+TEST(Lifecycle, FramesOfAnySizeAreEnhancedOrComeBackAsTheyCame) {
+  const std::pair<int, int> enhanced[] = {{4, 2}, {12, 6}, {16384, 16}};
+  const std::pair<int, int> returned[] = {{1, 1},  {2, 2},    {3, 3},    {3, 16}, {5, 3},    {4, 1},
+                                          {13, 8}, {1001, 1}, {1, 1001}, {8, 7},  {32768, 2}};
+  const auto run = [](int width, int height, int lightMode, bool isEnhanced) {
+    SCOPED_TRACE(testing::Message() << width << " x " << height << ", light mode " << lightMode);
+    const LogCapture log;
+    TestClock clock;
+    _KRSuperResEngine* engine = nullptr;
+    ASSERT_EQ(Noxel_Initialize(width, height, &engine), 0);
+    const bool usable = engineReady(engine);
+    EXPECT_TRUE(usable == isEnhanced || (isEnhanced && !driverRequired())) << log.text();
+    EXPECT_EQ(Noxel_SetParameter(NOXEL_PARAMETER_LIGHT_MODE, &lightMode, engine), 0);
+    TestFrame last(width, height, 0);
+    for (int i = 0; i < kFramesPerSize; ++i) {
+      const TestFrame given(width, height, static_cast<unsigned char>(40 + 4 * i));
+      TestFrame frame = given;
+      clock.advance(33);
+      EXPECT_EQ(Noxel_ProcessFrame(frame.bytes.data(), engine), 0);
+      EXPECT_TRUE(drains(engine));
+      EXPECT_TRUE(frame.bytes != last.bytes || (usable && i < kRunUp)) << "frame " << i << " is the one before again";
+      if (!usable || i == kFramesPerSize - 1) {
+        EXPECT_EQ(frame.bytes == given.bytes, !usable) << "frame " << i;
+      }
+      last = frame;
+    }
+    EXPECT_FALSE(log.contains("lost")) << log.text();
+    EXPECT_EQ(log.contains("frames are returned as they came"), !usable) << log.text();
+    EXPECT_EQ(Noxel_Release(&engine), 0);
+  };
+  for (const int lightMode : {0, 1}) {
+    for (const auto& [width, height] : enhanced) run(width, height, lightMode, true);
+    for (const auto& [width, height] : returned) run(width, height, lightMode, false);
+  }
+}
+
+TEST(Lifecycle, AWindowTakesFramesOfAnySize) {
   const LogCapture log;
   for (const auto& [width, height] : {std::pair{1, 1}, {2, 2}, {3, 5}, {6, 2}, {5, 5}, {13, 7}, {4, 2}}) {
-    for (const int lightMode : {1, 0}) {
-      TestEngine engine(width, height);
-      engine.set(kParamLightMode, lightMode);
-      engine.setMotion([](bool, MotionEstimate*) { return true; });
+    for (int lightMode : {1, 0}) {
+      FakeWindow window(16, 8);
+      TestClock clock;
+      _KRSuperResEngine* engine = nullptr;
+      ASSERT_EQ(Noxel_InitializeWithWindow(width, height, window.native(), &engine), 0);
+      EXPECT_TRUE(engineReady(engine) || !driverRequired()) << log.text();
+      EXPECT_EQ(Noxel_SetParameter(NOXEL_PARAMETER_LIGHT_MODE, &lightMode, engine), 0);
       for (int i = 0; i < 3; ++i) {
         TestFrame frame(width, height, 40);
-        EXPECT_EQ(engine.process(&frame), 0);
+        clock.advance(33);
+        EXPECT_EQ(Noxel_ProcessFrame(frame.bytes.data(), engine), 0);
+        EXPECT_TRUE(drains(engine));
       }
+      EXPECT_EQ(Noxel_Release(&engine), 0);
     }
   }
+  EXPECT_FALSE(log.contains("as they came")) << log.text();
 }
 
 TEST(Properties, AFailedLookupIsTriedAgainAndAGoodOneKept) {

@@ -112,8 +112,8 @@ TEST(Version, NamesTheReleaseAndTheBuild) {
   EXPECT_EQ(version, Noxel_GetVersion());
   char month[4] = {};
   int day = 0, year = 0, hour = 0, minute = 0, second = 0;
-  EXPECT_EQ(std::sscanf(version, "Version: 1.1.7, Build date: %3s %d %d %d:%d:%d", month, &day, &year, &hour, &minute,
-                        &second),
+  EXPECT_EQ(std::sscanf(version, "Version: " NOXEL_VERSION ", Build date: %3s %d %d %d:%d:%d", month, &day, &year,
+                        &hour, &minute, &second),
             6)
       << version;
 }

@@ -27,7 +27,7 @@ TEST(PassObserver, IsToldWhatEachPassTookUntilItIsSwitchedOff) {
   TestEngine engine(320, 180);
   NOXEL_NEEDS_GL(engine);
   Observed observed;
-  Frame frame(320, 180, 60);
+  TestFrame frame(320, 180, 60);
   engine.process(&frame);
   EXPECT_TRUE(observed.passes.empty());
 
@@ -61,7 +61,7 @@ TEST(PassObserver, SeesPicturesInPlaceAndFramesOfAWindow) {
   _KRSuperResEngine* engine = nullptr;
   ASSERT_EQ(initializeEngine(32, 16, kModeEnhance, 1, 1, 1, window.native(), &engine), 0);
   ASSERT_EQ(observePasses(engine, Observed::note, &observed), 0);
-  Frame frame(32, 16, 60);
+  TestFrame frame(32, 16, 60);
   EXPECT_EQ(KRProcessFrame(frame.bytes.data(), engine), 0);
   EXPECT_EQ(observed.passes, (Passes{"smooth luma", "refine luma", "light frame to RGB"}));  // nothing is packed
   EXPECT_EQ(releaseEngine(&engine), 0);

@@ -22,7 +22,7 @@ TEST(Command, HelpAndVersionAreNoErrors) {
   EXPECT_NE(noxel(folder, "enhance --help").out.find("--neutral-exposure"), std::string::npos);
   const Outcome version = noxel(folder, "--version");
   EXPECT_EQ(version.exitCode, kExitFine);
-  EXPECT_EQ(version.out.rfind("Version: 1.1.7, Build date: ", 0), 0u) << version.out;
+  EXPECT_EQ(version.out.rfind("Version: " NOXEL_VERSION ", Build date: ", 0), 0u) << version.out;
 }
 
 TEST(Command, RefusesOptionsThatMakeNoSense) {

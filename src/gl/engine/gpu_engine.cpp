@@ -168,7 +168,25 @@ bool LoadShaders(_KRGPUEngine* engine) {
   return complete;
 }
 
+// The read-back packs four luma bytes a texel and half the rows for the chroma: other sizes would come back sheared.
+bool canBeReadBack(const _KRGPUEngine& engine) {
+  if (engine.offscreen == 0 || isRgbaMode(engine) || (engine.width % 4 == 0 && engine.height % 2 == 0)) return true;
+  NOXEL_LOG_ERROR("frames of %d x %d cannot be read back: pad them to a multiple of 4 x 2", engine.width,
+                  engine.height);
+  return false;
+}
+
+bool fitsTheDriver(const _KRGPUEngine& engine) {
+  GLint texture = 0, viewport[2] = {};
+  glGetIntegerv(GL_MAX_TEXTURE_SIZE, &texture);
+  glGetIntegerv(GL_MAX_VIEWPORT_DIMS, viewport);
+  if (engine.width <= std::min(texture, viewport[0]) && engine.height <= std::min(texture, viewport[1])) return true;
+  NOXEL_LOG_ERROR("frames of %d x %d are beyond the driver's limits", engine.width, engine.height);
+  return false;
+}
+
 void SetUp(_KRGPUEngine* engine, void* window) {
+  if (!canBeReadBack(*engine)) return;
   if (engine->offscreen == 1 && !isRgbaMode(*engine)) {
     engine->readBackFrame = static_cast<unsigned char*>(std::calloc(engine->lumaSize + engine->lumaSize / 2, 1));
     if (engine->readBackFrame == nullptr) {
@@ -176,7 +194,7 @@ void SetUp(_KRGPUEngine* engine, void* window) {
       return;
     }
   }
-  if (engine->egl.Initialize(engine->width, engine->height, window) != 1) return;
+  if (engine->egl.Initialize(engine->width, engine->height, window) != 1 || !fitsTheDriver(*engine)) return;
   engine->passTimer.setUp(&engine->egl);
   const bool complete = CreateResources(engine);
   const bool resourcesMade = NOXEL_CHECK_GL("CreateResources") && complete;
