@@ -1,8 +1,8 @@
-// The plane kernels on one core: the processor's vectors beside their plain twins and, where libyuv or OpenCV has the
-// same kernel, beside theirs.
+// The plane kernels on one core: vector code beside the plain code and, where libyuv or OpenCV has the same kernel,
+// theirs.
 //
-// Each iteration times them all in turns, in processor time, so a busy machine slows all alike. Counters: plain_us,
-// vector_us and peer_us, and how many times as fast as the twin (of_plain) and as the peer (of_peer) the vectors are.
+// Each iteration times all in turns, in processor time, so that other load slows all alike. Counters: plain_us,
+// vector_us and peer_us, and the speed-up of the vectors over plain (of_plain) and peer (of_peer).
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
@@ -28,7 +28,7 @@ namespace {
 namespace kernels = noxel::kernels;
 using Run = std::function<void()>;
 
-// Of this thread alone: a kernel of milliseconds would hardly ever run through on a busy machine.
+// Of this thread: wall time of a kernel of milliseconds would include other processes.
 double processorSeconds() {
   timespec time = {};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
@@ -42,7 +42,7 @@ double seconds(const Run& run) {
   return processorSeconds() - start;
 }
 
-// What else the machine does only adds to a time: a low percentile is nearest to the kernel's own.
+// Other load only adds time: a low percentile is closest to the kernel's own.
 double microseconds(const std::vector<double>& times) {
   return noxel::tool::percentile(times, 10) * 1e6;
 }
@@ -52,7 +52,7 @@ void choose(const char* path) {
   kernels::rereadKernelChoice();
 }
 
-// Picture memory of the frame's size, and the planes in it that a kernel and its peer share.
+// Buffers of the frame's size, and the planes in them that a kernel and its peer share.
 struct Frame {
   explicit Frame(const benchmark::State& state)
       : width(static_cast<int>(state.range(0))), height(static_cast<int>(state.range(1))) {
@@ -66,7 +66,7 @@ struct Frame {
   kernels::Plane in() { return kernels::packed(source.data(), width, height); }
   kernels::Plane out() { return kernels::packed(destination.data(), width, height); }
   kernels::Plane halfOut() { return kernels::packed(destination.data(), width / 2, height / 2); }
-  // Chroma: pairs, and the two components behind one another.
+  // Chroma: pairs, and the two components one after the other.
   kernels::Plane pairs() { return kernels::packed(source.data(), width / 2 * 2, height / 2); }
   kernels::Plane component(int index) {
     return kernels::packed(destination.data() + index * (width / 2) * (height / 2), width / 2, height / 2);
@@ -174,7 +174,7 @@ void gauss(benchmark::State& state, kernels::Gauss taps) {
       state, [&] { kernels::gauss(frame.in(), taps, frame.out()); }, peer);
 }
 
-// OpenCV's in two calls, as everyone writes it.
+// OpenCV's in two calls, the usual way.
 void sharpen(benchmark::State& state) {
   Frame frame(state);
   Run peer;
@@ -230,7 +230,7 @@ BENCHMARK_CAPTURE(smoothChroma, radius_17, 17)->Apply(atCameraSizes);
 
 int main(int argc, char** argv) {
 #if NOXEL_BENCH_OPENCV
-  cv::setNumThreads(1);  // ours take one
+  cv::setNumThreads(1);  // as ours
 #endif
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;

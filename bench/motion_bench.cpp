@@ -1,14 +1,14 @@
-// Motion registration against exact truth, beside OpenCV's trackers where OpenCV is found.
+// Motion registration against ground truth, beside OpenCV's trackers when OpenCV is found.
 //
 //   noxel_motion_bench [--width W] [--height H] [--pairs N] [--seed S] [--full] [--dump DIR] [photo.pgm...]
 //
-// Pairs of seeded frames of every class of motion at three levels of light, from the photos or from procedural scenes. A
-// pair's error is the root mean square over the four frame corners of the distance between the measured and the true image
-// of the corner, in frame pixels; above 3 pixels, or without a result, it failed. No result counts as infinitely far off.
+// Seeded frame pairs of every class of motion at three levels of light, from the photos or from procedural scenes. A
+// pair's error is the rms over the frame's corners of the distance between the measured and the true position, in frame
+// pixels. It failed above 3 pixels or without a result, which counts as infinite.
 //
-// Time is processor time on one thread. Ours is that of a frame in a running sequence, tracking and finding the points of
-// the next frame included, at half size with the downscale as well; a sequence's first frame is told apart at the end. All
-// methods take turns on each pair, so that what else the machine does falls on all of them.
+// Time is processor time on one thread. Ours is for a frame within a sequence, including finding the next frame's
+// points and, at half size, the downscale; a sequence's first frame is reported separately. All methods take turns on
+// each pair, so that other load affects all alike.
 #include <time.h>
 
 #include <CLI/CLI.hpp>
@@ -73,20 +73,20 @@ double processorMilliseconds() {
 class OurRegistration {
  public:
   OurRegistration(int width, int height, bool full) {
-    if (!registration.create(width, height, full, nullptr)) fail("no registration of this size");
+    if (!registration_.create(width, height, full, nullptr)) fail("no registration of this size");
   }
 
   void prime(const std::vector<uint8_t>& frame) {
-    registration.restart();
+    registration_.restart();
     const double start = processorMilliseconds();
-    registration.measure(frame.data());
+    registration_.measure(frame.data());
     primeMilliseconds.push_back(processorMilliseconds() - start);
   }
 
   bool measure(const std::vector<uint8_t>& frame, Affine* currentFromPrevious) {
-    if (!registration.measure(frame.data())) return false;
+    if (!registration_.measure(frame.data())) return false;
     double affine[6];
-    registration.currentFromPrevious(affine);
+    registration_.currentFromPrevious(affine);
     std::copy_n(affine, 6, std::begin(currentFromPrevious->m));
     return true;
   }
@@ -94,7 +94,7 @@ class OurRegistration {
   std::vector<double> primeMilliseconds;
 
  private:
-  PlaneRegistration registration;
+  PlaneRegistration registration_;
 };
 
 struct Method {
@@ -113,7 +113,7 @@ struct Results {
   }
 };
 
-// All methods on one pair. The first to run changes from pair to pair: it finds the frames out of the cache.
+// All methods on one pair, starting with another one each time: the first has cold caches.
 void runPair(const std::vector<Method>& methods, const FramePair& frames, const Affine& truth, size_t turn,
              std::vector<Results>* results) {
   for (size_t i = 0; i < methods.size(); ++i) {
@@ -168,16 +168,16 @@ std::vector<Photo> photosFor(const Options& options) {
                           &unreadable)) {
     fail(unreadable + " is not a binary PGM or PPM of 8 bits");
   }
-  std::printf("scenes: %zu %s\n", named.size(), options.photos.empty() ? "procedural, for want of photos" : "photos");
+  std::printf("scenes: %zu %s\n", named.size(), options.photos.empty() ? "procedural (no photos given)" : "photos");
   std::vector<Photo> photos;
   for (scenes::NamedPhoto& one : named) photos.push_back(std::move(one.photo));
   return photos;
 }
 
-// Frames with nothing in common, one cut after another: each is measured against the one before.
+// Unrelated frames, a cut at each: measured against the previous one.
 struct Cuts {
   int measured = 0;
-  int taken = 0;  // for a motion
+  int taken = 0;  // accepted as a motion
   std::vector<uint8_t> before;
 
   void add(OurRegistration* ours, const std::vector<uint8_t>& frame) {
@@ -206,12 +206,12 @@ std::vector<Method> allMethods(OurRegistration* ours, [[maybe_unused]] bool alon
                        }});
   }
 #else
-  std::printf("OpenCV was not found when this was built: no rows to compare with\n");
+  std::printf("built without OpenCV: no peers to compare with\n");
 #endif
   return methods;
 }
 
-// Median over the pairs of our time as a share of the other's on the same pair.
+// Median over the pairs of our time relative to the other's.
 double timeShare(const Results& ours, const Results& other) {
   std::vector<double> shares;
   for (size_t i = 0; i < ours.milliseconds.size(); ++i) {
@@ -221,7 +221,7 @@ double timeShare(const Results& ours, const Results& other) {
 }
 
 void run(const Options& options) {
-  std::printf("%d x %d, %d pairs a class and light, seed %llu\n", options.width, options.height, options.pairs,
+  std::printf("%d x %d, %d pairs per class and light, seed %llu\n", options.width, options.height, options.pairs,
               static_cast<unsigned long long>(options.seed));
   const std::vector<Photo> photos = photosFor(options);
   OurRegistration ours(options.width, options.height, options.full);
@@ -263,7 +263,7 @@ void run(const Options& options) {
     }
   }
   for (Light light : scenes::kLights) {
-    std::printf("%s: %d of %d cuts taken for a motion\n", nameOf(light), cuts[light].taken, cuts[light].measured);
+    std::printf("%s: %d of %d cuts accepted as a motion\n", nameOf(light), cuts[light].taken, cuts[light].measured);
   }
   std::printf("our first frame of a sequence: %.2f ms\n", tool::percentile(ours.primeMilliseconds, 50));
 }
@@ -273,14 +273,14 @@ void run(const Options& options) {
 
 int main(int argc, char** argv) {
   noxel::Options options;
-  CLI::App app("Motion registration against exact truth");
+  CLI::App app("Motion registration against ground truth");
   app.add_option("--width", options.width, "Frame width in pixels")->check(CLI::Range(64, 4096));
   app.add_option("--height", options.height, "Frame height in pixels")->check(CLI::Range(64, 4096));
-  app.add_option("--pairs", options.pairs, "Frame pairs a class and light")->check(CLI::Range(1, 10000));
+  app.add_option("--pairs", options.pairs, "Frame pairs per class and light")->check(CLI::Range(1, 10000));
   app.add_option("--seed", options.seed, "Seed of scenes, motions and noise");
   app.add_flag("--full", options.full, "Register large frames at full size, not at half");
   app.add_flag("--alone", options.alone, "Only our own registration");
-  app.add_option("--dump", options.dump, "Write every pair into this directory: two planes, and the truth beside them");
+  app.add_option("--dump", options.dump, "Write every pair into this directory: two planes, and the true motion");
   app.add_option("photos", options.photos, "Binary PGM or PPM files, larger than the frame");
   CLI11_PARSE(app, argc, argv);
   noxel::run(options);

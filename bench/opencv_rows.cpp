@@ -14,8 +14,8 @@ using Points = std::vector<cv::Point2f>;
 
 constexpr double kCornerQuality = 0.01;
 constexpr double kCornerDistance = 7;  // pixels
-constexpr float kReturnDistance = 1;   // pixels between a corner and where it comes back to
-constexpr size_t kMinPairs = 4;      // below, no fit is tried
+constexpr float kReturnDistance = 1;   // pixels, forward-backward distance
+constexpr size_t kMinPairs = 4;        // for a fit
 
 struct Tracks {
   Points previous;

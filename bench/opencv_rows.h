@@ -1,4 +1,4 @@
-// OpenCV's building blocks put together into motion estimators, to measure ours beside. Built only where OpenCV is found.
+// Motion estimators built from OpenCV, for comparison. Compiled only when OpenCV is found.
 #pragma once
 
 #include <cstdint>
@@ -14,11 +14,11 @@ struct OpenCvRow {
 };
 
 inline constexpr int kOpenCvRows = 3;
-// Careful: 1000 corners tracked there and back, affine by RANSAC. Similar: the same, rotation, scale and shift only.
-// Quick: 300 corners in small windows tracked once, affine by MAGSAC.
+// Careful: 1000 corners tracked forward and back, affine by RANSAC. Similar: the same, rotation, scale and shift only.
+// Quick: 300 corners in small windows, tracked forward only, affine by MAGSAC.
 extern const OpenCvRow kOpenCvRow[kOpenCvRows];
 
-// One thread, so that processor time compares with ours.
+// Limits OpenCV to one thread, as ours.
 void prepareOpenCv();
 
 }  // namespace noxel::scenes

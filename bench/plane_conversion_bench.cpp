@@ -1,7 +1,7 @@
-// The copies between the caller's layout and ours, against memcpy of as many bytes.
+// The copies between the caller's layout and ours, against memcpy of the same size.
 //
-// Each iteration times one conversion and one memcpy between the same buffers, so a busy machine slows both. of_memcpy
-// is the median memcpy over the median conversion: 1 is memcpy's speed. Aims: NV21 1, YV12 0.7 or more.
+// Each iteration times one conversion and one memcpy between the same buffers, so that other load slows both. of_memcpy
+// is the median memcpy over the median conversion: 1 is memcpy's speed. Goals: NV21 1, YV12 at least 0.7.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -43,7 +43,7 @@ void planeConversion(benchmark::State& state, Convert convert, int format) {
 
   std::vector<double> conversions;
   std::vector<double> copies;
-  bool conversionFirst = true;  // whoever comes second finds the caches a little warmer: they take turns
+  bool conversionFirst = true;  // alternates: the second finds warmer caches
   for (auto _ : state) {
     const auto timeConversion = [&] {
       conversions.push_back(seconds([&] { convert(destination.data(), source.data(), width, height, format); }));

@@ -1,19 +1,19 @@
-// How much of a hand's shake is left in the stabilised picture, with the true motion and with the measured one.
+// Hand shake left in the stabilised picture, with the true motion and with the measured one.
 //
 //   noxel_shake_bench [--light clean|dim|dark] [--low HZ] [--high HZ] [--slope N] [--drift PX] [--shift PX]
 //                     [--roll MRAD] [--zoom %] [photo.pgm...]
 //
-// Clips of a still scene, from photos or procedural scenes, under a known camera path about the centre of the frame: a slow
-// drift of at most a quarter of a hertz, and shake, a sum of sinusoids of random phase between two frequencies whose
-// amplitudes fall with the frequency to the power `slope`.
+// Clips of a still scene, from photos or procedural, under a known camera path about the frame's centre: slow drift up
+// to a quarter of a hertz, and shake, a sum of sinusoids of random phase between two frequencies, with amplitudes that
+// fall with the frequency to the power `slope`.
 //
-// The camera path takes the scene to the frame, the stabilisation matrix takes the frame to the picture: a viewer sees their
-// product. Of both the shift, roll and log scale are followed from frame to frame, and
+// The camera path maps scene to frame, the stabilisation matrix frame to picture; a viewer sees their product. For
+// shift, roll and log scale over the frames:
 //
 //   residual = rms of the second difference of the picture's / rms of the second difference of the frame's
 //
-// with x and y together, at the centre of the frame and at its top-left corner, the point that the smoothing turns and scales
-// about. The last row is the same for the difference of the two pictures: what the measurement adds to what smoothing leaves.
+// x and y together, at the frame's centre and at its top-left corner, about which the smoother turns and scales. The
+// last row is the same for the difference of the two pictures: what measurement errors add.
 #include <CLI/CLI.hpp>
 #include <array>
 #include <cmath>
@@ -43,7 +43,7 @@ constexpr int kTones = 16;  // sinusoids of the shake
 constexpr double kDriftLowHz = 0.05;
 constexpr double kDriftHighHz = 0.25;
 constexpr int kDriftTones = 3;
-constexpr double kDriftRadians = 0.005;  // rms, as the next
+constexpr double kDriftRadians = 0.005;  // rms, as kDriftZoom
 constexpr double kDriftZoom = 0.003;
 
 struct Options {
@@ -55,7 +55,7 @@ struct Options {
   double lowHz = 2;
   double highHz = 9;
   double slope = 0;
-  double driftPixels = 6;  // rms along each axis, as the next
+  double driftPixels = 6;  // rms along each axis, as shiftPixels
   double shiftPixels = 4;
   double rollMilliradians = 4;
   double zoomPercent = 0.3;
@@ -69,7 +69,7 @@ struct Options {
   std::exit(1);
 }
 
-// z -> scale * z + shift on pixels x + iy, the first one's centre at (0.5, 0.5).
+// z -> scale * z + shift on pixels x + iy; the centre of the first pixel is (0.5, 0.5).
 struct Similarity {
   std::complex<double> scale = 1;
   std::complex<double> shift = 0;
@@ -113,7 +113,7 @@ class Wander {
   std::vector<Tone> tones_;
 };
 
-// Scene to frame, one for each frame of the clip.
+// Scene to frame, per frame of the clip.
 std::vector<Similarity> cameraPath(const Options& options, uint64_t seed) {
   std::mt19937_64 random(seed);
   const auto wander = [&](double driftRms, double shakeRms) {
@@ -136,7 +136,7 @@ std::vector<Similarity> cameraPath(const Options& options, uint64_t seed) {
   return path;
 }
 
-// Between pixels whose first centre is at (0, 0).
+// For pixels whose first centre is (0, 0).
 scenes::Affine sceneFromFrame(const Similarity& frameFromScene) {
   const Similarity s = inverse(frameFromScene);
   const std::complex<double> half(0.5, 0.5);
@@ -144,7 +144,7 @@ scenes::Affine sceneFromFrame(const Similarity& frameFromScene) {
   return {{s.scale.real(), -s.scale.imag(), shift.real(), s.scale.imag(), s.scale.real(), shift.imag()}};
 }
 
-// The engine's camera path, fed frame by frame. Each call returns the stabilisation matrix of its frame.
+// The engine's camera path, fed frame by frame; each call returns the frame's stabilisation matrix.
 class Stabilizer {
  public:
   explicit Stabilizer(const Options& options) {
@@ -162,7 +162,7 @@ class Stabilizer {
     const std::complex<double> shift = currentFromPrevious.shift;
     const float similarity[4] = {static_cast<float>(shift.real()), static_cast<float>(shift.imag()),
                                  static_cast<float>(scale.real() - 1), static_cast<float>(-scale.imag())};
-    if (!stepStabilization(registration_.stabilization(), similarity)) fail("the true path left what can be smoothed");
+    if (!stepStabilization(registration_.stabilization(), similarity)) fail("the true path is out of bounds");
     return matrix();
   }
   int lost() const { return lost_; }
@@ -179,7 +179,7 @@ class Stabilizer {
   int lost_ = 0;
 };
 
-// What is followed of a path: x and y at the centre, x and y at the corner, roll, log scale.
+// Values of a path: x and y at the centre, x and y at the corner, roll, log scale.
 constexpr size_t kValues = 6;
 using Values = std::array<double, kValues>;
 
@@ -309,12 +309,12 @@ int main(int argc, char** argv) {
   CLI::App app("Residual shake of the stabilised picture");
   app.add_option("--width", options.width, "Frame width in pixels")->check(CLI::Range(64, 1000));
   app.add_option("--height", options.height, "Frame height in pixels")->check(CLI::Range(64, 1000));
-  app.add_option("--frames", options.frames, "Frames a clip")->check(CLI::Range(3, 100'000));
-  app.add_option("--fps", options.framesPerSecond, "Frames a second")->check(CLI::PositiveNumber);
+  app.add_option("--frames", options.frames, "Frames per clip")->check(CLI::Range(3, 100'000));
+  app.add_option("--fps", options.framesPerSecond, "Frames per second")->check(CLI::PositiveNumber);
   app.add_option("--light", options.light, "How the clip is exposed")->check(CLI::IsMember({"clean", "dim", "dark"}));
   app.add_option("--low", options.lowHz, "Lowest frequency of the shake, Hz")->check(CLI::PositiveNumber);
   app.add_option("--high", options.highHz, "Highest frequency of the shake, Hz")->check(CLI::PositiveNumber);
-  app.add_option("--slope", options.slope, "Power by which the shake falls with the frequency");
+  app.add_option("--slope", options.slope, "Exponent by which shake falls with frequency");
   app.add_option("--drift", options.driftPixels, "Slow drift along each axis, rms, pixels");
   app.add_option("--shift", options.shiftPixels, "Shake along each axis, rms, pixels");
   app.add_option("--roll", options.rollMilliradians, "Rolling shake, rms, milliradians");

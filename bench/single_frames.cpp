@@ -1,7 +1,6 @@
-// The temporal path with its history switched off: every frame is drawn as the first of a sequence. What
-// scripts/measure-temporal compares the temporal path with.
+// The temporal path without history: every frame is the first of a sequence. The baseline of scripts/measure-temporal.
 //
-//   noxel_single_frames INPUT OUTPUT        exposure is neutral; OUTPUT as `noxel enhance` takes it, .y4m is lossless
+//   noxel_single_frames INPUT OUTPUT        neutral exposure; OUTPUT as for `noxel enhance`, .y4m is lossless
 #include <cstdio>
 #include <exception>
 #include <memory>
@@ -24,7 +23,7 @@ class SingleFrames : public EnhancerSession {
   }
 
  private:
-  static constexpr int64_t kHoleUs = 3'600'000'000;  // a break in the sequence, whatever the clip's frame rate
+  static constexpr int64_t kHoleUs = 3'600'000'000;  // breaks the sequence at any frame rate
 
   int64_t shownUs_ = 0;
 };

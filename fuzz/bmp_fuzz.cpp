@@ -1,4 +1,4 @@
-// BMP files: what is read lies inside the file, and is the same picture after it was written and read again.
+// BMP files: pictures lie inside the file, and survive writing and reading again.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -58,7 +58,7 @@ void checkFile(const uint8_t* data, size_t size) {
   checkRoundTrip(picture);
 }
 
-// 1024 bytes that have to be exact are not found by mutation: they are put between the headers and the rest.
+// Mutation does not find 1024 exact bytes: insert the palette between the headers and the rest.
 void checkWithGreyPalette(const uint8_t* data, size_t size) {
   const size_t fileSize = size + kPaletteSize;
   auto* file = static_cast<uint8_t*>(std::calloc(fileSize, 1));
@@ -72,7 +72,7 @@ void checkWithGreyPalette(const uint8_t* data, size_t size) {
 
 }  // namespace
 
-// The first byte says whether the palette is put in.
+// The first byte chooses whether the palette is inserted.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   const uint8_t* file = data + 1;

@@ -1,4 +1,4 @@
-// Shader texts: the translation against a single pass over the text, its end, and that a second one changes nothing.
+// Shader texts: the translation equals that of a single pass, is terminated, and is idempotent.
 #include <string>
 
 #include "fuzz_input.h"
@@ -18,11 +18,11 @@ constexpr Word kWords[] = {{"ATTR", "in"},
                            {"vFragColor", "vxFragColor"},
                            {"FRAGC", "out mediump vec4 vxFragColor;\n"}};
 
-// The longest growth of one word: five characters to thirty.
+// Max growth of one word: five characters to thirty.
 constexpr size_t kMaxGrowth = 6;
 
-// What a text means, read once from left to right. The library replaces one word after the other: both agree, as nothing
-// that is put in begins, ends or joins a word, and where two overlap (OUTEXTURE) the first is also the earlier step.
+// The text translated once from left to right. The library replaces one word after the other: both agree, as no
+// replacement creates a word, and of two overlapping words (OUTEXTURE) the first is also replaced first.
 std::string translatedInOnePass(const std::string& text) {
   std::string result;
   for (size_t at = 0; at < text.size();) {

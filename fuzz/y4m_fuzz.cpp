@@ -1,6 +1,5 @@
-// Y4M on standard input, as the command reads it: frames of one size in the order of their times, or a ToolError.
-//
-// FFmpeg itself is not instrumented; what is looked at is what we make of its answers.
+// Y4M on standard input, as the command reads it: frames of one size with increasing times, or a ToolError. FFmpeg
+// itself is not instrumented: this tests our handling of its results.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -17,10 +16,10 @@ namespace {
 
 using namespace noxel::tool;
 
-constexpr long kMaxSide = 96;  // pixels: a larger frame takes long, and holds more bytes than an input has
+constexpr long kMaxSide = 96;  // pixels: larger frames are slow and hold more bytes than an input
 constexpr int kMaxFrames = 40;
 
-// A size stands behind its letter, after blanks or none. Where fields end is FFmpeg's to say: each such letter is taken for
+// A size follows its letter, possibly after blanks. FFmpeg decides where fields end, so every such letter is taken as
 // one.
 bool isSmall(const std::string& header) {
   for (size_t at = header.find_first_of("WH"); at != std::string::npos; at = header.find_first_of("WH", at + 1)) {
@@ -40,7 +39,7 @@ void checkFrame(const ClipInput& clip, int width, int height) {
   FUZZ_CHECK(std::isfinite(clip.seconds()));
 }
 
-// The engine's luma stands in front of the NV21 frame, row by row.
+// The NV21 frame begins with the engine's luma, row by row.
 void checkNv21(ClipInput* clip) {
   const AVFrame& planar = clip->engineFrame();
   const std::vector<uint8_t>& nv21 = clip->nv21();

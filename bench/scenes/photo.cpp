@@ -117,7 +117,7 @@ bool readPhoto(const std::string& path, Photo* photo) {
   std::string magic;
   file >> magic;
   if (magic != "P5" && magic != "P6") return false;
-  int header[3] = {};  // width, height, largest sample
+  int header[3] = {};  // width, height, max sample
   for (int& value : header) {
     while ((file >> std::ws).peek() == '#') file.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
     file >> value;
@@ -146,7 +146,8 @@ bool readPhoto(const std::string& path, Photo* photo) {
 Photo proceduralPhoto(int width, int height, uint64_t seed) {
   Random random = {seed};
   Photo photo = {width, height, std::vector<float>(static_cast<size_t>(width) * static_cast<size_t>(height), 110.0f)};
-  // Each octave of sizes covers the same area: a density of radii falling with the cube, drawn by its inverse.
+  // Every octave of sizes covers the same area: the density of radii falls with the cube; drawn by inverting its
+  // integral.
   const double maxRadius = 0.25 * std::min(width, height);
   const int count = static_cast<int>(0.1 * width * height / (kMinRadius * kMinRadius));
   for (int i = 0; i < count; ++i) {

@@ -7,7 +7,7 @@
 
 namespace noxel::scenes {
 
-// Luminance in 8-bit levels, a continuous function of the plane: Catmull-Rom between the pixels, mirrored beyond the edges.
+// Luminance in 8-bit levels as a continuous function: Catmull-Rom interpolation, mirrored at the edges.
 struct Photo {
   int width = 0;
   int height = 0;
@@ -16,11 +16,11 @@ struct Photo {
   double at(double x, double y) const;
 };
 
-// Binary PGM or PPM with 8 bits a sample. False, and nothing in `photo`: no such file, or not one.
+// Reads binary PGM or PPM with 8 bits per sample. False, and `photo` untouched: no such file or another format.
 bool readPhoto(const std::string& path, Photo* photo);
 
-// A stand-in where there are no photos: opaque discs and polygons of all sizes, the small ones most frequent, under value
-// noise; its spectrum falls off about as that of photos does.
+// A substitute for photos: opaque discs and polygons of all sizes, small ones most frequent, plus value noise; its
+// spectrum falls off roughly like that of photos.
 Photo proceduralPhoto(int width, int height, uint64_t seed);
 
 struct NamedPhoto {
@@ -28,8 +28,8 @@ struct NamedPhoto {
   Photo photo;
 };
 
-// The photos in these files, or without any `standIns` procedural ones for frames of width x height. False, and the file
-// in *unreadable: one is not a photo.
+// The photos in these files; without files, `standIns` procedural ones for width x height frames. False: *unreadable is
+// not a photo.
 bool loadPhotos(const std::vector<std::string>& paths, int standIns, int width, int height, uint64_t seed,
                 std::vector<NamedPhoto>* photos, std::string* unreadable);
 

@@ -11,19 +11,19 @@
 namespace noxel::scenes {
 namespace {
 
-constexpr int kSubSamples = 4;     // a side of a pixel
-constexpr double kMargin = 48;     // frame pixels kept around a crop: the largest pan, and some tremor
-constexpr double kMinScale = 2.5;  // photo pixels a frame pixel, where the photo has as many
+constexpr int kSubSamples = 4;     // per side of a pixel
+constexpr double kMargin = 48;     // frame pixels around a crop: the max pan and tremor
+constexpr double kMinScale = 2.5;  // photo pixels per frame pixel, if the photo has enough
 constexpr double kMaxScale = 3.5;
 constexpr double kObjectBrightness = 0.6;  // of its photo
 constexpr int kCropCandidates = 8;
 constexpr double kFlatContrast = 10;    // standard deviation in levels
 constexpr double kTileShare = 0.85;     // of the repetitive texture; the rest is the photo
 constexpr double kObjectArea = 0.4;     // of the frame
-constexpr double kTremorPixels = 4;     // largest shift
+constexpr double kTremorPixels = 4;     // max shift
 constexpr double kTremorRoll = 0.5;     // degrees
 constexpr double kTremorZoom = 0.003;   // relative
-constexpr double kAccompanying = 0.25;  // share of the tremor beside another motion
+constexpr double kAccompanying = 0.25;  // share of the tremor that accompanies another motion
 
 struct Point {
   double x;
@@ -58,7 +58,7 @@ Affine drawMotion(Motion motion, int width, int height, Random& random) {
   return cameraMotion(roll, zoom, {distance * std::cos(direction), distance * std::sin(direction)}, width, height);
 }
 
-// Part of a photo seen by the frame: frame pixel p shows photo point origin + scale * p.
+// The part of a photo in the frame: frame pixel p shows photo point origin + scale * p.
 struct Crop {
   const Photo* photo;
   Point origin;
@@ -67,7 +67,7 @@ struct Crop {
   double at(Point p) const { return photo->at(origin.x + scale * p.x, origin.y + scale * p.y); }
 };
 
-// How much a step of one frame pixel changes the picture, relative to its brightness; a sparse sample.
+// Mean change over one frame pixel, relative to the brightness, from a sparse sample.
 double textureOf(const Crop& crop, int width, int height) {
   constexpr int kStep = 12;  // frame pixels
   double change = 0;
@@ -85,9 +85,9 @@ double textureOf(const Crop& crop, int width, int height) {
 
 enum class Pick { MaxTexture, MinTexture };
 
-// One of a few random crops. The background is the most textured: a camera is pointed at something, and much of a large
-// photo is sky or out of focus. Many photo pixels a frame pixel hide the softness of the photo; one that is too small for
-// that is shown whole.
+// The best of a few random crops. Backgrounds take the most textured, as a camera points at something while much of a
+// large photo is sky or out of focus. Several photo pixels per frame pixel hide the photo's softness; a photo too small
+// for that is shown whole.
 Crop drawCrop(const Photo& photo, Pick pick, int width, int height, Random& random) {
   const double fit = std::min(photo.width / (width + 2 * kMargin), photo.height / (height + 2 * kMargin));
   Crop best = {};
@@ -264,7 +264,7 @@ ScenePair renderPair(const std::vector<Photo>& photos, Motion motion, int width,
   MovingObject object;
   Affine objectFromPrevious = pair.currentFromPrevious;
   if (motion == Motion::Object) {
-    // Darker and less textured than the background, or the object would often be the larger part of what can be followed.
+    // Darker and less textured than the background, which would otherwise often offer less to track than the object.
     object.texture = drawCrop(photo, Pick::MinTexture, width, height, random);
     const double edge = 0.5 * (1 - std::sqrt(kObjectArea));
     object.low = {edge * width, edge * height};

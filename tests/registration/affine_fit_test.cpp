@@ -6,6 +6,7 @@
 #include <cmath>
 #include <limits>
 
+#include "math/inverse.h"
 #include "registration/point_pairs.h"
 
 namespace noxel {
@@ -58,6 +59,22 @@ View leastSquares(const Pairs& pairs) {
   m[2] = mean[2] - m[0] * mean[0] - m[1] * mean[1];
   m[5] = mean[3] - m[3] * mean[0] - m[4] * mean[1];
   return m;
+}
+
+TEST(Inverse, OfASingularMatrixIsTheIdentity) {
+  // Singular is relative to the diagonal: a small scale is not.
+  constexpr double kRegular[][9] = {{1, 1, 0, 1, 1 + 1e-9, 0, 0, 0, 1}, {1e-7, 0, 5, 0, 1e-7, 6, 0, 0, 1}};
+  constexpr double kSingular[][9] = {
+      {}, {1, 1, 0, 1, 1 + 1e-11, 0, 0, 0, 1}, {NAN, 0, 0, 0, 1, 0, 0, 0, 1}, {INFINITY, 0, 0, 0, 1, 0, 0, 0, 1}};
+  double inverse[9];
+  for (const auto& matrix : kRegular) {
+    EXPECT_TRUE(invert3x3(matrix, inverse));
+    EXPECT_NEAR(matrix[0] * inverse[0] + matrix[1] * inverse[3], 1, 1e-6);  // 1e-9 in double precision
+  }
+  for (const auto& matrix : kSingular) {
+    EXPECT_FALSE(invert3x3(matrix, inverse));
+    for (int i = 0; i < 9; ++i) EXPECT_EQ(inverse[i], i % 4 == 0 ? 1 : 0);
+  }
 }
 
 TEST(AffineFit, IsTheLeastSquaresSolution) {
@@ -114,6 +131,7 @@ TEST(Region, IsADiamondOfTruncatedDistances) {
     const PointPairs inside(listed({moved(kHandHeld, place.x, place.y)}), 100, 50, 19);
     EXPECT_EQ(inside.size(), place.inside ? 1 : 0) << place.x << ", " << place.y;
   }
+  EXPECT_EQ(PointPairs(listed({moved(kStill, 3e9, std::nan(""))}), 0, 0, kEverywhere).size(), 1);
 }
 
 TEST(Region, LimitsEveryOperationToItsPairs) {
