@@ -6,7 +6,7 @@ set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_C_FLAGS_INIT "-march=armv7-a -mfpu=neon -mfloat-abi=hard")
-set(CMAKE_CXX_FLAGS_INIT "${CMAKE_C_FLAGS_INIT} -Wno-psabi")  # notes on an ABI of ten years ago
+set(CMAKE_CXX_FLAGS_INIT "${CMAKE_C_FLAGS_INIT} -Wno-psabi")  # notes on an ABI change of GCC 7
 
 cmake_path(SET root NORMALIZE "${CMAKE_CURRENT_LIST_DIR}/../build/armhf-root")
 set(CMAKE_SYSROOT ${root})

@@ -1,6 +1,6 @@
 # cmake -DOUTPUT=header -DSHADERS="a.vert;b.frag" -P embed_shaders.cmake
 #
-# Writes each text as `inline constexpr char k<Name><Kind>[]` and a table of all of them, kShaderTexts, by file name.
+# Writes each text as `inline constexpr char k<Name><Kind>[]`, and kShaderTexts, a table of all texts and their file names.
 set(constants "")
 set(table "")
 foreach(shader IN LISTS SHADERS)

@@ -1,19 +1,19 @@
 /* Noxel: makes dark video watchable while it is being filmed.
  *
  * One engine per video stream. The application hands in one YUV 4:2:0 frame at a time and gets it back denoised, brightened
- * and, if asked, steadied, in the same buffer and the same layout.
+ * and, if asked, stabilised, in the same buffer and layout.
  *
- * Call                          From which thread            Beside which other call on the same engine
+ * Call                          From which thread            At the same time as, on the same engine
  * ----------------------------  ---------------------------  ------------------------------------------------------------
  * Noxel_GetVersion              any                          any
- * Noxel_Initialize[WithWindow]  any                          none: the engine does not exist before it returns
- * Noxel_SetParameter            any                          any but initialise
+ * Noxel_Initialize[WithWindow]  any                          none: there is no engine before it returns
+ * Noxel_SetParameter            any                          any but Noxel_Initialize
  * Noxel_ProcessFrame            one at a time per engine     Noxel_SetParameter, Noxel_Release (the frame then comes back
  *                                                            unenhanced)
  * Noxel_Release                 any                          Noxel_SetParameter, Noxel_ProcessFrame
  *
- * Different engines may be used side by side. Failures are reported by the return value and, with the reason, in the log
- * under the tags "Korvane" and "KorvaneEGLEngine". No exception leaves the library.
+ * Different engines may be used at the same time. Failures are reported by the return value and, with the reason, in the
+ * log under the tags "Korvane" and "KorvaneEGLEngine". No exception leaves the library.
  */
 #ifndef NOXEL_NOXEL_H
 #define NOXEL_NOXEL_H
@@ -35,17 +35,17 @@ typedef struct _KRSuperResEngine _KRSuperResEngine;
 
 /** Parameter ids of Noxel_SetParameter. Each value is one int. */
 enum {
-  NOXEL_PARAMETER_STABILIZATION = 0,   /**< 0 off (default), else on; has an effect with light mode 0 */
-  NOXEL_PARAMETER_NOISE_REDUCTION = 1, /**< strength, 0..100, default 65; stored as given, limited where it is used */
-  NOXEL_PARAMETER_LIGHT_MODE = 2,      /**< 1 each frame by itself (default), 0 consecutive frames together */
+  NOXEL_PARAMETER_STABILIZATION = 0,   /**< 0 off (default), else on; light mode 0 only */
+  NOXEL_PARAMETER_NOISE_REDUCTION = 1, /**< strength, 0..100, default 65; stored as given, clamped where it is used */
+  NOXEL_PARAMETER_LIGHT_MODE = 2,      /**< 1 each frame by itself (default), 0 consecutive frames blended */
   NOXEL_PARAMETER_IMAGE_FORMAT = 3,    /**< NOXEL_FORMAT_NV21 (default) or NOXEL_FORMAT_YV12 */
-  NOXEL_PARAMETER_EXPOSURE = 4         /**< how far dark pictures are opened, 0..100, default 50; clamped */
+  NOXEL_PARAMETER_EXPOSURE = 4         /**< max. brightening of dark pictures, 0..100, default 50; clamped */
 };
 
-/** Layouts of a frame, by Android's image-format code. No row padding; width * height luma bytes come first. */
+/** Frame layouts, by Android's image-format codes. No row padding; width * height luma bytes come first. */
 enum {
   NOXEL_FORMAT_NV21 = 17,        /**< then V,U pairs */
-  NOXEL_FORMAT_YV12 = 0x32315659 /**< then the V plane, then the U plane, each a quarter of the luma's size */
+  NOXEL_FORMAT_YV12 = 0x32315659 /**< then the V plane, then the U plane, each a quarter of the luma plane's size */
 };
 
 /** The library's version and build time: "Version: 1.2.3, Build date: Nov 21 2026 10:30:00".
@@ -92,8 +92,8 @@ NOXEL_API int Noxel_InitializeWithWindow(int width, int height, void* window, _K
 /** Sets one parameter; the next frame uses it.
  *
  *  id      a NOXEL_PARAMETER_ id.
- *  value   one int, read before the call returns; must not be null. Ranges stand with the ids. A value out of range is stored
- *          as given, except that the exposure is clamped.
+ *  value   one int, read before the call returns; must not be null. The ids above list the ranges. A value out of range is
+ *          stored as given, except that the exposure is clamped.
  *
  *  0  stored
  *  1  unknown id, no engine, or an engine not initialised or already released
@@ -137,7 +137,7 @@ NOXEL_API int Noxel_ProcessFrame(unsigned char* frame, _KRSuperResEngine* engine
  */
 NOXEL_API int Noxel_Release(_KRSuperResEngine** handle);
 
-/** A span of time in nanoseconds of CLOCK_MONOTONIC_RAW; stop 0 means that it is still running. */
+/** A time span in nanoseconds of CLOCK_MONOTONIC_RAW; stop 0 means that it is still running. */
 typedef struct KRTimer {
   uint64_t start;
   uint64_t stop;
@@ -147,17 +147,17 @@ typedef struct KRTimer {
 NOXEL_API uint64_t KRTimeNow(void);
 /** The absolute difference of two times, in nanoseconds. Any thread. */
 NOXEL_API uint64_t KRTimeDiff(uint64_t a, uint64_t b);
-/** Starts, or restarts, the timer. The timer is the caller's in this call and the next three; one thread at a time. */
+/** Starts or restarts the timer. For this call and the next three: the timer is the caller's; one thread at a time. */
 NOXEL_API void KRTimerStart(KRTimer* timer);
 /** Ends the span. */
 NOXEL_API void KRTimerStop(KRTimer* timer);
-/** Zeroes the timer: it then runs from time 0. */
+/** Sets start and stop to 0: the timer then runs from time 0. */
 NOXEL_API void KRTimerReset(KRTimer* timer);
 /** Nanoseconds from start to stop, or to now while it runs. */
 NOXEL_API uint64_t KRTimerElapsed(const KRTimer* timer);
 
-/** Watches around the stages of the frame path. They do nothing in this build, and the two that return a value return 0; a
- *  profiling build fills them in. Any thread. */
+/** Stopwatches around the stages of the frame path, for profiling builds. In this build they do nothing and return 0. Any
+ *  thread. */
 NOXEL_API void startWatch(int id);
 NOXEL_API int64_t stopWatch(const char* name, int id);
 NOXEL_API int64_t pauseWatch(void);
