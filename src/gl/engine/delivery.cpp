@@ -15,15 +15,11 @@ void loseContext(_KRGPUEngine* engine) {
   NOXEL_LOG_ERROR("the GPU context is lost: frames are returned as they came");
 }
 
-// Draws both planes and brings the bytes of the frame that the rings hold to readBackFrame. False when one of them could not
-// be mapped.
+// Packs both planes and copies the oldest frame of the rings to readBackFrame. False when one of them could not be mapped.
 bool readBack(_KRGPUEngine* engine) {
-  engine->stage = 0;
   drawPack(engine, Image::kLumaBytes);
-  engine->stage = 1;
   const bool lumaRead = readImage(frameBufferOf(engine, Image::kLumaBytes), engine->readBackFrame);
   drawPack(engine, Image::kChromaBytes);
-  engine->stage = 2;
   const bool chromaRead =
       readImage(frameBufferOf(engine, Image::kChromaBytes), engine->readBackFrame + engine->lumaSize);
   return lumaRead && chromaRead;
@@ -71,8 +67,8 @@ void deliver(_KRGPUEngine* engine, const unsigned char* bytes) {
     std::memcpy(handOver.outputBuffer, bytes, engine->lumaSize + engine->lumaSize / 2);
   }
   if (current && handOver.notes != nullptr) takeNotes(*engine, bytes != nullptr, handOver.notes);
-  // A frame from before a break leaves the caller waiting for its own. Under the lock, so that a break finds either no
-  // output of the old sequence announced or all of it.
+  // After a frame from before a break the caller goes on waiting for its own. Under the lock, so that a break sees either no
+  // output of the old sequence announced, or a complete one.
   if (handOver.syncWithCaller == 1) handOver.callerSignal->raise(current ? 1 : -1);
 }
 
@@ -95,10 +91,10 @@ void swapBuffers(_KRGPUEngine* engine) {
 }
 
 void ReadBackYuv(_KRGPUEngine* engine) {
-  // Into a buffer of our own, so that frameMutex is never held over the wait for the GPU and a half-read frame stays here.
+  // Through an internal buffer: frameMutex is never held while waiting for the GPU, and a half-read frame is never seen.
   const bool complete = readBack(engine);
   noteReadBack(engine, complete);
-  if (!complete) resetFirstFrame(engine);  // what the rings hold of this frame is another's, or half of it
+  if (!complete) resetFirstFrame(engine);  // the rings hold half a frame
   engine->passTimer.report();
   deliver(engine, complete ? engine->readBackFrame : nullptr);
 }

@@ -21,8 +21,8 @@ void loadChroma(_KRGPUEngine* engine, const unsigned char* frame) {
   engine->texturesLoaded = 1;
 }
 
-// The spatial path reads the packed luma, every other the plain one. A status that changed between the load command and
-// this frame's process command brought the other.
+// The spatial path reads packed luma, the others plain luma. When the status changed after the load command, the wrong one was
+// loaded.
 void ensureLumaForSequence(_KRGPUEngine* engine) {
   const bool packed = engine->historyCount == -1;
   if (packed && !engine->packedLumaFilled) loadPackedLuma(engine, engine->frame.buffer);
@@ -64,8 +64,8 @@ void updateWarps(_KRGPUEngine* engine, const Frame& frame) {
   engine->previousFromFrame = previousFromCurrent;
 }
 
-// A window may have been resized since the frame before: the picture fills it. Its first row, texture coordinate 0, is to be
-// at the top of the window, where y is 1.
+// The picture fills the window, which may have been resized. Its first row, texture coordinate 0, belongs at the top of the
+// window, where y is 1.
 void followWindow(_KRGPUEngine* engine) {
   if (engine->offscreen == 1) return;
   engine->egl.GetSurfaceSize(&engine->outputWidth, &engine->outputHeight);
@@ -98,7 +98,7 @@ void loadRgbaTexture(_KRGPUEngine* engine, const unsigned char* frame) {
 }
 
 void prepareFrame(_KRGPUEngine* engine, const Frame& frame) {
-  // What the read-back ring still holds of the other path must not come back among this one's.
+  // Frames of the other path still in the read-back ring must not come back after this one.
   if (frame.path() != engine->frame.path()) resetFirstFrame(engine);
   engine->frame = frame;
   engine->frame.taken = std::chrono::steady_clock::now();

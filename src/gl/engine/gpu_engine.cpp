@@ -16,8 +16,8 @@ bool isRgbaMode(const _KRGPUEngine& engine) {
   return engine.mode == 4;
 }
 
-// Where an image stands among frameBuffers; -1 for what is none. The images of the frame's size share four: the ring takes the
-// first ones.
+// Index of an image in frameBuffers, -1 for one that is no framebuffer. The images of the frame's size share four: the ring
+// takes the first ones.
 int frameBufferIndex(const _KRGPUEngine& engine, Image image) {
   const auto inRing = [&engine](int steps) { return (engine.historyIndex + steps) % engine.plan->ringLength; };
   switch (image) {
@@ -63,7 +63,7 @@ const Texture* uploadedTexture(const _KRGPUEngine& engine, Image image) {
   }
 }
 
-// Of a quotient of a tiny frame's size: an image without pixels is incomplete.
+// At least 1: an image without pixels is incomplete.
 int part(int size, int divisor) {
   return std::max(size / divisor, 1);
 }
@@ -101,7 +101,7 @@ bool isPacked(Image image) {
          image == Image::kChromaBytes;
 }
 
-// Calls visit(pass) for each that the engine may come to draw.
+// Calls visit(pass) for every pass that the engine can draw.
 template <typename Visit>
 void forEachPass(const _KRGPUEngine& engine, const Visit& visit) {
   const ModePlan& plan = *engine.plan;
@@ -271,7 +271,6 @@ void DestroyGPUEngine(_KRGPUEngine** engine) {
 
 void resetFirstFrame(_KRGPUEngine* engine) {
   if (engine == nullptr) return;
-  engine->stage = 0;
   for (const Image plane : {Image::kLumaBytes, Image::kChromaBytes}) frameBufferOf(engine, plane)->RestartReadBack();
 }
 

@@ -17,16 +17,15 @@
 
 namespace noxel {
 
-// What the frame delivered last tells of its making. Belongs to the engine record; under frameMutex but where it says
-// otherwise.
+// How the frame delivered last was made. Belongs to the engine record; under frameMutex unless stated otherwise.
 struct DeliveryNotes {
   uint64_t delivered = 0;                   // frames so far
   FramePath outputPath = FramePath::kNone;  // of the frame in the output buffer; none: no frame of this sequence
   bool missed = false;                      // it could not be read back: the output buffer holds an older one
   double gpuMs = 0.0;  // of the GPU thread, from prepareFrame to delivery; a wait for the caller counts
 
-  // The ghost mask, for a person who asks why the picture looks as it does.
-  std::atomic<int> captureMask = 0;     // 1: release/acquire, once the buffers stand
+  // The ghost mask, to see where the blend is held back.
+  std::atomic<int> captureMask = 0;     // 1: release/acquire, once the buffers are allocated
   unsigned char* maskPixels = nullptr;  // RGBA as read back; the GPU thread's
   unsigned char* mask = nullptr;        // 0 the blend that the strength asks for, 255 the current frame alone
   bool maskValid = false;               // the frame was blended, and `mask` is its own
@@ -46,10 +45,10 @@ struct HandOver {
   int outputDelay;                 // read-back buffers, 1..3
   _KRSignal* callerSignal;         // 1 output ready, -1 output taken
   std::atomic<int>* ready;         // cleared when the context is lost: no frame is drawn from then on
-  DeliveryNotes* notes = nullptr;  // null: nobody wants to know
+  DeliveryNotes* notes = nullptr;  // may be null
 };
 
-// The framebuffers of an engine; several images of the passes may share one. Made are those that a pass of the mode uses.
+// The framebuffers of an engine; images of the passes may share one. Only those that a pass of the mode draws into are made.
 inline constexpr int kMaxLevelImages = 4;  // of the frame's size
 inline constexpr int kMaxFrameBuffers =
     kMaxLevelImages + static_cast<int>(Image::kCount) - static_cast<int>(Image::kHalfLuma);
@@ -65,7 +64,7 @@ struct _KRGPUEngine {
   int offscreen = 1;
   bool ready = false;  // context current and all programs linked; otherwise no GL call is made
 
-  EGLEngine egl;  // before what needs its context to be freed
+  EGLEngine egl;  // first: destroyed after everything that needs its context
   LowLightFilter lowLight;
   BilateralFilter bilateral;
   YuvToRgbFilter yuvToRgb;
@@ -76,15 +75,13 @@ struct _KRGPUEngine {
   Texture chromaTexture;      // V in red, U in alpha
   Texture rgbaTexture;        // mode 4
   Texture selectorTexture;
-  FrameBuffer
-      frameBuffers[kMaxFrameBuffers];  // by frameBufferIndex; without a GL name where no pass of the mode needs it
+  FrameBuffer frameBuffers[kMaxFrameBuffers];  // by frameBufferIndex; empty where no pass of the mode draws into it
   PassTimer passTimer;
 
   HandOver handOver = {};
-  unsigned char* readBackFrame = nullptr;  // owned; a frame is whole here before it meets the output buffer
+  unsigned char* readBackFrame = nullptr;  // owned; holds the whole frame before it is copied to the output buffer
   size_t lumaSize = 0;                     // width * height
   int failedReadBacks = 0;                 // since the last good one
-  int stage = 0;                           // of the read-back: 1 after the luma pass, 2 after the chroma pass
 
   Frame frame;                // the one being drawn
   bool maskCaptured = false;  // the notes' maskPixels are its own
@@ -98,7 +95,6 @@ struct _KRGPUEngine {
   float previousFromCurrent[16] = {};  // mode 0: this frame to the one before
   float previousFromPicture[16] = {};  // mode 0: current picture to the frame before
   float oldestFromPicture[16] = {};    // mode 0: current picture to the frame before that
-  float identityTransform[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
   float zoomWarp[16] = {};
   float stabilizedWarp[16] = {};
   int historyCount = 1;     // -1 spatial path, 0 history restarts here, n: the nth frame blended into it
@@ -129,7 +125,7 @@ void loadPackedTextureYOnly(_KRGPUEngine* engine, const unsigned char* frame);
 void loadTextureUVOnly(_KRGPUEngine* engine, const unsigned char* frame);
 void loadRgbaTexture(_KRGPUEngine* engine, const unsigned char* frame);  // mode 4: width * height * 4 bytes
 
-// Starts the read-back afresh: the next frame comes back at once, and nothing older ever. Null is ignored.
+// Restarts the read-back: the next frame comes back at once, and nothing older. Null is ignored.
 void resetFirstFrame(_KRGPUEngine* engine);
 
 // Takes the frame over and loads the planes that no load command brought. After it the frame and its buffer may be
@@ -142,7 +138,7 @@ void processFrame(_KRGPUEngine* engine);
 // Mode 4: enhances width * height * 4 bytes in place and returns when they are there.
 void processInPlace(_KRGPUEngine* engine, const Frame& frame);
 
-// The images behind the names that passes use. Null, 0 and 0 x 0 for what is not there or no framebuffer.
+// Resolve the image names of the passes. Null, 0 and 0 x 0 for an image that this engine does not have.
 FrameBuffer* frameBufferOf(_KRGPUEngine* engine, Image image);
 GLuint textureOf(_KRGPUEngine* engine, Image image);
 ImageSize imageSize(const _KRGPUEngine& engine, Image image);
@@ -151,7 +147,7 @@ Program* programOf(_KRGPUEngine* engine, ProgramId id);  // null unless linked
 // Draws the finished picture into the bytes of one plane.
 void drawPack(_KRGPUEngine* engine, Image plane);
 
-// Lets go of a frame that nothing is drawn for: one queued frame less, and a waiting caller wakes.
+// Drops a frame that is not drawn: one queued frame less, and a waiting caller wakes.
 void dropFrame(const HandOver& handOver, uint32_t sequence);
 
 // Hands the current frame over: counts it, puts `bytes` (a whole NV21 frame, or null when there is none) into the output
@@ -165,8 +161,8 @@ void ReadBackYuv(_KRGPUEngine* engine);
 // and `bytes` as they were or half a picture, when GL failed.
 bool readImage(FrameBuffer* image, unsigned char* bytes);
 
-// A read-back that fails is said once; one that goes on failing is a context that is lost, as is a swap that says so. Such
-// an engine is not ready any more: a frame as it came is better than the same old one for ever.
+// The first failed read-back is logged; eight in a row mean a lost context, as does a swap that reports one. The engine is not
+// ready from then on: returning frames as they came is better than repeating an old one.
 void noteReadBack(_KRGPUEngine* engine, bool complete);
 void swapBuffers(_KRGPUEngine* engine);
 

@@ -11,8 +11,8 @@ void setMatrix(Program* program, const char* name, const float* matrix) {
   if (program->Has(name)) program->SetMatrix(matrix, 16, false, name);
 }
 
-// Where the finished picture goes. It is cleared when it is first bound, not before: on a tiled GPU a clear of a target that
-// other passes follow costs a store and a load of the whole image.
+// The finished picture. Cleared when it is first bound, not before: on a tiled GPU an early clear costs a store and a load of
+// the whole image.
 class OutputTarget {
  public:
   explicit OutputTarget(_KRGPUEngine* engine) : engine_(engine) {}
@@ -102,7 +102,7 @@ void drawPicture(_KRGPUEngine* engine) {
   output.clearUnlessDrawn();
 }
 
-// Reads back the mask that the blend has just used. Blocks, and is for looking at pictures.
+// Reads back the mask of this blend. Blocks until the GPU is done; for diagnosis.
 void captureMask(_KRGPUEngine* engine) {
   const DeliveryNotes* notes = engine->handOver.notes;
   engine->maskCaptured = false;
@@ -171,7 +171,7 @@ void beginTiming(_KRGPUEngine* engine) {
 }  // namespace
 
 void processFrame(_KRGPUEngine* engine) {
-  // A ring of three leaves no image of the frame's size to the output, but has done with its oldest by the time that is drawn.
+  // A ring of three leaves no buffer for the output, which reuses the oldest: it has been read by then.
   const bool inRing = engine->plan->ringLength == 3 && engine->historyCount >= 0;
   engine->outIndex = inRing ? (engine->historyIndex + 2) % 3 : kMaxLevelImages - 1;
   beginTiming(engine);

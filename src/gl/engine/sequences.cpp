@@ -14,8 +14,7 @@ void setPair(float* values, float x, float y) {
   values[1] = y;
 }
 
-// How far the mask's erosion looks, in texels: between two texels a linear sample takes both, so that a step of 1.5 looks
-// three texels far.
+// Step of the mask's erosion in texels. A linear sample between two texels covers both, so a step of 1.5 spans three texels.
 float erosionStep(int deghosting) {
   return deghosting < 6 ? 1.5f : 1.0f;
 }
@@ -79,7 +78,7 @@ constexpr Uniform kDilatedWeight = {
     "u_BlendFactor", 1, 1, [](const PassContext& c, float* v) {
       v[0] = 1.0f - 0.5f * std::clamp(0.5f - ownWeight(c.settings.noiseReductionStrength), 0.0f, 0.4f);
     }};
-// The first dilation looks a texel to each side, between texels; the distance of each later one is twice the last and a half.
+// The first dilation spans a texel to each side; the distance of each later one is twice the last plus a half.
 constexpr Uniform kDilation1 = {"u_steps", 4, 2,
                                 [](const PassContext& c, float* v) { setCorners(v, c.source, -1.5f, 0.5f); }};
 constexpr Uniform kDilation2 = {"u_steps", 4, 2,

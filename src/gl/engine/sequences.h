@@ -1,5 +1,4 @@
-// What is drawn for a frame: one table row a pass. Which sequence a frame takes follows from the engine's mode and from how
-// many frames of history stand behind it.
+// The pass tables: one row a pass. The engine's mode and the number of frames in the history choose the sequence of a frame.
 #pragma once
 
 #include <cstdint>
