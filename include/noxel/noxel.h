@@ -60,16 +60,16 @@ NOXEL_API const char* Noxel_GetVersion(void);
 
 /** Makes an engine that renders off-screen: each enhanced frame comes back in the buffer given to Noxel_ProcessFrame.
  *
- *  width, height  frame size in pixels, each at least 1 with width * height * 4 within an int. The width is to be a multiple
- *                 of 4 and the height even, both within the driver's limits (16384 as a rule): pad other frames.
+ *  width, height  frame size in pixels, each at least 1, with width * height * 4 within an int. To be enhanced, frames need a
+ *                 width that is a multiple of 4 and an even height, both within the driver's limits (usually 16384).
  *  handle         receives the engine; untouched on failure.
  *
- *  0  the engine stands. Without a usable OpenGL ES 3.0, and for other sizes, it stands too, says so in the log, and hands
- *     each frame back as it came.
- *  1  null handle, a size out of range, no memory, or a thread that could not be made.
+ *  0  the engine is ready. This includes an engine without a usable OpenGL ES 3.0 or for other frame sizes: it logs the
+ *     reason and returns each frame as it came.
+ *  1  null handle, size out of range, no memory, or a thread could not be started.
  *
  *  Ownership: the engine is the caller's until Noxel_Release.
- *  Threads:   any; starts two that live until Noxel_Release.
+ *  Threads:   any; starts threads that live until Noxel_Release.
  *  Time:      creates a GL context and loads or compiles about twenty programs: tens to hundreds of milliseconds.
  */
 NOXEL_API int Noxel_Initialize(int width, int height, _KRSuperResEngine** handle);
@@ -78,8 +78,8 @@ NOXEL_API int Noxel_Initialize(int width, int height, _KRSuperResEngine** handle
  *
  *  width, height  any size within the driver's limits: with a window nothing is read back.
  *  window  an ANativeWindow; on Linux with X11 the id of a Window on the display that DISPLAY names, cast to a pointer;
- *          elsewhere the EGL platform's native window; or null: exactly Noxel_Initialize. Frames are shown upright and fill
- *          it, also after it took another size; the buffers given to Noxel_ProcessFrame stay as they came.
+ *          elsewhere the EGL platform's native window; or null: same as Noxel_Initialize. Frames are shown upright and fill
+ *          the window, also after a resize; the buffers given to Noxel_ProcessFrame are not changed.
  *
  *  0, 1  as Noxel_Initialize.
  *
@@ -108,12 +108,12 @@ NOXEL_API int Noxel_SetParameter(unsigned id, void* value, _KRSuperResEngine* en
  *
  *  frame   width * height * 3/2 bytes in the current image format (NV21: Y, then V,U pairs; YV12: Y, V, U), no row padding.
  *          Off-screen it holds an enhanced frame on return: the newest one finished, usually that of an earlier call.
- *          It holds the caller's own frame unchanged from the first frame, from a break of the sequence (a gap of more than
- *          1500 ms, or of more than 200 ms once two frames are in) and from a change of the light mode until the first frame
- *          enhanced since then is there, and for good when the GPU context was lost, which the log tells. With a window, or
- *          with an unknown image format, it is left as it came.
+ *          It holds the caller's own frame unchanged at the start, after a break of the sequence (a gap of more than 1500 ms,
+ *          or of more than 200 ms once two frames are in) and after a change of the light mode, until the first frame
+ *          enhanced since then is ready; and for good once the GPU context is lost, which is logged. With a window, or with
+ *          an unknown image format, the buffer is left as it came.
  *
- *  0  accepted (also when the ring was full and the frame itself was not enhanced)
+ *  0  accepted (also when the ring was full and this frame will not be enhanced)
  *  1  no engine, an engine not initialised or already released, or a null frame; the buffer is untouched
  *
  *  Ownership: the buffer stays the caller's; no pointer is kept past return.
@@ -124,14 +124,13 @@ NOXEL_API int Noxel_ProcessFrame(unsigned char* frame, _KRSuperResEngine* engine
 
 /** Stops an engine's threads, waits for calls that still use it, and frees it.
  *
- *  handle  points to the engine. It keeps its value, which points to nothing any more: every call refuses it, until 64 more
- *          engines have been released. After that its memory, and with it the value, may be a later engine's.
+ *  handle  points to the engine. The value is not changed. Every call refuses it until 64 more engines have been released;
+ *          after that a new engine may get the same address.
  *
  *  0  released
  *  1  null handle, null engine, or an engine that was already released
  *
- *  Ownership: the engine's memory, threads and GL objects are gone on return: after the last engine the library may be
- *             unloaded.
+ *  Ownership: the engine's threads and GL objects are gone on return. After the last engine the library may be unloaded.
  *  Threads:   any.
  *  Time:      up to the frame in flight.
  */

@@ -1,6 +1,6 @@
 # cmake -DNM=nm -DLIBRARY=libNoxel-GLESv3.so -P check_exports.cmake
 #
-# The library exports its interface and nothing else.
+# Checks that the library exports its interface and nothing else.
 set(expected
     KRTimeDiff KRTimeNow KRTimerElapsed KRTimerReset KRTimerStart KRTimerStop
     Noxel_GetVersion Noxel_Initialize Noxel_InitializeWithWindow Noxel_ProcessFrame Noxel_Release Noxel_SetParameter

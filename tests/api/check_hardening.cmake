@@ -1,7 +1,7 @@
 # cmake -DREADELF=readelf -DLIBRARY=libNoxel-GLESv3.so -P check_hardening.cmake
 #
-# How the loader finds the library: fit for pages of 16 KiB, nothing writable that is code or that was relocated, nothing
-# but the system's own libraries wanted, and those from the system's own folders.
+# Checks that the library maps on 16 KiB pages, has no executable stack, writable code or writable relocations, and needs only
+# system libraries from the system's directories.
 cmake_minimum_required(VERSION 3.23)
 set(known_libraries libEGL.so.1 libGLESv2.so.2 libstdc++.so.6 libm.so.6 libgcc_s.so.1 libc.so.6 ld-linux-armhf.so.3)
 set(largest_page 0x4000)
