@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <nlohmann/json.hpp>
 
 #include "clips.h"
 #include "enhance/enhance.h"
@@ -52,6 +53,26 @@ TEST(EngineModes, RgbaFramesKeepTheirColoursAndGainContrast) {
     } else {
       EXPECT_LT(nv21[300], 80) << "below the middle levels get darker";
     }
+  }
+}
+
+TEST(EngineModes, PassesOfEveryModeAreTimed) {
+  NEEDS_DRIVER();
+  const TemporaryDirectory folder;
+  EnhanceOptions options;
+  options.input = folder.file("in.mkv");
+  options.output = folder.file("out.y4m");
+  options.statsFile = folder.file("run.json");
+  options.quiet = options.overwrite = true;
+  writeClip(options.input, {});
+  for (options.look.engineMode = 0; options.look.engineMode <= 4; ++options.look.engineMode) {
+    SCOPED_TRACE(options.look.engineMode);
+    ASSERT_EQ(runEnhance(options), kExitFine);
+    const auto passes = nlohmann::json::parse(contents(options.statsFile))["passes"];
+    ASSERT_GE(passes.size(), 3u);
+    EXPECT_EQ(passes.front()["drawn"], 6) << "without the warm-up";
+    EXPECT_EQ(passes.back()["drawn"], 6);
+    for (const auto& pass : passes) EXPECT_GT(pass["ms_p50"], 0) << pass;
   }
 }
 

@@ -10,6 +10,7 @@
 #include "clips.h"
 #include "common/interrupt.h"
 #include "common/percentile.h"
+#include "enhance/pass_times.h"
 #include "enhance/progress.h"
 #include "enhance/statistics.h"
 #include "kernels/bmp.h"
@@ -33,9 +34,11 @@ class FakeEnhancer : public Enhancer {
  public:
   FakeEnhancer(const EnhancerSettings& settings, FakeRecord& record) : record_(record) { record.settings = settings; }
   int warmUp(const uint8_t*) override { return ++record_.warmUps; }
+  void timePasses(PassTimes& times) override { times_ = &times; }
   void enhance(uint8_t* nv21, int64_t presentationUs) override {
     if (static_cast<int>(record_.times.size()) == record_.stopAt) requestStop(true);
     record_.times.push_back(presentationUs);
+    if (times_ != nullptr) times_->add("lift", 2'000'000);
     const int count = record_.settings.width * record_.settings.height;
     for (int i = 0; i < count; ++i) nv21[i] = static_cast<uint8_t>(nv21[i] + kLift);
   }
@@ -64,6 +67,7 @@ class FakeEnhancer : public Enhancer {
 
  private:
   FakeRecord& record_;
+  PassTimes* times_ = nullptr;
 };
 
 class Enhance : public testing::Test {
@@ -184,6 +188,17 @@ TEST_F(Enhance, StatisticsHoldEachReportAndASummary) {
   EXPECT_EQ(summary["gpu_ms_p95"], 26);
 }
 
+TEST_F(Enhance, PassesAreInTheStatisticsAndInATable) {
+  writeClip(options_.input, {});
+  options_.statsFile = folder_.file("run.json");
+  options_.passes = true;
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(run(), kExitFine);
+  const std::string table = testing::internal::GetCapturedStderr();
+  EXPECT_NE(table.find("lift                          6    2.000    2.000    2.000 100.0 %\n"), table.npos) << table;
+  EXPECT_EQ(nlohmann::json::parse(contents(options_.statsFile))["passes"][0]["drawn"], 6);
+}
+
 TEST_F(Enhance, ThePictureIsTheLastFrameOfAShortClipBeforeAndAfter) {
   writeClip(options_.input, {});
   options_.pictureFile = folder_.file("frame.png");
@@ -217,6 +232,23 @@ TEST_F(Enhance, ASizeChangeLeavesNoOutput) {
   EXPECT_EQ(refused.code(), kExitFailed);
   EXPECT_NE(std::string(refused.what()).find("64x48 to 32x48"), std::string::npos) << refused.what();
   EXPECT_EQ(folder_.names(), (std::vector<std::string>{"a.mjpeg", "ab.mjpeg", "b.mjpeg"}));
+}
+
+TEST(PassTimes, AreOfTheFramesThatDrewAPassInTheOrderDrawn) {
+  PassTimes times;
+  const auto frame = [&](const std::vector<std::pair<const char*, uint64_t>>& passes) {
+    for (const auto& [name, microseconds] : passes) times.add(name, microseconds * 1000);
+    times.endFrame();
+  };
+  frame({{"unpack", 1000}, {"tone", 500}, {"pack", 500}});
+  frame({{"unpack", 3000}, {"erode", 500}, {"erode", 250}, {"mix", 1250}, {"tone", 500}, {"pack", 500}});
+  frame({{"unpack", 1250}, {"mix", 750}, {"tone", 0}, {"pack", 0}});  // 0: not measured
+  EXPECT_EQ(times.json(), nlohmann::ordered_json::parse(R"([
+      {"pass": "unpack", "drawn": 3, "ms_mean": 1.75, "ms_p50": 1.25, "ms_max": 3.0, "share": 0.525},
+      {"pass": "erode", "drawn": 2, "ms_mean": 0.75, "ms_p50": 0.75, "ms_max": 0.75, "share": 0.075},
+      {"pass": "mix", "drawn": 2, "ms_mean": 1.0, "ms_p50": 0.75, "ms_max": 1.25, "share": 0.2},
+      {"pass": "tone", "drawn": 3, "ms_mean": 0.5, "ms_p50": 0.5, "ms_max": 0.5, "share": 0.1},
+      {"pass": "pack", "drawn": 3, "ms_mean": 0.5, "ms_p50": 0.5, "ms_max": 0.5, "share": 0.1}])"));
 }
 
 TEST(Statistics, PercentilesAreNearestRanks) {

@@ -27,7 +27,8 @@ or RGBA. --dump-frames with -y does not delete the files of an earlier, longer d
   registration_ms     motion and exposure; upload_ms, gpu_ms: on the GPU thread; total_ms: the whole frame
   mean_luma_before    0..255; mean_luma_after
 Pixel (0.5, 0.5) is the centre of the first. The summary has lost_share, the share of frames with a previous one whose
-registration failed, and the 50th and 95th percentiles of the times.
+registration failed, and the 50th and 95th percentiles of the times. Passes are in the order drawn, with their GPU time
+per frame.
 
 A quad is four corners: top left, bottom left, top right, bottom right; from -1 (left, bottom) to 1 (right, top). It
 shows the part of the picture that it covers; the untouched quad is drawn over the enhanced one:
@@ -64,8 +65,9 @@ void addOptions(CLI::App* command, EnhanceOptions& options) {
       command, look, [&options](bool spatial) { options.look.denoise = spatial ? "spatial" : "temporal"; },
       options.look.strength, options.look.exposure);
   command
-      ->add_option("--deghosting", options.look.deghosting,
-                   "Keep moving objects from leaving trails; modes 1 and 3, temporal only")
+      ->add_option(
+          "--deghosting", options.look.deghosting,
+          "Keep moving objects from leaving trails; 9 and 10 also keep strong noise. Modes 1 and 3, temporal only")
       ->check(CLI::Range(0, 10))
       ->capture_default_str()
       ->group(look);
@@ -123,6 +125,8 @@ void addOptions(CLI::App* command, EnhanceOptions& options) {
       ->group(written);
   command->add_option("--stats", options.statsFile, "Measurements of the run and of each frame, as JSON")
       ->type_name("FILE.json")
+      ->group(written);
+  command->add_flag("--passes", options.passes, "A table of the engine's passes and their times, on standard error")
       ->group(written);
 
   command

@@ -17,6 +17,13 @@ EngineHandle::EngineHandle(int width, int height, int mode) {
   }
 }
 
+void EngineHandle::timePasses(PassTimes& times) const {
+  const auto add = [](void* context, const char* pass, uint64_t nanoseconds) {
+    static_cast<PassTimes*>(context)->add(pass, nanoseconds);
+  };
+  if (observePasses(engine_, add, &times) != 0) throw ToolError(kExitFailed, "the engine's passes cannot be timed");
+}
+
 void EngineHandle::process(unsigned char* frame) const {
   if (KRProcessFrame(frame, engine_) != 0) throw ToolError(kExitFailed, "the engine refused a frame");
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "api/engine_control.h"
+#include "enhance/pass_times.h"
 
 namespace noxel::tool {
 
@@ -14,6 +15,8 @@ class EngineHandle {
   EngineHandle& operator=(const EngineHandle&) = delete;
 
   _KRSuperResEngine* get() const { return engine_; }
+  // Adds the time of each pass from now on to `times`, which must outlive the engine.
+  void timePasses(PassTimes& times) const;
   void process(unsigned char* frame) const;  // KRProcessFrame; ToolError when it fails
 
  private:

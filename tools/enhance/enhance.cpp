@@ -10,6 +10,7 @@ extern "C" {
 #include <chrono>
 #include <cstdio>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "common/interrupt.h"
@@ -17,6 +18,7 @@ extern "C" {
 #include "common/tool_error.h"
 #include "enhance/frame_dump.h"
 #include "enhance/overlay.h"
+#include "enhance/pass_times.h"
 #include "enhance/progress.h"
 #include "enhance/rgba_session.h"
 #include "enhance/statistics.h"
@@ -77,6 +79,7 @@ class Run {
   VideoWriter writer_;
   PictureKeeper picture_;
   Statistics statistics_;
+  PassTimes passTimes_;
   Progress progress_;
   std::optional<FrameDump> dump_;
 };
@@ -116,6 +119,7 @@ void Run::enhanceAll(const EnhancerFactory& factory) {
   const size_t notesBefore = writer_.notes().size();
 
   if (options_.warmUp) enhancer->warmUp(clip_.nv21().data());
+  if (options_.passes || !options_.statsFile.empty()) enhancer->timePasses(passTimes_);
   progress_.restart();
   for (bool more = true; more;) {
     enhanceFrame(*enhancer);
@@ -140,6 +144,7 @@ void Run::enhanceFrame(Enhancer& enhancer) {
   enhancer.enhance(nv21, clip_.microseconds());
   statistics.totalMs = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   statistics.report = enhancer.report();
+  passTimes_.endFrame();
   statistics.lumaAfter = meanLuma(nv21, width, clip_.width(), clip_.height());
   Overlay overlay;
   if (options_.overlay || dump_) overlay = enhancer.overlay();
@@ -201,7 +206,10 @@ void Run::writeStatistics(double seconds) const {
         {"overlay", options_.overlay},
         {"warm_up", options_.warmUp && followsExposure(options_.look)},
         {"crf", options_.crf}}}};
-  json.update(statistics_.json(seconds));
+  nlohmann::ordered_json measured = statistics_.json(seconds);
+  json["summary"] = std::move(measured["summary"]);
+  json["passes"] = passTimes_.json();
+  json["frames"] = std::move(measured["frames"]);
   const std::string text = json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
   writeWholeFile(options_.statsFile, text.data(), text.size());
 }
@@ -223,6 +231,7 @@ void Run::finish() {
          " frames; it may have been cut short");
   }
   if (stopRequested()) note("stopped; the output is complete up to this frame");
+  if (options_.passes) passTimes_.print(stderr);
   if (options_.quiet) return;
   const auto frames = static_cast<double>(statistics_.count());
   std::fprintf(stderr, "%zu frames in %.1f s (%.1f fps), mean luma %.1f -> %.1f: %s\n", statistics_.count(), seconds,

@@ -19,6 +19,7 @@ struct EnhanceOptions {
   bool compare = false;
   bool overlay = false;
   bool warmUp = true;
+  bool passes = false;
   bool quiet = false;
   bool verbose = false;
   bool overwrite = false;

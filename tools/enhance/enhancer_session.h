@@ -26,6 +26,8 @@ class Enhancer {
   virtual ~Enhancer() = default;
   // Settles the exposure on the first frame, which is not changed. Returns the number of rounds.
   virtual int warmUp(const uint8_t* nv21) = 0;
+  // As EngineHandle::timePasses.
+  virtual void timePasses(PassTimes& times) = 0;
   virtual void enhance(uint8_t* nv21, int64_t presentationUs) = 0;
   // Of the latest frame.
   virtual FrameReport report() const = 0;
@@ -44,6 +46,7 @@ class EnhancerSession : public Enhancer {
   EnhancerSession& operator=(const EnhancerSession&) = delete;
 
   int warmUp(const uint8_t* nv21) override;
+  void timePasses(PassTimes& times) override { engine_.timePasses(times); }
   void enhance(uint8_t* nv21, int64_t presentationUs) override;
   FrameReport report() const override;
   Overlay overlay() const override;

@@ -12,6 +12,7 @@ class RgbaEngine {
   RgbaEngine(int width, int height, const Look& look);
   // AV_PIX_FMT_RGBA of the engine's size; alpha is kept.
   FramePtr enhanced(const AVFrame& rgba);
+  void timePasses(PassTimes& times) const { engine_.timePasses(times); }
 
  private:
   EngineHandle engine_;
@@ -24,6 +25,7 @@ class RgbaSession : public Enhancer {
   explicit RgbaSession(const EnhancerSettings& settings);
 
   int warmUp(const uint8_t*) override { return 0; }
+  void timePasses(PassTimes& times) override { engine_.timePasses(times); }
   void enhance(uint8_t* nv21, int64_t presentationUs) override;
   FrameReport report() const override;
   Overlay overlay() const override { return {}; }

@@ -68,11 +68,8 @@ void WindowEngine::show(uint8_t* nv21) {
   if (Noxel_ProcessFrame(nv21, engine_) != 0) throw ToolError(kExitFailed, "the engine refused a frame");
 }
 
-bool WindowEngine::drewAnother() {
-  const double gpuMs = lastFrameReport(engine_).gpuMs;
-  const bool another = gpuMs != lastGpuMs_;
-  lastGpuMs_ = gpuMs;
-  return another;
+uint64_t WindowEngine::framesDrawn() const {
+  return lastFrameReport(engine_).number;
 }
 
 Viewer::Viewer(const ViewOptions& options)
@@ -219,15 +216,15 @@ void Viewer::show() {
   source_.pack(nv21_.data());
   engine_.show(nv21_.data());
   ++framesShown_;
-  if (engine_.drewAnother()) ++framesDrawn_;
   stillFrames_ = kRepaintFrames;  // in case playback stops here and the engine dropped this frame
 }
 
 void Viewer::refreshTitle() {
   const Clock::time_point now = Clock::now();
   if (const auto span = now - rateStart_; span >= kRateSpan) {
-    rate_ = framesDrawn_ / std::chrono::duration<double>(span).count();
-    framesDrawn_ = 0;
+    const uint64_t drawn = engine_.framesDrawn();
+    rate_ = static_cast<double>(drawn - drawnBefore_) / std::chrono::duration<double>(span).count();
+    drawnBefore_ = drawn;
     rateStart_ = now;
     titleStale_ = true;
   }

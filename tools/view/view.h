@@ -30,13 +30,11 @@ class WindowEngine {
   WindowEngine& operator=(const WindowEngine&) = delete;
 
   void set(const LiveLook& look);
-  void show(uint8_t* nv21);  // leaves the frame unchanged
-  // Whether a frame was finished since the last call: the engine drops frames when it is busy.
-  bool drewAnother();
+  void show(uint8_t* nv21);      // leaves the frame unchanged
+  uint64_t framesDrawn() const;  // fewer than shown: the engine drops frames when it is busy
 
  private:
   _KRSuperResEngine* engine_ = nullptr;
-  double lastGpuMs_ = 0.0;  // of no two frames alike, to the nanosecond
 };
 
 // A clip plays by the steady clock and skips frames rather than lag; a device's frames are shown as they come. The last
@@ -87,8 +85,8 @@ class Viewer {
   Clock::time_point stillDue_;
 
   int64_t framesShown_ = 0;
-  int framesDrawn_ = 0;  // since rateStart_
-  double rate_ = 0.0;    // frames drawn per second
+  uint64_t drawnBefore_ = 0;  // frames drawn until rateStart_
+  double rate_ = 0.0;         // frames drawn per second
   Clock::time_point rateStart_;
   bool titleStale_ = true;
 };
