@@ -82,7 +82,7 @@ struct FrameReport {
 
 // Called on the GPU thread once for each pass of a frame, in the order in which they were drawn, before the frame is delivered.
 // pass: a literal. Nanoseconds come from the GPU's timer queries, or where the driver has none from the processor's clock with
-// the GPU drained before and after each pass.
+// the GPU drained before and after each pass; 0: not known.
 using PassObserver = void (*)(void* context, const char* pass, uint64_t nanoseconds);
 
 // What follows is called between frames, on the caller's thread.

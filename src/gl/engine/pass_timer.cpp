@@ -59,9 +59,10 @@ void PassTimer::report() {
   if (observer_ == nullptr) return;
   if (hasQueries_) {
     for (int i = 0; i < count_; ++i) {
-      GLuint elapsed = 0;  // a pass of more than four seconds wraps
+      GLuint elapsed = 0;
       glGetQueryObjectuiv(queries_[i], GL_QUERY_RESULT, &elapsed);
-      nanoseconds_[i] = elapsed;
+      // The value saturates, and the first query of a Mesa context comes back as that: not known.
+      nanoseconds_[i] = elapsed == UINT32_MAX ? 0 : elapsed;
     }
     GLint disjoint = 0;  // the clock changed meanwhile: the figures mean nothing, the names do
     glGetIntegerv(kGpuDisjoint, &disjoint);

@@ -9,6 +9,7 @@
 namespace noxel {
 
 // Called on the GPU thread once for each pass of a frame, in the order in which they were drawn, before the frame is delivered.
+// 0 nanoseconds: not known.
 using PassObserver = void (*)(void* context, const char* pass, uint64_t nanoseconds);
 
 // GPU timer queries where the driver has GL_EXT_disjoint_timer_query, else glFinish before and after each pass. Costs nothing
