@@ -321,7 +321,8 @@ void Session::inspect() {
   const FrameReport report = lastFrameReport(handle);
   FUZZ_CHECK(report.status >= -1 && report.status <= 1);
   FUZZ_CHECK(std::isfinite(report.gamma) && std::isfinite(report.gain) && report.zoom >= 1.0f && report.zoom <= 32.0f);
-  for (int i = 0; i < 9; ++i) FUZZ_CHECK(std::isfinite(report.motion[i]) && std::isfinite(report.stabilization[i]));
+  for (int i = 0; i < 9; ++i)
+    FUZZ_CHECK(std::isfinite(report.previousFromCurrent[i]) && std::isfinite(report.stabilizedFromCurrent[i]));
 
   const bool masks = engine != nullptr && (engine->mode == kModeEnhance || engine->mode == kModeNeutralExposure);
   FUZZ_CHECK(captureGhostMask(handle, kind % 2 == 0) == (masks ? 0 : 1));

@@ -76,8 +76,8 @@ struct FrameReport {
   bool startsSequence = false;  // its motion was not measured: it is what the next one is measured against
   int pointsTracked = 0;        // into this frame, 0 on the spatial path
   int pointsKept = 0;           // of them, what the motion was fitted to
-  float motion[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};         // current to previous frame
-  float stabilization[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};  // current frame to stabilised picture, before the zoom
+  float previousFromCurrent[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+  float stabilizedFromCurrent[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};  // before the zoom
 };
 
 // Called on the GPU thread once for each pass of a frame, in the order in which they were drawn, before the frame is delivered.

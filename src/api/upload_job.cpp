@@ -180,8 +180,9 @@ void fillReport(_KRSuperResEngine* engine, const Frame& frame) {
   report->startsSequence = measured && frame.startsSequence;
   report->pointsTracked = measured ? tracker->trackedCount : 0;
   report->pointsKept = measured ? tracker->matchedCount : 0;
-  std::memcpy(report->motion, frame.motion.frameMatrixA, sizeof(report->motion));
-  std::memcpy(report->stabilization, frame.motion.stabilizationTransform, sizeof(report->stabilization));
+  std::memcpy(report->previousFromCurrent, frame.motion.frameMatrixA, sizeof(report->previousFromCurrent));
+  std::memcpy(report->stabilizedFromCurrent, frame.motion.stabilizationTransform,
+              sizeof(report->stabilizedFromCurrent));
 }
 
 void process(_KRSuperResEngine* engine, Frame* frame) {

@@ -88,7 +88,7 @@ TEST(Motion, IsInFramePixelsAtEitherResolution) {
       const FrameReport report = lastFrameReport(engine.handle);
       EXPECT_EQ(report.status, 1);
       // A few hundredths of a pixel of the registration image; taken for frame pixels at half size, the step is 3.5 off.
-      EXPECT_LT(cornerError(report.motion, step, width, 96), 0.1) << width;
+      EXPECT_LT(cornerError(report.previousFromCurrent, step, width, 96), 0.1) << width;
     }
   }
 }

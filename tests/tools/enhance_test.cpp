@@ -55,8 +55,8 @@ class FakeEnhancer : public Enhancer {
     report.gpuMs = 21.0 + static_cast<double>(frame);
     report.pointsTracked = 700;
     report.pointsKept = 500;
-    report.motion[2] = 2.5f;
-    report.stabilization[3] = -0.25f;
+    report.previousFromCurrent[2] = 2.5f;
+    report.stabilizedFromCurrent[3] = -0.25f;
     return report;
   }
   Overlay overlay() const override {

@@ -63,8 +63,8 @@ TEST(OverlayTracks, HaveADotAtTheTargetAndATailToTheSource) {
 TEST(OverlayTracks, FollowStabilizationAndZoom) {
   Overlay overlay = oneTrack(1);
   overlay.report.zoom = 1.25f;
-  overlay.report.stabilization[2] = 4.0f;   // x
-  overlay.report.stabilization[5] = -2.0f;  // y
+  overlay.report.stabilizedFromCurrent[2] = 4.0f;   // x
+  overlay.report.stabilizedFromCurrent[5] = -2.0f;  // y
   Picture picture;
   drawOverlay(overlay, picture.data(), kWidth, kHeight);
   // (32.5 + 4 - 32) * 1.25 + 32 = 37.625 and (30.5 - 2 - 24) * 1.25 + 24 = 29.625; the source at 22.625.
@@ -123,7 +123,7 @@ TEST(OverlayOfTheEngine, TracksTheSceneAndMasksWhatChanged) {
     EXPECT_EQ(overlay.mask.empty(), frame == 0) << "a first frame is not blended";
   }
   ASSERT_EQ(overlay.report.status, 1);
-  EXPECT_NEAR(overlay.report.motion[2], -1.25, 0.5) << "current to previous";
+  EXPECT_NEAR(overlay.report.previousFromCurrent[2], -1.25, 0.5);
   EXPECT_GT(overlay.report.gpuMs, 0);
   EXPECT_GT(overlay.report.uploadMs, 0);
   EXPECT_GT(overlay.report.pointsKept, 0);

@@ -71,7 +71,7 @@ class Canvas {
 
 // Frame to output picture: stabilisation, then zoom about the centre.
 Point inPicture(const FrameReport& report, int width, int height, double frameX, double frameY) {
-  const float* s = report.stabilization;
+  const float* s = report.stabilizedFromCurrent;
   const double zoom = static_cast<double>(report.zoom);
   const double x = static_cast<double>(s[0]) * frameX + static_cast<double>(s[1]) * frameY + static_cast<double>(s[2]);
   const double y = static_cast<double>(s[3]) * frameX + static_cast<double>(s[4]) * frameY + static_cast<double>(s[5]);

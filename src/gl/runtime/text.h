@@ -36,7 +36,7 @@ class Text {
   Text& append(const char* text) { return append(text, std::strlen(text)); }
 
   Text& append(const char* text, size_t length) {
-    if (broken || !reserve(used + length + 1)) return *this;
+    if (length == 0 || broken || !reserve(used + length + 1)) return *this;
     std::memcpy(bytes + used, text, length);
     used += length;
     bytes[used] = '\0';
