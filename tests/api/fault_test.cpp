@@ -69,7 +69,7 @@ const std::map<std::string, std::string>& logWords() {
       {"glCreateProgram", "Could not create program"},
       {"glCheckFramebufferStatus", "is INCOMPLETE"},
       {"open", "Unable to open file"},
-      {"read", "Error reading program binary"},
+      {"read", "Error reading program"},
       {"eglQueryString", ""},  // for a person to read: nothing follows from it
       {"stat", ""},            // the directory is made then, which is there or not
   };

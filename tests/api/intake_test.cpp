@@ -260,7 +260,9 @@ TEST(Intake, AFrameOverWhichReleaseBeginsComesBackAndStartsNothing) {
     releaser.thread.join();
     engine.handle = nullptr;
     EXPECT_EQ(frame.bytes, given.bytes);
-    EXPECT_EQ(log.text(), "");
+    for (const LogLine& line : log.lines()) {
+      EXPECT_NE(line.message.find("the EGL display stays"), std::string::npos) << line.message;  // once a process
+    }
   }
 }
 

@@ -87,7 +87,8 @@ bool contains(const char* path, const char* text) {
   const bool comparable = fstat(file, &status) == 0 ? S_ISREG(status.st_mode) && size <= sizeof(found) &&
                                                           status.st_size == static_cast<off_t>(size)
                                                     : cacheCallFailed("fstat", path);
-  const bool read = comparable && (readFully(file, found, size) || cacheCallFailed("read", path));
+  const bool read = comparable && readFully(file, found, size);
+  if (comparable && !read) NOXEL_LOG_ERROR("Error reading program fingerprint:\n\t%s\n", path);
   if (::close(file) != 0) (void)cacheCallFailed("close", path);
   return read && std::memcmp(found, text, size) == 0;
 }
