@@ -83,7 +83,7 @@ TEST(Lifecycle, WithoutEglFramesComeBackAsTheyCameAndTheLogSaysSo) {
 }
 
 // What a frame becomes with the programs of this cache directory.
-Frame enhancedWith(const std::string& directory) {
+TestFrame enhancedWith(const std::string& directory) {
   platform::setProgramCacheDirectory(directory.c_str());
   TestFrame frame(32, 16, 60, 150, 100);
   {
@@ -97,7 +97,7 @@ Frame enhancedWith(const std::string& directory) {
 TEST(Lifecycle, ProgramsOfAnotherBuildAreCompiledAnew) {
   const LogCapture log;
   const TemporaryDirectory cache;
-  const Frame expected = enhancedWith(cache.path());
+  const TestFrame expected = enhancedWith(cache.path());
   EXPECT_FALSE(log.contains("Unable to open file")) << "an empty cache is no error";
   const std::vector<std::string> names = cache.names();
   if (names.size() < 2) {
