@@ -10,6 +10,7 @@
 
 #include "kernels/planes.h"
 #include "reference/passes.h"
+#include "support/reference_frame.h"
 #include "support/reference_picture.h"
 #include "support/test_engine.h"
 #include "support/waves.h"
@@ -57,10 +58,8 @@ View frameFromPicture(int n) {
   return n == 0 ? crop : composed(inverted(stabilizedFromCurrent(n)), crop);
 }
 
-// Pixels to texture coordinates.
-Matrix warpOf(const View& v) {
-  constexpr double kAspect = static_cast<double>(kWidth) / kHeight;
-  return {v[0], v[3] * kAspect, 0, 0, v[1] / kAspect, v[4], 0, 0, 0, 0, 1, 0, v[2] / kWidth, v[5] / kHeight, 0, 1};
+Matrix warpOf(const View& view) {
+  return noxel::warpOf(view, kSize);
 }
 
 void useScene(TestEngine* engine, const int* n) {
@@ -77,41 +76,14 @@ void useScene(TestEngine* engine, const int* n) {
   });
 }
 
-Image chromaOf(const TestFrame& frame) {
-  return Image::chroma(kWidth / 2, kHeight / 2, {frame.bytes.begin() + kWidth * kHeight, frame.bytes.end()});
-}
-
-Image converted(const TestFrame& frame, const Matrix& warp = reference::kIdentity) {
-  const std::vector<uint8_t> luma(frame.bytes.begin(), frame.bytes.begin() + kWidth * kHeight);
-  std::vector<uint8_t> rgba;
-  for (const uint8_t y : luma) rgba.insert(rgba.end(), {y, y, y, 255});
-  return bicubicYuvToRgb(Image(kWidth, kHeight, rgba), chromaOf(frame), warp, kSize);
-}
-
 Image sharp(const Image& picture, const Matrix& warp = reference::kIdentity) {
   return sharpenedWithContrast(picture, kSharpening, kCurveWidth, warp);
-}
-
-// The frame as the read-back packs it, four bytes a texel, luma above chroma.
-Picture packed(const std::vector<uint8_t>& nv21) {
-  Picture picture(kWidth / 4, kHeight * 3 / 2);
-  picture.rgba = nv21;
-  return picture;
-}
-std::vector<uint8_t> lumaOf(const Image& picture) {
-  return packedLumaOf(picture, {kWidth / 4, kHeight}).bytes();
-}
-Picture packed(const Image& picture) {
-  std::vector<uint8_t> bytes = lumaOf(picture);
-  const std::vector<uint8_t> chroma = packedChromaOf(picture, true, {kWidth / 4, kHeight / 2}).bytes();
-  bytes.insert(bytes.end(), chroma.begin(), chroma.end());
-  return packed(bytes);
 }
 
 // The last stored image is half a code off at most, 0.29 rms. The sharpening (2.4 times the centre, each neighbour 0.18 times)
 // and the curve (slope 1.14) make 0.8 rms of it, and 5 where all neighbours err against the centre.
 ::testing::AssertionResult matches(const TestFrame& actual, const Image& expected) {
-  return closeTo(packed(actual.bytes), packed(expected), 5, 0.98, 2);
+  return closeTo(packed(actual), packed(expected), 5, 0.98, 2);
 }
 
 TEST(Modes, ThreeFramesAreAveragedAlongTheirMotion) {
