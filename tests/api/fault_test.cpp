@@ -57,6 +57,7 @@ const std::map<std::string, std::string>& logWords() {
       {"calloc", "no memory"},
       {"realloc", "no memory"},
       {"new", "no memory"},
+      {"new[]", "no memory"},
       {"pthread_create", "could not start"},
       {"eglCreatePbufferSurface", "surface creation failed"},
       {"eglCreateWindowSurface", "surface creation failed"},

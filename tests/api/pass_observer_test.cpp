@@ -1,6 +1,7 @@
 // Who observes an engine's passes is told each of them and what it took.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <utility>
@@ -14,12 +15,14 @@ namespace {
 
 struct Observed {
   std::vector<std::string> passes;
-  uint64_t nanoseconds = 0;
+  uint64_t total = 0;  // nanoseconds, as the next
+  uint64_t longest = 0;
 
   static void note(void* self, const char* pass, uint64_t nanoseconds) {
     auto* observed = static_cast<Observed*>(self);
     observed->passes.push_back(pass);
-    observed->nanoseconds += nanoseconds;
+    observed->total += nanoseconds;
+    observed->longest = std::max(observed->longest, nanoseconds);
   }
 };
 
@@ -36,9 +39,9 @@ TEST(PassObserver, IsToldWhatEachPassTookUntilItIsSwitchedOff) {
   engine.process(&frame);
   const auto elapsed = std::chrono::steady_clock::now() - start;
   EXPECT_EQ(observed.passes.size(), 5u);
-  EXPECT_GT(observed.nanoseconds, 0u);
-  // One after the other, so that together they take no longer than the call that waited for them.
-  EXPECT_LT(observed.nanoseconds, static_cast<uint64_t>(std::chrono::nanoseconds(elapsed).count()));
+  EXPECT_GT(observed.total, 0u);
+  // The call waited for them all. Together they may take longer: a software driver draws two at once.
+  EXPECT_LT(observed.longest, static_cast<uint64_t>(std::chrono::nanoseconds(elapsed).count()));
 
   ASSERT_EQ(observePasses(engine.handle, nullptr, nullptr), 0);
   observed = {};
