@@ -43,24 +43,19 @@ PropertyGet hostPropertyGet() {
 TEST(Properties, ComeFromTheEnvironment) {
   const PropertyGet propertyGet = hostPropertyGet();
   ASSERT_NE(propertyGet, nullptr);
-  char value[kPropertyValueMax + 1];
-  {
-    const EnvironmentVariable set("PERSIST_CAMERA_RTSP_LOG", "12");
-    EXPECT_EQ(propertyGet("persist.camera.rtsp.log", value, "0"), 2);
-    EXPECT_STREQ(value, "12");
-  }
   const EnvironmentVariable unset("PERSIST_CAMERA_RTSP_LOG", nullptr);
+  char value[kPropertyValueMax + 1];
   EXPECT_EQ(propertyGet("persist.camera.rtsp.log", value, "none"), 4);
   EXPECT_STREQ(value, "none");
-}
+  const EnvironmentVariable set("PERSIST_CAMERA_RTSP_LOG", "12");
+  EXPECT_EQ(propertyGet("persist.camera.rtsp.log", value, "0"), 2);
+  EXPECT_STREQ(value, "12");
 
-TEST(Properties, ALongValueIsCutToTheBuffer) {
-  const std::string text(200, 'x');
-  const EnvironmentVariable set("PERSIST_CAMERA_RTSP_LOG", text.c_str());
-  char value[kPropertyValueMax + 1];
+  const std::string tooLong(200, 'x');
+  const EnvironmentVariable cut("PERSIST_CAMERA_RTSP_LOG", tooLong.c_str());
   std::memset(value, '#', sizeof(value));
-  hostPropertyGet()("persist.camera.rtsp.log", value, "0");
-  EXPECT_EQ(value, text.substr(0, kPropertyValueMax - 1));
+  propertyGet("persist.camera.rtsp.log", value, "0");
+  EXPECT_EQ(value, tooLong.substr(0, kPropertyValueMax - 1));
   EXPECT_EQ(value[kPropertyValueMax], '#');
 }
 
@@ -120,27 +115,19 @@ TEST(LogDeathTest, TheEnvironmentSetsTheLevelOfStandardError) {
       ::testing::ExitedWithCode(0), "^E/Korvane: loud\nE/Korvane: with its own end\n$");
 }
 
-class CacheDirectory : public ::testing::Test {
- protected:
-  void TearDown() override { setProgramCacheDirectory(nullptr); }
-};
-
-TEST_F(CacheDirectory, IsCopiedAndRestored) {
+TEST(CacheDirectory, IsCopiedWhenItFitsAndRestored) {
   char directory[] = "cache/";
   ASSERT_TRUE(setProgramCacheDirectory(directory));
   directory[0] = 'X';
   EXPECT_STREQ(programCacheDirectory(), "cache/");
   ASSERT_TRUE(setProgramCacheDirectory(""));
   EXPECT_STREQ(programCacheDirectory(), "");
-  ASSERT_TRUE(setProgramCacheDirectory(nullptr));
-  EXPECT_STREQ(programCacheDirectory(), "/data/lshaders/");
-}
-
-TEST_F(CacheDirectory, ATextTooLongIsRefused) {
   const std::string longest(kCacheDirectoryMax - 1, 'd');
   ASSERT_TRUE(setProgramCacheDirectory(longest.c_str()));
   EXPECT_FALSE(setProgramCacheDirectory((longest + 'e').c_str()));
   EXPECT_EQ(programCacheDirectory(), longest);
+  ASSERT_TRUE(setProgramCacheDirectory(nullptr));
+  EXPECT_STREQ(programCacheDirectory(), "/data/lshaders/");
 }
 
 TEST(FrameClock, IsTheTimeOfDay) {
@@ -153,9 +140,7 @@ TEST(FrameClock, IsTheTimeOfDay) {
 }
 
 TEST(EglDisplay, FollowsTheDisplayServerThatTheEnvironmentNames) {
-  const EnvironmentVariable noDisplay("DISPLAY", nullptr);
-  const EnvironmentVariable noWayland("WAYLAND_DISPLAY", nullptr);
-  const EnvironmentVariable noPlatform("EGL_PLATFORM", nullptr);
+  const EnvironmentVariable unset[] = {{"DISPLAY", nullptr}, {"WAYLAND_DISPLAY", nullptr}, {"EGL_PLATFORM", nullptr}};
   const std::string withoutServer = engineDisplayName();
   EXPECT_TRUE(withoutServer == "surfaceless" || withoutServer == "default") << withoutServer;
   const EnvironmentVariable empty("DISPLAY", "");

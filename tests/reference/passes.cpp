@@ -5,56 +5,39 @@
 
 namespace noxel::reference {
 
-Colour operator+(Colour x, Colour y) {
-  return {x.r + y.r, x.g + y.g, x.b + y.b, x.a + y.a};
-}
-
-Colour operator-(Colour x, Colour y) {
-  return {x.r - y.r, x.g - y.g, x.b - y.b, x.a - y.a};
-}
-
-Colour operator*(Colour x, Colour y) {
-  return {x.r * y.r, x.g * y.g, x.b * y.b, x.a * y.a};
-}
-
-Colour operator*(Colour x, double factor) {
-  return {x.r * factor, x.g * factor, x.b * factor, x.a * factor};
-}
-
-Colour each(Colour x, const std::function<double(double)>& function) {
-  return {function(x.r), function(x.g), function(x.b), function(x.a)};
-}
+namespace {
 
 Colour mix(Colour x, Colour y, double share) {
   return x * (1 - share) + y * share;
 }
+
+template <typename Function>
+Colour each(Colour x, const Function& function) {
+  return {function(x.r), function(x.g), function(x.b), function(x.a)};
+}
+
+}  // namespace
 
 Image::Image(int imageWidth, int imageHeight, Filter imageFilter)
     : width(imageWidth), height(imageHeight), filter(imageFilter), texels(static_cast<size_t>(width * height)) {}
 
 Image::Image(int imageWidth, int imageHeight, const std::vector<uint8_t>& rgba, Filter imageFilter)
     : Image(imageWidth, imageHeight, imageFilter) {
-  for (size_t i = 0; i < texels.size(); ++i) {
+  for (size_t i = 0; i < texels.size(); ++i)
     texels[i] = {rgba[4 * i] / 255.0, rgba[4 * i + 1] / 255.0, rgba[4 * i + 2] / 255.0, rgba[4 * i + 3] / 255.0};
-  }
 }
 
 Image Image::luminance(int width, int height, const std::vector<uint8_t>& bytes) {
-  Image image(width, height);
-  for (size_t i = 0; i < image.texels.size(); ++i) {
-    const double value = bytes[i] / 255.0;
-    image.texels[i] = {value, value, value, 1};
-  }
-  return image;
+  std::vector<uint8_t> rgba;
+  for (const uint8_t value : bytes) rgba.insert(rgba.end(), {value, value, value, 255});
+  return {width, height, rgba};
 }
 
 Image Image::chroma(int width, int height, const std::vector<uint8_t>& vuPairs) {
-  Image image(width, height);
-  for (size_t i = 0; i < image.texels.size(); ++i) {
-    const double value = vuPairs[2 * i] / 255.0;
-    image.texels[i] = {value, value, value, vuPairs[2 * i + 1] / 255.0};
-  }
-  return image;
+  std::vector<uint8_t> rgba;
+  for (size_t i = 0; i < vuPairs.size(); i += 2)
+    rgba.insert(rgba.end(), {vuPairs[i], vuPairs[i], vuPairs[i], vuPairs[i + 1]});
+  return {width, height, rgba};
 }
 
 void Image::store(int x, int y, Colour colour) {
@@ -70,10 +53,8 @@ Colour Image::sample(double u, double v) const {
   if (filter == Filter::kNearest) {
     return texel(static_cast<int>(std::floor(u * width)), static_cast<int>(std::floor(v * height)));
   }
-  const double x = u * width - 0.5;
-  const double y = v * height - 0.5;
-  const int left = static_cast<int>(std::floor(x));
-  const int top = static_cast<int>(std::floor(y));
+  const double x = u * width - 0.5, y = v * height - 0.5;
+  const int left = static_cast<int>(std::floor(x)), top = static_cast<int>(std::floor(y));
   return mix(mix(texel(left, top), texel(left + 1, top), x - left),
              mix(texel(left, top + 1), texel(left + 1, top + 1), x - left), y - top);
 }
@@ -90,19 +71,18 @@ namespace {
 
 // Evaluates colour(point) at the centre of every pixel.
 template <typename Shade>
-Image render(Size size, Filter filter, const Shade& shade) {
+Image render(Size size, const Shade& shade, Filter filter = Filter::kBilinear) {
   Image image(size.width, size.height, filter);
   for (int y = 0; y < size.height; ++y) {
-    for (int x = 0; x < size.width; ++x) {
+    for (int x = 0; x < size.width; ++x)
       image.store(x, y, shade(Point{(x + 0.5) / size.width, (y + 0.5) / size.height}));
-    }
   }
   return image;
 }
 
 template <typename Shade>
-Image render(Size size, const Shade& shade) {
-  return render(size, Filter::kBilinear, shade);
+Image renderPacked(Size size, const Shade& shade) {
+  return render(size, shade, Filter::kNearest);
 }
 
 // The quad has depth 0, half-way through the depth range: the third coordinate is 0.5.
@@ -129,8 +109,7 @@ Colour grey(double value) {
 
 // Full-range BT.601.
 Colour rgbOf(double y, Colour chroma) {
-  const double v = chroma.r - 0.5;
-  const double u = chroma.a - 0.5;
+  const double v = chroma.r - 0.5, u = chroma.a - 0.5;
   return {y + 1.402 * v, y - 0.34414 * u - 0.71414 * v, y + 1.772 * u, 1};
 }
 
@@ -152,14 +131,9 @@ Colour applyTone(Colour colour, Tone tone) {
   return result;
 }
 
-Colour clampedTone(Colour colour, double gamma) {
-  return opaque(each(colour, [gamma](double x) { return std::pow(std::clamp(x, 0.0, 1.0), gamma); }));
-}
-
 // A luma sample by its column: sample k of a row is channel k mod 4 of texel k / 4.
 double unpacked(const Image& packedLuma, Point p, int lumaWidth) {
-  const int column = static_cast<int>(p.u * lumaWidth);
-  return sampleAt(packedLuma, p)[column % 4];
+  return sampleAt(packedLuma, p)[static_cast<int>(p.u * lumaWidth) % 4];
 }
 
 // Uniform cubic B-spline, with its sixths written to three digits.
@@ -171,18 +145,13 @@ std::array<double, 4> splineWeights(double f) {
 }
 
 double cubicLuma(const Image& luma, Point p) {
-  const double x = p.u * luma.width - 0.5;
-  const double y = p.v * luma.height - 0.5;
-  const int left = static_cast<int>(std::floor(x));
-  const int top = static_cast<int>(std::floor(y));
-  const auto across = splineWeights(x - left);
-  const auto down = splineWeights(y - top);
+  const double x = p.u * luma.width - 0.5, y = p.v * luma.height - 0.5;
+  const int left = static_cast<int>(std::floor(x)), top = static_cast<int>(std::floor(y));
+  const auto across = splineWeights(x - left), down = splineWeights(y - top);
   double sum = 0;
-  for (int row = 0; row < 4; ++row) {
-    for (int column = 0; column < 4; ++column) {
-      sum += across[static_cast<size_t>(column)] * down[static_cast<size_t>(row)] *
-             luma.texel(left - 1 + column, top - 1 + row).r;
-    }
+  for (size_t i = 0; i < 16; ++i) {
+    const int column = static_cast<int>(i % 4), row = static_cast<int>(i / 4);
+    sum += across[i % 4] * down[i / 4] * luma.texel(left - 1 + column, top - 1 + row).r;
   }
   return sum;
 }
@@ -334,7 +303,7 @@ struct RangeMean {
 
 // Neighbours are one texel away in x and four rows in y; the centre lies a quarter of a row below the pixel's.
 Image bilateralSmooth(const Image& packedLuma, double factor, Size size) {
-  return render(size, Filter::kNearest, [&](Point p) {
+  return renderPacked(size, [&](Point p) {
     const Colour centre = sampleBeside(packedLuma, p, 0, 0.25);
     RangeMean range = {centre, factor, {0.8333, 0.6, 0.3, 0.5}, centre};
     const int taps[7][2] = {{0, -1}, {1, -1}, {-1, 0}, {0, 0}, {1, 0}, {-1, 1}, {0, 1}};
@@ -345,7 +314,7 @@ Image bilateralSmooth(const Image& packedLuma, double factor, Size size) {
 
 Image bilateralRefine(const Image& smoothed, const Image& packedLuma, double factor, double blend, double gamma,
                       Size size) {
-  return render(size, Filter::kNearest, [&](Point p) {
+  return renderPacked(size, [&](Point p) {
     const Colour centre = sampleAt(packedLuma, p);
     RangeMean range = {centre, factor, {0.6667, 1.125, 0.375, 0.25}, centre};
     range.add(sampleAt(smoothed, p), 2);
@@ -360,28 +329,18 @@ Image bilateralRefine(const Image& smoothed, const Image& packedLuma, double fac
 }
 
 Image packedLumaOf(const Image& picture, Size size) {
-  return render(size, Filter::kNearest, [&](Point p) {
+  return renderPacked(size, [&](Point p) {
     const auto luma = [&](double pixels) { return lumaOf(picture.sample(p.u + pixels * 0.25 / size.width, p.v)); };
     return Colour{luma(-1.5), luma(-0.5), luma(0.5), luma(1.5)};
   });
 }
 
 Image packedChromaOf(const Image& picture, bool vFirst, Size size) {
-  return render(size, Filter::kNearest, [&](Point p) {
+  return renderPacked(size, [&](Point p) {
     const Colour first = sampleAt(picture, p);
     const Colour second = picture.sample(p.u + 0.25 / size.width, p.v);
     return vFirst ? Colour{vOf(first), uOf(first), vOf(second), uOf(second)}
                   : Colour{uOf(first), vOf(first), uOf(second), vOf(second)};
-  });
-}
-
-Image yuvToRgbClamped(const Image& luma, const Image& chroma, double gamma, Size size) {
-  return render(size, [&](Point p) { return clampedTone(rgbOf(sampleAt(luma, p).r, sampleAt(chroma, p)), gamma); });
-}
-
-Image packedYuvToRgbClamped(const Image& packedLuma, const Image& chroma, double gamma, int lumaWidth, Size size) {
-  return render(size, [&](Point p) {
-    return clampedTone(rgbOf(unpacked(packedLuma, p, lumaWidth), sampleAt(chroma, p)), gamma);
   });
 }
 

@@ -7,7 +7,6 @@
 
 #include <array>
 #include <cstdint>
-#include <functional>
 #include <vector>
 
 namespace noxel::reference {
@@ -16,13 +15,11 @@ struct Colour {
   double r = 0, g = 0, b = 0, a = 1;
 
   double operator[](int channel) const { return channel == 0 ? r : channel == 1 ? g : channel == 2 ? b : a; }
+  friend Colour operator+(Colour x, Colour y) { return {x.r + y.r, x.g + y.g, x.b + y.b, x.a + y.a}; }
+  friend Colour operator-(Colour x, Colour y) { return {x.r - y.r, x.g - y.g, x.b - y.b, x.a - y.a}; }
+  friend Colour operator*(Colour x, Colour y) { return {x.r * y.r, x.g * y.g, x.b * y.b, x.a * y.a}; }
+  friend Colour operator*(Colour x, double factor) { return x * Colour{factor, factor, factor, factor}; }
 };
-Colour operator+(Colour x, Colour y);
-Colour operator-(Colour x, Colour y);
-Colour operator*(Colour x, Colour y);
-Colour operator*(Colour x, double factor);
-Colour each(Colour x, const std::function<double(double)>& function);
-Colour mix(Colour x, Colour y, double share);
 
 enum class Filter { kNearest, kBilinear };
 
@@ -40,8 +37,7 @@ class Image {
   Colour sample(double u, double v) const;
   std::vector<uint8_t> bytes() const;
 
-  int width;
-  int height;
+  int width, height;
   Filter filter;
 
  private:
@@ -52,17 +48,14 @@ using Matrix = std::array<double, 16>;  // column-major
 inline constexpr Matrix kIdentity = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
 
 struct Size {
-  int width;
-  int height;
+  int width, height;
 };
 struct Point {
-  double u;
-  double v;
+  double u, v;
 };
 
 struct Tone {
-  double exponent = 1;
-  double gain = 1;
+  double exponent = 1, gain = 1;
 };
 
 // kr_w15, kr_w8, kr_w14, kr_w17 and kr_w18 (which agree).
@@ -100,9 +93,14 @@ Image bilateralRefine(const Image& smoothed, const Image& packedLuma, double fac
 Image packedLumaOf(const Image& picture, Size size);
 Image packedChromaOf(const Image& picture, bool vFirst, Size size);
 
-// kr_convr1; kr_convr2 and kr_convr3.
-Image yuvToRgbClamped(const Image& luma, const Image& chroma, double gamma, Size size);
-Image packedYuvToRgbClamped(const Image& packedLuma, const Image& chroma, double gamma, int lumaWidth, Size size);
+// kr_convr1; kr_convr2 and kr_convr3. They clamp to 0..1 before the exponent: the same as clamping its result.
+inline Image yuvToRgbClamped(const Image& luma, const Image& chroma, double gamma, Size size) {
+  return yuvToRgb(luma, chroma, kIdentity, {gamma, 1}, size);
+}
+inline Image packedYuvToRgbClamped(const Image& packedLuma, const Image& chroma, double gamma, int lumaWidth,
+                                   Size size) {
+  return packedYuvToRgb(packedLuma, chroma, {gamma, 1}, lumaWidth, size);
+}
 
 // kr_w12, and kr_w11 with a curve of the given width; steps of one texel.
 Image sharpened(const Image& picture, double strength, const Matrix& warp = kIdentity);

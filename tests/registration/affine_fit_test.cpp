@@ -5,6 +5,7 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <tuple>
 
 #include "math/inverse.h"
 #include "registration/point_pairs.h"
@@ -27,9 +28,9 @@ void inBothPrecisions(const Test& test) {
 
 // estimateMotion about the centre of a 320 x 180 image: on the tracker's arrays, or on matches.
 struct Estimate {
-  Estimate(const Pairs& pairs, int r, bool matches = false, float noiseScale = 1.0f) {
+  Estimate(const Pairs& pairs, int r, bool matches = false, int noiseScale = 1) {
     const auto registration = registrationOf(pairs);
-    registration->noiseScale = noiseScale;
+    registration->noiseScale = static_cast<float>(noiseScale);
     const int count = static_cast<int>(pairs.size());
     error = matches ? estimateMotion(pairs.data(), count, motion, inverseMotion, 160, 90, r, similarity)
                     : estimateMotion(*registration, motion, inverseMotion, 160, 90, r, similarity);
@@ -80,57 +81,44 @@ TEST(Inverse, OfASingularMatrixIsTheIdentity) {
 TEST(AffineFit, IsTheLeastSquaresSolution) {
   const Pairs pairs = scattered(kHandHeld, 1000, 1920, 1080, 2.0, 1);
   const View expected = leastSquares(pairs);
+  // A pair of weight n counts n times.
+  const Pairs few = scattered(kHandHeld, 60, 320, 180, 2.0, 2);
+  Pairs repeated;
+  std::vector<float> weights;
+  for (const _KRMatch& pair : few) {
+    weights.push_back(static_cast<float>(weights.size() % 4));
+    repeated.insert(repeated.end(), static_cast<size_t>(weights.back()), pair);
+  }
   inBothPrecisions([&](auto fitted) {
     ASSERT_TRUE(fitAffine(listed(pairs), &fitted));
     // Single-precision sums of a thousand products lose some 1e-6 of coordinates up to 2000. The noise moves the
     // corners ten times as far.
     EXPECT_LT(cornerError(fitted.values, expected, 1920, 1080), 0.02);
     EXPECT_GT(cornerError(fitted.values, kHandHeld, 1920, 1080), 0.1);
-  });
-}
-
-TEST(AffineFit, AWeightCountsAPairThatOften) {
-  const Pairs pairs = scattered(kHandHeld, 60, 320, 180, 2.0, 2);
-  Pairs repeated;
-  std::vector<float> weights;
-  for (const _KRMatch& pair : pairs) {
-    weights.push_back(static_cast<float>(weights.size() % 4));
-    repeated.insert(repeated.end(), static_cast<size_t>(weights.back()), pair);
-  }
-  const View expected = leastSquares(repeated);
-  inBothPrecisions([&](auto fitted) {
-    ASSERT_TRUE(fitAffineWeighted(listed(pairs), &fitted, weights.data()));
-    EXPECT_LT(cornerError(fitted.values, expected, 320, 180), 0.001);  // single-precision sums
+    ASSERT_TRUE(fitAffineWeighted(listed(few), &fitted, weights.data()));
+    EXPECT_LT(cornerError(fitted.values, leastSquares(repeated), 320, 180), 0.001);  // single-precision sums
   });
 }
 
 TEST(AffineFit, ResidualsAreDistancesToTheTargets) {
-  const Pairs pairs = scattered(kHandHeld, 10, 320, 180, 5.0, 3);
-  inBothPrecisions([&](const auto& zero) {
-    auto m = zero;
-    for (int i = 0; i < 6; ++i)
-      m.values[i] = static_cast<std::decay_t<decltype(m(0, 0))>>(kHandHeld[static_cast<size_t>(i)]);
-    float residuals[10];
+  const Pairs pairs = {moved(kHandHeld, 10, 170, 3, -4), moved(kHandHeld, 310, 20, 5, 12)};
+  inBothPrecisions([&](auto m) {
+    std::copy_n(kHandHeld.begin(), 6, m.values);
+    float residuals[2];
     affineResiduals(listed(pairs), m, residuals);
-    for (size_t i = 0; i < pairs.size(); ++i) {
-      const _KRMatch there = moved(kHandHeld, pairs[i].sourceX, pairs[i].sourceY);
-      // Single precision of coordinates up to 320.
-      EXPECT_NEAR(residuals[i], std::hypot(there.targetX - pairs[i].targetX, there.targetY - pairs[i].targetY), 1e-4);
-    }
+    EXPECT_NEAR(residuals[0], 5, 1e-4);  // single precision of coordinates up to 320
+    EXPECT_NEAR(residuals[1], 13, 1e-4);
   });
 }
 
 TEST(Region, IsADiamondOfTruncatedDistances) {
+  const auto inside = [](double x, double y) {
+    return PointPairs(listed({moved(kHandHeld, x, y)}), 100, 50, 19).size() == 1;
+  };
   // Truncated before they are added: 9.9 and 9.9 count as 18, 10 and 9 as 19.
-  const struct {
-    double x, y;
-    bool inside;
-  } kPlaces[] = {{109.9, 59.9, true}, {90.1, 40.1, true}, {110, 58.9, true}, {110, 59, false}, {90, 41, false},
-                 {81.01, 50, true},   {81, 50, false},    {100, 68.9, true}, {100, 69, false}, {100, 50, true}};
-  for (const auto& place : kPlaces) {
-    const PointPairs inside(listed({moved(kHandHeld, place.x, place.y)}), 100, 50, 19);
-    EXPECT_EQ(inside.size(), place.inside ? 1 : 0) << place.x << ", " << place.y;
-  }
+  EXPECT_TRUE(inside(109.9, 59.9) && inside(90.1, 40.1) && inside(110, 58.9));
+  EXPECT_TRUE(inside(81.01, 50) && inside(100, 68.9) && inside(100, 50));
+  EXPECT_FALSE(inside(110, 59) || inside(90, 41) || inside(81, 50) || inside(100, 69));
   EXPECT_EQ(PointPairs(listed({moved(kStill, 3e9, std::nan(""))}), 0, 0, kEverywhere).size(), 1);
 }
 
@@ -149,11 +137,9 @@ TEST(Region, LimitsEveryOperationToItsPairs) {
   inBothPrecisions([&](auto m) {
     auto expected = m;
     const auto same = [&] { return std::equal(m.values, m.values + 6, expected.values); };
-    EXPECT_TRUE(fitAffine(listed(all), &m, 60, 90, 70) && fitAffine(inside, &expected));
-    EXPECT_TRUE(same());
+    EXPECT_TRUE(fitAffine(listed(all), &m, 60, 90, 70) && fitAffine(inside, &expected) && same());
     EXPECT_TRUE(fitAffineWeighted(listed(all), &m, weights.data(), 60, 90, 70) &&
-                fitAffineWeighted(inside, &expected, weights.data()));
-    EXPECT_TRUE(same());
+                fitAffineWeighted(inside, &expected, weights.data()) && same());
 
     std::vector<float> residuals(all.size()), expectedResiduals(all.size());
     int count = 0;
@@ -165,9 +151,8 @@ TEST(Region, LimitsEveryOperationToItsPairs) {
 
     float similarity[4], expectedSimilarity[4];
     EXPECT_TRUE(refineAffine(listed(all), &m, 60, 90, 70, similarity));
-    EXPECT_TRUE(refineAffine(inside, &expected, expectedSimilarity));
-    EXPECT_TRUE(same());
-    EXPECT_TRUE(std::equal(similarity, similarity + 4, expectedSimilarity));
+    EXPECT_TRUE(refineAffine(inside, &expected, expectedSimilarity) && same());
+    EXPECT_EQ(std::to_array(similarity), std::to_array(expectedSimilarity));
   });
 }
 
@@ -187,8 +172,7 @@ TEST(AffineFit, PairsThatDetermineNothingGiveTheIdentity) {
     for (const bool matches : {false, true}) {
       const Estimate estimate(pairs, 80, matches);
       EXPECT_EQ(estimate.error, -1.0f);
-      EXPECT_TRUE(isIdentity(estimate.motion));
-      EXPECT_TRUE(isIdentity(estimate.inverseMotion));
+      EXPECT_TRUE(isIdentity(estimate.motion) && isIdentity(estimate.inverseMotion));
     }
   }
 }
@@ -233,16 +217,10 @@ TEST(AffineFit, FindsASimilarity) {
     // A hundred outliers of 30 pixels at a weight of 1e-4 are worth 0.001 pixels at each end of the image.
     const double expected[4] = {tx, ty, a, b};
     for (int i = 0; i < 4; ++i) EXPECT_NEAR(similarity[i], expected[i], i < 2 ? 0.005 : 2e-5) << i;
+    // Pairs in one place have a translation.
+    refineAffine(listed(Pairs(8, moved({1, 0, 7, 0, 1, -2}, 50, 60))), &m, similarity);
+    EXPECT_EQ(std::to_array(similarity), (std::array{7.0f, -2.0f, 0.0f, 0.0f}));
   });
-}
-
-TEST(AffineFit, PairsInOnePlaceHaveATranslation) {
-  AffineMatrix m;
-  setIdentity(&m);
-  float similarity[4];
-  refineAffine(listed(Pairs(8, moved({1, 0, 7, 0, 1, -2}, 50, 60))), &m, similarity);
-  EXPECT_EQ((std::array{similarity[0], similarity[1], similarity[2], similarity[3]}),
-            (std::array{7.0f, -2.0f, 0.0f, 0.0f}));
 }
 
 TEST(MotionEstimation, ThirtyOnePairsMayBeFittedLocally) {
@@ -257,14 +235,6 @@ TEST(MotionEstimation, ThirtyOnePairsMayBeFittedLocally) {
       EXPECT_EQ(estimate.off(kHandHeld) >= 0.1, count == 30);
     }
   }
-}
-
-TEST(MotionEstimation, TheTwoMatricesAreInverses) {
-  const Estimate estimate(scattered(kHandHeld, 100, 320, 180, 0.0, 4), 80);
-  View back, forth;
-  std::copy_n(estimate.motion, 6, back.begin());
-  std::copy_n(estimate.inverseMotion, 6, forth.begin());
-  EXPECT_LT(cornerError(composed(back, forth).data(), kStill, 320, 180), 1e-4);  // single precision at 320
 }
 
 TEST(MotionEstimation, AFitOfThirtyPairsIsJudgedEverywhere) {
@@ -318,19 +288,13 @@ TEST(MotionEstimation, ALocalFitIsJudgedWhereItMatters) {
 }
 
 TEST(MotionEstimation, APoorFitIsReportedAndAHopelessOneIsNotUsed) {
-  struct Case {
-    double deviation;
-    float noiseScale;
-    bool reported;
-    bool used;
-  };
   // The median distance of normal errors is 1.18 deviations.
-  for (const Case each :
-       {Case{3, 1, true, true}, Case{8, 1, false, true}, Case{8, 2, true, true}, Case{70, 20, false, false}}) {
-    SCOPED_TRACE(each.deviation);
-    const Estimate estimate(scattered(kHandHeld, 400, 320, 180, each.deviation, 6), 80, false, each.noiseScale);
-    EXPECT_EQ(estimate.error > 0.0f, each.reported) << estimate.error;
-    EXPECT_EQ(estimate.off(kStill) > 0, each.used);
+  for (const auto& [deviation, noiseScale, reported, used] :
+       {std::tuple{3, 1, true, true}, {8, 1, false, true}, {8, 2, true, true}, {70, 20, false, false}}) {
+    SCOPED_TRACE(deviation);
+    const Estimate estimate(scattered(kHandHeld, 400, 320, 180, deviation, 6), 80, false, noiseScale);
+    EXPECT_EQ(estimate.error > 0.0f, reported) << estimate.error;
+    EXPECT_EQ(estimate.off(kStill) > 0, used);
   }
 }
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "platform/log.h"
@@ -15,90 +16,56 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-constexpr float kShare = 0.9999f;  // of the samples, at or below the brightest level
 constexpr int kUntouched = -7;
 
 struct Statistics {
-  int mean = kUntouched;
-  int maxLevel = kUntouched;
-  int minLevel = kUntouched;
+  int mean = kUntouched, maxLevel = kUntouched, minLevel = kUntouched;
+  bool operator==(const Statistics&) const = default;
 };
 
-LumaImage oneRow(const Bytes& pixels) {
-  return {static_cast<int>(pixels.size()), 1, pixels.data()};
-}
-
-Statistics statisticsOf(const LumaImage& image, float share = kShare) {
+Statistics statisticsOf(const LumaImage& image, float share = 0.9999f) {
   Statistics result;
   lumaStatistics(image, &result.mean, &result.maxLevel, &result.minLevel, share);
   return result;
 }
 
-// Pixels whose samples are exactly `levels`; all others alternate between white and black.
-Bytes pixelsWithSamples(const Bytes& levels) {
+// Of a row whose samples are exactly `levels`; all other pixels alternate between white and black.
+Statistics statisticsOfSamples(const Bytes& levels, float share = 0.9999f) {
   Bytes pixels(levels.size() * 16);
   for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = i % 2 == 0 ? 255 : 0;
   for (size_t i = 0; i < levels.size(); ++i) pixels[i / 2 * 32 + i % 2] = levels[i];
-  return pixels;
+  return statisticsOf({static_cast<int>(pixels.size()), 1, pixels.data()}, share);
 }
 
 TEST(LumaStatistics, APixelWithoutNeighbourCountsTwice) {
-  // The byte behind the picture is not part of it.
-  const Bytes one = {77, 255};
-  const Statistics single = statisticsOf({1, 1, one.data()});
-  EXPECT_EQ(single.mean, 77);
-  EXPECT_EQ(single.maxLevel, 77);
-  EXPECT_EQ(single.minLevel, 77);
-
-  Bytes pixels(34, 255);
+  Bytes pixels(34, 255);  // the byte behind the picture is not part of it
   pixels[0] = 10;
   pixels[1] = 20;
   pixels[32] = 100;
-  const Statistics actual = statisticsOf({11, 3, pixels.data()});
-  EXPECT_EQ(actual.mean, 57);  // (10 + 20 + 100 + 100) / 4
-  EXPECT_EQ(actual.maxLevel, 100);
+  EXPECT_EQ(statisticsOf({11, 3, pixels.data()}), (Statistics{57, 100, 10}));  // (10 + 20 + 100 + 100) / 4
+  EXPECT_EQ(statisticsOf({1, 1, pixels.data() + 32}), (Statistics{100, 100, 100}));
 }
 
 TEST(LumaStatistics, EmptyAndBlackPicturesKeepTheBrightestLevel) {
-  const Statistics empty = statisticsOf({0, 5, nullptr});
-  EXPECT_EQ(empty.mean, 0);
-  EXPECT_EQ(empty.maxLevel, kUntouched);
-  EXPECT_EQ(empty.minLevel, 255);
-
-  const Bytes black(640, 0);
-  const Statistics dark = statisticsOf(oneRow(black));
-  EXPECT_EQ(dark.mean, 0);
-  EXPECT_EQ(dark.maxLevel, kUntouched);
-  EXPECT_EQ(dark.minLevel, 0);
+  EXPECT_EQ(statisticsOf({0, 5, nullptr}), (Statistics{0, kUntouched, 255}));
+  EXPECT_EQ(statisticsOfSamples(Bytes(40, 0)), (Statistics{0, kUntouched, 0}));
 }
 
-TEST(LumaStatistics, SharesMetExactly) {
+TEST(LumaStatistics, IgnoreASmallShareOfOutliers) {
   // Half of four samples is two: the two darkest suffice for maxLevel, minLevel needs more than two.
-  const Statistics half = statisticsOf(oneRow(pixelsWithSamples({40, 10, 30, 20})), 0.5f);
-  EXPECT_EQ(half.maxLevel, 20);
-  EXPECT_EQ(half.minLevel, 30);
-}
-
-TEST(LumaStatistics, IgnoresTwoOutliersInTwentyThousand) {
+  EXPECT_EQ(statisticsOfSamples({40, 10, 30, 20}, 0.5f), (Statistics{25, 20, 30}));
   Bytes levels(20000, 100);
   levels[5] = levels[6000] = 255;
   levels[7] = levels[19999] = 3;
-  Statistics actual = statisticsOf(oneRow(pixelsWithSamples(levels)));
-  EXPECT_EQ(actual.maxLevel, 100);
-  EXPECT_EQ(actual.minLevel, 100);
+  EXPECT_EQ(statisticsOfSamples(levels), (Statistics{100, 100, 100}));
   levels[11] = 250;
   levels[12] = 4;
-  actual = statisticsOf(oneRow(pixelsWithSamples(levels)));
-  EXPECT_EQ(actual.maxLevel, 250);
-  EXPECT_EQ(actual.minLevel, 4);
+  EXPECT_EQ(statisticsOfSamples(levels), (Statistics{100, 250, 4}));
 }
 
 // The exposure's formulas in double precision.
 struct Twin {
-  double smoothedGamma = 1.0;
-  double smoothedGain = 1.0;
-  double lastGamma = 1.0;
-  double maxLevel = 0.0;
+  double smoothedGamma = 1.0, smoothedGain = 1.0, lastGamma = 1.0, maxLevel = 0.0;
 
   void update(const Bytes& pixels, int mode, int strength) {
     Bytes samples;
@@ -127,39 +94,27 @@ struct Twin {
 // Noise between two levels, more of it near the lower.
 Bytes picture(int minLevel, int maxLevel, unsigned seed) {
   std::mt19937 random(seed);
-  Bytes pixels(64 * 48, static_cast<uint8_t>(maxLevel));
-  const auto range = static_cast<unsigned>(maxLevel - minLevel);
-  for (uint8_t& pixel : pixels) {
-    if (range == 0) break;
-    const auto above = static_cast<unsigned>(random() % (range + 1));
-    pixel = static_cast<uint8_t>(static_cast<unsigned>(minLevel) + above * above / range);
-  }
+  std::uniform_real_distribution<double> share(0, 1);
+  Bytes pixels(64 * 48);
+  for (uint8_t& pixel : pixels)
+    pixel = static_cast<uint8_t>(std::lround(minLevel + (maxLevel - minLevel) * std::pow(share(random), 2)));
   return pixels;
 }
 
 TEST(Exposure, FollowsItsFormulas) {
   // Dark, black (no brightest level), flat (gamma undefined), nearly black, and bright with a mean above half of the
   // brightest level (gamma would exceed 1).
-  struct Step {
-    int minLevel;
-    int maxLevel;
-  };
-  constexpr Step kSteps[12] = {{0, 0}, {0, 40}, {0, 40},    {0, 60}, {180, 255}, {0, 0},
-                               {0, 0}, {0, 12}, {200, 200}, {0, 1},  {0, 90},    {130, 160}};
-  struct Setting {
-    int mode;
-    int strength;
-  };
-  for (const Setting setting : {Setting{1, 0}, Setting{1, 50}, Setting{1, 100}, Setting{2, 100}, Setting{3, 50}}) {
+  constexpr std::pair<int, int> kLevels[12] = {{0, 0}, {0, 40}, {0, 40},    {0, 60}, {180, 255}, {0, 0},
+                                               {0, 0}, {0, 12}, {200, 200}, {0, 1},  {0, 90},    {130, 160}};
+  for (const auto& [mode, strength] : {std::pair{1, 0}, {1, 50}, {1, 100}, {2, 100}, {3, 50}}) {
     ExposureState state;
     Twin twin;
     unsigned seed = 0;
-    for (const Step& step : kSteps) {
-      SCOPED_TRACE(testing::Message() << "mode " << setting.mode << ", strength " << setting.strength << ", step "
-                                      << seed);
-      const Bytes pixels = picture(step.minLevel, step.maxLevel, ++seed);
-      updateExposure(&state, {64, 48, pixels.data()}, setting.mode, setting.strength);
-      twin.update(pixels, setting.mode, setting.strength);
+    for (const auto& [minLevel, maxLevel] : kLevels) {
+      SCOPED_TRACE(testing::Message() << "mode " << mode << ", strength " << strength << ", step " << seed);
+      const Bytes pixels = picture(minLevel, maxLevel, ++seed);
+      updateExposure(&state, {64, 48, pixels.data()}, mode, strength);
+      twin.update(pixels, mode, strength);
       // A step rounds about four times, by half of 2^-22 for a gain below 4; smoothing sums the errors of five steps.
       constexpr double kTolerance = 4 * 5 * 0x1p-23;
       EXPECT_NEAR(state.lastGamma, twin.lastGamma, kTolerance);

@@ -29,8 +29,7 @@ namespace sums {
 using namespace tracker;
 
 struct Samples {
-  int width;
-  int height;
+  int width, height;
   std::vector<int16_t> values;
 
   Image image() { return {width, height, values.data()}; }
@@ -118,15 +117,6 @@ TEST(BlockSums, FollowTheirFormulasInAnyLanes) {
   EXPECT_GT(compared, 30);
 }
 
-TEST(BlockSums, AreNotTakenAtDisplacementsOutOfBounds) {
-  std::mt19937 random(5);
-  Samples own = randomSamples(41, 27, &random);
-  for (const float bad : {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(), -1e30f}) {
-    EXPECT_FALSE(matchBlock<NativeLanes>(own.image(), own.image(), 9, 9, bad, 0).inside);
-    EXPECT_FALSE(matchBlock<NativeLanes>(own.image(), own.image(), 9, 9, 0, bad).inside);
-  }
-}
-
 TEST(BlockSums, OfAPictureWithItselfShareAllTexture) {
   std::mt19937 random(6);
   Samples own = randomSamples(41, 27, &random);
@@ -138,6 +128,10 @@ TEST(BlockSums, OfAPictureWithItselfShareAllTexture) {
   EXPECT_EQ((std::array{texture.gxx, texture.gxy, texture.gxy, texture.gyy, texture.sum, texture.squares}),
             (std::array{same.cxx, same.cxy, same.cyx, same.cyy, same.sum, same.squares}));
   EXPECT_EQ((std::array{same.bx, same.by, same.energy}), (std::array{0.0f, 0.0f, 0.0f}));
+  for (const float bad : {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(), -1e30f}) {
+    EXPECT_FALSE(matchBlock<NativeLanes>(own.image(), own.image(), 9, 9, bad, 0).inside);
+    EXPECT_FALSE(matchBlock<NativeLanes>(own.image(), own.image(), 9, 9, 0, bad).inside);
+  }
 }
 
 TEST(ImagePyramid, LevelsAreSmoothedMeans) {
@@ -152,10 +146,10 @@ TEST(ImagePyramid, LevelsAreSmoothedMeans) {
 
     std::vector<double> twin(frame.begin(), frame.end());
     int w = width, h = height;
+    const auto at = [&](int x, int y) {
+      return twin[static_cast<size_t>(std::clamp(y, 0, h - 1) * w + std::clamp(x, 0, w - 1))];
+    };
     for (int level = 0; level < pyramid.levels(); ++level) {
-      const auto at = [&](int x, int y) {
-        return twin[static_cast<size_t>(std::clamp(y, 0, h - 1) * w + std::clamp(x, 0, w - 1))];
-      };
       if (level > 0) {
         std::vector<double> halved;
         for (int i = 0; i < (w / 2) * (h / 2); ++i) {
@@ -166,20 +160,17 @@ TEST(ImagePyramid, LevelsAreSmoothedMeans) {
         w /= 2;
         h /= 2;
       }
-      std::vector<double> smooth;
+      std::vector<double> smooth(twin.size());
       for (int i = 0; i < w * h; ++i) {
-        double sum = 0;
         for (int k = 0; k < 9; ++k)
-          sum += (2 - std::abs(k % 3 - 1)) * (2 - std::abs(k / 3 - 1)) * at(i % w + k % 3 - 1, i / w + k / 3 - 1);
-        smooth.push_back(sum / 16);
+          smooth[static_cast<size_t>(i)] +=
+              (2 - std::abs(k % 3 - 1)) * (2 - std::abs(k / 3 - 1)) / 16.0 * at(i % w + k % 3 - 1, i / w + k / 3 - 1);
       }
       twin = smooth;
-      ASSERT_EQ(pyramid.level(level).width, w);
-      ASSERT_EQ(pyramid.level(level).height, h);
+      ASSERT_EQ((std::pair{pyramid.level(level).width, pyramid.level(level).height}), (std::pair{w, h}));
       // Level 0 is exact; each coarser one rounds twice, by half a unit of 1/16 level.
-      for (int i = 0; i < w * h; ++i) {
+      for (int i = 0; i < w * h; ++i)
         ASSERT_NEAR(pyramid.level(level).pixels[i], 16 * twin[static_cast<size_t>(i)], level) << level << ": " << i;
-      }
     }
   }
 }
@@ -214,34 +205,35 @@ class Tracker {
     return cornerError(inverseMotion, currentFromPrevious, width, height);
   }
 
-  const int width;
-  const int height;
+  const int width, height;
   int firstFrame = 1;
-  float motion[9];
-  float inverseMotion[9];
+  float motion[9], inverseMotion[9];
   _KRMatch matches[kMaxPoints];
   _KROFRegistration* registration = nullptr;
   _KRStabilizationParameters stabilization = {};
 };
 
-const Waves& scene() {
-  static const Waves waves(11, 7);
-  return waves;
+Pixels seen(int width, int height, const View& sceneFromFrame, double sigma = 0, unsigned noiseSeed = 1) {
+  static const Waves scene(11, 7);
+  return scene.seen(width, height, sceneFromFrame, sigma, noiseSeed);
 }
 
+constexpr int kWidth = 200, kHeight = 120;
 // Pixels, rms over the corners: about twice the worst error measured on these frames.
 constexpr double kErrorUnderNoise3 = 0.15;
 
-TEST(Tracking, FindsASimilarityUnderNoise) {
-  for (const auto& [width, height] : {std::pair{160, 96}, {322, 181}}) {
+TEST(Tracking, FindsAnAffineMotionUnderNoise) {
+  for (const auto& [width, height] : {std::pair{160, 96}, {322, 181}, {640, 360}}) {
     const double cx = width / 2.0, cy = height / 2.0;
-    const View motions[] = {shifted(0.37, -0.61), turned(0.006, 1.002, cx, cy, 2.4, -1.7),
-                            turned(-0.03, 0.985, cx, cy, -9.3, 6.2), turned(0.004, 0.998, cx, cy, 18.25, 0.5)};
+    std::vector<View> motions = {shifted(0.37, -0.61), turned(0.006, 1.002, cx, cy, 2.4, -1.7),
+                                 turned(-0.03, 0.985, cx, cy, -9.3, 6.2), turned(0.004, 0.998, cx, cy, 18.25, 0.5)};
+    // The last is a rolling shutter's: 0.8 pixels off without the shear, 0.7 when it is counted twice.
+    if (width == 640) motions = {{1.002, 0.001, 3, 0.001, 0.998, 2}, {1, 0.012, 3, 0, 1, 2}};
     for (const auto& [sigma, bound] : {std::pair{0.0, 0.08}, {3.0, kErrorUnderNoise3}, {8.0, 0.4}}) {
       for (const View& motion : motions) {
         Tracker tracker(width, height);
-        EXPECT_FALSE(tracker.take(scene().seen(width, height, kStill, sigma, 1)));
-        ASSERT_TRUE(tracker.take(scene().seen(width, height, inverted(motion), sigma, 2)));
+        EXPECT_FALSE(tracker.take(seen(width, height, kStill, sigma, 1)));
+        ASSERT_TRUE(tracker.take(seen(width, height, inverted(motion), sigma, 2)));
         EXPECT_LT(tracker.error(motion), bound) << width << " pixels wide, sigma " << sigma;
         EXPECT_LT(cornerError(tracker.motion, inverted(motion), width, height), bound);
       }
@@ -249,136 +241,108 @@ TEST(Tracking, FindsASimilarityUnderNoise) {
   }
 }
 
-TEST(Tracking, FindsShear) {
-  constexpr int kWidth = 640, kHeight = 360;
-  for (const View& shear :
-       {View{1.002, 0.001, 0, 0.001, 0.998, 0}, {1, 0.004, 0, 0, 1, 0}, {1, 0.012, 0, 0, 1, 0}}) {  // rolling shutter
-    const View motion = composed(shear, shifted(1.3, 2.2));
-    for (const double sigma : {0.0, 3.0}) {
-      Tracker tracker(kWidth, kHeight);
-      tracker.take(scene().seen(kWidth, kHeight, kStill, sigma, 1));
-      ASSERT_TRUE(tracker.take(scene().seen(kWidth, kHeight, inverted(motion), sigma, 2)));
-      // 0.8 pixels without the shear, 0.7 when it is counted twice.
-      EXPECT_LT(tracker.error(motion), kErrorUnderNoise3);
-    }
-  }
-}
-
 TEST(Tracking, WithoutNoiseEveryFrameHasAMotion) {
-  constexpr int kWidth = 200, kHeight = 120;
   for (const View& step : {kStill, shifted(-7, 5), shifted(3, 0), shifted(0, -2)}) {
     Tracker tracker(kWidth, kHeight);
     View pose = kStill;
     for (int n = 0; n < 10; ++n, pose = composed(pose, inverted(step))) {
-      ASSERT_EQ(tracker.take(scene().seen(kWidth, kHeight, pose)), n > 0) << "frame " << n;
+      ASSERT_EQ(tracker.take(seen(kWidth, kHeight, pose)), n > 0) << "frame " << n;
       EXPECT_LT(n == 0 ? 0.0 : tracker.error(step), 0.02) << "frame " << n;
     }
   }
 }
 
 TEST(Tracking, ATripodUnderNoiseStandsStill) {
-  constexpr int kWidth = 200, kHeight = 120, kFrames = 30;
+  constexpr unsigned kFrames = 30;
   for (const double sigma : {3.0, 8.0}) {
     Tracker tracker(kWidth, kHeight);
-    tracker.take(scene().seen(kWidth, kHeight, kStill, sigma, 100));
-    int held = 0;
-    for (unsigned n = 1; n <= kFrames; ++n) {
-      ASSERT_TRUE(tracker.take(scene().seen(kWidth, kHeight, kStill, sigma, 100 + n)));
+    unsigned held = 0;
+    for (unsigned n = 0; n <= kFrames; ++n) {
+      ASSERT_EQ(tracker.take(seen(kWidth, kHeight, kStill, sigma, 100 + n)), n > 0);
       // The step that avoids exact zeros is 0.004 pixels in this frame's corners; measured noise is 0.03.
-      held += tracker.error(kStill) < 0.005;
+      held += n > 0 && tracker.error(kStill) < 0.005;
     }
     EXPECT_GE(held, kFrames - 1) << "sigma " << sigma;
   }
 }
 
+// Frame n of a pan, with noise of 3 levels.
+const View kPan = shifted(1.5, -0.75);
+Pixels panned(unsigned n) {
+  return seen(kWidth, kHeight, shifted(-1.5 * n, 0.75 * n), 3, 50 + n);
+}
+
 TEST(Tracking, RecoversAfterFramesThatCannotBeTracked) {
-  constexpr int kWidth = 200, kHeight = 120;
-  const View step = shifted(1.5, -0.75);
-  int shown = 0;
-  const auto next = [&] {
-    const unsigned n = static_cast<unsigned>(shown++);
-    return scene().seen(kWidth, kHeight, shifted(-1.5 * n, 0.75 * n), 3, 50 + n);
-  };
   const auto flat = [](int level) { return Pixels(kWidth * kHeight, static_cast<uint8_t>(level)); };
-  const auto cap = [&](unsigned seed) {  // a lens cap: only noise
-    std::mt19937 random(seed);
-    Pixels pixels;
-    for (int i = 0; i < kWidth * kHeight; ++i) pixels.push_back(static_cast<uint8_t>(random() % 5));
+  std::mt19937 random(1);
+  const auto cap = [&] {  // a lens cap: only noise
+    Pixels pixels = flat(0);
+    for (uint8_t& pixel : pixels) pixel = static_cast<uint8_t>(random() % 5);
     return pixels;
   };
   const Pixels other = Waves(99, 7).seen(kWidth, kHeight, kStill, 3);
   const std::vector<Pixels> interruptions[] = {
-      {flat(0), flat(0)}, {flat(200), flat(120)}, {cap(1), cap(2), cap(3)}, {other}, {flat(255), other}};
+      {flat(0), flat(0)}, {flat(200), flat(120)}, {cap(), cap(), cap()}, {other}, {flat(255), other}};
   for (const std::vector<Pixels>& interruption : interruptions) {
     SCOPED_TRACE(&interruption - interruptions);
     Tracker tracker(kWidth, kHeight);
-    tracker.take(next());
-    EXPECT_TRUE(tracker.take(next()));
+    tracker.take(panned(0));
+    EXPECT_TRUE(tracker.take(panned(1)));
     for (const Pixels& frame : interruption) EXPECT_FALSE(tracker.take(frame));
-    EXPECT_FALSE(tracker.take(next()));
-    for (int i = 0; i < 2; ++i) {
-      EXPECT_TRUE(tracker.take(next()));
-      EXPECT_LT(tracker.error(step), kErrorUnderNoise3);
+    for (unsigned n = 2; n < 5; ++n) {
+      EXPECT_EQ(tracker.take(panned(n)), n > 2);
+      EXPECT_LT(n == 2 ? 0.0 : tracker.error(kPan), kErrorUnderNoise3);
     }
   }
 }
 
 TEST(Tracking, AChangeOfExposureIsNoMotion) {
-  const View step = shifted(1.5, -0.75);
-  struct Exposed {
-    double gain;
-    int offset;
-  };
-  for (const auto& [gain, offset] : {Exposed{1, 60}, {1, -20}, {0.8, 0}, {1.25, 0}}) {
-    Tracker tracker(200, 120);
+  for (const auto& [gain, offset] : {std::pair{1.0, 60}, {1.0, -20}, {0.8, 0}, {1.25, 0}}) {
+    Tracker tracker(kWidth, kHeight);
     for (unsigned n = 0; n < 5; ++n) {
-      Pixels pixels = scene().seen(200, 120, shifted(-1.5 * n, 0.75 * n), 3, n);
+      Pixels pixels = panned(n);
       for (uint8_t& pixel : pixels) {
         if (n == 2) pixel = static_cast<uint8_t>(std::clamp(gain * pixel + offset, 0.0, 255.0));
       }
       ASSERT_EQ(tracker.take(pixels), n > 0);
-      EXPECT_LT(n == 0 ? 0.0 : tracker.error(step), kErrorUnderNoise3) << "frame " << n << ", gain " << gain;
+      EXPECT_LT(n == 0 ? 0.0 : tracker.error(kPan), kErrorUnderNoise3) << "frame " << n << ", gain " << gain;
     }
   }
 }
 
 TEST(Tracking, FollowsTheBackgroundNotASubjectInFrontOfIt) {
-  constexpr int kWidth = 320, kHeight = 180;
-  const Waves subject(5, 7);
+  constexpr int kWide = 320, kHigh = 180;
   const View background = turned(0.003, 1, 160, 90, 1.2, -0.8);
   const auto frame = [&](int at, const View& pose, unsigned seed) {
-    Pixels pixels = scene().seen(kWidth, kHeight, pose, 3, seed);
-    const Pixels own = subject.seen(kWidth, kHeight, shifted(-at, 0), 3, seed + 1);
-    for (int i = 0; i < kWidth * kHeight; ++i) {
-      const bool covered = std::abs(i % kWidth - kWidth / 2 - at) < 88 && std::abs(i / kWidth - kHeight / 2) < 50;
+    Pixels pixels = seen(kWide, kHigh, pose, 3, seed);
+    const Pixels own = Waves(5, 7).seen(kWide, kHigh, shifted(-at, 0), 3, seed + 1);
+    for (int i = 0; i < kWide * kHigh; ++i) {
+      const bool covered = std::abs(i % kWide - kWide / 2 - at) < 88 && std::abs(i / kWide - kHigh / 2) < 50;
       if (covered) pixels[static_cast<size_t>(i)] = own[static_cast<size_t>(i)];  // 30 % of the frame
     }
     return pixels;
   };
-  Tracker tracker(kWidth, kHeight);
+  Tracker tracker(kWide, kHigh);
   tracker.take(frame(0, kStill, 1));
   ASSERT_TRUE(tracker.take(frame(12, inverted(background), 3)));
   EXPECT_LT(tracker.error(background), kErrorUnderNoise3);  // the subject moves by 12 pixels
 }
 
 TEST(Tracking, HelpersChangeNoBit) {
-  constexpr int kWidth = 640, kHeight = 360;  // large enough to be split
+  constexpr int kWide = 640, kHigh = 360;  // large enough to be split
   std::vector<Pixels> frames;
-  for (unsigned n = 0; n < 3; ++n) {
-    frames.push_back(scene().seen(kWidth, kHeight, turned(0.01 * n, 1, 0, 0, 5.3 * n, n), 5, n));
-  }
+  for (unsigned n = 0; n < 3; ++n) frames.push_back(seen(kWide, kHigh, turned(0.01 * n, 1, 0, 0, 5.3 * n, n), 5, n));
   std::vector<float> alone;
   for (const int helpers : {-1, 0, 1, 4}) {
     WorkerPool pool;
     const Lent lent(&pool, std::max(helpers, 0));
-    Tracker tracker(kWidth, kHeight, helpers < 0 ? nullptr : &pool);
+    Tracker tracker(kWide, kHigh, helpers < 0 ? nullptr : &pool);
     std::vector<float> results;
     for (const Pixels& frame : frames) {
       EXPECT_EQ(tracker.take(frame), &frame != &frames[0]);
       results.insert(results.end(), tracker.motion, tracker.motion + 9);
-      for (int i = 0; i < tracker.registration->matchedCount; ++i) {
+      for (int i = 0; i < tracker.registration->matchedCount; ++i)
         results.insert(results.end(), {tracker.matches[i].targetX, tracker.matches[i].targetY});
-      }
     }
     if (helpers < 0) alone = results;
     EXPECT_EQ(results, alone) << helpers << " helpers";
@@ -398,9 +362,8 @@ TEST(Tracking, RefusesSizesThatOverflow) {
 TEST(Tracking, TinyFramesHaveNoMotion) {
   for (const auto& [width, height] : {std::pair{1, 1}, {2, 2}, {7, 5}, {17, 9}, {300, 3}, {3, 300}}) {
     Tracker tracker(width, height);
-    for (unsigned n = 0; n < 4; ++n) {
-      EXPECT_FALSE(tracker.take(scene().seen(width, height, shifted(0.3 * n, 0.2), 2, n))) << width << " x " << height;
-    }
+    for (unsigned n = 0; n < 4; ++n)
+      EXPECT_FALSE(tracker.take(seen(width, height, shifted(0.3 * n, 0.2), 2, n))) << width << " x " << height;
   }
 }
 
