@@ -13,22 +13,19 @@ using reference::Image;
 class Conversion : public PassTest {};
 
 TEST_F(Conversion, RgbIsPackedAsTheFormulaSays) {
-  const Picture picture = noisyPicture(64, 46, 1);
-  const Image image(64, 46, picture.rgba);
-  const TestTexture source(picture);
-  read({source.GetId()});
+  const Noisy source(64, 46, 1);
+  read({source.texture.GetId()});
   const auto packed = [&](const char* name, ProgramId program, int height) {
     return draw(row(name, program), 16, height, GL_NEAREST);
   };
   // One code: the matrix is written to four digits, and GL may round a value half-way between two codes either way.
-  EXPECT_TRUE(closeTo(packed("pack luma", kr_r1, 46), toPicture(packedLumaOf(image, {16, 46})), 1));
-  EXPECT_TRUE(closeTo(packed("pack chroma", kr_r2, 23), toPicture(packedChromaOf(image, true, {16, 23})), 1));
-  EXPECT_TRUE(closeTo(packed("pack chroma", kr_r3, 23), toPicture(packedChromaOf(image, false, {16, 23})), 1));
+  EXPECT_TRUE(closeTo(packed("pack luma", kr_r1, 46), toPicture(packedLumaOf(source.image, {16, 46})), 1));
+  EXPECT_TRUE(closeTo(packed("pack chroma", kr_r2, 23), toPicture(packedChromaOf(source.image, true, {16, 23})), 1));
+  EXPECT_TRUE(closeTo(packed("pack chroma", kr_r3, 23), toPicture(packedChromaOf(source.image, false, {16, 23})), 1));
 }
 
 TEST_F(Conversion, AllThreeLumaLayoutsFollowTheFormula) {
-  const int width = 64;
-  const int height = 22;
+  constexpr int width = 64, height = 22;
   const Picture packed = noisyPicture(width / 4, height, 2);
   const std::vector<uint8_t> vu = noisyBytes(width / 2 * (height / 2) * 2, 3);
   const TestTexture packedLuma(packed, GL_NEAREST);

@@ -90,6 +90,15 @@ bool engineComesAndGoes() {
   return usable;
 }
 
+class SharedDisplay : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (engineComesAndGoes()) return;
+    ASSERT_FALSE(driverRequired());
+    GTEST_SKIP() << "no OpenGL ES 3.0 here";
+  }
+};
+
 // Another library of the process, with a context that is current on the calling thread.
 class OtherUser {
  public:
@@ -123,11 +132,7 @@ class OtherUser {
   EGLContext context = EGL_NO_CONTEXT;
 };
 
-TEST(SharedDisplay, AnotherUserKeepsItsContextWhenTheLastEngineGoes) {
-  if (!engineComesAndGoes()) {
-    ASSERT_FALSE(driverRequired());
-    GTEST_SKIP() << "no OpenGL ES 3.0 here";
-  }
+TEST_F(SharedDisplay, AnotherUserKeepsItsContextWhenTheLastEngineGoes) {
   const OtherUser other;
   ASSERT_TRUE(other.draws());
   ASSERT_TRUE(engineComesAndGoes());
@@ -143,16 +148,12 @@ TEST(SharedDisplay, AnotherUserKeepsItsContextWhenTheLastEngineGoes) {
   EXPECT_TRUE(later.draws()) << "it came while the engine lived";
 }
 
-TEST(SharedDisplay, IsTerminatedByEachEngineWhereEglCountsAndByNoneElsewhere) {
+TEST_F(SharedDisplay, IsTerminatedByEachEngineWhereEglCountsAndByNoneElsewhere) {
   for (const bool counting : {false, true}) {
     countingEgl = counting;
     calls.clear();
-    const bool usable = engineComesAndGoes();
+    engineComesAndGoes();
     countingEgl = false;
-    if (!usable) {
-      ASSERT_FALSE(driverRequired());
-      GTEST_SKIP() << "no OpenGL ES 3.0 here";
-    }
     const std::vector<std::string> counted = {"eglDestroyContext", "eglTerminate", "eglReleaseThread"};
     EXPECT_EQ(calls, counting ? counted : (std::vector<std::string>{"eglDestroyContext", "eglReleaseThread"}));
     if (std::string(platform::engineDisplayName()) == "surfaceless") {

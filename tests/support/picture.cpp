@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <random>
 
 namespace noxel {
@@ -30,29 +29,16 @@ Picture noisyPicture(int width, int height, unsigned seed) {
   return picture;
 }
 
+namespace {
+
 bool writePng(const Picture& picture, const std::string& path) {
-  png_image image;
-  std::memset(&image, 0, sizeof(image));
+  png_image image = {};
   image.version = PNG_IMAGE_VERSION;
   image.width = static_cast<png_uint_32>(picture.width);
   image.height = static_cast<png_uint_32>(picture.height);
   image.format = PNG_FORMAT_RGBA;
   return png_image_write_to_file(&image, path.c_str(), 0, picture.rgba.data(), 0, nullptr) != 0;
 }
-
-Difference compare(const Picture& actual, const Picture& expected, int bound) {
-  Difference difference = {0, 0.0};
-  size_t within = 0;
-  for (size_t i = 0; i < actual.rgba.size(); ++i) {
-    const int distance = std::abs(actual.rgba[i] - expected.rgba[i]);
-    difference.largest = std::max(difference.largest, distance);
-    if (distance <= bound) ++within;
-  }
-  difference.shareWithin = static_cast<double>(within) / static_cast<double>(std::max<size_t>(actual.rgba.size(), 1));
-  return difference;
-}
-
-namespace {
 
 // Of the running test, as a file name.
 std::string testName() {
@@ -79,23 +65,28 @@ Picture opaque(Picture picture) {
 
 }  // namespace
 
-::testing::AssertionResult closeTo(const Picture& actual, const Picture& expected, int largest, double share,
-                                   int bound) {
+::testing::AssertionResult closeTo(const Picture& actual, const Picture& expected, int max, double share, int bound) {
   if (actual.width != expected.width || actual.height != expected.height || actual.rgba.empty()) {
     return ::testing::AssertionFailure() << "actual is " << actual.width << " x " << actual.height << ", expected "
                                          << expected.width << " x " << expected.height;
   }
-  const int shareBound = share < 1.0 ? bound : largest;
-  const Difference difference = compare(actual, expected, shareBound);
-  if (difference.largest <= largest && difference.shareWithin >= share) return ::testing::AssertionSuccess();
+  const int shareBound = share < 1.0 ? bound : max;
+  int maxSeen = 0;
+  double within = 0;
+  for (size_t i = 0; i < actual.rgba.size(); ++i) {
+    const int distance = std::abs(actual.rgba[i] - expected.rgba[i]);
+    maxSeen = std::max(maxSeen, distance);
+    if (distance <= shareBound) ++within;
+  }
+  within /= static_cast<double>(actual.rgba.size());
+  if (maxSeen <= max && within >= share) return ::testing::AssertionSuccess();
 
   const std::string name = testName();
   const bool written = writePng(opaque(actual), name + "_actual.png") &&
                        writePng(opaque(expected), name + "_expected.png") &&
                        writePng(differencePicture(actual, expected), name + "_difference.png");
-  return ::testing::AssertionFailure() << "largest difference " << difference.largest << " (allowed " << largest
-                                       << "), " << 100.0 * difference.shareWithin << " % within " << shareBound
-                                       << " (wanted " << 100.0 * share << " %); pictures "
+  return ::testing::AssertionFailure() << "max difference " << maxSeen << " (allowed " << max << "), " << 100.0 * within
+                                       << " % within " << shareBound << " (wanted " << 100.0 * share << " %); pictures "
                                        << (written ? "in " : "could not be written to ") << name << "_*.png";
 }
 
