@@ -3,7 +3,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,64 +16,38 @@
 namespace noxel::platform {
 namespace {
 
-// Sets or, with null, unsets a variable for the life of this object.
-class EnvironmentVariable {
- public:
-  EnvironmentVariable(const char* variable, const char* value) : name(variable) {
-    if (const char* found = std::getenv(variable)) before = found;
-    put(value);
-  }
-  ~EnvironmentVariable() { put(before ? before->c_str() : nullptr); }
-  EnvironmentVariable(const EnvironmentVariable&) = delete;
-  EnvironmentVariable& operator=(const EnvironmentVariable&) = delete;
-
- private:
-  void put(const char* value) const { value != nullptr ? setenv(name, value, 1) : unsetenv(name); }
-
-  const char* name;
-  std::optional<std::string> before;
-};
-
-PropertyGet hostPropertyGet() {
-  const DynamicLibraries& libraries = dynamicLibraries();
-  return reinterpret_cast<PropertyGet>(libraries.symbol(libraries.open("libcutils.so"), "property_get"));
+// Sets or, with null, unsets a variable. Nothing else in this program reads it.
+void put(const char* name, const char* value) {
+  value != nullptr ? setenv(name, value, 1) : unsetenv(name);
 }
 
-TEST(Properties, ComeFromTheEnvironment) {
-  const PropertyGet propertyGet = hostPropertyGet();
+TEST(Properties, ComeFromTheEnvironmentThroughTheOnlyLibrary) {
+  const DynamicLibraries& libraries = dynamicLibraries();
+  const auto propertyGet =
+      reinterpret_cast<PropertyGet>(libraries.symbol(libraries.open("libcutils.so"), "property_get"));
   ASSERT_NE(propertyGet, nullptr);
-  const EnvironmentVariable unset("PERSIST_CAMERA_RTSP_LOG", nullptr);
+  put("PERSIST_CAMERA_RTSP_LOG", nullptr);
   char value[kPropertyValueMax + 1];
   EXPECT_EQ(propertyGet("persist.camera.rtsp.log", value, "none"), 4);
   EXPECT_STREQ(value, "none");
-  const EnvironmentVariable set("PERSIST_CAMERA_RTSP_LOG", "12");
+  put("PERSIST_CAMERA_RTSP_LOG", "12");
   EXPECT_EQ(propertyGet("persist.camera.rtsp.log", value, "0"), 2);
   EXPECT_STREQ(value, "12");
 
   const std::string tooLong(200, 'x');
-  const EnvironmentVariable cut("PERSIST_CAMERA_RTSP_LOG", tooLong.c_str());
+  put("PERSIST_CAMERA_RTSP_LOG", tooLong.c_str());
   std::memset(value, '#', sizeof(value));
   propertyGet("persist.camera.rtsp.log", value, "0");
   EXPECT_EQ(value, tooLong.substr(0, kPropertyValueMax - 1));
   EXPECT_EQ(value[kPropertyValueMax], '#');
-}
 
-TEST(Properties, OtherLibrariesAreNotThere) {
-  const DynamicLibraries& libraries = dynamicLibraries();
   EXPECT_EQ(libraries.open("libc.so"), nullptr);
   EXPECT_STRNE(libraries.lastError(), "");
   EXPECT_EQ(libraries.symbol(libraries.open("libcutils.so"), "property_set"), nullptr);
   EXPECT_EQ(libraries.symbol(nullptr, "property_get"), nullptr);
 }
 
-class Log : public ::testing::Test {
- protected:
-  void TearDown() override { setLogLevel(levelBefore); }
-
-  const int levelBefore = setLogLevel(kLogInfo);
-};
-
-TEST_F(Log, PassesOnWhatReachesTheLevel) {
+TEST(Log, PassesOnWhatReachesTheLevel) {
   const LogCapture log;
   __android_log_print(3, "Tag", "debug");
   NOXEL_LOG_INFO("%s %d", "information", 1);
@@ -89,7 +62,7 @@ TEST_F(Log, PassesOnWhatReachesTheLevel) {
   EXPECT_EQ(log.lines()[1].priority, kLogError);
 }
 
-TEST_F(Log, ALongMessageArrivesWhole) {
+TEST(Log, ALongMessageArrivesWhole) {
   const LogCapture log;
   // 1024 bytes, the terminator included, fit without an allocation.
   std::vector<std::string> messages;
@@ -140,16 +113,16 @@ TEST(FrameClock, IsTheTimeOfDay) {
 }
 
 TEST(EglDisplay, FollowsTheDisplayServerThatTheEnvironmentNames) {
-  const EnvironmentVariable unset[] = {{"DISPLAY", nullptr}, {"WAYLAND_DISPLAY", nullptr}, {"EGL_PLATFORM", nullptr}};
+  for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "EGL_PLATFORM"}) put(name, nullptr);
   const std::string withoutServer = engineDisplayName();
   EXPECT_TRUE(withoutServer == "surfaceless" || withoutServer == "default") << withoutServer;
-  const EnvironmentVariable empty("DISPLAY", "");
+  put("DISPLAY", "");
   EXPECT_EQ(engineDisplayName(), withoutServer);
-  const EnvironmentVariable display("DISPLAY", ":7");
+  put("DISPLAY", ":7");
   EXPECT_STREQ(engineDisplayName(), "default (DISPLAY)");
-  const EnvironmentVariable wayland("WAYLAND_DISPLAY", "wayland-0");
+  put("WAYLAND_DISPLAY", "wayland-0");
   EXPECT_STREQ(engineDisplayName(), "default (WAYLAND_DISPLAY)");
-  const EnvironmentVariable platformName("EGL_PLATFORM", "x11");
+  put("EGL_PLATFORM", "x11");
   EXPECT_STREQ(engineDisplayName(), "default (EGL_PLATFORM)");
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace noxel::reference {
 
@@ -117,18 +118,13 @@ double lumaOf(Colour c) {
   return 0.299 * c.r + 0.587 * c.g + 0.114 * c.b;
 }
 
-double uOf(Colour c) {
-  return 0.5 + (c.b - lumaOf(c)) / 1.772;
-}
-
-double vOf(Colour c) {
-  return 0.5 + (c.r - lumaOf(c)) / 1.402;
+template <typename Function>
+Colour eachButAlpha(Colour x, const Function& function) {
+  return {function(x.r), function(x.g), function(x.b), x.a};
 }
 
 Colour applyTone(Colour colour, Tone tone) {
-  Colour result = each(colour, [tone](double x) { return std::pow(std::max(x * tone.gain, 0.0), tone.exponent); });
-  result.a = colour.a;
-  return result;
+  return eachButAlpha(colour, [tone](double x) { return std::pow(std::max(x * tone.gain, 0.0), tone.exponent); });
 }
 
 // A luma sample by its column: sample k of a row is channel k mod 4 of texel k / 4.
@@ -162,10 +158,10 @@ double contrastCurve(double x, double width) {
   return (logistic(x) - logistic(0)) / (logistic(1) - logistic(0));
 }
 
+// Width 0: no curve.
 Colour contrasted(Colour colour, double width) {
-  Colour result = each(colour, [width](double x) { return contrastCurve(x, width); });
-  result.a = colour.a;
-  return result;
+  if (width == 0) return colour;
+  return eachButAlpha(colour, [width](double x) { return contrastCurve(x, width); });
 }
 
 }  // namespace
@@ -318,12 +314,8 @@ Image bilateralRefine(const Image& smoothed, const Image& packedLuma, double fac
     const Colour centre = sampleAt(packedLuma, p);
     RangeMean range = {centre, factor, {0.6667, 1.125, 0.375, 0.25}, centre};
     range.add(sampleAt(smoothed, p), 2);
-    for (const int dx : {-1, 1}) {
-      for (const int dy : {-1, 1}) {
-        range.add(smoothed.sample(p.u + static_cast<double>(dx) / packedLuma.width, p.v + 4.0 * dy / smoothed.height),
-                  1);
-      }
-    }
+    for (const auto& [dx, dy] : {std::pair{-1.0, -4.0}, {-1.0, 4.0}, {1.0, -4.0}, {1.0, 4.0}})
+      range.add(smoothed.sample(p.u + dx / packedLuma.width, p.v + dy / smoothed.height), 1);
     return each(mix(centre, range.mean(), blend), [gamma](double x) { return std::pow(std::max(x, 0.0), gamma); });
   });
 }
@@ -337,44 +329,28 @@ Image packedLumaOf(const Image& picture, Size size) {
 
 Image packedChromaOf(const Image& picture, bool vFirst, Size size) {
   return renderPacked(size, [&](Point p) {
-    const Colour first = sampleAt(picture, p);
-    const Colour second = picture.sample(p.u + 0.25 / size.width, p.v);
-    return vFirst ? Colour{vOf(first), uOf(first), vOf(second), uOf(second)}
-                  : Colour{uOf(first), vOf(first), uOf(second), vOf(second)};
+    const Colour first = sampleAt(picture, p), second = picture.sample(p.u + 0.25 / size.width, p.v);
+    const auto v = [](Colour c) { return 0.5 + (c.r - lumaOf(c)) / 1.402; };
+    const auto u = [](Colour c) { return 0.5 + (c.b - lumaOf(c)) / 1.772; };
+    return vFirst ? Colour{v(first), u(first), v(second), u(second)} : Colour{u(first), v(first), u(second), v(second)};
   });
 }
 
-namespace {
+Image sharpened(const Image& picture, double strength, const Matrix& warp) {
+  return sharpenedWithContrast(picture, strength, 0, warp);
+}
 
 // Centre against the mean of its eight neighbours. `strength` is in hundredths of 4.5 beyond the factor 1.5.
-Colour sharpenedAt(const Image& picture, Point p, double strength) {
-  const double gain = 1.5 + 0.045 * strength;
-  Colour around = {0, 0, 0, 0};
-  for (int dy = -1; dy <= 1; ++dy) {
-    for (int dx = -1; dx <= 1; ++dx) {
-      if (dx != 0 || dy != 0) around = around + sampleBeside(picture, p, dx, dy);
-    }
-  }
-  return sampleAt(picture, p) * gain - around * ((gain - 1) / 8);
-}
-
-Colour detailedAt(const Image& picture, const Image& smooth, Point p, double edgeFactor, double strength) {
-  const Colour centre = sampleAt(picture, p);
-  const Colour d = centre - sampleAt(smooth, p);
-  const double edge = std::min(0.5, edgeFactor * (std::abs(d.r) + std::abs(d.g) + std::abs(d.b)));
-  return opaque(centre + d * ((0.6 + edge) * strength));
-}
-
-}  // namespace
-
-Image sharpened(const Image& picture, double strength, const Matrix& warp) {
-  return render({picture.width, picture.height},
-                [&](Point p) { return sharpenedAt(picture, warped(warp, p), strength); });
-}
-
 Image sharpenedWithContrast(const Image& picture, double strength, double curveWidth, const Matrix& warp) {
-  return render({picture.width, picture.height},
-                [&](Point p) { return contrasted(sharpenedAt(picture, warped(warp, p), strength), curveWidth); });
+  const double gain = 1.5 + 0.045 * strength;
+  return render({picture.width, picture.height}, [&](Point output) {
+    const Point p = warped(warp, output);
+    Colour around = {0, 0, 0, 0};
+    for (int k = 0; k < 9; ++k) {
+      if (k != 4) around = around + sampleBeside(picture, p, k % 3 - 1, k / 3 - 1);
+    }
+    return contrasted(sampleAt(picture, p) * gain - around * ((gain - 1) / 8), curveWidth);
+  });
 }
 
 Image diagonalBox(const Image& picture, Point step, Size size) {
@@ -386,13 +362,16 @@ Image diagonalBox(const Image& picture, Point step, Size size) {
 }
 
 Image detailed(const Image& picture, const Image& smooth, double strength) {
-  return render({picture.width, picture.height}, [&](Point p) { return detailedAt(picture, smooth, p, 2, strength); });
+  return detailedWithContrast(picture, smooth, strength, 0, 2);
 }
 
 Image detailedWithContrast(const Image& picture, const Image& smooth, double strength, double curveWidth,
                            double edgeFactor) {
-  return render({picture.width, picture.height},
-                [&](Point p) { return contrasted(detailedAt(picture, smooth, p, edgeFactor, strength), curveWidth); });
+  return render({picture.width, picture.height}, [&](Point p) {
+    const Colour centre = sampleAt(picture, p), d = centre - sampleAt(smooth, p);
+    const double edge = std::min(0.5, edgeFactor * (std::abs(d.r) + std::abs(d.g) + std::abs(d.b)));
+    return contrasted(opaque(centre + d * ((0.6 + edge) * strength)), curveWidth);
+  });
 }
 
 }  // namespace noxel::reference

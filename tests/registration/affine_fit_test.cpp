@@ -175,6 +175,11 @@ TEST(AffineFit, PairsThatDetermineNothingGiveTheIdentity) {
       EXPECT_TRUE(isIdentity(estimate.motion) && isIdentity(estimate.inverseMotion));
     }
   }
+  Pairs infinite = scattered(kHandHeld, 200, 320, 180, 0.0, 11);  // the sources determine a fit
+  for (_KRMatch& pair : infinite) pair.targetY = std::numeric_limits<float>::infinity();
+  const Estimate estimate(infinite, 80);
+  EXPECT_EQ(estimate.error, -1.0f);
+  EXPECT_TRUE(isIdentity(estimate.motion) && isIdentity(estimate.inverseMotion));
 }
 
 TEST(AffineFit, TheMedianIsTheLowerMiddle) {

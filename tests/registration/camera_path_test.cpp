@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <numbers>
@@ -76,21 +77,17 @@ TEST(PathFilter, SmoothsAsTheFormulasSay) {
 }
 
 TEST(PathFilter, ResetsWithoutAllocating) {
-  Path path;
+  Path path, rested;
   PathFilterComponent* const components = path.pathFilter.components;
   const float similarity[4] = {3, 4, 0.01f, 0.02f};
   for (int i = 0; i < 10; ++i) EXPECT_TRUE(stepStabilization(&path, similarity));
-  ASSERT_TRUE(initStabilization(&path, 1, 1, 2 * kWidth, kHeight));
+  for (Path* each : {&path, &rested}) ASSERT_TRUE(initStabilization(each, 1, 1, 2 * kWidth, kHeight));
   EXPECT_EQ(path.pathFilter.components, components);
-  for (int i = 0; i < kPathValues; ++i) {
-    const float rest = i == 3 ? 1.0f : 0.0f;
-    EXPECT_EQ(path.rawPath[i], rest);
-    EXPECT_EQ(path.smoothedPath[i], rest);
-    EXPECT_EQ(components[i].trend, 0.0f);
-    EXPECT_EQ(components[i].level, rest);
-    EXPECT_FLOAT_EQ(components[i].limit, static_cast<float>(i == 0 ? 2 * kLimits[0] : kLimits[i]));
-  }
-  for (int i = 0; i < 9; ++i) EXPECT_EQ(path.stabilizationMatrix[i], i % 4 == 0 ? 1.0f : 0.0f);
+  EXPECT_EQ(std::memcmp(components, rested.pathFilter.components, kPathValues * sizeof(*components)), 0);
+  EXPECT_FLOAT_EQ(components[0].limit, static_cast<float>(2 * kLimits[0]));
+  EXPECT_EQ(std::to_array(path.rawPath), (std::array{0.0f, 0.0f, 0.0f, 1.0f}));
+  EXPECT_EQ(std::to_array(path.smoothedPath), (std::array{0.0f, 0.0f, 0.0f, 1.0f}));
+  EXPECT_EQ(std::to_array(path.stabilizationMatrix), std::to_array(rested.stabilizationMatrix));
 }
 
 TEST(CameraPath, RefusesSimilaritiesOutOfBounds) {

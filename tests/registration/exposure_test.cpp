@@ -146,7 +146,6 @@ TEST(Exposure, LogsAGammaOutOfRange) {
   EXPECT_EQ(log.lines()[0].priority, platform::kLogInfo);
   EXPECT_EQ(log.lines()[0].message.rfind("kusee: gamma = 800.2", 0), 0u) << log.text();
   EXPECT_TRUE(log.contains("lastgamma = 1000.000000, meany = 50, maxy = 50")) << log.text();
-
   state.lastGamma = 1.0f;
   updateExposure(&state, {64, 48, pixels.data()}, 2, 50);
   EXPECT_EQ(log.lines().size(), 2u) << log.text();
