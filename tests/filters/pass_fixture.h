@@ -4,7 +4,6 @@
 #include <optional>
 #include <span>
 #include <string_view>
-#include <vector>
 
 #include "gl/engine/passes.h"
 #include "reference/passes.h"

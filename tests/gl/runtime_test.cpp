@@ -1,14 +1,10 @@
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <string>
-#include <vector>
 
 #include "gl/runtime/gl_filter.h"
 #include "gl/runtime/program.h"
@@ -271,8 +267,7 @@ TEST_F(ProgramCache, MakesTheLastDirectoryOfItsPathPrivately) {
 TEST_F(ProgramCache, WithoutANameNothingIsKept) {
   fs::remove(path);
   for (const char* name : {static_cast<const char*>(nullptr), ""}) {
-    const Program program(kFragment, kVertex, name, cache.path().c_str());
-    EXPECT_EQ(program.initialized, 1);
+    EXPECT_EQ(Program(kFragment, kVertex, name, cache.path().c_str()).initialized, 1);
   }
   EXPECT_TRUE(fs::is_empty(cache.path()));
 }
@@ -339,7 +334,7 @@ TEST_F(Textures, VolumesLoadEverySlice) {
 
 class FrameBuffers : public GlTest {};
 
-TEST_F(FrameBuffers, LiveThroughInitAgainReleaseAndInvalidate) {
+TEST_F(FrameBuffers, LiveThroughInitAgainReleaseAndInvalidateAndSayWhatIsMissing) {
   FrameBuffer image;
   EXPECT_EQ(image.Init(8, 6, GL_RGBA), 1);
   const GLuint name = image.GetFramebufferId();
@@ -363,14 +358,11 @@ TEST_F(FrameBuffers, LiveThroughInitAgainReleaseAndInvalidate) {
   EXPECT_EQ(image.GetFramebufferId(), 0u);
   EXPECT_EQ(image.Invalidate(), 1);
   image.Release(egl);  // of an empty object: nothing to delete
-}
 
-TEST_F(FrameBuffers, AnIncompleteOneIsLogged) {
   const LogCapture log;
   GLuint empty = 0;
   glGenFramebuffers(1, &empty);
   glBindFramebuffer(GL_FRAMEBUFFER, empty);
-  FrameBuffer image;
   EXPECT_FALSE(image.CheckStatus("empty"));
   EXPECT_TRUE(log.contains("Framebuffer: empty is INCOMPLETE: missing attachment, 8cd7"));
   glDeleteFramebuffers(1, &empty);

@@ -86,10 +86,7 @@ Picture VirtualScreen::capture(unsigned long window) const {
   for (int y = 0; y < picture.height; ++y) {
     for (int x = 0; x < picture.width; ++x) {
       const unsigned long pixel = XGetPixel(image, x, y);
-      picture.at(x, y, 0) = static_cast<uint8_t>(pixel >> 16);
-      picture.at(x, y, 1) = static_cast<uint8_t>(pixel >> 8);
-      picture.at(x, y, 2) = static_cast<uint8_t>(pixel);
-      picture.at(x, y, 3) = 255;
+      for (int c = 0; c < 3; ++c) picture.at(x, y, c) = static_cast<uint8_t>(pixel >> (16 - 8 * c));
     }
   }
   XDestroyImage(image);

@@ -5,17 +5,13 @@ extern "C" {
 #include <libavutil/display.h>
 }
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
+#include <fstream>
 #include <stdexcept>
 
 namespace noxel::tool {
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr int kSampleRate = 44100;
 
@@ -108,11 +104,9 @@ class ClipMaker {
     must(av_frame_get_buffer(frame.get(), 0));
     for (int i = 0; i < 1024; ++i) {
       const double sample = 0.5 * std::sin(0.06 * (start + i));
-      if (audio_->sample_fmt == AV_SAMPLE_FMT_FLTP) {
-        reinterpret_cast<float*>(frame->data[0])[i] = static_cast<float>(sample);
-      } else {
-        reinterpret_cast<int16_t*>(frame->data[0])[i] = static_cast<int16_t>(sample * 32767);
-      }
+      const bool isFloat = audio_->sample_fmt == AV_SAMPLE_FMT_FLTP;
+      if (isFloat) reinterpret_cast<float*>(frame->data[0])[i] = static_cast<float>(sample);
+      if (!isFloat) reinterpret_cast<int16_t*>(frame->data[0])[i] = static_cast<int16_t>(sample * 32767);
     }
     frame->pts = start;
     return frame;
@@ -147,6 +141,16 @@ void writeClip(const std::string& path, const ClipSpec& spec) {
   ClipMaker(path, spec).make();
 }
 
+void writeY4m(const std::string& path, int width, int height, const std::vector<std::vector<uint8_t>>& frames,
+              int framesPerSecond) {
+  std::ofstream file(path, std::ios::binary);
+  file << "YUV4MPEG2 W" << width << " H" << height << " F" << framesPerSecond << ":1 C420jpeg XCOLORRANGE=FULL\n";
+  const std::string chroma(static_cast<size_t>((width + 1) / 2 * ((height + 1) / 2)) * 2, '\x80');
+  for (const std::vector<uint8_t>& luma : frames) {
+    file << "FRAME\n" << std::string(luma.begin(), luma.end()) << chroma;
+  }
+}
+
 int lumaOf(int frame) {
   return 60 + 4 * frame;
 }
@@ -167,7 +171,7 @@ FramePtr rampPlanar(int width, int height, int meanLuma) {
   for (int y = 0; y < height; ++y) {
     for (int x = 0; x < width; ++x) {
       const int offset = width > 1 ? 40 * x / (width - 1) - 20 : 0;
-      frame->data[0][static_cast<ptrdiff_t>(y) * frame->linesize[0] + x] = static_cast<uint8_t>(meanLuma + offset);
+      sample(*frame, 0, x, y) = static_cast<uint8_t>(meanLuma + offset);
     }
   }
   return frame;

@@ -29,6 +29,13 @@ struct ClipSpec {
 void writeClip(const std::string& path, const ClipSpec& spec);
 int lumaOf(int frame);  // mean luma of frame i before encoding
 
+// Y4M in the engine's own colours (no conversion), grey; `frames` are luma planes.
+void writeY4m(const std::string& path, int width, int height, const std::vector<std::vector<uint8_t>>& frames,
+              int framesPerSecond = 25);
+
+inline uint8_t& sample(const AVFrame& frame, int plane, int x, int y) {
+  return frame.data[plane][static_cast<ptrdiff_t>(y) * frame.linesize[plane] + x];
+}
 FramePtr flatPlanar(int width, int height, int y, int u, int v);
 FramePtr rampPlanar(int width, int height, int meanLuma);
 

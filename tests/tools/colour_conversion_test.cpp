@@ -1,10 +1,7 @@
 #include "media/colour_conversion.h"
 
-#include <gtest/gtest.h>
-
 #include <array>
 #include <cmath>
-#include <cstdlib>
 
 #include "clips.h"
 #include "media/nv21_frame.h"
@@ -38,16 +35,14 @@ FramePtr tagged(FramePtr frame, AVColorSpace matrix, AVColorRange range) {
 }
 
 Triple middle(const AVFrame& frame) {
-  const ptrdiff_t y = frame.height / 2;
-  return {frame.data[0][y * frame.linesize[0] + frame.width / 2],
-          frame.data[1][y / 2 * frame.linesize[1] + frame.width / 4],
-          frame.data[2][y / 2 * frame.linesize[2] + frame.width / 4]};
+  const int x = frame.width / 2, y = frame.height / 2;
+  return {sample(frame, 0, x, y), sample(frame, 1, x / 2, y / 2), sample(frame, 2, x / 2, y / 2)};
 }
 
 int distance(const Triple& a, const Triple& b) {
-  int largest = 0;
-  for (size_t i = 0; i < 3; ++i) largest = std::max(largest, std::abs(a[i] - b[i]));
-  return largest;
+  int max = 0;
+  for (size_t i = 0; i < 3; ++i) max = std::max(max, std::abs(a[i] - b[i]));
+  return max;
 }
 
 constexpr std::array<double, 3> kPatches[] = {{0, 0, 0},          {1, 1, 1},       {0.5, 0.5, 0.5}, {1, 0, 0},
@@ -61,11 +56,7 @@ TEST(ColourConversion, EngineColoursPassBitExactly) {
     const FramePtr engine = colours.toEngine(*padded(*colours.planar(*frame)));
     const FramePtr back = colours.fromEngine(*engine);
     for (int y = 0; y < 361; ++y) {
-      const ptrdiff_t offset = static_cast<ptrdiff_t>(y) * frame->linesize[0];
-      ASSERT_EQ(std::equal(frame->data[0] + offset, frame->data[0] + offset + 641,
-                           back->data[0] + static_cast<ptrdiff_t>(y) * back->linesize[0]),
-                true)
-          << "row " << y;
+      ASSERT_TRUE(std::equal(&sample(*frame, 0, 0, y), &sample(*frame, 0, 641, y), &sample(*back, 0, 0, y))) << y;
     }
     EXPECT_EQ(distance(middle(*frame), middle(*back)), 0);
   }
@@ -126,7 +117,7 @@ TEST(ColourConversion, OtherFormatsBecomeEightBit420InTheirOwnRange) {
 
   const FramePtr rgb = makePicture(16, 16, AV_PIX_FMT_RGB24);
   for (int y = 0; y < 16; ++y) {
-    for (int x = 0; x < 48; ++x) rgb->data[0][y * rgb->linesize[0] + x] = x % 3 == 0 ? 255 : 0;
+    for (int x = 0; x < 48; ++x) sample(*rgb, 0, x, y) = x % 3 == 0 ? 255 : 0;
   }
   ColourConversion fromRgb(*rgb);
   EXPECT_LE(distance(middle(*fromRgb.planar(*rgb)), codes({1, 0, 0}, kBt601, false)), 1);

@@ -1,7 +1,5 @@
 // The engine's modes as the tool offers them.
-#include <gtest/gtest.h>
 
-#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "clips.h"
@@ -39,11 +37,7 @@ TEST(EngineModes, RgbaFramesKeepTheirColoursAndGainContrast) {
     settings.look.contrast = contrast;
     RgbaSession session(settings);
     std::vector<uint8_t> nv21(nv21Size(64, 32));
-    std::fill_n(nv21.begin(), 64 * 32, 90);
-    for (size_t i = 64 * 32; i < nv21.size(); i += 2) {
-      nv21[i] = 150;
-      nv21[i + 1] = 110;
-    }
+    packNv21(*flatPlanar(64, 32, 90, 110, 150), nv21.data());
     session.enhance(nv21.data(), 0);
     // A flat picture has no detail; without contrast only the two conversions round, in 8-bit RGB.
     if (contrast == 0) {
@@ -81,30 +75,25 @@ TEST(EngineModes, APictureGoesFromPngToPngWithItsAlpha) {
   const TemporaryDirectory folder;
   constexpr int kWidth = 33, kHeight = 17;
   const FramePtr picture = makePicture(kWidth, kHeight, AV_PIX_FMT_RGBA);
-  const auto pixel = [](const AVFrame& frame, int x, int y) {
-    return frame.data[0] + static_cast<ptrdiff_t>(y) * frame.linesize[0] + 4 * x;
-  };
-  for (int y = 0; y < kHeight; ++y) {
-    for (int x = 0; x < kWidth; ++x) {
-      const uint8_t bar = x == 16 ? 160 : 100;
-      const uint8_t values[4] = {bar, 60, 30, static_cast<uint8_t>(x * 7)};
-      std::copy_n(values, 4, pixel(*picture, x, y));
-    }
+  const auto pixel = [](const AVFrame& frame, int x, int y) { return &sample(frame, 0, 4 * x, y); };
+  for (int i = 0; i < kWidth * kHeight; ++i) {
+    const int x = i % kWidth;
+    const uint8_t bar = x == 16 ? 160 : 100;
+    const uint8_t values[4] = {bar, 60, 30, static_cast<uint8_t>(x * 7)};
+    std::copy_n(values, 4, pixel(*picture, x, i / kWidth));
   }
-  const std::vector<uint8_t> png = encodePng(*picture);
   EnhanceOptions options;
   options.input = folder.file("in.png");
   options.output = folder.file("out.png");
   options.look.engineMode = kModeSynchronousRgba;
   options.look.contrast = 0;
   options.quiet = true;
-  std::ofstream(options.input, std::ios::binary).write(reinterpret_cast<const char*>(png.data()), std::ssize(png));
+  writeFile(options.input, encodePng(*picture));
   ASSERT_EQ(runEnhance(options), kExitFine);
 
   const FramePtr result = VideoReader(options.output).next();
   ASSERT_EQ(result->format, AV_PIX_FMT_RGBA);
-  ASSERT_EQ(result->width, kWidth);
-  ASSERT_EQ(result->height, kHeight);
+  ASSERT_TRUE(result->width == kWidth && result->height == kHeight);
   for (int x = 0; x < kWidth; ++x) ASSERT_EQ(pixel(*result, x, 5)[3], x * 7) << x;
   EXPECT_GT(pixel(*result, 16, 5)[0], 163) << "the bar stands out more";
   for (const int x : {2, 30}) {

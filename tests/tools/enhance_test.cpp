@@ -1,10 +1,6 @@
 #include "enhance/enhance.h"
 
-#include <gtest/gtest.h>
-
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "clips.h"
@@ -123,28 +119,25 @@ TEST_F(Enhance, CompareKeepsTheLeftHalf) {
   const FramePtr in = VideoReader(options_.input).next();
   const FramePtr out = VideoReader(options_.output).next();
   for (int y = 0; y < in->height; ++y) {
-    const uint8_t* before = in->data[0] + static_cast<ptrdiff_t>(y) * in->linesize[0];
-    const uint8_t* after = out->data[0] + static_cast<ptrdiff_t>(y) * out->linesize[0];
+    const uint8_t *before = &sample(*in, 0, 0, y), *after = &sample(*out, 0, 0, y);
     for (int x = 0; x < 32; ++x) ASSERT_EQ(before[x], after[x]) << x << ',' << y;
     // kLift is in full-range codes, these are limited; the two conversions round within 2.
     for (int x = 32; x < 64; ++x) ASSERT_NEAR(after[x] - before[x], kLift * 219.0 / 255, 2) << x << ',' << y;
   }
 }
 
-TEST_F(Enhance, OverlayIsDrawnIntoTheOutput) {
-  writeClip(options_.input, {});
-  options_.output = folder_.file("out.y4m");
-  options_.overlay = true;
-  ASSERT_EQ(run(), kExitFine);
-  EXPECT_TRUE(record_.settings.overlay);
-  const FramePtr out = VideoReader(options_.output).next();
-  EXPECT_EQ(out->data[0][20 * out->linesize[0] + 26], 255) << "the dot";
-}
-
-TEST_F(Enhance, DumpsEachFrameBeforeAndAfter) {
+TEST_F(Enhance, DumpsEachFrameAndOnePictureBeforeAndAfter) {
   writeClip(options_.input, {});
   options_.dumpFolder = folder_.file("dump");
+  options_.pictureFile = folder_.file("frame.png");
   ASSERT_EQ(run(), kExitFine);
+  EXPECT_EQ(record_.warmUps, 1);
+  // The picture is the last frame of a clip as short as this.
+  const FramePtr picture = VideoReader(options_.pictureFile).next();
+  ASSERT_TRUE(picture->width == 128 && picture->height == 48);
+  EXPECT_NEAR(sample(*picture, 0, 3 * 32 + 1, 24), lumaOf(5), 4) << "a chroma of 120, 136 lowers green by 3";
+  EXPECT_NEAR(sample(*picture, 0, 3 * 96 + 1, 24) - sample(*picture, 0, 3 * 32 + 1, 24), kLift, 2);
+
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(options_.dumpFolder), {}), 12);
   const auto green = [&](const char* name) {  // of the centre pixel
     const std::string bytes = contents(options_.dumpFolder + "/frame-000003-" + name + ".bmp");
@@ -158,17 +151,25 @@ TEST_F(Enhance, DumpsEachFrameBeforeAndAfter) {
   EXPECT_THROW(run(), ToolError) << "the folder is not empty";
 }
 
-TEST_F(Enhance, StatisticsHoldEachReportAndASummary) {
+TEST_F(Enhance, StatisticsHoldEachReportThePassesAndASummary) {
   writeClip(options_.input, {});
+  options_.output = folder_.file("out.y4m");
   options_.statsFile = folder_.file("run.json");
-  options_.overlay = true;  // not measured
+  options_.overlay = true;  // drawn into the output, not measured
   options_.warmUp = false;
+  options_.passes = true;
+  testing::internal::CaptureStderr();
   ASSERT_EQ(run(), kExitFine);
+  const std::string table = testing::internal::GetCapturedStderr();
   EXPECT_EQ(record_.warmUps, 0);
+  EXPECT_TRUE(record_.settings.overlay);
+  EXPECT_EQ(sample(*VideoReader(options_.output).next(), 0, 26, 20), 255) << "the dot";
+  EXPECT_NE(table.find("lift                          6    2.000    2.000    2.000 100.0 %\n"), table.npos) << table;
 
   auto json = nlohmann::json::parse(contents(options_.statsFile));
   EXPECT_EQ(json["input"]["width"], 64);
   EXPECT_EQ(json["options"]["warm_up"], false);
+  EXPECT_EQ(json["passes"][0]["drawn"], 6);
   ASSERT_EQ(json["frames"].size(), 6u);
   EXPECT_EQ(json["frames"][0]["starts_sequence"], true);
   auto& frame = json["frames"][3];
@@ -188,30 +189,6 @@ TEST_F(Enhance, StatisticsHoldEachReportAndASummary) {
   EXPECT_EQ(summary["gpu_ms_p95"], 26);
 }
 
-TEST_F(Enhance, PassesAreInTheStatisticsAndInATable) {
-  writeClip(options_.input, {});
-  options_.statsFile = folder_.file("run.json");
-  options_.passes = true;
-  testing::internal::CaptureStderr();
-  ASSERT_EQ(run(), kExitFine);
-  const std::string table = testing::internal::GetCapturedStderr();
-  EXPECT_NE(table.find("lift                          6    2.000    2.000    2.000 100.0 %\n"), table.npos) << table;
-  EXPECT_EQ(nlohmann::json::parse(contents(options_.statsFile))["passes"][0]["drawn"], 6);
-}
-
-TEST_F(Enhance, ThePictureIsTheLastFrameOfAShortClipBeforeAndAfter) {
-  writeClip(options_.input, {});
-  options_.pictureFile = folder_.file("frame.png");
-  ASSERT_EQ(run(), kExitFine);
-  EXPECT_EQ(record_.warmUps, 1);
-  const FramePtr picture = VideoReader(options_.pictureFile).next();
-  ASSERT_EQ(picture->width, 128);
-  ASSERT_EQ(picture->height, 48);
-  const auto green = [&](int x) { return picture->data[0][24 * picture->linesize[0] + 3 * x + 1]; };
-  EXPECT_NEAR(green(32), lumaOf(5), 4) << "a chroma of 120, 136 lowers green by 3";
-  EXPECT_NEAR(green(96) - green(32), kLift, 2);
-}
-
 TEST_F(Enhance, FinishesTheFileWhenStopped) {
   writeClip(options_.input, {});
   record_.stopAt = 2;
@@ -226,8 +203,8 @@ TEST_F(Enhance, ASizeChangeLeavesNoOutput) {
   writeClip(folder_.file("a.mjpeg"), spec);
   spec.width = 32;
   writeClip(folder_.file("b.mjpeg"), spec);
-  std::ofstream(options_.input = folder_.file("ab.mjpeg"), std::ios::binary)
-      << contents(folder_.file("a.mjpeg")) << contents(folder_.file("b.mjpeg"));
+  options_.input = folder_.file("ab.mjpeg");
+  writeFile(options_.input, contents(folder_.file("a.mjpeg")) + contents(folder_.file("b.mjpeg")));
   const ToolError refused = refusal([&] { run(); });
   EXPECT_EQ(refused.code(), kExitFailed);
   EXPECT_NE(std::string(refused.what()).find("64x48 to 32x48"), std::string::npos) << refused.what();

@@ -1,5 +1,4 @@
 // Hostile input and environments: damaged and joined clips, full disks, closed streams, a kill in mid-write.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <csignal>
@@ -9,6 +8,7 @@
 #include "clips.h"
 #include "enhance/enhance.h"
 #include "run_command.h"
+#include "support/picture.h"
 
 namespace noxel::tool {
 namespace {
@@ -44,20 +44,8 @@ int enhance(const std::string& input, const std::string& output, bool quiet = tr
   }
 }
 
-void write(const std::string& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
-}
-
-std::string y4m(int width, int height, int frames) {
-  std::mt19937 noise(1);  // incompressible
-  std::string clip =
-      "YUV4MPEG2 W" + std::to_string(width) + " H" + std::to_string(height) + " F25:1 C420jpeg XCOLORRANGE=FULL\n";
-  const int bytes = width * height + 2 * ((width + 1) / 2) * ((height + 1) / 2);
-  for (int i = 0; i < frames; ++i) {
-    clip += "FRAME\n";
-    for (int j = 0; j < bytes; ++j) clip += static_cast<char>(noise());
-  }
-  return clip;
+void writeNoise(const std::string& path, int width, int height, size_t frames) {
+  writeY4m(path, width, height, {frames, noisyBytes(static_cast<size_t>(width * height), 1)});
 }
 
 std::string flv(const std::string& path, AVCodecID audio, int64_t interval) {
@@ -76,7 +64,7 @@ TEST(HostileClips, ADamagedClipGivesACompleteFileOrNone) {
   ClipSpec spec;
   spec.audio = AV_CODEC_ID_AAC;
   for (const char* name : {"in.mkv", "in.mp4", "in.ts"}) writeClip(folder.file(name), spec);
-  write(folder.file("in.y4m"), y4m(16, 16, 4));
+  writeNoise(folder.file("in.y4m"), 16, 16, 4);
   spec = {};
   spec.video = AV_CODEC_ID_MJPEG;
   writeClip(folder.file("in.mjpeg"), spec);
@@ -90,7 +78,7 @@ TEST(HostileClips, ADamagedClipGivesACompleteFileOrNone) {
       if (i % 3 == 0) bytes.resize(random() % bytes.size());
       for (int flips = i % 3 * 4; flips > 0; --flips) bytes[random() % bytes.size()] = static_cast<char>(random());
       const TemporaryDirectory work;
-      write(work.file(name), bytes);
+      writeFile(work.file(name), bytes);
       const std::string output = work.file(i % 2 == 0 ? "out.mkv" : "out.mp4");
       const int code = enhance(work.file(name), output);
       EXPECT_TRUE(code == kExitFine || code == kExitFailed || code == kExitUnreadable) << code;
@@ -111,31 +99,27 @@ TEST(HostileClips, ATruncatedClipIsNoted) {
   writeClip(folder.file("in.mkv"), spec);
   const std::string whole = contents(folder.file("in.mkv"));
   for (const bool cut : {false, true}) {
-    write(folder.file("in.mkv"), cut ? whole.substr(0, whole.size() * 6 / 10) : whole);
+    writeFile(folder.file("in.mkv"), cut ? whole.substr(0, whole.size() * 6 / 10) : whole);
     testing::internal::CaptureStderr();
     EXPECT_EQ(enhance(folder.file("in.mkv"), folder.file("out.mkv"), false), kExitFine);
     EXPECT_EQ(testing::internal::GetCapturedStderr().find("cut short") != std::string::npos, cut);
   }
 }
 
-TEST(HostileClips, ImpossibleHeadersAreUnreadable) {
-  const TemporaryDirectory folder;
-  for (const char* sizes : {"W999999999 H999999999", "W16000 H16000", "W-3 H0", "W64 H48"}) {
-    write(folder.file("in.y4m"), std::string("YUV4MPEG2 ") + sizes + " F25:1\nFRAME\nabc");
-    EXPECT_EQ(enhance(folder.file("in.y4m"), folder.file("out.mkv")), kExitUnreadable) << sizes;
-  }
-  EXPECT_EQ(folder.names(), std::vector<std::string>{"in.y4m"});
-}
-
-TEST(HostileClips, PlaylistsOfOtherFilesAreRefused) {
+TEST(HostileClips, ImpossibleHeadersAndPlaylistsOfOtherFilesAreUnreadable) {
   const TemporaryDirectory folder;
   writeClip(folder.file("other.mkv"), {});
-  write(folder.file("concat.mp4"), "ffconcat version 1.0\nfile other.mkv\n");
-  write(folder.file("playlist.mp4"),
-        "#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXTINF:1,\n" + folder.file("other.mkv") + "\n#EXT-X-ENDLIST\n");
-  for (const char* name : {"concat.mp4", "playlist.mp4"}) {
-    EXPECT_EQ(enhance(folder.file(name), folder.file("out.mkv")), kExitUnreadable) << name;
+  const std::string other = folder.file("other.mkv");
+  std::vector<std::string> clips = {"ffconcat version 1.0\nfile other.mkv\n",
+                                    "#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXTINF:1,\n" + other + "\n#EXT-X-ENDLIST\n"};
+  for (const char* sizes : {"W999999999 H999999999", "W16000 H16000", "W-3 H0", "W64 H48"}) {
+    clips.push_back(std::string("YUV4MPEG2 ") + sizes + " F25:1\nFRAME\nabc");
   }
+  for (const std::string& clip : clips) {
+    writeFile(folder.file("in.mp4"), clip);
+    EXPECT_EQ(enhance(folder.file("in.mp4"), folder.file("out.mkv")), kExitUnreadable) << clip;
+  }
+  EXPECT_EQ(folder.names(), (std::vector<std::string>{"in.mp4", "other.mkv"}));
 }
 
 TEST(HostileClips, InvalidColourTagsAreIgnored) {
@@ -145,7 +129,7 @@ TEST(HostileClips, InvalidColourTagsAreIgnored) {
   const size_t matrix = bytes.find("\x55\xB1\x81\x06");  // Matroska's MatrixCoefficients: one byte, BT.601
   ASSERT_NE(matrix, std::string::npos);
   bytes[matrix + 3] = '\x78';
-  write(folder.file("in.mkv"), bytes);
+  writeFile(folder.file("in.mkv"), bytes);
   EXPECT_EQ(enhance(folder.file("in.mkv"), folder.file("out.mkv")), kExitFine);
 }
 
@@ -153,12 +137,11 @@ TEST(HostileClips, TheSmallestFramesKeepTheirSizeAndRange) {
   const TemporaryDirectory folder;
   const int sizes[][2] = {{1, 1}, {2, 2}, {3, 5}, {1, 40}};
   for (const auto& [width, height] : sizes) {
-    write(folder.file("in.y4m"), y4m(width, height, 1));
+    writeNoise(folder.file("in.y4m"), width, height, 1);
     for (const char* name : {"out.mp4", "out.mkv", "out.y4m"}) {
       ASSERT_EQ(enhance(folder.file("in.y4m"), folder.file(name)), kExitFine) << width << "x" << height << name;
       const FramePtr frame = VideoReader(folder.file(name)).first();
-      EXPECT_EQ(frame->width, width);
-      EXPECT_EQ(frame->height, height);
+      EXPECT_TRUE(frame->width == width && frame->height == height);
       EXPECT_EQ(frame->color_range, AVCOL_RANGE_JPEG);
     }
   }
@@ -171,7 +154,7 @@ TEST(HostileClips, AudioOfJoinedClipsDoesNotStopTheVideo) {
   // Time stamps that go back; audio that starts in mid-clip.
   for (const std::string& joined :
        {sounding + sounding.substr(kFlvHeader), silent + sounding.substr(kFlvHeader) + silent.substr(kFlvHeader)}) {
-    write(folder.file("in.flv"), joined);
+    writeFile(folder.file("in.flv"), joined);
     EXPECT_EQ(enhance(folder.file("in.flv"), folder.file("out.mkv")), kExitFine);
     EXPECT_GE(contentsOf(folder.file("out.mkv")).seconds.size(), 12u);
   }
@@ -181,7 +164,7 @@ TEST(HostileClips, AKillInMidWriteKeepsTheOldFile) {
   const TemporaryDirectory folder;
   writeClip(folder.file("in.mkv"), {});
   for (const char* name : {"old.mkv", "old.mp4", "old.y4m"}) {
-    write(folder.file(name), "old");
+    writeFile(folder.file(name), std::string("old"));
     EXPECT_EXIT(enhance<Killer>(folder.file("in.mkv"), folder.file(name)), testing::KilledBySignal(SIGKILL), "");
     EXPECT_EQ(contents(folder.file(name)), "old");
   }
@@ -197,21 +180,20 @@ TEST(HostileClips, AFullDiskIsReportedAndLeavesNoFile) {
   spec.times.clear();
   for (int64_t i = 0; i < 30; ++i) spec.times.push_back(6000 * i);
   spec.picture = [](int index) {
-    std::mt19937 noise(static_cast<unsigned>(index));
     FramePtr frame = flatPlanar(128, 96, 0, 128, 128);
-    std::generate_n(frame->data[0], 96 * frame->linesize[0], [&] { return static_cast<uint8_t>(noise() % 200); });
+    std::ranges::copy(noisyBytes(static_cast<size_t>(96 * frame->linesize[0]), static_cast<unsigned>(index)),
+                      frame->data[0]);
     return frame;
   };
   writeClip(folder.file("in.mkv"), spec);
   const std::string in = folder.file("in.mkv") + " ";
   const std::string enhanced = "enhance " + in + "-q -o " + folder.file("o.");
   const TemporaryDirectory cache;
-  // In units of 512 or 1024 bytes, depending on the shell. Every file would be larger.
-  const std::string limit = "ulimit -f 16; XDG_CACHE_HOME='" + cache.file("") + "' ";
   for (const std::string& arguments :
        {enhanced + "mp4 --crf 0", enhanced + "mkv --crf 0", enhanced + "y4m",
         enhanced + "y4m --dump-frames " + folder.file("dump"), "analyze " + in + "--plot " + folder.file("p.png")}) {
-    const Outcome outcome = runCommand(NOXEL_EXECUTABLE, arguments, limit);
+    // In units of 512 or 1024 bytes, depending on the shell. Every file would be larger.
+    const Outcome outcome = noxel(cache, arguments, "ulimit -f 16;");
     EXPECT_EQ(outcome.exitCode, kExitFailed) << arguments;
     EXPECT_EQ(outcome.error.rfind("noxel: cannot write " + folder.file(""), 0), 0u) << outcome.error;
     EXPECT_NE(outcome.error.find(": File too large"), std::string::npos) << outcome.error;
@@ -223,8 +205,8 @@ TEST(HostileClips, AFullDiskIsReportedAndLeavesNoFile) {
 TEST(HostileClips, FullOrClosedStandardStreamsAreReported) {
   NEEDS_DRIVER();
   const TemporaryDirectory folder;
-  write(folder.file("in.y4m"), y4m(64, 48, 3));
-  write(folder.file("planes.raw"), std::string(size_t{3} * 64 * 64, 'x'));
+  writeNoise(folder.file("in.y4m"), 64, 48, 3);
+  writeFile(folder.file("planes.raw"), std::string(size_t{3} * 64 * 64, 'x'));
   const std::string noxel = "XDG_CACHE_HOME='" + folder.file("cache") + "' '" NOXEL_EXECUTABLE "' ";
   const std::string in = folder.file("in.y4m");
   const auto shell = [](const std::string& command) { return WEXITSTATUS(std::system(command.c_str())); };

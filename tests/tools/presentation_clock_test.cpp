@@ -20,7 +20,6 @@ TEST(PresentationClock, OnlyAGapInTheClipBreaksTheSequence) {
   };
   constexpr Row kRows[] = {
       {40'000, 40'000, 40'000},         // no change
-      {33'367, 33'366, 33'366},         //
       {40'000, 200'000, 199'000},       // five intervals: shortened
       {40'000, 200'001, 1'600'000},     // a gap: lengthened to a break
       {40'000, 7'000'000, 7'000'000},   //
@@ -30,7 +29,6 @@ TEST(PresentationClock, OnlyAGapInTheClipBreaksTheSequence) {
       {200'000, 200'000, 33'000},       // slow clips step like a camera
       {250'000, 1'000'000, 33'000},     // exactly one second is not a gap
       {250'000, 1'000'001, 1'600'000},  //
-      {500'000, 1'000'000, 33'000},     // one frame lost
       {3'000'000, 6'000'000, 33'000},   // time lapse: every interval is above a second
       {3'000'000, 15'000'001, 15'000'001},
       {40'000, 0, 1},  // equal time stamps still step

@@ -1,9 +1,6 @@
-#include <gtest/gtest.h>
 
 #include <cstdint>
-#include <fstream>
 #include <sstream>
-#include <string>
 #include <vector>
 
 #include "run_command.h"
@@ -25,9 +22,11 @@ class Register : public testing::Test {
     const Outcome outcome = runCommand(NOXEL_REGISTER_EXECUTABLE, arguments);
     lines_.clear();
     std::istringstream out(outcome.out);
-    for (Line line;
-         out >> line.valid >> line.m[0] >> line.m[1] >> line.m[2] >> line.m[3] >> line.m[4] >> line.m[5] >> line.ms;)
+    for (Line line; out >> line.valid;) {
+      for (double& value : line.m) out >> value;
+      out >> line.ms;
       lines_.push_back(line);
+    }
     error_ = outcome.error;
     return outcome.exitCode;
   }
@@ -36,14 +35,15 @@ class Register : public testing::Test {
   // with a shear of exactly 0 counts as failed. Returns "FILE W H N".
   std::string writePlanes(int width, int height, int frames, int dx, int dy) {
     const Waves scene(7, 8);
-    std::ofstream file(folder_.file("planes"), std::ios::binary);
-    for (int frame = 0; frame < frames; ++frame) {
-      const std::vector<uint8_t> plane =
-          scene.seen(width, height, shifted(-dx * frame, -dy * frame), 1.5, static_cast<unsigned>(frame));
-      file.write(reinterpret_cast<const char*>(plane.data()), std::ssize(plane));
+    std::vector<uint8_t> planes;
+    for (int i = 0; i < frames; ++i) {
+      const auto plane = scene.seen(width, height, shifted(-dx * i, -dy * i), 1.5, static_cast<unsigned>(i));
+      planes.insert(planes.end(), plane.begin(), plane.end());
     }
-    return folder_.file("planes") + ' ' + std::to_string(width) + ' ' + std::to_string(height) + ' ' +
-           std::to_string(frames);
+    writeFile(folder_.file("planes"), planes);
+    std::ostringstream arguments;
+    arguments << folder_.file("planes") << ' ' << width << ' ' << height << ' ' << frames;
+    return arguments.str();
   }
 
   void expectTranslation(size_t count, double dx, double dy, int width, int height, double tolerance) {
@@ -79,7 +79,7 @@ TEST_F(Register, MeasuresLargeFramesAtHalfSizeInFullPixels) {
 }
 
 TEST_F(Register, FlatFramesCannotBeRegistered) {
-  std::ofstream(folder_.file("flat"), std::ios::binary) << std::string(3 * 64 * 48, '\x40');
+  writeFile(folder_.file("flat"), std::string(3 * 64 * 48, '\x40'));
   ASSERT_EQ(run(folder_.file("flat") + " 64 48 3"), kExitFine) << error_;
   ASSERT_EQ(lines_.size(), 2u);
   const std::vector<double> identity = {1, 0, 0, 0, 1, 0};
@@ -91,14 +91,17 @@ TEST_F(Register, FlatFramesCannotBeRegistered) {
 
 TEST_F(Register, ReportsUsageErrorsAndUnreadableFiles) {
   const std::string planes = writePlanes(32, 16, 2, 0, 0);
-  for (const std::string& arguments :
-       {std::string(), folder_.file("planes") + " 32 16", folder_.file("planes") + " 0 16 2", planes + " --threads -1",
-        planes + " --speed 1", folder_.file("planes") + " 100000 100000 2"}) {
-    EXPECT_EQ(run(arguments), kExitUsage) << arguments;
-    EXPECT_EQ(error_.rfind("noxel-register: ", 0), 0u) << error_;
-  }
-  for (const std::string& arguments : {folder_.file("missing") + " 32 16 2", folder_.file("planes") + " 32 16 3"}) {
-    EXPECT_EQ(run(arguments), kExitUnreadable) << arguments;
+  const std::string file = folder_.file("planes");
+  const std::pair<std::string, int> cases[] = {{"", kExitUsage},
+                                               {file + " 32 16", kExitUsage},
+                                               {file + " 0 16 2", kExitUsage},
+                                               {planes + " --threads -1", kExitUsage},
+                                               {planes + " --speed 1", kExitUsage},
+                                               {file + " 100000 100000 2", kExitUsage},
+                                               {folder_.file("missing") + " 32 16 2", kExitUnreadable},
+                                               {file + " 32 16 3", kExitUnreadable}};
+  for (const auto& [arguments, code] : cases) {
+    EXPECT_EQ(run(arguments), code) << arguments;
     EXPECT_EQ(error_.rfind("noxel-register: ", 0), 0u) << error_;
   }
   EXPECT_EQ(run("--help"), kExitFine);

@@ -21,6 +21,11 @@ inline std::string contents(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
+template <typename Bytes>
+void writeFile(const std::string& path, const Bytes& bytes) {
+  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes));
+}
+
 struct Outcome {
   int exitCode;
   std::string out;
@@ -35,6 +40,11 @@ inline Outcome runCommand(const std::string& executable, const std::string& argu
                               output.file("out") + "' 2>'" + output.file("error") + "'";
   const int status = std::system(command.c_str());
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contents(output.file("out")), contents(output.file("error"))};
+}
+
+inline Outcome noxel(const TemporaryDirectory& folder, const std::string& arguments,
+                     const std::string& environment = "") {
+  return runCommand(NOXEL_EXECUTABLE, arguments, environment + " XDG_CACHE_HOME='" + folder.file("cache") + "'");
 }
 
 inline std::string missingDriver() {

@@ -1,11 +1,9 @@
 #include "view/view.h"
 
 #include <SDL.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <sstream>
 
 #include "clips.h"
@@ -38,9 +36,9 @@ FramePtr quartered() {
   for (int y = 0; y < kHeight; ++y) {
     for (int x = 0; x < kWidth; ++x) {
       const Colour& colour = kQuarters[2 * (2 * y / kHeight) + 2 * x / kWidth];
-      frame->data[0][y * frame->linesize[0] + x] = static_cast<uint8_t>(colour.y);
-      frame->data[1][y / 2 * frame->linesize[1] + x / 2] = static_cast<uint8_t>(colour.u);
-      frame->data[2][y / 2 * frame->linesize[2] + x / 2] = static_cast<uint8_t>(colour.v);
+      sample(*frame, 0, x, y) = static_cast<uint8_t>(colour.y);
+      sample(*frame, 1, x / 2, y / 2) = static_cast<uint8_t>(colour.u);
+      sample(*frame, 2, x / 2, y / 2) = static_cast<uint8_t>(colour.v);
     }
   }
   return frame;
@@ -117,12 +115,20 @@ class View : public ScreenTest {
     return eventually([&] { return !viewer.step() || holds(); }) && holds();
   }
 
-  static void press(SDL_Keycode key) {
-    SDL_Event event = {};
-    event.type = SDL_KEYDOWN;
-    event.key.state = SDL_PRESSED;
-    event.key.keysym.sym = key;
-    SDL_PushEvent(&event);
+  static void press(std::initializer_list<SDL_Keycode> keys) {
+    for (const SDL_Keycode key : keys) {
+      SDL_Event event = {};
+      event.type = SDL_KEYDOWN;
+      event.key.state = SDL_PRESSED;
+      event.key.keysym.sym = key;
+      SDL_PushEvent(&event);
+    }
+  }
+
+  static double secondsToTheEnd(Viewer& viewer) {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(playsUntil(viewer, [&] { return viewer.atEnd(); }));
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   }
 
   static std::string title(const Viewer& viewer) { return SDL_GetWindowTitle(viewer.window().get()); }
@@ -139,7 +145,7 @@ TEST_F(View, ShowsTheClipEnhancedAndInASplitHalfOriginal) {
       return seen.width == kWidth && seen.height == kHeight && isEnhanced(seen, 0, 0) && isEnhanced(seen, 1, 1) &&
              isEnhanced(seen, 2, 2) && isEnhanced(seen, 3, 3);
     })) << spatial;
-    press(SDLK_s);
+    press({SDLK_s});
     EXPECT_TRUE(comesToShow(viewer, [](const Picture& seen) {
       return isEnhanced(seen, 0, 0) && isUntouched(seen, 1, 1) && isEnhanced(seen, 2, 2) && isUntouched(seen, 3, 3);
     })) << spatial;
@@ -166,10 +172,10 @@ TEST_F(View, TheTitleShowsFramesPerSecondAndLook) {
     return title(viewer).ends_with(" fps - temporal, strength 65, exposure 50") &&
            title(viewer).find(" 0 fps") == std::string::npos;
   })) << title(viewer);
-  for (const SDL_Keycode key : {SDLK_SPACE, SDLK_d, SDLK_UP, SDLK_e, SDLK_b}) press(key);
+  press({SDLK_SPACE, SDLK_d, SDLK_UP, SDLK_e, SDLK_b});
   ASSERT_TRUE(viewer.step());
   EXPECT_EQ(title(viewer), "quarters.mkv - paused - spatial, strength 70, exposure 75");
-  for (const SDL_Keycode key : {SDLK_d, SDLK_s}) press(key);
+  press({SDLK_d, SDLK_s});
   ASSERT_TRUE(viewer.step());
   EXPECT_EQ(title(viewer), "quarters.mkv - paused - temporal, strength 70, exposure 75, stabilised, split");
 }
@@ -177,7 +183,7 @@ TEST_F(View, TheTitleShowsFramesPerSecondAndLook) {
 TEST_F(View, APausedPictureFollowsKeysAndWindowSizeUntilSpace) {
   Viewer viewer(options_);
   ASSERT_TRUE(playsUntil(viewer, [&] { return viewer.framesShown() > 5; }));
-  for (const SDL_Keycode key : {SDLK_SPACE, SDLK_s}) press(key);
+  press({SDLK_SPACE, SDLK_s});
   ASSERT_TRUE(viewer.step());
   EXPECT_TRUE(viewer.paused());
   const int64_t shown = viewer.framesShown();
@@ -189,9 +195,9 @@ TEST_F(View, APausedPictureFollowsKeysAndWindowSizeUntilSpace) {
   }));
   EXPECT_EQ(viewer.framesShown(), shown);
 
-  press(SDLK_SPACE);
+  press({SDLK_SPACE});
   EXPECT_TRUE(playsUntil(viewer, [&] { return viewer.framesShown() > shown + 3; }));
-  press(SDLK_ESCAPE);
+  press({SDLK_ESCAPE});
   EXPECT_FALSE(viewer.step());
 }
 
@@ -199,17 +205,14 @@ TEST_F(View, PlaysInRealTimeAndSpaceRestartsItAtTheEnd) {
   constexpr int kFrames = 15;
   writeClip(options_.input, quarteredClip(kFrames));
   options_.loop = false;
-  const auto start = std::chrono::steady_clock::now();
   Viewer viewer(options_);
-  ASSERT_TRUE(playsUntil(viewer, [&] { return viewer.atEnd(); }));
-  const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
-  EXPECT_GE(taken.count(), 0.04 * kFrames);
+  EXPECT_GE(secondsToTheEnd(viewer), 0.04 * kFrames);
   EXPECT_LE(viewer.framesShown(), kFrames);
   EXPECT_GE(viewer.framesShown(), 2) << "a busy machine skips frames, but not all";
   EXPECT_TRUE(comesToShow(viewer, [](const Picture& seen) { return brightness(seenIn(seen, 0)) > 0; }));
 
   const int64_t shown = viewer.framesShown();
-  press(SDLK_SPACE);
+  press({SDLK_SPACE});
   EXPECT_TRUE(playsUntil(viewer, [&] { return viewer.framesShown() > shown; }));
   EXPECT_FALSE(viewer.atEnd());
 }
@@ -222,11 +225,8 @@ TEST_F(View, SkipsLateFrames) {
   const int64_t shown = viewer.framesShown();
   ASSERT_TRUE(viewer.step());
   EXPECT_LE(viewer.framesShown(), shown + 1);
-  const auto start = std::chrono::steady_clock::now();
-  ASSERT_TRUE(playsUntil(viewer, [&] { return viewer.atEnd(); }));
-  const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
   // Of the clip's 2.0 s 1.4 are left; without skipping the rest would take 1.96.
-  EXPECT_LT(taken.count(), 1.7);
+  EXPECT_LT(secondsToTheEnd(viewer), 1.7);
   EXPECT_LE(viewer.framesShown(), 40);
 }
 
@@ -237,7 +237,7 @@ TEST_F(View, ShowsALiveDeviceUntilStopped) {
   options_.look.spatial = true;
   Viewer viewer(options_);
   EXPECT_TRUE(playsUntil(viewer, [&] { return viewer.framesShown() >= 5; }));
-  press(SDLK_SPACE);
+  press({SDLK_SPACE});
   ASSERT_TRUE(viewer.step());
   const int64_t shown = viewer.framesShown();
   for (int i = 0; i < 3; ++i) ASSERT_TRUE(viewer.step());
@@ -248,23 +248,21 @@ TEST_F(View, ShowsALiveDeviceUntilStopped) {
 
 TEST_F(View, CommandReturnsExitCodes) {
   writeClip(options_.input, quarteredClip(5));
-  const auto noxel = [&](const std::string& environment, const std::string& arguments) -> Outcome {
-    return runCommand(NOXEL_EXECUTABLE, "view " + arguments,
-                      environment + " XDG_CACHE_HOME='" + folder_.file("cache") + "'");
-  };
-  EXPECT_EQ(noxel("", options_.input + " --exit --split --exposure 0").exitCode, kExitFine);
-  EXPECT_EQ(noxel("", "--format lavfi testsrc=size=50x38:duration=0.2 --exit").exitCode, kExitFine);
-  EXPECT_EQ(noxel("", "--format no-such-kind x").exitCode, kExitUnreadable);
-  EXPECT_EQ(noxel("", "/dev/video-none").exitCode, kExitUnreadable);
-  EXPECT_EQ(noxel("", options_.input + " --denoise spatial --stabilize").exitCode, kExitUsage);
-  EXPECT_EQ(noxel("", options_.input + " --loop --exit").exitCode, kExitUsage);
-  EXPECT_EQ(noxel("", "- --loop").exitCode, kExitUsage);
-
-  const Outcome withoutDisplay = noxel("env -u DISPLAY", options_.input);
+  const std::string clip = options_.input;
+  const std::pair<std::string, int> cases[] = {{clip + " --exit --split --exposure 0", kExitFine},
+                                               {"--format lavfi testsrc=size=50x38:duration=0.2 --exit", kExitFine},
+                                               {"--format no-such-kind x", kExitUnreadable},
+                                               {"/dev/video-none", kExitUnreadable},
+                                               {clip + " --denoise spatial --stabilize", kExitUsage},
+                                               {clip + " --loop --exit", kExitUsage},
+                                               {"- --loop", kExitUsage}};
+  for (const auto& [arguments, code] : cases)
+    EXPECT_EQ(noxel(folder_, "view " + arguments).exitCode, code) << arguments;
+  const Outcome withoutDisplay = noxel(folder_, "view " + clip, "env -u DISPLAY");
   EXPECT_EQ(withoutDisplay.exitCode, kExitFailed);
   EXPECT_NE(withoutDisplay.error.find("DISPLAY is not set"), std::string::npos) << withoutDisplay.error;
-  const Outcome withoutDriver = noxel("__EGL_VENDOR_LIBRARY_FILENAMES=/nonexistent", options_.input + " --exit");
-  EXPECT_EQ(withoutDriver.exitCode, kExitNoGl) << withoutDriver.error;
+  const std::string noDriver = "__EGL_VENDOR_LIBRARY_FILENAMES=/nonexistent";
+  EXPECT_EQ(noxel(folder_, "view " + clip + " --exit", noDriver).exitCode, kExitNoGl);
 }
 
 TEST(ViewControls, StrengthAloneRepeatsAndStaysInRange) {
@@ -289,10 +287,8 @@ TEST(ViewControls, ALargeClipIsScaledToFitTheDesktop) {
   const Size landscape = fitInto({3840, 2160}, {1920, 1000});
   EXPECT_EQ(landscape.height, 1000);
   EXPECT_NEAR(landscape.width, 1000 * 16 / 9, 1);
-  const Size portrait = fitInto({1080, 1920}, {1920, 1080});
-  EXPECT_EQ(portrait.height, 1080);
-  const Size small = fitInto({64, 48}, {1920, 1080});
-  EXPECT_EQ(small.width, 64) << "a small one is not scaled";
+  EXPECT_EQ(fitInto({1080, 1920}, {1920, 1080}).height, 1080);
+  EXPECT_EQ(fitInto({64, 48}, {1920, 1080}).width, 64) << "a small one is not scaled";
 }
 
 }  // namespace
