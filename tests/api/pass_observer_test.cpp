@@ -42,6 +42,12 @@ TEST(PassObserver, IsToldWhatEachPassTookUntilItIsSwitchedOff) {
   EXPECT_GT(observed.total, 0u);
   // The call waited for them all. Together they may take longer: a software driver draws two at once.
   EXPECT_LT(observed.longest, static_cast<uint64_t>(std::chrono::nanoseconds(elapsed).count()));
+  const FrameReport report = lastFrameReport(engine.handle);
+  const double callMs = std::chrono::duration<double, std::milli>(elapsed).count();
+  for (const double part : {report.uploadMs, report.registrationMs, report.gpuMs}) {
+    EXPECT_GT(part, 0.0);
+    EXPECT_LT(part, callMs);
+  }
 
   ASSERT_EQ(observePasses(engine.handle, nullptr, nullptr), 0);
   observed = {};

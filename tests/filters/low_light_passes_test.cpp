@@ -160,6 +160,27 @@ TEST_F(LowLightPasses, HalvingAveragesFourNeighbours) {
                       toPicture(diagonalBox(Image(40, 20, copy.rgba), {1.0 / 40, 1.0 / 20}, {20, 10})), 1));
 }
 
+TEST_F(LowLightPasses, DetailIsWhatSmoothingTookAndMoreOfItAtEdges) {
+  const Noisy picture(40, 20, 23);
+  const Noisy smooth(40, 20, 24);  // as far from the picture as an edge
+  read({picture.texture.GetId(), smooth.texture.GetId()});
+  settings.sharpening = 4;    // a strength of 0.1 + 0.05 * 4
+  settings.contrast = 35.0f;  // a curve of 0.2862
+  const Image plain = detailed(picture.image, smooth.image, 0.3);
+  // Samples lie at texel centres: what remains is the rounding of half-way values, and the curve's slope of 1.5.
+  EXPECT_TRUE(closeTo(draw("detail", kr_w4, 40, 20), toPicture(plain), 1));
+  EXPECT_TRUE(closeTo(draw("detail", kr_w5, 40, 20),
+                      toPicture(detailedWithContrast(picture.image, smooth.image, 0.3, 0.2862, 1)), 2));
+}
+
+TEST_F(LowLightPasses, TheSelectorPicksOneChannelAlone) {
+  read({selector.GetId()});
+  const Picture texels = draw("halve", kr_w1, 4, 1);
+  for (int x = 0; x < 4; ++x) {
+    for (int c = 0; c < 3; ++c) EXPECT_EQ(texels.at(x, 0, c), x == c ? 255 : 0) << x << ", " << c;
+  }
+}
+
 TEST_F(LowLightPasses, CornersBoundThePictureAndTransformActsOnClipSpace) {
   const Noisy source(16, 8, 21);
   read({source.texture.GetId()});
