@@ -102,11 +102,7 @@ bool LowLightFilter::setupPrograms(const CacheDirectory& cacheDirectory) {
 
 Texture createSelectorTexture() {
   static constexpr unsigned char kTexels[16] = {255, 0, 0, 0, 0, 255, 0, 0, 0, 0, 255, 0, 0, 0, 0, 255};
-  forgetGLErrors();
-  Texture texture;
-  texture.Init(4, 1, GL_RGBA, GL_NEAREST, GL_REPEAT, kTexels);
-  if (!NOXEL_CHECK_GL("createSelectorTexture")) texture.Release();
-  return texture;
+  return Texture::make(4, 1, GL_RGBA, GL_NEAREST, GL_REPEAT, kTexels);
 }
 
 }  // namespace noxel

@@ -118,21 +118,35 @@ void forEachPass(const _KRGPUEngine& engine, const Visit& visit) {
 // False when the image cannot be drawn into.
 bool createImage(_KRGPUEngine* engine, int index, Image image) {
   FrameBuffer& frameBuffer = engine->frameBuffers[index];
-  if (frameBuffer.GetFramebufferId() != ~0u) return frameBuffer.IsComplete();  // another pass draws into it too
+  if (frameBuffer.isThere()) return true;  // another pass draws into it too
   const ImageSize size = sizeFor(*engine, image);
-  frameBuffer.Init(size.width, size.height, GL_RGBA, isPacked(image) ? GL_NEAREST : GL_LINEAR);
+  frameBuffer = FrameBuffer::make(size.width, size.height, isPacked(image) ? GL_NEAREST : GL_LINEAR);
+  if (!frameBuffer.isThere()) return false;
   const int delay = engine->handOver.outputDelay;
   if (image == Image::kLumaBytes) frameBuffer.InitPixelBuffers(engine->width / 4 * engine->height * 4, delay);
   if (image == Image::kChromaBytes) frameBuffer.InitPixelBuffers(engine->width / 4 * engine->height / 2 * 4, delay);
   if (image == Image::kInPlace) frameBuffer.InitPixelBuffers(engine->width * engine->height * 4, delay);
-  return frameBuffer.IsComplete();
+  return true;
 }
 
-// Makes the images that the mode's passes draw into. False when one cannot be.
-bool CreateResources(_KRGPUEngine* engine) {
+bool createTextures(_KRGPUEngine* engine) {
   const int width = engine->width;
   const int height = engine->height;
-  bool complete = true;
+  if (isRgbaMode(*engine)) {
+    engine->rgbaTexture = Texture::make(width, height, GL_RGBA);
+    return engine->rgbaTexture.isThere();
+  }
+  engine->packedLumaTexture = Texture::make(part(width, 4), height, GL_RGBA, GL_NEAREST);
+  engine->lumaTexture = Texture::make(width, height, GL_LUMINANCE);
+  engine->chromaTexture = Texture::make(part(width, 2), part(height, 2), GL_LUMINANCE_ALPHA);
+  engine->selectorTexture = createSelectorTexture();
+  return engine->packedLumaTexture.isThere() && engine->lumaTexture.isThere() && engine->chromaTexture.isThere() &&
+         engine->selectorTexture.isThere();
+}
+
+// Makes the textures, and the images that the mode's passes draw into. False when one is missing.
+bool CreateResources(_KRGPUEngine* engine) {
+  bool complete = createTextures(engine);
   forEachPass(*engine, [&](const Pass& pass) {
     if (pass.writes == Image::kNext) {
       for (int i = 0; i < engine->plan->ringLength; ++i) complete = createImage(engine, i, pass.writes) && complete;
@@ -140,17 +154,10 @@ bool CreateResources(_KRGPUEngine* engine) {
       complete = createImage(engine, index, pass.writes) && complete;
     }
   });
-  if (isRgbaMode(*engine)) {
-    engine->rgbaTexture.Init(width, height, GL_RGBA);
-    return complete;
-  }
-  engine->packedLumaTexture.Init(part(width, 4), height, GL_RGBA, GL_NEAREST);
-  engine->lumaTexture.Init(width, height, GL_LUMINANCE);
-  engine->chromaTexture.Init(part(width, 2), part(height, 2), GL_LUMINANCE_ALPHA);
-  return complete;
+  return NOXEL_CHECK_GL("CreateResources") && complete;
 }
 
-// False when something is missing that a pass of the mode needs: a pass left out leaves its target undefined.
+// False when a program is missing that a pass of the mode needs: a pass left out leaves its target undefined.
 bool LoadShaders(_KRGPUEngine* engine) {
   const CacheDirectory directory = openProgramCache(platform::programCacheDirectory(), shaders::kProgramFingerprint);
   engine->lowLight.syncMode = isRgbaMode(*engine);
@@ -162,8 +169,7 @@ bool LoadShaders(_KRGPUEngine* engine) {
     if (engine->offscreen == 1) (void)engine->rgbToYuv.setupPrograms(directory);
   }
   glReleaseShaderCompiler();
-  engine->selectorTexture = createSelectorTexture();
-  bool complete = engine->selectorTexture.GetId() != ~0u;
+  bool complete = true;
   forEachPass(*engine, [&](const Pass& pass) { complete = complete && programOf(engine, pass.program) != nullptr; });
   return complete;
 }
@@ -196,9 +202,7 @@ void SetUp(_KRGPUEngine* engine, void* window) {
   }
   if (engine->egl.Initialize(engine->width, engine->height, window) != 1 || !fitsTheDriver(*engine)) return;
   engine->passTimer.setUp(&engine->egl);
-  const bool complete = CreateResources(engine);
-  const bool resourcesMade = NOXEL_CHECK_GL("CreateResources") && complete;
-  engine->ready = LoadShaders(engine) && resourcesMade;
+  engine->ready = CreateResources(engine) && LoadShaders(engine);
 }
 
 void create(int width, int height, void* window, const HandOver& handOver, int mode, _KRGPUEngine** result) {

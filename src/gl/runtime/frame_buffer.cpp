@@ -35,6 +35,12 @@ FrameBuffer& FrameBuffer::operator=(FrameBuffer&& other) noexcept {
   return *this;
 }
 
+FrameBuffer FrameBuffer::make(int width, int height, GLenum filter) {
+  FrameBuffer image;
+  image.Init(width, height, GL_RGBA, filter);
+  return image.complete ? std::move(image) : FrameBuffer();
+}
+
 void FrameBuffer::Reset() {
   framebufferId = ~0u;
   textureId = ~0u;

@@ -16,6 +16,10 @@ class FrameBuffer {
   FrameBuffer(FrameBuffer&& other) noexcept;
   FrameBuffer& operator=(FrameBuffer&& other) noexcept;
 
+  // An RGBA image that can be drawn into, or an object without GL names (the log says why).
+  static FrameBuffer make(int width, int height, GLenum filter = GL_LINEAR);
+  bool isThere() const { return framebufferId != ~0u; }
+
   // Allocates the image (8 bits per channel, clamped to the edge), and the GL names where there are none yet. Returns 1; an
   // incomplete framebuffer is only logged.
   int Init(int width, int height, GLenum format, GLenum filter = GL_LINEAR);

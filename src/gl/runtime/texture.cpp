@@ -27,6 +27,14 @@ void Texture::create(GLenum target, GLenum filter, GLenum wrap) {
   eglImage = nullptr;
 }
 
+Texture Texture::make(int width, int height, GLenum format, GLenum filter, GLenum wrap, const void* pixels) {
+  Texture texture;
+  forgetGLErrors();
+  texture.Init(width, height, format, filter, wrap, pixels);
+  if (!NOXEL_CHECK_GL("Texture::make")) texture.Release();
+  return texture;
+}
+
 void Texture::Init(int initialWidth, int initialHeight, GLenum initialFormat, GLenum filter, GLenum wrap,
                    const void* pixels) {
   create(GL_TEXTURE_2D, filter, wrap);

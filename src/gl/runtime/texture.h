@@ -19,6 +19,11 @@ class Texture {
     return *this;
   }
 
+  // Init, or an object without a texture when GL failed.
+  static Texture make(int width, int height, GLenum format, GLenum filter = GL_LINEAR, GLenum wrap = GL_CLAMP_TO_EDGE,
+                      const void* pixels = nullptr);
+  bool isThere() const { return id != ~0u; }
+
   // `format` is both the internal and the pixel format. `pixels` (width * height texels, no row padding) may be null. The
   // texture stays bound to its target. A texture that was there before is deleted.
   void Init(int width, int height, GLenum format, GLenum filter = GL_LINEAR, GLenum wrap = GL_CLAMP_TO_EDGE,
