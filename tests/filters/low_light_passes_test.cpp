@@ -173,6 +173,24 @@ TEST_F(LowLightPasses, DetailIsWhatSmoothingTookAndMoreOfItAtEdges) {
                       toPicture(detailedWithContrast(picture.image, smooth.image, 0.3, 0.2862, 1)), 2));
 }
 
+TEST_F(LowLightPasses, EdgesAndDetailAreSmoothedByTheirSteps) {
+  const Noisy picture(40, 20, 25);
+  read({picture.texture.GetId(), picture.texture.GetId()});
+  input.context.frame = {40, 20};
+  settings.noiseReductionStrength = 40;
+  // Two codes: sums in medium precision, half floats of 11 bits on a GPU that has them.
+  EXPECT_TRUE(
+      closeTo(draw("smooth wide", kr_w19, 40, 20), toPicture(edgeAware(picture.image, picture.image, 3, 1)), 2));
+  EXPECT_TRUE(
+      closeTo(draw("smooth narrow", kr_w19, 40, 20), toPicture(edgeAware(picture.image, picture.image, 1, 0.4)), 2));
+  settings.sharpening = 40;
+  settings.totalzoom = 2;
+  constexpr double kSpread = (0.25 + 0.0025 * 40) * 2;
+  // Four bilinear samples with weights of 8 bits.
+  EXPECT_TRUE(closeTo(draw("smooth", kr_w3, 40, 20),
+                      toPicture(diagonalBox(picture.image, {kSpread / 40, kSpread / 20}, {40, 20})), 1));
+}
+
 TEST_F(LowLightPasses, TheSelectorPicksOneChannelAlone) {
   read({selector.GetId()});
   const Picture texels = draw("halve", kr_w1, 4, 1);
