@@ -72,7 +72,7 @@ class ClipMaker {
     video_->width = spec_.width;
     video_->height = spec_.height;
     video_->pix_fmt = spec_.video == AV_CODEC_ID_MJPEG ? AV_PIX_FMT_YUVJ420P : AV_PIX_FMT_YUV420P;
-    video_->time_base = {1, 25};  // packets take their time stamps from the spec
+    video_->time_base = {1, 25};  // packets take their time stamps from the clip
     video_->colorspace = spec_.matrix;
     video_->color_range = spec_.range;
     video_->flags |= AV_CODEC_FLAG_QSCALE;

@@ -34,7 +34,7 @@ void copyClip(const std::string& from, const std::string& to) {
   writer.finish();
 }
 
-// Plays at the times of the spec, with the audio packets of `in`.
+// Plays at the times of its clip, with the audio packets of `in`.
 void expectKept(const ClipContents& out, const ClipContents& in, const ClipSpec& spec) {
   ASSERT_EQ(out.seconds.size(), spec.times.size());
   for (size_t i = 0; i < spec.times.size(); ++i) {

@@ -19,7 +19,7 @@ std::string environment(const char* name) {
 
 std::string makeProgramCacheDirectory() {
   std::string base = environment("XDG_CACHE_HOME");
-  // The XDG specification ignores relative paths.
+  // A relative XDG path counts as none.
   if (base.empty() || base.front() != '/') {
     const std::string home = environment("HOME");
     if (home.empty()) return "";
