@@ -24,7 +24,7 @@ class FrameBuffer {
   // incomplete framebuffer is only logged.
   int Init(int width, int height, GLenum format, GLenum filter = GL_LINEAR);
   int Generate();
-  int UseDefaultFramebuffer(int width, int height);  // the window's surface from here on
+  int UseDefaultFramebuffer(int width, int height);  // the window's surface from here on; required, not used
   void Bind();                                       // and the viewport over the whole image
 
   GLuint GetTextureId() const { return textureId; }

@@ -32,7 +32,7 @@ class GLFilter {
   // For a pass that covers all of fb: a tiled GPU need not load the old tiles.
   int BindWholeTarget(FrameBuffer* fb);
 
-  void EnableBlending(bool on);
+  void EnableBlending(bool on);  // required; no pass blends
   int Clear(float red, float green, float blue, float alpha);
 
   float transform[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};

@@ -48,7 +48,7 @@ class Program {
     const char* name;
     GLint location;
   };
-  static constexpr int kMaxLocations = 16;  // our largest program has 8; further names are asked for each time
+  static constexpr int kMaxLocations = 16;  // names asked for, absent ones too: at most 12; later ones are not cached
 
   void SetCacheDirectory(const char* directory);
   int initialize(const char* fragmentSource, const char* vertexSource, const char* cacheName);

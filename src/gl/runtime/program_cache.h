@@ -36,9 +36,9 @@ struct CacheDirectory {
   bool readable = true;  // false: it holds no program of this build, so none is opened
 };
 
-// Makes the directory fit for programs of the build that `fingerprint` stands for: when the file "fingerprint" in it tells of
-// another build, or is not there, all programs ("kr_...") are removed and then the file is replaced, so that no process that
-// dies in between leaves a foreign program beside the right fingerprint. One log line, and an empty path, when that fails.
+// Opens the cache for the build with this fingerprint. When the file "fingerprint" in the directory is missing or of another
+// build, all programs ("kr_...") are removed first and the file is replaced last, so that a process that dies in between never
+// leaves another build's programs beside this fingerprint. On failure one log line, and an empty path.
 CacheDirectory openProgramCache(const char* directory, const char* fingerprint);
 
 // mkdir (mode 0700, one level) unless something of that name exists.

@@ -28,6 +28,7 @@ class Texture {
   // texture stays bound to its target. A texture that was there before is deleted.
   void Init(int width, int height, GLenum format, GLenum filter = GL_LINEAR, GLenum wrap = GL_CLAMP_TO_EDGE,
             const void* pixels = nullptr);
+  // Required; nothing uses a volume.
   void Init3D(int width, int height, int depth, GLenum format, GLenum filter = GL_LINEAR,
               GLenum wrap = GL_CLAMP_TO_EDGE);
 
