@@ -21,6 +21,7 @@ struct PlainLanes {
     std::memcpy(result.lane, from, sizeof(result.lane));
     return result;
   }
+  void store(int16_t* to) const { std::memcpy(to, lane, sizeof(lane)); }
   PlainLanes minus(const PlainLanes& other) const {
     PlainLanes result;
     for (int i = 0; i < 8; ++i) result.lane[i] = static_cast<int16_t>(lane[i] - other.lane[i]);
@@ -53,6 +54,7 @@ struct SseLanes {
   static SseLanes load(const int16_t* from) {
     return {_mm_loadu_si128(static_cast<const __m128i*>(static_cast<const void*>(from)))};
   }
+  void store(int16_t* to) const { _mm_storeu_si128(static_cast<__m128i*>(static_cast<void*>(to)), lanes); }
   SseLanes minus(const SseLanes& other) const { return {_mm_sub_epi16(lanes, other.lanes)}; }
   SseLanes mixed(const SseLanes& other, int sixteenths) const {
     const __m128i mine = _mm_mullo_epi16(lanes, _mm_set1_epi16(static_cast<int16_t>(16 - sixteenths)));
@@ -79,6 +81,7 @@ struct NeonLanes {
   int16x8_t lanes;
 
   static NeonLanes load(const int16_t* from) { return {vld1q_s16(from)}; }
+  void store(int16_t* to) const { vst1q_s16(to, lanes); }
   NeonLanes minus(const NeonLanes& other) const { return {vsubq_s16(lanes, other.lanes)}; }
   NeonLanes mixed(const NeonLanes& other, int sixteenths) const {
     const uint16x8_t mine = vmulq_n_u16(vreinterpretq_u16_s16(lanes), static_cast<uint16_t>(16 - sixteenths));
