@@ -79,7 +79,7 @@ int PointTracker::cellAt(float x, float y) const {
 
 void PointTracker::prime(const uint8_t* frame) {
   std::memset(identifiers_, 0, sizeof(int) * static_cast<size_t>(cellColumns_) * static_cast<size_t>(cellRows_));
-  estimator_.forgetMotion();
+  estimator_.forget();
   estimator_.read(frame, pool);
 }
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
-#include <cstdio>
 #include <cstdlib>
 
 #include "registration/tracker/bands.h"
@@ -42,6 +41,13 @@ bool FixedPattern::allocate(const Image& image, const PictureFrame& frame) {
   residual_ = allocateArray<int16_t>(width_ * height_);
   signs_ = allocateArray<Signs>(height_);
   return pattern_ != nullptr && residual_ != nullptr && signs_ != nullptr;
+}
+
+void FixedPattern::forget() {
+  std::fill(pattern_, pattern_ + ptrdiff_t{width_} * height_, int16_t{0});
+  learned_ = 0;
+  repetition_ = 0.0;
+  present_ = false;
 }
 
 void FixedPattern::subtract(const Image& image, WorkerPool* pool) const {
@@ -120,7 +126,6 @@ void FixedPattern::learn(const Image& previous, const Image& current, const Glob
   ++learned_;
   if (present_) return;
   repetition_ += kRepetitionRate * (repetition() - repetition_);
-  if (getenv("NXD")) fprintf(stderr, "rep %.3f\n", repetition_);
   if (repetition_ > kRepeats) {
     present_ = true;
     learned_ = 0;

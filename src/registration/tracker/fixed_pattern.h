@@ -24,6 +24,7 @@ class FixedPattern {
   FixedPattern& operator=(const FixedPattern&) = delete;
 
   bool allocate(const Image& image, const PictureFrame& frame);
+  void forget();
   // Subtracts what is known of the pattern from a frame's smoothed image.
   void subtract(const Image& image, WorkerPool* pool) const;
   // From two such images, and the motion between them.

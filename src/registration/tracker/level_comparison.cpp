@@ -27,6 +27,8 @@ constexpr float kMiddleWeight = 0.2f;
 constexpr double kGainNoticed = 0.05;
 constexpr double kOffsetNoticed = 2.0;
 
+constexpr float kBandReach = 16.0f;  // pixels: rows this near are lit alike
+
 // Share of a patch's noise by which its apparent shared texture may be off: three standard deviations.
 constexpr float kSharedDoubt = 0.2f;
 constexpr int kMinPatches = 8;        // for an estimate of the noise
@@ -82,6 +84,19 @@ void adaptExposure(const Exposure& exposure, const BlockTexture* textures, int c
   }
 }
 
+// The same for the sums that a correlation is taken from; without an offset.
+void adaptSums(const Exposure& exposure, const BlockTexture* textures, int count, BlockMatch* matches) {
+  const float scale = 1.0f / exposure.gain;
+  for (int i = 0; i < count; ++i) {
+    BlockMatch& match = matches[i];
+    if (!match.inside) continue;
+    const float products = 0.5f * (textures[i].squares + match.squares - match.energy) * scale;
+    match.sum *= scale;
+    match.squares *= scale * scale;
+    match.energy = textures[i].squares + match.squares - 2.0f * products;
+  }
+}
+
 // Weight of a block: the share of its texture that is not noise, times the share of that in both pictures; it falls with
 // the patch's distance from the global motion.
 float weightOf(const PatchEvidence& patch, const LevelNoise& noise) {
@@ -104,6 +119,8 @@ LevelComparison::~LevelComparison() {
     std::free(matches_[i]);
     std::free(patchSums_[i]);
   }
+  std::free(rowGains_);
+  std::free(rawRowGains_);
   std::free(leftOut_);
   std::free(rowSums_);
   std::free(samples_);
@@ -123,7 +140,10 @@ bool LevelComparison::allocate(const Image& image, int pyramidLevel, const Pictu
   rowSums_ = allocateArray<PatchEvidence>(count);
   samples_ = allocateArray<float>(count);
   leftOut_ = allocateArray<uint8_t>(count);
-  return rowSums_ != nullptr && samples_ != nullptr && leftOut_ != nullptr;
+  rowGains_ = allocateArray<float>(grid_.rows);
+  rawRowGains_ = allocateArray<float>(grid_.rows);
+  return rowSums_ != nullptr && samples_ != nullptr && leftOut_ != nullptr && rowGains_ != nullptr &&
+         rawRowGains_ != nullptr;
 }
 
 void LevelComparison::read(const Image& image, int slot, WorkerPool* pool) {
@@ -179,13 +199,20 @@ void LevelComparison::compare(Direction direction, const GlobalMotion& motion, W
     }
   });
   const Exposure exposure = exposureBetween(ownTextures, found, grid_.count());
-  adapted_[direction] = exposure.differs;
+  if (adaptsRows_) measureRowGains(direction);
+  adapted_[direction] = exposure.differs || adaptsRows_;
 
   // Sums over 3 x 3 blocks, along rows, then across.
   forBands(pool, grid_.rows, grid_.rowSamples(), [&](int begin, int end) {
     for (int row = begin; row < end; ++row) {
       const int first = row * grid_.columns;
-      if (exposure.differs) adaptExposure(exposure, ownTextures + first, grid_.columns, found + first);
+      if (adaptsRows_ && rowGains_[row] > 0.0f) {
+        const Exposure ofRow = {true, rowGains_[row], 0.0f};
+        adaptExposure(ofRow, ownTextures + first, grid_.columns, found + first);
+        adaptSums(ofRow, ownTextures + first, grid_.columns, found + first);
+      } else if (exposure.differs) {
+        adaptExposure(exposure, ownTextures + first, grid_.columns, found + first);
+      }
       sumAlongRow(ownTextures + first, found + first, grid_.columns, rowSums_ + first);
     }
   });
@@ -203,6 +230,45 @@ void LevelComparison::compare(Direction direction, const GlobalMotion& motion, W
     }
   });
   compared_ = true;
+}
+
+void LevelComparison::measureRowGains(Direction direction) {
+  const BlockTexture* textures = textures_[direction == kForward ? previousSlot_ : 1 - previousSlot_];
+  for (int row = 0; row < grid_.rows; ++row) {
+    double own = 0.0;
+    double other = 0.0;
+    for (int i = row * grid_.columns; i < (row + 1) * grid_.columns; ++i) {
+      if (!matches_[direction][i].inside) continue;
+      own += static_cast<double>(textures[i].sum);
+      other += static_cast<double>(matches_[direction][i].sum);
+    }
+    rawRowGains_[row] = own > 0.0 && other > 0.0 ? static_cast<float>(other / own) : 0.0f;
+  }
+  const int reach = static_cast<int>(kBandReach / (scale_ * kBlockSide));
+  for (int row = 0; row < grid_.rows; ++row) {
+    float sum = 0.0f;
+    float count = 0.0f;
+    for (int i = std::max(row - reach, 0); i <= std::min(row + reach, grid_.rows - 1); ++i) {
+      sum += rawRowGains_[i];
+      count += rawRowGains_[i] > 0.0f ? 1.0f : 0.0f;
+    }
+    rowGains_[row] = count > 0.0f ? sum / count : 0.0f;
+  }
+}
+
+double LevelComparison::rowVariation() {
+  if (!adaptsRows_) measureRowGains(kForward);
+  double sum = 0.0;
+  double squares = 0.0;
+  int count = 0;
+  for (int row = 0; row < grid_.rows; ++row) {
+    if (!(rowGains_[row] > 0.0f)) continue;
+    const double gain = std::log(static_cast<double>(rowGains_[row]));
+    sum += gain;
+    squares += gain * gain;
+    ++count;
+  }
+  return count > 1 ? std::sqrt(std::max(squares / count - sum / count * (sum / count), 0.0)) : 0.0;
 }
 
 bool LevelComparison::noise(Direction direction, LevelNoise* noise) {
@@ -319,7 +385,13 @@ BlockMatch LevelComparison::match(int column, int row, float dx, float dy) const
 PatchEvidence LevelComparison::follow(int column, int row, float* dx, float* dy) const {
   const BlockTexture& texture = previousTextures()[row * grid_.columns + column];
   for (int step = 0;; ++step) {
-    const PatchEvidence block = evidenceOf(texture, match(column, row, *dx, *dy));
+    BlockMatch found = match(column, row, *dx, *dy);
+    if (adaptsRows_) {
+      const float brighter = (texture.sum - found.sum) / kBlockArea;
+      found.bx -= texture.gx * brighter;
+      found.by -= texture.gy * brighter;
+    }
+    const PatchEvidence block = evidenceOf(texture, found);
     float stepX, stepY;
     if (!(block.blocks > 0.0f) || !block.displacement(&stepX, &stepY)) return {};
     const float length = std::hypot(stepX, stepY);

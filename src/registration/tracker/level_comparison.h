@@ -42,6 +42,12 @@ class LevelComparison {
   void leaveOut(int column, int row);
   const uint8_t* leftOut() const { return leftOut_; }
 
+  // Matches the exposure of each row of blocks by itself: light that flickers with the mains falls on a rolling shutter
+  // as bands.
+  void adaptRows(bool adapt) { adaptsRows_ = adapt; }
+  // Of the last forward comparison: rms over the rows of the logarithm of their change in brightness, less its mean.
+  double rowVariation();
+
   void compare(Direction direction, const GlobalMotion& motion, WorkerPool* pool);
   bool compared() const { return compared_; }  // since begin
   const BlockMatch* matches(Direction direction) const { return matches_[direction]; }
@@ -70,6 +76,8 @@ class LevelComparison {
   float placeWeight(int column, int row) const;
 
  private:
+  void measureRowGains(Direction direction);
+
   PictureFrame frame_;
   float scale_ = 1.0f;
   BlockGrid grid_;
@@ -80,7 +88,10 @@ class LevelComparison {
   BlockMatch* matches_[2] = {};       // of the two directions
   PatchEvidence* patchSums_[2] = {};  // sums of 3 x 3 of them
   PatchEvidence* rowSums_ = nullptr;
-  float* samples_ = nullptr;    // for medians
+  float* samples_ = nullptr;   // for medians
+  float* rowGains_ = nullptr;  // smoothed; 0: no block of the row was compared
+  float* rawRowGains_ = nullptr;
+  bool adaptsRows_ = false;
   uint8_t* leftOut_ = nullptr;  // per block: 1 or 0
   bool adapted_[2] = {};        // the matches were converted to the exposure of their own picture
   bool compared_ = false;

@@ -27,6 +27,11 @@ constexpr double kFirmDeviation = 1.4;
 constexpr float kMinCorrelation = 0.6f;
 constexpr float kMinCorrelationIfFirm = 0.4f;
 
+// Change in brightness over the rows, rms of its logarithm: more is flickering light, and less for so many frames none.
+constexpr double kFlicker = 0.05;
+constexpr double kCalm = 0.03;
+constexpr int kCalmFrames = 60;
+
 constexpr double kNoShare = 0.05;   // a direction with less is not looked for on a coarser level either
 constexpr double kHeldShare = 0.8;  // of the last motion
 
@@ -74,6 +79,21 @@ void MotionEstimator::read(const uint8_t* pixels, WorkerPool* pool) {
 
 void MotionEstimator::advance() {
   previousIndex_ = 1 - previousIndex_;
+}
+
+void MotionEstimator::forget() {
+  lastMotion_ = lastSignificant_ = {};
+  adaptRows(false);
+  forgetStill();
+  pattern_.forget();
+}
+
+void MotionEstimator::markStill() {
+  for (int i = 0; i <= coarseLevel_; ++i) still_.mark(&levels_[i]);
+}
+
+void MotionEstimator::forgetStill() {
+  if (still_.forget()) markStill();
 }
 
 // One step towards the motion on a level; none when there are too few patches.
@@ -273,15 +293,32 @@ MotionFound MotionEstimator::estimateFrom(int searchLevel, int level, WorkerPool
   return best;
 }
 
-MotionFound MotionEstimator::estimate(WorkerPool* pool) {
-  MotionFound found = estimateFrom(coarseLevel_, consensusLevel_, pool);
+MotionFound MotionEstimator::search(WorkerPool* pool) {
+  const MotionFound found = estimateFrom(coarseLevel_, consensusLevel_, pool);
   // When the texture is too fine for the coarse level, search a finer one, not as far.
-  if (!found.known && consensusLevel_ > 1) found = estimateFrom(1, 1, pool);
-  if (found.known && found.followed == 4) {
+  return found.known || consensusLevel_ <= 1 ? found : estimateFrom(1, 1, pool);
+}
+
+void MotionEstimator::adaptRows(bool adapt) {
+  flickers_ = adapt;
+  calmFrames_ = 0;
+  for (int i = 0; i <= coarseLevel_; ++i) levels_[i].adaptRows(adapt);
+}
+
+MotionFound MotionEstimator::estimate(WorkerPool* pool) {
+  MotionFound found = search(pool);
+  const double variation = levels_[0].rowVariation();
+  if (!flickers_ && variation > kFlicker) {
+    adaptRows(true);
+    found = search(pool);
+  }
+  calmFrames_ = variation > kCalm ? 0 : calmFrames_ + 1;
+  if (flickers_ && calmFrames_ > kCalmFrames) adaptRows(false);
+  if (!found.known) {
+    forgetStill();  // maybe a cut
+  } else if (found.followed == 4 && !flickers_) {
     pattern_.learn(pyramids_[previousIndex_].level(0), pyramids_[1 - previousIndex_].level(0), found.motion, pool);
-    if (found.level == 0 && still_.learn(levels_[0], found.motion)) {
-      for (int i = 0; i <= coarseLevel_; ++i) still_.mark(&levels_[i]);
-    }
+    if (found.level == 0 && still_.learn(levels_[0], found.motion)) markStill();
   }
   lastMotion_ = found.known ? found.motion : GlobalMotion{};
   lastSignificant_ = found.significance >= kStillSignificance ? lastMotion_ : GlobalMotion{};

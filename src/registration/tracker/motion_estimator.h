@@ -41,7 +41,7 @@ class MotionEstimator {
   void read(const uint8_t* pixels, WorkerPool* pool);  // the current frame
   MotionFound estimate(WorkerPool* pool);              // between the previous and the current frame
   void advance();                                      // the current frame becomes the previous one
-  void forgetMotion() { lastMotion_ = lastSignificant_ = {}; }
+  void forget();  // a new sequence begins
 
   // State of the last estimate, compared along the motion it found.
   const LevelComparison& level(int index) const { return levels_[index]; }
@@ -54,6 +54,10 @@ class MotionEstimator {
     double support = -1.0;
   };
 
+  MotionFound search(WorkerPool* pool);
+  void adaptRows(bool adapt);
+  void markStill();
+  void forgetStill();
   GlobalMotion heldMotion() const;
   void searchMotions(int level, GlobalMotion* first, GlobalMotion* second);
   GlobalMotion consensusMotion(int level, const GlobalMotion* starts, int startCount, WorkerPool* pool);
@@ -76,6 +80,8 @@ class MotionEstimator {
   int consensusLevel_ = 0;  // separates moving subjects from the background
   GlobalMotion lastMotion_;
   GlobalMotion lastSignificant_;
+  bool flickers_ = false;
+  int calmFrames_ = 0;
 };
 
 }  // namespace noxel::tracker

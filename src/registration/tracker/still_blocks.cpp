@@ -78,6 +78,13 @@ bool StillBlocks::learn(const LevelComparison& finest, const GlobalMotion& motio
   return changed;
 }
 
+bool StillBlocks::forget() {
+  const bool changed = still_ > 0;
+  std::fill(evidence_, evidence_ + grid_.count(), 0.0f);
+  still_ = 0;
+  return changed;
+}
+
 void StillBlocks::mark(LevelComparison* level) const {
   const BlockGrid& grid = level->grid();
   level->leaveOutNone();

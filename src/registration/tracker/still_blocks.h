@@ -19,6 +19,7 @@ class StillBlocks {
   bool allocate(const LevelComparison& finest);
   // After a comparison of the finest level along the motion found. True when the set of still blocks changed.
   bool learn(const LevelComparison& finest, const GlobalMotion& motion);
+  bool forget();  // likewise
   // Tells a level which of its blocks contain still ones.
   void mark(LevelComparison* level) const;
 
