@@ -76,11 +76,19 @@ float mean(const float (&halves)[2]) {
 }  // namespace
 
 NoiseMeter::~NoiseMeter() {
+  release();
+}
+
+void NoiseMeter::release() {
   std::free(previous_);
   std::free(blocks_);
   std::free(candidates_);
   std::free(chosen_);
   std::free(scratch_);
+  previous_ = nullptr;
+  blocks_ = nullptr;
+  candidates_ = chosen_ = nullptr;
+  scratch_ = nullptr;
 }
 
 bool NoiseMeter::allocate(int width, int height) {
@@ -94,9 +102,11 @@ bool NoiseMeter::allocate(int width, int height) {
   candidates_ = allocateArray<Candidate>(blocks);
   chosen_ = allocateArray<Candidate>(2 * blocks);
   scratch_ = allocateArray<float>(2 * blocks);
-  if (blocks_ == nullptr || candidates_ == nullptr || chosen_ == nullptr || scratch_ == nullptr) return false;
   previous_ = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(width) * static_cast<size_t>(height)));
-  return previous_ != nullptr;
+  const bool allocated =
+      blocks_ != nullptr && candidates_ != nullptr && chosen_ != nullptr && scratch_ != nullptr && previous_ != nullptr;
+  if (!allocated) release();
+  return allocated;
 }
 
 void NoiseMeter::restart() {

@@ -17,7 +17,7 @@
 //   curve     each entry the mean over frames weighted by trusted blocks, of the last few where they are many; it falls
 //             faster than it rises, as texture only adds. The curve is the line through the entries (read noise, and shot
 //             noise proportional to luma) plus a smooth deviation; where an entry has seen nothing it leads to its
-//             neighbours and then to the line.
+//             neighbours and then to the line. An entry above what its neighbours say counts the less.
 //
 // What is measured is the noise as it stands in 8 bits: rounding adds 1/12, and at black and white the variance is that of
 // what is left after clipping. Luma is the mean that the frames show. Left out are blocks that share a row or column of
@@ -85,6 +85,7 @@ class NoiseMeter {
     float quality = 0;  // their mean trust
   };
 
+  void release();
   void layOut();
   bool compare(const uint8_t* luma, const float* motion);
   void compareBlock(const uint8_t* luma, int x, int y, float dx, float dy, Block* block) const;
