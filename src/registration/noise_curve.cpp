@@ -428,7 +428,7 @@ bool NoiseMeter::drawThrough(const double (&weights)[kEntries]) {
   constexpr double kStiffness = 4;    // blocks
   constexpr double kTension = 0.3;    // blocks
   constexpr double kLevelPrior = 20;  // blocks an entry away: holds the slope at 0 while a few entries are known
-  constexpr double kKnown = 2;        // blocks: what the line may not leave by much
+  constexpr double kKnown = 2;        // blocks: an entry that bounds what is drawn for the others
   constexpr double kBelow = 0.6;
   constexpr double kAbove = 1.5;
   double sum = 0, x = 0, y = 0, xx = 0, xy = 0;
@@ -478,7 +478,9 @@ bool NoiseMeter::drawThrough(const double (&weights)[kEntries]) {
     for (int i = 1; i < 3 && k + i < kEntries; ++i) e[k] -= diagonals[k][i] * e[k + i];
     e[k] /= diagonals[k][0];
   }
-  for (int i = 0; i < kEntries; ++i) curve_.variance[i] = static_cast<float>(std::max(line[i] + e[i], 0.0));
+  for (int i = 0; i < kEntries; ++i) {
+    curve_.variance[i] = static_cast<float>(std::clamp(line[i] + e[i], kBelow * low, kAbove * high));
+  }
   return true;
 }
 
