@@ -187,6 +187,7 @@ void runFixed(const Options& options) {
     fail(unreadable + " is not a binary PGM or PPM of 8 bits");
   }
   header("fixed, on dark photos");
+  std::vector<std::vector<std::vector<float>>> rendered(photos.size());  // per photo and frame
   const auto camera = [&](int i) { return tremor(i, options); };
   const auto over = [&](const std::string& label, const std::function<void(int, std::vector<float>*)>& change) {
     Row row;
@@ -194,8 +195,12 @@ void runFixed(const Options& options) {
       const scenes::StillScene scene =
           scenes::drawStillScene(photos[p].photo, options.width, options.height, options.seed + p);
       double gain = 0;
+      std::vector<std::vector<float>>& views = rendered[p];
       const auto render = [&](int i, std::vector<float>* clean) {
-        *clean = scenes::renderView(scene, scenes::inverse(camera(i)), options.width, options.height);
+        if (views.size() <= static_cast<size_t>(i)) {
+          views.push_back(scenes::renderView(scene, scenes::inverse(camera(i)), options.width, options.height));
+        }
+        *clean = views[static_cast<size_t>(i)];
         if (i == 0) gain = scenes::gainFor(scenes::Light::Dark, *clean);
         for (float& value : *clean) value *= static_cast<float>(gain);
         change(i, clean);

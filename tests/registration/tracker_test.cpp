@@ -142,7 +142,8 @@ TEST(ImagePyramid, LevelsAreSmoothedMeans) {
     ImagePyramid pyramid;
     ASSERT_TRUE(pyramid.allocate(width, height, 4));
     ASSERT_EQ(pyramid.levels(), std::min(4, static_cast<int>(std::log2(std::min(width, height))) + 1));
-    pyramid.build(frame.data(), nullptr);
+    pyramid.buildFinest(frame.data(), nullptr);
+    pyramid.buildCoarser(nullptr);
 
     std::vector<double> twin(frame.begin(), frame.end());
     int w = width, h = height;

@@ -53,7 +53,7 @@ bool CoarseSearch::allocate(int blocks) {
 }
 
 // Blocks with enough contrast, on a regular subset of the grid when there are too many.
-void CoarseSearch::choose(const BlockGrid& grid, const BlockTexture* textures) {
+void CoarseSearch::choose(const BlockGrid& grid, const BlockTexture* textures, const uint8_t* leftOut) {
   int step = 1;
   while (((grid.columns + step - 1) / step) * ((grid.rows + step - 1) / step) > capacity_) ++step;
   lookedCount_ = 0;
@@ -62,7 +62,7 @@ void CoarseSearch::choose(const BlockGrid& grid, const BlockTexture* textures) {
     for (int column = step / 2; column < grid.columns; column += step) {
       const int block = row * grid.columns + column;
       const float own = contrast(textures[block]);
-      if (!(own > kMinContrast)) continue;
+      if (!(own > kMinContrast) || leftOut[block] != 0) continue;
       looked_[lookedCount_++] = {block, own};
       mean += own;
     }
@@ -116,9 +116,9 @@ void CoarseSearch::correlate(const Image& previous, const Image& current, const 
 }
 
 void CoarseSearch::search(const Image& previous, const Image& current, const BlockGrid& grid,
-                          const BlockTexture* textures, const float (*expected)[2], int expectedCount,
-                          Displaced* found) {
-  choose(grid, textures);
+                          const BlockTexture* textures, const uint8_t* leftOut, const float (*expected)[2],
+                          int expectedCount, Displaced* found) {
+  choose(grid, textures, leftOut);
   correlate(previous, current, grid, textures);
   for (int block = 0; block < grid.count(); ++block) found[block].weight = 0.0f;
 

@@ -19,17 +19,17 @@ class CoarseSearch {
 
   bool allocate(int blocks);  // at most this many are searched
   // Writes dx and dy (samples) and weight of found[0 .. grid.count() - 1], not u and v: each block's best displacement
-  // near the winner of the vote. Blocks that were not searched get weight 0. Ties go to the displacement nearest to one
+  // near the winner of the vote. Blocks that were not searched, among them those that are left out, get weight 0. Ties go to the displacement nearest to one
   // of `expected`, (dx, dy) pairs.
   void search(const Image& previous, const Image& current, const BlockGrid& grid, const BlockTexture* textures,
-              const float (*expected)[2], int expectedCount, Displaced* found);
+              const uint8_t* leftOut, const float (*expected)[2], int expectedCount, Displaced* found);
 
  private:
   struct Looked {
     int block;
     float weight;  // by its contrast
   };
-  void choose(const BlockGrid& grid, const BlockTexture* textures);
+  void choose(const BlockGrid& grid, const BlockTexture* textures, const uint8_t* leftOut);
   void correlate(const Image& previous, const Image& current, const BlockGrid& grid, const BlockTexture* textures);
 
   int capacity_ = 0;

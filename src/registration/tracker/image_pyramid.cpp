@@ -75,11 +75,14 @@ bool ImagePyramid::allocate(int width, int height, int levels) {
   return levelCount_ > 0;
 }
 
-void ImagePyramid::build(const uint8_t* frame, WorkerPool* pool) {
+void ImagePyramid::buildFinest(const uint8_t* frame, WorkerPool* pool) {
   const Image& first = images_[0];
   forBands(pool, first.height, first.width, [&](int begin, int end) {
     smoothRows<uint8_t, 0>(frame, first.width, first.height, first.pixels, begin, end);
   });
+}
+
+void ImagePyramid::buildCoarser(WorkerPool* pool) {
   for (int i = 1; i < levelCount_; ++i) {
     const Image& finer = images_[i - 1];
     const Image& image = images_[i];

@@ -26,7 +26,8 @@ class ImagePyramid {
   ImagePyramid& operator=(const ImagePyramid&) = delete;
 
   bool allocate(int width, int height, int levels);  // empty levels are left out
-  void build(const uint8_t* frame, WorkerPool* pool);
+  void buildFinest(const uint8_t* frame, WorkerPool* pool);
+  void buildCoarser(WorkerPool* pool);  // from the finest level
 
   int levels() const { return levelCount_; }
   const Image& level(int index) const { return images_[index]; }

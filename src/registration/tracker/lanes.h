@@ -31,6 +31,7 @@ struct PlainLanes {
     for (int i = 0; i < 8; ++i) result.lane[i] = static_cast<int16_t>(lane[i] + other.lane[i]);
     return result;
   }
+  void store(int16_t* to) const { std::memcpy(to, lane, sizeof(lane)); }
   PlainLanes minus(const PlainLanes& other) const {
     PlainLanes result;
     for (int i = 0; i < 8; ++i) result.lane[i] = static_cast<int16_t>(lane[i] - other.lane[i]);
@@ -68,6 +69,7 @@ struct SseLanes {
     return {_mm_unpacklo_epi8(bytes, _mm_setzero_si128())};
   }
   SseLanes plus(const SseLanes& other) const { return {_mm_add_epi16(lanes, other.lanes)}; }
+  void store(int16_t* to) const { _mm_storeu_si128(static_cast<__m128i*>(static_cast<void*>(to)), lanes); }
   SseLanes minus(const SseLanes& other) const { return {_mm_sub_epi16(lanes, other.lanes)}; }
   SseLanes mixed(const SseLanes& other, int sixteenths) const {
     const __m128i mine = _mm_mullo_epi16(lanes, _mm_set1_epi16(static_cast<int16_t>(16 - sixteenths)));
@@ -96,6 +98,7 @@ struct NeonLanes {
   static NeonLanes load(const int16_t* from) { return {vld1q_s16(from)}; }
   static NeonLanes loadBytes(const uint8_t* from) { return {vreinterpretq_s16_u16(vmovl_u8(vld1_u8(from)))}; }
   NeonLanes plus(const NeonLanes& other) const { return {vaddq_s16(lanes, other.lanes)}; }
+  void store(int16_t* to) const { vst1q_s16(to, lanes); }
   NeonLanes minus(const NeonLanes& other) const { return {vsubq_s16(lanes, other.lanes)}; }
   NeonLanes mixed(const NeonLanes& other, int sixteenths) const {
     const uint16x8_t mine = vmulq_n_u16(vreinterpretq_u16_s16(lanes), static_cast<uint16_t>(16 - sixteenths));

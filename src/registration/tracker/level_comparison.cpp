@@ -104,6 +104,7 @@ LevelComparison::~LevelComparison() {
     std::free(matches_[i]);
     std::free(patchSums_[i]);
   }
+  std::free(leftOut_);
   std::free(rowSums_);
   std::free(samples_);
 }
@@ -121,7 +122,8 @@ bool LevelComparison::allocate(const Image& image, int pyramidLevel, const Pictu
   }
   rowSums_ = allocateArray<PatchEvidence>(count);
   samples_ = allocateArray<float>(count);
-  return rowSums_ != nullptr && samples_ != nullptr;
+  leftOut_ = allocateArray<uint8_t>(count);
+  return rowSums_ != nullptr && samples_ != nullptr && leftOut_ != nullptr;
 }
 
 void LevelComparison::read(const Image& image, int slot, WorkerPool* pool) {
@@ -159,6 +161,10 @@ void LevelComparison::compare(Direction direction, const GlobalMotion& motion, W
         const float wantedX = static_cast<float>(dx) / scale_;
         const float wantedY = static_cast<float>(dy) / scale_;
         BlockMatch& match = found[row * grid_.columns + column];
+        if (leftOut_[row * grid_.columns + column] != 0) {
+          match = {};
+          continue;
+        }
         match = matchBlock<NativeLanes>(own, other, grid_.originX + column * kBlockSide,
                                         grid_.originY + row * kBlockSide, wantedX, wantedY);
         if (!match.inside) continue;
@@ -297,12 +303,23 @@ void LevelComparison::gather(Direction direction, bool sharedSlopes, const Level
   }
 }
 
+void LevelComparison::leaveOutNone() {
+  std::fill(leftOut_, leftOut_ + grid_.count(), uint8_t{0});
+}
+
+void LevelComparison::leaveOut(int column, int row) {
+  leftOut_[row * grid_.columns + column] = 1;
+}
+
+BlockMatch LevelComparison::match(int column, int row, float dx, float dy) const {
+  return matchBlock<NativeLanes>(*previous_, *current_, grid_.originX + column * kBlockSide,
+                                 grid_.originY + row * kBlockSide, dx, dy);
+}
+
 PatchEvidence LevelComparison::follow(int column, int row, float* dx, float* dy) const {
   const BlockTexture& texture = previousTextures()[row * grid_.columns + column];
   for (int step = 0;; ++step) {
-    const PatchEvidence block =
-        evidenceOf(texture, matchBlock<NativeLanes>(*previous_, *current_, grid_.originX + column * kBlockSide,
-                                                    grid_.originY + row * kBlockSide, *dx, *dy));
+    const PatchEvidence block = evidenceOf(texture, match(column, row, *dx, *dy));
     float stepX, stepY;
     if (!(block.blocks > 0.0f) || !block.displacement(&stepX, &stepY)) return {};
     const float length = std::hypot(stepX, stepY);

@@ -37,8 +37,14 @@ class LevelComparison {
   // Selects the two frames for the calls below.
   void begin(const Image& previous, const Image& current, int previousSlot);
 
+  // A block that is left out, in both frames, counts as not inside the other picture.
+  void leaveOutNone();
+  void leaveOut(int column, int row);
+  const uint8_t* leftOut() const { return leftOut_; }
+
   void compare(Direction direction, const GlobalMotion& motion, WorkerPool* pool);
   bool compared() const { return compared_; }  // since begin
+  const BlockMatch* matches(Direction direction) const { return matches_[direction]; }
   const PatchEvidence* patches(Direction direction) const { return patchSums_[direction]; }
 
   // Of the last comparison. noise: false when too few patches were compared.
@@ -49,6 +55,8 @@ class LevelComparison {
   // converges from afar; with slopes shared by both it is Newton's, and noise does not shorten it.
   void gather(Direction direction, bool sharedSlopes, const LevelNoise& noise, MotionEquations* equations) const;
 
+  // A block of the previous frame against the current one, displaced by (dx, dy) samples.
+  BlockMatch match(int column, int row, float dx, float dy) const;
   // Lucas-Kanade iteration on a block of the previous frame, starting at the displacement given, in samples.
   PatchEvidence follow(int column, int row, float* dx, float* dy) const;
 
@@ -72,8 +80,9 @@ class LevelComparison {
   BlockMatch* matches_[2] = {};       // of the two directions
   PatchEvidence* patchSums_[2] = {};  // sums of 3 x 3 of them
   PatchEvidence* rowSums_ = nullptr;
-  float* samples_ = nullptr;  // for medians
-  bool adapted_[2] = {};      // the matches were converted to the exposure of their own picture
+  float* samples_ = nullptr;    // for medians
+  uint8_t* leftOut_ = nullptr;  // per block: 1 or 0
+  bool adapted_[2] = {};        // the matches were converted to the exposure of their own picture
   bool compared_ = false;
 };
 

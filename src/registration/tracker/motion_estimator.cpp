@@ -60,12 +60,15 @@ bool MotionEstimator::allocate(int width, int height, int levelCount) {
     if (std::max(image.width, image.height) <= kCoarseSide) break;
   }
   displaced_ = allocateArray<Displaced>(maxBlocks);
-  return displaced_ != nullptr && coarse_.allocate(std::max(levels_[coarseLevel_].grid().count(), kSearchedBlocks));
+  return displaced_ != nullptr && still_.allocate(levels_[0]) && pattern_.allocate(pyramids_[0].level(0), frame_) &&
+         coarse_.allocate(std::max(levels_[coarseLevel_].grid().count(), kSearchedBlocks));
 }
 
 void MotionEstimator::read(const uint8_t* pixels, WorkerPool* pool) {
   const int slot = 1 - previousIndex_;
-  pyramids_[slot].build(pixels, pool);
+  pyramids_[slot].buildFinest(pixels, pool);
+  pattern_.subtract(pyramids_[slot].level(0), pool);
+  pyramids_[slot].buildCoarser(pool);
   for (int i = 0; i <= coarseLevel_; ++i) levels_[i].read(pyramids_[slot].level(i), slot, pool);
 }
 
@@ -145,7 +148,8 @@ void MotionEstimator::searchMotions(int level, GlobalMotion* first, GlobalMotion
   const float scale = here.scale();
   const float expected[2][2] = {
       {0.0f, 0.0f}, {static_cast<float>(lastMotion_.p[0]) / scale, static_cast<float>(lastMotion_.p[3]) / scale}};
-  coarse_.search(here.previousImage(), here.currentImage(), grid, here.previousTextures(), expected, 2, displaced_);
+  coarse_.search(here.previousImage(), here.currentImage(), grid, here.previousTextures(), here.leftOut(), expected, 2,
+                 displaced_);
   for (int i = 0; i < grid.count(); ++i) {
     displaced_[i].u = here.u(i % grid.columns);
     displaced_[i].v = here.v(i / grid.columns);
@@ -174,6 +178,7 @@ GlobalMotion MotionEstimator::consensusMotion(int level, const GlobalMotion* sta
         const float atV = here.v(row);
         Displaced& point = displaced_[row * grid.columns + column];
         point = {atU, atV, 0.0f, 0.0f, 0.0f};
+        if (here.leftOut()[row * grid.columns + column] != 0) continue;
         for (int i = 0; i < startCount; ++i) {
           if (std::find(starts, starts + i, starts[i]) != starts + i) continue;
           float dx = static_cast<float>(starts[i].dx(atU, atV)) / scale;
@@ -272,6 +277,12 @@ MotionFound MotionEstimator::estimate(WorkerPool* pool) {
   MotionFound found = estimateFrom(coarseLevel_, consensusLevel_, pool);
   // When the texture is too fine for the coarse level, search a finer one, not as far.
   if (!found.known && consensusLevel_ > 1) found = estimateFrom(1, 1, pool);
+  if (found.known && found.followed == 4) {
+    pattern_.learn(pyramids_[previousIndex_].level(0), pyramids_[1 - previousIndex_].level(0), found.motion, pool);
+    if (found.level == 0 && still_.learn(levels_[0], found.motion)) {
+      for (int i = 0; i <= coarseLevel_; ++i) still_.mark(&levels_[i]);
+    }
+  }
   lastMotion_ = found.known ? found.motion : GlobalMotion{};
   lastSignificant_ = found.significance >= kStillSignificance ? lastMotion_ : GlobalMotion{};
   return found;

@@ -3,10 +3,12 @@
 
 #include "registration/tracker/coarse_search.h"
 #include "registration/tracker/consensus.h"
+#include "registration/tracker/fixed_pattern.h"
 #include "registration/tracker/global_motion.h"
 #include "registration/tracker/image_pyramid.h"
 #include "registration/tracker/level_comparison.h"
 #include "registration/tracker/picture_frame.h"
+#include "registration/tracker/still_blocks.h"
 
 namespace noxel::tracker {
 
@@ -65,6 +67,8 @@ class MotionEstimator {
   ImagePyramid pyramids_[2];
   int previousIndex_ = 0;  // of the pyramids and of each level's textures
   PictureFrame frame_;
+  FixedPattern pattern_;
+  StillBlocks still_;
   LevelComparison levels_[kMaxLevels];
   CoarseSearch coarse_;
   Displaced* displaced_ = nullptr;

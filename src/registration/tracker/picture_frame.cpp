@@ -22,6 +22,24 @@ void PictureFrame::backward(const GlobalMotion& motion, float x, float y, double
   }
 }
 
+void PictureFrame::inverse(const GlobalMotion& motion, double (*m)[6]) const {
+  const double a = 1.0 + motion.p[1] / radius_;
+  const double b = motion.p[2] / radius_;
+  const double c = motion.p[4] / radius_;
+  const double d = 1.0 + motion.p[5] / radius_;
+  const double determinant = a * d - b * c;
+  const bool invertible = std::fabs(determinant) > 1e-6;
+  const double inverse[4] = {invertible ? d / determinant : 1.0, invertible ? -b / determinant : 0.0,
+                             invertible ? -c / determinant : 0.0, invertible ? a / determinant : 1.0};
+  for (int i = 0; i < 2; ++i) {
+    (*m)[3 * i] = inverse[2 * i];
+    (*m)[3 * i + 1] = inverse[2 * i + 1];
+    const double x = centreX_ + (invertible ? motion.p[0] : 0.0);
+    const double y = centreY_ + (invertible ? motion.p[3] : 0.0);
+    (*m)[3 * i + 2] = (i == 0 ? centreX_ : centreY_) - inverse[2 * i] * x - inverse[2 * i + 1] * y;
+  }
+}
+
 // The corners are symmetric about the centre, so that mixed terms cancel.
 double PictureFrame::cornerDistance(const GlobalMotion& a, const GlobalMotion& b) const {
   const double u2 = centreX_ * centreX_ / (radius_ * radius_);
