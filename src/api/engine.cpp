@@ -176,6 +176,19 @@ int observePasses(_KRSuperResEngine* engine, PassObserver observer, void* contex
   return 0;
 }
 
+int measureNoise(_KRSuperResEngine* engine, bool on) {
+  const EngineReference reference(engine);
+  if (!reference || engine->mode == kModeSynchronousRgba) return 1;
+  Lock lock(frameMutex);
+  RegistrationContext* registration = &engine->registration;
+  if (on && !registration->noise.allocate(engine->width, engine->height)) {
+    NOXEL_LOG_ERROR("no memory to measure noise");
+    return 1;
+  }
+  registration->measuresNoise.store(on ? 1 : 0, std::memory_order_release);
+  return 0;
+}
+
 int lastTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity) {
   const EngineReference reference(engine);
   if (!reference) return 0;

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "noxel/noxel.h"
+#include "registration/noise_curve.h"
 
 namespace noxel {
 
@@ -78,6 +79,7 @@ struct FrameReport {
   int pointsKept = 0;           // of them, what the motion was fitted to
   float previousFromCurrent[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
   float stabilizedFromCurrent[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};  // before the zoom
+  NoiseCurve noise;                                              // of this frame; not known unless measureNoise is on
 };
 
 // Called on the GPU thread once for each pass of a frame, in the order in which they were drawn, before the frame is delivered.
@@ -90,10 +92,14 @@ using PassObserver = void (*)(void* context, const char* pass, uint64_t nanoseco
 // From the next frame on; null, as at the start, switches it off. An observed frame waits for its passes. 1: no live engine.
 int observePasses(_KRSuperResEngine* engine, PassObserver observer, void* context);
 
+// From the next frame on; off by default. Costs registration half a millisecond a frame. 1: no live engine, out of memory,
+// or a mode without registration (4).
+int measureNoise(_KRSuperResEngine* engine, bool on);
+
 FrameReport lastFrameReport(_KRSuperResEngine* engine);
 
 // The pairs that registration kept of that frame, in frame pixels as above: source in the previous frame, target in the
-// current one. Returns how many were written, at most `capacity`.
+// current one. They lie on the common motion: a point is placed on it, not tracked singly. Returns how many were written, at most `capacity`.
 struct _KRMatch;
 int lastTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity);
 

@@ -126,6 +126,7 @@ void submitRegistrationFrame(_KRSuperResEngine* engine, const unsigned char* fra
   registration->frameSelect = 1 - registration->frameSelect;
   prepareLuminance({engine->width, engine->height, frame}, engine->scale, engine->mode == kModeThreeFrames,
                    registration->luminanceFrames[registration->frameSelect], registration->scratchFrame);
+  registration->fullLuma = frame;
   registration->registrationRequest.raise();
 }
 
@@ -169,6 +170,7 @@ void takeResults(const RegistrationContext& registration, Frame* frame) {
 void fillReport(_KRSuperResEngine* engine, const Frame& frame) {
   const _KROFRegistration* tracker = engine->registration.registration;
   const bool measured = frame.status != kRegistrationOff && tracker != nullptr;
+  const bool measuresNoise = engine->registration.measuresNoise.load(std::memory_order_acquire) == 1;
   Lock lock(frameMutex);  // an application may ask for the report of a frame that it did not wait for
   FrameReport* report = &engine->report;
   report->status = frame.status;
@@ -180,6 +182,7 @@ void fillReport(_KRSuperResEngine* engine, const Frame& frame) {
   report->startsSequence = measured && frame.startsSequence;
   report->pointsTracked = measured ? tracker->trackedCount : 0;
   report->pointsKept = measured ? tracker->matchedCount : 0;
+  report->noise = measuresNoise ? engine->registration.noise.curve() : NoiseCurve{};
   std::memcpy(report->previousFromCurrent, frame.motion.frameMatrixA, sizeof(report->previousFromCurrent));
   std::memcpy(report->stabilizedFromCurrent, frame.motion.stabilizationTransform,
               sizeof(report->stabilizedFromCurrent));

@@ -30,11 +30,22 @@ bool PlaneRegistration::create(int width, int height, bool full, WorkerPool* poo
   return luminance_ != nullptr && scratch_ != nullptr && initStabilization(&path_, 1, 1, reducedWidth, reducedHeight);
 }
 
+bool PlaneRegistration::enableNoise() {
+  measuresNoise_ = measuresNoise_ || noise_.allocate(width_, height_);
+  return measuresNoise_;
+}
+
 bool PlaneRegistration::measure(const uint8_t* luma) {
   prepareLuminance({width_, height_, luma}, factor_, false, luminance_, scratch_);
+  if (firstFrame_ == 1) noise_.restart();
   int valid = 0;
   float motion[9];
   registerFrame(luminance_, motion, inverseMotion_, matches_, &valid, registration_, &firstFrame_, &path_);
+  if (measuresNoise_) {
+    motion[2] *= static_cast<float>(factor_);
+    motion[5] *= static_cast<float>(factor_);
+    noise_.measure(luma, valid == 1 ? motion : nullptr);
+  }
   return valid == 1;
 }
 

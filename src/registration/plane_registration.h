@@ -6,6 +6,7 @@
 
 #include "kernels/worker_pool.h"
 #include "registration/camera_path.h"
+#include "registration/noise_curve.h"
 #include "registration/registration_state.h"
 
 namespace noxel {
@@ -22,6 +23,9 @@ class PlaneRegistration {
   // memory, or a size below 1.
   bool create(int width, int height, bool full, WorkerPool* pool);
 
+  // The noise is measured with every plane from the next one on. False: out of memory.
+  bool enableNoise();
+
   // The next plane begins a sequence.
   void restart() { firstFrame_ = 1; }
 
@@ -31,6 +35,8 @@ class PlaneRegistration {
   // Motion at the last plane: 2 x 3, row-major, from pixels of the previous plane to pixels of this one, both at full
   // size with the centre of the first pixel at (0, 0).
   void currentFromPrevious(double (&affine)[6]) const;
+
+  const NoiseCurve& noise() const { return noise_.curve(); }
 
   const _KROFRegistration& state() const { return *registration_; }
   _KRStabilizationParameters* stabilization() { return &path_; }
@@ -46,6 +52,8 @@ class PlaneRegistration {
   _KRMatch matches_[kMaxPoints];
   float inverseMotion_[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
   int firstFrame_ = 1;
+  NoiseMeter noise_;
+  bool measuresNoise_ = false;
 };
 
 }  // namespace noxel

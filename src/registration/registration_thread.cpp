@@ -74,11 +74,19 @@ void measureMotion(RegistrationContext* context) {
   storeMatrix(context->stabilizationMatrix, valid ? estimate.stabilizedFromCurrent : kIdentity3x3, factor);
 }
 
+void measureNoise(RegistrationContext* context, bool begin) {
+  if (begin) context->noise.restart();
+  const bool valid = context->registrationResult == kRegistrationValid;
+  context->noise.measure(context->fullLuma, valid ? context->motionMatrix : nullptr);
+}
+
 void* registrationThreadMain(void* argument) {
   auto* context = static_cast<RegistrationContext*>(argument);
+  bool measuredNoise = false;  // of the frame before
   for (;;) {
     context->registrationRequest.wait();
     if (quitRequested(context)) break;
+    const bool first = context->firstFrame == 1;
     if (context->registrationResult != kRegistrationOff) {
       measureMotion(context);
     } else {
@@ -86,6 +94,9 @@ void* registrationThreadMain(void* argument) {
       storeMatrix(context->motionMatrix, kIdentity3x3, 1);
       storeMatrix(context->inverseMotionMatrix, kIdentity3x3, 1);
     }
+    const bool measuresNoise = context->measuresNoise.load(std::memory_order_acquire) == 1;
+    if (measuresNoise) measureNoise(context, first || !measuredNoise);
+    measuredNoise = measuresNoise;
     updateExposure(&context->exposure, selectedImage(*context), context->mode,
                    context->exposureStrength.load(std::memory_order_relaxed));
     context->registrationDone.raise();

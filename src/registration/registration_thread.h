@@ -9,6 +9,7 @@
 #include "platform/signal.h"
 #include "registration/camera_path.h"
 #include "registration/exposure.h"
+#include "registration/noise_curve.h"
 #include "registration/registration_state.h"
 
 namespace noxel {
@@ -61,6 +62,12 @@ struct RegistrationContext {
   _KRMatch matches[kMaxPoints] = {};  // the kept pairs of the last frame, in pixels of the registration image
   int matchCount = 0;
 
+  // Measured only while measuresNoise is 1, from `fullLuma`: the frame's own luma, at frame size, which the frame path
+  // lends until registrationDone. The meter is allocated before measuresNoise is set, acquire/release.
+  NoiseMeter noise;
+  std::atomic<int> measuresNoise = 0;
+  const uint8_t* fullLuma = nullptr;
+
   // Replaces the tracker when set: known motion for tests.
   MotionSource motionSource = nullptr;
   void* motionSourceContext = nullptr;
@@ -76,5 +83,8 @@ void* registrationThreadMain(void* context);
 // Measures the selected frame into the context's matrices, matches and registrationResult. Without valid motion, or
 // when a matrix is not finite, all three matrices are the identity.
 void measureMotion(RegistrationContext* context);
+
+// The noise of the frame at `fullLuma` along that motion. begin: without regard to the frames before.
+void measureNoise(RegistrationContext* context, bool begin);
 
 }  // namespace noxel

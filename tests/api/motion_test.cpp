@@ -74,6 +74,35 @@ TEST(Motion, ChangesOfLightModeShowNoStaleFrame) {
   for (const size_t i : {7, 8}) EXPECT_EQ(mixed.frames[i].bytes, temporal[1].frames[i - 7].bytes) << i;
 }
 
+TEST(Motion, NoiseIsThatOfTheFrameAtItsSizeAndMeasuringItChangesNothing) {
+  for (const int width : {320, 1008}) {  // registered as it is, and at half size, which smooths noise
+    TestEngine measuring(width, 96, {.mode = kModeNeutralExposure});
+    TestEngine plain(width, 96, {.mode = kModeNeutralExposure});
+    NOXEL_NEEDS_GL(measuring);
+    ASSERT_EQ(measureNoise(measuring.handle, true), 0);
+    for (TestEngine* engine : {&measuring, &plain}) engine->set(kParamLightMode, 0);
+    for (int n = 0; n < 6; ++n) {
+      const View pose = shifted(2.4 * n, -1.5 * n);
+      TestFrame frames[2] = {{width, 96, scene().seen(width, 96, pose, 6.0, 50u + static_cast<unsigned>(n))}, {1, 1}};
+      frames[1] = frames[0];
+      measuring.process(&frames[0]);
+      plain.process(&frames[1]);
+      EXPECT_EQ(frames[0].bytes, frames[1].bytes) << n;
+    }
+    EXPECT_FALSE(lastFrameReport(plain.handle).noise.known);
+    const FrameReport report = lastFrameReport(measuring.handle);
+    ASSERT_EQ(report.status, 1);
+    ASSERT_TRUE(report.noise.known);
+    EXPECT_NEAR(report.noise.variance[128 / 8], 36, 0.2 * 36) << width;
+    ASSERT_EQ(measureNoise(measuring.handle, false), 0);
+    TestFrame last(width, 96);
+    measuring.process(&last);
+    EXPECT_FALSE(lastFrameReport(measuring.handle).noise.known);
+  }
+  TestEngine synchronous(16, 16, {.mode = kModeSynchronousRgba});
+  EXPECT_EQ(measureNoise(synchronous.handle, true), 1);
+}
+
 TEST(Motion, IsInFramePixelsAtEitherResolution) {
   for (const int width : {992, 1008}) {  // registered as it is, and at half size
     TestEngine engine(width, 96, {.mode = kModeNeutralExposure});

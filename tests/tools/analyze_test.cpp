@@ -59,7 +59,8 @@ TEST_F(Analyze, MeasuresEachSecondAndTheClip) {
   auto second = result["seconds"][1];
   for (const char* toned : {"gamma", "gain"}) second.erase(toned);
   EXPECT_EQ(second, nlohmann::json::parse(R"({"second": 1, "frames": 4, "mean_luma": 90, "level_p1": 0,
-      "level_p50": 100, "level_p99": 100, "black_share": 0.1, "white_share": 0})"));
+      "level_p50": 100, "level_p99": 100, "black_share": 0.1, "white_share": 0, "noise_sigma": null})"))
+      << "no noise to be seen in so small a frame";
   EXPECT_EQ(result["seconds"][0]["mean_luma"], 40);
   EXPECT_EQ(result["seconds"][2]["white_share"], 1);
   EXPECT_EQ(result["seconds"][2]["frames"], 2);
@@ -74,6 +75,34 @@ TEST_F(Analyze, MeasuresEachSecondAndTheClip) {
 
   EXPECT_NE(table.find("\n     1       4    90.0     0   100   100   10.00%    0.00%"), std::string::npos) << table;
   EXPECT_NE(table.find("\n   all      10   103.0"), std::string::npos) << table;
+}
+
+TEST_F(Analyze, MeasuresTheNoise) {
+  // Uniform noise of -6..6 levels around 60 and, on the right, of -3..3 around 150: variances 14 and 4.
+  constexpr int kWidth = 160, kHeight = 96;
+  std::vector<Luma> frames;
+  uint32_t random = 1;
+  for (int frame = 0; frame < 8; ++frame) {
+    Luma luma = flat(kWidth, kHeight, 0);
+    for (size_t i = 0; i < luma.size(); ++i) {
+      random = random * 1664525 + 1013904223;
+      const bool right = i % kWidth >= kWidth / 2;
+      const auto width = right ? 7u : 13u;
+      luma[i] = static_cast<uint8_t>((right ? 147 : 54) + (random >> 8) % width);
+    }
+    frames.push_back(luma);
+  }
+  writeY4m(options_.input, kWidth, kHeight, frames, 4);
+  const std::string table = run();
+  const auto result = json();
+  const auto& curve = result["noise_variance"];
+  ASSERT_EQ(curve.size(), 32u);
+  // Some hundred blocks, most of them seen more than once.
+  EXPECT_NEAR(curve[60 / 8].get<double>(), 14, 0.15 * 14);
+  EXPECT_NEAR(curve[150 / 8].get<double>(), 4, 0.15 * 4);
+  EXPECT_NEAR(result["summary"]["noise_sigma"].get<double>(), 3, 0.15 * 3);
+  EXPECT_NEAR(result["seconds"][1]["noise_sigma"].get<double>(), 3, 0.15 * 3);
+  EXPECT_NE(table.find("   noise\n"), std::string::npos) << table;
 }
 
 TEST_F(Analyze, StandardOutputCanBePureJson) {
@@ -144,7 +173,7 @@ TEST(AnalyzeOptions, ThePlotIsNamedAfterTheClip) {
   EXPECT_EQ(plotName("-"), "analysis.png");
 }
 
-TEST(AnalysisPlot, DrawsCurvesAndHistogramToScale) {
+TEST(AnalysisPlot, DrawsCurvesHistogramAndNoiseToScale) {
   const TemporaryDirectory folder;
   AnalysisPlot plot;
   plot.title = "a title too long for its line, with invalid UTF-8 \xff, " + std::string(300, 'x');
@@ -153,6 +182,8 @@ TEST(AnalysisPlot, DrawsCurvesAndHistogramToScale) {
   plot.suggested = suggestToneCurve(plot.histogram, 1);
   plot.gamma = 0.7;
   plot.gain = 2;
+  plot.noise.known = true;
+  std::fill_n(plot.noise.variance, NoiseCurve::kEntries, 9.0f);
   writeFile(folder.file("p.png"), drawAnalysis(plot));
   VideoReader reader(folder.file("p.png"));
   EXPECT_EQ(reader.codecName(), "png");
@@ -182,6 +213,9 @@ TEST(AnalysisPlot, DrawsCurvesAndHistogramToScale) {
   EXPECT_FALSE(has(kHistogramColour, kHistogramArea.x(40), kHistogramArea.y(top) - 4));
   EXPECT_FALSE(has(kHistogramColour, kHistogramArea.x(66), kHistogramArea.y(0.2)));
   EXPECT_TRUE(has(kSmoothedColour, kHistogramArea.x(200), kHistogramArea.y(top) + 4));
+  // 3 levels on an axis that ends at the first round number above 3.45; solid over the levels that the clip has.
+  EXPECT_TRUE(has(kNoiseColour, kNoiseArea.x(30), kNoiseArea.y(3.0 / 4)));
+  EXPECT_FALSE(has(kNoiseColour, kNoiseArea.x(30), kNoiseArea.y(3.0 / 4) + 8));
 }
 
 }  // namespace

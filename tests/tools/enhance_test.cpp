@@ -53,6 +53,8 @@ class FakeEnhancer : public Enhancer {
     report.pointsKept = 500;
     report.previousFromCurrent[2] = 2.5f;
     report.stabilizedFromCurrent[3] = -0.25f;
+    report.noise.known = frame >= 3;
+    std::fill_n(report.noise.variance, NoiseCurve::kEntries, 6.25f);
     return report;
   }
   Overlay overlay() const override {
@@ -176,11 +178,19 @@ TEST_F(Enhance, StatisticsHoldEachReportThePassesAndASummary) {
   const double before = frame["mean_luma_before"];
   EXPECT_NEAR(before, lumaOf(3), 1.0) << "full range: the clip's codes are the engine's";
   EXPECT_DOUBLE_EQ(frame["mean_luma_after"].get<double>() - before, kLift);
-  for (const char* measured : {"mean_luma_before", "mean_luma_after", "total_ms"}) frame.erase(measured);
+  EXPECT_EQ(json["frames"][2]["noise_variance"], nullptr) << "not known";
+  ASSERT_EQ(frame["noise_variance"].size(), 32u);
+  EXPECT_EQ(frame["noise_variance"][31], 6.25);
+  EXPECT_EQ(frame["noise_sigma"], 2.5);
+  EXPECT_EQ(json["summary"]["noise_sigma_p50"], 2.5);
+  for (const char* measured : {"mean_luma_before", "mean_luma_after", "total_ms", "noise_sigma", "noise_variance"}) {
+    frame.erase(measured);
+  }
   EXPECT_EQ(frame, nlohmann::json::parse(R"({
       "index": 3, "time": 0.12, "status": 0, "starts_sequence": false, "points_tracked": 700, "points_kept": 500,
       "motion": [[1, 0, 2.5], [0, 1, 0], [0, 0, 1]], "stabilization": [[1, 0, 0], [-0.25, 1, 0], [0, 0, 1]],
       "zoom": 1, "gamma": 0.75, "gain": 1.25, "registration_ms": 4, "upload_ms": 14, "gpu_ms": 24})"));
+  EXPECT_TRUE(record_.settings.noise);
   const auto& summary = json["summary"];
   EXPECT_EQ(summary["frames"], 6);
   EXPECT_DOUBLE_EQ(summary["lost_share"].get<double>(), 1.0 / 5) << "the first frame cannot be lost";

@@ -10,6 +10,7 @@ extern "C" {
 #include <cmath>
 #include <cstdio>
 #include <memory>
+#include <numeric>
 
 #include "common/tool_error.h"
 
@@ -242,8 +243,6 @@ void drawHistogram(Canvas& canvas, const AnalysisPlot& plot) {
     drawValueLine(canvas, area, value / top, formatted("%g", value));
   }
   canvas.textUpwards(20, area.y(0.5), "share of pixels, %");
-  canvas.text(area.left + area.width / 2, area.y(0) + 42, "input level (luma, full range)", Align::kCentre);
-
   const double halfBar = area.width / kLevels / 2;
   const auto height = [&](double bin) { return area.y(std::min(1.0, percent * bin / top)); };
   cairo_move_to(canvas.c(), area.left, area.y(0));
@@ -269,6 +268,42 @@ void drawHistogram(Canvas& canvas, const AnalysisPlot& plot) {
              {{"histogram", kHistogramColour, LegendEntry::kArea}, {"smoothed", kSmoothedColour, LegendEntry::kLine}});
 }
 
+// Where the clip has hardly any pixels, the noise follows from its other lumas: dashed.
+void drawNoise(Canvas& canvas, const AnalysisPlot& plot) {
+  constexpr double kFewPixels = 0.001;  // of all
+  constexpr int kLevelsPerEntry = kLevels / NoiseCurve::kEntries;
+  const double pixels = std::max(histogramMass(plot.histogram), 1.0);
+  const PlotArea& area = kNoiseArea;
+  double sigma[NoiseCurve::kEntries];
+  bool seen[NoiseCurve::kEntries];
+  for (int i = 0; i < NoiseCurve::kEntries; ++i) {
+    const double* bins = plot.histogram.bins + i * kLevelsPerEntry;
+    seen[i] = std::accumulate(bins, bins + kLevelsPerEntry, 0.0) > kFewPixels * pixels;
+    sigma[i] = std::sqrt(static_cast<double>(plot.noise.variance[i]));
+  }
+  const double range = std::max(1.15 * *std::max_element(sigma, sigma + NoiseCurve::kEntries), 0.5);
+  const double step = niceStep(range);
+  const double top = std::ceil(range / step) * step;
+  drawLevelAxis(canvas, area);
+  for (double value = 0; value < top + step / 2; value += step) {
+    drawValueLine(canvas, area, value / top, formatted("%g", value));
+  }
+  canvas.textUpwards(20, area.y(0.5), "noise, levels");
+  canvas.text(area.left + area.width / 2, area.y(0) + 42, "input level (luma, full range)", Align::kCentre);
+  if (plot.noise.known) {
+    for (int i = 0; i + 1 < NoiseCurve::kEntries; ++i) {
+      const auto x = [&](int entry) { return area.x(kLevelsPerEntry * (entry + 0.5) - 0.5); };
+      drawLine(canvas, x(i), area.y(sigma[i] / top), x(i + 1), area.y(sigma[i + 1] / top));
+      const bool both = seen[i] && seen[i + 1];
+      canvas.stroke(kNoiseColour, both ? 2.5 : 1.5, !both);
+    }
+  }
+  drawFrame(canvas, area);
+  drawLegend(canvas, area,
+             {{"standard deviation of the noise", kNoiseColour, LegendEntry::kLine},
+              {"the same where there are hardly any pixels", kNoiseColour, LegendEntry::kDashedLine}});
+}
+
 }  // namespace
 
 std::vector<uint8_t> drawAnalysis(const AnalysisPlot& plot) {
@@ -280,6 +315,7 @@ std::vector<uint8_t> drawAnalysis(const AnalysisPlot& plot) {
   canvas.text(kCurveArea.left, 62, canvas.fitted(validUtf8(plot.subtitle), kCurveArea.width), Align::kLeft);
   drawCurves(canvas, plot);
   drawHistogram(canvas, plot);
+  drawNoise(canvas, plot);
   return canvas.png();
 }
 

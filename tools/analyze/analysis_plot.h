@@ -1,10 +1,11 @@
-// The plot of `noxel analyze`: tone curves above, histogram below, on the same levels.
+// The plot of `noxel analyze`: tone curves, the histogram and the noise, one below the other on the same levels.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "registration/noise_curve.h"
 #include "tonemapping/histogram.h"
 #include "tonemapping/tone_curve.h"
 
@@ -19,6 +20,7 @@ struct AnalysisPlot {
   double strength = 0;  // of the suggested curve
   double gamma = 1;
   double gain = 1;
+  NoiseCurve noise;
 };
 
 // In pixels from the top left corner.
@@ -33,9 +35,10 @@ struct PlotArea {
 };
 
 constexpr int kPlotWidth = 1000;
-constexpr int kPlotHeight = 920;
+constexpr int kPlotHeight = 1166;
 constexpr PlotArea kCurveArea = {72, 108, 3.5 * kLevels, 510};  // 0..255 upwards
 constexpr PlotArea kHistogramArea = {72, 678, 3.5 * kLevels, 180};
+constexpr PlotArea kNoiseArea = {72, 924, 3.5 * kLevels, 180};
 
 // 0xRRGGBB, colour-blind safe (Okabe and Ito).
 constexpr uint32_t kSuggestedColour = 0xd55e00;
@@ -43,6 +46,7 @@ constexpr uint32_t kPairColour = 0x0072b2;
 constexpr uint32_t kIdentityColour = 0x999999;
 constexpr uint32_t kHistogramColour = 0xc4ccd4;
 constexpr uint32_t kSmoothedColour = 0x009e73;
+constexpr uint32_t kNoiseColour = 0xcc79a7;
 
 // PNG bytes.
 std::vector<uint8_t> drawAnalysis(const AnalysisPlot& plot);

@@ -2,24 +2,40 @@
 
 #include <cmath>
 #include <filesystem>
+#include <new>
 #include <nlohmann/json.hpp>
 
 #include "analyze/analysis_plot.h"
 #include "api/engine_control.h"
 #include "common/interrupt.h"
+#include "common/noise_sigma.h"
 #include "common/output_file.h"
+#include "common/percentile.h"
 #include "common/standard_streams.h"
 #include "common/tool_error.h"
 #include "enhance/enhancer_session.h"
 #include "media/clip_input.h"
 #include "noxel/noxel.h"
 #include "registration/luminance.h"
+#include "registration/plane_registration.h"
 #include "tonemapping/tone_curve.h"
 
 namespace noxel::tool {
 namespace {
 
 constexpr int kSmoothingRadius = 3;  // levels; gaps and combs from coding are narrower
+
+// Each entry's median over the frames: the first frame of a sequence knows less than the others.
+NoiseCurve medianOf(const std::vector<NoiseCurve>& frames) {
+  NoiseCurve median;
+  median.known = !frames.empty();
+  for (int i = 0; i < NoiseCurve::kEntries; ++i) {
+    std::vector<double> entry;
+    for (const NoiseCurve& curve : frames) entry.push_back(static_cast<double>(curve.variance[i]));
+    median.variance[i] = static_cast<float>(percentile(std::move(entry), 50));
+  }
+  return median;
+}
 
 std::string baseName(const std::string& input) {
   return input == "-" ? "standard input" : std::filesystem::path(input).filename().string();
@@ -35,19 +51,22 @@ nlohmann::ordered_json jsonOf(const ExposureStatistics& statistics) {
           {"black_share", statistics.share(0)},
           {"white_share", statistics.share(kLevels - 1)},
           {"gamma", statistics.gamma()},
-          {"gain", statistics.gain()}};
+          {"gain", statistics.gain()},
+          {"noise_sigma", statistics.noiseFrames > 0 ? nlohmann::ordered_json(statistics.noise()) : nullptr}};
 }
 
 void printHeader(std::FILE* out) {
-  std::fprintf(out, "second  frames    mean   1 %%  50 %%  99 %%    black    white   gamma    gain\n");
+  std::fprintf(out, "second  frames    mean   1 %%  50 %%  99 %%    black    white   gamma    gain   noise\n");
 }
 
 void printRow(std::FILE* out, const std::string& name, const ExposureStatistics& statistics) {
   const Histogram& histogram = statistics.histogram;
-  std::fprintf(out, "%6s  %6lld  %6.1f  %4d  %4d  %4d  %6.2f%%  %6.2f%%  %6.3f  %6.3f\n", name.c_str(),
+  char noise[16] = "-";
+  if (statistics.noiseFrames > 0) std::snprintf(noise, sizeof(noise), "%.2f", statistics.noise());
+  std::fprintf(out, "%6s  %6lld  %6.1f  %4d  %4d  %4d  %6.2f%%  %6.2f%%  %6.3f  %6.3f  %6s\n", name.c_str(),
                static_cast<long long>(statistics.frames), meanLevel(histogram), levelAtShare(histogram, 0.01),
                levelAtShare(histogram, 0.5), levelAtShare(histogram, 0.99), 100 * statistics.share(0),
-               100 * statistics.share(kLevels - 1), statistics.gamma(), statistics.gain());
+               100 * statistics.share(kLevels - 1), statistics.gamma(), statistics.gain(), noise);
 }
 
 class Analysis {
@@ -63,6 +82,7 @@ class Analysis {
 
  private:
   void readAll();
+  void addNoise(const NoiseCurve& noise, const Histogram& luma);
   void endSecond();
   void writeJson() const;
   void writePlot() const;
@@ -79,6 +99,7 @@ class Analysis {
   nlohmann::ordered_json seconds_ = nlohmann::ordered_json::array();
   Histogram smoothed_;
   ToneCurve suggested_;
+  std::vector<NoiseCurve> noise_;  // of the frames in which it is known
 };
 
 void Analysis::run() {
@@ -102,6 +123,10 @@ void Analysis::run() {
 void Analysis::readAll() {
   ExposureFollower exposure(clip_.nv21Width(), clip_.nv21Height(), options_.exposure);
   exposure.settle(clip_.nv21().data());
+  PlaneRegistration registration;
+  if (!registration.create(clip_.nv21Width(), clip_.nv21Height(), false, nullptr) || !registration.enableNoise()) {
+    throw std::bad_alloc();
+  }
   const double start = clip_.seconds();
   do {
     // At 3 fps the time stamps are 0.333, 0.667, 1.000: tolerate rounding.
@@ -109,13 +134,25 @@ void Analysis::readAll() {
     if (second != second_) endSecond();
     second_ = second;
     exposure.follow(clip_.nv21().data());
-    addPlane(clip_.nv21().data(), clip_.width(), clip_.height(), clip_.nv21Width(), &current_.histogram);
+    Histogram luma;
+    addPlane(clip_.nv21().data(), clip_.width(), clip_.height(), clip_.nv21Width(), &luma);
+    addHistogram(luma, &current_.histogram);
     ++current_.frames;
     current_.gammaSum += exposure.gamma();
     current_.gainSum += exposure.gain();
+    registration.measure(clip_.nv21().data());
+    addNoise(registration.noise(), luma);
     clip_.reader().takeAudio();  // not used
   } while (clip_.next());
   endSecond();
+}
+
+void Analysis::addNoise(const NoiseCurve& noise, const Histogram& luma) {
+  if (!noise.known) return;
+  noise_.push_back(noise);
+  const double sigma = noiseSigma(noise, luma);
+  current_.noiseSum += sigma * sigma;
+  ++current_.noiseFrames;
 }
 
 void Analysis::endSecond() {
@@ -142,6 +179,7 @@ void Analysis::writePlot() const {
   plot.strength = options_.strength;
   plot.gamma = all_.gamma();
   plot.gain = all_.gain();
+  plot.noise = medianOf(noise_);
   const std::vector<uint8_t> png = drawAnalysis(plot);
   writeWholeFile(plotFile_, png.data(), png.size());
 }
@@ -163,7 +201,8 @@ void Analysis::writeJson() const {
                                        {"seconds", seconds_},
                                        {"histogram", all_.histogram.bins},
                                        {"smoothed_histogram", smoothed_.bins},
-                                       {"suggested_curve", suggested_.level}};
+                                       {"suggested_curve", suggested_.level},
+                                       {"noise_variance", medianOf(noise_).variance}};
   const std::string text = json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
   if (options_.jsonFile != "-") {
     writeWholeFile(options_.jsonFile, text.data(), text.size());
@@ -206,6 +245,8 @@ void ExposureStatistics::add(const ExposureStatistics& more) {
   frames += more.frames;
   gammaSum += more.gammaSum;
   gainSum += more.gainSum;
+  noiseFrames += more.noiseFrames;
+  noiseSum += more.noiseSum;
 }
 
 double ExposureStatistics::share(int level) const {

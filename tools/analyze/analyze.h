@@ -1,6 +1,7 @@
 // `noxel analyze`: how a clip is exposed, and how it would be brightened.
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -48,10 +49,13 @@ struct ExposureStatistics {
   int64_t frames = 0;
   double gammaSum = 0;
   double gainSum = 0;
+  int64_t noiseFrames = 0;  // whose noise is known
+  double noiseSum = 0;      // of their variances, of a pixel on average
 
   void add(const ExposureStatistics& more);
   double gamma() const { return frames > 0 ? gammaSum / static_cast<double>(frames) : 1; }
   double gain() const { return frames > 0 ? gainSum / static_cast<double>(frames) : 1; }
+  double noise() const { return noiseFrames > 0 ? std::sqrt(noiseSum / static_cast<double>(noiseFrames)) : 0; }
   double share(int level) const;  // of the pixels
 };
 

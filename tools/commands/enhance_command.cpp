@@ -20,12 +20,15 @@ or RGBA. --dump-frames with -y does not delete the files of an earlier, longer d
 --stats, per frame:
   status              1 registered (modes 0, 1 and 3: blended with the history), 0 drawn alone, -1 spatial
   starts_sequence     first frame, or first after a gap: there is no previous frame to register with
-  points_tracked      points tracked from the previous frame; points_kept: inliers of the motion
+  points_tracked      points tracked from the previous frame; points_kept: inliers of the motion. Points are placed on
+                      the motion of the whole picture, not tracked singly: they do not show what moves otherwise
   motion              3 x 3, pixels of this frame to pixels of the previous one
   stabilization       3 x 3, pixels of this frame to the stabilised picture, before the crop; zoom: the crop
   gamma, gain         exponent and gain of the brightening
   registration_ms     motion and exposure; upload_ms, gpu_ms: on the GPU thread; total_ms: the whole frame
   mean_luma_before    0..255; mean_luma_after
+  noise_sigma         noise of the frame as it came, of a pixel on average, in 8-bit levels; null: not known
+  noise_variance      the same by luma, in levels squared: 32 entries, for luma 0..7, 8..15, ..., 248..255
 Pixel (0.5, 0.5) is the centre of the first. The summary has lost_share, the share of frames with a previous one whose
 registration failed, and the 50th and 95th percentiles of the times. Passes are in the order drawn, with their GPU time
 per frame.

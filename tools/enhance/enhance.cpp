@@ -14,6 +14,7 @@ extern "C" {
 #include <vector>
 
 #include "common/interrupt.h"
+#include "common/noise_sigma.h"
 #include "common/output_file.h"
 #include "common/tool_error.h"
 #include "enhance/frame_dump.h"
@@ -114,6 +115,7 @@ void Run::enhanceAll(const EnhancerFactory& factory) {
   settings.nominalIntervalUs = clip_.reader().nominalIntervalUs();
   settings.look = options_.look;
   settings.overlay = options_.overlay || (dump_ && isRead(options_.look, "--overlay"));
+  settings.noise = !options_.statsFile.empty();
   const std::unique_ptr<Enhancer> enhancer = factory(settings);
   for (const std::string& text : writer_.notes()) note(text);
   const size_t notesBefore = writer_.notes().size();
@@ -140,10 +142,14 @@ void Run::enhanceFrame(Enhancer& enhancer) {
   statistics.seconds = clip_.seconds();
   statistics.lumaBefore = meanLuma(nv21, width, clip_.width(), clip_.height());
 
+  Histogram luma;
+  addPlane(nv21, clip_.width(), clip_.height(), width, &luma);
+
   const auto start = std::chrono::steady_clock::now();
   enhancer.enhance(nv21, clip_.microseconds());
   statistics.totalMs = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   statistics.report = enhancer.report();
+  statistics.noiseSigma = noiseSigma(statistics.report.noise, luma);
   passTimes_.endFrame();
   statistics.lumaAfter = meanLuma(nv21, width, clip_.width(), clip_.height());
   Overlay overlay;

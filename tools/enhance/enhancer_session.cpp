@@ -25,6 +25,7 @@ EnhancerSession::EnhancerSession(const EnhancerSettings& settings)
       engine_(settings.width, settings.height, settings.look.mode()) {
   setParameters(settings.look, engine_.get());
   if (settings.overlay && captureGhostMask(engine_.get(), true) != 0) throw std::bad_alloc();
+  if (settings.noise && measureNoise(engine_.get(), true) != 0) throw std::bad_alloc();
   platform::setFrameClock(PresentationClock::read, &clock_);
 }
 

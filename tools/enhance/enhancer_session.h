@@ -18,6 +18,7 @@ struct EnhancerSettings {
   int64_t nominalIntervalUs = 40'000;
   Look look;
   bool overlay = false;  // keep the data for overlay()
+  bool noise = false;    // measure it for report()
 };
 
 // Enhances one clip frame by frame, in place and synchronously. One thread.

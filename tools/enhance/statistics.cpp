@@ -1,5 +1,6 @@
 #include "enhance/statistics.h"
 
+#include <cmath>
 #include <string>
 
 #include "common/percentile.h"
@@ -17,6 +18,22 @@ nlohmann::ordered_json rowsOf(const float (&matrix)[9]) {
   nlohmann::ordered_json rows = nlohmann::ordered_json::array();
   for (int row = 0; row < 3; ++row) rows.push_back({matrix[3 * row], matrix[3 * row + 1], matrix[3 * row + 2]});
   return rows;
+}
+
+// Four digits: more than was measured, and the file stays readable.
+nlohmann::ordered_json rounded(double value) {
+  return std::round(value * 1e4) / 1e4;
+}
+
+nlohmann::ordered_json noiseSigmaOf(const FrameStatistics& frame) {
+  return frame.report.noise.known ? rounded(frame.noiseSigma) : nullptr;
+}
+
+nlohmann::ordered_json varianceOf(const NoiseCurve& curve) {
+  if (!curve.known) return nullptr;
+  nlohmann::ordered_json entries = nlohmann::ordered_json::array();
+  for (const float variance : curve.variance) entries.push_back(rounded(static_cast<double>(variance)));
+  return entries;
 }
 
 std::vector<double> times(const std::vector<FrameStatistics>& frames, double FrameReport::*member) {
@@ -48,6 +65,7 @@ double Statistics::lostShare() const {
 
 nlohmann::ordered_json Statistics::json(double seconds) const {
   std::vector<double> totals;
+  std::vector<double> sigmas;
   nlohmann::ordered_json list = nlohmann::ordered_json::array();
   for (const FrameStatistics& frame : frames_) {
     totals.push_back(frame.totalMs);
@@ -67,14 +85,19 @@ nlohmann::ordered_json Statistics::json(double seconds) const {
                     {"gpu_ms", frame.report.gpuMs},
                     {"total_ms", frame.totalMs},
                     {"mean_luma_before", frame.lumaBefore},
-                    {"mean_luma_after", frame.lumaAfter}});
+                    {"mean_luma_after", frame.lumaAfter},
+                    {"noise_sigma", noiseSigmaOf(frame)},
+                    {"noise_variance", varianceOf(frame.report.noise)}});
+    if (frame.report.noise.known) sigmas.push_back(frame.noiseSigma);
   }
   nlohmann::ordered_json summary = {{"frames", count()},
                                     {"seconds", seconds},
                                     {"fps", seconds > 0 ? static_cast<double>(count()) / seconds : 0.0},
                                     {"lost_share", lostShare()},
                                     {"mean_luma_before", meanLumaBefore()},
-                                    {"mean_luma_after", meanLumaAfter()}};
+                                    {"mean_luma_after", meanLumaAfter()},
+                                    {"noise_sigma_p50", nullptr}};
+  if (!sigmas.empty()) summary["noise_sigma_p50"] = rounded(percentile(sigmas, 50));
   const auto addPercentiles = [&summary](const std::string& prefix, const std::vector<double>& samples) {
     for (const int percent : {50, 95})
       summary[prefix + "ms_p" + std::to_string(percent)] = percentile(samples, percent);

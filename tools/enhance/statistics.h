@@ -15,6 +15,7 @@ struct FrameStatistics {
   double totalMs = 0;     // in the engine
   double lumaBefore = 0;  // means of the engine's full-range luma, 0..255
   double lumaAfter = 0;
+  double noiseSigma = 0;  // levels, of the frame as it came; meaningless while the report's noise is not known
 };
 
 class Statistics {

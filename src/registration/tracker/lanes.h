@@ -21,6 +21,16 @@ struct PlainLanes {
     std::memcpy(result.lane, from, sizeof(result.lane));
     return result;
   }
+  static PlainLanes loadBytes(const uint8_t* from) {
+    PlainLanes result;
+    for (int i = 0; i < 8; ++i) result.lane[i] = from[i];
+    return result;
+  }
+  PlainLanes plus(const PlainLanes& other) const {
+    PlainLanes result;
+    for (int i = 0; i < 8; ++i) result.lane[i] = static_cast<int16_t>(lane[i] + other.lane[i]);
+    return result;
+  }
   void store(int16_t* to) const { std::memcpy(to, lane, sizeof(lane)); }
   PlainLanes minus(const PlainLanes& other) const {
     PlainLanes result;
@@ -54,6 +64,11 @@ struct SseLanes {
   static SseLanes load(const int16_t* from) {
     return {_mm_loadu_si128(static_cast<const __m128i*>(static_cast<const void*>(from)))};
   }
+  static SseLanes loadBytes(const uint8_t* from) {
+    const __m128i bytes = _mm_loadl_epi64(static_cast<const __m128i*>(static_cast<const void*>(from)));
+    return {_mm_unpacklo_epi8(bytes, _mm_setzero_si128())};
+  }
+  SseLanes plus(const SseLanes& other) const { return {_mm_add_epi16(lanes, other.lanes)}; }
   void store(int16_t* to) const { _mm_storeu_si128(static_cast<__m128i*>(static_cast<void*>(to)), lanes); }
   SseLanes minus(const SseLanes& other) const { return {_mm_sub_epi16(lanes, other.lanes)}; }
   SseLanes mixed(const SseLanes& other, int sixteenths) const {
@@ -81,6 +96,8 @@ struct NeonLanes {
   int16x8_t lanes;
 
   static NeonLanes load(const int16_t* from) { return {vld1q_s16(from)}; }
+  static NeonLanes loadBytes(const uint8_t* from) { return {vreinterpretq_s16_u16(vmovl_u8(vld1_u8(from)))}; }
+  NeonLanes plus(const NeonLanes& other) const { return {vaddq_s16(lanes, other.lanes)}; }
   void store(int16_t* to) const { vst1q_s16(to, lanes); }
   NeonLanes minus(const NeonLanes& other) const { return {vsubq_s16(lanes, other.lanes)}; }
   NeonLanes mixed(const NeonLanes& other, int sixteenths) const {

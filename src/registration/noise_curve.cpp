@@ -1,0 +1,487 @@
+#include "registration/noise_curve.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+#include "registration/noise_block.h"
+#include "registration/tracker/lanes.h"
+#include "registration/tracker/median.h"
+#include "registration/tracker/memory.h"
+
+namespace noxel {
+namespace {
+
+using noise::Alone;
+using noise::Equality;
+using noise::HalfSums;
+using noise::kHalfArea;
+using noise::kHalfSide;
+using noise::kSide;
+using tracker::allocateArray;
+using tracker::medianOf;
+using tracker::NativeLanes;
+
+constexpr int kEntries = NoiseCurve::kEntries;
+constexpr float kLevelsPerEntry = 8;
+constexpr float kFirstCentre = 3.5f;  // mean of the first entry's codes
+
+constexpr int kBlocks = 440;  // of a frame, about
+constexpr int kMinStep = 8;   // pixels: blocks of small frames overlap
+constexpr int kMinBlocks = 4;
+
+// Lucas and Kanade within a block.
+constexpr int kMaxSteps = 2;
+constexpr float kMaxMotion = 3;          // pixels in a step: beyond, the texture is not alike
+constexpr float kOtherPixel = 0.6f;      // pixels: from here on another whole pixel is nearer
+constexpr float kUnsure = 0.01f;         // square of what is not known of the motion, pixels
+constexpr float kTexturePassed = 0.25f;  // share of texture in d^2 / 2 that least squares leaves; measured on photos
+
+constexpr float kTrusted = 0.1f;      // texture of this share of the noise: half the trust
+constexpr float kPlausible = 1.5f;    // times the curve: more is not noise
+constexpr float kPlausibleFloor = 4;  // times the quietest tenth of the blocks, while there is no curve
+constexpr float kQuietShare = 0.25f;  // of the trust in an entry
+constexpr float kQuietAlone = 0.1f;   // the same within one frame, where texture is not taken out
+constexpr float kReach = 6;           // levels from an entry's centre: its blocks
+constexpr float kMinTrust = 0.05f;    // blocks: less says nothing of an entry
+constexpr float kSmallest = 0.02f;    // variance: keeps ratios finite
+constexpr float kMaxCorrelation = 0.7f;
+constexpr float kCorrelationStep = 0.2f;  // share of the new frame
+
+constexpr float kMemory = 0.97f;     // of an entry's weight, from frame to frame
+constexpr float kMaxWeight = 112;    // blocks
+constexpr float kLostMemory = 0.3f;  // of the weights when the motion was lost: it may be another scene
+constexpr float kMaxRise = 1.5f;     // a frame's value at most this much above the curve, and
+constexpr float kFreeRise = 0.5f;    // this much more
+constexpr float kMaxFall = 4;        // times as fast as by weight
+constexpr int kMaxRepeats = 4;
+
+float centreOf(int entry) {
+  return kLevelsPerEntry * static_cast<float>(entry) + kFirstCentre;
+}
+
+float varianceAt(const NoiseCurve& curve, float luma) {
+  const float at = std::clamp((luma - kFirstCentre) / kLevelsPerEntry, 0.0f, static_cast<float>(kEntries - 1));
+  const int entry = std::min(static_cast<int>(at), kEntries - 2);
+  const float share = at - static_cast<float>(entry);
+  return curve.variance[entry] + share * (curve.variance[entry + 1] - curve.variance[entry]);
+}
+
+float mean(const float (&halves)[2]) {
+  return 0.5f * (halves[0] + halves[1]);
+}
+
+}  // namespace
+
+NoiseMeter::~NoiseMeter() {
+  release();
+}
+
+void NoiseMeter::release() {
+  std::free(previous_);
+  std::free(blocks_);
+  std::free(candidates_);
+  std::free(chosen_);
+  std::free(scratch_);
+  previous_ = nullptr;
+  blocks_ = nullptr;
+  candidates_ = chosen_ = nullptr;
+  scratch_ = nullptr;
+}
+
+bool NoiseMeter::allocate(int width, int height) {
+  if (previous_ != nullptr) return true;
+  width_ = width;
+  height_ = height;
+  const double area = static_cast<double>(width) * height;
+  step_ = std::max(kMinStep, static_cast<int>(std::ceil(std::sqrt(area / kBlocks))));
+  const int blocks = (width / step_ + 1) * (height / step_ + 1);
+  blocks_ = allocateArray<Block>(blocks);
+  candidates_ = allocateArray<Candidate>(blocks);
+  chosen_ = allocateArray<Candidate>(2 * blocks);
+  scratch_ = allocateArray<float>(2 * blocks);
+  previous_ = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(width) * static_cast<size_t>(height)));
+  const bool allocated =
+      blocks_ != nullptr && candidates_ != nullptr && chosen_ != nullptr && scratch_ != nullptr && previous_ != nullptr;
+  if (!allocated) release();
+  return allocated;
+}
+
+void NoiseMeter::restart() {
+  hasPrevious_ = false;
+  fromDifferences_ = false;
+  repeats_ = 0;
+  for (Entry& entry : entries_) entry = {};
+  curve_ = {};
+}
+
+void NoiseMeter::measure(const uint8_t* luma, const float* previousFromCurrent) {
+  layOut();
+  if (hasPrevious_ && previousFromCurrent != nullptr) {
+    if (compare(luma, previousFromCurrent)) {
+      learn(true);
+      draw();
+    }
+  } else if (fromDifferences_) {
+    for (Entry& entry : entries_) entry.weight *= kLostMemory;
+  } else {
+    inspect(luma);
+    learn(false);
+    draw();
+  }
+  std::memcpy(previous_, luma, static_cast<size_t>(width_) * static_cast<size_t>(height_));
+  hasPrevious_ = true;
+  ++frames_;
+}
+
+// The grid moves with the frames, so that in time all of the picture is read. One pixel is left free on each side.
+void NoiseMeter::layOut() {
+  const auto origin = [&](uint32_t stride, int side) {
+    const int places = std::clamp(side - kSide - 1, 1, step_);
+    return 1 + static_cast<int>(frames_ * stride % static_cast<uint32_t>(places));
+  };
+  const auto count = [&](int first, int side) { return std::max(0, (side - 1 - kSide - first + step_) / step_); };
+  originX_ = origin(5, width_);
+  originY_ = origin(3, height_);
+  columns_ = count(originX_, width_);
+  rows_ = count(originY_, height_);
+  count_ = columns_ * rows_;
+}
+
+// False: a repeated frame.
+bool NoiseMeter::compare(const uint8_t* luma, const float* motion) {
+  bool differs = false;
+  for (int i = 0; i < count_; ++i) {
+    const int x = originX_ + i % columns_ * step_;
+    const int y = originY_ + i / columns_ * step_;
+    const auto centreX = static_cast<float>(x + kHalfSide);
+    const auto centreY = static_cast<float>(y + kHalfSide);
+    Block* block = &blocks_[i];
+    block->read = false;
+    compareBlock(luma, x, y, motion[0] * centreX + motion[1] * centreY + motion[2] - centreX,
+                 motion[3] * centreX + motion[4] * centreY + motion[5] - centreY, block);
+    differs = differs || (block->read && mean(block->variance) > 0.0f);
+  }
+  repeats_ = differs ? 0 : repeats_ + 1;
+  return differs || (!fromDifferences_ && repeats_ >= kMaxRepeats);
+}
+
+void NoiseMeter::compareBlock(const uint8_t* luma, int x, int y, float dx, float dy, Block* block) const {
+  const auto far = static_cast<float>(width_ + height_);
+  if (!(std::fabs(dx) < far && std::fabs(dy) < far)) return;
+  const ptrdiff_t stride = width_;
+  const uint8_t* current = luma + y * stride + x;
+  const uint8_t* previous = nullptr;
+  HalfSums halves[2];
+  for (int step = 0;; ++step) {
+    const auto wholeX = static_cast<int>(std::lround(dx));
+    const auto wholeY = static_cast<int>(std::lround(dy));
+    x += wholeX;
+    y += wholeY;
+    dx -= static_cast<float>(wholeX);
+    dy -= static_cast<float>(wholeY);
+    if (x < 1 || y < 1 || x + kSide + 1 > width_ || y + kSide + 1 > height_) return;
+    previous = previous_ + y * stride + x;
+    halves[0] = noise::sumHalf<NativeLanes>(current, previous, stride);
+    halves[1] = noise::sumHalf<NativeLanes>(current + kHalfSide, previous + kHalfSide, stride);
+    float furtherX = 0;
+    float furtherY = 0;
+    if (step == kMaxSteps || !noise::furtherMotion(halves, &furtherX, &furtherY)) break;
+    if (!(std::fabs(furtherX) < kMaxMotion && std::fabs(furtherY) < kMaxMotion)) break;
+    dx = furtherX;
+    dy = furtherY;
+    if (!(std::max(std::fabs(dx), std::fabs(dy)) > kOtherPixel)) break;
+  }
+
+  constexpr float kArea = 2 * kHalfArea;
+  const auto both = [&](int32_t HalfSums::*sum) {
+    return static_cast<float>(halves[0].*sum) + static_cast<float>(halves[1].*sum);
+  };
+  const Equality equality = noise::compareExactly(current, previous, stride);
+  // A bar, or what is clipped: no noise to be seen, and no texture.
+  if (equality == Equality::kAll && both(&HalfSums::gxgx) + both(&HalfSums::gygy) == 0.0f) return;
+  block->read = true;
+  block->suspect = equality != Equality::kNone;
+  block->luma = both(&HalfSums::s) / (2 * kArea);
+  for (int half = 0; half < 2; ++half) {
+    block->variance[half] = static_cast<float>(noise::residual(halves[half]) / (2 * kHalfArea));
+  }
+  constexpr float kSlope = 16;  // g is four slopes
+  block->texture = kTexturePassed / (kSlope * kArea) *
+                   ((dx * dx + kUnsure) * both(&HalfSums::gxgx) + (dy * dy + kUnsure) * both(&HalfSums::gygy));
+  const float square = both(&HalfSums::d) * both(&HalfSums::d) / kArea;
+  const float spread = both(&HalfSums::dd) - square;
+  block->correlation = spread > 0.0f ? (both(&HalfSums::lag) - square) / spread : 0.0f;
+}
+
+void NoiseMeter::inspect(const uint8_t* luma) {
+  constexpr float kMinRatio = 0.8f;  // of the variance to that of white noise with the same fine detail
+  constexpr float kMaxRatio = 6;
+  const ptrdiff_t stride = width_;
+  int found = 0;
+  for (int i = 0; i < count_; ++i) {
+    Block& block = blocks_[i];
+    const uint8_t* at = luma + (originY_ + i / columns_ * step_) * stride + originX_ + i % columns_ * step_;
+    const Alone halves[2] = {noise::readAlone(at, stride), noise::readAlone(at + kHalfSide, stride)};
+    block.read = !halves[0].constant || !halves[1].constant;
+    if (!block.read) continue;
+    block.suspect = halves[0].constant || halves[1].constant;
+    block.luma = 0.5f * (halves[0].luma + halves[1].luma);
+    block.texture = 0;
+    for (int half = 0; half < 2; ++half) {
+      block.variance[half] = halves[half].variance;
+      block.ratio[half] = halves[half].fine;
+      if (!halves[half].constant) scratch_[found++] = halves[half].variance / halves[half].fine;
+    }
+  }
+  if (found == 0) return;
+  std::nth_element(scratch_, scratch_ + found / 4, scratch_ + found);
+  const float ratio = std::clamp(scratch_[found / 4], kMinRatio, kMaxRatio);
+  for (int i = 0; i < count_; ++i) {
+    Block& block = blocks_[i];
+    for (int half = 0; half < 2; ++half) {
+      block.variance[half] = std::min(block.variance[half], ratio * block.ratio[half]);
+    }
+  }
+}
+
+// False: no blocks are left.
+bool NoiseMeter::dropSuspects() {
+  int read = 0;
+  int suspects = 0;
+  for (int i = 0; i < count_; ++i) {
+    read += blocks_[i].read ? 1 : 0;
+    suspects += blocks_[i].read && blocks_[i].suspect ? 1 : 0;
+  }
+  if (2 * suspects > read) return true;
+  for (int i = 0; i < count_; ++i) blocks_[i].read = blocks_[i].read && !blocks_[i].suspect;
+  return read > suspects;
+}
+
+// Degrees of freedom, and a median of n / k of them, which is 2 k / 3 n below the mean. floor: variance of the quietest.
+void NoiseMeter::correctForCorrelation(float floor) {
+  int found = 0;
+  for (int i = 0; i < count_; ++i) {
+    const Block& block = blocks_[i];
+    if (block.read && mean(block.variance) < 2 * floor) scratch_[found++] = block.correlation;
+  }
+  const float correlation = std::clamp(medianOf(scratch_, found), 0.0f, kMaxCorrelation);
+  correlation_ += (fromDifferences_ ? kCorrelationStep : 1.0f) * (correlation - correlation_);
+  const float constant = (1 + 2 * correlation_) * (1 + 2 * correlation_);
+  const float alike = (1 + 2 * correlation_ * correlation_) * (1 + 2 * correlation_ * correlation_);
+  const float factor = kHalfArea / (kHalfArea - 2 - constant - alike) * (1 + 2 * alike / (3 * kHalfArea));
+  for (int i = 0; i < count_; ++i) {
+    for (float& variance : blocks_[i].variance) variance *= factor;
+  }
+}
+
+void NoiseMeter::relate(float floor) {
+  for (int i = 0; i < count_; ++i) {
+    Block& block = blocks_[i];
+    if (!block.read) continue;
+    const float expected = fromDifferences_ ? std::max(varianceAt(curve_, block.luma), kSmallest) : 1.0f;
+    for (int half = 0; half < 2; ++half) block.ratio[half] = block.variance[half] / expected;
+    const float plausible = fromDifferences_ ? kPlausible * expected : kPlausibleFloor * floor;
+    const float variance = std::max(std::min(mean(block.variance), plausible), 0.1f * kSmallest);
+    const float share = block.texture / (kTrusted * variance);
+    block.trust = 1 / (1 + share * share);
+  }
+}
+
+void NoiseMeter::lookAround() {
+  for (int i = 0; i < count_; ++i) {
+    Block& block = blocks_[i];
+    if (!block.read) continue;
+    const int row = i / columns_;
+    const int column = i % columns_;
+    float ratios[8];
+    int found = 0;
+    for (int y = std::max(row - 1, 0); y <= std::min(row + 1, rows_ - 1); ++y) {
+      for (int x = std::max(column - 1, 0); x <= std::min(column + 1, columns_ - 1); ++x) {
+        const Block& other = blocks_[y * columns_ + x];
+        if (other.read && &other != &block) ratios[found++] = mean(other.ratio);
+      }
+    }
+    block.around = found > 0 ? medianOf(ratios, found) : mean(block.ratio);
+  }
+}
+
+// The grid is not needed any more: leaves the blocks that were read, from dark to bright.
+void NoiseMeter::orderByLuma() {
+  Block* end = std::remove_if(blocks_, blocks_ + count_, [](const Block& block) { return !block.read; });
+  std::sort(blocks_, end, [](const Block& a, const Block& b) { return a.luma < b.luma; });
+  count_ = static_cast<int>(end - blocks_);
+}
+
+void NoiseMeter::learn(bool differences) {
+  if (!dropSuspects()) return;
+  int found = 0;
+  for (int i = 0; i < count_; ++i) {
+    if (blocks_[i].read) scratch_[found++] = mean(blocks_[i].variance);
+  }
+  if (found == 0) return;
+  std::nth_element(scratch_, scratch_ + found / 10, scratch_ + found);
+  const float floor = scratch_[found / 10];
+  if (differences) {
+    correctForCorrelation(floor);
+    if (!fromDifferences_) {
+      for (Entry& entry : entries_) entry = {};
+    }
+  }
+  relate(floor);
+  lookAround();
+  orderByLuma();
+  for (int i = 0; i < kEntries; ++i) learnEntry(i, differences);
+  fromDifferences_ = fromDifferences_ || differences;
+}
+
+void NoiseMeter::learnEntry(int index, bool differences) {
+  Entry& entry = entries_[index];
+  entry.weight *= kMemory;
+  float trusted = 0;
+  float quality = 0;
+  float expected = 0;
+  const float ratio = quietRatio(index, differences ? kQuietShare : kQuietAlone, &trusted, &quality, &expected);
+  if (ratio < 0) return;
+  float variance = ratio * expected;
+  if (!differences) {
+    entry = {variance, trusted, quality};
+    return;
+  }
+  const bool first = entry.weight == 0.0f;
+  if (!first) variance = std::min(variance, kMaxRise * entry.variance + kFreeRise);
+  float share = trusted / (entry.weight + trusted);
+  if (!first && variance < entry.variance) {
+    const float fall = entry.variance / std::max(variance, kSmallest);
+    share = std::min(1.0f, share * std::min(fall * fall, kMaxFall));
+  }
+  entry.variance += share * (variance - entry.variance);
+  entry.quality += share * (quality - entry.quality);
+  entry.weight = std::min(entry.weight + trusted, kMaxWeight);
+}
+
+// Median ratio to the curve of the quietest `share` of an entry's blocks; negative: too few.
+//   trusted    sum of their trust, counted within the entry
+//   quality    mean trust of a trusted block
+//   expected   mean of the curve over them
+float NoiseMeter::quietRatio(int index, float share, float* trusted, float* quality, float* expected) {
+  const float centre = centreOf(index);
+  const Block* const end = blocks_ + count_;
+  const Block* const first = std::lower_bound(blocks_, blocks_ + count_, centre - kReach,
+                                              [](const Block& block, float luma) { return block.luma < luma; });
+  int taken = 0;
+  float takenTrust = 0;
+  for (int side = 0; side < 2; ++side) {
+    int found = 0;
+    float all = 0;
+    for (const Block* at = first; at < end && at->luma <= centre + kReach; ++at) {
+      const Block& block = *at;
+      candidates_[found++] = {block.ratio[side] + block.around, block.ratio[1 - side], block.trust};
+      all += block.trust;
+      if (side == 1 || !(std::fabs(block.luma - centre) <= 0.5f * kLevelsPerEntry)) continue;
+      *trusted += block.trust;
+      *quality += block.trust * block.trust;
+      *expected += block.trust * (fromDifferences_ ? std::max(varianceAt(curve_, block.luma), kSmallest) : 1.0f);
+    }
+    if (found < kMinBlocks || !(*trusted > kMinTrust)) return -1;
+    std::sort(candidates_, candidates_ + found,
+              [](const Candidate& a, const Candidate& b) { return a.score < b.score; });
+    float sum = 0;
+    for (int i = 0; i < found && (i < kMinBlocks / 2 || sum < share * all); ++i) {
+      sum += candidates_[i].trust;
+      chosen_[taken++] = candidates_[i];
+    }
+    takenTrust += sum;
+  }
+  *quality /= *trusted;
+  *expected /= *trusted;
+  std::sort(chosen_, chosen_ + taken, [](const Candidate& a, const Candidate& b) { return a.ratio < b.ratio; });
+  int middle = 0;
+  for (float sum = chosen_[0].trust; middle + 1 < taken && sum < 0.5f * takenTrust; sum += chosen_[middle].trust)
+    ++middle;
+  return chosen_[middle].ratio;
+}
+
+// Texture only adds: an entry above the curve that the others draw counts the less for it.
+void NoiseMeter::draw() {
+  constexpr int kRounds = 4;
+  double weights[kEntries];
+  for (int i = 0; i < kEntries; ++i) {
+    // Trust does not add up: what texture adds to many frames is no error that averages out.
+    weights[i] = static_cast<double>(entries_[i].weight * entries_[i].quality * entries_[i].quality);
+  }
+  for (int round = 0; round < kRounds; ++round) {
+    if (!drawThrough(weights)) return;
+    for (int i = 0; i < kEntries; ++i) {
+      const double share = static_cast<double>(curve_.variance[i] / std::max(entries_[i].variance, kSmallest));
+      if (share < 1) weights[i] *= share * share * share * share;
+    }
+  }
+  curve_.known = true;
+}
+
+// A line by weighted least squares, plus the deviation e that minimises
+//   sum weight (line + e - entry)^2 + kStiffness sum (second difference of e)^2 + kTension sum (first difference)^2.
+bool NoiseMeter::drawThrough(const double (&weights)[kEntries]) {
+  constexpr double kStiffness = 4;    // blocks
+  constexpr double kTension = 0.3;    // blocks
+  constexpr double kLevelPrior = 20;  // blocks an entry away: holds the slope at 0 while a few entries are known
+  constexpr double kKnown = 2;        // blocks: an entry that bounds what is drawn for the others
+  constexpr double kBelow = 0.6;
+  constexpr double kAbove = 1.5;
+  double sum = 0, x = 0, y = 0, xx = 0, xy = 0;
+  double low = 0, high = 0;
+  for (int i = 0; i < kEntries; ++i) {
+    const auto variance = static_cast<double>(entries_[i].variance);
+    if (weights[i] > kKnown) {
+      low = high > 0 ? std::min(low, variance) : variance;
+      high = std::max(high, variance);
+    }
+    sum += weights[i];
+    x += weights[i] * i;
+    y += weights[i] * variance;
+    xx += weights[i] * i * i;
+    xy += weights[i] * i * variance;
+  }
+  if (!(sum > 0)) return false;
+  x /= sum;
+  y /= sum;
+  if (!(high > 0)) low = high = y;
+  const double slope = (xy - sum * x * y) / (xx - sum * x * x + kLevelPrior);
+  double line[kEntries];
+  double diagonals[kEntries][3] = {};  // of the symmetric matrix, and the two above it
+  double e[kEntries];
+  for (int i = 0; i < kEntries; ++i) {
+    line[i] = std::clamp(y + slope * (i - x), kBelow * low, kAbove * high);
+    diagonals[i][0] = weights[i];
+    e[i] = weights[i] * (static_cast<double>(entries_[i].variance) - line[i]);
+  }
+  const auto add = [&](int first, const double* difference, int count, double factor) {
+    for (int i = 0; i < count; ++i) {
+      for (int j = i; j < count; ++j) diagonals[first + i][j - i] += factor * difference[i] * difference[j];
+    }
+  };
+  constexpr double kFirst[] = {1, -1};
+  constexpr double kSecond[] = {1, -2, 1};
+  for (int i = 0; i + 1 < kEntries; ++i) add(i, kFirst, 2, kTension);
+  for (int i = 0; i + 2 < kEntries; ++i) add(i, kSecond, 3, kStiffness);
+  for (int k = 0; k < kEntries; ++k) {
+    for (int i = 1; i < 3 && k + i < kEntries; ++i) {
+      const double share = diagonals[k][i] / diagonals[k][0];
+      for (int j = i; j < 3; ++j) diagonals[k + i][j - i] -= share * diagonals[k][j];
+      e[k + i] -= share * e[k];
+    }
+  }
+  for (int k = kEntries - 1; k >= 0; --k) {
+    for (int i = 1; i < 3 && k + i < kEntries; ++i) e[k] -= diagonals[k][i] * e[k + i];
+    e[k] /= diagonals[k][0];
+  }
+  for (int i = 0; i < kEntries; ++i) {
+    curve_.variance[i] = static_cast<float>(std::clamp(line[i] + e[i], kBelow * low, kAbove * high));
+  }
+  return true;
+}
+
+}  // namespace noxel

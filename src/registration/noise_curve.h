@@ -1,0 +1,129 @@
+// How strong a frame's noise is, by luma.
+//
+// Measured in the differences d between the frame and the one before it, in blocks of 16 x 16 pixels of a sample:
+//
+//   d         at the motion rounded to whole pixels, so that no interpolation smooths the noise. Where a block's texture
+//             says that it moved otherwise (depth), by Lucas and Kanade, its own motion.
+//   variance  var(d) / 2, after least squares has taken a constant, the sum s of both frames and its gradient out of d:
+//             brightness, contrast, the fraction of a pixel. n = 128 pixels of half a block have n - 2 - (1 + 2 r)^2 -
+//             (1 + 2 r^2)^2 degrees of freedom left: r is the noise's correlation over one pixel, measured in d; a constant
+//             takes more from correlated noise than one.
+//   trust     the texture g of s, under the fraction f of a pixel that the rounding leaves, changes d by at most about
+//             c = (f^2 + 0.01) g^2 / 4, in levels squared; a block counts 1 / (1 + (10 c / variance)^2).
+//   quietest  the quarter of an entry's blocks in which nothing else moves: chosen by one half of the block and by the
+//             blocks around it, measured in the other half. The quietest by what is measured itself would be too quiet, by
+//             an amount that depends on the noise's correlation. Their median counts, and all is relative to the curve so
+//             far, so that an entry's slope does not choose.
+//   curve     each entry the mean over frames weighted by trusted blocks, of the last few where they are many; it falls
+//             faster than it rises, as texture only adds. The curve is the line through the entries (read noise, and shot
+//             noise proportional to luma) plus a smooth deviation; where an entry has seen nothing it leads to its
+//             neighbours and then to the line. An entry above what its neighbours say counts the less.
+//
+// What is measured is the noise as it stands in 8 bits: rounding adds 1/12, and at black and white the variance is that of
+// what is left after clipping. Luma is the mean that the frames show. Left out are blocks that share a row or column of
+// pixels with the frame before (bars, logos), unless most do. Noise that stays where it is while the picture stands still (a
+// sensor's fixed pattern) is not in the differences. Frames that repeat say nothing, unless there was never a difference.
+//
+// A frame without a frame before it is measured in 8 x 8 pixels less the plane through them, limited by their finest
+// detail at the ratio that the flattest blocks have: good to a factor of about 1.5 where a picture has flat places. Texture as
+// fine as noise passes for it, until the first difference, which replaces all of this.
+#pragma once
+
+#include <cstdint>
+
+namespace noxel {
+
+// Variance of single pixels, in 8-bit levels squared; entry i is for luma 8 i .. 8 i + 7.
+struct NoiseCurve {
+  static constexpr int kEntries = 32;
+  float variance[kEntries] = {};  // finite, 0 or more
+  bool known = false;             // false: nothing was measured yet, all entries are 0
+};
+
+// One thread.
+class NoiseMeter {
+ public:
+  NoiseMeter() = default;
+  ~NoiseMeter();
+  NoiseMeter(const NoiseMeter&) = delete;
+  NoiseMeter& operator=(const NoiseMeter&) = delete;
+
+  // Everything that measure() needs; further calls change nothing. False: out of memory.
+  bool allocate(int width, int height);
+
+  // The next frame begins a sequence.
+  void restart();
+
+  // Updates the curve.
+  //   luma                  width * height pixels, not kept
+  //   previousFromCurrent   3 x 3, row-major, affine: pixels of this frame to pixels of the one before, the centre of the
+  //                         first at (0.5, 0.5). Null: not known
+  void measure(const uint8_t* luma, const float* previousFromCurrent);
+
+  const NoiseCurve& curve() const { return curve_; }
+
+ private:
+  struct Block {
+    bool read;
+    bool suspect;  // shares a row or column with the frame before
+    float luma;
+    float variance[2];  // of its halves
+    float texture;      // what the picture may add to them
+    float correlation;  // over one pixel
+    float trust;
+    float ratio[2];  // of the variances to the curve so far
+    float around;    // median ratio of the blocks around it
+  };
+  struct Candidate {
+    float score;
+    float ratio;
+    float trust;
+  };
+  struct Entry {
+    float variance = 0;
+    float weight = 0;   // trusted blocks it is worth
+    float quality = 0;  // their mean trust
+  };
+
+  void release();
+  void layOut();
+  bool compare(const uint8_t* luma, const float* motion);
+  void compareBlock(const uint8_t* luma, int x, int y, float dx, float dy, Block* block) const;
+  void inspect(const uint8_t* luma);
+  bool dropSuspects();
+  void correctForCorrelation(float floor);
+  void relate(float floor);
+  void lookAround();
+  void orderByLuma();
+  void learn(bool differences);
+  void learnEntry(int index, bool differences);
+  float quietRatio(int index, float share, float* trusted, float* quality, float* expected);
+  void draw();
+  bool drawThrough(const double (&weights)[NoiseCurve::kEntries]);
+
+  int width_ = 0;
+  int height_ = 0;
+  uint8_t* previous_ = nullptr;
+  bool hasPrevious_ = false;
+  bool fromDifferences_ = false;
+  int repeats_ = 0;
+  uint32_t frames_ = 0;
+
+  // Of the last frame: a grid of blocks, row by row.
+  int step_ = 1;
+  int originX_ = 0;
+  int originY_ = 0;
+  int columns_ = 0;
+  int rows_ = 0;
+  int count_ = 0;
+  Block* blocks_ = nullptr;
+  Candidate* candidates_ = nullptr;
+  Candidate* chosen_ = nullptr;
+  float* scratch_ = nullptr;
+
+  float correlation_ = 0;
+  Entry entries_[NoiseCurve::kEntries];
+  NoiseCurve curve_;
+};
+
+}  // namespace noxel
