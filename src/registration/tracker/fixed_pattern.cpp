@@ -13,7 +13,7 @@ namespace noxel::tracker {
 namespace {
 
 constexpr int kLanes = 8;
-constexpr int kSampledRow = 16;    // every so many rows one is watched
+constexpr int kSampledRow = 24;    // every so many rows one is watched
 constexpr int kStepsPerUnit = 16;  // of the pattern, per unit of a sample
 constexpr int kMaxSample = 4080;
 constexpr float kMaxResidual = 1024;  // samples: 64 levels; more is something that moves on its own
@@ -22,7 +22,7 @@ constexpr int kSlowest = 32;          // frames: 1 / rate in the long run
 constexpr int kCaution = 4;           // frames of nothing that the first ones are averaged with
 constexpr float kRowRate = 0.5f;
 // Noise alone repeats by -0.3: what the last frame had at a place is missing from the next residual.
-constexpr double kRepeats = 0.03;
+constexpr double kRepeats = 0.12;
 constexpr double kRepetitionRate = 0.35;
 
 }  // namespace

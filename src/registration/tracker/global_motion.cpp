@@ -137,6 +137,7 @@ void MotionEquations::addExposure(const MotionEquation& equation, const Exposure
   const double weight = equation.weight * equation.weight;
   for (int i = 0; i < 3; ++i) {
     for (int j = 0; j < 6; ++j) sharedSums_.entries[i][j] += weight * equation.slope[i] * products[j];
+    for (int j = 0; j < 6; ++j) ownSums_.entries[i][j] += weight * equation.noise[i] * products[j];
     exposureSums_[i] += weight * exposure.samples[i];
   }
   for (int i = 0; i < 2; ++i) {
@@ -172,7 +173,7 @@ bool MotionEquations::determine(const GlobalMotion& motion, double noiseVariance
   double noises[6][6];
   double right[6];
   sharedSums_.expand(&slopes);
-  noiseSums_.expand(&noises);
+  ownSums_.expand(&noises);
   const double sums[2][2] = {{exposureSums_[0], exposureSums_[1]}, {exposureSums_[1], exposureSums_[2]}};
   double inverseSums[2][2];
   if (!invert(sums, inverseSums)) return false;

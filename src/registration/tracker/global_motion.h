@@ -103,8 +103,9 @@ class MotionEquations {
   Sums noiseSums_;
   double rhs_[6] = {};
 
-  // By squared weights, so that patches of mere noise, which get a weight by chance, count for little.
+  // Those of addExposure. By squared weights, so that patches of mere noise, which get a weight by chance, count for little.
   Sums sharedSums_;
+  Sums ownSums_;
   double sharedRhs_[6] = {};
   double exposureSums_[3] = {};
   double exposureSlopes_[2][6] = {};

@@ -27,6 +27,8 @@ constexpr float kMiddleWeight = 0.2f;
 constexpr double kGainNoticed = 0.05;
 constexpr double kOffsetNoticed = 2.0;
 
+constexpr int kSampledBlock = 4;
+
 constexpr float kBandReach = 16.0f;  // pixels: rows this near are lit alike
 
 // Share of a patch's noise by which its apparent shared texture may be off: three standard deviations.
@@ -327,10 +329,11 @@ double LevelComparison::support() const {
   return sum;
 }
 
-void LevelComparison::gather(Direction direction, bool sharedSlopes, const LevelNoise& noise,
+void LevelComparison::gather(Direction direction, Slopes slopes, const LevelNoise& noise,
                              MotionEquations* equations) const {
   const bool isForward = direction == kForward;
   const BlockTexture* ownTextures = textures_[isForward ? previousSlot_ : 1 - previousSlot_];
+  const bool sharedSlopes = slopes != kOwnSlopes;
   const double sign = isForward ? 1.0 : -1.0;  // the backward displacement shrinks as the motion grows
   for (int i = 0; i < grid_.count(); ++i) {
     const BlockMatch& match = matches_[direction][i];
@@ -359,7 +362,7 @@ void LevelComparison::gather(Direction direction, bool sharedSlopes, const Level
     equation.rhs[1] = sign * match.by;
     equation.weight = weight;
     equations->add(equation);
-    if (!sharedSlopes) continue;
+    if (!(slopes == kSharedWithExposure || (slopes == kSharedWithSample && i % kSampledBlock == 0))) continue;
     ExposureEquation exposure = {{kBlockArea, own.sum, own.squares}, {{own.gx, own.gy}, {own.gxI, own.gyI}}, {}};
     if (!adapted_[direction]) {
       exposure.rhs[0] = sign * (own.sum - match.sum);

@@ -13,6 +13,15 @@ enum Direction : int {
   kBackward = 1  // the current frame's blocks against the previous frame
 };
 
+// Where the slope of an equation comes from. With slopes from one picture the step is Gauss-Newton, which converges from
+// afar; with slopes shared by both it is Newton's, and noise does not shorten it.
+enum Slopes {
+  kOwnSlopes,
+  kSharedSlopes,
+  kSharedWithSample,   // and what a change of exposure explains, from one block in four
+  kSharedWithExposure  // from all blocks
+};
+
 // Noise in the blocks of a level.
 struct LevelNoise {
   float texture = 0.0f;       // gradient energy per block that the other picture does not share
@@ -57,9 +66,8 @@ class LevelComparison {
   bool noise(Direction direction, LevelNoise* noise);
   float correlation() const;  // of the two pictures
   double support() const;     // how much of the picture the motion explains, the edges weighted more
-  // Adds the weighted equations of a direction's blocks. With slopes from one picture the step is Gauss-Newton, which
-  // converges from afar; with slopes shared by both it is Newton's, and noise does not shorten it.
-  void gather(Direction direction, bool sharedSlopes, const LevelNoise& noise, MotionEquations* equations) const;
+  // Adds the weighted equations of a direction's blocks.
+  void gather(Direction direction, Slopes slopes, const LevelNoise& noise, MotionEquations* equations) const;
 
   // A block of the previous frame against the current one, displaced by (dx, dy) samples.
   BlockMatch match(int column, int row, float dx, float dy) const;

@@ -32,6 +32,7 @@ constexpr double kFlicker = 0.05;
 constexpr double kCalm = 0.03;
 constexpr int kCalmFrames = 60;
 
+constexpr double kClearShare = 0.45;
 constexpr double kNoShare = 0.05;   // a direction with less is not looked for on a coarser level either
 constexpr double kHeldShare = 0.8;  // of the last motion
 
@@ -103,7 +104,7 @@ void MotionEstimator::approach(int level, GlobalMotion* motion, WorkerPool* pool
   LevelNoise noise;
   if (!here.noise(kForward, &noise)) return;
   MotionEquations equations;
-  here.gather(kForward, false, noise, &equations);
+  here.gather(kForward, kOwnSlopes, noise, &equations);
   if (level == consensusLevel_) {
     equations.solveSimilarity(motion);
   } else {
@@ -117,6 +118,7 @@ bool MotionEstimator::settle(int level, MotionFound* found, WorkerPool* pool) {
   found->level = level;
   approach(level, &found->motion, pool);
   LevelComparison& here = levels_[level];
+  Determinacy determinacy;
   for (int step = 0; step < kMaxSettling; ++step) {
     MotionEquations equations;
     LevelNoise noise[2];
@@ -124,17 +126,24 @@ bool MotionEstimator::settle(int level, MotionFound* found, WorkerPool* pool) {
       here.compare(direction, found->motion, pool);
       if (!here.noise(direction, &noise[direction])) return false;
     }
-    for (const Direction direction : {kForward, kBackward}) {
-      here.gather(direction, true, noise[direction], &equations);
-    }
     // Both directions see the same noise but are added as independent: its variance counts twice.
     const double variance = 2.0 * static_cast<double>(noise[kForward].displacement);
+    const auto gather = [&](Slopes slopes) {
+      equations = {};
+      for (const Direction direction : {kForward, kBackward}) {
+        here.gather(direction, slopes, noise[direction], &equations);
+      }
+      return slopes == kSharedSlopes ||
+             equations.determine(found->motion, variance, static_cast<double>(here.scale()), &determinacy);
+    };
     const GlobalMotion before = found->motion;
-    Determinacy determinacy;
-    const bool textured = equations.determine(found->motion, variance, static_cast<double>(here.scale()), &determinacy);
+    // Once all directions are followed they stay so, as the steps are small; a sample of the blocks mostly shows it.
+    const bool clear =
+        gather(determinacy.followed == 4 ? kSharedSlopes : kSharedWithSample) && determinacy.leastShare > kClearShare;
+    if (!clear && determinacy.followed < 4 && !gather(kSharedWithExposure)) return false;
+    if (determinacy.followed == 0) return false;
     found->followed = determinacy.followed;
     found->leastShare = determinacy.leastShare;
-    if (!textured || determinacy.followed == 0) return false;
     double covariance[6][6];
     double followed[6][6];
     if (determinacy.followed < 4) {

@@ -41,7 +41,7 @@ class MotionEstimator {
   void read(const uint8_t* pixels, WorkerPool* pool);  // the current frame
   MotionFound estimate(WorkerPool* pool);              // between the previous and the current frame
   void advance();                                      // the current frame becomes the previous one
-  void forget();  // a new sequence begins
+  void forget();                                       // a new sequence begins
 
   // State of the last estimate, compared along the motion it found.
   const LevelComparison& level(int index) const { return levels_[index]; }

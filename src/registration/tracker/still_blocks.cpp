@@ -62,7 +62,7 @@ bool StillBlocks::learn(const LevelComparison& finest, const GlobalMotion& motio
       const auto dx = static_cast<float>(motion.dx(finest.u(column), finest.v(row)));
       const auto dy = static_cast<float>(motion.dy(finest.u(column), finest.v(row)));
       if (dx * dx + dy * dy > kMinMoved * kMinMoved) {
-        const BlockMatch along = finest.match(column, row, dx, dy);
+        const BlockMatch along = matches[i].inside ? matches[i] : finest.match(column, row, dx, dy);
         const BlockMatch here = finest.match(column, row, 0.0f, 0.0f);
         if (along.inside && here.inside) {
           const bool better = along.energy > mismatch && here.energy < kFarBetter * along.energy;
