@@ -7,6 +7,7 @@
 #include "kernels/worker_pool.h"
 #include "registration/camera_path.h"
 #include "registration/noise_curve.h"
+#include "registration/point_tracker.h"
 #include "registration/registration_state.h"
 
 namespace noxel {
@@ -35,6 +36,12 @@ class PlaneRegistration {
   // Motion at the last plane: 2 x 3, row-major, from pixels of the previous plane to pixels of this one, both at full
   // size with the centre of the first pixel at (0, 0).
   void currentFromPrevious(double (&affine)[6]) const;
+
+  // Call after create: measures the motion field with every plane from the next on. False: out of memory.
+  bool enableField() { return enableMotionField(registration_); }
+  // At the last plane; in pixels of the registration image, `factor()` pixels of the plane each.
+  MotionField field() const { return motionField(*registration_); }
+  int factor() const { return factor_; }
 
   const NoiseCurve& noise() const { return noise_.curve(); }
 

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "registration/tracker/median.h"
 #include "registration/tracker/point_tracker_state.h"
@@ -59,6 +60,7 @@ int blockAt(const BlockGrid& grid, int level, float x, float y) {
 
 PointTracker::~PointTracker() {
   std::free(identifiers_);
+  delete field_;
 }
 
 bool PointTracker::allocate(int width, int height, int levels) {
@@ -71,6 +73,21 @@ bool PointTracker::allocate(int width, int height, int levels) {
   return identifiers_ != nullptr && estimator_.allocate(width, height, levels);
 }
 
+bool PointTracker::enableField() {
+  if (field_ != nullptr) return true;
+  auto* field = new (std::nothrow) tracker::MotionFieldEstimator();
+  if (field == nullptr || !field->allocate(static_cast<int>(frameWidth_), static_cast<int>(frameHeight_))) {
+    delete field;
+    return false;
+  }
+  field_ = field;
+  return true;
+}
+
+void PointTracker::clearField() {
+  if (field_ != nullptr) field_->clear();
+}
+
 int PointTracker::cellAt(float x, float y) const {
   const int column = std::clamp(static_cast<int>(x) / kCellSide, 0, cellColumns_ - 1);
   const int row = std::clamp(static_cast<int>(y) / kCellSide, 0, cellRows_ - 1);
@@ -79,6 +96,7 @@ int PointTracker::cellAt(float x, float y) const {
 
 void PointTracker::prime(const uint8_t* frame) {
   std::memset(identifiers_, 0, sizeof(int) * static_cast<size_t>(cellColumns_) * static_cast<size_t>(cellRows_));
+  clearField();
   estimator_.forget();
   estimator_.read(frame, pool);
 }
@@ -143,7 +161,13 @@ void PointTracker::track(const uint8_t* frame, _KROFRegistration* registration) 
   if (found.known) {
     displacePoints(found, registration);
     markOthers(registration);
-    holdStill(found, registration);
+    const bool still = holdStill(found, registration);
+    if (field_ != nullptr) {
+      field_->estimate(estimator_.previous(), estimator_.current(), estimator_.pictureFrame(),
+                       still ? tracker::GlobalMotion{} : found.motion, pool);
+    }
+  } else {
+    clearField();
   }
   for (int i = 0; i < registration->pointCount; ++i) {
     const KRPoint& source = registration->sourcePoints[i];
@@ -216,7 +240,8 @@ void PointTracker::markOthers(_KROFRegistration* registration) {
   }
 }
 
-void PointTracker::holdStill(const MotionFound& found, _KROFRegistration* registration) {
+// True: the motion counts as none.
+bool PointTracker::holdStill(const MotionFound& found, _KROFRegistration* registration) {
   const int count = registration->pointCount;
   int followed = 0;
   bool alike = true;
@@ -232,7 +257,7 @@ void PointTracker::holdStill(const MotionFound& found, _KROFRegistration* regist
   const double slight = soft ? std::clamp(3.0 * found.followedDeviation, kStill, kMaxStill) : kStill;
   const bool still =
       static_cast<double>(medianOf(scratch_, followed)) < slight && found.significance < tracker::kStillSignificance;
-  if (!still && !alike) return;
+  if (!still && !alike) return false;
   stillSign_ = !stillSign_;
   const float step = stillSign_ ? kStillStep : -kStillStep;
   for (int i = 0; i < count; ++i) {
@@ -242,6 +267,7 @@ void PointTracker::holdStill(const MotionFound& found, _KROFRegistration* regist
     if (still) displacement = {0.0f, 0.0f};
     displacement = {displacement.x + step * (x + y), displacement.y + step * (y - x)};
   }
+  return still;
 }
 
 void PointTracker::advance(const _KROFRegistration& registration) {
@@ -265,6 +291,18 @@ void trackPoints(_KROFRegistration* registration, const uint8_t* frame) {
 
 void advanceTracker(_KROFRegistration* registration) {
   registration->tracker->advance(*registration);
+}
+
+bool enableMotionField(_KROFRegistration* registration) {
+  return registration->tracker->enableField();
+}
+
+void clearMotionField(_KROFRegistration* registration) {
+  registration->tracker->clearField();
+}
+
+MotionField motionField(const _KROFRegistration& registration) {
+  return registration.tracker->field();
 }
 
 double motionDeviation(const _KROFRegistration& registration) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "kernels/worker_pool.h"
+#include "registration/motion_field.h"
 #include "registration/registration_state.h"
 
 namespace noxel {
@@ -17,6 +18,13 @@ void trackPoints(_KROFRegistration* registration, const uint8_t* frame);
 
 // Makes the current points and pyramid the previous ones.
 void advanceTracker(_KROFRegistration* registration);
+
+// The motion field is measured with every frame tracked from then on. False: out of memory.
+bool enableMotionField(_KROFRegistration* registration);
+// Of the last frame, until the next one; all zero without a valid motion. Without blocks when not enabled.
+MotionField motionField(const _KROFRegistration& registration);
+// No block of the last frame moves: its motion is not valid.
+void clearMotionField(_KROFRegistration* registration);
 
 // Expected error of the last motion, rms over the corners, pixels of the registration image. A direction that the
 // picture does not determine counts with what a hand may do in a frame.

@@ -138,6 +138,7 @@ void registerFrame(const uint8_t* frame, float (&motion)[9], float (&inverseMoti
   }
   trackPoints(registration, frame);
   *valid = fitFrame(motion, inverseMotion, matches, registration, stabilization) ? 1 : 0;
+  if (*valid == 0) clearMotionField(registration);
   advanceTracker(registration);
 }
 
@@ -158,6 +159,7 @@ void registerFrameGrid(const uint8_t* frame, float (&motion)[9], float (&inverse
   }
   trackPoints(registration, frame);
   *valid = fitFrameGrid(motion, inverseMotion, matches, registration, stabilization, columns, rows) ? 1 : 0;
+  if (*valid == 0) clearMotionField(registration);
   advanceTracker(registration);
 }
 

@@ -3,18 +3,24 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <bit>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <exception>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "api/engine.h"
+#include "common/output_file.h"
 #include "common/percentile.h"
 #include "common/standard_streams.h"
 #include "common/tool_error.h"
@@ -32,6 +38,7 @@ struct Options {
   bool full = false;
   int threads = 0;
   bool stats = false;
+  std::string field;
 };
 
 int engineThreads() {
@@ -50,6 +57,7 @@ Options parse(CLI::App& app, int argc, char** argv) {
       ->check(CLI::Range(0, 64))
       ->capture_default_str();
   app.add_flag("--stats", options.stats, "Summary on standard error: frames lost, points, time");
+  app.add_option("--field", options.field, "Write what moves otherwise than the whole picture into this file");
   app.footer(R"(Prints one line per frame, from the second on:
 
   valid m00 m01 m02 m10 m11 m12 ms
@@ -58,6 +66,13 @@ valid    1, or 0 when registration failed and the matrix is the identity
 m        x' = m00 x + m01 y + m02, y' = m10 x + m11 y + m12 maps a pixel of the previous frame into this one; in pixels
          of the file, (0, 0) is the centre of the first
 ms       CPU time of the frame over all threads, milliseconds
+
+--field writes the same frames, block by block, row by row: three little-endian 32-bit floats dx, dy, confidence. Blocks
+are of this frame, 8 x 8 pixels from the corner on, ceil(W / 8) x ceil(H / 8) of them; of a frame that is halved, 16 x 16
+pixels, ceil((W / 2) / 8) x ceil((H / 2) / 8).
+
+dx, dy      what was at x in the previous frame is at m x + (dx, dy) in this one; in pixels of the file
+confidence  0 to 1: how sure that is; 0, and no displacement, where m explains the block or the frame is not valid
 
 Exit codes: 0 success, 1 failed while running, 2 usage error, 4 the file cannot be read or is too short.
 )");
@@ -109,6 +124,50 @@ struct Summary {
   }
 };
 
+// The motion fields, frame after frame. The file appears when it is complete.
+class FieldFile {
+ public:
+  explicit FieldFile(const std::string& path) : path_(path), pending_(path) {
+    file_ = std::fopen(pending_.temporaryPath().c_str(), "wb");
+    if (file_ == nullptr) fail();
+  }
+  ~FieldFile() {
+    if (file_ != nullptr) std::fclose(file_);
+  }
+  FieldFile(const FieldFile&) = delete;
+  FieldFile& operator=(const FieldFile&) = delete;
+
+  // factor: pixels of the file per pixel of the field.
+  void add(const MotionField& field, int factor) {
+    bytes_.clear();
+    const auto append = [&](float value) {
+      const auto bits = std::bit_cast<uint32_t>(value);
+      for (int shift = 0; shift < 32; shift += 8) bytes_.push_back(static_cast<uint8_t>(bits >> shift));
+    };
+    for (int i = 0; i < field.columns * field.rows; ++i) {
+      append(static_cast<float>(factor) * field.blocks[i].dx);
+      append(static_cast<float>(factor) * field.blocks[i].dy);
+      append(field.blocks[i].confidence);
+    }
+    if (std::fwrite(bytes_.data(), 1, bytes_.size(), file_) != bytes_.size()) fail();
+  }
+  void commit() {
+    std::FILE* file = std::exchange(file_, nullptr);
+    if (std::fclose(file) != 0) fail();
+    pending_.commit();
+  }
+
+ private:
+  [[noreturn]] void fail() const {
+    throw ToolError(kExitFailed, "cannot write " + path_ + ": " + std::strerror(errno));
+  }
+
+  std::string path_;
+  PendingFile pending_;
+  std::FILE* file_ = nullptr;
+  std::vector<uint8_t> bytes_;
+};
+
 void run(const Options& options) {
   std::ifstream file(options.file, std::ios::binary);
   if (!file) throw ToolError(kExitUnreadable, "cannot read " + options.file);
@@ -116,6 +175,12 @@ void run(const Options& options) {
   Workers workers(options.threads);
   PlaneRegistration registration;
   if (!registration.create(options.width, options.height, options.full, workers.pool())) throw std::bad_alloc();
+  std::optional<FieldFile> fields;
+  if (!options.field.empty()) {
+    checkMayWrite(options.field, true);
+    fields.emplace(options.field);
+    if (!registration.enableField()) throw std::bad_alloc();
+  }
   Summary summary;
   for (int i = 0; i < options.frames; ++i) {
     file.read(reinterpret_cast<char*>(luma.data()), static_cast<std::streamsize>(luma.size()));
@@ -133,12 +198,14 @@ void run(const Options& options) {
     std::printf("%d %.9g %.9g %.9g %.9g %.9g %.9g %.3f\n", motion.valid ? 1 : 0, m[0], m[1], m[2], m[3], m[4], m[5],
                 ms);
     if (std::ferror(stdout) != 0) break;
+    if (fields) fields->add(registration.field(), registration.factor());
     if (!motion.valid) ++summary.lost;
     summary.tracked.push_back(registration.state().trackedCount);
     summary.kept.push_back(registration.state().matchedCount);
     summary.ms.push_back(ms);
   }
   flushStandardOutput();
+  if (fields) fields->commit();
   if (options.stats) summary.print();
 }
 

@@ -2,6 +2,7 @@
 // three give the same bits.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -20,6 +21,21 @@ struct PlainLanes {
     PlainLanes result;
     std::memcpy(result.lane, from, sizeof(result.lane));
     return result;
+  }
+  // Four samples each.
+  static PlainLanes loadFours(const int16_t* low, const int16_t* high) {
+    PlainLanes result;
+    std::memcpy(result.lane, low, sizeof(result.lane) / 2);
+    std::memcpy(result.lane + 4, high, sizeof(result.lane) / 2);
+    return result;
+  }
+  // Sum of absolute differences over 8 x 8 bytes.
+  static int32_t differenceOf(const uint8_t* a, const uint8_t* b, ptrdiff_t stride) {
+    int32_t sum = 0;
+    for (int y = 0; y < 8; ++y, a += stride, b += stride) {
+      for (int x = 0; x < 8; ++x) sum += a[x] > b[x] ? a[x] - b[x] : b[x] - a[x];
+    }
+    return sum;
   }
   static PlainLanes loadBytes(const uint8_t* from) {
     PlainLanes result;
@@ -64,6 +80,23 @@ struct SseLanes {
   static SseLanes load(const int16_t* from) {
     return {_mm_loadu_si128(static_cast<const __m128i*>(static_cast<const void*>(from)))};
   }
+  static SseLanes loadFours(const int16_t* low, const int16_t* high) {
+    const auto four = [](const int16_t* from) {
+      return _mm_loadl_epi64(static_cast<const __m128i*>(static_cast<const void*>(from)));
+    };
+    return {_mm_unpacklo_epi64(four(low), four(high))};
+  }
+  static int32_t differenceOf(const uint8_t* a, const uint8_t* b, ptrdiff_t stride) {
+    const auto two = [stride](const uint8_t* from) {
+      const auto eight = [](const uint8_t* at) {
+        return _mm_loadl_epi64(static_cast<const __m128i*>(static_cast<const void*>(at)));
+      };
+      return _mm_unpacklo_epi64(eight(from), eight(from + stride));
+    };
+    __m128i sum = _mm_sad_epu8(two(a), two(b));
+    for (int y = 2; y < 8; y += 2) sum = _mm_add_epi32(sum, _mm_sad_epu8(two(a + y * stride), two(b + y * stride)));
+    return _mm_cvtsi128_si32(_mm_add_epi32(sum, _mm_unpackhi_epi64(sum, sum)));
+  }
   static SseLanes loadBytes(const uint8_t* from) {
     const __m128i bytes = _mm_loadl_epi64(static_cast<const __m128i*>(static_cast<const void*>(from)));
     return {_mm_unpacklo_epi8(bytes, _mm_setzero_si128())};
@@ -96,6 +129,15 @@ struct NeonLanes {
   int16x8_t lanes;
 
   static NeonLanes load(const int16_t* from) { return {vld1q_s16(from)}; }
+  static NeonLanes loadFours(const int16_t* low, const int16_t* high) {
+    return {vcombine_s16(vld1_s16(low), vld1_s16(high))};
+  }
+  static int32_t differenceOf(const uint8_t* a, const uint8_t* b, ptrdiff_t stride) {
+    uint16x8_t sums = vdupq_n_u16(0);
+    for (int y = 0; y < 8; ++y, a += stride, b += stride) sums = vabal_u8(sums, vld1_u8(a), vld1_u8(b));
+    const uint64x2_t halves = vpaddlq_u32(vpaddlq_u16(sums));
+    return static_cast<int32_t>(vgetq_lane_u64(halves, 0) + vgetq_lane_u64(halves, 1));
+  }
   static NeonLanes loadBytes(const uint8_t* from) { return {vreinterpretq_s16_u16(vmovl_u8(vld1_u8(from)))}; }
   NeonLanes plus(const NeonLanes& other) const { return {vaddq_s16(lanes, other.lanes)}; }
   void store(int16_t* to) const { vst1q_s16(to, lanes); }

@@ -47,6 +47,8 @@ class MotionEstimator {
   const LevelComparison& level(int index) const { return levels_[index]; }
   int coarsest() const { return coarseLevel_; }
   const PictureFrame& pictureFrame() const { return frame_; }
+  const ImagePyramid& previous() const { return pyramids_[previousIndex_]; }
+  const ImagePyramid& current() const { return pyramids_[1 - previousIndex_]; }
 
  private:
   struct Hypothesis {

@@ -3,6 +3,7 @@
 
 #include "registration/registration_state.h"
 #include "registration/tracker/motion_estimator.h"
+#include "registration/tracker/motion_field_estimator.h"
 
 namespace noxel {
 
@@ -20,18 +21,23 @@ class PointTracker {
   void advance(const _KROFRegistration& registration);
   double motionDeviation() const { return deviation_; }
 
+  bool enableField();
+  void clearField();
+  MotionField field() const { return field_ != nullptr ? field_->field() : MotionField{}; }
+
   WorkerPool* pool = nullptr;  // null: single-threaded
 
  private:
   void placePoints(int level, _KROFRegistration* registration);
   void displacePoints(const tracker::MotionFound& found, _KROFRegistration* registration);
   void markOthers(_KROFRegistration* registration);
-  void holdStill(const tracker::MotionFound& found, _KROFRegistration* registration);
+  bool holdStill(const tracker::MotionFound& found, _KROFRegistration* registration);
   int choosePoints(int level, int maxPoints);
   int scoreLevel() const;
   int cellAt(float x, float y) const;
 
   tracker::MotionEstimator estimator_;
+  tracker::MotionFieldEstimator* field_ = nullptr;  // owned; null: not enabled
   double deviation_ = 0.0;
   float frameWidth_ = 0.0f;
   float frameHeight_ = 0.0f;
