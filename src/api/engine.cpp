@@ -176,6 +176,13 @@ int observePasses(_KRSuperResEngine* engine, PassObserver observer, void* contex
   return 0;
 }
 
+int easeLosses(_KRSuperResEngine* engine, bool on) {
+  const EngineReference reference(engine);
+  if (!reference) return 1;
+  engine->gpu.easesLosses.store(on ? 1 : 0, std::memory_order_relaxed);
+  return 0;
+}
+
 int lastTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity) {
   const EngineReference reference(engine);
   if (!reference) return 0;

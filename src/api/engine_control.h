@@ -90,6 +90,12 @@ using PassObserver = void (*)(void* context, const char* pass, uint64_t nanoseco
 // From the next frame on; null, as at the start, switches it off. An observed frame waits for its passes. 1: no live engine.
 int observePasses(_KRSuperResEngine* engine, PassObserver observer, void* context);
 
+// From the next frame on; off, as at the start, a frame whose motion is not known is drawn unstabilised and the camera path
+// restarts from rest, which is a jump of up to 3 % of the picture. On, its stabilisation falls by 1/20 a frame (angle and
+// scale: 3/20) until the motion is known again and the path goes on from there; only a break in the sequence restarts it.
+// 1: no live engine.
+int easeLosses(_KRSuperResEngine* engine, bool on);
+
 FrameReport lastFrameReport(_KRSuperResEngine* engine);
 
 // The pairs that registration kept of that frame, in frame pixels as above: source in the previous frame, target in the

@@ -34,7 +34,8 @@ bool PlaneRegistration::measure(const uint8_t* luma) {
   prepareLuminance({width_, height_, luma}, factor_, false, luminance_, scratch_);
   int valid = 0;
   float motion[9];
-  registerFrame(luminance_, motion, inverseMotion_, matches_, &valid, registration_, &firstFrame_, &path_);
+  const auto registerPlane = coasts_ ? registerFrameCoasting : registerFrame;
+  registerPlane(luminance_, motion, inverseMotion_, matches_, &valid, registration_, &firstFrame_, &path_);
   return valid == 1;
 }
 

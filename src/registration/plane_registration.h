@@ -22,6 +22,9 @@ class PlaneRegistration {
   // memory, or a size below 1.
   bool create(int width, int height, bool full, WorkerPool* pool);
 
+  // A lost plane does not reset the camera path: see registerFrameCoasting.
+  void coastOverLosses() { coasts_ = true; }
+
   // The next plane begins a sequence.
   void restart() { firstFrame_ = 1; }
 
@@ -46,6 +49,7 @@ class PlaneRegistration {
   _KRMatch matches_[kMaxPoints];
   float inverseMotion_[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
   int firstFrame_ = 1;
+  bool coasts_ = false;
 };
 
 }  // namespace noxel
