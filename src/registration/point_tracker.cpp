@@ -29,10 +29,10 @@ constexpr int kMinConsensus = 30;
 constexpr float kMinShare = 0.4f;
 
 // A camera that moves less than this (pixels), and not significantly, is on a tripod: the jitter of the measurement,
-// resampled into the history frame after frame, would blur it. Chi-squared with six degrees of freedom exceeds the
-// bound 1 time in 500.
-constexpr float kStill = 0.05f;
-constexpr double kStillSignificance = 21.0;
+// resampled into the history frame after frame, would blur it. A picture that does not determine all of the motion, or only on a coarser level, is too soft to be
+// blurred by a motion within three times its expected error, up to the second bound.
+constexpr double kStill = 0.05;
+constexpr double kMaxStill = 0.5;
 
 // A motion must not be an exact translation or the identity: registerFrame takes a zero coefficient for a failed fit.
 // This much rotation and zoom, alternating in sign, is at most 0.02 pixels in the corners.
@@ -138,6 +138,7 @@ int PointTracker::scoreLevel() const {
 void PointTracker::track(const uint8_t* frame, _KROFRegistration* registration) {
   estimator_.read(frame, pool);
   const MotionFound found = estimator_.estimate(pool);
+  deviation_ = found.cornerDeviation;
   placePoints(found.level, registration);
   if (found.known) {
     displacePoints(found, registration);
@@ -193,7 +194,10 @@ void PointTracker::displacePoints(const MotionFound& found, _KROFRegistration* r
     const PatchEvidence& back = backward[blockAt(grid, level, source.x + dx, source.y + dy)];
     if (!forward[chosen_[i]].displacement(&ownX, &ownY) || !back.displacement(&backX, &backY)) continue;
     registration->displacements[i] = {dx, dy};
-    registration->scores[i] = compared[blockAt(comparedGrid, comparedAt, source.x, source.y)].correlation();
+    // Where the picture does not determine all of the motion, most patches have no texture to correlate; they do not
+    // contradict the motion either, and without them the points would lie on a line.
+    const float own = compared[blockAt(comparedGrid, comparedAt, source.x, source.y)].correlation();
+    registration->scores[i] = found.followed < 4 ? std::max(own, found.correlation) : own;
     registration->errors[i] = std::hypot(ownX + backX, ownY + backY) * scale;
     offCourse_[i] = std::hypot(ownX, ownY) * scale;
   }
@@ -224,7 +228,10 @@ void PointTracker::holdStill(const MotionFound& found, _KROFRegistration* regist
     scratch_[followed++] = std::hypot(displacement.x, displacement.y);
     alike = alike && std::hypot(displacement.x - first.x, displacement.y - first.y) < kSamePlace;
   }
-  const bool still = medianOf(scratch_, followed) < kStill && found.significance < kStillSignificance;
+  const bool soft = found.followed < 4 || found.level > 0;
+  const double slight = soft ? std::clamp(3.0 * found.followedDeviation, kStill, kMaxStill) : kStill;
+  const bool still =
+      static_cast<double>(medianOf(scratch_, followed)) < slight && found.significance < tracker::kStillSignificance;
   if (!still && !alike) return;
   stillSign_ = !stillSign_;
   const float step = stillSign_ ? kStillStep : -kStillStep;
@@ -258,6 +265,10 @@ void trackPoints(_KROFRegistration* registration, const uint8_t* frame) {
 
 void advanceTracker(_KROFRegistration* registration) {
   registration->tracker->advance(*registration);
+}
+
+double motionDeviation(const _KROFRegistration& registration) {
+  return registration.tracker->motionDeviation();
 }
 
 void setTrackerWorkers(_KROFRegistration* registration, WorkerPool* pool) {

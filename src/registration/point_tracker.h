@@ -18,6 +18,10 @@ void trackPoints(_KROFRegistration* registration, const uint8_t* frame);
 // Makes the current points and pyramid the previous ones.
 void advanceTracker(_KROFRegistration* registration);
 
+// Expected error of the last motion, rms over the corners, pixels of the registration image. A direction that the
+// picture does not determine counts with what a hand may do in a frame.
+double motionDeviation(const _KROFRegistration& registration);
+
 // Null (the default): the calling thread does all the work. The pool must outlive the registration.
 void setTrackerWorkers(_KROFRegistration* registration, WorkerPool* pool);
 

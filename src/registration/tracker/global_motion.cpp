@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 
 namespace noxel::tracker {
 namespace {
@@ -50,6 +49,61 @@ bool invert(const double (&matrix)[size][size], double (&inverse)[size][size]) {
   return true;
 }
 
+// S^T full S for the columns S of the similarity.
+void reduce(const double (&full)[6][6], double (*reduced)[4][4]) {
+  for (int i = 0; i < 4; ++i) {
+    for (int j = 0; j < 4; ++j) {
+      double sum = 0.0;
+      for (int k = 0; k < 6; ++k) {
+        for (int m = 0; m < 6; ++m) sum += kSimilarity[k][i] * full[k][m] * kSimilarity[m][j];
+      }
+      (*reduced)[i][j] = sum;
+    }
+  }
+}
+
+// Right-hand side of a similarity's equations for the motion itself instead of a change to it.
+void targetOf(const double (&slopes)[6][6], const double (&rhs)[6], const GlobalMotion& motion, double (*target)[4]) {
+  for (int i = 0; i < 4; ++i) (*target)[i] = 0.0;
+  for (int k = 0; k < 6; ++k) {
+    double sum = rhs[k];
+    for (int j = 0; j < 6; ++j) sum += slopes[k][j] * motion.p[j];
+    for (int i = 0; i < 4; ++i) (*target)[i] += kSimilarity[k][i] * sum;
+  }
+}
+
+GlobalMotion similarityOf(const double (&similarity)[4]) {
+  GlobalMotion motion;
+  for (int k = 0; k < 6; ++k) {
+    for (int i = 0; i < 4; ++i) motion.p[k] += kSimilarity[k][i] * similarity[i];
+  }
+  return motion;
+}
+
+// Leaves the eigenvalues of a symmetric matrix on its diagonal; *vectors: eigenvectors as columns. Jacobi rotations.
+void diagonalize(double (*matrix)[4][4], double (*vectors)[4][4]) {
+  for (int i = 0; i < 4; ++i) {
+    for (int j = 0; j < 4; ++j) (*vectors)[i][j] = i == j ? 1.0 : 0.0;
+  }
+  constexpr int kSweeps = 10;  // converges quadratically: 4 to 6 are enough
+  for (int rotation = 0; rotation < kSweeps * 6; ++rotation) {
+    constexpr int kPairs[6][2] = {{0, 1}, {0, 2}, {0, 3}, {1, 2}, {1, 3}, {2, 3}};
+    const int p = kPairs[rotation % 6][0];
+    const int q = kPairs[rotation % 6][1];
+    const double angle = 0.5 * std::atan2(2.0 * (*matrix)[p][q], (*matrix)[q][q] - (*matrix)[p][p]);
+    const double c = std::cos(angle);
+    const double s = std::sin(angle);
+    const auto turn = [&](double* a, double* b) {
+      const double before = *a;
+      *a = c * before - s * *b;
+      *b = s * before + c * *b;
+    };
+    for (int k = 0; k < 4; ++k) turn(&(*matrix)[k][p], &(*matrix)[k][q]);
+    for (int k = 0; k < 4; ++k) turn(&(*matrix)[p][k], &(*matrix)[q][k]);
+    for (int k = 0; k < 4; ++k) turn(&(*vectors)[k][p], &(*vectors)[k][q]);
+  }
+}
+
 }  // namespace
 
 void MotionEquations::add(const MotionEquation& equation) {
@@ -76,33 +130,185 @@ void MotionEquations::Sums::expand(double (*matrix)[6][6]) const {
   }
 }
 
+void MotionEquations::addExposure(const MotionEquation& equation, const ExposureEquation& exposure) {
+  const double u = equation.u;
+  const double v = equation.v;
+  const double products[6] = {1.0, u, v, u * u, u * v, v * v};
+  const double weight = equation.weight * equation.weight;
+  for (int i = 0; i < 3; ++i) {
+    for (int j = 0; j < 6; ++j) sharedSums_.entries[i][j] += weight * equation.slope[i] * products[j];
+    exposureSums_[i] += weight * exposure.samples[i];
+  }
+  for (int i = 0; i < 2; ++i) {
+    for (int j = 0; j < 3; ++j) {
+      sharedRhs_[3 * i + j] += weight * equation.rhs[i] * products[j];
+      for (int k = 0; k < 2; ++k) exposureSlopes_[k][3 * i + j] += weight * exposure.slope[k][i] * products[j];
+    }
+    exposureRhs_[i] += weight * exposure.rhs[i];
+  }
+}
+
 bool MotionEquations::solveSimilarity(GlobalMotion* motion) const {
   double slopes[6][6];
   slopeSums_.expand(&slopes);
-  double target[6];  // right-hand side for the motion itself instead of a change to it
-  for (int i = 0; i < 6; ++i) {
-    target[i] = rhs_[i];
-    for (int j = 0; j < 6; ++j) target[i] += slopes[i][j] * motion->p[j];
-  }
-  double reduced[4][4] = {};
-  double right[4] = {};
-  for (int i = 0; i < 4; ++i) {
-    for (int k = 0; k < 6; ++k) {
-      right[i] += kSimilarity[k][i] * target[k];
-      for (int j = 0; j < 4; ++j) {
-        for (int m = 0; m < 6; ++m) reduced[i][j] += kSimilarity[k][i] * slopes[k][m] * kSimilarity[m][j];
-      }
-    }
-  }
+  double right[4];
+  targetOf(slopes, rhs_, *motion, &right);
+  double reduced[4][4];
+  reduce(slopes, &reduced);
   double inverse[4][4];
   if (!invert(reduced, inverse)) return false;
   double solution[4] = {};
   for (int i = 0; i < 4; ++i) {
     for (int j = 0; j < 4; ++j) solution[i] += inverse[i][j] * right[j];
   }
-  for (int k = 0; k < 6; ++k) {
-    motion->p[k] = 0.0;
-    for (int i = 0; i < 4; ++i) motion->p[k] += kSimilarity[k][i] * solution[i];
+  *motion = similarityOf(solution);
+  return true;
+}
+
+bool MotionEquations::determine(const GlobalMotion& motion, double noiseVariance, double scale,
+                                Determinacy* determinacy) const {
+  // The exposure's two unknowns are eliminated from the equations, from both sides of them alike.
+  double slopes[6][6];
+  double noises[6][6];
+  double right[6];
+  sharedSums_.expand(&slopes);
+  noiseSums_.expand(&noises);
+  const double sums[2][2] = {{exposureSums_[0], exposureSums_[1]}, {exposureSums_[1], exposureSums_[2]}};
+  double inverseSums[2][2];
+  if (!invert(sums, inverseSums)) return false;
+  for (int i = 0; i < 6; ++i) {
+    right[i] = sharedRhs_[i];
+    for (int k = 0; k < 2; ++k) {
+      for (int m = 0; m < 2; ++m) {
+        const double factor = exposureSlopes_[k][i] * inverseSums[k][m];
+        right[i] -= factor * exposureRhs_[m];
+        for (int j = 0; j < 6; ++j) slopes[i][j] -= factor * exposureSlopes_[m][j] / scale;
+      }
+    }
+  }
+  double shared[4][4];
+  double own[4][4];
+  double target[4];
+  reduce(slopes, &shared);
+  reduce(noises, &own);
+  for (double(&row)[4] : own) {
+    for (double& entry : row) entry /= scale;
+  }
+  targetOf(slopes, right, motion, &target);
+
+  // own = L L^T turns the problem into the ordinary one of L^-1 shared L^-T.
+  double lower[4][4] = {};
+  for (int i = 0; i < 4; ++i) {
+    for (int j = 0; j <= i; ++j) {
+      double sum = own[i][j];
+      for (int k = 0; k < j; ++k) sum -= lower[i][k] * lower[j][k];
+      if (i == j && !(sum > 1e-12 * own[i][i])) return false;
+      lower[i][j] = i == j ? std::sqrt(sum) : sum / lower[j][j];
+    }
+  }
+  double inverse[4][4];
+  if (!invert(lower, inverse)) return false;
+  double matrix[4][4] = {};
+  for (int i = 0; i < 4; ++i) {
+    for (int j = 0; j < 4; ++j) {
+      for (int k = 0; k < 4; ++k) {
+        for (int m = 0; m < 4; ++m) matrix[i][j] += inverse[i][k] * shared[k][m] * inverse[j][m];
+      }
+    }
+  }
+  double vectors[4][4];
+  diagonalize(&matrix, &vectors);
+  int order[4] = {0, 1, 2, 3};
+  std::sort(order, order + 4, [&](int a, int b) { return matrix[a][a] > matrix[b][b]; });
+  const auto share = [&](int i) { return matrix[order[i]][order[i]]; };
+  const double minShare = std::clamp(kMinRelativeShare * share(0), kMinShare, kSafeShare);
+  const bool all = share(3) > minShare;
+  *determinacy = {};
+  determinacy->leastShare = share(3);
+  determinacy->noise = share(3) > kEdgeShare * share(0) ? 1.0 : kEdgeNoise;
+  for (int i = 0; i < 4 && share(i) > minShare; ++i) {
+    const int at = determinacy->followed;
+    double v[4] = {};
+    double square = 0.0;  // corners are one radius away: rms of the displacement there
+    for (int j = 0; j < 4; ++j) {
+      for (int k = 0; k < 4; ++k) v[j] += inverse[k][j] * vectors[k][order[i]];
+      square += v[j] * v[j];
+    }
+    // own is the covariance of the right-hand side but for the noise's variance and the scale, and v^T own v is 1.
+    const double variance = determinacy->noise * noiseVariance * scale / (share(i) * share(i));
+    if (!all && !(variance * square <= kMaxDirectionDeviation * kMaxDirectionDeviation)) continue;
+    determinacy->shares[at] = share(i);
+    determinacy->variances[at] = variance;
+    for (int k = 0; k < 4; ++k) {
+      determinacy->directions[at][k] = v[k];
+      determinacy->rows[at][k] = 0.0;
+      for (int j = 0; j < 4; ++j) determinacy->rows[at][k] += own[k][j] * v[j];
+      determinacy->values[at] += v[k] * target[k] / share(i);
+    }
+    ++determinacy->followed;
+  }
+  return true;
+}
+
+bool followDetermined(const Determinacy& determinacy, const GlobalMotion& held, GlobalMotion* motion,
+                      double (*followed)[6][6], double (*covariance)[6][6], double* significance) {
+  constexpr double kHand[4] = {kHandShift * kHandShift, kHandShift * kHandShift, kHandTurn * kHandTurn,
+                               kHandTurn * kHandTurn};
+  const int count = determinacy.followed;
+  const double(&rows)[4][4] = determinacy.rows;
+  const double heldSimilarity[4] = {held.p[0], held.p[3], 0.5 * (held.p[1] + held.p[5]), 0.5 * (held.p[2] - held.p[4])};
+
+  // similarity = held + gain (values - rows held), gain = hand rows^T (rows hand rows^T)^-1
+  double away[4] = {};
+  const double(&variances)[4] = determinacy.variances;
+  double gram[4][4] = {};
+  *significance = 0.0;
+  for (int i = 0; i < 4; ++i) {
+    gram[i][i] = 1.0;
+    if (i >= count) continue;
+    away[i] = determinacy.values[i];
+    if (variances[i] > 0.0) *significance += determinacy.values[i] * determinacy.values[i] / variances[i];
+    for (int k = 0; k < 4; ++k) away[i] -= rows[i][k] * heldSimilarity[k];
+    for (int j = 0; j < count; ++j) {
+      gram[i][j] = 0.0;
+      for (int k = 0; k < 4; ++k) gram[i][j] += rows[i][k] * kHand[k] * rows[j][k];
+    }
+  }
+  double inverse[4][4];
+  if (!invert(gram, inverse)) return false;
+  double gain[4][4] = {};
+  double similarity[4];
+  for (int k = 0; k < 4; ++k) {
+    similarity[k] = heldSimilarity[k];
+    for (int i = 0; i < count; ++i) {
+      for (int j = 0; j < count; ++j) gain[k][i] += kHand[k] * rows[j][k] * inverse[j][i];
+      similarity[k] += gain[k][i] * away[i];
+    }
+  }
+  *motion = similarityOf(similarity);
+
+  double known[4][4] = {};
+  double total[4][4] = {};
+  for (int k = 0; k < 4; ++k) {
+    for (int m = 0; m < 4; ++m) {
+      total[k][m] = k == m ? kHand[k] : 0.0;
+      for (int i = 0; i < count; ++i) {
+        known[k][m] += gain[k][i] * variances[i] * gain[m][i];
+        total[k][m] -= gain[k][i] * rows[i][m] * kHand[m];
+      }
+      total[k][m] += known[k][m];
+    }
+  }
+  for (int i = 0; i < 6; ++i) {
+    for (int j = 0; j < 6; ++j) {
+      (*followed)[i][j] = (*covariance)[i][j] = 0.0;
+      for (int k = 0; k < 4; ++k) {
+        for (int m = 0; m < 4; ++m) {
+          (*followed)[i][j] += kSimilarity[i][k] * known[k][m] * kSimilarity[j][m];
+          (*covariance)[i][j] += kSimilarity[i][k] * total[k][m] * kSimilarity[j][m];
+        }
+      }
+    }
   }
   return true;
 }

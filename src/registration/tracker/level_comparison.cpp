@@ -173,6 +173,7 @@ void LevelComparison::compare(Direction direction, const GlobalMotion& motion, W
     }
   });
   const Exposure exposure = exposureBetween(ownTextures, found, grid_.count());
+  adapted_[direction] = exposure.differs;
 
   // Sums over 3 x 3 blocks, along rows, then across.
   forBands(pool, grid_.rows, grid_.rowSamples(), [&](int begin, int end) {
@@ -286,6 +287,13 @@ void LevelComparison::gather(Direction direction, bool sharedSlopes, const Level
     equation.rhs[1] = sign * match.by;
     equation.weight = weight;
     equations->add(equation);
+    if (!sharedSlopes) continue;
+    ExposureEquation exposure = {{kBlockArea, own.sum, own.squares}, {{own.gx, own.gy}, {own.gxI, own.gyI}}, {}};
+    if (!adapted_[direction]) {
+      exposure.rhs[0] = sign * (own.sum - match.sum);
+      exposure.rhs[1] = sign * 0.5 * (own.squares - match.squares + match.energy);
+    }
+    equations->addExposure(equation, exposure);
   }
 }
 

@@ -73,6 +73,7 @@ class LevelComparison {
   PatchEvidence* patchSums_[2] = {};  // sums of 3 x 3 of them
   PatchEvidence* rowSums_ = nullptr;
   float* samples_ = nullptr;  // for medians
+  bool adapted_[2] = {};      // the matches were converted to the exposure of their own picture
   bool compared_ = false;
 };
 

@@ -27,6 +27,9 @@ constexpr double kFirmDeviation = 1.4;
 constexpr float kMinCorrelation = 0.6f;
 constexpr float kMinCorrelationIfFirm = 0.4f;
 
+constexpr double kNoShare = 0.05;   // a direction with less is not looked for on a coarser level either
+constexpr double kHeldShare = 0.8;  // of the last motion
+
 constexpr double kFarApart = 1.0;  // pixels at the corners: distinct hypotheses
 constexpr int kMaxSettling = 5;
 // Iteration stops at a step below either: pixels at the corners, or share of the expected error.
@@ -104,14 +107,35 @@ bool MotionEstimator::settle(int level, MotionFound* found, WorkerPool* pool) {
     // Both directions see the same noise but are added as independent: its variance counts twice.
     const double variance = 2.0 * static_cast<double>(noise[kForward].displacement);
     const GlobalMotion before = found->motion;
+    Determinacy determinacy;
+    const bool textured = equations.determine(found->motion, variance, static_cast<double>(here.scale()), &determinacy);
+    found->followed = determinacy.followed;
+    found->leastShare = determinacy.leastShare;
+    if (!textured || determinacy.followed == 0) return false;
     double covariance[6][6];
-    if (!equations.solve(variance, &found->motion, &covariance)) return false;
-    found->significance = significance(found->motion, covariance);
-    found->cornerDeviation = frame_.cornerDeviation(covariance);
+    double followed[6][6];
+    if (determinacy.followed < 4) {
+      if (!followDetermined(determinacy, heldMotion(), &found->motion, &followed, &covariance, &found->significance)) {
+        return false;
+      }
+      found->followedDeviation = frame_.cornerDeviation(followed);
+      found->cornerDeviation = frame_.cornerDeviation(covariance);
+    } else {
+      if (!equations.solve(determinacy.noise * variance, &found->motion, &covariance)) return false;
+      found->significance = significance(found->motion, covariance);
+      found->followedDeviation = found->cornerDeviation = frame_.cornerDeviation(covariance);
+    }
     const double moved = frame_.cornerDistance(before, found->motion);
-    if (!(moved > std::max(kSettledStep, kSettled * found->cornerDeviation))) break;
+    if (!(moved > std::max(kSettledStep, kSettled * found->followedDeviation))) break;
   }
   return true;
+}
+
+// What is assumed along directions that the picture does not determine: the last motion, unless it was none, dying away.
+GlobalMotion MotionEstimator::heldMotion() const {
+  GlobalMotion held;
+  for (int i = 0; i < 6; ++i) held.p[i] = kHeldShare * lastSignificant_.p[i];
+  return held;
 }
 
 // The motion most blocks agree on, and the one most of the others agree on.
@@ -214,7 +238,9 @@ MotionFound MotionEstimator::estimateFrom(int searchLevel, int level, WorkerPool
   MotionFound best;
   best.motion = motion;
   best.known = settle(0, &best, pool);
-  if (level > 0 && !(best.known && best.cornerDeviation <= kCertain)) {
+  const bool firm =
+      best.known && best.followedDeviation <= kCertain && (best.followed == 4 || best.leastShare < kNoShare);
+  if (level > 0 && !firm) {
     // In heavy noise the steps come out too short: restart one level up and refine while that helps.
     double support = best.known ? supportOf(1, best.motion, pool) : 0.0;
     MotionFound again;
@@ -224,7 +250,9 @@ MotionFound MotionEstimator::estimateFrom(int searchLevel, int level, WorkerPool
       if (!again.known) continue;
       const double newSupport = supportOf(1, again.motion, pool);
       const bool alike = std::fabs(newSupport - support) < kAlike * support;
-      if (!best.known || (alike ? again.cornerDeviation < best.cornerDeviation : newSupport > support)) {
+      if (best.known && again.followed < best.followed) continue;
+      if (!best.known || again.followed > best.followed ||
+          (alike ? again.followedDeviation < best.followedDeviation : newSupport > support)) {
         best = again;
         support = newSupport;
       }
@@ -234,8 +262,8 @@ MotionFound MotionEstimator::estimateFrom(int searchLevel, int level, WorkerPool
   if (best.known) {
     if (!levels_[consensusLevel_].compared()) levels_[consensusLevel_].compare(kForward, best.motion, pool);
     for (int i = 0; i <= consensusLevel_; ++i) best.correlation = std::max(best.correlation, levels_[i].correlation());
-    const float minCorrelation = best.cornerDeviation <= kFirmDeviation ? kMinCorrelationIfFirm : kMinCorrelation;
-    best.known = best.cornerDeviation <= kMaxDeviation && best.correlation >= minCorrelation;
+    const float minCorrelation = best.followedDeviation <= kFirmDeviation ? kMinCorrelationIfFirm : kMinCorrelation;
+    best.known = best.followedDeviation <= kMaxDeviation && best.correlation >= minCorrelation;
   }
   return best;
 }
@@ -245,6 +273,7 @@ MotionFound MotionEstimator::estimate(WorkerPool* pool) {
   // When the texture is too fine for the coarse level, search a finer one, not as far.
   if (!found.known && consensusLevel_ > 1) found = estimateFrom(1, 1, pool);
   lastMotion_ = found.known ? found.motion : GlobalMotion{};
+  lastSignificant_ = found.significance >= kStillSignificance ? lastMotion_ : GlobalMotion{};
   return found;
 }
 

@@ -10,13 +10,20 @@
 
 namespace noxel::tracker {
 
+// Chi-squared with six degrees of freedom exceeds this 1 time in 500: below, a motion may be none.
+inline constexpr double kStillSignificance = 21.0;
+
 struct MotionFound {
   bool known = false;
-  GlobalMotion motion;           // previous to current frame
-  int level = 0;                 // pyramid level of the last measurement
-  double cornerDeviation = 0.0;  // expected error, rms over the corners, registration pixels
-  double significance = 0.0;     // chi-squared against no motion
-  float correlation = 0.0f;      // of the two pictures, max over the levels
+  GlobalMotion motion;  // previous to current frame
+  int level = 0;        // pyramid level of the last measurement
+  // Expected error, rms over the corners, registration pixels: of what the picture determines, and of the whole motion.
+  double followedDeviation = 0.0;
+  double cornerDeviation = 0.0;
+  int followed = 0;  // directions of a similarity, 0..4, in which the motion follows the picture; the others are held
+  double leastShare = 0.0;    // of the texture along the weakest direction: what both pictures have
+  double significance = 0.0;  // chi-squared against no motion
+  float correlation = 0.0f;   // of the two pictures, max over the levels
 };
 
 // Registration thread only.
@@ -32,7 +39,7 @@ class MotionEstimator {
   void read(const uint8_t* pixels, WorkerPool* pool);  // the current frame
   MotionFound estimate(WorkerPool* pool);              // between the previous and the current frame
   void advance();                                      // the current frame becomes the previous one
-  void forgetMotion() { lastMotion_ = {}; }
+  void forgetMotion() { lastMotion_ = lastSignificant_ = {}; }
 
   // State of the last estimate, compared along the motion it found.
   const LevelComparison& level(int index) const { return levels_[index]; }
@@ -45,6 +52,7 @@ class MotionEstimator {
     double support = -1.0;
   };
 
+  GlobalMotion heldMotion() const;
   void searchMotions(int level, GlobalMotion* first, GlobalMotion* second);
   GlobalMotion consensusMotion(int level, const GlobalMotion* starts, int startCount, WorkerPool* pool);
   double supportOf(int level, const GlobalMotion& motion, WorkerPool* pool);
@@ -63,6 +71,7 @@ class MotionEstimator {
   int coarseLevel_ = 0;     // searched; the coarsest in use
   int consensusLevel_ = 0;  // separates moving subjects from the background
   GlobalMotion lastMotion_;
+  GlobalMotion lastSignificant_;
 };
 
 }  // namespace noxel::tracker

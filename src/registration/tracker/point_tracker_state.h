@@ -18,6 +18,7 @@ class PointTracker {
   void prime(const uint8_t* frame);
   void track(const uint8_t* frame, _KROFRegistration* registration);
   void advance(const _KROFRegistration& registration);
+  double motionDeviation() const { return deviation_; }
 
   WorkerPool* pool = nullptr;  // null: single-threaded
 
@@ -31,6 +32,7 @@ class PointTracker {
   int cellAt(float x, float y) const;
 
   tracker::MotionEstimator estimator_;
+  double deviation_ = 0.0;
   float frameWidth_ = 0.0f;
   float frameHeight_ = 0.0f;
   int chosen_[kMaxPoints] = {};       // blocks on the level where the motion was measured
