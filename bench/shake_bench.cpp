@@ -1,7 +1,7 @@
 // Hand shake left in the stabilised picture, with the true motion and with the measured one.
 //
 //   noxel_shake_bench [--light clean|dim|dark] [--low HZ] [--high HZ] [--slope N] [--drift PX] [--shift PX]
-//                     [--roll MRAD] [--zoom %] [photo.pgm...]
+//                     [--roll MRAD] [--zoom %] [--lose N] [photo.pgm...]
 //
 // Clips of a still scene, from photos or procedural, under a known camera path about the frame's centre: slow drift up
 // to a quarter of a hertz, and shake, a sum of sinusoids of random phase between two frequencies, with amplitudes that
@@ -14,7 +14,15 @@
 //
 // x and y together, at the frame's centre and at its top-left corner, about which the smoother turns and scales. The
 // last row is the same for the difference of the two pictures: what measurement errors add.
+//
+// With --lose N every Nth frame is black, so that its motion and the next one's are not known. Then the table is
+//
+//   largest step of the picture's middle and of its corners from one frame to the next, pixels
+//
+// for the clip as filmed, for a path that restarts at a loss, and for one that coasts over it; black frames are left out.
+// The last two rows are the steps of the stabilisation alone, into each frame whose motion is not known.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <complex>
@@ -59,6 +67,7 @@ struct Options {
   double shiftPixels = 4;
   double rollMilliradians = 4;
   double zoomPercent = 0.3;
+  int lose = 0;  // every such frame; 0: none
   uint64_t seed = 1;
   std::vector<std::string> photos;
 };
@@ -151,11 +160,11 @@ class Stabilizer {
     if (!registration_.create(options.width, options.height, true, nullptr)) fail("no registration of this size");
   }
 
+  void coastOverLosses() { registration_.coastOverLosses(); }
   Similarity measured(const std::vector<uint8_t>& frame) {
     const bool first = frames_++ == 0;
-    if (registration_.measure(frame.data())) return matrix();
-    if (!first) ++lost_;
-    return {};
+    if (!registration_.measure(frame.data()) && !first) ++lost_;
+    return matrix();
   }
   Similarity known(const Similarity& currentFromPrevious) {
     const std::complex<double> scale = currentFromPrevious.scale;
@@ -273,6 +282,75 @@ void print(const std::string& label, const Shake& shake) {
   std::fflush(stdout);
 }
 
+// Largest steps over the clips: of the picture's middle and of the corners.
+struct Steps {
+  double middle = 0;
+  double corner = 0;
+
+  void add(const Similarity& before, const Similarity& after, const Options& options) {
+    const auto distance = [&](double x, double y) { return std::abs(after({x, y}) - before({x, y})); };
+    middle = std::max(middle, distance(0.5 * options.width, 0.5 * options.height));
+    for (const double x : {0, options.width}) {
+      for (const double y : {0, options.height}) corner = std::max(corner, distance(x, y));
+    }
+  }
+};
+
+struct LossSteps {
+  Steps input;
+  Steps restarting;
+  Steps coasting;
+  Steps restart;
+  Steps coast;
+  int lost = 0;
+};
+
+void addLosses(const Photo& photo, Light light, const Options& options, uint64_t seed, LossSteps* steps) {
+  const scenes::StillScene scene = scenes::drawStillScene(photo, options.width, options.height, seed);
+  const std::vector<Similarity> camera = cameraPath(options, seed);
+  Stabilizer restarting(options);
+  Stabilizer coasting(options);
+  coasting.coastOverLosses();
+  const std::vector<uint8_t> black(static_cast<size_t>(options.width) * static_cast<size_t>(options.height));
+  double gain = 0;
+  Similarity last[3];
+  Similarity lastMatrix[2];
+  int lost = 0;
+  for (size_t i = 0; i < camera.size(); ++i) {
+    const std::vector<float> view = scenes::renderView(scene, sceneFromFrame(camera[i]), options.width, options.height);
+    if (i == 0) gain = scenes::gainFor(light, view);
+    const bool lose = i % static_cast<size_t>(options.lose) == static_cast<size_t>(options.lose) - 1;
+    const std::vector<uint8_t> frame = lose ? black : scenes::expose(view, light, gain, seed * 100'000 + i);
+    const Similarity matrix[2] = {restarting.measured(frame), coasting.measured(frame)};
+    if (coasting.lost() > lost) {
+      steps->restart.add(lastMatrix[0], matrix[0], options);
+      steps->coast.add(lastMatrix[1], matrix[1], options);
+    }
+    std::copy_n(matrix, 2, lastMatrix);
+    lost = coasting.lost();
+    if (lose) continue;
+    const Similarity now[3] = {camera[i], matrix[0] * camera[i], matrix[1] * camera[i]};
+    Steps* const largest[3] = {&steps->input, &steps->restarting, &steps->coasting};
+    for (int row = 0; row < 3; ++row) {
+      if (i > 0) largest[row]->add(last[row], now[row], options);
+      last[row] = now[row];
+    }
+  }
+  steps->lost += lost;
+}
+
+void print(const LossSteps& steps) {
+  std::printf("%d frames lost\n  %-14s %8s %8s\n", steps.lost, "largest step", "middle", "corner");
+  const auto printSteps = [](const char* label, const Steps& row) {
+    std::printf("  %-14s %8.2f %8.2f\n", label, row.middle, row.corner);
+  };
+  printSteps("as filmed", steps.input);
+  printSteps("restarting", steps.restarting);
+  printSteps("coasting", steps.coasting);
+  printSteps("restart", steps.restart);
+  printSteps("coast", steps.coast);
+}
+
 void run(const Options& options) {
   std::printf(
       "%d frames of %d x %d, %g/s, %s; shake of %g..%g Hz, slope %g, rms %g px (drift %g px) along x and along y, %g "
@@ -280,7 +358,6 @@ void run(const Options& options) {
       options.frames, options.width, options.height, options.framesPerSecond, options.light.c_str(), options.lowHz,
       options.highHz, options.slope, options.shiftPixels, options.driftPixels, options.rollMilliradians,
       options.zoomPercent);
-  std::printf("  %-14s %8s %8s %8s %8s\n", "residual", "x,y mid", "corner", "roll", "scale");
   Light light = Light::Clean;
   for (Light candidate : scenes::kLights) {
     if (options.light == scenes::nameOf(candidate)) light = candidate;
@@ -293,6 +370,13 @@ void run(const Options& options) {
                           &unreadable)) {
     fail(unreadable + " is not a binary PGM or PPM of 8 bits");
   }
+  if (options.lose > 0) {
+    LossSteps steps;
+    for (const auto& named : photos) addLosses(named.photo, light, options, seed++, &steps);
+    print(steps);
+    return;
+  }
+  std::printf("  %-14s %8s %8s %8s %8s\n", "residual", "x,y mid", "corner", "roll", "scale");
   for (const auto& [name, photo] : photos) {
     const Shake shake = shakeOf(photo, light, options, seed++);
     print(name, shake);
@@ -319,6 +403,7 @@ int main(int argc, char** argv) {
   app.add_option("--shift", options.shiftPixels, "Shake along each axis, rms, pixels");
   app.add_option("--roll", options.rollMilliradians, "Rolling shake, rms, milliradians");
   app.add_option("--zoom", options.zoomPercent, "Scaling shake, rms, percent");
+  app.add_option("--lose", options.lose, "Blackens every so manieth frame; 0: none")->check(CLI::Range(0, 100'000));
   app.add_option("--seed", options.seed, "Seed of scenes, paths and noise");
   app.add_option("photos", options.photos, "Binary PGM or PPM files, larger than the frame");
   CLI11_PARSE(app, argc, argv);

@@ -189,6 +189,13 @@ int measureNoise(_KRSuperResEngine* engine, bool on) {
   return 0;
 }
 
+int easeLosses(_KRSuperResEngine* engine, bool on) {
+  const EngineReference reference(engine);
+  if (!reference) return 1;
+  engine->gpu.easesLosses.store(on ? 1 : 0, std::memory_order_relaxed);
+  return 0;
+}
+
 int lastTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity) {
   const EngineReference reference(engine);
   if (!reference) return 0;

@@ -61,6 +61,7 @@ struct GpuThreadContext {
   std::atomic<int> deghosting = 5;
   std::atomic<int> noiseReductionStrength = 65;
   std::atomic<int> flipChroma = 0;
+  std::atomic<int> easesLosses = 0;
   std::atomic<int> lightMode = 1;
   std::atomic<int> imageFormatCopy = 17;
 

@@ -96,6 +96,12 @@ int observePasses(_KRSuperResEngine* engine, PassObserver observer, void* contex
 // or a mode without registration (4).
 int measureNoise(_KRSuperResEngine* engine, bool on);
 
+// From the next frame on; off, as at the start, a frame whose motion is not known is drawn unstabilised and the camera path
+// restarts from rest, which is a jump of up to 3 % of the picture. On, its stabilisation falls by 1/20 a frame (angle and
+// scale: 3/20) until the motion is known again and the path goes on from there; only a break in the sequence restarts it.
+// 1: no live engine.
+int easeLosses(_KRSuperResEngine* engine, bool on);
+
 FrameReport lastFrameReport(_KRSuperResEngine* engine);
 
 // The pairs that registration kept of that frame, in frame pixels as above: source in the previous frame, target in the

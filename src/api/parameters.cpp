@@ -161,6 +161,7 @@ FrameSettings takeSettings(const GpuThreadContext& parameters) {
   settings.sharpening = static_cast<float>(percent(parameters.sharpening));
   settings.contrast = static_cast<float>(percent(parameters.contrast));
   settings.flipChroma = word(parameters.flipChroma);
+  settings.easesLosses = word(parameters.easesLosses);
   settings.lightMode = word(parameters.lightMode);
   settings.imageFormat = word(parameters.imageFormatCopy);
   return settings;

@@ -152,6 +152,7 @@ void registerFrame(_KRSuperResEngine* engine, Frame* frame) {
   const uint64_t submitted = KRTimeNow();
   takeRepriming(engine, frame->sequence);
   frame->startsSequence = engine->registration.firstFrame == 1;
+  engine->registration.easesLosses = frame->settings.easesLosses != 0;
   submitRegistrationFrame(engine, frame->buffer);
   engine->registration.registrationDone.wait();
   frame->registrationMs = static_cast<double>(KRTimeDiff(submitted, KRTimeNow())) * 1e-6;

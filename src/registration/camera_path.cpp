@@ -16,6 +16,28 @@ constexpr float kMaxScale = 0.02f;
 constexpr float kAlpha = 0.05f;
 constexpr float kBeta = 0.02f;
 
+// Steps the filter to where the raw path is, and sets the matrix.
+bool followRawPath(_KRStabilizationParameters* stabilization) {
+  const float* raw = stabilization->rawPath;
+  float* smoothed = stabilization->smoothedPath;
+  if (!(raw[3] >= 1e-3f && raw[3] <= 1e3f)) return false;
+  updatePathFilter(&stabilization->pathFilter, raw, smoothed);
+
+  const float theta = smoothed[2] - raw[2];
+  const float k = smoothed[3] / raw[3];
+  const float matrix[9] = {k * std::cos(theta),
+                           k * std::sin(theta),
+                           smoothed[0] - raw[0],
+                           -k * std::sin(theta),
+                           k * std::cos(theta),
+                           smoothed[1] - raw[1],
+                           0.0f,
+                           0.0f,
+                           1.0f};
+  std::copy_n(matrix, 9, stabilization->stabilizationMatrix);
+  return std::all_of(matrix, matrix + 9, [](float value) { return std::isfinite(value); });
+}
+
 }  // namespace
 
 bool initPathFilter(PathFilter* filter, const float* values, const float* limits, int count, float alpha, float beta) {
@@ -90,7 +112,6 @@ void releaseStabilization(_KRStabilizationParameters* stabilization, int columns
 
 bool stepStabilization(_KRStabilizationParameters* stabilization, const float* similarity) {
   float* raw = stabilization->rawPath;
-  float* smoothed = stabilization->smoothedPath;
   if (stabilization->pathFilter.count != kPathValues) return false;
 
   const float a = similarity[2];
@@ -99,22 +120,22 @@ bool stepStabilization(_KRStabilizationParameters* stabilization, const float* s
   raw[1] += similarity[1];
   raw[2] += std::atan(b / (a + 1.0f));
   raw[3] *= std::sqrt(a * a + a + 1.0f + b * b + a);  // (1 + a)^2 + b^2
-  if (!(raw[3] >= 1e-3f && raw[3] <= 1e3f)) return false;
-  updatePathFilter(&stabilization->pathFilter, raw, smoothed);
+  return followRawPath(stabilization);
+}
 
-  const float theta = smoothed[2] - raw[2];
-  const float k = smoothed[3] / raw[3];
-  const float matrix[9] = {k * std::cos(theta),
-                           k * std::sin(theta),
-                           smoothed[0] - raw[0],
-                           -k * std::sin(theta),
-                           k * std::cos(theta),
-                           smoothed[1] - raw[1],
-                           0.0f,
-                           0.0f,
-                           1.0f};
-  std::copy_n(matrix, 9, stabilization->stabilizationMatrix);
-  return std::all_of(matrix, matrix + 9, [](float value) { return std::isfinite(value); });
+PathState pathState(const _KRStabilizationParameters& stabilization) {
+  PathState state = {};
+  std::copy_n(stabilization.rawPath, kPathValues, state.rawPath);
+  std::copy_n(stabilization.pathFilter.components, kPathValues, state.components);
+  return state;
+}
+
+// With the raw path moved by the trend, a step of the filter multiplies its distance from the smoothed path by 1 - alpha.
+bool coastStabilization(_KRStabilizationParameters* stabilization, const PathState& state) {
+  if (stabilization->pathFilter.count != kPathValues) return false;
+  std::copy_n(state.components, kPathValues, stabilization->pathFilter.components);
+  for (int i = 0; i < kPathValues; ++i) stabilization->rawPath[i] = state.rawPath[i] + state.components[i].trend;
+  return followRawPath(stabilization);
 }
 
 }  // namespace noxel

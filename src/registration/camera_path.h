@@ -50,4 +50,17 @@ void releaseStabilization(_KRStabilizationParameters* stabilization, int columns
 // up.
 bool stepStabilization(_KRStabilizationParameters* stabilization, const float* similarity);
 
+// A path at one moment.
+struct PathState {
+  float rawPath[kPathValues];
+  PathFilterComponent components[kPathValues];
+};
+
+// Of a record that was set up.
+PathState pathState(const _KRStabilizationParameters& stabilization);
+
+// Goes on from `state` by one frame of unknown motion, as if the camera had kept to its smoothed path: the distance
+// between the two paths, and with it the stabilisation, falls by 1/20 (angle and scale: 3/20). False as above.
+bool coastStabilization(_KRStabilizationParameters* stabilization, const PathState& state);
+
 }  // namespace noxel

@@ -40,7 +40,8 @@ bool PlaneRegistration::measure(const uint8_t* luma) {
   if (firstFrame_ == 1) noise_.restart();
   int valid = 0;
   float motion[9];
-  registerFrame(luminance_, motion, inverseMotion_, matches_, &valid, registration_, &firstFrame_, &path_);
+  const auto registerPlane = coasts_ ? registerFrameCoasting : registerFrame;
+  registerPlane(luminance_, motion, inverseMotion_, matches_, &valid, registration_, &firstFrame_, &path_);
   if (measuresNoise_) {
     motion[2] *= static_cast<float>(factor_);
     motion[5] *= static_cast<float>(factor_);

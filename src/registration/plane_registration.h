@@ -26,6 +26,8 @@ class PlaneRegistration {
 
   // The noise is measured with every plane from the next one on. False: out of memory.
   bool enableNoise();
+  // A lost plane does not reset the camera path: see registerFrameCoasting.
+  void coastOverLosses() { coasts_ = true; }
 
   // The next plane begins a sequence.
   void restart() { firstFrame_ = 1; }
@@ -61,6 +63,7 @@ class PlaneRegistration {
   int firstFrame_ = 1;
   NoiseMeter noise_;
   bool measuresNoise_ = false;
+  bool coasts_ = false;
 };
 
 }  // namespace noxel

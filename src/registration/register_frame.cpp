@@ -142,6 +142,16 @@ void registerFrame(const uint8_t* frame, float (&motion)[9], float (&inverseMoti
   advanceTracker(registration);
 }
 
+void registerFrameCoasting(const uint8_t* frame, float (&motion)[9], float (&inverseMotion)[9], _KRMatch* matches,
+                           int* valid, _KROFRegistration* registration, int* firstFrame,
+                           _KRStabilizationParameters* stabilization) {
+  const bool first = *firstFrame == 1;
+  const PathState before = pathState(*stabilization);
+  registerFrame(frame, motion, inverseMotion, matches, valid, registration, firstFrame, stabilization);
+  if (*valid == 1) return;
+  if (first || !coastStabilization(stabilization, before)) resetPath(stabilization, *registration);
+}
+
 void registerFrameGrid(const uint8_t* frame, float (&motion)[9], float (&inverseMotion)[9], _KRMatch* matches,
                        int* valid, _KROFRegistration* registration, int* firstFrame,
                        _KRStabilizationParameters* stabilization, int columns, int rows) {

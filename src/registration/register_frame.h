@@ -22,7 +22,12 @@ namespace noxel {
 void registerFrame(const uint8_t* frame, float (&motion)[9], float (&inverseMotion)[9], _KRMatch* matches, int* valid,
                    _KROFRegistration* registration, int* firstFrame, _KRStabilizationParameters* stabilization);
 
-// The same for a grid of columns x rows local motions, each fitted around its own centre with its own record in
+// The same for a path that a lost frame does not reset: there it coasts, and a first frame restarts it from rest.
+void registerFrameCoasting(const uint8_t* frame, float (&motion)[9], float (&inverseMotion)[9], _KRMatch* matches,
+                           int* valid, _KROFRegistration* registration, int* firstFrame,
+                           _KRStabilizationParameters* stabilization);
+
+// The same as registerFrame for a grid of columns x rows local motions, each fitted around its own centre with its own record in
 // `stabilization`, row by row. Valid when no cell has a zero coefficient; ranges are not tested. The matrices are those
 // of the last cell fitted. Allocates; no frame path uses it.
 void registerFrameGrid(const uint8_t* frame, float (&motion)[9], float (&inverseMotion)[9], _KRMatch* matches,

@@ -35,8 +35,9 @@ bool measureBySource(RegistrationContext* context, MotionEstimate* estimate) {
 bool measureByTracker(RegistrationContext* context, MotionEstimate* estimate) {
   _KRStabilizationParameters* const stabilization = &context->stabilization;
   int valid = 0;
-  registerFrame(selectedImage(*context).pixels, estimate->previousFromCurrent, estimate->currentFromPrevious,
-                context->matches, &valid, context->registration, &context->firstFrame, stabilization);
+  const auto measure = context->easesLosses ? registerFrameCoasting : registerFrame;
+  measure(selectedImage(*context).pixels, estimate->previousFromCurrent, estimate->currentFromPrevious,
+          context->matches, &valid, context->registration, &context->firstFrame, stabilization);
   context->matchCount = context->registration->matchedCount;
   std::memcpy(estimate->stabilizedFromCurrent, stabilization->stabilizationMatrix,
               sizeof(stabilization->stabilizationMatrix));
@@ -71,7 +72,9 @@ void measureMotion(RegistrationContext* context) {
   const int factor = context->resolutionFactor;
   storeMatrix(context->motionMatrix, valid ? estimate.previousFromCurrent : kIdentity3x3, factor);
   storeMatrix(context->inverseMotionMatrix, valid ? estimate.currentFromPrevious : kIdentity3x3, factor);
-  storeMatrix(context->stabilizationMatrix, valid ? estimate.stabilizedFromCurrent : kIdentity3x3, factor);
+  const bool coasts =
+      context->easesLosses && context->motionSource == nullptr && isFinite(estimate.stabilizedFromCurrent);
+  storeMatrix(context->stabilizationMatrix, valid || coasts ? estimate.stabilizedFromCurrent : kIdentity3x3, factor);
 }
 
 void measureNoise(RegistrationContext* context, bool begin) {

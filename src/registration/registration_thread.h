@@ -48,6 +48,8 @@ struct RegistrationContext {
   // kRegistrationOff: the thread only updates the exposure. Otherwise written per frame: failed or valid.
   int registrationResult = kRegistrationValid;
   int firstFrame = 1;  // 1: the next frame only primes the tracker
+  // True: a lost frame's stabilisation matrix eases towards the identity, and the camera path goes on.
+  bool easesLosses = false;
 
   // Translations in full-resolution pixels.
   float motionMatrix[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};         // current to previous frame
@@ -81,7 +83,7 @@ struct RegistrationContext {
 void* registrationThreadMain(void* context);
 
 // Measures the selected frame into the context's matrices, matches and registrationResult. Without valid motion, or
-// when a matrix is not finite, all three matrices are the identity.
+// when a matrix is not finite, all three matrices are the identity; with easesLosses, the tracker's stabilisation is kept.
 void measureMotion(RegistrationContext* context);
 
 // The noise of the frame at `fullLuma` along that motion. begin: without regard to the frames before.

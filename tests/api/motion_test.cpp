@@ -103,6 +103,42 @@ TEST(Motion, NoiseIsThatOfTheFrameAtItsSizeAndMeasuringItChangesNothing) {
   EXPECT_EQ(measureNoise(synchronous.handle, true), 1);
 }
 
+// A pan, and a frame of another scene in it: cropped and shifted as the frame before it, or cropped only.
+TEST(Motion, AnEasedLossIsDrawnWhereThePictureWas) {
+  for (const int mode : {kModeThreeFrames, kModeNeutralExposure}) {
+    for (const bool eases : {true, false}) {
+      SCOPED_TRACE(testing::Message() << "mode " << mode << ", eased " << eases);
+      TestEngine engine(kWidth, kHeight, {.mode = mode});
+      NOXEL_NEEDS_GL(engine);
+      engine.set(kParamLightMode, 0);
+      engine.set(kParamStabilization, 1);
+      engine.set(kParamContrast, 0);
+      engine.set(kParamSharpening, 0);
+      ASSERT_EQ(easeLosses(engine.handle, eases), 0);
+      const Waves other(77, 24);
+      FrameReport before;
+      for (int n = 0; n < 21; ++n) {
+        if (n == 20) before = lastFrameReport(engine.handle);
+        TestFrame frame = n < 20 ? TestFrame(kWidth, kHeight, scene().seen(kWidth, kHeight, shifted(2 * n, 0)))
+                                 : TestFrame(kWidth, kHeight, other.seen(kWidth, kHeight, kStill));
+        engine.process(&frame);
+        if (n < 20) continue;
+        const FrameReport report = lastFrameReport(engine.handle);
+        ASSERT_EQ(report.status, 0);
+        const double offset = static_cast<double>(before.stabilizedFromCurrent[2]);
+        ASSERT_NEAR(offset, 0.03 * kWidth, 0.2) << "at its limit";
+        View stabilized;
+        std::copy_n(report.stabilizedFromCurrent, 6, stabilized.begin());
+        EXPECT_NEAR(stabilized[2], eases ? 0.95 * offset : 0.0, 0.05);
+        const View crop = turned(0, 1 / static_cast<double>(report.zoom), kWidth / 2.0, kHeight / 2.0, 0, 0);
+        const TestFrame expected(kWidth, kHeight, other.seen(kWidth, kHeight, composed(inverted(stabilized), crop)));
+        // Interpolation alone leaves PSNR; an offset of 4.5 pixels gives 17 dB.
+        EXPECT_GT(lumaPsnr(frame, expected, 16), 30);
+      }
+    }
+  }
+}
+
 TEST(Motion, IsInFramePixelsAtEitherResolution) {
   for (const int width : {992, 1008}) {  // registered as it is, and at half size
     TestEngine engine(width, 96, {.mode = kModeNeutralExposure});

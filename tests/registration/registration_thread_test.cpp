@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <limits>
 #include <vector>
 
@@ -198,6 +199,95 @@ TEST(MotionMeasurement, TranslatesInFramePixelsAndKeepsThePathInItsOwn) {
   EXPECT_NEAR(context.stabilization.rawPath[0], 3 * 1.5, 0.3);
   releaseRegistration(&context.registration);
   releaseStabilization(&context.stabilization, 1, 1);
+}
+
+// A tracker of its own, fed frame by frame.
+struct Measured : RegistrationContext {
+  static constexpr int kSide = 160;
+  explicit Measured(bool easing) {
+    width = height = kSide;
+    easesLosses = easing;
+    EXPECT_EQ(createRegistration(kSide, kSide, 1, &registration), 0);
+    EXPECT_TRUE(initStabilization(&stabilization, 1, 1, kSide, kSide));
+  }
+  ~Measured() {
+    releaseRegistration(&registration);
+    releaseStabilization(&stabilization, 1, 1);
+  }
+  Measured(const Measured&) = delete;
+  Measured& operator=(const Measured&) = delete;
+
+  View measure(std::vector<uint8_t> pixels) {
+    luminanceFrames[0] = pixels.data();
+    measureMotion(this);
+    View matrix;
+    std::copy_n(stabilizationMatrix, 6, matrix.begin());
+    return matrix;
+  }
+};
+
+// A shaken pan of 0.9 pixels a frame, with an offset of the steadied picture close to its limit of 4.8 pixels.
+View shakenPan(int frame) {
+  return shifted(-0.9 * frame - 1.5 * std::sin(0.5 * frame), 1.5 * std::cos(0.4 * frame));
+}
+
+double change(const View& from, const View& to) {
+  return cornerError(to.data(), from, Measured::kSide, Measured::kSide);
+}
+
+TEST(EasedLosses, LeaveTheSteadiedPictureWithoutAJump) {
+  const Waves scene(3, 8), strange(77, 8);
+  Measured easing(true), plain(false);
+  View eased = kStill, restarted = kStill;
+  double largestEased = 0, largestRestarted = 0;
+  int lost = 0;
+  for (int n = 0; n < 65; ++n) {
+    const bool lose = n >= 23 && n % 10 == 3;
+    const auto pixels = (lose ? strange : scene).seen(Measured::kSide, Measured::kSide, shakenPan(n));
+    const View before = eased, beforeRestart = restarted;
+    eased = easing.measure(pixels);
+    restarted = plain.measure(pixels);
+    EXPECT_EQ(easing.registrationResult, plain.registrationResult) << n;
+    EXPECT_EQ(std::to_array(easing.motionMatrix), std::to_array(plain.motionMatrix)) << n;
+    if (n < 23) {
+      EXPECT_EQ(eased, restarted) << n;
+    }
+    if (n == 0 || easing.registrationResult == kRegistrationValid) continue;
+    ++lost;
+    EXPECT_EQ(restarted, kStill);
+    largestRestarted = std::max(largestRestarted, change(beforeRestart, restarted));
+    largestEased = std::max(largestEased, change(before, eased));
+  }
+  EXPECT_EQ(lost, 10) << "each strange frame, and the one after it";
+  EXPECT_GT(largestRestarted, 3.0);
+  // A twentieth of the largest shift, 3 % of each side, and 3/20 of the little roll and scale that is measured.
+  EXPECT_LT(largestEased, 0.05 * 0.03 * Measured::kSide * std::sqrt(2.0) + 0.1);
+
+  const std::vector<uint8_t> strangers[2] = {strange.seen(Measured::kSide, Measured::kSide, kStill),
+                                             scene.seen(Measured::kSide, Measured::kSide, shifted(500, 500))};
+  for (size_t n = 0; n < 150; ++n) {
+    const View before = eased;
+    eased = easing.measure(strangers[n % 2]);
+    EXPECT_LT(change(before, eased), 0.05 * 0.03 * Measured::kSide * std::sqrt(2.0) + 0.1) << n;
+  }
+  EXPECT_LT(change(kStill, eased), 0.01);
+}
+
+TEST(EasedLosses, ABreakStartsFromRestAtOnce) {
+  const Waves scene(3, 8);
+  const auto frame = [&](int n) { return scene.seen(Measured::kSide, Measured::kSide, shakenPan(n)); };
+  Measured used(true), fresh(true);
+  View last = kStill;
+  for (int n = 0; n < 20; ++n) last = used.measure(frame(n));
+  ASSERT_GT(change(kStill, last), 1.0);
+  used.firstFrame = 1;
+  for (int n = 40; n < 45; ++n) {
+    last = used.measure(frame(n));
+    EXPECT_EQ(last, fresh.measure(frame(n))) << n;
+    if (n == 40) {
+      EXPECT_EQ(last, kStill);
+    }
+  }
 }
 
 }  // namespace

@@ -75,6 +75,7 @@ void setParameters(const Look& look, _KRSuperResEngine* engine) {
   set(kParamDeghosting, look.deghosting);
   set(kParamFlipChroma, look.flipChroma ? 1 : 0);
   if (look.mode() != kModeStabilize) set(kParamStabilization, look.stabilize ? 1 : 0);  // it is always on there
+  easeLosses(engine, true);
   setQuad(kParamQuadB, look.enhancedQuad, engine);
   setQuad(kParamQuadA, look.untouchedQuad, engine);
 }

@@ -41,7 +41,10 @@ WindowEngine::WindowEngine(Size frame, const SdlWindow& window) {
   if (Noxel_InitializeWithWindow(frame.width, frame.height, window.native(), &engine_) != 0) {
     throw ToolError(kExitFailed, "cannot make an engine for frames of " + size);
   }
-  if (engineReady(engine_)) return;
+  if (engineReady(engine_)) {
+    easeLosses(engine_, true);
+    return;
+  }
   Noxel_Release(&engine_);
   throw ToolError(kExitNoGl, "no usable OpenGL ES 3.0 in a window for frames of " + size);
 }

@@ -22,6 +22,7 @@ struct FrameSettings {
   float sharpening = 2.0f;          // 0..100, as the next; modes 0, 2 and 4
   float contrast = 30.0f;
   int flipChroma = 0;    // 1: U before V in what is handed back; modes 0 and 2
+  int easesLosses = 0;   // 1: a frame without valid motion may be stabilised too
   int lightMode = 1;     // as given
   int imageFormat = 17;  // as given
 };

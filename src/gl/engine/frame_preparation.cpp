@@ -44,8 +44,8 @@ void updateHistory(_KRGPUEngine* engine, int status) {
 void updateWarps(_KRGPUEngine* engine, const Frame& frame) {
   const Warp previous = engine->frameFromPicture;
   const Warp zoom = zoomAboutCentre(static_cast<double>(1.0f / frame.settings.zoom));
-  // A frame that restarts accumulated history is drawn zoomed only.
-  const bool stabilized = !engine->plan->accumulates || engine->historyCount != 0;
+  // A frame that restarts accumulated history is drawn zoomed only, unless losses are to be eased.
+  const bool stabilized = !engine->plan->accumulates || engine->historyCount != 0 || frame.settings.easesLosses != 0;
   const Warp stabilization = textureSpace(frame.motion.stabilizationTransform, engine->width, engine->height);
   const Warp current = stabilized ? multiply(inverse(stabilization), zoom) : zoom;
 

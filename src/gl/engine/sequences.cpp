@@ -195,7 +195,7 @@ constexpr Pass kSpatial[] = {
     {"light frame to RGB", kr_w18, {kSmoothedLuma, kChroma, kSelector}, kOut, kIdentity, {kSelectorColumns, kTone}},
 };
 constexpr Pass kHistoryStart[] = {
-    {"frame to RGB", kr_w8, {kLuma, kChroma}, kNext, kZoom, {kFrameSize, kInverseSize}},
+    {"frame to RGB", kr_w8, {kLuma, kChroma}, kNext, kStabilized, {kFrameSize, kInverseSize}},
     {"tone", kr_w14, {kNext}, kOut, kIdentity, {kTone}},
 };
 constexpr Pass kTemporal[] = {
