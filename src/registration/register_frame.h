@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "registration/camera_path.h"
+#include "registration/motion_field.h"
 #include "registration/registration_state.h"
 
 namespace noxel {
@@ -27,18 +28,19 @@ void registerFrameCoasting(const uint8_t* frame, float (&motion)[9], float (&inv
                            int* valid, _KROFRegistration* registration, int* firstFrame,
                            _KRStabilizationParameters* stabilization);
 
-// The same as registerFrame for a grid of columns x rows local motions, each fitted around its own centre with its own record in
-// `stabilization`, row by row. Valid when no cell has a zero coefficient; ranges are not tested. The matrices are those
-// of the last cell fitted. Allocates; no frame path uses it.
+// The same as registerFrame for a grid of columns x rows local motions, each fitted around its own centre with its own
+// record in `stabilization`, row by row. Valid when no cell has a zero coefficient; ranges are not tested. The matrices
+// are those of the last cell fitted; the matches lie on the common motion. Switches the motion field on: where the
+// picture moves otherwise, a cell follows it. Allocates; no frame path uses it.
 void registerFrameGrid(const uint8_t* frame, float (&motion)[9], float (&inverseMotion)[9], _KRMatch* matches,
                        int* valid, _KROFRegistration* registration, int* firstFrame,
                        _KRStabilizationParameters* stabilization, int columns, int rows);
 
-// What both do after tracking, without the tracker. True: valid.
+// What both do after tracking, without the tracker. True: valid. field: of the same frame, or none.
 bool fitFrame(float (&motion)[9], float (&inverseMotion)[9], _KRMatch* matches, _KROFRegistration* registration,
               _KRStabilizationParameters* stabilization);
 bool fitFrameGrid(float (&motion)[9], float (&inverseMotion)[9], _KRMatch* matches, _KROFRegistration* registration,
-                  _KRStabilizationParameters* stabilization, int columns, int rows);
+                  _KRStabilizationParameters* stabilization, int columns, int rows, const MotionField& field = {});
 
 // Keeps the pairs that match at least as well as the median one, within limits:
 //

@@ -172,6 +172,31 @@ TEST_F(FitFrame, EachCellOfAGridFollowsItsOwnPart) {
   EXPECT_NEAR(inverseMotion[2], -6, 0.05) << "the last cell's";
 }
 
+TEST_F(FitFrame, CellsFollowTheBlocksThatMoveOnTheirOwn) {
+  // All points lie on one motion, most of them in the right half; the field says that this moves by (-8, 3) beside it.
+  const View common = {1.002, 0.004, 4, -0.004, 1.002, -1};
+  constexpr int kFieldColumns = kWidth / kMotionBlockSide, kFieldRows = (kHeight + 7) / kMotionBlockSide;
+  std::vector<BlockMotion> blocks(kFieldColumns * kFieldRows);
+  for (size_t i = 0; i < blocks.size(); ++i) {
+    if (i % kFieldColumns >= kFieldColumns / 2) blocks[i] = {-8, 3, 0.9f};
+  }
+  Pairs pairs;
+  for (const _KRMatch& pair : scattered(kStill, 500, kWidth / 2, kHeight, 0.0, 12))
+    pairs.push_back(moved(common, pair.sourceX + kWidth / 2, pair.sourceY));
+  for (const _KRMatch& pair : scattered(common, 300, kWidth, kHeight, 0.0, 13)) pairs.push_back(pair);
+  registration = registrationOf(pairs, kWidth, kHeight);
+  ASSERT_TRUE(fitFrameGrid(motion, inverseMotion, matches, registration.get(), records, kColumns, kRows,
+                           {kFieldColumns, kFieldRows, blocks.data()}));
+  for (const int row : {0, 3}) {
+    EXPECT_NEAR(records[row].rawPath[0], 4, 0.01);
+    EXPECT_NEAR(records[row].rawPath[1], -1, 0.01);
+    EXPECT_NEAR(records[row + 2].rawPath[0], 4 - 8, 0.01);
+    EXPECT_NEAR(records[row + 2].rawPath[1], -1 + 3, 0.01);
+    EXPECT_NEAR(records[row + 2].rawPath[2], std::atan(0.004 / 1.002), 1e-4);
+  }
+  EXPECT_EQ(registration->matchedCount, 800) << "on the common motion, as the matches";
+}
+
 TEST_F(FitFrame, TooFewMatchesResetEveryCellOfAGrid) {
   const Pairs pairs = scattered(kCalm, 400, kWidth, kHeight, 0.0, 12);
   // Cell centres are spaced by side / (count - 1): one column or row must not divide by zero.

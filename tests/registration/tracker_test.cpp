@@ -329,6 +329,38 @@ TEST(Tracking, FollowsTheBackgroundNotASubjectInFrontOfIt) {
   EXPECT_LT(tracker.error(background), kErrorUnderNoise3);  // the subject moves by 12 pixels
 }
 
+TEST(Tracking, CellsOfAGridFollowThePartsOfTheirPicture) {
+  constexpr int kWide = 320, kHigh = 180, kMaxCells = 12;
+  const auto frame = [&](double leftStep, double rightStep, unsigned n) {
+    Pixels pixels = seen(kWide, kHigh, shifted(-leftStep * n, 0), 2, 2 * n);
+    const Pixels right = seen(kWide, kHigh, shifted(-rightStep * n, 0), 2, 2 * n + 1);
+    for (int i = 0; i < kWide * kHigh; ++i) {
+      if (i % kWide >= kWide / 2) pixels[static_cast<size_t>(i)] = right[static_cast<size_t>(i)];
+    }
+    return pixels;
+  };
+  for (const auto& [leftStep, rightStep] : {std::pair{4, -4}, {3, 3}}) {
+    for (const auto& [columns, rows] : {std::pair{2, 1}, {4, 3}}) {
+      SCOPED_TRACE(testing::Message() << leftStep << ", " << rightStep << "; " << columns << " x " << rows);
+      Tracker tracker(kWide, kHigh);
+      _KRStabilizationParameters records[kMaxCells] = {};
+      int valid = 0;
+      for (unsigned n = 0; n < 3; ++n) {
+        registerFrameGrid(frame(leftStep, rightStep, n).data(), tracker.motion, tracker.inverseMotion, tracker.matches,
+                          &valid, tracker.registration, &tracker.firstFrame, records, columns, rows);
+        EXPECT_EQ(valid, n > 0);
+      }
+      for (int i = 0; i < columns * rows; ++i) {
+        // Twice the worst error measured, at the picture's corner, where paths are taken. The common motion, or a mean of
+        // both, is 8 pixels or more off after two frames.
+        EXPECT_NEAR(records[i].rawPath[0], 2 * (2 * (i % columns) < columns ? leftStep : rightStep), 0.5) << i;
+        EXPECT_NEAR(records[i].rawPath[1], 0, 0.5) << i;
+      }
+      releaseStabilization(records, columns, rows);
+    }
+  }
+}
+
 TEST(Tracking, HelpersChangeNoBit) {
   constexpr int kWide = 640, kHigh = 360;  // large enough to be split
   std::vector<Pixels> frames;
