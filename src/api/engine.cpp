@@ -13,6 +13,7 @@
 #include "api/threads.h"
 #include "platform/log.h"
 #include "registration/luminance.h"
+#include "registration/point_tracker.h"
 
 namespace noxel {
 
@@ -206,6 +207,42 @@ int lastTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity) {
   for (int i = 0; i < count; ++i) {
     const _KRMatch& match = registration.matches[i];
     tracks[i] = {match.sourceX * factor, match.sourceY * factor, match.targetX * factor, match.targetY * factor};
+  }
+  return count;
+}
+
+int measureOwnMotion(_KRSuperResEngine* engine) {
+  const EngineReference reference(engine);
+  if (!reference) return 1;
+  Lock job(engine->jobMutex);  // no frame is being registered
+  _KROFRegistration* registration = engine->registration.registration;
+  if (registration == nullptr) return 1;
+  if (enableMotionField(registration)) return 0;
+  NOXEL_LOG_ERROR("no memory for the motion field");
+  return 1;
+}
+
+int lastOwnTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity) {
+  constexpr float kMovesOnItsOwn = 0.5f;  // confidence: more likely than not
+  const EngineReference reference(engine);
+  if (!reference || engine->registration.registration == nullptr || engine->report.status != kRegistrationValid)
+    return 0;
+  const MotionField field = motionField(*engine->registration.registration);
+  if (field.blocks == nullptr) return 0;
+  const float(&back)[9] = engine->registration.motionMatrix;
+  const auto factor = static_cast<float>(engine->scale);
+  int count = 0;
+  for (int row = 0; row < field.rows; ++row) {
+    for (int column = 0; column < field.columns; ++column) {
+      const BlockMotion& block = field.blocks[row * field.columns + column];
+      if (count >= capacity || !(block.confidence >= kMovesOnItsOwn)) continue;
+      const float x = (static_cast<float>(column) + 0.5f) * kMotionBlockSide * factor;
+      const float y = (static_cast<float>(row) + 0.5f) * kMotionBlockSide * factor;
+      const float fromX = x - block.dx * factor;
+      const float fromY = y - block.dy * factor;
+      tracks[count++] = {back[0] * fromX + back[1] * fromY + back[2], back[3] * fromX + back[4] * fromY + back[5], x,
+                         y};
+    }
   }
   return count;
 }

@@ -105,9 +105,18 @@ int easeLosses(_KRSuperResEngine* engine, bool on);
 FrameReport lastFrameReport(_KRSuperResEngine* engine);
 
 // The pairs that registration kept of that frame, in frame pixels as above: source in the previous frame, target in the
-// current one. They lie on the common motion: a point is placed on it, not tracked singly. Returns how many were written, at most `capacity`.
+// current one. They lie on the common motion: a point is placed on it, not tracked singly. Returns how many were
+// written, at most `capacity`.
 struct _KRMatch;
 int lastTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity);
+
+// From the next frame on registration measures what moves otherwise than the whole picture; it does not at the start, and
+// there is no way back. 1: no live engine, one that registers no frames, or no memory.
+int measureOwnMotion(_KRSuperResEngine* engine);
+
+// The same as lastTracks for the centres of the blocks, of 8 x 8 registration pixels, that moved on their own in that
+// frame. None while this is not measured.
+int lastOwnTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity);
 
 // How far the blend of the frame delivered last was held back, over the output picture: 0 as the strength asks for, 255
 // the current frame alone. Off by default; while it is on, the GPU thread waits for the mask of each frame. 1 when there

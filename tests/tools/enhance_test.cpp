@@ -164,7 +164,7 @@ TEST_F(Enhance, StatisticsHoldEachReportThePassesAndASummary) {
   ASSERT_EQ(run(), kExitFine);
   const std::string table = testing::internal::GetCapturedStderr();
   EXPECT_EQ(record_.warmUps, 0);
-  EXPECT_TRUE(record_.settings.overlay);
+  EXPECT_TRUE(record_.settings.overlay && record_.settings.ownTracks);
   EXPECT_EQ(sample(*VideoReader(options_.output).next(), 0, 26, 20), 255) << "the dot";
   EXPECT_NE(table.find("lift                          6    2.000    2.000    2.000 100.0 %\n"), table.npos) << table;
 

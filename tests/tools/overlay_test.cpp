@@ -19,6 +19,7 @@ class Picture {
   Picture() : bytes_(nv21Size(kWidth, kHeight), kGrey) {}
   uint8_t* data() { return bytes_.data(); }
   int luma(int x, int y) const { return bytes_[static_cast<size_t>(y * kWidth + x)]; }
+  int u(int x, int y) const { return bytes_[static_cast<size_t>(kWidth * kHeight + y / 2 * kWidth + x / 2 * 2 + 1)]; }
   int v(int x, int y) const { return bytes_[static_cast<size_t>(kWidth * kHeight + y / 2 * kWidth + x / 2 * 2)]; }
   int changedOutside(int left, int top, int right, int bottom) const {  // inclusive bounds
     int count = 0;
@@ -55,6 +56,16 @@ TEST(OverlayTracks, HaveADotAtTheTargetAndATailToTheSource) {
   EXPECT_EQ(kept.changedOutside(20, 28, 33, 31), 0);
 }
 
+TEST(OverlayTracks, AreYellowAndComeFirstWhereABlockMovesOnItsOwn) {
+  Overlay overlay = oneTrack(1);
+  overlay.ownTracks = {{33.5f, 18.5f, 33.5f, 30.5f}};  // ends in the same cell
+  Picture picture;
+  drawOverlay(overlay, picture.data(), kWidth, kHeight);
+  EXPECT_EQ(picture.luma(33, 30), 255);
+  EXPECT_TRUE(picture.u(33, 22) < 10 && picture.v(33, 22) > 140 && picture.luma(33, 22) > 200) << "yellow";
+  EXPECT_EQ(picture.changedOutside(32, 18, 35, 31), 0) << "the common motion's track is left out";
+}
+
 TEST(OverlayTracks, FollowStabilizationAndZoom) {
   Overlay overlay = oneTrack(1);
   overlay.report.zoom = 1.25f;
@@ -89,6 +100,42 @@ TEST(OverlayMask, TintsOnlyWhatIsMasked) {
   EXPECT_NE(picture.luma(27, 19), kGrey);
   // Bilinear: fades over one texel of 8 pixels.
   EXPECT_EQ(picture.changedOutside(20, 12, 35, 27), 0);
+}
+
+// A still scene, and a part of it, 96 x 64, that moves on its own by 5 pixels a frame.
+TEST(OverlayOfTheEngine, TracksWhatMovesOnItsOwn) {
+  constexpr int kSceneWidth = 320, kSceneHeight = 180, kStep = 5;
+  EnhancerSettings settings;
+  settings.width = kSceneWidth;
+  settings.height = kSceneHeight;
+  settings.look.neutralExposure = true;
+  settings.overlay = settings.ownTracks = true;
+  NEEDS_DRIVER();
+  EnhancerSession session(settings);
+  const Waves scene(3, 10), subject(4, 10);
+  int found = 0;
+  for (int frame = 0; frame < 4; ++frame) {
+    std::vector<uint8_t> nv21 = scene.seen(kSceneWidth, kSceneHeight, kStill, 3, static_cast<unsigned>(frame));
+    const std::vector<uint8_t> moving = subject.seen(kSceneWidth, kSceneHeight, shifted(-kStep * frame, 0));
+    const int left = 100 + kStep * frame;
+    for (int y = 60; y < 124; ++y)
+      std::copy_n(&moving[static_cast<size_t>(y * kSceneWidth + left)], 96,
+                  &nv21[static_cast<size_t>(y * kSceneWidth + left)]);
+    nv21.resize(nv21Size(kSceneWidth, kSceneHeight), 128);
+    session.enhance(nv21.data(), frame * int64_t{33'000});
+    const Overlay overlay = session.overlay();
+    EXPECT_EQ(overlay.ownTracks.empty(), frame == 0);
+    for (const _KRMatch& track : overlay.tracks) ASSERT_NEAR(track.targetX - track.sourceX, 0, 0.1);
+    for (const _KRMatch& track : overlay.ownTracks) {
+      // Blocks on its edge, and windows of 3 x 3 of them, reach beyond it.
+      const bool inside =
+          std::abs(track.targetX - static_cast<float>(left + 48)) < 48 + 16 && std::abs(track.targetY - 92) < 32 + 16;
+      const bool alike = std::hypot(track.targetX - track.sourceX - kStep, track.targetY - track.sourceY) < 1;
+      EXPECT_TRUE(inside) << track.targetX << ", " << track.targetY;
+      found += inside && alike;
+    }
+  }
+  EXPECT_GT(found, 3 * 96 * 64 / 64 * 2 / 3) << "two thirds of its blocks";
 }
 
 // A textured scene that moves by (1.25, -0.75) pixels per frame, with a bright square in the last frame only.

@@ -37,8 +37,8 @@ A quad is four corners: top left, bottom left, top right, bottom right; from -1 
 shows the part of the picture that it covers; the untouched quad is drawn over the enhanced one:
   noxel enhance night.mp4 -o split.mp4 --untouched-quad 0,1,0,-1,1,1,1,-1
 
---overlay draws each tracked point as a dot with a tail to its previous position: green, or red when the motion was
-rejected. Purple marks moving objects, where the history is not blended in.
+--overlay draws tracks, each a dot with a tail to where that was in the previous frame: green along the common motion, red
+when that was rejected, yellow where the picture moves on its own. Purple is where the history is not blended in.
 )";
 
 constexpr char kModes[] =
@@ -112,7 +112,7 @@ void addOptions(CLI::App* command, EnhanceOptions& options) {
 
   const char* written = "Output";
   command->add_flag("--compare", options.compare, "Left half original, right half enhanced")->group(written);
-  command->add_flag("--overlay", options.overlay, "Draw the tracked points and the ghost mask; temporal only")
+  command->add_flag("--overlay", options.overlay, "Draw what moved how, and the ghost mask; temporal only")
       ->group(written);
   command->add_option("--crf", options.crf, "H.264 quality; lower is better and larger")
       ->check(CLI::Range(0, 51))

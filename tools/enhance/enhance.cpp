@@ -116,6 +116,7 @@ void Run::enhanceAll(const EnhancerFactory& factory) {
   settings.look = options_.look;
   settings.overlay = options_.overlay || (dump_ && isRead(options_.look, "--overlay"));
   settings.noise = !options_.statsFile.empty();
+  settings.ownTracks = options_.overlay;
   const std::unique_ptr<Enhancer> enhancer = factory(settings);
   for (const std::string& text : writer_.notes()) note(text);
   const size_t notesBefore = writer_.notes().size();

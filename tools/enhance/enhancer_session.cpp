@@ -26,6 +26,7 @@ EnhancerSession::EnhancerSession(const EnhancerSettings& settings)
   setParameters(settings.look, engine_.get());
   if (settings.overlay && captureGhostMask(engine_.get(), true) != 0) throw std::bad_alloc();
   if (settings.noise && measureNoise(engine_.get(), true) != 0) throw std::bad_alloc();
+  if (settings.ownTracks && measureOwnMotion(engine_.get()) != 0) throw std::bad_alloc();
   platform::setFrameClock(PresentationClock::read, &clock_);
 }
 
@@ -60,6 +61,9 @@ Overlay EnhancerSession::overlay() const {
   overlay.report = report();
   overlay.tracks.resize(kMaxPoints);
   overlay.tracks.resize(static_cast<size_t>(lastTracks(engine_.get(), overlay.tracks.data(), kMaxPoints)));
+  const int blocks = settings_.ownTracks ? (settings_.width / 8 + 1) * (settings_.height / 8 + 1) : 0;
+  overlay.ownTracks.resize(static_cast<size_t>(blocks));
+  overlay.ownTracks.resize(static_cast<size_t>(lastOwnTracks(engine_.get(), overlay.ownTracks.data(), blocks)));
   overlay.mask.resize(static_cast<size_t>(settings_.width) * static_cast<size_t>(settings_.height));
   if (!lastGhostMask(engine_.get(), overlay.mask.data(), settings_.width * settings_.height, &overlay.maskWidth,
                      &overlay.maskHeight)) {

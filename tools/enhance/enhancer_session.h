@@ -17,8 +17,9 @@ struct EnhancerSettings {
   int height = 0;
   int64_t nominalIntervalUs = 40'000;
   Look look;
-  bool overlay = false;  // keep the data for overlay()
-  bool noise = false;    // measure it for report()
+  bool overlay = false;    // keep the data for overlay()
+  bool ownTracks = false;  // with what moves on its own
+  bool noise = false;      // measure it for report()
 };
 
 // Enhances one clip frame by frame, in place and synchronously. One thread.

@@ -15,6 +15,7 @@ struct Colour {
 constexpr Colour kWhite = {255, 128, 128};
 constexpr Colour kGreen = {150, 44, 21};
 constexpr Colour kRed = {76, 85, 255};
+constexpr Colour kYellow = {226, 1, 149};
 constexpr Colour kPurple = {105, 212, 235};
 
 constexpr double kMaskOpacity = 0.5;
@@ -94,22 +95,25 @@ void drawTrack(Canvas* canvas, Point source, Point target, Colour colour) {
 void drawTracks(Canvas* canvas, const Overlay& overlay) {
   const int width = canvas->width();
   const int height = canvas->height();
-  const Colour colour = overlay.report.status > 0 ? kGreen : kRed;
   const int cell = std::max(1, static_cast<int>(std::sqrt(static_cast<double>(width) * height / kMaxTracks)));
   const int columns = width / cell + 1;
   std::vector<bool> taken(static_cast<size_t>(columns) * static_cast<size_t>(height / cell + 1));
-  for (const _KRMatch& track : overlay.tracks) {
-    const auto place = [&](float x, float y) {
-      return inPicture(overlay.report, width, height, static_cast<double>(x), static_cast<double>(y));
-    };
-    const Point target = place(track.targetX, track.targetY);
-    if (!(target.x >= 0 && target.x < width && target.y >= 0 && target.y < height)) continue;
-    const auto index =
-        static_cast<size_t>(static_cast<int>(target.y) / cell * columns + static_cast<int>(target.x) / cell);
-    if (taken[index]) continue;
-    taken[index] = true;
-    drawTrack(canvas, place(track.sourceX, track.sourceY), target, colour);
-  }
+  const auto draw = [&](const std::vector<_KRMatch>& tracks, Colour colour) {
+    for (const _KRMatch& track : tracks) {
+      const auto place = [&](float x, float y) {
+        return inPicture(overlay.report, width, height, static_cast<double>(x), static_cast<double>(y));
+      };
+      const Point target = place(track.targetX, track.targetY);
+      if (!(target.x >= 0 && target.x < width && target.y >= 0 && target.y < height)) continue;
+      const auto index =
+          static_cast<size_t>(static_cast<int>(target.y) / cell * columns + static_cast<int>(target.x) / cell);
+      if (taken[index]) continue;
+      taken[index] = true;
+      drawTrack(canvas, place(track.sourceX, track.sourceY), target, colour);
+    }
+  };
+  draw(overlay.ownTracks, kYellow);
+  draw(overlay.tracks, overlay.report.status > 0 ? kGreen : kRed);
 }
 
 // The mask at (u, v) in 0..1, bilinear as the blend samples it. 0..1.

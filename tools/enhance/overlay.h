@@ -11,14 +11,16 @@ namespace noxel::tool {
 
 struct Overlay {
   FrameReport report;
-  std::vector<_KRMatch> tracks;  // in frame pixels, the first one's centre at (0.5, 0.5)
-  std::vector<uint8_t> mask;     // covers the picture; empty: the frame was not blended
+  std::vector<_KRMatch> tracks;     // in frame pixels, the first one's centre at (0.5, 0.5)
+  std::vector<_KRMatch> ownTracks;  // the same of blocks that move on their own
+  std::vector<uint8_t> mask;        // covers the picture; empty: the frame was not blended
   int maskWidth = 0;
   int maskHeight = 0;
 };
 
 // Into an enhanced NV21 frame. Tracks: a dot at the target and a tail to the source, in the stabilised and zoomed picture;
-// green, or red when the frame's motion was rejected; one per grid cell. Mask: purple, half transparent at 255.
+// green, or red when the frame's motion was rejected; yellow where something moves on its own; one per grid cell, yellow
+// ones first. Mask: purple, half transparent at 255.
 void drawOverlay(const Overlay& overlay, uint8_t* nv21, int width, int height);
 
 }  // namespace noxel::tool
