@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstring>
 #include <limits>
+#include <numbers>
 #include <random>
 #include <utility>
 #include <vector>
@@ -399,6 +400,183 @@ TEST(Tracking, TinyFramesHaveNoMotion) {
       EXPECT_FALSE(tracker.take(seen(width, height, shifted(0.3 * n, 0.2), 2, n))) << width << " x " << height;
   }
 }
+
+namespace sparse {
+
+constexpr int kW = 320, kH = 180;
+
+double edge(double distance) {
+  return 0.5 * (1 + std::tanh(1.5 * distance));
+}
+
+// Levels at a point from the picture's centre.
+struct Scene {
+  const char* name;
+  double (*at)(double x, double y);
+  bool determined;  // in any direction
+};
+
+constexpr Scene kScenes[] = {
+    {"horizon", [](double x, double y) { return 80 - 60 * edge(y - 18 - 0.02 * x); }, true},
+    {"door edge", [](double x, double) { return 20 + 60 * edge(x - 27); }, true},
+    {"bars", [](double x, double) { return 50 + 30 * std::tanh(4 * std::sin(x / 4)); }, true},
+    {"glow", [](double x, double y) { return 25 + 110 * std::exp(-(x * x + y * y) / 1800); }, true},
+    {"corridor",
+     [](double x, double y) {
+       const double phase = 12 * std::atan2(y, x) / (2 * std::numbers::pi);
+       const double off = std::fabs(phase - std::round(phase)) * 2 * std::numbers::pi / 12;
+       return 20 + 60 * edge(3 - std::hypot(x, y) * off);
+     },
+     true},
+    {"sky", [](double, double y) { return 70 - 0.44 * y; }, false},
+    {"vignette", [](double x, double y) { return 100 - 0.0011 * (x * x + y * y); }, false},
+};
+
+// A view with noise of 5 levels.
+Pixels seen(const Scene& scene, const View& sceneFromFrame, unsigned noiseSeed) {
+  std::mt19937 random(noiseSeed);
+  std::normal_distribution<double> noise(0, 5);
+  const View& m = sceneFromFrame;
+  Pixels frame;
+  for (int i = 0; i < kW * kH; ++i) {
+    const double x = i % kW + 0.5, y = i / kW + 0.5;
+    const double level = scene.at(m[0] * x + m[1] * y + m[2] - kW / 2, m[3] * x + m[4] * y + m[5] - kH / 2);
+    frame.push_back(static_cast<uint8_t>(std::clamp(level + noise(random) + 0.5, 0.0, 255.0)));
+  }
+  return frame;
+}
+
+// Error of a motion along the gradient, where moving the picture changes it: rms weighted by the squared gradient.
+double errorAlongGradient(const Scene& scene, const float (&measured)[9], const View& truth) {
+  double squares = 0, weights = 0;
+  for (int i = 0; i < kW * kH; i += 3) {
+    const double x = i % kW + 0.5, y = i / kW + 0.5, cx = x - kW / 2, cy = y - kH / 2;
+    const double gx = scene.at(cx + 0.5, cy) - scene.at(cx - 0.5, cy),
+                 gy = scene.at(cx, cy + 0.5) - scene.at(cx, cy - 0.5);
+    double off[2];
+    for (size_t row = 0; row < 2; ++row) {
+      const double place[3] = {x, y, 1};
+      off[row] = 0;
+      for (size_t k = 0; k < 3; ++k)
+        off[row] += (static_cast<double>(measured[3 * row + k]) - truth[3 * row + k]) * place[k];
+    }
+    squares += (gx * off[0] + gy * off[1]) * (gx * off[0] + gy * off[1]);
+    weights += gx * gx + gy * gy;
+  }
+  return std::sqrt(squares / weights);
+}
+
+TEST(SparseScenes, AStillOneIsHeldWhereItIs) {
+  for (const Scene& scene : kScenes) {
+    Tracker tracker(kW, kH);
+    int valid = 0;
+    double moved = 0;
+    constexpr int kFrames = 20;
+    for (int n = 0; n < kFrames; ++n) {
+      valid += tracker.take(seen(scene, kStill, 100u + static_cast<unsigned>(n))) ? 1 : 0;
+      moved = std::max(moved, cornerError(tracker.stabilization.stabilizationMatrix, kStill, kW, kH));
+    }
+    // Guesses moved these pictures by 10 to 20 pixels.
+    EXPECT_LT(moved, 0.3) << scene.name;
+    EXPECT_GE(valid, scene.determined ? kFrames - 3 : 0) << scene.name;
+    EXPECT_LE(valid, scene.determined ? kFrames : 1) << scene.name;
+  }
+}
+
+TEST(SparseScenes, DeterminedDirectionsAreFollowedUnderTremor) {
+  for (const Scene& scene : kScenes) {
+    if (!scene.determined) continue;
+    Tracker tracker(kW, kH);
+    std::vector<double> errors;
+    View before = kStill;
+    int overstepped = 0;
+    for (unsigned n = 0; n < 20; ++n) {
+      const View pose =
+          turned(0.004 * std::sin(2.1 * n), 1, kW / 2.0, kH / 2.0, 2 * std::sin(1.3 * n), 2 * std::cos(1.9 * n));
+      const View truth = composed(pose, inverted(before));
+      before = pose;
+      if (!tracker.take(seen(scene, inverted(pose), 300 + n))) continue;
+      errors.push_back(errorAlongGradient(scene, tracker.inverseMotion, truth));
+      overstepped += tracker.error(truth) > 3 * motionDeviation(*tracker.registration) ? 1 : 0;
+    }
+    ASSERT_GE(errors.size(), 16u) << scene.name;
+    std::sort(errors.begin(), errors.end());
+    // A soft glow has a tenth of an edge's gradient.
+    EXPECT_LT(errors[errors.size() * 8 / 10], scene.at == kScenes[3].at ? 0.4 : 0.12) << scene.name;
+    EXPECT_LE(overstepped, 1) << scene.name;
+  }
+}
+
+// Dark, noise of 6 levels, a tremor of 2 pixels; `spoil` changes the picture before its noise. Median error, pixels.
+template <typename Spoil>
+double errorWith(Spoil&& spoil, int* lost, double* worst) {
+  static const Waves texture(11, 7);
+  Tracker tracker(kW, kH);
+  std::vector<double> errors;
+  View before = kStill;
+  *lost = 0;
+  for (unsigned n = 0; n < 36; ++n) {
+    const View pose = shifted(2.6 * std::sin(1.3 * n) + std::sin(0.2 * n), 2.6 * std::cos(1.9 * n));
+    const View m = inverted(pose);
+    std::mt19937 random(700 + n);
+    std::normal_distribution<double> noise(0, 6);
+    Pixels frame;
+    for (int i = 0; i < kW * kH; ++i) {
+      const int x = i % kW, y = i / kW;
+      const double level = spoil(x, y, n, 0.35 * texture.at(x + 0.5 + m[2], y + 0.5 + m[5])) + noise(random);
+      frame.push_back(static_cast<uint8_t>(std::clamp(level + 0.5, 0.0, 255.0)));
+    }
+    const bool valid = tracker.take(frame);
+    if (n > 0 && valid) errors.push_back(tracker.error(composed(pose, inverted(before))));
+    if (n > 0 && !valid) ++*lost;
+    before = pose;
+  }
+  std::sort(errors.begin(), errors.end());
+  *worst = errors.empty() ? 1e9 : errors.back();
+  return errors.empty() ? 1e9 : errors[errors.size() / 2];
+}
+
+TEST(WhatStays, DoesNotPullTheMotion) {
+  std::mt19937 random(9);
+  std::normal_distribution<double> unit;
+  std::vector<double> pattern;
+  for (int y = 0; y < kH; ++y) {
+    const double row = 3 * unit(random);
+    for (int x = 0; x < kW; ++x) pattern.push_back(row + 4 * unit(random) + (random() % 333 == 0 ? 120 : 0));
+  }
+  int lost;
+  double worst;
+  const double clean = errorWith([](int, int, unsigned, double level) { return level; }, &lost, &worst);
+  const double patterned =
+      errorWith([&](int x, int y, unsigned, double level) { return level + pattern[static_cast<size_t>(y * kW + x)]; },
+                &lost, &worst);
+  // It counts as noise where it does not pull: 4.9 levels beside 6, and one pixel in 333 lost. Pulled, it is 0.5 pixels.
+  EXPECT_LT(patterned, 4 * clean + 0.02);
+  EXPECT_EQ(lost, 0);
+  const double logo =
+      errorWith([](int x, int y, unsigned,
+                   double level) { return x > 240 && y > 20 && y < 60 ? (x / 9 + y / 9) % 2 * 200.0 : level; },
+                &lost, &worst);
+  EXPECT_LT(logo, 1.5 * clean + 0.01);
+  EXPECT_EQ(lost, 0);
+}
+
+TEST(WhatStays, BandsOfFlickeringLightLoseNoFrame) {
+  for (const double step : {0.1, 0.37, 0.5}) {  // share of the bands' distance that they wander by, a frame
+    int lost;
+    double worst;
+    const double median = errorWith(
+        [&](int, int y, unsigned n, double level) {
+          return level * (1 + 0.3 * std::sin(2 * std::numbers::pi * (2.0 * y / kH + step * n)));
+        },
+        &lost, &worst);
+    EXPECT_LE(lost, 1) << step;
+    EXPECT_LT(worst, 3) << step;
+    EXPECT_LT(median, 0.3) << step;
+  }
+}
+
+}  // namespace sparse
 
 }  // namespace
 }  // namespace noxel

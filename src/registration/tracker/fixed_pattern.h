@@ -25,6 +25,7 @@ class FixedPattern {
 
   bool allocate(const Image& image, const PictureFrame& frame);
   void forget();
+  bool isPresent() const { return present_; }
   // Subtracts what is known of the pattern from a frame's smoothed image.
   void subtract(const Image& image, WorkerPool* pool) const;
   // From two such images, and the motion between them.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 namespace noxel::tracker {
 namespace {
@@ -224,9 +225,13 @@ bool MotionEquations::determine(const GlobalMotion& motion, double noiseVariance
   const auto share = [&](int i) { return matrix[order[i]][order[i]]; };
   const double minShare = std::clamp(kMinRelativeShare * share(0), kMinShare, kSafeShare);
   const bool all = share(3) > minShare;
+  bool shifts = false;
   *determinacy = {};
   determinacy->leastShare = share(3);
-  determinacy->noise = share(3) > kEdgeShare * share(0) ? 1.0 : kEdgeNoise;
+  const bool even = share(3) > kEdgeShare * share(0);
+  determinacy->noise = even ? 1.0 : kEdgeNoise;
+  double maxDeviation = all ? kMaxWeakDeviation : kMaxDirectionDeviation;
+  if (all && even) maxDeviation = std::numeric_limits<double>::infinity();
   for (int i = 0; i < 4 && share(i) > minShare; ++i) {
     const int at = determinacy->followed;
     double v[4] = {};
@@ -237,7 +242,7 @@ bool MotionEquations::determine(const GlobalMotion& motion, double noiseVariance
     }
     // own is the covariance of the right-hand side but for the noise's variance and the scale, and v^T own v is 1.
     const double variance = determinacy->noise * noiseVariance * scale / (share(i) * share(i));
-    if (!all && !(variance * square <= kMaxDirectionDeviation * kMaxDirectionDeviation)) continue;
+    if (!(variance * square <= maxDeviation * maxDeviation)) continue;
     determinacy->shares[at] = share(i);
     determinacy->variances[at] = variance;
     for (int k = 0; k < 4; ++k) {
@@ -247,7 +252,9 @@ bool MotionEquations::determine(const GlobalMotion& motion, double noiseVariance
       determinacy->values[at] += v[k] * target[k] / share(i);
     }
     ++determinacy->followed;
+    shifts = shifts || v[0] * v[0] + v[1] * v[1] > kMinShift * square;
   }
+  if (!shifts) determinacy->followed = 0;
   return true;
 }
 

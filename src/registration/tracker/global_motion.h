@@ -60,11 +60,15 @@ inline constexpr double kMinShare = 0.08;
 inline constexpr double kSafeShare = 0.15;
 inline constexpr double kMinRelativeShare = 0.2;
 inline constexpr double kMaxDirectionDeviation = 0.5;
+inline constexpr double kMaxWeakDeviation = 1.5;  // when all have a share, but edges prevail
+// Part of a direction's square that is a shift. Without a direction of more, as for a slope of light, which tells only a
+// roll, nothing is determined.
+inline constexpr double kMinShift = 0.02;
 
-// Noise of neighbouring samples is correlated, by the smoothing; along a straight edge it adds up. Measured: variance of
-// b there, relative to what the patches' median says. A picture is taken for one of edges when its least share is less
+// Noise of neighbouring samples is correlated, by the smoothing; along a straight edge it adds up. Variance of b there,
+// relative to what the patches' median says: measured 2 to 3, and 7 at most, in soft shading. A picture is taken for one of edges when its least share is less
 // than this part of the largest.
-inline constexpr double kEdgeNoise = 2.5;
+inline constexpr double kEdgeNoise = 5.0;
 inline constexpr double kEdgeShare = 0.4;
 
 // What a hand does between two frames, standard deviations in pixels: shift, and zoom and roll at one radius.

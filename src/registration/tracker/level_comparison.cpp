@@ -29,7 +29,7 @@ constexpr double kOffsetNoticed = 2.0;
 
 constexpr int kSampledBlock = 4;
 
-constexpr float kBandReach = 16.0f;  // pixels: rows this near are lit alike
+constexpr int kBandReach = 32;  // rows within this part of the height are lit alike
 
 // Share of a patch's noise by which its apparent shared texture may be off: three standard deviations.
 constexpr float kSharedDoubt = 0.2f;
@@ -246,7 +246,7 @@ void LevelComparison::measureRowGains(Direction direction) {
     }
     rawRowGains_[row] = own > 0.0 && other > 0.0 ? static_cast<float>(other / own) : 0.0f;
   }
-  const int reach = static_cast<int>(kBandReach / (scale_ * kBlockSide));
+  const int reach = grid_.rows / kBandReach;
   for (int row = 0; row < grid_.rows; ++row) {
     float sum = 0.0f;
     float count = 0.0f;

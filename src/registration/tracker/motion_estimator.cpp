@@ -320,11 +320,13 @@ MotionFound MotionEstimator::estimate(WorkerPool* pool) {
   if (!flickers_ && variation > kFlicker) {
     adaptRows(true);
     found = search(pool);
+    if (!found.known) adaptRows(false);  // a cut
   }
   calmFrames_ = variation > kCalm ? 0 : calmFrames_ + 1;
   if (flickers_ && calmFrames_ > kCalmFrames) adaptRows(false);
   if (!found.known) {
     forgetStill();  // maybe a cut
+    if (!pattern_.isPresent()) pattern_.forget();
   } else if (found.followed == 4 && !flickers_) {
     pattern_.learn(pyramids_[previousIndex_].level(0), pyramids_[1 - previousIndex_].level(0), found.motion, pool);
     if (found.level == 0 && still_.learn(levels_[0], found.motion)) markStill();
