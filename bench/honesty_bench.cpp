@@ -215,8 +215,13 @@ void runFixed(const Options& options) {
       scenes::layOver(what, options.seed, options.width, options.height, frame);
     });
   }
-  over("banding",
-       [&](int i, std::vector<float>* frame) { scenes::addBanding(0.37 * i, options.width, options.height, frame); });
+  // Bands that wander by this share of their distance a frame.
+  for (const double step : {0.1, 0.25, 0.37, 0.5}) {
+    char label[32];
+    std::snprintf(label, sizeof(label), "banding by %.2f", step);
+    over(label,
+         [&](int i, std::vector<float>* frame) { scenes::addBanding(step * i, options.width, options.height, frame); });
+  }
 }
 
 }  // namespace

@@ -30,8 +30,9 @@ constexpr int kMinConsensus = 30;
 constexpr float kMinShare = 0.4f;
 
 // A camera that moves less than this (pixels), and not significantly, is on a tripod: the jitter of the measurement,
-// resampled into the history frame after frame, would blur it. A picture that does not determine all of the motion, or only on a coarser level, is too soft to be
-// blurred by a motion within three times its expected error, up to the second bound.
+// resampled into the history frame after frame, would blur it. A picture that does not determine all of the motion, or
+// only on a coarser level, is too soft to be blurred by a motion within three times its expected error, up to the second
+// bound.
 constexpr double kStill = 0.05;
 constexpr double kMaxStill = 0.5;
 
