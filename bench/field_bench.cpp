@@ -13,8 +13,6 @@
 // Pixels are those of the frame. OpenCV's flow is averaged over each block, less the common motion that we measured.
 // Its input is smoothed by a Gaussian and stretched to a mean of 110, neither of which counts as its time. Time is
 // processor time on one thread; all methods take turns on each pair.
-#include <time.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
@@ -32,6 +30,7 @@
 #include <vector>
 
 #include "common/percentile.h"
+#include "processor_time.h"
 #include "registration/luminance.h"
 #include "registration/plane_registration.h"
 #include "registration/tracker/motion_field_estimator.h"
@@ -45,6 +44,8 @@ namespace noxel {
 namespace {
 
 using scenes::Affine;
+using scenes::apply;
+using Vector = scenes::Point;
 using scenes::FramePair;
 using scenes::LayeredPair;
 using scenes::Light;
@@ -68,22 +69,6 @@ struct Options {
   std::fflush(stdout);
   std::fprintf(stderr, "noxel_field_bench: %s\n", reason.c_str());
   std::exit(1);
-}
-
-double processorMilliseconds() {
-  timespec now;
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-  return 1e3 * static_cast<double>(now.tv_sec) + 1e-6 * static_cast<double>(now.tv_nsec);
-}
-
-struct Vector {
-  double x;
-  double y;
-};
-
-Vector apply(const Affine& affine, Vector p) {
-  const double* m = affine.m;
-  return {m[0] * p.x + m[1] * p.y + m[2], m[3] * p.x + m[4] * p.y + m[5]};
 }
 
 // Displacement of p, in the current frame, beside the common motion, when it was at `before` in the previous one.

@@ -9,8 +9,6 @@
 // Time is processor time on one thread. Ours is for a frame within a sequence, including finding the next frame's
 // points and, at half size, the downscale; a sequence's first frame is reported separately. All methods take turns on
 // each pair, so that other load affects all alike.
-#include <time.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
@@ -27,6 +25,7 @@
 #include <vector>
 
 #include "common/percentile.h"
+#include "processor_time.h"
 #include "registration/plane_registration.h"
 #include "scenes/scenes.h"
 
@@ -61,12 +60,6 @@ struct Options {
   std::fflush(stdout);
   std::fprintf(stderr, "noxel_motion_bench: %s\n", reason.c_str());
   std::exit(1);
-}
-
-double processorMilliseconds() {
-  timespec now;
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-  return 1e3 * static_cast<double>(now.tv_sec) + 1e-6 * static_cast<double>(now.tv_nsec);
 }
 
 // Registration as the engine uses it, on frames of one size.

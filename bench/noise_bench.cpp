@@ -7,8 +7,6 @@
 // ratio of the measured to the true variance, in all entries of the curve that cover at least one pixel in 200: of all
 // frames from the third on, the share of them within 15 %, then of the second frame, the first that has a difference, and
 // of the first frame alone. Time is processor time on one thread, without the registration.
-#include <time.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
@@ -19,6 +17,7 @@
 #include <vector>
 
 #include "common/percentile.h"
+#include "processor_time.h"
 #include "registration/noise_curve.h"
 #include "registration/plane_registration.h"
 #include "scenes/scenes.h"
@@ -48,12 +47,6 @@ struct Options {
   std::fflush(stdout);
   std::fprintf(stderr, "noxel_noise_bench: %s\n", reason.c_str());
   std::exit(1);
-}
-
-double processorMilliseconds() {
-  timespec now;
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-  return 1e3 * static_cast<double>(now.tv_sec) + 1e-6 * static_cast<double>(now.tv_nsec);
 }
 
 struct Ratios {

@@ -14,16 +14,6 @@ namespace {
 constexpr int kSubSamples = 4;  // per side of a pixel
 constexpr int kHarmonics = 5;   // of a silhouette
 
-struct Point {
-  double x;
-  double y;
-};
-
-Point apply(const Affine& affine, Point p) {
-  const double* m = affine.m;
-  return {m[0] * p.x + m[1] * p.y + m[2], m[3] * p.x + m[4] * p.y + m[5]};
-}
-
 Affine turned(double angleRad, Point about, Point shift) {
   const double c = std::cos(angleRad);
   const double s = std::sin(angleRad);

@@ -25,16 +25,6 @@ constexpr double kTremorRoll = 0.5;     // degrees
 constexpr double kTremorZoom = 0.003;   // relative
 constexpr double kAccompanying = 0.25;  // share of the tremor that accompanies another motion
 
-struct Point {
-  double x;
-  double y;
-};
-
-Point apply(const Affine& affine, Point p) {
-  const double* m = affine.m;
-  return {m[0] * p.x + m[1] * p.y + m[2], m[3] * p.x + m[4] * p.y + m[5]};
-}
-
 // Roll and zoom about the centre of the frame, then the shift.
 Affine cameraMotion(double rollDegrees, double zoom, Point shift, int width, int height) {
   const double angle = rollDegrees * std::numbers::pi / 180;
@@ -191,6 +181,11 @@ std::vector<uint8_t> shoot(const std::vector<float>& scene, Light light, double 
 }
 
 }  // namespace
+
+Point apply(const Affine& affine, Point p) {
+  const double* m = affine.m;
+  return {m[0] * p.x + m[1] * p.y + m[2], m[3] * p.x + m[4] * p.y + m[5]};
+}
 
 Affine inverse(const Affine& affine) {
   const double* m = affine.m;

@@ -17,6 +17,11 @@ namespace noxel::scenes {
 struct Affine {
   double m[6] = {1, 0, 0, 0, 1, 0};
 };
+struct Point {
+  double x;
+  double y;
+};
+Point apply(const Affine& affine, Point p);
 Affine inverse(const Affine& affine);
 
 // Rms over the corner pixels of a width x height frame of the distance between their two images.

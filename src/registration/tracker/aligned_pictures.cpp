@@ -113,24 +113,15 @@ void AlignedPictures::readCurrent(const Image& image, WorkerPool* pool) {
 }
 
 void AlignedPictures::invert(const PictureFrame& frame, const GlobalMotion& motion) {
-  // x' = x + D(x) on pixels, the picture's corner at (0, 0).
-  const auto u = [&](double x) { return static_cast<double>(frame.u(static_cast<float>(x))); };
-  const auto v = [&](double y) { return static_cast<double>(frame.v(static_cast<float>(y))); };
-  const double perPixel = u(1.0) - u(0.0);
-  const double a = 1.0 + motion.p[1] * perPixel;
-  const double b = motion.p[2] * perPixel;
-  const double c = motion.p[4] * perPixel;
-  const double d = 1.0 + motion.p[5] * perPixel;
-  const double x = motion.dx(u(0.0), v(0.0)) / kScale;
-  const double y = motion.dy(u(0.0), v(0.0)) / kScale;
-  const double determinant = a * d - b * c;
+  // From pixels, the picture's corner at (0, 0), to samples, the first one's centre there.
+  double pixels[6];
+  frame.inverse(motion, &pixels);
   double* m = previousFromCurrent_;
-  m[0] = d / determinant;
-  m[1] = -b / determinant;
-  m[3] = -c / determinant;
-  m[4] = a / determinant;
-  m[2] = m[0] * (0.5 - x) + m[1] * (0.5 - y) - 0.5;
-  m[5] = m[3] * (0.5 - x) + m[4] * (0.5 - y) - 0.5;
+  for (int row = 0; row < 6; row += 3) {
+    m[row] = pixels[row];
+    m[row + 1] = pixels[row + 1];
+    m[row + 2] = 0.5 * (pixels[row] + pixels[row + 1]) + pixels[row + 2] / kScale - 0.5;
+  }
   const double drift = std::max({std::fabs(m[0] - 1.0), std::fabs(m[1]), std::fabs(m[3]), std::fabs(m[4] - 1.0)});
   smooth_ = drift * (kRun / 2) < 1.0 / kFractions;
 }

@@ -243,10 +243,8 @@ bool MotionEquations::determine(const GlobalMotion& motion, double noiseVariance
     // own is the covariance of the right-hand side but for the noise's variance and the scale, and v^T own v is 1.
     const double variance = determinacy->noise * noiseVariance * scale / (share(i) * share(i));
     if (!(variance * square <= maxDeviation * maxDeviation)) continue;
-    determinacy->shares[at] = share(i);
     determinacy->variances[at] = variance;
     for (int k = 0; k < 4; ++k) {
-      determinacy->directions[at][k] = v[k];
       determinacy->rows[at][k] = 0.0;
       for (int j = 0; j < 4; ++j) determinacy->rows[at][k] += own[k][j] * v[j];
       determinacy->values[at] += v[k] * target[k] / share(i);

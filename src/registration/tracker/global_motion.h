@@ -43,8 +43,6 @@ struct ExposureEquation {
 // 0 where there is only noise, as along an edge, or where a change of exposure would look the same.
 struct Determinacy {
   int followed = 0;  // directions in which the motion follows the picture, the first ones; 4: all
-  double shares[4] = {};
-  double directions[4][4] = {};  // rows: v
   double rows[4][4] = {};        // own v
   double leastShare = 0.0;       // of all directions
   double noise = 1.0;            // variance of b, relative to what the patches' median says

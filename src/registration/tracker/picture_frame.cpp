@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "math/inverse.h"
+
 namespace noxel::tracker {
 
 PictureFrame::PictureFrame(int width, int height)
@@ -23,21 +25,20 @@ void PictureFrame::backward(const GlobalMotion& motion, float x, float y, double
 }
 
 void PictureFrame::inverse(const GlobalMotion& motion, double (*m)[6]) const {
-  const double a = 1.0 + motion.p[1] / radius_;
-  const double b = motion.p[2] / radius_;
-  const double c = motion.p[4] / radius_;
-  const double d = 1.0 + motion.p[5] / radius_;
-  const double determinant = a * d - b * c;
-  const bool invertible = std::fabs(determinant) > 1e-6;
-  const double inverse[4] = {invertible ? d / determinant : 1.0, invertible ? -b / determinant : 0.0,
-                             invertible ? -c / determinant : 0.0, invertible ? a / determinant : 1.0};
-  for (int i = 0; i < 2; ++i) {
-    (*m)[3 * i] = inverse[2 * i];
-    (*m)[3 * i + 1] = inverse[2 * i + 1];
-    const double x = centreX_ + (invertible ? motion.p[0] : 0.0);
-    const double y = centreY_ + (invertible ? motion.p[3] : 0.0);
-    (*m)[3 * i + 2] = (i == 0 ? centreX_ : centreY_) - inverse[2 * i] * x - inverse[2 * i + 1] * y;
-  }
+  const double x = motion.dx(static_cast<double>(u(0.0f)), static_cast<double>(v(0.0f)));
+  const double y = motion.dy(static_cast<double>(u(0.0f)), static_cast<double>(v(0.0f)));
+  const double forward[9] = {1.0 + motion.p[1] / radius_,
+                             motion.p[2] / radius_,
+                             x,
+                             motion.p[4] / radius_,
+                             1.0 + motion.p[5] / radius_,
+                             y,
+                             0.0,
+                             0.0,
+                             1.0};
+  double backward[9];
+  invert3x3(forward, backward);
+  std::copy_n(backward, 6, *m);
 }
 
 // The corners are symmetric about the centre, so that mixed terms cancel.
