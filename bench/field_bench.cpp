@@ -1,6 +1,7 @@
 // The motion field against ground truth, beside OpenCV's dense flow when OpenCV is found.
 //
-//   noxel_field_bench [--width W] [--height H] [--pairs N] [--seed S] [--smooth SIGMA] [--dump DIR] [photo.pgm...]
+//   noxel_field_bench [--width W] [--height H] [--pairs N] [--earlier N] [--seed S] [--smooth SIGMA] [--dump DIR]
+//                     [photo.pgm...]
 //
 // Seeded pairs of layered scenes at three levels of light, from the photos or from procedural ones. Scored are the
 // 8 x 8 blocks of the registration image that show one layer only, by the displacement of their centre beside the
@@ -10,7 +11,7 @@
 //   found         share within a pixel of those that move by more than 1.5 pixels
 //   wrong         share displaced by more than half a pixel of those that move by less than 0.25
 //
-// Pixels are those of the frame. OpenCV's flow is averaged over each block, less the common motion that we measured.
+// Ours alone sees the --earlier frames before each pair, which OpenCV has no use for. Pixels are those of the frame. OpenCV's flow is averaged over each block, less the common motion that we measured.
 // Its input is smoothed by a Gaussian and stretched to a mean of 110, neither of which counts as its time. Time is
 // processor time on one thread; all methods take turns on each pair.
 #include <CLI/CLI.hpp>
@@ -58,6 +59,7 @@ struct Options {
   int width = 640;
   int height = 360;
   int pairs = 12;
+  int earlier = 0;
   uint64_t seed = 1;
   double smooth = -1;
   bool alone = false;
@@ -295,12 +297,14 @@ void run(const Options& options) {
 
   // A new registration for each pair: one learns from every frame, and would see these again and again.
   std::unique_ptr<PlaneRegistration> plain, ours;
+  std::vector<std::vector<uint8_t>> earlier;  // frames before the pair
   const auto prime = [&](std::unique_ptr<PlaneRegistration>* registration, bool field, const FramePair& frames) {
     *registration = std::make_unique<PlaneRegistration>();
     if (!(*registration)->create(options.width, options.height, false, nullptr) ||
         (field && !(*registration)->enableField())) {
       fail("out of memory");
     }
+    for (const std::vector<uint8_t>& frame : earlier) (*registration)->measure(frame.data());
     (*registration)->measure(frames.previous.data());
   };
   Affine common;  // as measured
@@ -346,11 +350,18 @@ void run(const Options& options) {
     std::array<int, kLightCount> lost = {};
     for (auto& one : scores) one.resize(methods.size());
     for (int index = 0; index < options.pairs; ++index) {
-      const LayeredPair pair = renderLayers(photos, layers, options.width, options.height, options.seed, index);
+      const LayeredPair pair =
+          renderLayers(photos, layers, options.width, options.height, options.seed, index, options.earlier);
       const std::vector<uint8_t> blockLayers = layersOf(pair, grid);
       for (size_t light = 0; light < kLightCount; ++light) {
         const FramePair frames =
             scenes::expose(pair.frames, scenes::kLights[light], options.seed + static_cast<uint64_t>(index));
+        const double gain = scenes::gainFor(scenes::kLights[light], pair.frames.previous);
+        earlier.clear();
+        for (const std::vector<float>& frame : pair.earlier) {
+          const uint64_t seed = 1000 * (options.seed + static_cast<uint64_t>(index)) + earlier.size();
+          earlier.push_back(scenes::expose(frame, scenes::kLights[light], gain, seed));
+        }
         prime(&ours, true, frames);
         if (!ours->measure(frames.current.data())) {
           ++lost[light];
@@ -395,6 +406,7 @@ int main(int argc, char** argv) {
   app.add_option("--width", options.width, "Frame width in pixels")->check(CLI::Range(64, 4096));
   app.add_option("--height", options.height, "Frame height in pixels")->check(CLI::Range(64, 4096));
   app.add_option("--pairs", options.pairs, "Frame pairs per scene and light")->check(CLI::Range(1, 10000));
+  app.add_option("--earlier", options.earlier, "Frames before each pair")->check(CLI::Range(0, 100));
   app.add_option("--seed", options.seed, "Seed of scenes, motions and noise");
   app.add_option("--smooth", options.smooth, "Sigma of OpenCV's input, pixels; without it 1, 2 and 3");
   app.add_flag("--alone", options.alone, "Only our own field");

@@ -20,6 +20,21 @@ Affine turned(double angleRad, Point about, Point shift) {
   return {{c, -s, about.x - c * about.x + s * about.y + shift.x, s, c, about.y - s * about.x - c * about.y + shift.y}};
 }
 
+// A part of a small motion.
+Affine inPart(const Affine& motion, double part) {
+  Affine result;
+  for (size_t i = 0; i < 6; ++i) result.m[i] += part * (motion.m[i] - result.m[i]);
+  return result;
+}
+
+// `first`, then `second`.
+Affine after(const Affine& second, const Affine& first) {
+  const double* a = second.m;
+  const double* b = first.m;
+  return {{a[0] * b[0] + a[1] * b[3], a[0] * b[1] + a[1] * b[4], a[0] * b[2] + a[1] * b[5] + a[2],
+           a[3] * b[0] + a[4] * b[3], a[3] * b[1] + a[4] * b[4], a[3] * b[2] + a[4] * b[5] + a[5]}};
+}
+
 Point along(double direction, double distance) {
   return {distance * std::cos(direction), distance * std::sin(direction)};
 }
@@ -160,7 +175,7 @@ const char* nameOf(Layers layers) {
 }
 
 LayeredPair renderLayers(const std::vector<Photo>& photos, Layers layers, int width, int height, uint64_t seed,
-                         int index) {
+                         int index, int earlier) {
   Random random = {seed, 100 + static_cast<uint64_t>(layers), static_cast<uint64_t>(index)};
   std::vector<Affine> motions;
   const auto draw = layers == Layers::Parallax ? drawParallax : drawObjects;
@@ -169,6 +184,13 @@ LayeredPair renderLayers(const std::vector<Photo>& photos, Layers layers, int wi
   pair.frames.width = width;
   pair.frames.height = height;
   pair.frames.previous = render(drawn, width, height, &pair.layer);
+  for (int i = 0; i < earlier; ++i) {
+    const double speed = random.uniform(0.8, 1.2);
+    for (size_t k = 0; k < drawn.size(); ++k) {
+      drawn[k].previousFromFrame = after(drawn[k].previousFromFrame, inPart(motions[k], speed));
+    }
+    pair.earlier.insert(pair.earlier.begin(), render(drawn, width, height, &pair.layer));
+  }
   pair.frames.currentFromPrevious = motions[0];
   for (size_t i = 0; i < drawn.size(); ++i) {
     drawn[i].previousFromFrame = inverse(motions[i]);
