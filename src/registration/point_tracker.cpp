@@ -156,6 +156,7 @@ int PointTracker::scoreLevel() const {
 
 void PointTracker::track(const uint8_t* frame, _KROFRegistration* registration) {
   estimator_.read(frame, pool);
+  if (field_ != nullptr) estimator_.setMoving(field_->field());
   const MotionFound found = estimator_.estimate(pool);
   deviation_ = found.cornerDeviation;
   placePoints(found.level, registration);

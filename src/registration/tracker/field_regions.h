@@ -5,15 +5,9 @@
 
 #include "registration/motion_field.h"
 #include "registration/tracker/aligned_pictures.h"
+#include "registration/tracker/field_history.h"
 
 namespace noxel::tracker {
-
-struct Displacement {
-  float x;  // samples of the aligned pictures
-  float y;
-
-  bool isZero() const { return x == 0.0f && y == 0.0f; }
-};
 
 // Costs are squared differences of a window as multiples of what noise and interpolation explain. Neighbouring samples
 // share their noise: about so many count as one.
@@ -40,7 +34,8 @@ class FieldRegions {
   FieldRegions& operator=(const FieldRegions&) = delete;
 
   bool allocate(int columns, int rows);
-  void decide(const AlignedPictures& pictures, const FieldBlock* blocks, BlockMotion* field, WorkerPool* pool);
+  void decide(const AlignedPictures& pictures, const FieldBlock* blocks, FieldHistory* history, BlockMotion* field,
+              WorkerPool* pool);
 
  private:
   struct Nearest {
@@ -48,12 +43,20 @@ class FieldRegions {
     int block;
   };
 
-  void gatherEvidence(const FieldBlock* blocks);
+  struct Smoothed {
+    Displacement d;
+    float hxx, hxy, hyy;  // inverse of its variance, squared samples
+  };
+
+  void gatherEvidence(const FieldBlock* blocks, const FieldHistory& history);
   void spreadNearest();
-  void lendDisplacements(const AlignedPictures& pictures, const FieldBlock* blocks, WorkerPool* pool);
-  void poolGains(WorkerPool* pool);
+  void lendDisplacements(const AlignedPictures& pictures, const FieldBlock* blocks, const FieldHistory& history,
+                         WorkerPool* pool);
+  void poolGains(const FieldHistory& history, WorkerPool* pool);
+  void agree(const FieldHistory& history);
   void closeHoles();
-  BlockMotion smoothed(const FieldBlock* blocks, int column, int row, int from) const;
+  void beginSmoothing(const FieldBlock* blocks);
+  void smooth(int stride, WorkerPool* pool);
   int root(int block);
   int at(int column, int row) const { return row * columns_ + column; }
 
@@ -66,9 +69,12 @@ class FieldRegions {
   Displacement* lent_ = nullptr;
   float* gains_ = nullptr;  // of the block alone, by moving as lent
   float* local_ = nullptr;  // mean of the gains around
+  float* says_ = nullptr;
   bool* moves_ = nullptr;
   bool* closed_ = nullptr;
   int* source_ = nullptr;  // the moving block that lends to one in a hole
+  Smoothed* smooth_ = nullptr;
+  Smoothed* smoother_ = nullptr;
 };
 
 }  // namespace noxel::tracker

@@ -329,6 +329,13 @@ double LevelComparison::support() const {
   return sum;
 }
 
+// True: the previous frame's sample (x, y) moved otherwise than the whole.
+bool LevelComparison::movedAt(float x, float y) const {
+  const int column = static_cast<int>(std::clamp(x * scale_ / kMotionBlockSide, 0.0f, moving_.columns - 1.0f));
+  const int row = static_cast<int>(std::clamp(y * scale_ / kMotionBlockSide, 0.0f, moving_.rows - 1.0f));
+  return moving_.blocks[row * moving_.columns + column].confidence > 0.0f;
+}
+
 void LevelComparison::gather(Direction direction, Slopes slopes, const LevelNoise& noise,
                              MotionEquations* equations) const {
   const bool isForward = direction == kForward;
@@ -347,6 +354,7 @@ void LevelComparison::gather(Direction direction, Slopes slopes, const LevelNois
       x += match.qx;
       y += match.qy;
     }
+    if (moving_.blocks != nullptr && movedAt(x, y)) continue;
     const BlockTexture& own = ownTextures[i];
     const double cross = sharedSlopes ? 0.5 * (match.cxy + match.cyx) : own.gxy;
     MotionEquation equation;

@@ -1,6 +1,7 @@
 // Two frames compared on one level of their pyramids, block by block, along a motion of the whole picture.
 #pragma once
 
+#include "registration/motion_field.h"
 #include "registration/tracker/global_motion.h"
 #include "registration/tracker/image_pyramid.h"
 #include "registration/tracker/patch_evidence.h"
@@ -51,6 +52,9 @@ class LevelComparison {
   void leaveOut(int column, int row);
   const uint8_t* leftOut() const { return leftOut_; }
 
+  // What moved otherwise than the whole in the previous frame gives no equations.
+  void setMoving(const MotionField& moving) { moving_ = moving; }
+
   // Matches the exposure of each row of blocks by itself: light that flickers with the mains falls on a rolling shutter
   // as bands.
   void adaptRows(bool adapt) { adaptsRows_ = adapt; }
@@ -85,6 +89,7 @@ class LevelComparison {
 
  private:
   void measureRowGains(Direction direction);
+  bool movedAt(float x, float y) const;
 
   PictureFrame frame_;
   float scale_ = 1.0f;
@@ -99,6 +104,7 @@ class LevelComparison {
   float* samples_ = nullptr;   // for medians
   float* rowGains_ = nullptr;  // smoothed; 0: no block of the row was compared
   float* rawRowGains_ = nullptr;
+  MotionField moving_;
   bool adaptsRows_ = false;
   uint8_t* leftOut_ = nullptr;  // per block: 1 or 0
   bool adapted_[2] = {};        // the matches were converted to the exposure of their own picture

@@ -314,6 +314,14 @@ void MotionEstimator::adaptRows(bool adapt) {
   for (int i = 0; i <= coarseLevel_; ++i) levels_[i].adaptRows(adapt);
 }
 
+void MotionEstimator::setMoving(const MotionField& moving) {
+  const int count = moving.columns * moving.rows;
+  const auto moved = std::count_if(moving.blocks, moving.blocks + count,
+                                   [](const BlockMotion& block) { return block.confidence > 0.0f; });
+  const bool isMost = 2 * moved > count;
+  for (int i = 0; i <= coarseLevel_; ++i) levels_[i].setMoving(isMost ? MotionField{} : moving);
+}
+
 MotionFound MotionEstimator::estimate(WorkerPool* pool) {
   MotionFound found = search(pool);
   const double variation = levels_[0].rowVariation();

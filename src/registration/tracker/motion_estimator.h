@@ -39,9 +39,11 @@ class MotionEstimator {
   bool allocate(int width, int height, int levelCount);
 
   void read(const uint8_t* pixels, WorkerPool* pool);  // the current frame
-  MotionFound estimate(WorkerPool* pool);              // between the previous and the current frame
-  void advance();                                      // the current frame becomes the previous one
-  void forget();                                       // a new sequence begins
+  // What moved on its own in the previous frame, empty when unknown: for the next call of estimate.
+  void setMoving(const MotionField& moving);
+  MotionFound estimate(WorkerPool* pool);  // between the previous and the current frame
+  void advance();                          // the current frame becomes the previous one
+  void forget();                           // a new sequence begins
 
   // State of the last estimate, compared along the motion it found.
   const LevelComparison& level(int index) const { return levels_[index]; }

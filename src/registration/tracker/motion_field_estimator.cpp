@@ -65,11 +65,13 @@ bool MotionFieldEstimator::allocate(int width, int height) {
   cells_ = allocateArray<Displacement>(cellColumns_ * cellRows_);
   samples_ = allocateArray<float>(columns_ * rows_);
   return sums_ != nullptr && blocks_ != nullptr && cells_ != nullptr && samples_ != nullptr &&
-         pictures_.allocate(columns_, rows_) && regions_.allocate(columns_, rows_);
+         pictures_.allocate(columns_, rows_) && regions_.allocate(columns_, rows_) &&
+         history_.allocate(columns_, rows_);
 }
 
 void MotionFieldEstimator::clear() {
   std::memset(field_, 0, sizeof(BlockMotion) * static_cast<size_t>(columns_) * static_cast<size_t>(rows_));
+  history_.forget();
 }
 
 void MotionFieldEstimator::readBlocks(WorkerPool* pool) {
@@ -235,7 +237,7 @@ bool MotionFieldEstimator::isSettled(int column, int row, int sweep) const {
 void MotionFieldEstimator::choose(int column, int row, int sweep) {
   FieldBlock& block = blocks_[at(column, row)];
   const Neighbours around = neighboursOf(column, row);
-  int candidates[10][2];  // whole samples: the rest is refined
+  int candidates[11][2];  // whole samples: the rest is refined
   int count = 0;
   const auto consider = [&](Displacement d) {
     if (d.isZero()) return;
@@ -253,6 +255,7 @@ void MotionFieldEstimator::choose(int column, int row, int sweep) {
   };
   for (int i = 0; i < around.count; ++i) consider(around.d[i]);
   if (sweep == 1) {
+    consider(history_.of(at(column, row)).d);
     // What its cell has found, and the three cells nearest to the block.
     const int x = column / 2;
     const int y = row / 2;
@@ -318,13 +321,14 @@ void MotionFieldEstimator::estimate(const ImagePyramid& previous, const ImagePyr
                                     const PictureFrame& frame, const GlobalMotion& motion, WorkerPool* pool) {
   if (blocks_ == nullptr || current.levels() < 2) return;
   pictures_.read(previous.level(1), current.level(1), frame, motion, pool);
+  history_.carry(frame, motion);
   readBlocks(pool);
   measureNoise();
   searchCells(pool);
   for (int number = 1; number <= kSweeps; ++number) {
     for (const int colour : {0, 1}) sweep(number, colour, pool);
   }
-  regions_.decide(pictures_, blocks_, field_, pool);
+  regions_.decide(pictures_, blocks_, &history_, field_, pool);
 }
 
 }  // namespace noxel::tracker

@@ -5,6 +5,7 @@
 
 #include "registration/motion_field.h"
 #include "registration/tracker/aligned_pictures.h"
+#include "registration/tracker/field_history.h"
 #include "registration/tracker/field_regions.h"
 #include "registration/tracker/global_motion.h"
 #include "registration/tracker/image_pyramid.h"
@@ -29,7 +30,7 @@ class MotionFieldEstimator {
   // `motion`: previous to current frame.
   void estimate(const ImagePyramid& previous, const ImagePyramid& current, const PictureFrame& frame,
                 const GlobalMotion& motion, WorkerPool* pool);
-  void clear();  // no block moves
+  void clear();  // no block moves, nothing is known of the frames before
 
   MotionField field() const { return {columns_, rows_, field_}; }
 
@@ -63,6 +64,7 @@ class MotionFieldEstimator {
   int cellRows_ = 0;
   AlignedPictures pictures_;
   FieldRegions regions_;
+  FieldHistory history_;
   AlignedSums* sums_ = nullptr;  // by block
   FieldBlock* blocks_ = nullptr;
   Displacement* cells_ = nullptr;  // what was found; zero: nothing was looked for, or none is better
