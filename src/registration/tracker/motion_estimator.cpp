@@ -275,11 +275,18 @@ MotionFound MotionEstimator::estimateFrom(int searchLevel, int level, WorkerPool
   const bool firm =
       best.known && best.followedDeviation <= kCertain && (best.followed == 4 || best.leastShare < kNoShare);
   if (level > 0 && !firm) {
-    // In heavy noise the steps come out too short: restart one level up and refine while that helps.
+    // In heavy noise the steps come out too short: restart one level up and, when that leads elsewhere, refine.
     double support = best.known ? supportOf(1, best.motion, pool) : 0.0;
+    const MotionFound finest = best;
     MotionFound again;
     again.motion = motion;
+    bool agrees = false;
     for (const int from : {1, 0}) {
+      // From so near, the finest level would lead to where it led before.
+      agrees = from == 0 && finest.known && again.known && finest.followed == 4 && again.followed == 4 &&
+               frame_.cornerDistance(finest.motion, again.motion) <=
+                   std::max(finest.followedDeviation, again.followedDeviation);
+      if (agrees) break;
       again.known = settle(from, &again, pool);
       if (!again.known) continue;
       const double newSupport = supportOf(1, again.motion, pool);
@@ -291,7 +298,9 @@ MotionFound MotionEstimator::estimateFrom(int searchLevel, int level, WorkerPool
         support = newSupport;
       }
     }
-    for (const Direction direction : {kForward, kBackward}) levels_[best.level].compare(direction, best.motion, pool);
+    if (!agrees) {
+      for (const Direction direction : {kForward, kBackward}) levels_[best.level].compare(direction, best.motion, pool);
+    }
   }
   if (best.known) {
     if (!levels_[consensusLevel_].compared()) levels_[consensusLevel_].compare(kForward, best.motion, pool);
