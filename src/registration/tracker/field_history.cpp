@@ -11,6 +11,7 @@ namespace noxel::tracker {
 namespace {
 
 constexpr float kKept = 0.7f;  // of the gains, per frame
+// Kept of a block's gains: what stood still must not hold back a block for long once the common motion is another one.
 constexpr float kMinGain = -2.0f;
 constexpr float kMaxGain = 3.0f;
 constexpr float kAlike = 2.0f;  // samples
@@ -88,13 +89,14 @@ float FieldHistory::add(int block, Displacement d, float gain) const {
   const float x = before.d.x - d.x;
   const float y = before.d.y - d.y;
   const bool alike = before.d.isZero() || x * x + y * y <= kAlike * kAlike;
-  return alike ? std::clamp(before.gain + gain, kMinGain, kMaxGain) : gain;
+  return alike ? before.gain + gain : gain;
 }
 
 void FieldHistory::keep(const BlockMotion* field, const float* gains) {
   isEmpty_ = true;
   for (int i = 0; i < columns_ * rows_; ++i) {
-    kept_[i] = {{field[i].dx / AlignedPictures::kScale, field[i].dy / AlignedPictures::kScale}, gains[i]};
+    kept_[i] = {{field[i].dx / AlignedPictures::kScale, field[i].dy / AlignedPictures::kScale},
+                std::clamp(gains[i], kMinGain, kMaxGain)};
     isEmpty_ = isEmpty_ && gains[i] == 0.0f;
   }
 }

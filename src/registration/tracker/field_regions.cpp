@@ -34,7 +34,7 @@ constexpr float kOwnSay = 0.35f;        // per unit of gain
 constexpr float kNeighboursSay = 0.5f;  // per neighbour
 constexpr float kStillness = 0.1f;      // against moving
 constexpr float kSaturation = 0.75f;
-constexpr float kMinSay = 0.55f;  // of a block that moves
+constexpr float kMinSay = 0.53f;  // of a block that moves
 
 constexpr int kHole = 12;  // distance: holes up to twice as wide are closed
 constexpr float kDamping = 0.02f;

@@ -40,6 +40,11 @@ constexpr float kAlike = 1.5f;       // samples
 constexpr float kSteady = 0.05f;     // against steps where there is no texture
 constexpr int kCellSaving = 8;       // absolute differences, coarse samples as bytes
 
+int nearestSample(float displacement) {  // without a call to the C library
+  constexpr int kAbove = 1024;
+  return std::clamp(static_cast<int>(displacement + (kAbove + 0.5f)) - kAbove, -kReachSamples, kReachSamples);
+}
+
 }  // namespace
 
 MotionFieldEstimator::~MotionFieldEstimator() {
@@ -163,13 +168,30 @@ Displacement MotionFieldEstimator::searchCell(int column, int row) const {
   return best;
 }
 
+// True: what a block of the cell did before leaves no more than noise of the window at the cell's middle.
+bool MotionFieldEstimator::goesOn(int column, int row, Displacement* d) const {
+  for (int i = 0; i < 4; ++i) {
+    const int block = at(std::min(2 * column + i % 2, columns_ - 1), std::min(2 * row + i / 2, rows_ - 1));
+    *d = history_.of(block).d;
+    if (d->isZero()) continue;
+    const DisplacedSums sums = pictures_.windowSums<NativeLanes>(std::clamp(2 * column - 1, 0, wholeColumns_ - 3),
+                                                                 std::clamp(2 * row - 1, 0, wholeRows_ - 3),
+                                                                 nearestSample(d->x), nearestSample(d->y));
+    constexpr float kLevel = AlignedPictures::kLevel;
+    return static_cast<float>(sums.energy) * (kLevel * kLevel) <= kSuspicious * kWindowArea * blocks_[block].unit;
+  }
+  return false;
+}
+
 void MotionFieldEstimator::searchCells(WorkerPool* pool) {
   forBands(pool, cellRows_, cellColumns_ * 8192, [&](int begin, int end) {
     for (int row = begin; row < end; ++row) {
       for (int column = 0; column < cellColumns_; ++column) {
         const int x = 2 * column, y = 2 * row;
         const bool needed = mayMove(x, y) || mayMove(x + 1, y) || mayMove(x, y + 1) || mayMove(x + 1, y + 1);
-        cells_[row * cellColumns_ + column] = needed ? searchCell(column, row) : Displacement{};
+        Displacement found = {};
+        if (needed && !goesOn(column, row, &found)) found = searchCell(column, row);
+        cells_[row * cellColumns_ + column] = found;
       }
     }
   });
@@ -241,12 +263,8 @@ void MotionFieldEstimator::choose(int column, int row, int sweep) {
   int count = 0;
   const auto consider = [&](Displacement d) {
     if (d.isZero()) return;
-    const auto nearest = [](float value) {  // without a call to the C library
-      constexpr int kAbove = 1024;
-      return std::clamp(static_cast<int>(value + (kAbove + 0.5f)) - kAbove, -kReachSamples, kReachSamples);
-    };
-    const int dx = nearest(d.x);
-    const int dy = nearest(d.y);
+    const int dx = nearestSample(d.x);
+    const int dy = nearestSample(d.y);
     for (int i = 0; i < count; ++i) {
       if (candidates[i][0] == dx && candidates[i][1] == dy) return;
     }

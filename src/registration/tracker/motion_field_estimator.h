@@ -49,6 +49,7 @@ class MotionFieldEstimator {
   void searchCells(WorkerPool* pool);
   bool mayMove(int column, int row) const;
   Displacement searchCell(int column, int row) const;
+  bool goesOn(int column, int row, Displacement* d) const;
   void sweep(int number, int colour, WorkerPool* pool);
   bool isSettled(int column, int row, int sweep) const;
   void choose(int column, int row, int sweep);
