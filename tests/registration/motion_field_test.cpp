@@ -165,6 +165,29 @@ TEST(MotionField, IsZeroWithoutACommonMotion) {
   EXPECT_TRUE(isZero(fields.take(twoLayers(2, 0, 18, 0))));
 }
 
+TEST(MotionField, RemembersASequenceUntilItBreaks) {
+  const auto frame = [](int n) {
+    return exposed(twoLayers(1.5 * n, -n, 4.5 * n, 2 * n), kDark, 0, kDarkNoise, static_cast<unsigned>(n) + 1);
+  };
+  std::vector<BlockMotion> last[4];  // alone; after three frames; after a new start; after a lost frame
+  for (int run = 0; run < 4; ++run) {
+    Fields fields(kWidth, kHeight);
+    for (int n = run == 0 ? 3 : 0; n < 3; ++n) fields.take(frame(n));
+    if (run == 2) fields.firstFrame = 1;
+    if (run == 3) fields.take(Waves(99, 7).seen(kWidth, kHeight, kStill, 3));
+    fields.take(frame(3));
+    EXPECT_EQ(fields.valid, run == 1 ? 1 : 0) << run;
+    last[run] = fields.take(frame(4));
+    EXPECT_EQ(fields.valid, 1);
+  }
+  const auto equals = [&](int a, int b) {
+    return std::memcmp(last[a].data(), last[b].data(), last[a].size() * sizeof(BlockMotion)) == 0;
+  };
+  EXPECT_FALSE(equals(1, 0));
+  EXPECT_TRUE(equals(2, 0));
+  EXPECT_TRUE(equals(3, 0));
+}
+
 TEST(MotionField, HelpersChangeNoBit) {
   std::vector<BlockMotion> alone;
   for (const int helpers : {0, 2}) {
@@ -172,7 +195,8 @@ TEST(MotionField, HelpersChangeNoBit) {
     const Lent lent(&pool, helpers);
     Fields fields(kWidth, kHeight, helpers > 0 ? &pool : nullptr);
     fields.take(exposed(twoLayers(0, 0, 0, 0), kDark, 0, kDarkNoise, 1));
-    const auto field = fields.take(exposed(twoLayers(2.5, -1.5, 12, 3), kDark, 0, kDarkNoise, 2));
+    fields.take(exposed(twoLayers(2.5, -1.5, 12, 3), kDark, 0, kDarkNoise, 2));
+    const auto field = fields.take(exposed(twoLayers(5, -3, 24, 6), kDark, 0, kDarkNoise, 3));
     if (helpers == 0) alone = field;
     EXPECT_GT(shareDisplaced(field), 0.05);
     EXPECT_EQ(std::memcmp(field.data(), alone.data(), field.size() * sizeof(BlockMotion)), 0);
