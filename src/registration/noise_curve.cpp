@@ -117,7 +117,7 @@ void NoiseMeter::restart() {
   curve_ = {};
 }
 
-void NoiseMeter::measure(const uint8_t* luma, const float* previousFromCurrent) {
+void NoiseMeter::measure(const uint8_t* luma, const float* previousFromCurrent, const ChromaPlanes& /*chroma*/) {
   layOut();
   if (hasPrevious_ && previousFromCurrent != nullptr) {
     if (compare(luma, previousFromCurrent)) {

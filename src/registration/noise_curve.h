@@ -29,6 +29,7 @@
 // fine as noise passes for it, until the first difference, which replaces all of this.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace noxel {
@@ -38,6 +39,17 @@ struct NoiseCurve {
   static constexpr int kEntries = 32;
   float variance[kEntries] = {};  // finite, 0 or more
   bool known = false;             // false: nothing was measured yet, all entries are 0
+
+  // The same of single samples of U and of V, at chroma resolution; entry i is for that luma, too.
+  float chromaVariance[2][kEntries] = {};
+  bool chromaKnown = false;
+};
+
+// U and V of a frame, each half as wide and high as its luma (rounded down).
+struct ChromaPlanes {
+  const uint8_t* samples[2] = {};  // the first of U, of V; null: not measured
+  ptrdiff_t pixelStride = 1;       // 2: interleaved
+  ptrdiff_t rowStride = 0;
 };
 
 // One thread.
@@ -58,7 +70,8 @@ class NoiseMeter {
   //   luma                  width * height pixels, not kept
   //   previousFromCurrent   3 x 3, row-major, affine: pixels of this frame to pixels of the one before, the centre of the
   //                         first at (0.5, 0.5). Null: not known
-  void measure(const uint8_t* luma, const float* previousFromCurrent);
+  //   chroma                of the same frame, not kept either
+  void measure(const uint8_t* luma, const float* previousFromCurrent, const ChromaPlanes& chroma = {});
 
   const NoiseCurve& curve() const { return curve_; }
 
