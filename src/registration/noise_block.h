@@ -16,12 +16,18 @@ struct HalfSums {
   int32_t s, gx, gy, d;
   int32_t ss, sgx, sgy, gxgx, gxgy, gygy;
   int32_t sd, gxd, gyd, dd;
-  int32_t lag;  // of d and the d one pixel above
+  int32_t step;          // squares of d less the d one pixel above
+  int32_t bendX, bendY;  // products of the second differences of I and of J: texture, as noise cancels
+};
+
+struct Pixels {
+  const uint8_t* at;
+  ptrdiff_t stride;
 };
 
 // Reads one pixel more on each side.
 template <class Lanes>
-HalfSums sumHalf(const uint8_t* current, const uint8_t* previous, ptrdiff_t stride);
+HalfSums sumHalf(Pixels current, Pixels previous);
 
 // What is left of d when a constant, s and its gradient are taken out by least squares: a sum of squares. The constant takes
 // a change of brightness out, s one of contrast, the gradient what remains of the motion. For noise that is equally strong
@@ -39,9 +45,9 @@ struct Alone {
   float fine;      // variance of white noise with the same fine detail: second differences in both directions
   bool constant;   // all second differences are 0
 };
-Alone readAlone(const uint8_t* pixels, ptrdiff_t stride);
+Alone readAlone(Pixels pixels);
 
 enum class Equality { kNone, kLine, kAll };  // no line; at least one row or column; all pixels
-Equality compareExactly(const uint8_t* current, const uint8_t* previous, ptrdiff_t stride);
+Equality compareExactly(Pixels current, Pixels previous);
 
 }  // namespace noxel::noise

@@ -81,27 +81,35 @@ class NoiseMeter {
     bool suspect;  // shares a row or column with the frame before
     float luma;
     float variance[2];  // of its halves
-    float texture;      // what the picture may add to them
+    float fine[2];      // of white noise with the same steps from row to row
+    float passed[2];    // texture that the fraction of a pixel lets pass, but for a factor
+    float texture;      // what the picture adds to them, about
     float correlation;  // over one pixel
     float trust;
     float ratio[2];  // of the variances to the curve so far
+    float raw;       // the same with the texture
     float around;    // median ratio of the blocks around it
   };
   struct Candidate {
     float score;
     float ratio;
     float trust;
+    float raw;
   };
   struct Entry {
     float variance = 0;
     float weight = 0;   // trusted blocks it is worth
     float quality = 0;  // their mean trust
+    float bound = 0;    // variance with the texture: the noise is at most this; 0: not known
   };
 
   void release();
   void layOut();
   bool compare(const uint8_t* luma, const float* motion);
-  void compareBlock(const uint8_t* luma, int x, int y, float dx, float dy, Block* block) const;
+  void compareBlock(const uint8_t* luma, int x, int y, float dx, float dy, const uint8_t* kept, Block* block) const;
+  void keep(const uint8_t* luma);
+  void fitPassing(float floor);
+  void takeTextureOut();
   void inspect(const uint8_t* luma);
   bool dropSuspects();
   void correctForCorrelation(float floor);
@@ -110,13 +118,13 @@ class NoiseMeter {
   void orderByLuma();
   void learn(bool differences);
   void learnEntry(int index, bool differences);
-  float quietRatio(int index, float share, float* trusted, float* quality, float* expected);
+  float quietRatio(int index, float share, float* trusted, float* quality, float* expected, float* raw);
   void draw();
-  bool drawThrough(const double (&weights)[NoiseCurve::kEntries]);
+  bool drawThrough(const double (&weights)[NoiseCurve::kEntries], const double (&variances)[NoiseCurve::kEntries]);
 
   int width_ = 0;
   int height_ = 0;
-  uint8_t* previous_ = nullptr;
+  uint8_t* kept_ = nullptr;  // the blocks of the frame before, with a pixel around each
   bool hasPrevious_ = false;
   bool fromDifferences_ = false;
   int repeats_ = 0;
@@ -135,6 +143,7 @@ class NoiseMeter {
   float* scratch_ = nullptr;
 
   float correlation_ = 0;
+  float passing_ = 0;  // of `passed`, in the residual
   Entry entries_[NoiseCurve::kEntries];
   NoiseCurve curve_;
 };

@@ -264,8 +264,8 @@ TEST(NoiseBlock, SumsAreTheSameOnEveryProcessor) {
   for (auto& plane : planes) {
     for (uint8_t& byte : plane) byte = static_cast<uint8_t>(random() % 3 == 0 ? 255 * (random() & 1) : random());
   }
-  const noise::HalfSums native = noise::sumHalf<tracker::NativeLanes>(planes[0] + 21, planes[1] + 23, 20);
-  const noise::HalfSums plain = noise::sumHalf<tracker::PlainLanes>(planes[0] + 21, planes[1] + 23, 20);
+  const noise::HalfSums native = noise::sumHalf<tracker::NativeLanes>({planes[0] + 21, 20}, {planes[1] + 23, 20});
+  const noise::HalfSums plain = noise::sumHalf<tracker::PlainLanes>({planes[0] + 21, 20}, {planes[1] + 23, 20});
   EXPECT_EQ(std::memcmp(&native, &plain, sizeof(plain)), 0);
 }
 
