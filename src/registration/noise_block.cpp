@@ -11,7 +11,7 @@ using tracker::NativeLanes;
 using tracker::PlainLanes;
 
 template <class Lanes>
-HalfSums sumHalf(Pixels current, Pixels previous) {
+HalfSums sumHalf(Pixels current, Pixels previous, int rows) {
   static constexpr int16_t kOnes[kHalfSide] = {1, 1, 1, 1, 1, 1, 1, 1};
   const Lanes one = Lanes::load(kOnes);
   typename Lanes::Sum s, gx, gy, d, ss, sgx, sgy, gxgx, gxgy, gygy, sd, gxd, gyd, dd, step, bendX, bendY;
@@ -24,7 +24,7 @@ HalfSums sumHalf(Pixels current, Pixels previous) {
   Lanes aboveJ = Lanes::loadBytes(j - previous.stride);
   Lanes hereI = Lanes::loadBytes(i);
   Lanes hereJ = Lanes::loadBytes(j);
-  for (int y = 0; y < kSide; ++y) {
+  for (int y = 0; y < rows; ++y) {
     const Lanes leftI = Lanes::loadBytes(i - 1);
     const Lanes leftJ = Lanes::loadBytes(j - 1);
     const Lanes rightI = Lanes::loadBytes(i + 1);
@@ -65,15 +65,16 @@ HalfSums sumHalf(Pixels current, Pixels previous) {
           gyd.total(), dd.total(),   step.total(), bendX.total(), bendY.total()};
 }
 
-template HalfSums sumHalf<NativeLanes>(Pixels, Pixels);
+template HalfSums sumHalf<NativeLanes>(Pixels, Pixels, int);
 #if defined(__SSE2__) || defined(__ARM_NEON)
-template HalfSums sumHalf<PlainLanes>(Pixels, Pixels);
+template HalfSums sumHalf<PlainLanes>(Pixels, Pixels, int);
 #endif
 
-double residual(const HalfSums& a) {
+double residual(const HalfSums& a, int rows) {
+  const int area = kHalfSide * rows;
   constexpr double kSmallest = 1;  // sum of squares below which a regressor is as good as constant
-  const auto centred = [](int32_t product, int32_t first, int32_t second) {
-    return static_cast<double>(int64_t{product} * kHalfArea - int64_t{first} * second) / kHalfArea;
+  const auto centred = [area](int32_t product, int32_t first, int32_t second) {
+    return static_cast<double>(int64_t{product} * area - int64_t{first} * second) / area;
   };
   // Lower triangle over s, gx, gy and d; eliminated column by column.
   double m[4][4] = {

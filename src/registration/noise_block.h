@@ -10,7 +10,7 @@ inline constexpr int kSide = 16;  // of a block, pixels
 inline constexpr int kHalfSide = kSide / 2;
 inline constexpr int kHalfArea = kSide * kHalfSide;
 
-// Sums over half a block, kHalfSide columns of kSide rows. I: the frame, J: the one before, both in 8-bit levels; d = I - J,
+// Sums over half a block, kHalfSide columns of kSide rows, or over fewer rows. I: the frame, J: the one before, both in 8-bit levels; d = I - J,
 // s = I + J, (gx, gy): differences of s over two pixels, four times the slope of either picture.
 struct HalfSums {
   int32_t s, gx, gy, d;
@@ -27,12 +27,12 @@ struct Pixels {
 
 // Reads one pixel more on each side.
 template <class Lanes>
-HalfSums sumHalf(Pixels current, Pixels previous);
+HalfSums sumHalf(Pixels current, Pixels previous, int rows = kSide);
 
 // What is left of d when a constant, s and its gradient are taken out by least squares: a sum of squares. The constant takes
 // a change of brightness out, s one of contrast, the gradient what remains of the motion. For noise that is equally strong
 // and independent in both frames, s says nothing about d: only degrees of freedom are lost.
-double residual(const HalfSums& sums);
+double residual(const HalfSums& sums, int rows = kSide);
 
 // Where the block of the previous frame should have been beside where it was taken from, in pixels, from both halves
 // (Lucas and Kanade). False: its texture does not say.

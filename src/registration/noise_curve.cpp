@@ -48,7 +48,7 @@ constexpr float kKnownMotion = 0.4f;  // share of blocks, at least
 constexpr float kTextureSeen = 0.5f;  // times the quietest blocks: texture that tells
 constexpr float kFineMargin = 1.2f;   // above what the steps from row to row allow: not registered
 constexpr float kUncertain = 0.5f;    // share of the texture taken out
-constexpr float kDoubt = 0.15f;       // of that texture, relative to the noise: better too low than too high
+constexpr float kDoubt = 0.25f;       // of that texture, relative to the noise: better too low than too high
 
 constexpr float kTrusted = 0.1f;      // texture of this share of the noise: half the trust
 constexpr float kPlausible = 1.5f;    // times the curve: more is not noise
@@ -67,6 +67,17 @@ constexpr float kLostMemory = 0.3f;  // of the weights when the motion was lost:
 constexpr float kMaxRise = 1.5f;     // a frame's value at most this much above the curve, and
 constexpr float kFreeRise = 0.5f;    // this much more
 constexpr float kMaxFall = 4;        // times as fast as by weight
+constexpr int kChromaSide = kHalfSide + 2;
+constexpr int kChromaArea = kChromaSide * kChromaSide;
+constexpr int kChromaSamples = kHalfSide * kHalfSide;
+constexpr int kMaxChromaBlocks = 96;  // of a frame
+constexpr float kRounding = 1.0f / 12;
+constexpr float kQuietLuma = 1.5f;      // times the curve, with the texture
+constexpr float kQuietChroma = 0.4f;    // of these blocks
+constexpr float kChromaDetail = 2.5f;   // of the variance to that of white noise with the same fine detail, at most
+constexpr float kPassingChroma = 1.2f;  // times what luma's texture tells: better too low than too high
+constexpr float kMaxChromaWeight = 400;
+
 constexpr float kBoundAlone = 1.3f;  // times the variance in one frame
 constexpr float kBoundRise = 1.1f;   // of a bound, from frame to frame
 constexpr int kMaxRepeats = 4;
@@ -82,6 +93,20 @@ float varianceAt(const NoiseCurve& curve, float luma) {
   return curve.variance[entry] + share * (curve.variance[entry + 1] - curve.variance[entry]);
 }
 
+// What least squares and the median of blocks of n pixels take from the variance of noise of this correlation over a pixel.
+float freedomFactor(float correlation, float n) {
+  const float constant = (1 + 2 * correlation) * (1 + 2 * correlation);
+  const float alike = (1 + 2 * correlation * correlation) * (1 + 2 * correlation * correlation);
+  return n / (n - 2 - constant - alike) * (1 + 2 * alike / (3 * n));
+}
+
+void takeChroma(const ChromaPlanes& chroma, int plane, int x, int y, uint8_t* to) {
+  const uint8_t* from = chroma.samples[plane] + (y - 1) * chroma.rowStride + (x - 1) * chroma.pixelStride;
+  for (int row = 0; row < kChromaSide; ++row, from += chroma.rowStride, to += kChromaSide) {
+    for (int column = 0; column < kChromaSide; ++column) to[column] = from[column * chroma.pixelStride];
+  }
+}
+
 float mean(const float (&halves)[2]) {
   return 0.5f * (halves[0] + halves[1]);
 }
@@ -94,11 +119,15 @@ NoiseMeter::~NoiseMeter() {
 
 void NoiseMeter::release() {
   std::free(kept_);
+  std::free(keptChroma_);
+  std::free(chromaBlocks_);
   std::free(blocks_);
   std::free(candidates_);
   std::free(chosen_);
   std::free(scratch_);
   kept_ = nullptr;
+  keptChroma_ = nullptr;
+  chromaBlocks_ = nullptr;
   blocks_ = nullptr;
   candidates_ = chosen_ = nullptr;
   scratch_ = nullptr;
@@ -116,8 +145,10 @@ bool NoiseMeter::allocate(int width, int height) {
   chosen_ = allocateArray<Candidate>(2 * blocks);
   scratch_ = allocateArray<float>(2 * blocks);
   kept_ = allocateArray<uint8_t>(blocks * kKeptArea);
-  const bool allocated =
-      blocks_ != nullptr && candidates_ != nullptr && chosen_ != nullptr && scratch_ != nullptr && kept_ != nullptr;
+  keptChroma_ = allocateArray<uint8_t>(2 * blocks * kChromaArea);
+  chromaBlocks_ = allocateArray<ChromaBlock>(kMaxChromaBlocks + 1);
+  const bool allocated = blocks_ != nullptr && candidates_ != nullptr && chosen_ != nullptr && scratch_ != nullptr &&
+                         kept_ != nullptr && keptChroma_ != nullptr && chromaBlocks_ != nullptr;
   if (!allocated) release();
   return allocated;
 }
@@ -127,27 +158,34 @@ void NoiseMeter::restart() {
   fromDifferences_ = false;
   repeats_ = 0;
   passing_ = kFirstPassing;
+  hasPreviousChroma_ = chromaFromDifferences_ = false;
+  chromaWeight_ = 0;
   for (Entry& entry : entries_) entry = {};
   curve_ = {};
 }
 
-void NoiseMeter::measure(const uint8_t* luma, const float* previousFromCurrent, const ChromaPlanes& /*chroma*/) {
+void NoiseMeter::measure(const uint8_t* luma, const float* previousFromCurrent, const ChromaPlanes& chroma) {
   if (hasPrevious_ && previousFromCurrent != nullptr) {
     if (compare(luma, previousFromCurrent)) {
       learn(true);
       draw();
+      learnChroma(chroma, true);
     }
   } else if (fromDifferences_) {
     for (Entry& entry : entries_) entry.weight *= kLostMemory;
+    chromaWeight_ *= kLostMemory;
   } else {
     layOut();
     inspect(luma);
     learn(false);
     draw();
+    learnChroma(chroma, false);
   }
+  drawChroma();
   ++frames_;
   layOut();
   keep(luma);
+  keepChroma(chroma);
   hasPrevious_ = true;
 }
 
@@ -157,6 +195,113 @@ void NoiseMeter::keep(const uint8_t* luma) {
         luma + (originY_ + i / columns_ * step_ - 1) * ptrdiff_t{width_} + originX_ + i % columns_ * step_ - 1;
     uint8_t* to = kept_ + ptrdiff_t{i} * kKeptArea;
     for (int row = 0; row < kKeptSide; ++row, from += width_, to += kKeptSide) std::memcpy(to, from, kKeptSide);
+  }
+}
+
+// A block has 8 x 8 samples of each chroma plane, and one free on each side.
+bool NoiseMeter::hasChroma(int kept) const {
+  const int x = (originX_ + kept % columns_ * step_) / 2;
+  const int y = (originY_ + kept / columns_ * step_) / 2;
+  return isInside(x, y);
+}
+
+bool NoiseMeter::isInside(int chromaX, int chromaY) const {
+  return chromaX >= 1 && chromaY >= 1 && chromaX + kHalfSide + 1 <= width_ / 2 &&
+         chromaY + kHalfSide + 1 <= height_ / 2;
+}
+
+void NoiseMeter::keepChroma(const ChromaPlanes& chroma) {
+  hasPreviousChroma_ = chroma.samples[0] != nullptr && chroma.samples[1] != nullptr;
+  for (int i = 0; hasPreviousChroma_ && i < count_; ++i) {
+    if (!hasChroma(i)) continue;
+    const int x = (originX_ + i % columns_ * step_) / 2;
+    const int y = (originY_ + i / columns_ * step_) / 2;
+    for (int plane = 0; plane < 2; ++plane)
+      takeChroma(chroma, plane, x, y, keptChroma_ + (2 * ptrdiff_t{i} + plane) * kChromaArea);
+  }
+}
+
+// False: not in both frames.
+bool NoiseMeter::readChroma(const ChromaPlanes& chroma, const Block& block, bool differences, ChromaBlock* read) const {
+  if (!isInside(block.chromaX, block.chromaY) || (differences && block.kept < 0)) return false;
+  const float expected = std::max(varianceAt(curve_, block.luma) - kRounding, kSmallest);
+  read->correlation = 0;
+  for (int plane = 0; plane < 2; ++plane) {
+    uint8_t samples[kChromaArea];
+    takeChroma(chroma, plane, block.chromaX, block.chromaY, samples);
+    const Pixels current = {samples + kChromaSide + 1, kChromaSide};
+    float variance = 0;
+    if (differences) {
+      const uint8_t* kept = keptChroma_ + (2 * ptrdiff_t{block.kept} + plane) * kChromaArea;
+      const HalfSums sums = noise::sumHalf<NativeLanes>(current, {kept + kChromaSide + 1, kChromaSide}, kHalfSide);
+      const float residual = static_cast<float>(noise::residual(sums, kHalfSide)) / (2 * kChromaSamples);
+      const float texture = kPassingChroma * passing_ / kChromaSamples *
+                            ((block.chromaDx * block.chromaDx + kUnsure) * static_cast<float>(sums.bendX) +
+                             (block.chromaDy * block.chromaDy + kUnsure) * static_cast<float>(sums.bendY));
+      variance = residual - std::clamp(texture, 0.0f, 0.9f * residual);
+      const float spread =
+          static_cast<float>(sums.dd) - static_cast<float>(sums.d) * static_cast<float>(sums.d) / kChromaSamples;
+      if (spread > 0.0f) read->correlation += 0.5f * (1 - static_cast<float>(sums.step) / (2 * spread));
+    } else {
+      const Alone alone = noise::readAlone(current);
+      variance = std::min(alone.variance, kChromaDetail * alone.fine);
+    }
+    read->ratio[plane] = std::max(variance - kRounding, 0.0f) / expected;
+  }
+  return true;
+}
+
+// Chroma's noise is luma's, which the same pixels made, times a factor for each plane: from blocks that are quiet in luma and
+// in the other plane.
+void NoiseMeter::learnChroma(const ChromaPlanes& chroma, bool differences) {
+  if (chroma.samples[0] == nullptr || chroma.samples[1] == nullptr || !curve_.known) return;
+  if (differences && !hasPreviousChroma_) return;
+  int quiet = 0;
+  for (int i = 0; i < count_; ++i) {
+    const Block& block = blocks_[i];
+    if (!block.read) continue;
+    if (mean(block.variance) + block.texture <= kQuietLuma * varianceAt(curve_, block.luma)) blocks_[quiet++] = block;
+  }
+  const int stride = 1 + quiet / kMaxChromaBlocks;
+  int found = 0;
+  for (int i = static_cast<int>(frames_ % static_cast<uint32_t>(stride)); i < quiet; i += stride) {
+    if (readChroma(chroma, blocks_[i], differences, &chromaBlocks_[found])) ++found;
+  }
+  if (found < kMinBlocks) return;
+  float factor = 1;
+  if (differences) {
+    for (int i = 0; i < found; ++i) scratch_[i] = chromaBlocks_[i].correlation;
+    const float correlation = std::clamp(medianOf(scratch_, found), 0.0f, kMaxCorrelation);
+    chromaCorrelation_ += (chromaFromDifferences_ ? kCorrelationStep : 1.0f) * (correlation - chromaCorrelation_);
+    factor = freedomFactor(chromaCorrelation_, kChromaSamples);
+    if (!chromaFromDifferences_) chromaWeight_ = 0;
+  } else if (chromaFromDifferences_) {
+    return;
+  }
+  chromaWeight_ *= kMemory;
+  const auto weight = static_cast<float>(found);
+  for (int plane = 0; plane < 2; ++plane) {
+    std::sort(chromaBlocks_, chromaBlocks_ + found,
+              [plane](const ChromaBlock& a, const ChromaBlock& b) { return a.ratio[1 - plane] < b.ratio[1 - plane]; });
+    const int taken = std::max(kMinBlocks, static_cast<int>(kQuietChroma * weight));
+    for (int i = 0; i < taken; ++i) scratch_[i] = chromaBlocks_[i].ratio[plane];
+    const float share = factor * medianOf(scratch_, taken);
+    float step = weight / (chromaWeight_ + weight);
+    if (share < chromaShare_[plane]) step = std::min(1.0f, 2 * step);
+    chromaShare_[plane] += step * (share - chromaShare_[plane]);
+  }
+  chromaWeight_ = std::min(chromaWeight_ + weight, kMaxChromaWeight);
+  chromaFromDifferences_ = differences;
+  curve_.chromaKnown = true;
+}
+
+void NoiseMeter::drawChroma() {
+  if (!curve_.chromaKnown) return;
+  for (int plane = 0; plane < 2; ++plane) {
+    for (int i = 0; i < kEntries; ++i) {
+      curve_.chromaVariance[plane][i] = chromaShare_[plane] * std::max(curve_.variance[i] - kRounding, 0.0f) +
+                                        std::min(kRounding, curve_.variance[i]);
+    }
   }
 }
 
@@ -187,6 +332,7 @@ bool NoiseMeter::compare(const uint8_t* luma, const float* m) {
     const float fromY = centreY - m[5];
     Block* block = &blocks_[i];
     block->read = false;
+    block->kept = hasChroma(i) ? i : -1;
     compareBlock(luma, x, y, (m[4] * fromX - m[1] * fromY) / determinant - centreX,
                  (m[0] * fromY - m[3] * fromX) / determinant - centreY, kept_ + ptrdiff_t{i} * kKeptArea, block);
     differs = differs || (block->read && mean(block->variance) > 0.0f);
@@ -202,6 +348,8 @@ void NoiseMeter::compareBlock(const uint8_t* luma, int x, int y, float dx, float
   const Pixels previous = {kept + kKeptSide + 1, kKeptSide};
   Pixels current = {nullptr, width_};
   HalfSums halves[2];
+  const int keptX = x;
+  const int keptY = y;
   for (int step = 0;; ++step) {
     const auto wholeX = static_cast<int>(std::lround(dx));
     const auto wholeY = static_cast<int>(std::lround(dy));
@@ -231,6 +379,14 @@ void NoiseMeter::compareBlock(const uint8_t* luma, int x, int y, float dx, float
   // A bar, or what is clipped: no noise to be seen, and no texture.
   if (equality == Equality::kAll && both(&HalfSums::gxgx) + both(&HalfSums::gygy) == 0.0f) return;
   block->read = true;
+  block->chromaDx = 0.5f * (static_cast<float>(x - keptX) + dx);
+  block->chromaDy = 0.5f * (static_cast<float>(y - keptY) + dy);
+  const auto chromaX = static_cast<int>(std::lround(block->chromaDx));
+  const auto chromaY = static_cast<int>(std::lround(block->chromaDy));
+  block->chromaX = keptX / 2 + chromaX;
+  block->chromaY = keptY / 2 + chromaY;
+  block->chromaDx -= static_cast<float>(chromaX);
+  block->chromaDy -= static_cast<float>(chromaY);
   block->suspect = equality != Equality::kNone;
   block->luma = both(&HalfSums::s) / (2 * kArea);
   for (int half = 0; half < 2; ++half) {
@@ -255,6 +411,8 @@ void NoiseMeter::inspect(const uint8_t* luma) {
     const Alone halves[2] = {noise::readAlone({at, stride}), noise::readAlone({at + kHalfSide, stride})};
     block.read = !halves[0].constant || !halves[1].constant;
     if (!block.read) continue;
+    block.chromaX = (originX_ + i % columns_ * step_) / 2;
+    block.chromaY = (originY_ + i / columns_ * step_) / 2;
     block.suspect = halves[0].constant || halves[1].constant;
     block.luma = 0.5f * (halves[0].luma + halves[1].luma);
     block.texture = 0;
@@ -298,9 +456,7 @@ void NoiseMeter::correctForCorrelation(float floor) {
   }
   const float correlation = std::clamp(medianOf(scratch_, found), 0.0f, kMaxCorrelation);
   correlation_ += (fromDifferences_ ? kCorrelationStep : 1.0f) * (correlation - correlation_);
-  const float constant = (1 + 2 * correlation_) * (1 + 2 * correlation_);
-  const float alike = (1 + 2 * correlation_ * correlation_) * (1 + 2 * correlation_ * correlation_);
-  const float factor = kHalfArea / (kHalfArea - 2 - constant - alike) * (1 + 2 * alike / (3 * kHalfArea));
+  const float factor = freedomFactor(correlation_, kHalfArea);
   for (int i = 0; i < count_; ++i) {
     for (float& variance : blocks_[i].variance) variance *= factor;
   }

@@ -89,6 +89,15 @@ class NoiseMeter {
     float ratio[2];  // of the variances to the curve so far
     float raw;       // the same with the texture
     float around;    // median ratio of the blocks around it
+    int kept;        // its place among the kept blocks
+    int chromaX;     // where its chroma lies in the frame, rounded
+    int chromaY;
+    float chromaDx;  // what rounding left of it
+    float chromaDy;
+  };
+  struct ChromaBlock {
+    float ratio[2];  // of the variances of U and V to the luma's curve
+    float correlation;
   };
   struct Candidate {
     float score;
@@ -108,6 +117,12 @@ class NoiseMeter {
   bool compare(const uint8_t* luma, const float* motion);
   void compareBlock(const uint8_t* luma, int x, int y, float dx, float dy, const uint8_t* kept, Block* block) const;
   void keep(const uint8_t* luma);
+  void keepChroma(const ChromaPlanes& chroma);
+  bool hasChroma(int kept) const;
+  bool isInside(int chromaX, int chromaY) const;
+  bool readChroma(const ChromaPlanes& chroma, const Block& block, bool differences, ChromaBlock* read) const;
+  void learnChroma(const ChromaPlanes& chroma, bool differences);
+  void drawChroma();
   void fitPassing(float floor);
   void takeTextureOut();
   void inspect(const uint8_t* luma);
@@ -141,6 +156,14 @@ class NoiseMeter {
   Candidate* candidates_ = nullptr;
   Candidate* chosen_ = nullptr;
   float* scratch_ = nullptr;
+
+  uint8_t* keptChroma_ = nullptr;  // of each kept block 10 x 10 of U, then of V
+  bool hasPreviousChroma_ = false;
+  bool chromaFromDifferences_ = false;
+  ChromaBlock* chromaBlocks_ = nullptr;
+  float chromaCorrelation_ = 0;
+  float chromaShare_[2] = {};  // of U and V: variance, without that of rounding, to luma's
+  float chromaWeight_ = 0;     // blocks
 
   float correlation_ = 0;
   float passing_ = 0;  // of `passed`, in the residual
