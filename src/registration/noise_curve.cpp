@@ -37,10 +37,11 @@ constexpr int kKeptArea = kKeptSide * kKeptSide;
 
 // Lucas and Kanade within a block.
 constexpr int kMaxSteps = 2;
-constexpr float kMaxMotion = 3;         // pixels in a step: beyond, the texture is not alike
-constexpr float kOtherPixel = 0.6f;     // pixels: from here on another whole pixel is nearer
-constexpr float kUnsure = 0.01f;        // square of what is not known of the motion, pixels
-constexpr float kFirstPassing = 0.07f;  // of `passed`: measured on photos, with what is finer than pixels
+constexpr float kMaxMotion = 3;          // pixels in a step: beyond, the texture is not alike
+constexpr float kOtherPixel = 0.6f;      // pixels: from here on another whole pixel is nearer
+constexpr float kFoundElsewhere = 0.5f;  // of the difference: more than noise leaves to chance
+constexpr float kUnsure = 0.01f;         // square of what is not known of the motion, pixels
+constexpr float kFirstPassing = 0.07f;   // of `passed`: measured on photos, with what is finer than pixels
 constexpr float kMinPassing = 0.0f;
 constexpr float kMaxPassing = 0.3f;
 constexpr int kTextures = 8;
@@ -331,10 +332,27 @@ bool NoiseMeter::compare(const uint8_t* luma, const float* m) {
     const float fromX = centreX - m[2];
     const float fromY = centreY - m[5];
     Block* block = &blocks_[i];
-    block->read = false;
+    *block = {};
     block->kept = hasChroma(i) ? i : -1;
-    compareBlock(luma, x, y, (m[4] * fromX - m[1] * fromY) / determinant - centreX,
-                 (m[0] * fromY - m[3] * fromX) / determinant - centreY, kept_ + ptrdiff_t{i} * kKeptArea, block);
+    const uint8_t* kept = kept_ + ptrdiff_t{i} * kKeptArea;
+    const float dx = (m[4] * fromX - m[1] * fromY) / determinant - centreX;
+    const float dy = (m[0] * fromY - m[3] * fromX) / determinant - centreY;
+    compareBlock(luma, x, y, dx, dy, kept, block);
+    // What is nearer or moves by itself is larger than a block.
+    for (const int other : {i % columns_ > 0 ? i - 1 : -1, i - columns_}) {
+      if (other < 0 || !blocks_[other].read) continue;
+      const float ownX = blocks_[other].ownX;
+      const float ownY = blocks_[other].ownY;
+      if (std::max(std::fabs(ownX), std::fabs(ownY)) < 1.0f) continue;
+      if (std::max(std::fabs(ownX - block->ownX), std::fabs(ownY - block->ownY)) < 1.0f) continue;
+      Block found = {};
+      found.kept = block->kept;
+      compareBlock(luma, x, y, dx + ownX, dy + ownY, kept, &found);
+      if (!found.read || (block->read && mean(found.variance) >= kFoundElsewhere * mean(block->variance))) continue;
+      found.ownX += ownX;
+      found.ownY += ownY;
+      *block = found;
+    }
     differs = differs || (block->read && mean(block->variance) > 0.0f);
   }
   repeats_ = differs ? 0 : repeats_ + 1;
@@ -350,6 +368,8 @@ void NoiseMeter::compareBlock(const uint8_t* luma, int x, int y, float dx, float
   HalfSums halves[2];
   const int keptX = x;
   const int keptY = y;
+  const float startX = static_cast<float>(x) + dx;
+  const float startY = static_cast<float>(y) + dy;
   for (int step = 0;; ++step) {
     const auto wholeX = static_cast<int>(std::lround(dx));
     const auto wholeY = static_cast<int>(std::lround(dy));
@@ -379,6 +399,8 @@ void NoiseMeter::compareBlock(const uint8_t* luma, int x, int y, float dx, float
   // A bar, or what is clipped: no noise to be seen, and no texture.
   if (equality == Equality::kAll && both(&HalfSums::gxgx) + both(&HalfSums::gygy) == 0.0f) return;
   block->read = true;
+  block->ownX = static_cast<float>(x) + dx - startX;
+  block->ownY = static_cast<float>(y) + dy - startY;
   block->chromaDx = 0.5f * (static_cast<float>(x - keptX) + dx);
   block->chromaDy = 0.5f * (static_cast<float>(y - keptY) + dy);
   const auto chromaX = static_cast<int>(std::lround(block->chromaDx));

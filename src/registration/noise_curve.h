@@ -89,8 +89,10 @@ class NoiseMeter {
     float ratio[2];  // of the variances to the curve so far
     float raw;       // the same with the texture
     float around;    // median ratio of the blocks around it
-    int kept;        // its place among the kept blocks
-    int chromaX;     // where its chroma lies in the frame, rounded
+    float ownX;      // where it was found beside the common motion, pixels
+    float ownY;
+    int kept;     // its place among the kept blocks
+    int chromaX;  // where its chroma lies in the frame, rounded
     int chromaY;
     float chromaDx;  // what rounding left of it
     float chromaDy;
