@@ -29,7 +29,7 @@ constexpr int kEntries = NoiseCurve::kEntries;
 constexpr float kLevelsPerEntry = 8;
 constexpr float kFirstCentre = 3.5f;  // mean of the first entry's codes
 
-constexpr int kBlocks = 440;  // of a frame, about
+constexpr int kBlocks = 360;  // of a frame, about
 constexpr int kMinStep = 8;   // pixels: blocks of small frames overlap
 constexpr int kMinBlocks = 4;
 constexpr int kKeptSide = kSide + 2;
@@ -55,7 +55,7 @@ constexpr float kTrusted = 0.1f;      // texture of this share of the noise: hal
 constexpr float kPlausible = 1.5f;    // times the curve: more is not noise
 constexpr float kPlausibleFloor = 4;  // times the quietest tenth of the blocks, while there is no curve
 constexpr float kQuietShare = 0.25f;  // of the trust in an entry
-constexpr float kQuietAlone = 0.1f;   // the same within one frame, where texture is not taken out
+constexpr float kQuietAlone = 0.15f;  // the same within one frame, where texture is not taken out
 constexpr float kReach = 6;           // levels from an entry's centre: its blocks
 constexpr float kMinTrust = 0.001f;   // blocks: less says nothing of an entry
 constexpr float kSmallest = 0.02f;    // variance: keeps ratios finite
@@ -199,8 +199,9 @@ void NoiseMeter::keep(const uint8_t* luma) {
   }
 }
 
-// A block has 8 x 8 samples of each chroma plane, and one free on each side.
+// Every second block has 8 x 8 samples of each chroma plane, and one free on each side.
 bool NoiseMeter::hasChroma(int kept) const {
+  if (kept % 2 != 0) return false;
   const int x = (originX_ + kept % columns_ * step_) / 2;
   const int y = (originY_ + kept / columns_ * step_) / 2;
   return isInside(x, y);

@@ -3,21 +3,29 @@
 // Measured in the differences d between the frame and the one before it, in blocks of 16 x 16 pixels of a sample:
 //
 //   d         at the motion rounded to whole pixels, so that no interpolation smooths the noise. Where a block's texture
-//             says that it moved otherwise (depth), by Lucas and Kanade, its own motion.
+//             says that it moved otherwise (depth), by Lucas and Kanade, its own motion; or its neighbour's.
 //   variance  var(d) / 2, after least squares has taken a constant, the sum s of both frames and its gradient out of d:
 //             brightness, contrast, the fraction of a pixel. n = 128 pixels of half a block have n - 2 - (1 + 2 r)^2 -
 //             (1 + 2 r^2)^2 degrees of freedom left: r is the noise's correlation over one pixel, measured in d; a constant
 //             takes more from correlated noise than one.
-//   trust     the texture g of s, under the fraction f of a pixel that the rounding leaves, changes d by at most about
-//             c = (f^2 + 0.01) g^2 / 4, in levels squared; a block counts 1 / (1 + (10 c / variance)^2).
+//   texture   what is finer than the pixels passes that: on photos in proportion to p = (f^2 + 0.01) t, f the fraction of a
+//             pixel that the rounding leaves, t the energy of the second differences that both frames share. The slope of
+//             variance over p, of this frame's blocks, is the factor; variance less factor * p is the noise. No variance is
+//             above 1.2 times what the steps of d from row to row allow: d of another place is smoother than noise.
+//   trust     half of the texture u taken out is taken for uncertain: a block counts 1 / (1 + (5 u / variance)^2).
 //   quietest  the quarter of an entry's blocks in which nothing else moves: chosen by one half of the block and by the
 //             blocks around it, measured in the other half. The quietest by what is measured itself would be too quiet, by
 //             an amount that depends on the noise's correlation. Their median counts, and all is relative to the curve so
 //             far, so that an entry's slope does not choose.
 //   curve     each entry the mean over frames weighted by trusted blocks, of the last few where they are many; it falls
-//             faster than it rises, as texture only adds. The curve is the line through the entries (read noise, and shot
-//             noise proportional to luma) plus a smooth deviation; where an entry has seen nothing it leads to its
-//             neighbours and then to the line. An entry above what its neighbours say counts the less.
+//             faster than it rises, as texture only adds. Too high is worse than too low for whoever tells noise from motion
+//             by it: an entry is held at 1.2 times what the quiet blocks of any other luma allow with their texture left in,
+//             as noise grows at most as luma + 16 does (or falls, under a gamma), and is lowered by a quarter of the texture
+//             relative to the noise. The curve is the line through the entries (read noise, and shot noise proportional to
+//             luma) plus a smooth deviation; where an entry has seen nothing it leads to its neighbours and then to the
+//             line. An entry above what its neighbours say counts the less.
+//   chroma    8 x 8 samples where a block is quiet in luma, in the same way. Luma's curve times a factor for each plane: the
+//             same pixels made both. The factor is the median over the blocks in which the other plane is quiet.
 //
 // What is measured is the noise as it stands in 8 bits: rounding adds 1/12, and at black and white the variance is that of
 // what is left after clipping. Luma is the mean that the frames show. Left out are blocks that share a row or column of
@@ -70,7 +78,7 @@ class NoiseMeter {
   //   luma                  width * height pixels, not kept
   //   previousFromCurrent   3 x 3, row-major, affine: pixels of this frame to pixels of the one before, the centre of the
   //                         first at (0.5, 0.5). Null: not known
-  //   chroma                of the same frame, not kept either
+  //   chroma                of the same frame, not kept either; without it the chroma's factors stay
   void measure(const uint8_t* luma, const float* previousFromCurrent, const ChromaPlanes& chroma = {});
 
   const NoiseCurve& curve() const { return curve_; }
