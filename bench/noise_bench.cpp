@@ -5,8 +5,8 @@
 // Clips of photos, or of procedural scenes, that stand still, pan by fractions of a pixel, or have depth; Gaussian and
 // Poisson noise, white and correlated by a mosaic's interpolation. Registered as noxel-register does it. A row has the
 // ratio of the measured to the true variance, in all entries of the curve that cover at least one pixel in 200: of all
-// frames from the third on, the share of them within 15 %, then of the second frame, the first that has a difference, and
-// of the first frame alone. Time is processor time on one thread, without the registration.
+// frames from the third on, the share of them within 15 % and above 1.5, then of the second frame, the first that has a
+// difference, and of the first frame alone; then that of the chroma from the third frame on. Time is processor time on one thread, without the registration.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
@@ -53,6 +53,7 @@ struct Ratios {
   std::vector<double> first;
   std::vector<double> second;
   std::vector<double> later;
+  std::vector<double> chroma;  // U and V, of all frames from the third on
   std::vector<double> milliseconds;
   int lost = 0;
 
@@ -61,6 +62,7 @@ struct Ratios {
     second.insert(second.end(), other.second.begin(), other.second.end());
     later.insert(later.end(), other.later.begin(), other.later.end());
     milliseconds.insert(milliseconds.end(), other.milliseconds.begin(), other.milliseconds.end());
+    chroma.insert(chroma.end(), other.chroma.begin(), other.chroma.end());
     lost += other.lost;
   }
 };
@@ -69,12 +71,20 @@ void print(const std::string& label, const Ratios& r) {
   const auto p = [](const std::vector<double>& values, double percent) { return tool::percentile(values, percent); };
   const auto max = [](const std::vector<double>& v) { return v.empty() ? 0 : *std::max_element(v.begin(), v.end()); };
   const auto min = [](const std::vector<double>& v) { return v.empty() ? 0 : *std::min_element(v.begin(), v.end()); };
-  double within = 0;
-  for (double ratio : r.later) within += std::fabs(ratio - 1) <= 0.15 ? 1 : 0;
-  std::printf("%-28s | %5.2f %5.2f %5.2f %5.2f %5.2f | %5.1f | %5.2f %5.2f %5.2f | %5.2f %5.2f %5.2f | %5.2f | %d\n",
-              label.c_str(), min(r.later), p(r.later, 10), p(r.later, 50), p(r.later, 90), max(r.later),
-              100 * within / static_cast<double>(std::max<size_t>(r.later.size(), 1)), min(r.second), p(r.second, 50),
-              max(r.second), min(r.first), p(r.first, 50), max(r.first), p(r.milliseconds, 50), r.lost);
+  const auto percentOf = [](const std::vector<double>& v, auto&& counts) {
+    return 100 * static_cast<double>(std::count_if(v.begin(), v.end(), counts)) /
+           static_cast<double>(std::max<size_t>(v.size(), 1));
+  };
+  const auto near = [](double ratio) { return std::fabs(ratio - 1) <= 0.15; };
+  const auto tooHigh = [](double ratio) { return ratio > 1.5; };
+  std::printf(
+      "%-28s | %5.2f %5.2f %5.2f %5.2f %5.2f | %5.1f %5.2f | %5.2f %5.2f %5.2f %5.1f | %5.2f %5.2f %5.2f %5.1f | "
+      "%5.2f %5.2f %5.2f %5.1f %5.2f | %5.2f | %d\n",
+      label.c_str(), min(r.later), p(r.later, 10), p(r.later, 50), p(r.later, 90), max(r.later),
+      percentOf(r.later, near), percentOf(r.later, tooHigh), min(r.second), p(r.second, 50), max(r.second),
+      percentOf(r.second, tooHigh), min(r.first), p(r.first, 50), max(r.first), percentOf(r.first, tooHigh),
+      p(r.chroma, 10), p(r.chroma, 50), p(r.chroma, 90), percentOf(r.chroma, near), percentOf(r.chroma, tooHigh),
+      p(r.milliseconds, 50), r.lost);
   std::fflush(stdout);
 }
 
@@ -97,12 +107,24 @@ Ratios runCase(const std::vector<std::vector<float>>& clean, const Options& opti
                uint64_t seed) {
   scenes::Random random = {seed, static_cast<uint64_t>(sensor), static_cast<uint64_t>(sigma * 64)};
   std::vector<std::vector<uint8_t>> noisy;
+  std::vector<std::vector<uint8_t>> noisyChroma;  // V, U pairs
   scenes::TrueNoise truth;
+  scenes::TrueNoise chromaTruth[2];
   for (const std::vector<float>& frame : clean) {
-    noisy.push_back(scenes::shootNoise(frame, options.width, options.height, sensor, sigma, random));
+    noisyChroma.emplace_back();
+    noisy.push_back(
+        scenes::shootNoise(frame, options.width, options.height, sensor, sigma, random, &noisyChroma.back()));
     truth.add(frame, noisy.back());
+    const std::vector<float> luma = scenes::halved(frame, options.width, options.height);
+    for (int plane = 0; plane < 2; ++plane) {
+      std::vector<float> shown;
+      for (size_t i = 0; i < luma.size(); ++i) shown.push_back(noisyChroma.back()[2 * i + (plane == 0 ? 1 : 0)]);
+      chromaTruth[plane].add(luma, scenes::cleanChroma(frame, options.width, options.height, plane), shown);
+    }
   }
   const auto entries = truth.entries(NoiseCurve::kEntries);
+  const decltype(entries) chromaEntries[2] = {chromaTruth[0].entries(NoiseCurve::kEntries),
+                                              chromaTruth[1].entries(NoiseCurve::kEntries)};
   PlaneRegistration registration;
   NoiseMeter meter;
   if (!registration.create(options.width, options.height, false, nullptr) ||
@@ -116,9 +138,17 @@ Ratios runCase(const std::vector<std::vector<float>>& clean, const Options& opti
     float motion[9];
     previousFromCurrent(registration, &motion);
     const double start = processorMilliseconds();
-    meter.measure(noisy[frame].data(), valid ? motion : nullptr);
+    const uint8_t* chroma = noisyChroma[frame].data();
+    meter.measure(noisy[frame].data(), valid ? motion : nullptr, {{chroma + 1, chroma}, 2, options.width / 2 * 2});
     ratios.milliseconds.push_back(processorMilliseconds() - start);
     if (!meter.curve().known) continue;
+    for (size_t plane = 0; frame > 1 && meter.curve().chromaKnown && plane < 2; ++plane) {
+      for (size_t i = 0; i < NoiseCurve::kEntries; ++i) {
+        const auto& entry = chromaEntries[plane][i];
+        if (entry.share < kMinShare) continue;
+        ratios.chroma.push_back(static_cast<double>(meter.curve().chromaVariance[plane][i]) / entry.variance);
+      }
+    }
     std::vector<double>& to = frame == 0 ? ratios.first : frame == 1 ? ratios.second : ratios.later;
     for (int i = 0; i < NoiseCurve::kEntries; ++i) {
       const auto& entry = entries[static_cast<size_t>(i)];
@@ -142,8 +172,9 @@ void run(const Options& options) {
   }
   std::printf("%d x %d, %d frames, %zu photos, mean luma %.0f, seed %llu\n", options.width, options.height,
               options.frames, photos.size(), options.mean, static_cast<unsigned long long>(options.seed));
-  std::printf("%-28s | %5s %5s %5s %5s %5s | %5s | %-17s | %-17s | %5s | %s\n", "measured / true variance", "min",
-              "p10", "p50", "p90", "max", "<15 %", "2nd: min p50 max", "1st: min p50 max", "cpu ms", "lost");
+  std::printf("%-28s | %5s %5s %5s %5s %5s | %5s %5s | %-23s | %-23s | %-29s | %5s | %s\n", "measured / true variance",
+              "min", "p10", "p50", "p90", "max", "<15 %", ">1.5", "2nd: min p50 max  >1.5", "1st: min p50 max  >1.5",
+              "U, V: p10 p50 p90 <15 % >1.5", "cpu ms", "lost");
   std::vector<Ratios> rows(std::size(scenes::kMovements) * std::size(scenes::kSensors) * options.sigmas.size());
   for (size_t photo = 0; photo < photos.size(); ++photo) {
     size_t row = 0;

@@ -12,6 +12,10 @@ namespace {
 constexpr double kPoissonLuma = 64;  // where Poisson noise has the stated sigma
 constexpr double kReadShare = 0.25;  // of its variance there
 constexpr double kLumaWeights[3] = {0.299, 0.587, 0.114};
+constexpr double kChromaWeights[2][3] = {{-0.169, -0.331, 0.5}, {0.5, -0.419, -0.081}};
+constexpr double kWhiteChroma = 0.6;         // of luma's deviation
+constexpr double kColour[2] = {0.2, -0.15};  // levels of U, V for a level of luma
+constexpr double kColourless = 60;           // luma
 
 // Electrons: by counting exponential waiting times, above kManyElectrons as the Gaussian that they approach.
 double poissonCount(double mean, Random& random) {
@@ -47,9 +51,9 @@ int mirroredAt(int i, int size) {
   return std::clamp(i, 0, size - 1);
 }
 
-// The luma noise of bilinear interpolation: each colour's samples, zero between them, under (1 2 1)^2 / 4, green under
+// The weighted noise of bilinear interpolation: each colour's samples, zero between them, under (1 2 1)^2 / 4, green under
 // the cross of 1, 4 and 1 over 4.
-std::vector<float> demosaiced(const std::vector<float>& mosaic, int width, int height) {
+std::vector<float> demosaiced(const std::vector<float>& mosaic, const double (&weights)[3], int width, int height) {
   std::vector<float> luma(mosaic.size());
   for (int y = 0; y < height; ++y) {
     for (int x = 0; x < width; ++x) {
@@ -63,7 +67,7 @@ std::vector<float> demosaiced(const std::vector<float>& mosaic, int width, int h
                                                : dx == 0 || dy == 0 ? 1
                                                                     : 0)
                                             : (2 - std::abs(dx)) * (2 - std::abs(dy));
-          sum += kLumaWeights[colour] * weight / 4 *
+          sum += weights[colour] * weight / 4 *
                  static_cast<double>(
                      mosaic[static_cast<size_t>(row) * static_cast<size_t>(width) + static_cast<size_t>(column)]);
         }
@@ -103,7 +107,7 @@ const char* nameOf(Movement movement) {
 }
 
 std::vector<uint8_t> shootNoise(const std::vector<float>& clean, int width, int height, Sensor sensor, double sigma,
-                                Random& random) {
+                                Random& random, std::vector<uint8_t>* chroma) {
   const bool poisson = sensor == Sensor::Poisson || sensor == Sensor::PoissonMosaic;
   const bool mosaic = sensor == Sensor::GaussianMosaic || sensor == Sensor::PoissonMosaic;
   const double onSensor = mosaic ? sigma / std::sqrt(mosaicGain()) : sigma;
@@ -112,7 +116,27 @@ std::vector<uint8_t> shootNoise(const std::vector<float>& clean, int width, int 
   for (const float level : clean) {
     noise.push_back(static_cast<float>(noiseAt(static_cast<double>(level), poisson, onSensor, random)));
   }
-  if (mosaic) noise = demosaiced(noise, width, height);
+  if (chroma != nullptr) {
+    const int chromaWidth = width / 2;
+    chroma->resize(2 * static_cast<size_t>(chromaWidth) * static_cast<size_t>(height / 2));
+    const std::vector<float> luma = halved(clean, width, height);
+    for (int plane = 0; plane < 2; ++plane) {
+      const std::vector<float> picture = cleanChroma(clean, width, height, plane);
+      std::vector<float> added;
+      if (mosaic) {
+        added = halved(demosaiced(noise, kChromaWeights[plane], width, height), width, height);
+      } else {
+        for (const float level : luma)
+          added.push_back(
+              static_cast<float>(kWhiteChroma * noiseAt(static_cast<double>(level), poisson, sigma, random)));
+      }
+      for (size_t i = 0; i < picture.size(); ++i) {
+        (*chroma)[2 * i + (plane == 0 ? 1 : 0)] =
+            static_cast<uint8_t>(std::clamp(picture[i] + added[i], 0.0f, 255.0f) + 0.5f);
+      }
+    }
+  }
+  if (mosaic) noise = demosaiced(noise, kLumaWeights, width, height);
   std::vector<uint8_t> frame;
   frame.reserve(clean.size());
   for (size_t i = 0; i < clean.size(); ++i) {
@@ -121,12 +145,35 @@ std::vector<uint8_t> shootNoise(const std::vector<float>& clean, int width, int 
   return frame;
 }
 
+std::vector<float> halved(const std::vector<float>& plane, int width, int height) {
+  std::vector<float> half;
+  const auto at = [&](int x, int y) {
+    return plane[static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)];
+  };
+  for (int y = 0; y + 1 < height; y += 2) {
+    for (int x = 0; x + 1 < width; x += 2)
+      half.push_back((at(x, y) + at(x + 1, y) + at(x, y + 1) + at(x + 1, y + 1)) / 4);
+  }
+  return half;
+}
+
+std::vector<float> cleanChroma(const std::vector<float>& clean, int width, int height, int plane) {
+  std::vector<float> chroma = halved(clean, width, height);
+  for (float& level : chroma)
+    level = static_cast<float>(128 + kColour[plane] * (static_cast<double>(level) - kColourless));
+  return chroma;
+}
+
 void TrueNoise::add(const std::vector<float>& clean, const std::vector<uint8_t>& noisy) {
+  add(clean, clean, {noisy.begin(), noisy.end()});
+}
+
+void TrueNoise::add(const std::vector<float>& luma, const std::vector<float>& clean, const std::vector<float>& noisy) {
   constexpr int kSteps = 256 * kStepsPerLevel;
   for (size_t i = 0; i < clean.size(); ++i) {
-    const double level = static_cast<double>(clean[i]);
+    const double level = static_cast<double>(luma[i]);
     Step& step = steps_[std::clamp(static_cast<int>(level * kStepsPerLevel), 0, kSteps - 1)];
-    const double noise = noisy[i] - level;
+    const double noise = static_cast<double>(noisy[i] - clean[i]);
     step.pixels += 1;
     step.clean += level;
     step.sum += noise;

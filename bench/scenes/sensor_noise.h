@@ -20,8 +20,15 @@ const char* nameOf(Sensor sensor);
 
 // The clean frame as this camera shows it, clamped and rounded to 8 bits. sigma: of the luma, in levels; with Poisson
 // noise at luma 64. The signal is not interpolated: the mosaic adds no artefacts of its own, only its noise.
+// chroma: if not null, V and U in pairs at half size, each the mean of four pixels; their noise is the mosaic's, or without
+// one white with 0.6 of the luma's deviation.
 std::vector<uint8_t> shootNoise(const std::vector<float>& clean, int width, int height, Sensor sensor, double sigma,
-                                Random& random);
+                                Random& random, std::vector<uint8_t>* chroma = nullptr);
+
+// The clean chroma of that camera's frames: scenes whose colour changes with their luma. plane: 0 U, 1 V.
+std::vector<float> cleanChroma(const std::vector<float>& clean, int width, int height, int plane);
+
+std::vector<float> halved(const std::vector<float>& plane, int width, int height);
 
 // The true variance of a clip's noise by luma, measured from its clean twin. Noise is what sets a frame apart from the
 // mean of many frames of the same scene, and luma is that mean: the two differ from the clean frame where noise is
@@ -29,6 +36,8 @@ std::vector<uint8_t> shootNoise(const std::vector<float>& clean, int width, int 
 class TrueNoise {
  public:
   void add(const std::vector<float>& clean, const std::vector<uint8_t>& noisy);
+  // Of another plane, by luma.
+  void add(const std::vector<float>& luma, const std::vector<float>& clean, const std::vector<float>& noisy);
 
   struct Entry {
     double variance = 0;

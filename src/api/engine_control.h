@@ -79,7 +79,7 @@ struct FrameReport {
   int pointsKept = 0;           // of them, what the motion was fitted to
   float previousFromCurrent[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
   float stabilizedFromCurrent[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};  // before the zoom
-  NoiseCurve noise;                                              // of this frame; not known unless measureNoise is on
+  NoiseCurve noise;  // of this frame, U and V too; not known unless measureNoise is on
 };
 
 // Called on the GPU thread once for each pass of a frame, in the order in which they were drawn, before the frame is delivered.

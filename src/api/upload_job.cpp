@@ -127,6 +127,8 @@ void submitRegistrationFrame(_KRSuperResEngine* engine, const unsigned char* fra
   prepareLuminance({engine->width, engine->height, frame}, engine->scale, engine->mode == kModeThreeFrames,
                    registration->luminanceFrames[registration->frameSelect], registration->scratchFrame);
   registration->fullLuma = frame;
+  const unsigned char* chroma = frame + static_cast<size_t>(engine->width) * static_cast<size_t>(engine->height);
+  registration->fullChroma = {{chroma + 1, chroma}, 2, engine->width / 2 * 2};  // V, U pairs, also of a YV12 frame
   registration->registrationRequest.raise();
 }
 

@@ -11,22 +11,33 @@ using tracker::NativeLanes;
 using tracker::PlainLanes;
 
 template <class Lanes>
-HalfSums sumHalf(const uint8_t* current, const uint8_t* previous, ptrdiff_t stride) {
+HalfSums sumHalf(Pixels current, Pixels previous, int rows) {
   static constexpr int16_t kOnes[kHalfSide] = {1, 1, 1, 1, 1, 1, 1, 1};
   const Lanes one = Lanes::load(kOnes);
-  typename Lanes::Sum s, gx, gy, d, ss, sgx, sgy, gxgx, gxgy, gygy, sd, gxd, gyd, dd, lag;
-  const auto sum = [&](ptrdiff_t at) { return Lanes::loadBytes(current + at).plus(Lanes::loadBytes(previous + at)); };
-  const auto minus = [&](ptrdiff_t at) {
-    return Lanes::loadBytes(current + at).minus(Lanes::loadBytes(previous + at));
+  typename Lanes::Sum s, gx, gy, d, ss, sgx, sgy, gxgx, gxgy, gygy, sd, gxd, gyd, dd, step, bendX, bendY;
+  const auto bend = [](const Lanes& before, const Lanes& at, const Lanes& after) {
+    return before.plus(after).minus(at.plus(at));
   };
-  Lanes above = sum(-stride);
-  Lanes here = sum(0);
-  Lanes last = minus(-stride);
-  for (int y = 0; y < kSide; ++y, current += stride, previous += stride) {
-    const Lanes below = sum(stride);
-    const Lanes slopeX = sum(1).minus(sum(-1));
-    const Lanes slopeY = below.minus(above);
-    const Lanes difference = minus(0);
+  const uint8_t* i = current.at;
+  const uint8_t* j = previous.at;
+  Lanes aboveI = Lanes::loadBytes(i - current.stride);
+  Lanes aboveJ = Lanes::loadBytes(j - previous.stride);
+  Lanes hereI = Lanes::loadBytes(i);
+  Lanes hereJ = Lanes::loadBytes(j);
+  for (int y = 0; y < rows; ++y) {
+    const Lanes leftI = Lanes::loadBytes(i - 1);
+    const Lanes leftJ = Lanes::loadBytes(j - 1);
+    const Lanes rightI = Lanes::loadBytes(i + 1);
+    const Lanes rightJ = Lanes::loadBytes(j + 1);
+    i += current.stride;
+    j += previous.stride;
+    const Lanes belowI = Lanes::loadBytes(i);
+    const Lanes belowJ = Lanes::loadBytes(j);
+    const Lanes here = hereI.plus(hereJ);
+    const Lanes slopeX = rightI.plus(rightJ).minus(leftI.plus(leftJ));
+    const Lanes slopeY = belowI.plus(belowJ).minus(aboveI.plus(aboveJ));
+    const Lanes difference = hereI.minus(hereJ);
+    const Lanes change = difference.minus(aboveI.minus(aboveJ));
     s.addProducts(here, one);
     gx.addProducts(slopeX, one);
     gy.addProducts(slopeY, one);
@@ -41,24 +52,29 @@ HalfSums sumHalf(const uint8_t* current, const uint8_t* previous, ptrdiff_t stri
     gxd.addProducts(slopeX, difference);
     gyd.addProducts(slopeY, difference);
     dd.addProducts(difference, difference);
-    lag.addProducts(difference, last);
-    above = here;
-    here = below;
-    last = difference;
+    step.addProducts(change, change);
+    bendX.addProducts(bend(leftI, hereI, rightI), bend(leftJ, hereJ, rightJ));
+    bendY.addProducts(bend(aboveI, hereI, belowI), bend(aboveJ, hereJ, belowJ));
+    aboveI = hereI;
+    aboveJ = hereJ;
+    hereI = belowI;
+    hereJ = belowJ;
   }
-  return {s.total(),    gx.total(),   gy.total(), d.total(),   ss.total(),  sgx.total(), sgy.total(), gxgx.total(),
-          gxgy.total(), gygy.total(), sd.total(), gxd.total(), gyd.total(), dd.total(),  lag.total()};
+  return {s.total(),   gx.total(),   gy.total(),   d.total(),     ss.total(),   sgx.total(),
+          sgy.total(), gxgx.total(), gxgy.total(), gygy.total(),  sd.total(),   gxd.total(),
+          gyd.total(), dd.total(),   step.total(), bendX.total(), bendY.total()};
 }
 
-template HalfSums sumHalf<NativeLanes>(const uint8_t*, const uint8_t*, ptrdiff_t);
+template HalfSums sumHalf<NativeLanes>(Pixels, Pixels, int);
 #if defined(__SSE2__) || defined(__ARM_NEON)
-template HalfSums sumHalf<PlainLanes>(const uint8_t*, const uint8_t*, ptrdiff_t);
+template HalfSums sumHalf<PlainLanes>(Pixels, Pixels, int);
 #endif
 
-double residual(const HalfSums& a) {
+double residual(const HalfSums& a, int rows) {
+  const int area = kHalfSide * rows;
   constexpr double kSmallest = 1;  // sum of squares below which a regressor is as good as constant
-  const auto centred = [](int32_t product, int32_t first, int32_t second) {
-    return static_cast<double>(int64_t{product} * kHalfArea - int64_t{first} * second) / kHalfArea;
+  const auto centred = [area](int32_t product, int32_t first, int32_t second) {
+    return static_cast<double>(int64_t{product} * area - int64_t{first} * second) / area;
   };
   // Lower triangle over s, gx, gy and d; eliminated column by column.
   double m[4][4] = {
@@ -97,7 +113,7 @@ bool furtherMotion(const HalfSums (&halves)[2], float* dx, float* dy) {
   return true;
 }
 
-Alone readAlone(const uint8_t* pixels, ptrdiff_t stride) {
+Alone readAlone(Pixels block) {
   constexpr int kCount = kHalfSide * kHalfSide;
   constexpr int kSpread = kCount * (kCount - 1) / 3;  // sum of (2 x - 7)^2
   constexpr int kBendGain = 36;                       // (1 + 4 + 1)^2
@@ -106,6 +122,8 @@ Alone readAlone(const uint8_t* pixels, ptrdiff_t stride) {
   int across = 0;
   int down = 0;
   int fine = 0;
+  const uint8_t* pixels = block.at;
+  const ptrdiff_t stride = block.stride;
   for (int y = 0; y < kHalfSide; ++y, pixels += stride) {
     for (int x = 0; x < kHalfSide; ++x) {
       const int v = pixels[x];
@@ -124,15 +142,15 @@ Alone readAlone(const uint8_t* pixels, ptrdiff_t stride) {
           static_cast<float>(fine) / (kBendGain * kCount), fine == 0};
 }
 
-Equality compareExactly(const uint8_t* current, const uint8_t* previous, ptrdiff_t stride) {
+Equality compareExactly(Pixels current, Pixels previous) {
   uint64_t columns[2] = {};
   bool row = false;
-  for (int y = 0; y < kSide; ++y, current += stride, previous += stride) {
+  for (int y = 0; y < kSide; ++y, current.at += current.stride, previous.at += previous.stride) {
     uint64_t a[2];
     uint64_t b[2];
     static_assert(sizeof(a) == kSide);
-    std::memcpy(a, current, sizeof(a));
-    std::memcpy(b, previous, sizeof(b));
+    std::memcpy(a, current.at, sizeof(a));
+    std::memcpy(b, previous.at, sizeof(b));
     const uint64_t left = a[0] ^ b[0];
     const uint64_t right = a[1] ^ b[1];
     row = row || (left | right) == 0;

@@ -80,7 +80,7 @@ void measureMotion(RegistrationContext* context) {
 void measureNoise(RegistrationContext* context, bool begin) {
   if (begin) context->noise.restart();
   const bool valid = context->registrationResult == kRegistrationValid;
-  context->noise.measure(context->fullLuma, valid ? context->motionMatrix : nullptr);
+  context->noise.measure(context->fullLuma, valid ? context->motionMatrix : nullptr, context->fullChroma);
 }
 
 void* registrationThreadMain(void* argument) {

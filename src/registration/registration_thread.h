@@ -64,11 +64,12 @@ struct RegistrationContext {
   _KRMatch matches[kMaxPoints] = {};  // the kept pairs of the last frame, in pixels of the registration image
   int matchCount = 0;
 
-  // Measured only while measuresNoise is 1, from `fullLuma`: the frame's own luma, at frame size, which the frame path
-  // lends until registrationDone. The meter is allocated before measuresNoise is set, acquire/release.
+  // Measured only while measuresNoise is 1, from `fullLuma` and `fullChroma`: the frame's own, at frame size, which the
+  // frame path lends until registrationDone. The meter is allocated before measuresNoise is set, acquire/release.
   NoiseMeter noise;
   std::atomic<int> measuresNoise = 0;
   const uint8_t* fullLuma = nullptr;
+  ChromaPlanes fullChroma;
 
   // Replaces the tracker when set: known motion for tests.
   MotionSource motionSource = nullptr;
@@ -86,7 +87,7 @@ void* registrationThreadMain(void* context);
 // when a matrix is not finite, all three matrices are the identity; with easesLosses, the tracker's stabilisation is kept.
 void measureMotion(RegistrationContext* context);
 
-// The noise of the frame at `fullLuma` along that motion. begin: without regard to the frames before.
+// The noise of the frame at `fullLuma`, `fullChroma` along that motion. begin: without regard to the frames before.
 void measureNoise(RegistrationContext* context, bool begin);
 
 }  // namespace noxel

@@ -76,9 +76,9 @@ class Meter : public NoiseMeter {
  public:
   explicit Meter(int width = kWidth, int height = kHeight) { EXPECT_TRUE(allocate(width, height)); }
   // (x, y): what is at a place of this frame was that much further in the one before.
-  void measureMoved(const Frame& frame, Motion motion) {
+  void measureMoved(const Frame& frame, Motion motion, const ChromaPlanes& chroma = {}) {
     const float matrix[9] = {1, 0, static_cast<float>(motion.x), 0, 1, static_cast<float>(motion.y), 0, 0, 1};
-    measure(frame.data(), matrix);
+    measure(frame.data(), matrix, chroma);
   }
 };
 
@@ -149,6 +149,54 @@ TEST(NoiseCurve, StartsFromOneFrame) {
     EXPECT_FALSE(meter.curve().known);
     meter.measure(other.shoot(sceneAt({}, {})).data(), nullptr);
     EXPECT_LT(meter.curve().variance[13], 4 * 1.5);
+  }
+}
+
+// U and V of colour that changes with luma, in pairs or plane after plane; their noise has 0.5 and 0.3 of luma's variance.
+TEST(NoiseCurve, HasThatOfChroma) {
+  constexpr size_t kSamples = kWidth / 2 * (kHeight / 2);
+  constexpr double kShares[2] = {0.5, 0.3};
+  for (const bool pairs : {true, false}) {
+    for (const Motion step : {Motion{0, 0}, Motion{2.4, -1.3}}) {
+      for (const double sigma : {1.5, 8.0}) {
+        SCOPED_TRACE(std::string(pairs ? "pairs " : "planes ") + std::to_string(step.x) + " " + std::to_string(sigma));
+        Camera camera(sigma / 2, 0.0075 * sigma * sigma, true);
+        std::mt19937 random(9);
+        std::normal_distribution<double> gauss;
+        Meter meter;
+        for (int n = 0; n < 6; ++n) {
+          const Plane scene = sceneAt({n * step.x, n * step.y}, {n * step.x, n * step.y});
+          Frame chroma(2 * kSamples);
+          for (size_t i = 0; i < 2 * kSamples; ++i) {
+            const size_t at = i % kSamples;
+            const double luma = scene[2 * (at / (kWidth / 2)) * kWidth + 2 * (at % (kWidth / 2))];
+            const double deviation = std::sqrt(kShares[i / kSamples] * (camera.varianceAt(luma) - 1.0 / 12));
+            const double level = 128 + 0.3 * (luma - 110) + deviation * gauss(random);
+            chroma[pairs ? 2 * at + i / kSamples : i] = static_cast<uint8_t>(std::clamp(std::round(level), 0.0, 255.0));
+          }
+          const uint8_t* u = chroma.data();
+          const ChromaPlanes planes =
+              pairs ? ChromaPlanes{{u, u + 1}, 2, kWidth} : ChromaPlanes{{u, u + kSamples}, 1, kWidth / 2};
+          if (n == 0) {
+            meter.measure(camera.shoot(scene).data(), nullptr, planes);
+          } else {
+            meter.measureMoved(camera.shoot(scene), step, planes);
+          }
+          ASSERT_TRUE(meter.curve().chromaKnown);
+          for (const int i : entriesOf(scene)) {
+            for (int plane = 0; plane < 2; ++plane) {
+              const double truth = kShares[plane] * (camera.varianceAt(8 * i + 4) - 1.0 / 12) + 1.0 / 12;
+              const double ratio = static_cast<double>(meter.curve().chromaVariance[plane][i]) / truth;
+              // From one frame within a factor; later as luma's, which it inherits, and the few blocks' own error.
+              EXPECT_GT(ratio, n == 0 ? 0.5 : 0.7) << "frame " << n << ", plane " << plane << ", entry " << i;
+              EXPECT_LT(ratio, n == 0 ? 1.5 : 1.35) << "frame " << n << ", plane " << plane << ", entry " << i;
+            }
+          }
+        }
+        meter.measureMoved(camera.shoot(sceneAt({}, {})), {});  // a frame without chroma changes nothing
+        EXPECT_TRUE(meter.curve().chromaKnown);
+      }
+    }
   }
 }
 
@@ -245,9 +293,13 @@ TEST(NoiseCurve, TakesAnyBytesAndSizes) {
         Frame bytes(static_cast<size_t>(width) * static_cast<size_t>(height));
         for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(frame == 3 ? 255 * (random() & 1) : random());
         const double far = frame == 4 ? 1e30 : frame == 5 ? std::nan("") : 3.0;
-        meter.measureMoved(bytes, {far, -1});
-        for (const float variance : meter.curve().variance) {
-          EXPECT_TRUE(std::isfinite(variance) && variance >= 0) << width << " x " << height;
+        const uint8_t* chroma = bytes.data();  // half of the luma's bytes are enough
+        meter.measureMoved(bytes, {far, -1}, {{chroma + 1, chroma}, 2, width / 2 * 2});
+        for (int i = 0; i < NoiseCurve::kEntries; ++i) {
+          const NoiseCurve& curve = meter.curve();
+          for (const float variance : {curve.variance[i], curve.chromaVariance[0][i], curve.chromaVariance[1][i]}) {
+            EXPECT_TRUE(std::isfinite(variance) && variance >= 0) << width << " x " << height;
+          }
         }
       }
       // Four blocks of 16 x 16, with a pixel around each.
@@ -264,8 +316,8 @@ TEST(NoiseBlock, SumsAreTheSameOnEveryProcessor) {
   for (auto& plane : planes) {
     for (uint8_t& byte : plane) byte = static_cast<uint8_t>(random() % 3 == 0 ? 255 * (random() & 1) : random());
   }
-  const noise::HalfSums native = noise::sumHalf<tracker::NativeLanes>(planes[0] + 21, planes[1] + 23, 20);
-  const noise::HalfSums plain = noise::sumHalf<tracker::PlainLanes>(planes[0] + 21, planes[1] + 23, 20);
+  const noise::HalfSums native = noise::sumHalf<tracker::NativeLanes>({planes[0] + 21, 20}, {planes[1] + 23, 20});
+  const noise::HalfSums plain = noise::sumHalf<tracker::PlainLanes>({planes[0] + 21, 20}, {planes[1] + 23, 20});
   EXPECT_EQ(std::memcmp(&native, &plain, sizeof(plain)), 0);
 }
 
