@@ -1,8 +1,8 @@
 // Whole frames through the engine: time against the bare GL passes, throughput, first start, memory.
 //
-//   noxel_engine_bench [frames|throughput|start|memory|all] [number of frames]
+//   noxel_engine_bench [frames|throughput|clear|start|memory|all] [number of frames]
 //
-// The number of frames goes for the sections frames and throughput (100 unless given). Everything runs on the machine's
+// The number of frames goes for the sections frames, throughput and clear (100 unless given). Everything runs on the machine's
 // own EGL driver; two minutes on two cores with a software renderer.
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -26,6 +27,7 @@
 #include "platform/egl_display.h"
 #include "platform/frame_clock.h"
 #include "platform/log.h"
+#include "processor_time.h"
 #include "support/temporary_directory.h"
 
 namespace noxel {
@@ -127,8 +129,9 @@ struct KnownPan {
 // An engine with the motion of the camera's pan.
 class Engine {
  public:
-  Engine(int width, int height, int ringSlots, int outputDelay, int syncWithCaller, int lightMode) {
-    if (initializeEngine(width, height, kModeEnhance, ringSlots, outputDelay, syncWithCaller, nullptr, &engine) != 0 ||
+  Engine(int width, int height, int ringSlots, int outputDelay, int syncWithCaller, int lightMode,
+         int mode = kModeEnhance) {
+    if (initializeEngine(width, height, mode, ringSlots, outputDelay, syncWithCaller, nullptr, &engine) != 0 ||
         !engineReady(engine)) {
       fail("no engine: is there an EGL driver with OpenGL ES 3.0?");
     }
@@ -149,6 +152,7 @@ class Engine {
     while (engine->queuedFrames.load(std::memory_order_acquire) >= slots) usleep(100);
   }
   FrameReport report() { return lastFrameReport(engine); }
+  void set(unsigned id, int value) { KRSetParameter(id, &value, engine); }
 
  private:
   _KRSuperResEngine* engine = nullptr;
@@ -290,6 +294,54 @@ void throughputSection(int frames) {
   }
 }
 
+// The clear picture in each quality beside the temporal frame, in turns, with known motion: what is compared is the passes,
+// the noise meter and the tone. Processor time is that of the whole process; a software driver draws on its own threads.
+void clearOf(int width, int height, int frames) {
+  struct Row {
+    const char* name;
+    int mode;
+    int quality;
+    std::unique_ptr<Engine> engine;
+    std::vector<double> wallMs;
+    std::vector<double> processorMs;
+  };
+  Row rows[] = {{"mode 1, temporal", kModeEnhance, 1, {}, {}, {}},
+                {"mode 5, fast", kModeClear, 0, {}, {}, {}},
+                {"mode 5, balanced", kModeClear, 1, {}, {}, {}},
+                {"mode 5, best", kModeClear, 2, {}, {}, {}}};
+  const Camera camera(width, height);
+  for (Row& row : rows) {
+    row.engine = std::make_unique<Engine>(width, height, 1, 1, 1, kTemporal, row.mode);
+    row.engine->set(kParamQuality, row.quality);
+    row.engine->set(kParamNoiseReductionStrength, 50);
+  }
+  for (int i = 0; i < kWarmUpFrames + frames; ++i) {
+    for (Row& row : rows) {
+      std::vector<unsigned char> frame = camera.frame(i);
+      const double processor = processorMilliseconds();
+      const auto start = std::chrono::steady_clock::now();
+      row.engine->process(&frame);
+      if (i < kWarmUpFrames) continue;
+      row.wallMs.push_back(millisecondsSince(start));
+      row.processorMs.push_back(processorMilliseconds() - processor);
+    }
+  }
+  const double wall = tool::percentile(rows[0].wallMs, 50), processor = tool::percentile(rows[0].processorMs, 50);
+  for (const Row& row : rows) {
+    const double wallMs = tool::percentile(row.wallMs, 50), processorMs = tool::percentile(row.processorMs, 50);
+    std::printf("%4dx%-4d  %-18s  %8.2f %7.2f  %9.2f %7.2f\n", width, height, row.name, wallMs, wallMs / wall,
+                processorMs, processorMs / processor);
+  }
+  std::fflush(stdout);
+}
+
+void clearSection(int frames) {
+  std::printf("\nThe clear picture, milliseconds (p50 of %d frames each, in turns; aim: fast 4, balanced 8, best 16)\n",
+              frames);
+  std::printf("%-9s  %-18s  %8s %7s  %9s %7s\n", "size", "path", "wall", "ratio", "processor", "ratio");
+  clearOf(640, 360, frames);
+}
+
 // Runs this program again with `arguments` and answers what it wrote to standard output. An empty `mesaCache` leaves
 // the environment as it is.
 std::string runAgain(std::vector<std::string> arguments, const std::string& mesaCache) {
@@ -401,11 +453,11 @@ long residentKilobytes() {
 }
 
 // In a child, whose heap nothing else has used: resident kilobytes early and late in a run.
-void memoryOnce(int lightMode) {
+void memoryOnce(int mode, int lightMode) {
   constexpr int kEarly = 50;
   constexpr int kLate = 2000;
   const Camera camera(160, 96);
-  Engine engine(160, 96, 2, 2, 0, lightMode);
+  Engine engine(160, 96, 2, 2, 0, lightMode, mode);
   std::vector<unsigned char> frame;
   for (int i = 1; i <= kLate; ++i) {
     frame = camera.frame(i);
@@ -418,43 +470,81 @@ void memoryOnce(int lightMode) {
   }
 }
 
+// In a child: how many kilobytes a 1920x1080 engine adds to a process that has drawn with another one.
+void memoryAddedOnce(int mode) {
+  const Camera camera(1920, 1080);
+  Engine small(64, 48, 1, 1, 1, kTemporal, mode);
+  std::vector<unsigned char> frame(frameSize(64, 48));
+  for (int i = 0; i < 3; ++i) small.process(&frame);
+  const long before = residentKilobytes();
+  Engine engine(1920, 1080, 2, 2, 0, kTemporal, mode);
+  for (int i = 0; i < 5; ++i) {
+    frame = camera.frame(i);
+    engine.waitForRoom(2);
+    engine.process(&frame);
+  }
+  engine.waitForRoom(1);
+  std::printf("%ld\n", residentKilobytes() - before);
+}
+
 void memorySection() {
+  const struct {
+    const char* name;
+    int mode;
+    int lightMode;
+  } kinds[] = {
+      {"spatial", kModeEnhance, kSpatial}, {"temporal", kModeEnhance, kTemporal}, {"clear", kModeClear, kTemporal}};
   std::printf("\nResident memory at 160x96, pipelined set-up, kilobytes (aim: equal within 1 %%)\n");
   std::printf("%-8s  %10s  %10s  %7s\n", "path", "frame 50", "frame 2000", "ratio");
-  for (const int lightMode : {kSpatial, kTemporal}) {
-    const std::string text = runAgain({"memory-once", std::to_string(lightMode)}, "");
+  for (const auto& kind : kinds) {
+    const std::string text = runAgain({"memory-once", std::to_string(kind.mode), std::to_string(kind.lightMode)}, "");
     long early = 0;
     long late = 0;
     if (std::sscanf(text.c_str(), "%ld %ld", &early, &late) != 2) fail("a child said: " + text);
-    std::printf("%-8s  %10ld  %10ld  %7.4f\n", nameOf(lightMode), early, late,
+    std::printf("%-8s  %10ld  %10ld  %7.4f\n", kind.name, early, late,
                 static_cast<double>(late) / static_cast<double>(early));
     std::fflush(stdout);
   }
+  std::printf("\nResident memory that an engine for 1920x1080 adds, kilobytes (aim: clear at most 1.5 of temporal)\n");
+  long temporal = 0;
+  for (const auto& kind : kinds) {
+    if (kind.lightMode == kSpatial) continue;
+    const long added = std::atol(runAgain({"memory-added", std::to_string(kind.mode)}, "").c_str());
+    if (kind.mode == kModeEnhance) temporal = added;
+    std::printf("%-8s  %10ld  %7.2f\n", kind.name, added, static_cast<double>(added) / static_cast<double>(temporal));
+  }
 }
 
-int run(const std::string& section, const char* value) {
+int run(const std::vector<std::string>& arguments) {
+  const std::string& section = arguments[0];
   if (std::getenv("NOXEL_LOG_LEVEL") == nullptr) platform::setLogLevel(8);  // silent: the tables stay readable
   platform::setFrameClock(steadyCamera, &cameraFrames);
   platform::setProgramCacheDirectory("");
-  if (section == "start-once" && value != nullptr) {
-    startOnce(value);
+  if (section == "start-once" && arguments.size() == 2) {
+    startOnce(arguments[1].c_str());
     return 0;
   }
-  if (section == "memory-once" && value != nullptr) {
-    memoryOnce(std::atoi(value));
+  if (section == "memory-once" && arguments.size() == 3) {
+    memoryOnce(std::atoi(arguments[1].c_str()), std::atoi(arguments[2].c_str()));
+    return 0;
+  }
+  if (section == "memory-added" && arguments.size() == 2) {
+    memoryAddedOnce(std::atoi(arguments[1].c_str()));
     return 0;
   }
 
   const bool all = section == "all";
-  const bool known = all || section == "frames" || section == "throughput" || section == "start" || section == "memory";
-  const int frames = value != nullptr ? std::atoi(value) : 100;
+  const bool known = all || section == "frames" || section == "throughput" || section == "clear" ||
+                     section == "start" || section == "memory";
+  const int frames = arguments.size() > 1 ? std::atoi(arguments[1].c_str()) : 100;
   if (!known || frames < 1) {
-    std::fprintf(stderr, "usage: noxel_engine_bench [frames|throughput|start|memory|all] [number of frames]\n");
+    std::fprintf(stderr, "usage: noxel_engine_bench [frames|throughput|clear|start|memory|all] [number of frames]\n");
     return 2;
   }
   std::printf("EGL display: %s; %ld processors\n\n", platform::engineDisplayName(), sysconf(_SC_NPROCESSORS_ONLN));
   if (all || section == "frames") framesSection(frames);
   if (all || section == "throughput") throughputSection(frames);
+  if (all || section == "clear") clearSection(frames);
   if (all || section == "start") startSection();
   if (all || section == "memory") memorySection();
   return 0;
@@ -464,5 +554,7 @@ int run(const std::string& section, const char* value) {
 }  // namespace noxel
 
 int main(int count, char** arguments) {
-  return noxel::run(count > 1 ? arguments[1] : "all", count > 2 ? arguments[2] : nullptr);
+  std::vector<std::string> given(arguments + 1, arguments + count);
+  if (given.empty()) given.emplace_back("all");
+  return noxel::run(given);
 }

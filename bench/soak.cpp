@@ -115,8 +115,9 @@ class Soak {
   void changeParameter() {
     constexpr unsigned kIds[] = {
         kParamLightMode,  kParamLightMode,        kParamStabilization, kParamNoiseReductionStrength,
-        kParamSharpening, kParamExposureStrength, kParamDeghosting,    kParamContrast};
-    const unsigned id = kIds[draw(8)];
+        kParamSharpening, kParamExposureStrength, kParamDeghosting,    kParamContrast,
+        kParamQuality};
+    const unsigned id = kIds[draw(9)];
     const int value = draw(id == kParamLightMode || id == kParamStabilization ? 2 : 101);
     KRSetParameter(id, &value, engine);
   }
@@ -173,7 +174,7 @@ int main(int argc, char** argv) {
   app.option_defaults()->always_capture_default();
   app.add_option("--width", options.width);
   app.add_option("--height", options.height);
-  app.add_option("--mode", options.mode, "engine mode")->check(CLI::Range(0, 4));
+  app.add_option("--mode", options.mode, "engine mode")->check(CLI::Range(0, 5));
   app.add_option("--frames", options.frames);
   app.add_option("--cycles", options.cycles, "engines made and released");
   app.add_option("--seed", options.seed);

@@ -1,6 +1,7 @@
 # cmake -DOUTPUT=header -DSHADERS="a.vert;b.frag" -P embed_shaders.cmake
 #
-# Writes each text as `inline constexpr char k<Name><Kind>[]`, and kShaderTexts, a table of all texts and their file names.
+# Writes each text as `inline constexpr char k<Name><Kind>[]`, and kShaderTexts, a table of all texts and their file names. A
+# line `#include "file"` stands for that file's text, from the same folder; what it includes as well.
 set(constants "")
 set(table "")
 foreach(shader IN LISTS SHADERS)
@@ -14,6 +15,12 @@ foreach(shader IN LISTS SHADERS)
     string(APPEND identifier ${first}${rest})
   endforeach()
   file(READ ${shader} text)
+  get_filename_component(folder ${shader} DIRECTORY)
+  while(text MATCHES "#include \"([a-z_.]+)\"")
+    set(include "${CMAKE_MATCH_0}")
+    file(READ ${folder}/${CMAKE_MATCH_1} included)
+    string(REPLACE "${include}" "${included}" text "${text}")
+  endwhile()
   string(APPEND constants "inline constexpr char ${identifier}[] = R\"shader(${text})shader\";\n\n")
   string(APPEND table "    {\"${name}\", ${identifier}},\n")
 endforeach()

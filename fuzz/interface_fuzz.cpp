@@ -192,7 +192,7 @@ void Session::initialize(bool publicCall) {
   ++made_;
   engine.live = true;
   // Frames are read back in blocks of 4 x 2 pixels, mode 4's pictures as they are.
-  const bool known = engine.mode >= kModeThreeFrames && engine.mode <= kModeSynchronousRgba;
+  const bool known = engine.mode >= kModeThreeFrames && engine.mode <= kModeClear;
   const bool readBack = engine.mode == kModeSynchronousRgba || (engine.width % 4 == 0 && engine.height % 2 == 0);
   if (known && driverRequired() && std::max(engine.width, engine.height) <= 1300)
     FUZZ_CHECK(engineReady(engine.handle) == readBack);
@@ -220,7 +220,7 @@ void Session::setParameter(_KRSuperResEngine* handle, bool publicCall) {
   constexpr unsigned kPublicIds[] = {9, 10, 16, 17, 19};
   unsigned id = input_->byte() % 24u;
   if (id == 23) id = input_->take<unsigned>();
-  const bool known = publicCall ? id < 5 : id < 20 && (id < 13 || id > 15);
+  const bool known = publicCall ? id < 5 : id < 21 && (id < 13 || id > 15);
   const unsigned internalId = publicCall && known ? kPublicIds[id] : id;
   // Eight floats, read from an odd address.
   uint8_t bytes[1 + 8 * sizeof(float)];

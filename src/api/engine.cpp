@@ -181,6 +181,7 @@ int measureNoise(_KRSuperResEngine* engine, bool on) {
   const EngineReference reference(engine);
   if (!reference || engine->mode == kModeSynchronousRgba) return 1;
   Lock lock(frameMutex);
+  if (engine->mode == kModeClear) return 0;  // it always does
   RegistrationContext* registration = &engine->registration;
   if (on && !registration->noise.allocate(engine->width, engine->height)) {
     NOXEL_LOG_ERROR("no memory to measure noise");
@@ -194,6 +195,13 @@ int easeLosses(_KRSuperResEngine* engine, bool on) {
   const EngineReference reference(engine);
   if (!reference) return 1;
   engine->gpu.easesLosses.store(on ? 1 : 0, std::memory_order_relaxed);
+  return 0;
+}
+
+int restartCameraPath(_KRSuperResEngine* engine) {
+  const EngineReference reference(engine);
+  if (!reference) return 1;
+  engine->registration.restartsPath.store(1, std::memory_order_relaxed);
   return 0;
 }
 
@@ -247,15 +255,48 @@ int lastOwnTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity) {
   return count;
 }
 
+int enableBlends(_KRSuperResEngine* engine) {
+  const EngineReference reference(engine);
+  if (!reference || engine->mode != kModeClear || engine->offscreen == 0 || engine->syncWithCaller == 0) return 1;
+  Lock job(engine->jobMutex);
+  Lock api(engine->apiMutex);
+  if (engine->initialized.load(std::memory_order_acquire) == 0) return 1;
+  postCommand(engine, kCommandPrepareBlends);
+  engine->gpu.gpuDone.wait();
+  return engine->gpu.blendsPrepared ? 0 : 1;
+}
+
+size_t blendWords(int width, int height) {
+  return 8 * static_cast<size_t>((width + 1) / 2) * static_cast<size_t>((height + 1) / 2);
+}
+
+int keepBlend(_KRSuperResEngine* engine, uint16_t* words) {
+  const EngineReference reference(engine);
+  if (!reference || !engine->gpu.blendsPrepared) return 1;
+  Lock lock(frameMutex);
+  engine->notes.keptBlend = words;
+  return 0;
+}
+
+int offerBlend(_KRSuperResEngine* engine, const uint16_t* words) {
+  const EngineReference reference(engine);
+  if (!reference || !engine->gpu.blendsPrepared) return 1;
+  Lock lock(frameMutex);
+  engine->notes.offeredBlend = words;
+  return 0;
+}
+
 int captureGhostMask(_KRSuperResEngine* engine, bool on) {
   const EngineReference reference(engine);
-  if (!reference || (engine->mode != kModeEnhance && engine->mode != kModeNeutralExposure)) return 1;
+  if (!reference) return 1;
+  const bool hasCanvas = engine->mode == kModeClear;
+  if (engine->mode != kModeEnhance && engine->mode != kModeNeutralExposure && !hasCanvas) return 1;
   DeliveryNotes* notes = &engine->notes;
   Lock lock(frameMutex);
   if (on && notes->mask == nullptr) {
-    const MaskSize size = ghostMaskSize(engine->width, engine->height);
+    const MaskSize size = ghostMaskSize(engine->width, engine->height, hasCanvas);
     const size_t count = static_cast<size_t>(size.width) * static_cast<size_t>(size.height);
-    if (notes->maskPixels == nullptr) notes->maskPixels = static_cast<unsigned char*>(std::calloc(count, 4));
+    if (notes->maskPixels == nullptr) notes->maskPixels = std::calloc(count, maskPixelBytes(hasCanvas));
     if (notes->maskPixels != nullptr) notes->mask = static_cast<unsigned char*>(std::calloc(count, 1));
     if (notes->mask == nullptr) {
       NOXEL_LOG_ERROR("no memory for the ghost mask");
@@ -269,7 +310,7 @@ int captureGhostMask(_KRSuperResEngine* engine, bool on) {
 bool lastGhostMask(_KRSuperResEngine* engine, unsigned char* mask, int capacity, int* width, int* height) {
   const EngineReference reference(engine);
   if (!reference) return false;
-  const MaskSize size = ghostMaskSize(engine->width, engine->height);
+  const MaskSize size = ghostMaskSize(engine->width, engine->height, engine->mode == kModeClear);
   const int count = size.width * size.height;
   Lock lock(frameMutex);
   if (!engine->notes.maskValid || capacity < count) return false;

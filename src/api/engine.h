@@ -12,6 +12,7 @@
 #include "kernels/worker_pool.h"
 #include "platform/signal.h"
 #include "registration/registration_thread.h"
+#include "tonemapping/clear_tone.h"
 
 namespace noxel {
 
@@ -25,7 +26,8 @@ enum GpuCommand : int {
   kCommandCreateOffscreen = 5,
   kCommandProcessInPlace = 6,
   kCommandLoadLuma = 7,
-  kCommandLoadChroma = 8
+  kCommandLoadChroma = 8,
+  kCommandPrepareBlends = 9
 };
 
 // Argument of the GPU thread. The plain words are the poster's until it raises gpuRequest and the GPU thread's until that
@@ -42,6 +44,7 @@ struct GpuThreadContext {
 
   HandOver handOver = {};
   _KRGPUEngine* gpuEngine = nullptr;  // the GPU thread's alone
+  bool blendsPrepared = false;        // as the command's fields; mode 5
   std::atomic<int> ready = 0;         // 1 while the GPU engine stands; set before the first gpuDone. The GPU thread's.
 
   // Parameters. Set by any thread, read by the GPU thread or a job: relaxed, a frame late is fine.
@@ -60,6 +63,7 @@ struct GpuThreadContext {
   std::atomic<int> contrast = 30;
   std::atomic<int> deghosting = 5;
   std::atomic<int> noiseReductionStrength = 65;
+  std::atomic<int> quality = 1;
   std::atomic<int> flipChroma = 0;
   std::atomic<int> easesLosses = 0;
   std::atomic<int> lightMode = 1;
@@ -127,6 +131,7 @@ struct _KRSuperResEngine {
   noxel::DeliveryNotes notes;  // what the GPU thread tells of a delivered frame
 
   noxel::RegistrationContext registration;
+  noxel::ClearTone clearTone;  // mode 5; the running job's
   pthread_t registrationThread = {};
   bool registrationThreadStarted = false;
   noxel::WorkerPool registrationWorkers;

@@ -1,6 +1,7 @@
 // The engine as our own tools and tests drive it: the functions behind the C interface, with nothing folded away.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "noxel/noxel.h"
@@ -14,7 +15,10 @@ enum EngineMode : int {
   kModeEnhance = 1,
   kModeStabilize = 2,        // stabilised and sharpened, no history; stabilisation is on from the start
   kModeNeutralExposure = 3,  // as kModeEnhance with gamma and gain held at 1
-  kModeSynchronousRgba = 4   // packed RGBA in place, blocking; no ring, no registration
+  kModeSynchronousRgba = 4,  // packed RGBA in place, blocking; no ring, no registration
+  // The clear picture: history on a canvas that stands still, local motion, noise taken out by what is known of it, tone
+  // that leaves well-exposed pictures alone. Strength 0..100, 0: the frames as they came.
+  kModeClear = 5
 };
 
 // Ids of KRSetParameter. Value: one int unless said otherwise.
@@ -35,7 +39,8 @@ enum InternalParameter : unsigned {
   kParamLightMode = 16,               // 0 temporal, 1 spatial; others keep the path (mode 0: each frame by itself)
   kParamImageFormat = 17,             // 17 NV21, 0x32315659 YV12
   kParamTotalZoom = 18,               // float, 1..32; mode 4: how far the picture will be magnified
-  kParamExposureStrength = 19         // 0..100, clamped
+  kParamExposureStrength = 19,        // 0..100, clamped
+  kParamQuality = 20                  // 0 fast, 1 balanced, 2 best, clamped; mode 5
 };
 
 // Makes an engine and its threads; returns when the GPU side stands. 0, and *handle set; 1 when the sizes are refused (each
@@ -92,7 +97,7 @@ using PassObserver = void (*)(void* context, const char* pass, uint64_t nanoseco
 // From the next frame on; null, as at the start, switches it off. An observed frame waits for its passes. 1: no live engine.
 int observePasses(_KRSuperResEngine* engine, PassObserver observer, void* context);
 
-// From the next frame on; off by default. Costs registration half a millisecond a frame. 1: no live engine, out of memory,
+// From the next frame on; off by default, in mode 5 always on. Costs registration half a millisecond a frame. 1: no live engine, out of memory,
 // or a mode without registration (4).
 int measureNoise(_KRSuperResEngine* engine, bool on);
 
@@ -101,6 +106,9 @@ int measureNoise(_KRSuperResEngine* engine, bool on);
 // scale: 3/20) until the motion is known again and the path goes on from there; only a break in the sequence restarts it.
 // 1: no live engine.
 int easeLosses(_KRSuperResEngine* engine, bool on);
+
+// The next frame's camera path starts from rest: that frame is not moved by stabilisation. 1: no live engine.
+int restartCameraPath(_KRSuperResEngine* engine);
 
 FrameReport lastFrameReport(_KRSuperResEngine* engine);
 
@@ -118,12 +126,28 @@ int measureOwnMotion(_KRSuperResEngine* engine);
 // frame. None while this is not measured.
 int lastOwnTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity);
 
-// How far the blend of the frame delivered last was held back, over the output picture: 0 as the strength asks for, 255
-// the current frame alone. Off by default; while it is on, the GPU thread waits for the mask of each frame. 1 when there
-// is no live engine, memory ran out, or the engine blends no frames under a mask (modes 1 and 3 do).
+// Mode 5 in the synchronous set-up above can look ahead, by a second engine that is fed the following frames backwards: its
+// blends, without the frame itself, are kept and offered to the first one, which weights both by the frames they are worth.
+//
+// Makes the images for it. 1: no live engine of mode 5, or no memory; the engine goes on without.
+int enableBlends(_KRSuperResEngine* engine);
+
+// 16-bit words of a blend: per 2 x 2 pixels four of luma, then in a second plane U, V, the count of frames (11 bits behind the
+// point) and an unused one; levels have 8 bits behind the point. A count of 0: nothing is known there.
+size_t blendWords(int width, int height);
+
+// Of the next frame alone. `words` stays the caller's and is used until KRProcessFrame returns. A frame whose blend is kept
+// comes back as it was; where it could not be drawn `words` is left alone. 1: no live engine, or blends are not enabled.
+int keepBlend(_KRSuperResEngine* engine, uint16_t* words);
+int offerBlend(_KRSuperResEngine* engine, const uint16_t* words);
+
+// How far the blend of the frame delivered last was held back: 0 as the strength asks for, 255 the current frame alone. Over the
+// output picture; in mode 5 over the frame itself, and with fewer frames behind a place than the strength asks for it grows.
+// Off by default; while it is on, the GPU thread waits for the mask of each frame. 1 when there is no live engine, memory ran
+// out, or the engine does not blend so (modes 1, 3 and 5 do).
 int captureGhostMask(_KRSuperResEngine* engine, bool on);
 
-// Writes width x height bytes, 1/8 of the frame's size, and says so in *width and *height. False, and nothing written, when
+// Writes width x height bytes, 1/8 of the frame's size, in mode 5 half of it, and says so in *width and *height. False, and nothing written, when
 // that frame was not blended, the capture is off, or `capacity` is too small.
 bool lastGhostMask(_KRSuperResEngine* engine, unsigned char* mask, int capacity, int* width, int* height);
 

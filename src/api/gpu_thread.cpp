@@ -31,7 +31,7 @@ bool isReady(const GpuThreadContext& context) {
   return context.ready.load(std::memory_order_relaxed) == 1;
 }
 
-// The spatial path reads four luma samples a texel, the temporal path one.
+// The spatial path reads four luma samples a texel, but in mode 5; the temporal path one.
 void loadFrame(GpuThreadContext* context) {
   const Frame& frame = *context->frame;
   const int lightMode = frame.settings.lightMode;
@@ -40,7 +40,7 @@ void loadFrame(GpuThreadContext* context) {
   const bool spatialByMode =
       (frame.status == -1 || ring0) && frame.settings.noiseReductionStrength > 0 && lightMode == 1;
   startWatch(5);
-  if (spatialByStatus || spatialByMode) {
+  if (context->gpuEngine->plan->lightReadsPacked && (spatialByStatus || spatialByMode)) {
     loadPackedTextures(context->gpuEngine, frame.buffer);
   } else {
     loadTextures(context->gpuEngine, frame.buffer);
@@ -50,7 +50,8 @@ void loadFrame(GpuThreadContext* context) {
 
 // Raises gpuDone between taking the frame over and drawing it: the next frame may be loaded into the ring meanwhile.
 void process(GpuThreadContext* context) {
-  const bool drawn = context->gpuMode >= kModeThreeFrames && context->gpuMode <= kModeNeutralExposure;
+  const bool drawn = context->gpuMode >= kModeThreeFrames && context->gpuMode <= kModeClear &&
+                     context->gpuMode != kModeSynchronousRgba;
   const uint32_t sequence = context->frame->sequence;
   takeReset(context, sequence);
   if (drawn && isReady(*context)) {
@@ -98,6 +99,9 @@ bool runCommand(GpuThreadContext* context, int command) {
       return true;
     case kCommandLoadChroma:
       timedLoad(context, [=] { loadTextureUVOnly(context->gpuEngine, context->frame->buffer); });
+      return true;
+    case kCommandPrepareBlends:
+      context->blendsPrepared = isReady(*context) && prepareBlends(context->gpuEngine);
       return true;
     case kCommandProcessInPlace:
       if (isReady(*context) && context->gpuMode == kModeSynchronousRgba) {

@@ -135,6 +135,9 @@ int dispatch(unsigned id, const void* value, _KRSuperResEngine* engine) {
     case kParamExposureStrength:
       setExposureStrength(engine, value);
       return 0;
+    case kParamQuality:
+      store(&gpu->quality, "quality", value);
+      return 0;
     default:
       return 1;
   }
@@ -158,6 +161,7 @@ FrameSettings takeSettings(const GpuThreadContext& parameters) {
   settings.useStabilization = word(parameters.useStabilization);
   settings.noiseReductionStrength = percent(parameters.noiseReductionStrength);
   settings.deghosting = word(parameters.deghosting);
+  settings.quality = std::clamp(word(parameters.quality), 0, 2);
   settings.sharpening = static_cast<float>(percent(parameters.sharpening));
   settings.contrast = static_cast<float>(percent(parameters.contrast));
   settings.flipChroma = word(parameters.flipChroma);

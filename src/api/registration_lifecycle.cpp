@@ -47,6 +47,16 @@ bool allocateRegistration(RegistrationContext* context) {
          createRegistration(context->width, context->height, 1, &context->registration) == 0;
 }
 
+// The clear picture needs to know how strong the noise is and what moves by itself.
+bool allocateForClear(_KRSuperResEngine* engine) {
+  RegistrationContext* context = &engine->registration;
+  if (engine->mode != kModeClear) return true;
+  if (!context->noise.allocate(engine->width, engine->height) || !enableMotionField(context->registration))
+    return false;
+  context->measuresNoise.store(1, std::memory_order_release);
+  return true;
+}
+
 }  // namespace
 
 int startRegistrationThread(_KRSuperResEngine* engine) {
@@ -55,7 +65,7 @@ int startRegistrationThread(_KRSuperResEngine* engine) {
   context->resolutionFactor = engine->scale;
   context->width = engine->width / engine->scale;
   context->height = engine->height / engine->scale;
-  if (!allocateRegistration(context)) {
+  if (!allocateRegistration(context) || !allocateForClear(engine)) {
     NOXEL_LOG_ERROR("no memory for registration");
     return 1;
   }

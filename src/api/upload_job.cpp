@@ -9,6 +9,7 @@
 #include "platform/log.h"
 #include "platform/stopwatch.h"
 #include "registration/luminance.h"
+#include "registration/point_tracker.h"
 
 namespace noxel {
 namespace {
@@ -160,6 +161,30 @@ void registerFrame(_KRSuperResEngine* engine, Frame* frame) {
   frame->registrationMs = static_cast<double>(KRTimeDiff(submitted, KRTimeNow())) * 1e-6;
 }
 
+// While chroma's own is not known it is taken for a demosaiced sensor's, measured: about 0.85 and 0.72 of luma's.
+void takeNoise(const RegistrationContext& registration, Frame* frame) {
+  // Of a frame's rounding, 1 / 12, and as much again for what drawing between pixels misses.
+  constexpr float kLeast = 1.0f / 6;
+  if (registration.measuresNoise.load(std::memory_order_acquire) == 0) return;
+  const NoiseCurve& curve = registration.noise.curve();
+  for (int i = 0; i < FrameNoise::kEntries; ++i) {
+    const float luma = curve.variance[i];
+    frame->noise.luma[i] = std::max(luma, kLeast);
+    frame->noise.blue[i] = std::max(curve.chromaKnown ? curve.chromaVariance[0][i] : 0.85f * luma, kLeast);
+    frame->noise.red[i] = std::max(curve.chromaKnown ? curve.chromaVariance[1][i] : 0.72f * luma, kLeast);
+  }
+}
+
+void takeLocalMotion(const RegistrationContext& registration, Frame* frame) {
+  static_assert(sizeof(BlockMotion) == 3 * sizeof(float));
+  if (registration.registration == nullptr || registration.registrationResult != kRegistrationValid) return;
+  const MotionField field = motionField(*registration.registration);
+  if (field.blocks == nullptr) return;
+  const int factor = registration.resolutionFactor;
+  frame->localMotion = {&field.blocks->dx, field.columns, field.rows, kMotionBlockSide * factor,
+                        static_cast<float>(factor)};
+}
+
 void takeResults(const RegistrationContext& registration, Frame* frame) {
   frame->tone = {registration.exposure.smoothedGamma, registration.exposure.smoothedGain};
   FrameParameters* motion = &frame->motion;
@@ -168,6 +193,18 @@ void takeResults(const RegistrationContext& registration, Frame* frame) {
   std::memcpy(motion->stabilizationTransform, stabilizes(*frame) ? registration.stabilizationMatrix : kIdentity3x3,
               sizeof(kIdentity3x3));
   frame->status = registration.registrationResult;
+  takeNoise(registration, frame);
+  takeLocalMotion(registration, frame);
+}
+
+// Mode 5. The table is the job's until the GPU thread has taken the frame over.
+void followTone(_KRSuperResEngine* engine, Frame* frame) {
+  if (engine->mode != kModeClear) return;
+  const bool newSequence = frame->startsSequence || frame->status == kRegistrationFailed;
+  const int strength = engine->registration.exposureStrength.load(std::memory_order_relaxed);
+  engine->clearTone.update(frame->buffer, engine->width, engine->height, engine->width, strength, newSequence);
+  frame->toneLevels = engine->clearTone.table().level;
+  frame->toneChromaGains = engine->clearTone.table().chromaGain;
 }
 
 void fillReport(_KRSuperResEngine* engine, const Frame& frame) {
@@ -201,6 +238,7 @@ void process(_KRSuperResEngine* engine, Frame* frame) {
   stopWatch("c2s", 72);
   engine->gpu.gpuDone.wait();  // the load
   takeResults(engine->registration, frame);
+  followTone(engine, frame);
   fillReport(engine, *frame);
   postCommand(engine, kCommandProcess, frame);
   engine->gpu.gpuDone.wait();

@@ -46,6 +46,43 @@ constexpr ProgramTexts kTexts[] = {
     {"kr_convr1", kVsBaseVert, kYuvToRgbFrag, {"s_YTexture", "s_CTexture"}},
     {"kr_convr2", kVsImageWidthScalarVert, kYuvToRgbPackedFrag, {"s_YTexture", "s_CTexture"}},
     {"kr_convr3", kVsImageWidthVectorVert, kYuvToRgbSelectorFrag, {"s_YTexture", "s_CTexture", "s_LTexture"}},
+    {"clear_split", kClearCellVert, kClearSplitFrag, {"s_Luma"}},
+    {"clear_history", kClearCellVert, kClearHistoryFrag, {"s_Canvas", "s_CanvasColour", "s_Local"}},
+    {"clear_difference", kClearCellVert, kClearDifferenceFrag, {"s_Frame", "s_Past", "s_Chroma", "s_PastColour"}},
+    {"clear_test", kClearCellVert, kClearTestFrag, {"s_Difference"}},
+    {"clear_blend", kClearCellVert, kClearBlendFrag, {"s_Frame", "s_Chroma", "s_Past", "s_PastColour", "s_Test"}},
+    {"clear_accumulate",
+     kClearCellVert,
+     kClearAccumulateFrag,
+     {"s_Canvas", "s_CanvasColour", "s_Frame", "s_Chroma", "s_PictureColour"}},
+    {"clear_follow", kClearCellVert, kClearFollowFrag, {"s_Picture", "s_PictureColour", "s_Local"}},
+    {"clear_anchor", kClearCellVert, kClearAnchorFrag, {"s_Picture", "s_PictureColour"}},
+    {"clear_patches", kClearCellVert, kClearPatchesFrag, {"s_Picture"}},
+    {"clear_guide", kClearCellVert, kClearGuideFrag, {"s_PictureColour", "s_Denoised"}},
+    {"clear_colour", kClearCellVert, kClearColourFrag, {"s_PictureColour", "s_Guide"}},
+    {"clear_colour_wide", kClearCellVert, kClearColourWideFrag, {"s_PictureColour", "s_Guide"}},
+    {"clear_keep", kClearCellVert, kClearKeepFrag, {"s_Past", "s_PastColour", "s_PictureColour"}},
+    {"clear_merge",
+     kClearCellVert,
+     kClearMergeFrag,
+     {"s_Picture", "s_PictureColour", "s_Offered", "s_OfferedColour"}},
+    {"clear_history_fast", kClearCellVert, kClearHistoryFastFrag, {"s_Canvas", "s_CanvasColour", "s_Local"}},
+    {"clear_test_fast", kClearCellVert, kClearTestFastFrag, {"s_Difference"}},
+    {"clear_blend_fast",
+     kClearCellVert,
+     kClearBlendFastFrag,
+     {"s_Frame", "s_Chroma", "s_Past", "s_PastColour", "s_Test"}},
+    {"clear_accumulate_fast",
+     kClearCellVert,
+     kClearAccumulateFastFrag,
+     {"s_Canvas", "s_CanvasColour", "s_Frame", "s_Chroma", "s_PictureColour"}},
+    {"clear_follow_fast", kClearCellVert, kClearFollowFastFrag, {"s_Picture", "s_PictureColour", "s_Local"}},
+    {"clear_patches_fast", kClearCellVert, kClearPatchesFastFrag, {"s_Picture"}},
+    {"clear_colour_fast", kClearCellVert, kClearColourFastFrag, {"s_PictureColour", "s_Guide"}},
+    {"clear_steady", kClearCellVert, kClearSteadyFrag, {"s_Luma", "s_Colour"}},
+    {"clear_show", kClearShowVert, kClearShowFrag, {"s_Luma", "s_Colour", "s_Tone"}},
+    {"clear_luma_bytes", kClearCellVert, kClearLumaBytesFrag, {"s_Luma", "s_Tone"}},
+    {"clear_chroma_bytes", kClearCellVert, kClearChromaBytesFrag, {"s_Luma", "s_Colour", "s_Tone"}},
 };
 static_assert(sizeof(kTexts) / sizeof(kTexts[0]) == kProgramCount);
 
@@ -92,10 +129,21 @@ bool ProgramFilter::buildAll(const CacheDirectory& cacheDirectory) {
 }
 
 bool LowLightFilter::setupPrograms(const CacheDirectory& cacheDirectory) {
+  if (untouchedOnly) return build(kr_w15, cacheDirectory);
   bool complete = true;
   for (int id = kr_w1; id <= kr_w27; ++id) {
     const auto program = static_cast<ProgramId>(id);
     if (isBuilt(program, syncMode, reducedPrograms)) complete = build(program, cacheDirectory) && complete;
+  }
+  return complete;
+}
+
+bool ClearFilter::setupPrograms(bool intoWindow, const CacheDirectory& cacheDirectory) {
+  bool complete = true;
+  for (int id = clear_split; id <= clear_chroma_bytes; ++id) {
+    const bool leavesGpu = id == clear_luma_bytes || id == clear_chroma_bytes;
+    if (id == clear_show ? !intoWindow : leavesGpu && intoWindow) continue;
+    complete = build(static_cast<ProgramId>(id), cacheDirectory) && complete;
   }
   return complete;
 }

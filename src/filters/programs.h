@@ -50,15 +50,42 @@ enum ProgramId : uint8_t {
   kr_convr1,
   kr_convr2,
   kr_convr3,
+  clear_split,
+  clear_history,
+  clear_difference,
+  clear_test,
+  clear_blend,
+  clear_accumulate,
+  clear_follow,
+  clear_anchor,
+  clear_patches,
+  clear_guide,
+  clear_colour,
+  clear_colour_wide,
+  clear_keep,
+  clear_merge,
+  clear_history_fast,
+  clear_test_fast,
+  clear_blend_fast,
+  clear_accumulate_fast,
+  clear_follow_fast,
+  clear_patches_fast,
+  clear_colour_fast,
+  clear_steady,
+  clear_show,
+  clear_luma_bytes,
+  clear_chroma_bytes,
   kProgramCount
 };
+
+inline constexpr int kMaxSamplers = 5;
 
 // What a program is made of. Its attribute is "a_Position" or, in the bilateral texts, "aPosition".
 struct ProgramTexts {
   const char* name;
   const char* vertex;
   const char* fragment;
-  const char* samplers[3];  // by texture unit; null: none
+  const char* samplers[kMaxSamplers];  // by texture unit; null: none
 };
 const ProgramTexts& programTexts(ProgramId id);
 
@@ -86,6 +113,7 @@ class LowLightFilter : public ProgramFilter {
  public:
   LowLightFilter() : ProgramFilter(kr_w1, kr_w27) {}
   bool syncMode = false;         // engine mode 4: build kr_w1 to kr_w7 only; set before setupPrograms
+  bool untouchedOnly = false;    // engine mode 5: kr_w15 alone
   bool reducedPrograms = false;  // engine mode 1: leave out what its sequences do not draw
 
   // Builds the programs of the build set that the flags select. False when one of them did not link. Once.
@@ -120,6 +148,15 @@ class YuvToRgbFilter : public ProgramFilter {
  public:
   YuvToRgbFilter() : ProgramFilter(kr_convr1, kr_convr3) {}
   bool setupPrograms(const CacheDirectory& cacheDirectory) { return buildAll(cacheDirectory); }
+};
+
+// The clear picture: a history on a canvas that stands still, blended where noise explains the difference, and the noise that
+// is left taken out within the frame. The picture lies in cells of 2 x 2 pixels, one texel each.
+class ClearFilter : public ProgramFilter {
+ public:
+  ClearFilter() : ProgramFilter(clear_split, clear_chroma_bytes) {}
+  // intoWindow: with what shows the picture there.
+  bool setupPrograms(bool intoWindow, const CacheDirectory& cacheDirectory);
 };
 
 // The 4 x 1 texture that picks a luma sample out of a packed texel: texel k is 255 in channel k and 0 elsewhere; nearest,

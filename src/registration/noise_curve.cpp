@@ -674,7 +674,9 @@ float NoiseMeter::quietRatio(int index, float share, float* trusted, float* qual
 void NoiseMeter::draw() {
   constexpr int kRounds = 4;
   constexpr float kSlack = 1.2f;
-  constexpr float kDark = 16;       // levels: noise is at most proportional to luma and this, up or down
+  // Levels. Shot noise grows with luma and this at most; a camera's tone curve makes noise of the dark as much larger as it is
+  // steeper there, gamma 2.2 by about the luma, and so the variance by its square.
+  constexpr float kDark = 16;
   constexpr float kClipped = 1.6f;  // luma of this many deviations: pixels are clipped at black
   double weights[kEntries];
   for (int i = 0; i < kEntries; ++i) {
@@ -688,7 +690,7 @@ void NoiseMeter::draw() {
       const float bound = entries_[j].bound;
       if (!(bound > 0.0f) || !(kLevelsPerEntry * static_cast<float>(j) > kClipped * std::sqrt(bound))) continue;
       const float ratio = (centreOf(std::max(i, j)) + kDark) / (centreOf(std::min(i, j)) + kDark);
-      if (i != j) most = std::min(most, kSlack * ratio * bound);
+      if (i != j) most = std::min(most, kSlack * (i < j ? ratio * ratio : ratio) * bound);
     }
     const float quality = entries_[i].quality;
     const float texture = quality > 0.0f ? std::sqrt(1 / quality - 1) * kTrusted / kUncertain : 0.0f;

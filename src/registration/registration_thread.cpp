@@ -68,6 +68,11 @@ void measureMotion(RegistrationContext* context) {
   valid = valid && isFinite(estimate.previousFromCurrent) && isFinite(estimate.currentFromPrevious) &&
           isFinite(estimate.stabilizedFromCurrent);
 
+  if (context->restartsPath.exchange(0, std::memory_order_relaxed) == 1) {
+    // Does not allocate: the path was set up with the thread.
+    (void)initStabilization(&context->stabilization, 1, 1, context->width, context->height);
+    setIdentity(estimate.stabilizedFromCurrent);
+  }
   context->registrationResult = valid ? kRegistrationValid : kRegistrationFailed;
   const int factor = context->resolutionFactor;
   storeMatrix(context->motionMatrix, valid ? estimate.previousFromCurrent : kIdentity3x3, factor);

@@ -50,6 +50,7 @@ struct RegistrationContext {
   int firstFrame = 1;  // 1: the next frame only primes the tracker
   // True: a lost frame's stabilisation matrix eases towards the identity, and the camera path goes on.
   bool easesLosses = false;
+  std::atomic<int> restartsPath = 0;  // 1, set by any thread, relaxed: the next frame's camera path starts from rest
 
   // Translations in full-resolution pixels.
   float motionMatrix[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};         // current to previous frame

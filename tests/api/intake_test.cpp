@@ -84,6 +84,7 @@ struct Road {
     engine->set(kParamLightMode, lightMode);
     engine->set(kParamNoiseReductionStrength, strength);
     engine->set(kParamContrast, 0);
+    engine->set(kParamExposureStrength, 0);  // mode 5's tone
   }
 };
 
@@ -91,7 +92,8 @@ class Roads : public ::testing::TestWithParam<Road> {};
 
 INSTANTIATE_TEST_SUITE_P(Modes, Roads,
                          ::testing::Values(Road{kModeNeutralExposure, 1, 0}, Road{kModeThreeFrames, 0, 65},
-                                           Road{kModeThreeFrames, 1, 65}, Road{kModeStabilize, 0, 65}),
+                                           Road{kModeThreeFrames, 1, 65}, Road{kModeStabilize, 0, 65},
+                                           Road{kModeClear, 0, 50}, Road{kModeClear, 1, 50}),
                          [](const auto& road) {
                            return std::to_string(road.param.mode) +
                                   (road.param.lightMode == 1 ? "light" : "registered");

@@ -133,15 +133,17 @@ TEST(Lifecycle, FramesOfAnySizeAreEnhancedOrComeBackAsTheyCame) {
   const std::pair<int, int> enhanced[] = {{4, 2}, {12, 6}, {16384, 16}};
   const std::pair<int, int> returned[] = {{1, 1},  {2, 2},    {3, 3},    {3, 16}, {5, 3},    {4, 1},
                                           {13, 8}, {1001, 1}, {1, 1001}, {8, 7},  {32768, 2}};
-  const auto run = [](int width, int height, int lightMode, bool isEnhanced) {
-    SCOPED_TRACE(testing::Message() << width << " x " << height << ", light mode " << lightMode);
+  const auto run = [](int width, int height, int mode, int lightMode, bool isEnhanced) {
+    SCOPED_TRACE(testing::Message() << width << " x " << height << ", mode " << mode << ", light mode " << lightMode);
     const LogCapture log;
     TestClock clock;
     _KRSuperResEngine* engine = nullptr;
-    ASSERT_EQ(Noxel_Initialize(width, height, &engine), 0);
+    ASSERT_EQ(initializeEngine(width, height, mode, 2, 2, 0, nullptr, &engine), 0);
     const bool usable = engineReady(engine);
     EXPECT_TRUE(usable == isEnhanced || (isEnhanced && !driverRequired())) << log.text();
-    EXPECT_EQ(Noxel_SetParameter(NOXEL_PARAMETER_LIGHT_MODE, &lightMode, engine), 0);
+    EXPECT_EQ(KRSetParameter(kParamLightMode, &lightMode, engine), 0);
+    const int exposure = mode == kModeClear ? 0 : 50;  // its tone may take two levels to one
+    EXPECT_EQ(KRSetParameter(kParamExposureStrength, &exposure, engine), 0);
     TestFrame last(width, height, 0);
     for (int i = 0; i < kFramesPerSize; ++i) {
       const TestFrame given(width, height, static_cast<unsigned char>(40 + 4 * i));
@@ -159,22 +161,22 @@ TEST(Lifecycle, FramesOfAnySizeAreEnhancedOrComeBackAsTheyCame) {
     EXPECT_EQ(log.contains("frames are returned as they came"), !usable) << log.text();
     EXPECT_EQ(Noxel_Release(&engine), 0);
   };
-  for (const int lightMode : {0, 1}) {
-    for (const auto& [width, height] : enhanced) run(width, height, lightMode, true);
-    for (const auto& [width, height] : returned) run(width, height, lightMode, false);
+  for (const auto& [mode, lightMode] : {std::pair{kModeEnhance, 0}, {kModeEnhance, 1}, {kModeClear, 0}}) {
+    for (const auto& [width, height] : enhanced) run(width, height, mode, lightMode, true);
+    for (const auto& [width, height] : returned) run(width, height, mode, lightMode, false);
   }
 }
 
 TEST(Lifecycle, AWindowTakesFramesOfAnySize) {
   const LogCapture log;
   for (const auto& [width, height] : {std::pair{1, 1}, {2, 2}, {3, 5}, {6, 2}, {5, 5}, {13, 7}, {4, 2}}) {
-    for (int lightMode : {1, 0}) {
+    for (const auto& [mode, lightMode] : {std::pair{kModeEnhance, 1}, {kModeEnhance, 0}, {kModeClear, 0}}) {
       FakeWindow window(16, 8);
       TestClock clock;
       _KRSuperResEngine* engine = nullptr;
-      ASSERT_EQ(Noxel_InitializeWithWindow(width, height, window.native(), &engine), 0);
+      ASSERT_EQ(initializeEngine(width, height, mode, 2, 2, 0, window.native(), &engine), 0);
       EXPECT_TRUE(engineReady(engine) || !driverRequired()) << log.text();
-      EXPECT_EQ(Noxel_SetParameter(NOXEL_PARAMETER_LIGHT_MODE, &lightMode, engine), 0);
+      EXPECT_EQ(KRSetParameter(kParamLightMode, &lightMode, engine), 0);
       for (int i = 0; i < 3; ++i) {
         TestFrame frame(width, height, 40);
         clock.advance(33);

@@ -229,13 +229,18 @@ TEST(Modes, DrawTheirOwnSequences) {
       {'L', {"light frame to RGB", "smooth wide", "smooth narrow", "sharpen"}},
       {'1', {"frame to RGB", "stabilise", "sharpen"}},
       {'2', {"frame to RGB", "blend two", "sharpen"}},
-      {'3', {"frame to RGB", "mean of three", "sharpen"}}};
+      {'3', {"frame to RGB", "mean of three", "sharpen"}},
+      // Mode 5: with and without a past.
+      {'A', {"cells", "blend", "anchor", "patches", "guide", "colour"}},
+      {'P', {"cells", "past", "difference", "test", "blend", "accumulate", "patches", "guide", "colour"}}};
   // Letter by letter a frame: its light mode, and whether its motion is known. That of a light frame is not used, and mode 0
   // measures none under a light mode that is neither: the first frame after it starts anew.
   const std::string lightModes = "00000010050500";
   const std::string known = "11110111111111";
-  const std::pair<int, std::string> modes[] = {
-      {kModeThreeFrames, "123312L1211112"}, {kModeEnhance, "RTTTRTSRTTTTTT"}, {kModeStabilize, "BBBBBBSBBBBBBB"}};
+  const std::pair<int, std::string> modes[] = {{kModeThreeFrames, "123312L1211112"},
+                                               {kModeEnhance, "RTTTRTSRTTTTTT"},
+                                               {kModeStabilize, "BBBBBBSBBBBBBB"},
+                                               {kModeClear, "APPPAPAAPPPPPP"}};
   for (const auto& [mode, drawn] : modes) {
     TestEngine engine(32, 16, {.mode = mode});
     NOXEL_NEEDS_GL(engine);
@@ -249,7 +254,8 @@ TEST(Modes, DrawTheirOwnSequences) {
       TestFrame frame(32, 16, 60);
       ASSERT_EQ(engine.process(&frame), 0);
       Passes expected = sequences.at(drawn[i]);
-      expected.insert(expected.end(), {"pack luma", "pack chroma"});
+      const bool clear = mode == kModeClear;
+      expected.insert(expected.end(), {clear ? "luma bytes" : "pack luma", clear ? "chroma bytes" : "pack chroma"});
       EXPECT_EQ(std::exchange(seen, {}), expected) << "mode " << mode << ", frame " << i;
     }
   }

@@ -48,7 +48,7 @@ TEST(Parameters, QuadsSwitchOffWithNullAndKeepTheirCorners) {
   EXPECT_EQ(KRSetParameter(kParamForceStabilization, nullptr, engine.handle), 0);
   EXPECT_EQ(gpu.useStabilization.load(), 1);
   EXPECT_EQ(gpu.stabilizationForced.load(), 1);
-  for (const unsigned id : {13u, 14u, 15u, 20u, 4096u}) EXPECT_EQ(KRSetParameter(id, corners, engine.handle), 1) << id;
+  for (const unsigned id : {13u, 14u, 15u, 21u, 4096u}) EXPECT_EQ(KRSetParameter(id, corners, engine.handle), 1) << id;
 }
 
 TEST(Parameters, ThePublicIdsReachTheirWords) {

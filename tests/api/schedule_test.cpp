@@ -96,7 +96,7 @@ class Schedule {
 
   void birth(Place* place, std::mt19937* random) {
     // Mode 3 with strength 0 gives back what it is given, which is what numbers need.
-    const int mode = draw(random, 3) != 0 ? kModeNeutralExposure : draw(random, 5);
+    const int mode = draw(random, 3) != 0 ? kModeNeutralExposure : draw(random, 6);
     const int slots = 1 + draw(random, 3);
     _KRSuperResEngine* made = nullptr;
     const int delay = 1 + draw(random, 3);
@@ -185,8 +185,9 @@ class Schedule {
   }
 
   void set(unsigned actor) {
-    constexpr unsigned kIds[] = {kParamLightMode, kParamLightMode,  kParamStabilization,    kParamSharpening,
-                                 kParamContrast,  kParamDeghosting, kParamExposureStrength, kParamFlipChroma};
+    constexpr unsigned kIds[] = {kParamLightMode,        kParamLightMode,  kParamStabilization,
+                                 kParamSharpening,       kParamContrast,   kParamDeghosting,
+                                 kParamExposureStrength, kParamFlipChroma, kParamQuality};
     std::mt19937 random(seed * 7 + actor);
     for (int i = 0; i < 200; ++i) {
       Place* place = &places[draw(&random, count)];
@@ -201,7 +202,7 @@ class Schedule {
       if (i % 9 == 0) {
         KRSetParameter(kParamZoom, &zoom, engine);
       } else {
-        KRSetParameter(kIds[draw(&random, 8)], &value, engine);
+        KRSetParameter(kIds[draw(&random, 9)], &value, engine);
       }
       if (i % 8 == 0) std::this_thread::sleep_for(std::chrono::microseconds(draw(&random, 2000)));
     }

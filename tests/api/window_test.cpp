@@ -135,7 +135,7 @@ TEST_F(Window, NeedsNoAlphaAndIsFilledAfterEachResize) {
 }
 
 TEST_F(Window, EveryModeDrawsIntoIt) {
-  for (const auto& [mode, lightMode] : {std::pair{0, 0}, {0, 1}, {2, 0}, {2, 1}, {3, 0}}) {
+  for (const auto& [mode, lightMode] : {std::pair{0, 0}, {0, 1}, {2, 0}, {2, 1}, {3, 0}, {5, 0}, {5, 1}}) {
     const SdlWindow window("mode", {kWidth, kHeight});
     Stream stream(window, kReddish, mode, lightMode);
     EXPECT_TRUE(comesToShow(window, kReddish, {&stream})) << "mode " << mode << ", light mode " << lightMode;

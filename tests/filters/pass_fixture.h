@@ -45,10 +45,11 @@ class PassTest : public GlTest {
 
   // The first row of that name that is drawn with that program.
   static const Pass& row(std::string_view name, ProgramId program) {
-    for (int mode = 0; mode <= 4; ++mode) {
+    for (int mode = 0; mode <= 5; ++mode) {
       const ModePlan& plan = modePlan(mode);
       const std::span<const Pass> untouched(&untouchedPass(false), 1);
-      for (const auto passes : {plan.light, plan.first, plan.second, plan.later, plan.pack, sparePasses(), untouched}) {
+      for (const auto passes :
+           {plan.light, plan.first, plan.second, plan.later, plan.show, plan.pack, sparePasses(), untouched}) {
         for (const Pass& pass : passes) {
           if (pass.name == name && pass.program == program) return pass;
         }
@@ -61,6 +62,7 @@ class PassTest : public GlTest {
   Program* programOf(ProgramId id) {
     if (id <= kr_w27) return lowLight.program(id);
     if (id <= kr_bl2) return bilateral.program(id);
+    if (id >= clear_split) return clear.program(id);
     return id <= kr_r3 ? rgbToYuv.program(id) : yuvToRgb.program(id);
   }
 
@@ -89,6 +91,7 @@ class PassTest : public GlTest {
   BilateralFilter bilateral;
   RgbToYuvFilter rgbToYuv;
   YuvToRgbFilter yuvToRgb;
+  ClearFilter clear;  // built by the tests that draw with it
   Texture selector;
   PassInput input;
   FrameSettings& settings = input.context.settings;

@@ -32,12 +32,25 @@ bool countDelivered(const HandOver& handOver, uint32_t sequence) {
   return true;
 }
 
+unsigned char maskLevel(float heldBack) {
+  return static_cast<unsigned char>(std::lround(255.0f * std::clamp(heldBack, 0.0f, 1.0f)));
+}
+
 // The mask holds the weight of the current frame: the strength's own where nothing holds the blend back, 1 at most.
 void noteMask(DeliveryNotes* notes, MaskSize size, float ownWeight) {
+  const auto* weights = static_cast<const unsigned char*>(notes->maskPixels);
   for (int i = 0; i < size.width * size.height; ++i) {
-    const float weight = static_cast<float>(notes->maskPixels[4 * i]) / 255.0f;
-    const float heldBack = std::clamp((weight - ownWeight) / (1.0f - ownWeight), 0.0f, 1.0f);
-    notes->mask[i] = static_cast<unsigned char>(std::lround(255.0f * heldBack));
+    const float weight = static_cast<float>(weights[4 * i]) / 255.0f;
+    notes->mask[i] = maskLevel((weight - ownWeight) / (1.0f - ownWeight));
+  }
+}
+
+// The blend's third value counts frames, in steps of 1/2048, the current one included.
+void noteCounts(DeliveryNotes* notes, MaskSize size, float maxCount) {
+  const auto* cells = static_cast<const uint32_t*>(notes->maskPixels);
+  for (int i = 0; i < size.width * size.height; ++i) {
+    const float count = static_cast<float>(cells[4 * i + 2]) / 2048.0f;
+    notes->mask[i] = maxCount > 1.0f ? maskLevel(1.0f - (count - 1.0f) / (maxCount - 1.0f)) : 0;
   }
 }
 
@@ -51,9 +64,13 @@ void takeNotes(const _KRGPUEngine& engine, bool wasRead, DeliveryNotes* notes) {
   notes->gpuMs =
       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - engine.frame.taken).count();
   notes->maskValid = engine.maskCaptured;
-  if (notes->maskValid) {
-    noteMask(notes, ghostMaskSize(engine.width, engine.height),
-             ownWeight(engine.frame.settings.noiseReductionStrength));
+  if (!notes->maskValid) return;
+  const int strength = engine.frame.settings.noiseReductionStrength;
+  const MaskSize size = ghostMaskSize(engine.width, engine.height, engine.plan->hasCanvas);
+  if (engine.plan->hasCanvas) {
+    noteCounts(notes, size, maxFrameCount(strength));
+  } else {
+    noteMask(notes, size, ownWeight(strength));
   }
 }
 

@@ -18,6 +18,7 @@ struct FrameSettings {
   int quadBEnabled = 1;
   int useStabilization = 0;
   int noiseReductionStrength = 65;  // 0..100: beyond, the current frame would weigh nothing and the picture freeze
+  int quality = 1;                  // 0 fast, 1 balanced, 2 best; mode 5
   int deghosting = 5;               // as given
   float sharpening = 2.0f;          // 0..100, as the next; modes 0, 2 and 4
   float contrast = 30.0f;
@@ -39,6 +40,23 @@ struct Tone {
   float gain = 1.0f;
 };
 
+// Variance of the frame's noise by luma, 8-bit levels squared; entry i is for luma 8 i .. 8 i + 7. Mode 5.
+struct FrameNoise {
+  static constexpr int kEntries = 32;
+  float luma[kEntries];
+  float blue[kEntries];  // of U
+  float red[kEntries];   // of V
+};
+
+// How the blocks of a frame moved beside the common motion, row by row from the top left. Mode 5.
+struct LocalMotion {
+  const float* blocks = nullptr;  // each: dx, dy, confidence; null: none is known to
+  int columns = 0;
+  int rows = 0;
+  int block = 8;      // pixels of the frame across
+  float scale = 1.0f;  // pixels of the frame for 1 in dx, dy
+};
+
 // Which way a frame is enhanced: by itself, or together with those before it.
 enum class FramePath : uint8_t { kNone, kSpatial, kTemporal };
 
@@ -48,6 +66,11 @@ struct Frame {
   FrameSettings settings;
   FrameParameters motion;
   Tone tone;
+  FrameNoise noise = {};
+  // Mode 5, as the buffer: by luma level 0..255 the level out, and the factor of chroma's distance from grey, 0..15. Null: as it came.
+  const float* toneLevels = nullptr;
+  const float* toneChromaGains = nullptr;
+  LocalMotion localMotion;  // as these
   int status = 1;  // -1 spatial path, 0 first frame or failed registration, 1 registered
 
   bool startsSequence = false;                  // the tracker has nothing to measure its motion against

@@ -1,5 +1,8 @@
+#include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <limits>
+#include <utility>
 
 #include "gl/engine/gpu_engine.h"
 
@@ -24,9 +27,90 @@ void loadChroma(_KRGPUEngine* engine, const unsigned char* frame) {
 // The spatial path reads packed luma, the others plain luma. When the status changed after the load command, the wrong one was
 // loaded.
 void ensureLumaForSequence(_KRGPUEngine* engine) {
-  const bool packed = engine->historyCount == -1;
+  const bool packed = engine->historyCount == -1 && engine->plan->lightReadsPacked;
   if (packed && !engine->packedLumaFilled) loadPackedLuma(engine, engine->frame.buffer);
   if (!packed && !engine->lumaFilled) loadLuma(engine, engine->frame.buffer);
+}
+
+// Mode 5, where the enhanced picture is not wanted.
+void leaveAsItCame(_KRGPUEngine* engine) {
+  engine->frame.settings.noiseReductionStrength = 0;
+  engine->frame.toneLevels = engine->frame.toneChromaGains = nullptr;
+  engine->frameFromPicture = {};
+}
+
+// 16 bits of level and of chroma's factor, the high byte first.
+void loadTone(_KRGPUEngine* engine) {
+  const Frame& frame = engine->frame;
+  unsigned char texels[4 * kToneEntries];
+  for (int i = 0; i < kToneEntries; ++i) {
+    const float level = frame.toneLevels != nullptr ? frame.toneLevels[i] : static_cast<float>(i);
+    const float gain = frame.toneChromaGains != nullptr ? frame.toneChromaGains[i] : 1.0f;
+    const auto levelBits = static_cast<unsigned>(std::lround(std::clamp(level, 0.0f, 255.0f) * 256.0f));
+    const auto gainBits = static_cast<unsigned>(std::lround(std::clamp(gain, 0.0f, 15.0f) * 4096.0f));
+    texels[4 * i] = static_cast<unsigned char>(levelBits >> 8);
+    texels[4 * i + 1] = static_cast<unsigned char>(levelBits & 255);
+    texels[4 * i + 2] = static_cast<unsigned char>(gainBits >> 8);
+    texels[4 * i + 3] = static_cast<unsigned char>(gainBits & 255);
+  }
+  engine->toneTexture.Load(texels);
+}
+
+// What the caller asked of this frame.
+void takeBlends(_KRGPUEngine* engine) {
+  DeliveryNotes* notes = engine->handOver.notes;
+  const uint16_t* offered = nullptr;
+  engine->keptBlend = nullptr;
+  if (notes != nullptr) {
+    Lock lock(*engine->handOver.frameMutex);
+    engine->keptBlend = std::exchange(notes->keptBlend, nullptr);
+    offered = std::exchange(notes->offeredBlend, nullptr);
+  }
+  engine->clearFrame.keeps = engine->keptBlend != nullptr;
+  engine->clearFrame.merges = offered != nullptr && !engine->clearFrame.keeps;
+  if (engine->clearFrame.merges) frameBufferOf(engine, Image::kOffered)->LoadWords(offered);
+}
+
+// Of every 16th row.
+float meanLuma(const _KRGPUEngine& engine) {
+  uint64_t sum = 0, count = 0;
+  for (int y = 0; y < engine.height; y += 16) {
+    const unsigned char* row = engine.frame.buffer + static_cast<size_t>(y) * static_cast<size_t>(engine.width);
+    for (int x = 0; x < engine.width; ++x) sum += row[x];
+    count += static_cast<uint64_t>(engine.width);
+  }
+  return static_cast<float>(sum) / static_cast<float>(count);
+}
+
+void store16(float value, unsigned char* bytes) {
+  const auto bits = static_cast<unsigned>(std::lround(std::clamp((value + 128.0f) * 256.0f, 0.0f, 65535.0f)));
+  bytes[0] = static_cast<unsigned char>(bits >> 8);
+  bytes[1] = static_cast<unsigned char>(bits & 255);
+}
+
+// More likely than not.
+constexpr float kMovesOnItsOwn = 0.5f;
+
+void loadLocalMotion(_KRGPUEngine* engine) {
+  const LocalMotion& motion = engine->frame.localMotion;
+  ClearFrame* clear = &engine->clearFrame;
+  clear->localBlock = static_cast<float>(motion.block);
+  const int columns = std::min(motion.columns, engine->localMotionTexture.width);
+  const int rows = std::min(motion.rows, engine->localMotionTexture.height);
+  for (int row = 0; row < engine->localMotionTexture.height; ++row) {
+    for (int column = 0; column < engine->localMotionTexture.width; ++column) {
+      float moved[2] = {0, 0};
+      if (motion.blocks != nullptr && column < columns && row < rows) {
+        const float* block = motion.blocks + 3 * (row * motion.columns + column);
+        for (int i = 0; i < 2 && block[2] >= kMovesOnItsOwn; ++i) moved[i] = block[i] * motion.scale;
+      }
+      clear->movesLocally = clear->movesLocally || moved[0] != 0.0f || moved[1] != 0.0f;
+      unsigned char* texel = engine->localMotionTexels + 4 * (row * engine->localMotionTexture.width + column);
+      store16(moved[0], texel);
+      store16(moved[1], texel + 2);
+    }
+  }
+  engine->localMotionTexture.Load(engine->localMotionTexels);
 }
 
 void updateHistory(_KRGPUEngine* engine, int status) {
@@ -106,6 +190,14 @@ void prepareFrame(_KRGPUEngine* engine, const Frame& frame) {
   followWindow(engine);
   updateHistory(engine, frame.status);
   updateWarps(engine, frame);
+  if (engine->plan->hasCanvas) {
+    if (frame.settings.enabled != 1 || frame.settings.quadBEnabled != 1) leaveAsItCame(engine);
+    engine->clearFrame = engine->clearHistory.step(engine->historyCount >= 1 ? frame.motion.frameMatrixA : nullptr,
+                                                   engine->frameFromPicture, meanLuma(*engine));
+    takeBlends(engine);
+    loadTone(engine);
+    loadLocalMotion(engine);
+  }
   ensureLumaForSequence(engine);
 }
 

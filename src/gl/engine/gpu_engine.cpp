@@ -16,6 +16,34 @@ bool isRgbaMode(const _KRGPUEngine& engine) {
   return engine.mode == 4;
 }
 
+// The image whose framebuffer an image is in.
+Image framebufferImage(Image image) {
+  switch (image) {
+    case Image::kDrawnPastColour:
+    case Image::kSteady:  // the past has been blended by then
+    case Image::kSteadyColour:
+      return Image::kDrawnPast;
+    case Image::kBlendColour:
+      return Image::kBlend;
+    case Image::kOfferedColour:
+      return Image::kOffered;
+    case Image::kMergedColour:
+      return Image::kMerged;
+    default:
+      return image;
+  }
+}
+
+bool isSecond(Image image) {
+  return image == Image::kDrawnPastColour || image == Image::kSteadyColour || image == Image::kBlendColour ||
+         image == Image::kCanvasColour || image == Image::kNextCanvasColour || image == Image::kOfferedColour ||
+         image == Image::kMergedColour || image == Image::kPictureColour;
+}
+
+int ownIndex(Image image) {
+  return kMaxLevelImages + static_cast<int>(image) - static_cast<int>(Image::kHalfLuma);
+}
+
 // Index of an image in frameBuffers, -1 for one that is no framebuffer. The images of the frame's size share four: the ring
 // takes the first ones.
 int frameBufferIndex(const _KRGPUEngine& engine, Image image) {
@@ -38,10 +66,17 @@ int frameBufferIndex(const _KRGPUEngine& engine, Image image) {
       return 3;
     case Image::kOut:
       return engine.offscreen == 1 ? engine.outIndex : -1;
+    case Image::kCanvas:
+    case Image::kCanvasColour:
+      return ownIndex(engine.historyIndex == 0 ? Image::kCanvas : Image::kNextCanvas);
+    case Image::kPicture:
+    case Image::kPictureColour:
+      return ownIndex(engine.clearFrame.merges ? Image::kMerged : Image::kBlend);
+    case Image::kNextCanvas:
+    case Image::kNextCanvasColour:
+      return ownIndex(engine.historyIndex == 0 ? Image::kNextCanvas : Image::kCanvas);
     default:
-      return image < Image::kHalfLuma || image >= Image::kCount
-                 ? -1
-                 : kMaxLevelImages + static_cast<int>(image) - static_cast<int>(Image::kHalfLuma);
+      return image < Image::kHalfLuma || image >= Image::kCount ? -1 : ownIndex(framebufferImage(image));
   }
 }
 
@@ -56,6 +91,10 @@ const Texture* uploadedTexture(const _KRGPUEngine& engine, Image image) {
       return &engine.chromaTexture;
     case Image::kRgba:
       return &engine.rgbaTexture;
+    case Image::kToneTable:
+      return &engine.toneTexture;
+    case Image::kLocalMotion:
+      return &engine.localMotionTexture;
     case Image::kSelector:
       return &engine.selectorTexture;
     default:
@@ -84,15 +123,49 @@ ImageSize sizeFor(const _KRGPUEngine& engine, Image image) {
       return {part(width, 4), part(height, 4)};
     case Image::kMask:
     case Image::kSmallScratch: {
-      const MaskSize mask = ghostMaskSize(width, height);
+      const MaskSize mask = ghostMaskSize(width, height, false);
       return {mask.width, mask.height};
     }
     case Image::kReduced:
       return {std::max(static_cast<int>(width * 0.75), 1), std::max(static_cast<int>(height * 0.75), 1)};
     case Image::kHalf:
       return {part(width, 2), part(height, 2)};
+    case Image::kCells:
+    case Image::kDrawnPast:
+    case Image::kDifference:
+    case Image::kTest:
+    case Image::kBlend:
+    case Image::kOffered:
+    case Image::kMerged:
+    case Image::kDenoised:
+    case Image::kGuide:
+    case Image::kColour:
+    case Image::kSteady:
+      return {(width + 1) / 2, (height + 1) / 2};
+    case Image::kCanvas:
+    case Image::kNextCanvas:
+      return {(width + 1) / 2 + kCanvasBorder, (height + 1) / 2 + kCanvasBorder};
     default:
       return {width, height};
+  }
+}
+
+Texels texelsOf(Image image) {
+  switch (image) {
+    case Image::kDrawnPast:
+    case Image::kBlend:
+    case Image::kOffered:
+    case Image::kMerged:
+    case Image::kSteady:
+    case Image::kCanvas:
+    case Image::kNextCanvas:
+      return Texels::kTwiceInWords;
+    case Image::kDenoised:
+    case Image::kGuide:
+    case Image::kColour:
+      return Texels::kWords;
+    default:
+      return Texels::kBytes;
   }
 }
 
@@ -109,6 +182,11 @@ void forEachPass(const _KRGPUEngine& engine, const Visit& visit) {
     for (const Pass& pass : sequence) visit(pass);
   }
   if (isRgbaMode(engine)) return;
+  if (plan.hasCanvas) {
+    if (engine.offscreen == 0) visit(untouchedPass(false));
+    for (const Pass& pass : engine.offscreen == 1 ? plan.pack : plan.show) visit(pass);
+    return;
+  }
   visit(untouchedPass(false));
   visit(untouchedPass(true));
   if (engine.offscreen == 0) return;
@@ -120,13 +198,30 @@ bool createImage(_KRGPUEngine* engine, int index, Image image) {
   FrameBuffer& frameBuffer = engine->frameBuffers[index];
   if (frameBuffer.isThere()) return true;  // another pass draws into it too
   const ImageSize size = sizeFor(*engine, image);
-  frameBuffer = FrameBuffer::make(size.width, size.height, isPacked(image) ? GL_NEAREST : GL_LINEAR);
+  frameBuffer = FrameBuffer::make(size.width, size.height, isPacked(image) ? GL_NEAREST : GL_LINEAR, texelsOf(image));
   if (!frameBuffer.isThere()) return false;
   const int delay = engine->handOver.outputDelay;
   if (image == Image::kLumaBytes) frameBuffer.InitPixelBuffers(engine->width / 4 * engine->height * 4, delay);
   if (image == Image::kChromaBytes) frameBuffer.InitPixelBuffers(engine->width / 4 * engine->height / 2 * 4, delay);
   if (image == Image::kInPlace) frameBuffer.InitPixelBuffers(engine->width * engine->height * 4, delay);
   return true;
+}
+
+// A block of local motion is at least 8 pixels wide.
+bool createClearTextures(_KRGPUEngine* engine) {
+  const int width = engine->width;
+  const int height = engine->height;
+  const int columns = (width + 7) / 8;
+  const int rows = (height + 7) / 8;
+  engine->localMotionTexels =
+      static_cast<unsigned char*>(std::calloc(static_cast<size_t>(columns) * static_cast<size_t>(rows), 4));
+  if (engine->localMotionTexels == nullptr) NOXEL_LOG_ERROR("no memory for the local motion");
+  engine->localMotionTexture = Texture::make(columns, rows, GL_RGBA, GL_NEAREST);
+  engine->toneTexture = Texture::make(kToneEntries, 1, GL_RGBA, GL_NEAREST);
+  engine->lumaTexture = Texture::make(width, height, GL_LUMINANCE);
+  engine->chromaTexture = Texture::make(part(width, 2), part(height, 2), GL_LUMINANCE_ALPHA);
+  return engine->localMotionTexels != nullptr && engine->localMotionTexture.isThere() &&
+         engine->toneTexture.isThere() && engine->lumaTexture.isThere() && engine->chromaTexture.isThere();
 }
 
 bool createTextures(_KRGPUEngine* engine) {
@@ -136,6 +231,7 @@ bool createTextures(_KRGPUEngine* engine) {
     engine->rgbaTexture = Texture::make(width, height, GL_RGBA);
     return engine->rgbaTexture.isThere();
   }
+  if (engine->plan->hasCanvas) return createClearTextures(engine);
   engine->packedLumaTexture = Texture::make(part(width, 4), height, GL_RGBA, GL_NEAREST);
   engine->lumaTexture = Texture::make(width, height, GL_LUMINANCE);
   engine->chromaTexture = Texture::make(part(width, 2), part(height, 2), GL_LUMINANCE_ALPHA);
@@ -144,12 +240,21 @@ bool createTextures(_KRGPUEngine* engine) {
          engine->selectorTexture.isThere();
 }
 
+bool createCanvases(_KRGPUEngine* engine) {
+  engine->clearHistory = ClearHistory(engine->width, engine->height);
+  return createImage(engine, ownIndex(Image::kCanvas), Image::kCanvas) &&
+         createImage(engine, ownIndex(Image::kNextCanvas), Image::kNextCanvas);
+}
+
 // Makes the textures, and the images that the mode's passes draw into. False when one is missing.
 bool CreateResources(_KRGPUEngine* engine) {
   bool complete = createTextures(engine);
   forEachPass(*engine, [&](const Pass& pass) {
+    if (pass.writes == Image::kMerged) return;  // prepareBlends
     if (pass.writes == Image::kNext) {
       for (int i = 0; i < engine->plan->ringLength; ++i) complete = createImage(engine, i, pass.writes) && complete;
+    } else if (pass.writes == Image::kNextCanvas) {
+      complete = createCanvases(engine) && complete;
     } else if (const int index = frameBufferIndex(*engine, pass.writes); index >= 0) {
       complete = createImage(engine, index, pass.writes) && complete;
     }
@@ -160,6 +265,14 @@ bool CreateResources(_KRGPUEngine* engine) {
 // False when a program is missing that a pass of the mode needs: a pass left out leaves its target undefined.
 bool LoadShaders(_KRGPUEngine* engine) {
   const CacheDirectory directory = openProgramCache(platform::programCacheDirectory(), shaders::kProgramFingerprint);
+  if (engine->plan->hasCanvas) {
+    const bool intoWindow = engine->offscreen == 0;
+    engine->lowLight.untouchedOnly = true;
+    const bool built = engine->clear.setupPrograms(intoWindow, directory) &&
+                       (!intoWindow || engine->lowLight.setupPrograms(directory));
+    glReleaseShaderCompiler();
+    return built;
+  }
   engine->lowLight.syncMode = isRgbaMode(*engine);
   engine->lowLight.reducedPrograms = engine->mode == 1;
   (void)engine->lowLight.setupPrograms(directory);
@@ -228,9 +341,26 @@ void create(int width, int height, void* window, const HandOver& handOver, int m
 
 _KRGPUEngine::~_KRGPUEngine() {
   std::free(readBackFrame);
+  std::free(localMotionTexels);
+  std::free(wordScratch);
 }
 
-MaskSize ghostMaskSize(int frameWidth, int frameHeight) {
+bool prepareBlends(_KRGPUEngine* engine) {
+  forgetGLErrors();
+  bool complete = true;
+  for (const Image image : {Image::kMerged, Image::kOffered}) {
+    complete = complete && createImage(engine, ownIndex(image), image);
+  }
+  if (complete && engine->wordScratch == nullptr) {
+    const ImageSize cells = sizeFor(*engine, Image::kMerged);
+    const size_t count = static_cast<size_t>(cells.width) * static_cast<size_t>(cells.height);
+    engine->wordScratch = static_cast<uint32_t*>(std::calloc(count, 4 * sizeof(uint32_t)));
+  }
+  return NOXEL_CHECK_GL("prepareBlends") && engine->wordScratch != nullptr;
+}
+
+MaskSize ghostMaskSize(int frameWidth, int frameHeight, bool hasCanvas) {
+  if (hasCanvas) return {(frameWidth + 1) / 2, (frameHeight + 1) / 2};
   return {part(part(frameWidth, 4), 2), part(part(frameHeight, 4), 2)};
 }
 
@@ -242,7 +372,8 @@ FrameBuffer* frameBufferOf(_KRGPUEngine* engine, Image image) {
 GLuint textureOf(_KRGPUEngine* engine, Image image) {
   if (const Texture* texture = uploadedTexture(*engine, image); texture != nullptr) return texture->GetId();
   const FrameBuffer* frameBuffer = frameBufferOf(engine, image);
-  return frameBuffer != nullptr ? frameBuffer->GetTextureId() : 0;
+  if (frameBuffer == nullptr) return 0;
+  return isSecond(image) ? frameBuffer->secondTextureId : frameBuffer->GetTextureId();
 }
 
 ImageSize imageSize(const _KRGPUEngine& engine, Image image) {
@@ -255,6 +386,7 @@ ImageSize imageSize(const _KRGPUEngine& engine, Image image) {
 Program* programOf(_KRGPUEngine* engine, ProgramId id) {
   if (id <= kr_w27) return engine->lowLight.program(id);
   if (id <= kr_bl2) return engine->bilateral.program(id);
+  if (id >= clear_split) return engine->clear.program(id);
   return id <= kr_r3 ? engine->rgbToYuv.program(id) : engine->yuvToRgb.program(id);
 }
 

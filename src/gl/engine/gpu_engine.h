@@ -4,9 +4,11 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 #include "filters/programs.h"
+#include "gl/engine/clear_history.h"
 #include "gl/engine/pass_timer.h"
 #include "gl/engine/sequences.h"
 #include "gl/engine/warps.h"
@@ -25,10 +27,14 @@ struct DeliveryNotes {
   double gpuMs = 0.0;  // of the GPU thread, from prepareFrame to delivery; a wait for the caller counts
 
   // The ghost mask, to see where the blend is held back.
-  std::atomic<int> captureMask = 0;     // 1: release/acquire, once the buffers are allocated
-  unsigned char* maskPixels = nullptr;  // RGBA as read back; the GPU thread's
-  unsigned char* mask = nullptr;        // 0 the blend that the strength asks for, 255 the current frame alone
-  bool maskValid = false;               // the frame was blended, and `mask` is its own
+  std::atomic<int> captureMask = 0;  // 1: release/acquire, once the buffers are allocated
+  void* maskPixels = nullptr;        // as read back, maskPixelBytes each; the GPU thread's
+  unsigned char* mask = nullptr;     // 0 the blend that the strength asks for, 255 the current frame alone
+  bool maskValid = false;            // the frame was blended, and `mask` is its own
+
+  // Of the next frame alone; mode 5.
+  uint16_t* keptBlend = nullptr;           // where its blend goes; null: it is made a picture of
+  const uint16_t* offeredBlend = nullptr;  // what comes after it; null: not known
 
   PassObserver passObserver = nullptr;  // null: the passes are not timed
   void* passObserverContext = nullptr;
@@ -49,6 +55,8 @@ struct HandOver {
 };
 
 // The framebuffers of an engine; images of the passes may share one. Only those that a pass of the mode draws into are made.
+inline constexpr int kToneEntries = 256;
+
 inline constexpr int kMaxLevelImages = 4;  // of the frame's size
 inline constexpr int kMaxFrameBuffers =
     kMaxLevelImages + static_cast<int>(Image::kCount) - static_cast<int>(Image::kHalfLuma);
@@ -69,17 +77,23 @@ struct _KRGPUEngine {
   BilateralFilter bilateral;
   YuvToRgbFilter yuvToRgb;
   RgbToYuvFilter rgbToYuv;
+  ClearFilter clear;
 
   Texture lumaTexture;        // one sample a texel
   Texture packedLumaTexture;  // four samples a texel, nearest
   Texture chromaTexture;      // V in red, U in alpha
   Texture rgbaTexture;        // mode 4
   Texture selectorTexture;
+  Texture toneTexture;        // mode 5, as the next
+  Texture localMotionTexture;
+  unsigned char* localMotionTexels = nullptr;  // owned
   FrameBuffer frameBuffers[kMaxFrameBuffers];  // by frameBufferIndex; empty where no pass of the mode draws into it
   PassTimer passTimer;
 
   HandOver handOver = {};
   unsigned char* readBackFrame = nullptr;  // owned; holds the whole frame before it is copied to the output buffer
+  uint32_t* wordScratch = nullptr;         // owned; an image of words as GL surely reads it back: mode 5, once blends are kept
+  uint16_t* keptBlend = nullptr;           // the notes', of the frame being drawn
   size_t lumaSize = 0;                     // width * height
   int failedReadBacks = 0;                 // since the last good one
 
@@ -89,8 +103,10 @@ struct _KRGPUEngine {
   int outputWidth = 0;
   int outputHeight = 0;
   float outputTransform[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
-  Warp frameFromPicture;               // W of the newest frame drawn into history
-  Warp previousFromFrame;              // its motion, in texture coordinates
+  Warp frameFromPicture;      // W of the newest frame drawn into history
+  Warp previousFromFrame;     // its motion, in texture coordinates
+  ClearHistory clearHistory;  // mode 5, as the next
+  ClearFrame clearFrame;
   float motionWarp[16] = {};           // current picture to accumulated frame
   float previousFromCurrent[16] = {};  // mode 0: this frame to the one before
   float previousFromPicture[16] = {};  // mode 0: current picture to the frame before
@@ -111,12 +127,19 @@ void CreateGPUEngineWithWindow(int width, int height, void* window, const HandOv
                                _KRGPUEngine** result);
 void DestroyGPUEngine(_KRGPUEngine** engine);  // null is allowed
 
-// Of the ghost mask that the blend reads, for frames of this size.
+// Of what tells how far the blend is held back, for frames of this size: the ghost mask, an eighth of the frame, in bytes; in
+// mode 5 the count of frames by cell, in unsigned integers of 32 bits. Four values a pixel.
 struct MaskSize {
   int width;
   int height;
 };
-MaskSize ghostMaskSize(int frameWidth, int frameHeight);
+MaskSize ghostMaskSize(int frameWidth, int frameHeight, bool hasCanvas);
+constexpr size_t maskPixelBytes(bool hasCanvas) {
+  return hasCanvas ? 16 : 4;
+}
+
+// Mode 5: makes what keeping and merging blends needs. False when GL failed or memory ran out; keep none then.
+bool prepareBlends(_KRGPUEngine* engine);
 
 // Loaders: the planes of an NV21 frame into textures.
 void loadTextures(_KRGPUEngine* engine, const unsigned char* frame);

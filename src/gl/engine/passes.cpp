@@ -67,6 +67,8 @@ void drawOne(_KRGPUEngine* engine, const Pass& pass, OutputTarget* output, const
   const Frame& frame = engine->frame;
   input.context = {frame.settings,
                    frame.tone,
+                   &frame.noise,
+                   &engine->clearFrame,
                    {engine->width, engine->height},
                    imageSize(*engine, pass.reads[0]),
                    imageSize(*engine, pass.writes)};
@@ -76,12 +78,18 @@ void drawOne(_KRGPUEngine* engine, const Pass& pass, OutputTarget* output, const
     input.transform = engine->outputTransform;
     input.corners = corners;
   } else {
-    engine->lowLight.BindWholeTarget(frameBufferOf(engine, pass.writes));
+    FrameBuffer* target = frameBufferOf(engine, pass.writes);
+    if (pass.overdraws) {
+      engine->lowLight.BindTarget(target);
+    } else {
+      engine->lowLight.BindWholeTarget(target);
+    }
   }
-  for (int i = 0; i < 3; ++i) input.textures[i] = textureOf(engine, pass.reads[i]);
+  for (int i = 0; i < kMaxSamplers; ++i) input.textures[i] = textureOf(engine, pass.reads[i]);
   setMapping(*engine, pass.mapping, &input);
   engine->passTimer.begin(pass.name);
-  drawPass(pass, input, programOf(engine, pass.program));
+  const bool fast = frame.settings.quality == 0 && pass.fastProgram != kProgramCount;
+  drawPass(pass, input, programOf(engine, fast ? pass.fastProgram : pass.program));
   engine->passTimer.end();
 }
 
@@ -89,7 +97,24 @@ bool drawsEnhanced(const _KRGPUEngine& engine) {
   return engine.frame.settings.quadBEnabled == 1 && engine.frame.settings.enabled == 1;
 }
 
+// Off-screen the finished picture goes into the bytes that are read back, and quads mean nothing.
+void drawClear(_KRGPUEngine* engine) {
+  for (const Pass& pass : frameSequence(*engine->plan, engine->historyCount)) drawOne(engine, pass, nullptr, nullptr);
+  if (engine->offscreen == 1) return;
+  const FrameSettings& settings = engine->frame.settings;
+  OutputTarget output(engine);
+  if (drawsEnhanced(*engine)) {
+    for (const Pass& pass : engine->plan->show) drawOne(engine, pass, &output, settings.quadB);
+  }
+  if (settings.quadAEnabled == 1) drawOne(engine, untouchedPass(false), &output, settings.quadA);
+  output.clearUnlessDrawn();
+}
+
 void drawPicture(_KRGPUEngine* engine) {
+  if (engine->plan->hasCanvas) {
+    drawClear(engine);
+    return;
+  }
   OutputTarget output(engine);
   if (drawsEnhanced(*engine)) {
     for (const Pass& pass : frameSequence(*engine->plan, engine->historyCount)) {
@@ -102,14 +127,29 @@ void drawPicture(_KRGPUEngine* engine) {
   output.clearUnlessDrawn();
 }
 
-// Reads back the mask of this blend. Blocks until the GPU is done; for diagnosis.
+// Reads back the mask of this blend, in mode 5 the count of frames beside its chroma: of unsigned integers ES 3.0 promises to
+// read four of 32 bits. Blocks until the GPU is done; for diagnosis.
 void captureMask(_KRGPUEngine* engine) {
   const DeliveryNotes* notes = engine->handOver.notes;
   engine->maskCaptured = false;
   if (notes == nullptr || notes->captureMask.load(std::memory_order_acquire) == 0 || engine->historyCount < 1) return;
-  FrameBuffer* mask = frameBufferOf(engine, Image::kMask);
-  mask->ReadPixels(0, 0, mask->GetWidth(), mask->GetHeight(), GL_RGBA, GL_UNSIGNED_BYTE, notes->maskPixels);
+  if (engine->plan->hasCanvas) {
+    FrameBuffer* blend = frameBufferOf(engine, Image::kBlend);
+    blend->ReadPixels(0, 0, blend->GetWidth(), blend->GetHeight(), GL_RGBA_INTEGER, GL_UNSIGNED_INT, notes->maskPixels,
+                      GL_COLOR_ATTACHMENT1);
+  } else {
+    FrameBuffer* mask = frameBufferOf(engine, Image::kMask);
+    mask->ReadPixels(0, 0, mask->GetWidth(), mask->GetHeight(), GL_RGBA, GL_UNSIGNED_BYTE, notes->maskPixels);
+  }
   engine->maskCaptured = true;
+}
+
+// Blocks until the GPU is done.
+void keepBlend(_KRGPUEngine* engine) {
+  if (engine->keptBlend == nullptr) return;
+  forgetGLErrors();
+  frameBufferOf(engine, Image::kMerged)->ReadWords(engine->keptBlend, engine->wordScratch);
+  NOXEL_CHECK_GL("keepBlend");
 }
 
 // The output buffer may be written once the caller has taken what it holds.
@@ -128,7 +168,7 @@ void drawPass(const Pass& pass, const PassInput& input, Program* program) {
   if (program == nullptr) return;
   program->Use();
   const ProgramTexts& texts = programTexts(pass.program);
-  for (int unit = 0; unit < 3 && texts.samplers[unit] != nullptr; ++unit) {
+  for (int unit = 0; unit < kMaxSamplers && texts.samplers[unit] != nullptr; ++unit) {
     program->SetTexture(unit, input.textures[unit], texts.samplers[unit]);
   }
   setMatrix(program, "m_Transform", input.transform);
@@ -180,13 +220,17 @@ void processFrame(_KRGPUEngine* engine) {
   stopWatch("ld", 6);
   if (!drawsEnhanced(*engine)) engine->historyCount = -1;  // nothing was kept of it: the next frame starts history anew
   captureMask(engine);
+  keepBlend(engine);
 
   engine->texturesLoaded = 0;
   engine->lumaFilled = engine->packedLumaFilled = false;
-  engine->historyIndex = (engine->historyIndex + 1) % engine->plan->ringLength;
+  if (!engine->clearFrame.keepsCanvas) engine->historyIndex = (engine->historyIndex + 1) % engine->plan->ringLength;
   if (engine->handOver.syncWithCaller == 1) waitForCaller(engine->handOver);
   startWatch(7);
-  if (engine->offscreen == 1) {
+  if (engine->keptBlend != nullptr) {
+    engine->passTimer.report();
+    deliver(engine, nullptr);
+  } else if (engine->offscreen == 1) {
     ReadBackYuv(engine);
     swapBuffers(engine);
   } else {

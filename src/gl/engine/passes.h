@@ -9,7 +9,7 @@ namespace noxel {
 // pixel, except `transform`, which acts on clip space.
 struct PassInput {
   PassContext context;
-  GLuint textures[3] = {};                    // in the order of the pass's reads
+  GLuint textures[kMaxSamplers] = {};         // in the order of the pass's reads
   const float* transform = kIdentityMatrix;   // m_Transform
   const float* warp = kIdentityMatrix;        // m_Warp
   const float* warpLatest = kIdentityMatrix;  // m_WarpLatest, as the next: kr_w9

@@ -136,7 +136,76 @@ constexpr Uniform kPackedPixel = {"uPixelSize", 1, 2, [](const PassContext& c, f
 constexpr Uniform kClampedGamma = {"u_Gamma", 1, 1,
                                    [](const PassContext& c, float* v) { v[0] = std::clamp(c.tone.gamma, 0.8f, 1.2f); }};
 
+// Mode 5.
+constexpr Uniform kCanvasFromFrame = {
+    "u_CanvasFromFrame", 2, 3, [](const PassContext& c, float* v) { std::copy_n(c.clear->canvasFromFrame, 6, v); }};
+constexpr Uniform kFrameFromCanvas = {
+    "u_FrameFromCanvas", 2, 3, [](const PassContext& c, float* v) { std::copy_n(c.clear->frameFromCanvas, 6, v); }};
+constexpr Uniform kFrameFromPicture = {
+    "u_FrameFromPicture", 2, 3, [](const PassContext& c, float* v) { std::copy_n(c.clear->frameFromPicture, 6, v); }};
+constexpr Uniform kShownSize = {"u_FrameSize", 1, 2, [](const PassContext& c, float* v) {
+                                  setPair(v, static_cast<float>(c.frame.width), static_cast<float>(c.frame.height));
+                                }};
+constexpr Uniform kLocalBlock = {"u_LocalBlock", 1, 1,
+                                 [](const PassContext& c, float* v) { v[0] = c.clear->localBlock; }};
+constexpr Uniform kScroll = {
+    "u_Scroll", 1, 2, [](const PassContext& c, float* v) { setPair(v, c.clear->scroll[0], c.clear->scroll[1]); }};
+constexpr Uniform kBorder = {"u_Border", 1, 2,
+                             [](const PassContext&, float* v) { setPair(v, kCanvasBorder / 2, kCanvasBorder / 2); }};
+constexpr Uniform kLumaNoise = {
+    "u_LumaNoise", 8, 4, [](const PassContext& c, float* v) { std::copy_n(c.noise->luma, FrameNoise::kEntries, v); }};
+constexpr Uniform kBlueNoise = {
+    "u_BlueNoise", 8, 4, [](const PassContext& c, float* v) { std::copy_n(c.noise->blue, FrameNoise::kEntries, v); }};
+constexpr Uniform kRedNoise = {
+    "u_RedNoise", 8, 4, [](const PassContext& c, float* v) { std::copy_n(c.noise->red, FrameNoise::kEntries, v); }};
+constexpr Uniform kTestScale = {"u_Scale", 1, 2, [](const PassContext& c, float* v) {
+                                  c.settings.quality == 0 ? setPair(v, 0.29f, 0.55f) : setPair(v, 0.34f, 0.42f);
+                                }};
+constexpr Uniform kLimits = {"u_Limits", 1, 2, [](const PassContext& c, float* v) {
+                               setPair(v, maxFrameCount(c.settings.noiseReductionStrength),
+                                       c.clear->hasPast ? 1.0f : 0.0f);
+                             }};
+constexpr Uniform kNoiseStrength = {"u_Strength", 1, 1, [](const PassContext& c, float* v) {
+                                      v[0] = static_cast<float>(c.settings.noiseReductionStrength) / 50.0f;
+                                    }};
+
 // When a pass is drawn.
+bool hasPast(const PassContext& c) {
+  return c.clear->hasPast;
+}
+bool anchors(const PassContext& c) {
+  return c.clear->anchors && !c.clear->keepsCanvas;
+}
+bool keeps(const PassContext& c) {
+  return c.clear->keeps;
+}
+bool finishes(const PassContext& c) {
+  return !keeps(c);
+}
+constexpr int kBest = 2;
+bool coloursNear(const PassContext& c) {
+  return finishes(c) && c.settings.quality != kBest;
+}
+bool coloursWide(const PassContext& c) {
+  return finishes(c) && c.settings.quality == kBest;
+}
+bool merges(const PassContext& c) {
+  return c.clear->merges;
+}
+bool isSteadied(const PassContext& c) {
+  if (keeps(c)) return false;
+  const float(&m)[6] = c.clear->frameFromPicture;
+  return m[0] != 1.0f || m[1] != 0.0f || m[2] != 0.0f || m[3] != 0.0f || m[4] != 1.0f || m[5] != 0.0f;
+}
+bool standsStill(const PassContext& c) {
+  return !keeps(c) && !isSteadied(c);
+}
+bool accumulatesFrame(const PassContext& c) {
+  return !c.clear->anchors && !c.clear->keepsCanvas;
+}
+bool followsLocalMotion(const PassContext& c) {
+  return accumulatesFrame(c) && c.clear->movesLocally;
+}
 bool dilatesThrice(const PassContext& c) {
   return dilations(c.settings.deghosting) >= 3;
 }
@@ -286,6 +355,90 @@ constexpr Pass kDetail[] = {
     {"detail", kr_w6, {kRgba, kQuarter}, kInPlace, kIdentity, {kDetailStrength}, isGbaWithoutContrast},
 };
 
+// Mode 5.
+constexpr Pass kClear[] = {
+    {"cells", clear_split, {kLuma}, kCells},
+    {"past",
+     clear_history,
+     {kCanvas, kCanvasColour, kLocalMotion},
+     kDrawnPast,
+     kIdentity,
+     {kCanvasFromFrame, kLocalBlock},
+     hasPast,
+     clear_history_fast},
+    {"difference",
+     clear_difference,
+     {kCells, kDrawnPast, kChroma, kDrawnPastColour},
+     kDifference,
+     kIdentity,
+     {kLumaNoise, kBlueNoise, kRedNoise},
+     hasPast},
+    {"test", clear_test, {kDifference}, kTest, kIdentity, {kTestScale}, hasPast, clear_test_fast},
+    {"blend",
+     clear_blend,
+     {kCells, kChroma, kDrawnPast, kDrawnPastColour, kTest},
+     kBlend,
+     kIdentity,
+     {kLimits},
+     nullptr,
+     clear_blend_fast},
+    {"accumulate",
+     clear_accumulate,
+     {kCanvas, kCanvasColour, kCells, kChroma, kBlendColour},
+     kNextCanvas,
+     kIdentity,
+     {kFrameFromCanvas, kScroll},
+     accumulatesFrame,
+     clear_accumulate_fast},
+    {"follow",
+     clear_follow,
+     {kBlend, kBlendColour, kLocalMotion},
+     kNextCanvas,
+     kIdentity,
+     {kFrameFromCanvas, kLocalBlock},
+     followsLocalMotion,
+     clear_follow_fast,
+     true},
+    {"anchor", clear_anchor, {kBlend, kBlendColour}, kNextCanvas, kIdentity, {kBorder}, anchors},
+    {"keep", clear_keep, {kDrawnPast, kDrawnPastColour, kBlendColour}, kMerged, kIdentity, {}, keeps},
+    {"merge", clear_merge, {kBlend, kBlendColour, kOffered, kOfferedColour}, kMerged, kIdentity, {kLimits}, merges},
+    {"patches",
+     clear_patches,
+     {kPicture},
+     kDenoised,
+     kIdentity,
+     {kLumaNoise, kNoiseStrength},
+     finishes,
+     clear_patches_fast},
+    {"guide", clear_guide, {kPictureColour, kDenoised}, kGuide, kIdentity, {}, finishes},
+    {"colour",
+     clear_colour,
+     {kPictureColour, kGuide},
+     kColour,
+     kIdentity,
+     {kBlueNoise, kRedNoise, kNoiseStrength},
+     coloursNear,
+     clear_colour_fast},
+    {"colour",
+     clear_colour_wide,
+     {kPictureColour, kGuide},
+     kColour,
+     kIdentity,
+     {kBlueNoise, kRedNoise, kNoiseStrength},
+     coloursWide},
+    {"stabilise", clear_steady, {kDenoised, kColour}, kSteady, kIdentity, {kFrameFromPicture}, isSteadied},
+};
+constexpr Pass kPackClear[] = {
+    {"luma bytes", clear_luma_bytes, {kDenoised, kToneTable}, kLumaBytes, kIdentity, {}, standsStill},
+    {"chroma bytes", clear_chroma_bytes, {kDenoised, kColour, kToneTable}, kChromaBytes, kIdentity, {}, standsStill},
+    {"luma bytes", clear_luma_bytes, {kSteady, kToneTable}, kLumaBytes, kIdentity, {}, isSteadied},
+    {"chroma bytes", clear_chroma_bytes, {kSteady, kSteadyColour, kToneTable}, kChromaBytes, kIdentity, {}, isSteadied},
+};
+constexpr Pass kShowClear[] = {
+    {"show", clear_show, {kDenoised, kColour, kToneTable}, kOut, kIdentity, {kShownSize}, standsStill},
+    {"show", clear_show, {kSteady, kSteadyColour, kToneTable}, kOut, kIdentity, {kShownSize}, isSteadied},
+};
+
 // Modes 1 and 3 hand the chroma back in the order that it came in; 0 and 2 may flip it.
 constexpr Pass kPack[] = {
     {"pack luma", kr_r1, {kOut}, kLumaBytes, kIdentity, {kPackedPixel}},
@@ -323,13 +476,14 @@ constexpr Pass kSpare[] = {
 };
 
 constexpr ModePlan kPlans[] = {
-    {kLightFrame, kFirstOfThree, kSecondOfThree, kMeanOfThree, kPackFlipping, 3, false},
-    {kSpatial, kHistoryStart, kTemporal, kTemporal, kPack, 2, true},
-    {kSpatial, kStabilizedOnly, kStabilizedOnly, kStabilizedOnly, kPackFlipping, 2, false},
-    {kSpatial, kHistoryStart, kTemporal, kTemporal, kPack, 2, true},
-    {kDetail, {}, {}, {}, {}, 1, false},
+    {kLightFrame, kFirstOfThree, kSecondOfThree, kMeanOfThree, {}, kPackFlipping, 3, false, true, false},
+    {kSpatial, kHistoryStart, kTemporal, kTemporal, {}, kPack, 2, true, true, false},
+    {kSpatial, kStabilizedOnly, kStabilizedOnly, kStabilizedOnly, {}, kPackFlipping, 2, false, true, false},
+    {kSpatial, kHistoryStart, kTemporal, kTemporal, {}, kPack, 2, true, true, false},
+    {kDetail, {}, {}, {}, {}, {}, 1, false, true, false},
+    {kClear, kClear, kClear, kClear, kShowClear, kPackClear, 2, false, false, true},
 };
-constexpr ModePlan kNoPlan = {{}, {}, {}, {}, {}, 1, false};
+constexpr ModePlan kNoPlan = {{}, {}, {}, {}, {}, {}, 1, false, false, false};
 
 }  // namespace
 
@@ -352,6 +506,10 @@ std::span<const Pass> sparePasses() {
 
 float ownWeight(int strength) {
   return 0.99f - 0.0089f * static_cast<float>(strength);
+}
+
+float maxFrameCount(int strength) {
+  return 1.0f + 15.0f * std::min(static_cast<float>(strength) / 50.0f, 1.0f);
 }
 
 float contrastCurve(float contrast) {

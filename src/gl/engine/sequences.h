@@ -5,6 +5,7 @@
 #include <span>
 
 #include "filters/programs.h"
+#include "gl/engine/clear_history.h"
 #include "gl/engine/frame.h"
 
 namespace noxel {
@@ -18,6 +19,8 @@ enum class Image : uint8_t {
   kPackedLuma,  // four samples a texel
   kChroma,      // V in red, U in alpha
   kRgba,        // mode 4
+  kToneTable,   // mode 5, as the next
+  kLocalMotion,
   kSelector,    // picks a sample out of a packed texel
   // Of the frame's size.
   kNext,          // ring: this frame's place
@@ -41,6 +44,29 @@ enum class Image : uint8_t {
   kQuarter,
   kLumaBytes,  // what is read back
   kChromaBytes,
+  // Mode 5: the picture in cells of 2 x 2 pixels, one a texel. The colour of an image is its framebuffer's second texture.
+  kCells,      // the frame's luma
+  kDrawnPast,  // the canvas as the frame sees it
+  kDrawnPastColour,
+  kDifference,
+  kTest,
+  kBlend,
+  kBlendColour,
+  kOffered,  // what comes after the frame, from the caller
+  kOfferedColour,
+  kMerged,  // the blend with it; in an engine that keeps its blends: what is kept
+  kMergedColour,
+  kPicture,  // what the noise is taken out of: the merged one, or the blend where nothing is offered
+  kPictureColour,
+  kDenoised,
+  kGuide,
+  kColour,
+  kSteady,  // zoomed and stabilised
+  kSteadyColour,
+  kCanvas,  // as large as the frame and a border; the two change places with each frame
+  kCanvasColour,
+  kNextCanvas,
+  kNextCanvasColour,
   kCount
 };
 
@@ -63,6 +89,8 @@ struct ImageSize {
 struct PassContext {
   FrameSettings settings;
   Tone tone;
+  const FrameNoise* noise;  // mode 5, as the next
+  const ClearFrame* clear;
   ImageSize frame;
   ImageSize source;  // of the first image that the pass reads
   ImageSize target;
@@ -71,19 +99,21 @@ struct PassContext {
 struct Uniform {
   const char* name;
   int vectors;     // of the array, 1 for a single one
-  int components;  // 1, 2
+  int components;  // 1 to 4
   void (*compute)(const PassContext& context, float* values);
 };
-inline constexpr int kMaxUniformValues = 8;
+inline constexpr int kMaxUniformValues = 32;
 
 struct Pass {
   const char* name;
   ProgramId program;
-  Image reads[3];  // in the order of the program's samplers
+  Image reads[kMaxSamplers];  // in the order of the program's samplers
   Image writes;
   Mapping mapping = Mapping::kIdentity;
   Uniform uniforms[4] = {};                               // those without a name are not there
   bool (*isDrawn)(const PassContext& context) = nullptr;  // null: always
+  ProgramId fastProgram = kProgramCount;                  // of the fast quality; kProgramCount: the same
+  bool overdraws = false;                                 // keeps what the image holds where it draws nothing
 };
 
 // What an engine mode draws, and what follows from it.
@@ -92,12 +122,15 @@ struct ModePlan {
   std::span<const Pass> first;   // nothing is known of the past
   std::span<const Pass> second;  // the first frame whose motion from the one before is known
   std::span<const Pass> later;
+  std::span<const Pass> show;  // mode 5, into a window: the finished picture
   std::span<const Pass> pack;  // off-screen: the finished picture into the bytes that are read back, luma first
   int ringLength;
-  bool accumulates;  // the ring holds blends of all frames so far, not the frames
+  bool accumulates;       // the ring holds blends of all frames so far, not the frames
+  bool lightReadsPacked;  // light frames read packed luma
+  bool hasCanvas;
 };
 
-// Of modes 0 to 4; any other draws nothing.
+// Of modes 0 to 5; any other draws nothing.
 const ModePlan& modePlan(int mode);
 
 // historyCount: -1 light frame, 0 nothing is known of the past, n the nth frame whose motion from the one before is known.
@@ -111,6 +144,9 @@ std::span<const Pass> sparePasses();
 
 // Share of the current frame where nothing holds the blend back. strength: 0..100.
 float ownWeight(int strength);
+
+// Mode 5: max number of frames that the history counts for, the current one included. strength: 0..100.
+float maxFrameCount(int strength);
 
 // Width of the logistic contrast curve of mode 4. contrast: 0..100.
 float contrastCurve(float contrast);

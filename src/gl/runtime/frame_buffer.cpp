@@ -21,6 +21,7 @@ FrameBuffer::FrameBuffer(FrameBuffer&& other) noexcept {
 FrameBuffer& FrameBuffer::operator=(FrameBuffer&& other) noexcept {
   std::swap(framebufferId, other.framebufferId);
   std::swap(textureId, other.textureId);
+  std::swap(secondTextureId, other.secondTextureId);
   std::swap(width, other.width);
   std::swap(height, other.height);
   std::swap(format, other.format);
@@ -35,15 +36,20 @@ FrameBuffer& FrameBuffer::operator=(FrameBuffer&& other) noexcept {
   return *this;
 }
 
-FrameBuffer FrameBuffer::make(int width, int height, GLenum filter) {
+FrameBuffer FrameBuffer::make(int width, int height, GLenum filter, Texels texels) {
   FrameBuffer image;
-  image.Init(width, height, GL_RGBA, filter);
+  if (texels == Texels::kBytes) {
+    image.Init(width, height, GL_RGBA, filter);
+  } else {
+    image.initWords(width, height, texels == Texels::kTwiceInWords ? 2 : 1);
+  }
   return image.complete ? std::move(image) : FrameBuffer();
 }
 
 void FrameBuffer::Reset() {
   framebufferId = ~0u;
   textureId = ~0u;
+  secondTextureId = ~0u;
   width = 0;
   height = 0;
   format = ~0u;
@@ -80,6 +86,35 @@ int FrameBuffer::Init(int imageWidth, int imageHeight, GLenum imageFormat, GLenu
   format = imageFormat;
   glBindFramebuffer(GL_FRAMEBUFFER, 0);
   return 1;
+}
+
+void FrameBuffer::attachWords(GLenum attachment, GLuint texture) {
+  glBindTexture(GL_TEXTURE_2D, texture);
+  glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA16UI, width, height, 0, GL_RGBA_INTEGER, GL_UNSIGNED_SHORT, nullptr);
+  for (const GLenum parameter : {GL_TEXTURE_MIN_FILTER, GL_TEXTURE_MAG_FILTER}) {
+    glTexParameteri(GL_TEXTURE_2D, parameter, GL_NEAREST);
+  }
+  for (const GLenum parameter : {GL_TEXTURE_WRAP_S, GL_TEXTURE_WRAP_T}) {
+    glTexParameteri(GL_TEXTURE_2D, parameter, GL_CLAMP_TO_EDGE);
+  }
+  glFramebufferTexture2D(GL_FRAMEBUFFER, attachment, GL_TEXTURE_2D, texture, 0);
+}
+
+void FrameBuffer::initWords(int imageWidth, int imageHeight, int textures) {
+  static constexpr GLenum kTargets[] = {GL_COLOR_ATTACHMENT0, GL_COLOR_ATTACHMENT1};
+  Generate();
+  width = imageWidth;
+  height = imageHeight;
+  format = GL_RGBA16UI;
+  glBindFramebuffer(GL_FRAMEBUFFER, framebufferId);
+  attachWords(GL_COLOR_ATTACHMENT0, textureId);
+  if (textures == 2) {
+    glGenTextures(1, &secondTextureId);
+    attachWords(GL_COLOR_ATTACHMENT1, secondTextureId);
+  }
+  glDrawBuffers(textures, kTargets);
+  complete = CheckStatus("FrameBuffer");
+  glBindFramebuffer(GL_FRAMEBUFFER, 0);
 }
 
 int FrameBuffer::UseDefaultFramebuffer(int imageWidth, int imageHeight) {
@@ -122,10 +157,42 @@ bool FrameBuffer::CheckStatus(const char* label) {
   return false;
 }
 
-void FrameBuffer::ReadPixels(int x, int y, int rectWidth, int rectHeight, GLenum pixelFormat, GLenum type,
-                             void* pixels) {
+void FrameBuffer::ReadPixels(int x, int y, int rectWidth, int rectHeight, GLenum pixelFormat, GLenum type, void* pixels,
+                             GLenum attachment) {
   glBindFramebuffer(GL_FRAMEBUFFER, framebufferId);
+  if (attachment != GL_COLOR_ATTACHMENT0) glReadBuffer(attachment);
   glReadPixels(x, y, rectWidth, rectHeight, pixelFormat, type, pixels);
+  if (attachment != GL_COLOR_ATTACHMENT0) glReadBuffer(GL_COLOR_ATTACHMENT0);
+  glBindFramebuffer(GL_FRAMEBUFFER, 0);
+}
+
+void FrameBuffer::LoadWords(const uint16_t* words) {
+  const size_t count = static_cast<size_t>(width) * static_cast<size_t>(height) * 4;
+  for (const GLuint texture : {textureId, secondTextureId}) {
+    glBindTexture(GL_TEXTURE_2D, texture);
+    glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, width, height, GL_RGBA_INTEGER, GL_UNSIGNED_SHORT, words);
+    words += count;
+  }
+}
+
+// 32-bit words are what every driver reads back; 16-bit ones where it says so.
+void FrameBuffer::ReadWords(uint16_t* words, uint32_t* scratch) {
+  const size_t count = static_cast<size_t>(width) * static_cast<size_t>(height) * 4;
+  glBindFramebuffer(GL_FRAMEBUFFER, framebufferId);
+  for (const GLenum attachment : {GL_COLOR_ATTACHMENT0, GL_COLOR_ATTACHMENT1}) {
+    GLint readFormat = 0, type = 0;
+    glReadBuffer(attachment);
+    glGetIntegerv(GL_IMPLEMENTATION_COLOR_READ_FORMAT, &readFormat);
+    glGetIntegerv(GL_IMPLEMENTATION_COLOR_READ_TYPE, &type);
+    if (readFormat == GL_RGBA_INTEGER && type == GL_UNSIGNED_SHORT) {
+      glReadPixels(0, 0, width, height, GL_RGBA_INTEGER, GL_UNSIGNED_SHORT, words);
+    } else {
+      glReadPixels(0, 0, width, height, GL_RGBA_INTEGER, GL_UNSIGNED_INT, scratch);
+      std::transform(scratch, scratch + count, words, [](uint32_t word) { return static_cast<uint16_t>(word); });
+    }
+    words += count;
+  }
+  glReadBuffer(GL_COLOR_ATTACHMENT0);
   glBindFramebuffer(GL_FRAMEBUFFER, 0);
 }
 
@@ -195,6 +262,7 @@ const void* FrameBuffer::MapReadPixels() {
 
 void FrameBuffer::deleteObjects() {
   if (textureId != ~0u) glDeleteTextures(1, &textureId);
+  if (secondTextureId != ~0u) glDeleteTextures(1, &secondTextureId);
   if (framebufferId != ~0u && framebufferId != 0) glDeleteFramebuffers(1, &framebufferId);
   if (packBufferCount > 0) glDeleteBuffers(packBufferCount, packBuffers);
   packBufferCount = 0;

@@ -1,11 +1,20 @@
 // A framebuffer object with one colour texture, and the ring of pixel-pack buffers its image is read back through.
 #pragma once
 
+#include <cstdint>
+
 #include "gl/runtime/gl.h"
 
 namespace noxel {
 
 class EGLEngine;
+
+// What a texel of an image holds.
+enum class Texels : uint8_t {
+  kBytes,         // RGBA, 8 bits each
+  kWords,         // RGBA, unsigned integers of 16 bits: read by texelFetch alone
+  kTwiceInWords,  // two textures of words, drawn into by one pass
+};
 
 // GPU thread only. Move-only; the destructor deletes the GL objects, so it runs while the context is current. An object
 // without GL names makes no GL call.
@@ -17,7 +26,7 @@ class FrameBuffer {
   FrameBuffer& operator=(FrameBuffer&& other) noexcept;
 
   // An RGBA image that can be drawn into, or an object without GL names (the log says why).
-  static FrameBuffer make(int width, int height, GLenum filter = GL_LINEAR);
+  static FrameBuffer make(int width, int height, GLenum filter = GL_LINEAR, Texels texels = Texels::kBytes);
   bool isThere() const { return framebufferId != ~0u; }
 
   // Allocates the image (8 bits per channel, clamped to the edge), and the GL names where there are none yet. Returns 1; an
@@ -37,8 +46,14 @@ class FrameBuffer {
   bool IsComplete() const { return complete; }
   bool CheckStatus(const char* label);  // of the bound framebuffer; false and a log line unless complete
 
-  // Blocks until the image is finished.
-  void ReadPixels(int x, int y, int width, int height, GLenum format, GLenum type, void* pixels);
+  // Blocks until the image is finished. attachment: of the texture that is read.
+  void ReadPixels(int x, int y, int width, int height, GLenum format, GLenum type, void* pixels,
+                  GLenum attachment = GL_COLOR_ATTACHMENT0);
+
+  // Two textures of words, one after the other, row by row. Reading blocks until they are finished; scratch: of one of them as
+  // 32-bit words.
+  void LoadWords(const uint16_t* words);
+  void ReadWords(uint16_t* words, uint32_t* scratch);
 
   // Makes `count` pack buffers (at most 3; none for a count below 1) of `size` bytes. Once per object.
   int InitPixelBuffers(int size, int count);
@@ -62,6 +77,7 @@ class FrameBuffer {
 
   GLuint framebufferId = ~0u;  // 0: the default framebuffer
   GLuint textureId = ~0u;
+  GLuint secondTextureId = ~0u;  // of colour attachment 1
   int width = 0;
   int height = 0;
   GLenum format = ~0u;
@@ -75,6 +91,8 @@ class FrameBuffer {
   bool complete = false;
 
  private:
+  void initWords(int width, int height, int textures);
+  void attachWords(GLenum attachment, GLuint texture);
   void deleteObjects();
   void advanceRing();
   bool copyPackBuffer(int index, unsigned char* dst);

@@ -34,8 +34,9 @@ int GLFilter::BindTarget(FrameBuffer* fb) {
 
 int GLFilter::BindWholeTarget(FrameBuffer* fb) {
   BindTarget(fb);
-  const GLenum attachment = fb->GetFramebufferId() == 0 ? GL_COLOR : GL_COLOR_ATTACHMENT0;
-  glInvalidateFramebuffer(GL_FRAMEBUFFER, 1, &attachment);
+  const GLenum attachments[] = {fb->GetFramebufferId() == 0 ? static_cast<GLenum>(GL_COLOR) : GL_COLOR_ATTACHMENT0,
+                                GL_COLOR_ATTACHMENT1};
+  glInvalidateFramebuffer(GL_FRAMEBUFFER, fb->secondTextureId != ~0u ? 2 : 1, attachments);
   return 1;
 }
 

@@ -48,7 +48,7 @@ class Program {
     const char* name;
     GLint location;
   };
-  static constexpr int kMaxLocations = 16;  // names asked for, absent ones too: at most 12; later ones are not cached
+  static constexpr int kMaxLocations = 24;  // names asked for, absent ones too: at most 19; later ones are not cached
 
   void SetCacheDirectory(const char* directory);
   int initialize(const char* fragmentSource, const char* vertexSource, const char* cacheName);

@@ -1,0 +1,2 @@
+#define FAST
+#include "clear_blend.frag"

@@ -1,0 +1,2 @@
+#define FAST
+#include "clear_colour.frag"

@@ -1,0 +1,31 @@
+// As clear_draw_cells.glsl, with four taps a direction.
+vec4 drawCell(vec2 p00, vec2 p10, vec2 p01, vec2 p11, ivec2 lastCell) {
+  vec2 base = floor(min(min(p00, p10), min(p01, p11))) - 1.0;
+  base = 2.0 * floor(0.5 * base);
+  ivec2 origin = ivec2(base * 0.5);
+  vec4 x0, x2, x4, x6, y0, y2, y4, y6;
+  vec2 x1, x3, x5, x7, y1, y3, y5, y7;
+  spread(p00.x, base.x, x0, x1);
+  spread(p10.x, base.x, x2, x3);
+  spread(p01.x, base.x, x4, x5);
+  spread(p11.x, base.x, x6, x7);
+  spread(p00.y, base.y, y0, y1);
+  spread(p10.y, base.y, y2, y3);
+  spread(p01.y, base.y, y4, y5);
+  spread(p11.y, base.y, y6, y7);
+  vec4 sum = vec4(0.0);
+#define FETCH(c, r) CELL(clamp(origin + ivec2(c, r), ivec2(0), lastCell))
+#define ROW(r, a, b, c, d, i, j)                                                                       \
+  {                                                                                                    \
+    vec4 c0 = FETCH(0, r), c1 = FETCH(1, r), c2 = FETCH(2, r);                                         \
+    vec4 upper = vec4(c0.xy, c1.xy), lower = vec4(c0.zw, c1.zw);                                       \
+    sum.x += a.i * (dot(upper, x0) + dot(c2.xy, x1)) + a.j * (dot(lower, x0) + dot(c2.zw, x1));        \
+    sum.y += b.i * (dot(upper, x2) + dot(c2.xy, x3)) + b.j * (dot(lower, x2) + dot(c2.zw, x3));        \
+    sum.z += c.i * (dot(upper, x4) + dot(c2.xy, x5)) + c.j * (dot(lower, x4) + dot(c2.zw, x5));        \
+    sum.w += d.i * (dot(upper, x6) + dot(c2.xy, x7)) + d.j * (dot(lower, x6) + dot(c2.zw, x7));        \
+  }
+  ROW(0, y0, y2, y4, y6, x, y)
+  ROW(1, y0, y2, y4, y6, z, w)
+  ROW(2, y1, y3, y5, y7, x, y)
+  return sum;
+}
