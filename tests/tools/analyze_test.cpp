@@ -130,6 +130,7 @@ TEST_F(Analyze, GammaAndGainAreThoseThatEnhanceApplies) {
     enhance.input = options_.input;
     enhance.output = folder_.file("out.y4m");
     enhance.statsFile = folder_.file("stats.json");
+    enhance.look.engineMode = kModeEnhance;
     enhance.look.denoise = "spatial";
     enhance.look.exposure = options_.exposure = 80;
     enhance.quiet = enhance.overwrite = options_.overwrite = true;

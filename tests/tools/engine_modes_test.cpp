@@ -17,6 +17,7 @@ TEST(EngineModes, AQuadIsDrawnWhereItsCornersAre) {
   EnhancerSettings settings;
   settings.width = 64;
   settings.height = 32;
+  settings.look.engineMode = kModeEnhance;
   settings.look.untouchedQuad = {-1, 1, -1, 0, 0, 1, 0, 0};  // upper left quarter
   EnhancerSession session(settings);
   std::vector<uint8_t> nv21(nv21Size(64, 32), 128);
@@ -59,7 +60,7 @@ TEST(EngineModes, PassesOfEveryModeAreTimed) {
   options.statsFile = folder.file("run.json");
   options.quiet = options.overwrite = true;
   writeClip(options.input, {});
-  for (options.look.engineMode = 0; options.look.engineMode <= 4; ++options.look.engineMode) {
+  for (options.look.engineMode = 0; options.look.engineMode <= 5; ++options.look.engineMode) {
     SCOPED_TRACE(options.look.engineMode);
     ASSERT_EQ(runEnhance(options), kExitFine);
     const auto passes = nlohmann::json::parse(contents(options.statsFile))["passes"];

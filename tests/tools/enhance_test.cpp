@@ -21,6 +21,7 @@ constexpr int kLift = 40;
 struct FakeRecord {
   EnhancerSettings settings;
   int warmUps = 0;
+  std::vector<double> ledIn;   // mean luma of each frame shown beforehand
   std::vector<int64_t> times;  // microseconds
   int stopAt = -1;             // frame during which the user stops the run
 };
@@ -30,6 +31,11 @@ class FakeEnhancer : public Enhancer {
  public:
   FakeEnhancer(const EnhancerSettings& settings, FakeRecord& record) : record_(record) { record.settings = settings; }
   int warmUp(const uint8_t*) override { return ++record_.warmUps; }
+  void leadIn(uint8_t* nv21) override {
+    const EnhancerSettings& settings = record_.settings;
+    record_.ledIn.push_back(meanLuma(nv21, settings.width, settings.width, settings.height));
+    std::fill_n(nv21, nv21Size(settings.width, settings.height), uint8_t{0});
+  }
   void timePasses(PassTimes& times) override { times_ = &times; }
   void enhance(uint8_t* nv21, int64_t presentationUs) override {
     if (static_cast<int>(record_.times.size()) == record_.stopAt) requestStop(true);
@@ -96,6 +102,8 @@ TEST_F(Enhance, EachFrameComesOutEnhancedAtItsTime) {
   writeClip(options_.input, spec);
   ASSERT_EQ(run(), kExitFine);
   EXPECT_EQ(record_.settings.width, 68) << "padded";
+  ASSERT_EQ(record_.ledIn.size(), 2u) << "the frames before the gap";
+  for (size_t i = 0; i < 2; ++i) EXPECT_NEAR(record_.ledIn[i], lumaOf(2 - static_cast<int>(i)), 1.5) << "backwards";
   EXPECT_EQ(record_.times, (std::vector<int64_t>{0, 40'000, 120'000, 2'000'000, 2'040'000}));
 
   VideoReader reader(options_.output);
@@ -163,7 +171,7 @@ TEST_F(Enhance, StatisticsHoldEachReportThePassesAndASummary) {
   testing::internal::CaptureStderr();
   ASSERT_EQ(run(), kExitFine);
   const std::string table = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(record_.warmUps, 0);
+  EXPECT_TRUE(record_.warmUps == 0 && record_.ledIn.empty());
   EXPECT_TRUE(record_.settings.overlay && record_.settings.ownTracks);
   EXPECT_EQ(sample(*VideoReader(options_.output).next(), 0, 26, 20), 255) << "the dot";
   EXPECT_NE(table.find("lift                          6    2.000    2.000    2.000 100.0 %\n"), table.npos) << table;

@@ -16,6 +16,7 @@ namespace {
 // Leaves frames unchanged.
 struct Idle : Enhancer {
   int warmUp(const uint8_t*) override { return 0; }
+  void leadIn(uint8_t*) override {}
   void timePasses(PassTimes&) override {}
   void enhance(uint8_t*, int64_t) override {}
   FrameReport report() const override { return {}; }

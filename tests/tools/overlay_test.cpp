@@ -102,8 +102,26 @@ TEST(OverlayMask, TintsOnlyWhatIsMasked) {
   EXPECT_EQ(picture.changedOutside(20, 12, 35, 27), 0);
 }
 
+TEST(OverlayMask, OfTheFrameIsDrawnWhereStabilizationAndZoomShowIt) {
+  Overlay overlay;
+  overlay.maskInFrame = true;
+  overlay.report.zoom = 1.25f;
+  overlay.report.stabilizedFromCurrent[2] = 6.0f;   // x
+  overlay.report.stabilizedFromCurrent[5] = -3.0f;  // y
+  overlay.maskWidth = kWidth / 2;
+  overlay.maskHeight = kHeight / 2;
+  overlay.mask.assign(static_cast<size_t>(kWidth * kHeight / 4), 0);
+  for (int y = 12; y < 16; ++y) std::fill_n(&overlay.mask[static_cast<size_t>(y * kWidth / 2 + 8)], 4, uint8_t{255});
+  Picture picture;
+  drawOverlay(overlay, picture.data(), kWidth, kHeight);
+  // Pixels 16..24 x 24..32 of the frame: (16 + 6 - 32) * 1.25 + 32 = 19.5 to 29.5, and (24 - 3 - 24) * 1.25 + 24 = 20.25 to
+  // 30.25; the edges fade over a cell, two pixels of chroma.
+  EXPECT_NE(picture.luma(24, 25), kGrey);
+  EXPECT_EQ(picture.changedOutside(16, 16, 33, 33), 0);
+}
+
 // A still scene, and a part of it, 96 x 64, that moves on its own by 5 pixels a frame.
-TEST(OverlayOfTheEngine, TracksWhatMovesOnItsOwn) {
+TEST(OverlayOfTheClearPicture, TracksWhatMovesOnItsOwn) {
   constexpr int kSceneWidth = 320, kSceneHeight = 180, kStep = 5;
   EnhancerSettings settings;
   settings.width = kSceneWidth;
@@ -147,9 +165,12 @@ std::vector<uint8_t> sceneFrame(int width, int height, int frame) {
   return nv21;
 }
 
-TEST(OverlayOfTheEngine, TracksTheSceneAndMasksWhatChanged) {
+class OverlayOfTheEngine : public testing::TestWithParam<int> {};
+
+TEST_P(OverlayOfTheEngine, TracksTheSceneAndMasksWhatChanged) {
   constexpr int kSceneWidth = 320, kSceneHeight = 96;
   EnhancerSettings settings;
+  settings.look.engineMode = GetParam();
   settings.width = kSceneWidth;
   settings.height = kSceneHeight;
   settings.look.neutralExposure = true;
@@ -175,11 +196,18 @@ TEST(OverlayOfTheEngine, TracksTheSceneAndMasksWhatChanged) {
     ASSERT_NEAR(track.targetY - track.sourceY, -0.75, 0.6);
     ASSERT_TRUE(track.targetX > 0 && track.targetX < kSceneWidth && track.targetY > 0 && track.targetY < kSceneHeight);
   }
-  ASSERT_TRUE(overlay.maskWidth == 40 && overlay.maskHeight == 12);
-  const auto maskAt = [&](int x, int y) { return overlay.mask[static_cast<size_t>(y / 8 * 40 + x / 8)]; };
-  EXPECT_GT(maskAt(272, 48), 200);
-  EXPECT_LT(maskAt(100, 48), 13) << "would be drawn";
+  const int cell = GetParam() == kModeClear ? 2 : 8;
+  ASSERT_TRUE(overlay.maskWidth == kSceneWidth / cell && overlay.maskHeight == kSceneHeight / cell);
+  const auto maskAt = [&](int x, int y) {
+    return overlay.mask[static_cast<size_t>(y / cell * overlay.maskWidth + x / cell)];
+  };
+  // In mode 5 it tells the count of frames: nothing but the newest one where it was refused, else three of
+  // sixteen or more.
+  EXPECT_GT(maskAt(272, 48), GetParam() == kModeClear ? 250 : 200);
+  EXPECT_LT(maskAt(100, 48), GetParam() == kModeClear ? 225 : 13) << "would be drawn";
 }
+
+INSTANTIATE_TEST_SUITE_P(Modes, OverlayOfTheEngine, testing::Values(kModeNeutralExposure, kModeClear));
 
 }  // namespace
 }  // namespace noxel::tool

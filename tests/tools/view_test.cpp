@@ -138,17 +138,20 @@ class View : public ScreenTest {
 };
 
 TEST_F(View, ShowsTheClipEnhancedAndInASplitHalfOriginal) {
-  for (const bool spatial : {false, true}) {
+  for (const auto& [mode, spatial] : {std::pair{1, false}, {1, true}, {5, false}, {5, true}}) {
+    SCOPED_TRACE(mode);
+    options_.look.engineMode = mode;
     options_.look.spatial = spatial;
     Viewer viewer(options_);
     EXPECT_TRUE(comesToShow(viewer, [](const Picture& seen) {
       return seen.width == kWidth && seen.height == kHeight && isEnhanced(seen, 0, 0) && isEnhanced(seen, 1, 1) &&
              isEnhanced(seen, 2, 2) && isEnhanced(seen, 3, 3);
     })) << spatial;
-    press({SDLK_s});
+    press({SDLK_s, SDLK_f, SDLK_b});
     EXPECT_TRUE(comesToShow(viewer, [](const Picture& seen) {
       return isEnhanced(seen, 0, 0) && isUntouched(seen, 1, 1) && isEnhanced(seen, 2, 2) && isUntouched(seen, 3, 3);
     })) << spatial;
+    EXPECT_EQ(viewer.look().quality, mode == 5 ? kBest : kBalanced);
   }
 }
 
@@ -169,15 +172,15 @@ TEST_F(View, TurnsAClipUpright) {
 TEST_F(View, TheTitleShowsFramesPerSecondAndLook) {
   Viewer viewer(options_);
   EXPECT_TRUE(playsUntil(viewer, [&] {
-    return title(viewer).ends_with(" fps - temporal, strength 65, exposure 50") &&
+    return title(viewer).ends_with(" fps - temporal, balanced, strength 50, exposure 50") &&
            title(viewer).find(" 0 fps") == std::string::npos;
   })) << title(viewer);
-  press({SDLK_SPACE, SDLK_d, SDLK_UP, SDLK_e, SDLK_b});
+  press({SDLK_SPACE, SDLK_d, SDLK_UP, SDLK_e, SDLK_b, SDLK_f, SDLK_f});
   ASSERT_TRUE(viewer.step());
-  EXPECT_EQ(title(viewer), "quarters.mkv - paused - spatial, strength 70, exposure 75");
+  EXPECT_EQ(title(viewer), "quarters.mkv - paused - spatial, fast, strength 55, exposure 75");
   press({SDLK_d, SDLK_s});
   ASSERT_TRUE(viewer.step());
-  EXPECT_EQ(title(viewer), "quarters.mkv - paused - temporal, strength 70, exposure 75, stabilised, split");
+  EXPECT_EQ(title(viewer), "quarters.mkv - paused - temporal, fast, strength 55, exposure 75, stabilised, split");
 }
 
 TEST_F(View, APausedPictureFollowsKeysAndWindowSizeUntilSpace) {
@@ -249,7 +252,10 @@ TEST_F(View, ShowsALiveDeviceUntilStopped) {
 TEST_F(View, CommandReturnsExitCodes) {
   writeClip(options_.input, quarteredClip(5));
   const std::string clip = options_.input;
-  const std::pair<std::string, int> cases[] = {{clip + " --exit --split --exposure 0", kExitFine},
+  const std::pair<std::string, int> cases[] = {{clip + " --exit --split --exposure 0 --quality fast", kExitFine},
+                                               {clip + " --exit --stabilize --engine-mode 1", kExitFine},
+                                               {clip + " --engine-mode 4", kExitUsage},
+                                               {clip + " --engine-mode 1 --quality fast", kExitUsage},
                                                {"--format lavfi testsrc=size=50x38:duration=0.2 --exit", kExitFine},
                                                {"--format no-such-kind x", kExitUnreadable},
                                                {"/dev/video-none", kExitUnreadable},

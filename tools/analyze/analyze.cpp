@@ -142,7 +142,6 @@ void Analysis::readAll() {
     current_.gainSum += exposure.gain();
     registration.measure(clip_.nv21().data());
     addNoise(registration.noise(), luma);
-    clip_.reader().takeAudio();  // not used
   } while (clip_.next());
   endSecond();
 }

@@ -21,8 +21,8 @@ Columns, for each second and for the whole clip; luma is full range (0..255):
   mean                mean luma
   1 %, 50 %, 99 %     percentiles of the luma
   black, white        share of the pixels at 0 and at 255
-  gamma, gain         mean exponent and gain of the brightening that `noxel enhance --exposure N` applies: a level v
-                      becomes 255 * (gain * v / 255) ^ gamma, clipped at 255
+  gamma, gain         mean exponent and gain of the brightening that `noxel enhance --engine-mode 1 --exposure N`
+                      applies: a level v becomes 255 * (gain * v / 255) ^ gamma, clipped at 255
   noise               standard deviation of the noise, of a pixel on average, in levels: what differs between a frame and
                       the one before it, along the camera's motion, where nothing else moves. Noise that stays where it
                       is, as a sensor's fixed pattern under a still camera, does not show
@@ -42,7 +42,7 @@ void addOptions(CLI::App* command, AnalyzeOptions& options) {
   command->add_option("--strength", options.strength, "Strength of the suggested curve, 0 (none) to 1")
       ->check([](const std::string& text) { return outsideOf(0, 1, text); })
       ->capture_default_str();
-  command->add_option("--exposure", options.exposure, "As for noxel enhance")
+  command->add_option("--exposure", options.exposure, "As for noxel enhance --engine-mode 1")
       ->check(CLI::Range(0, 100))
       ->capture_default_str();
   command->add_flag("-y,--overwrite", options.overwrite, "Overwrite files that exist");

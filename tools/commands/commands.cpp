@@ -5,6 +5,7 @@ extern "C" {
 }
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdlib>
 #include <sstream>
 
@@ -12,6 +13,7 @@ extern "C" {
 #include "common/interrupt.h"
 #include "common/program_cache_path.h"
 #include "common/tool_error.h"
+#include "enhance/look.h"
 
 namespace noxel::tool {
 
@@ -37,8 +39,8 @@ std::string outsideOf(double min, double max, const std::string& text) {
   return message.str();
 }
 
-void addDenoising(CLI::App* command, const char* group, const std::function<void(bool spatial)>& setPath, int& strength,
-                  int& exposure) {
+void addDenoising(CLI::App* command, const char* group, const std::function<void(bool spatial)>& setPath, int& quality,
+                  int& strength, int& exposure) {
   command
       ->add_option_function<std::string>(
           "--denoise", [setPath](const std::string& path) { setPath(path == "spatial"); },
@@ -46,14 +48,29 @@ void addDenoising(CLI::App* command, const char* group, const std::function<void
       ->check(CLI::IsMember({"temporal", "spatial"}))
       ->default_str("temporal")
       ->group(group);
-  command->add_option("--strength", strength, "Noise reduction")
+  command
+      ->add_option_function<std::string>(
+          "--quality",
+          [&quality](const std::string& name) {
+            quality = static_cast<int>(std::ranges::find(kQualityNames, name) - kQualityNames);
+          },
+          "How much work to put into a frame. Mode 5")
+      ->check(CLI::IsMember(std::vector<std::string>(std::begin(kQualityNames), std::end(kQualityNames))))
+      ->default_str(kQualityNames[quality])
+      ->group(group);
+  command->add_option("--strength", strength, "Noise reduction; mode 5: 0 leaves frames as they came but for the tone")
       ->check(CLI::Range(0, 100))
-      ->capture_default_str()
+      ->default_str(std::to_string(defaultStrength(kModeClear)) +
+                    "; modes 0 to 3: " + std::to_string(defaultStrength(kModeEnhance)))
       ->group(group);
   command->add_option("--exposure", exposure, "Brightening of dark pictures")
       ->check(CLI::Range(0, 100))
       ->capture_default_str()
       ->group(group);
+}
+
+void takeDefaultStrength(const CLI::App* command, int mode, int& strength) {
+  if (command->count("--strength") == 0) strength = defaultStrength(mode);
 }
 
 }  // namespace noxel::tool

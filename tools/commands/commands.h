@@ -23,9 +23,11 @@ int runWithEngine(bool verbose, const std::function<int()>& run);
 // Check for a floating-point option (CLI::Range accepts NaN): empty, or an error message.
 std::string outsideOf(double min, double max, const std::string& text);
 
-// --denoise, --strength and --exposure. Their targets must outlive the command line.
-void addDenoising(CLI::App* command, const char* group, const std::function<void(bool spatial)>& setPath, int& strength,
-                  int& exposure);
+// --denoise, --quality, --strength and --exposure. Their targets must outlive the command line.
+void addDenoising(CLI::App* command, const char* group, const std::function<void(bool spatial)>& setPath, int& quality,
+                  int& strength, int& exposure);
+// To be called when the command line was read: without --strength, the mode's own.
+void takeDefaultStrength(const CLI::App* command, int mode, int& strength);
 
 Command addAnalyze(CLI::App& app);
 Command addEnhance(CLI::App& app);

@@ -10,6 +10,7 @@ namespace {
 constexpr char kEnhanceFooter[] = R"(Examples:
   noxel enhance night.mp4 -o bright.mp4
   noxel enhance night.mp4 -o half.mp4 --compare --picture frame.png --stats run.json
+  noxel enhance night.mp4 -o steady.mp4 --quality best --stabilize
   other-tool --to-y4m | noxel enhance - -o - --denoise spatial | player -
 
 Each input frame gives one output frame with the same time stamp, size and colour tags; audio and rotation are kept (not
@@ -18,13 +19,14 @@ the file with the frames done so far; a second Ctrl-C quits at once. A single pi
 or RGBA. --dump-frames with -y does not delete the files of an earlier, longer dump.
 
 --stats, per frame:
-  status              1 registered (modes 0, 1 and 3: blended with the history), 0 drawn alone, -1 spatial
+  status              1 registered (modes 0, 1, 3 and 5: blended with the history), 0 drawn alone, -1 spatial. Mode 5 looks at
+                      the frames after the first one beforehand: it is blended with them
   starts_sequence     first frame, or first after a gap: there is no previous frame to register with
   points_tracked      points tracked from the previous frame; points_kept: inliers of the motion. Points are placed on
                       the motion of the whole picture, not tracked singly: they do not show what moves otherwise
   motion              3 x 3, pixels of this frame to pixels of the previous one
   stabilization       3 x 3, pixels of this frame to the stabilised picture, before the crop; zoom: the crop
-  gamma, gain         exponent and gain of the brightening
+  gamma, gain         exponent and gain of the brightening of mode 1
   registration_ms     motion and exposure; upload_ms, gpu_ms: on the GPU thread; total_ms: the whole frame
   mean_luma_before    0..255; mean_luma_after
   noise_sigma         noise of the frame as it came, of a pixel on average, in 8-bit levels; null: not known
@@ -38,12 +40,14 @@ shows the part of the picture that it covers; the untouched quad is drawn over t
   noxel enhance night.mp4 -o split.mp4 --untouched-quad 0,1,0,-1,1,1,1,-1
 
 --overlay draws tracks, each a dot with a tail to where that was in the previous frame: green along the common motion, red
-when that was rejected, yellow where the picture moves on its own. Purple is where the history is not blended in.
+when that was rejected, yellow where the picture moves on its own. Purple is where the history is held back; in mode 5 the
+fewer frames are behind a place, the more.
 )";
 
 constexpr char kModes[] =
-    "0: mean of three frames, sharpened; 1: denoise and brighten; 2: stabilise and sharpen; "
-    "3: as 1 without brightening; 4: detail and contrast of single pictures, also PNG to PNG";
+    "5: the clear picture; 0: mean of three frames, sharpened; 1: denoise and brighten, as the library does; 2: "
+    "stabilise "
+    "and sharpen; 3: as 1 without brightening; 4: detail and contrast of single pictures, also PNG to PNG";
 
 CLI::Option* addQuad(CLI::App* command, const char* name, std::vector<float>& corners, const char* description) {
   return command->add_option(name, corners, description)
@@ -66,7 +70,7 @@ void addOptions(CLI::App* command, EnhanceOptions& options) {
   const char* look = "Picture";
   addDenoising(
       command, look, [&options](bool spatial) { options.look.denoise = spatial ? "spatial" : "temporal"; },
-      options.look.strength, options.look.exposure);
+      options.look.quality, options.look.strength, options.look.exposure);
   command
       ->add_option(
           "--deghosting", options.look.deghosting,
@@ -76,7 +80,7 @@ void addOptions(CLI::App* command, EnhanceOptions& options) {
       ->group(look);
   command
       ->add_flag("--neutral-exposure", options.look.neutralExposure,
-                 "Denoise only, do not brighten; the same as --engine-mode 3")
+                 "Denoise only, leave the tone alone; in mode 1 the same as mode 3")
       ->group(look);
   command->add_flag("--stabilize", options.look.stabilize, "Stabilise the picture and crop it to 1/1.17; temporal only")
       ->group(look);
@@ -87,12 +91,13 @@ void addOptions(CLI::App* command, EnhanceOptions& options) {
   command
       ->add_flag_callback(
           "--no-warm-up", [&options] { options.warmUp = false; },
-          "Start at neutral exposure and ease in, instead of settling on the first frame beforehand")
+          "Mode 5: do not look at the frames after the first one beforehand, so that it is as noisy as it came. "
+          "Mode 1: start at neutral exposure and ease in")
       ->group(look);
 
   const char* mode = "Engine modes";
   command->add_option("--engine-mode", options.look.engineMode, kModes)
-      ->check(CLI::Range(0, 4))
+      ->check(CLI::Range(0, 5))
       ->capture_default_str()
       ->group(mode);
   command->add_option("--sharpening", options.look.sharpening, "Modes 0, 2 and 4: sharpening")
@@ -112,7 +117,9 @@ void addOptions(CLI::App* command, EnhanceOptions& options) {
 
   const char* written = "Output";
   command->add_flag("--compare", options.compare, "Left half original, right half enhanced")->group(written);
-  command->add_flag("--overlay", options.overlay, "Draw what moved how, and the ghost mask; temporal only")
+  command
+      ->add_flag("--overlay", options.overlay,
+                 "Draw what moved how, and where the history is held back. Modes 1, 3 and 5, temporal only")
       ->group(written);
   command->add_option("--crf", options.crf, "H.264 quality; lower is better and larger")
       ->check(CLI::Range(0, 51))
@@ -134,7 +141,8 @@ void addOptions(CLI::App* command, EnhanceOptions& options) {
 
   command
       ->add_option("--dump-frames", options.dumpFolder,
-                   "Each frame before and after, and the ghost mask of modes 1 and 3, as BMP files in this folder")
+                   "Each frame before and after, and in modes 1, 3 and 5 where the history is held back, as BMP files "
+                   "in this folder")
       ->type_name("DIR")
       ->group(written);
 
@@ -152,6 +160,7 @@ Command addEnhance(CLI::App& app) {
             for (const CLI::Option* option : command->get_options()) {
               if (option->count() > 0) options->given.push_back(option->get_name());
             }
+            takeDefaultStrength(command, options->look.mode(), options->look.strength);
             return runWithEngine(options->verbose, [&] { return runEnhance(*options); });
           }};
 }

@@ -2,6 +2,7 @@
 #include <CLI/CLI.hpp>
 
 #include "commands/commands.h"
+#include "common/tool_error.h"
 #include "view/view.h"
 
 namespace noxel::tool {
@@ -11,6 +12,7 @@ constexpr char kViewFooter[] = R"(Keys:
   space        pause; at the end: play again
   s            split: left half enhanced, right half original
   d            denoise: temporal or spatial
+  f            quality: fast, balanced, best (mode 5)
   up, down     noise reduction in steps of 5
   e            exposure: 0, 25, 50, 75, 100
   b            stabilisation (temporal only)
@@ -37,8 +39,14 @@ void addOptions(CLI::App* command, ViewOptions& options) {
 
   const char* look = "Initial settings";
   addDenoising(
-      command, look, [&options](bool spatial) { options.look.spatial = spatial; }, options.look.strength,
-      options.look.exposure);
+      command, look, [&options](bool spatial) { options.look.spatial = spatial; }, options.look.quality,
+      options.look.strength, options.look.exposure);
+  command
+      ->add_option("--engine-mode", options.look.engineMode,
+                   "5: the clear picture; the others as for noxel enhance, 1 as the library does")
+      ->check(CLI::IsMember({0, 1, 2, 3, 5}))
+      ->capture_default_str()
+      ->group(look);
   command->add_flag("--stabilize", options.look.stabilize, "Stabilise the picture; temporal only")->group(look);
   command->add_flag("--split", options.look.split, "Left half enhanced, right half original")->group(look);
 
@@ -51,7 +59,13 @@ Command addView(CLI::App& app) {
   const auto options = std::make_shared<ViewOptions>();
   CLI::App* command = app.add_subcommand("view", "Play a video or a camera, enhanced, in a window");
   addOptions(command, *options);
-  return {command, [options] { return runWithEngine(options->verbose, [&] { return runView(*options); }); }};
+  return {command, [command, options] {
+            takeDefaultStrength(command, options->look.engineMode, options->look.strength);
+            if (command->count("--quality") > 0 && options->look.engineMode != kModeClear) {
+              throw ToolError(kExitUsage, "--quality is for --engine-mode 5");
+            }
+            return runWithEngine(options->verbose, [&] { return runView(*options); });
+          }};
 }
 
 }  // namespace noxel::tool

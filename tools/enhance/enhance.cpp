@@ -37,8 +37,9 @@ void checkLook(const EnhanceOptions& options) {
   const auto given = [&](const char* name) {
     return std::find(options.given.begin(), options.given.end(), name) != options.given.end();
   };
-  if (options.look.neutralExposure && given("--engine-mode") && options.look.engineMode != kModeNeutralExposure) {
-    throw ToolError(kExitUsage, "--neutral-exposure is --engine-mode 3; give one of them");
+  const int mode = options.look.engineMode;
+  if (options.look.neutralExposure && mode != kModeEnhance && mode != kModeNeutralExposure && mode != kModeClear) {
+    throw ToolError(kExitUsage, "--neutral-exposure has no effect in --engine-mode " + std::to_string(mode));
   }
   checkIsRead(options.look, options.given);
   if (given("--picture-frame") && options.pictureFile.empty()) {
@@ -71,6 +72,7 @@ class Run {
 
  private:
   OutputSettings outputSettings() const;
+  void warmUp(Enhancer& enhancer);
   void enhanceFrame(Enhancer& enhancer);
   void note(const std::string& text);
   void writeStatistics(double seconds) const;
@@ -117,21 +119,40 @@ void Run::enhanceAll(const EnhancerFactory& factory) {
   settings.overlay = options_.overlay || (dump_ && isRead(options_.look, "--overlay"));
   settings.noise = !options_.statsFile.empty();
   settings.ownTracks = options_.overlay;
+  settings.clip = &clip_;
   const std::unique_ptr<Enhancer> enhancer = factory(settings);
+  if (!enhancer->note().empty()) note(enhancer->note());
   for (const std::string& text : writer_.notes()) note(text);
   const size_t notesBefore = writer_.notes().size();
 
-  if (options_.warmUp) enhancer->warmUp(clip_.nv21().data());
+  if (options_.warmUp) warmUp(*enhancer);
   if (options_.passes || !options_.statsFile.empty()) enhancer->timePasses(passTimes_);
   progress_.restart();
   for (bool more = true; more;) {
     enhanceFrame(*enhancer);
     progress_.frameDone(static_cast<int64_t>(statistics_.count()));
     more = clip_.next();
-    for (const PacketPtr& packet : clip_.reader().takeAudio()) writer_.writeAudio(*packet);
+    for (const PacketPtr& packet : clip_.takeAudio()) writer_.writeAudio(*packet);
   }
   writer_.finish();
   for (size_t i = notesBefore; i < writer_.notes().size(); ++i) note(writer_.notes()[i]);
+}
+
+void Run::warmUp(Enhancer& enhancer) {
+  enhancer.warmUp(clip_.nv21().data());
+  const PresentationClock clock(clip_.reader().nominalIntervalUs());
+  std::vector<FrameAhead> frames = {{clip_.nv21().data(), clip_.microseconds()}};
+  const size_t wanted = 1 + leadInFrames(options_.look);
+  while (frames.size() < wanted) {
+    const FrameAhead next = clip_.ahead(frames.size());
+    if (next.nv21 == nullptr || clock.isGap(next.microseconds - frames.back().microseconds)) break;
+    frames.push_back(next);
+  }
+  std::vector<uint8_t> shown(clip_.nv21().size());
+  for (; frames.size() > 1 && !stopRequested(); frames.pop_back()) {
+    std::copy_n(frames.back().nv21, shown.size(), shown.data());
+    enhancer.leadIn(shown.data());
+  }
 }
 
 void Run::enhanceFrame(Enhancer& enhancer) {
@@ -198,10 +219,11 @@ void Run::writeStatistics(double seconds) const {
       {"options",
        {{"engine_mode", options_.look.mode()},
         {"denoise", options_.look.denoise},
+        {"quality", kQualityNames[options_.look.quality]},
         {"strength", options_.look.strength},
         {"exposure", options_.look.exposure},
         {"deghosting", options_.look.deghosting},
-        {"neutral_exposure", options_.look.mode() == kModeNeutralExposure},
+        {"neutral_exposure", options_.look.neutralExposure || options_.look.mode() == kModeNeutralExposure},
         {"stabilize", options_.look.stabilize},
         {"sharpening", options_.look.sharpening},
         {"contrast", options_.look.contrast},
@@ -211,7 +233,7 @@ void Run::writeStatistics(double seconds) const {
         {"untouched_quad", options_.look.untouchedQuad},
         {"compare", options_.compare},
         {"overlay", options_.overlay},
-        {"warm_up", options_.warmUp && followsExposure(options_.look)},
+        {"warm_up", options_.warmUp && (followsExposure(options_.look) || leadInFrames(options_.look) > 0)},
         {"crf", options_.crf}}}};
   nlohmann::ordered_json measured = statistics_.json(seconds);
   json["summary"] = std::move(measured["summary"]);

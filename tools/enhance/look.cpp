@@ -7,6 +7,8 @@
 namespace noxel::tool {
 namespace {
 
+constexpr float kStabilizationCrop = 1.17f;
+
 struct Readers {
   const char* option;
   const char* temporal;  // modes that read it on this path; mode 4 has one path
@@ -14,19 +16,12 @@ struct Readers {
 };
 
 constexpr Readers kReaders[] = {
-    {"--denoise", "0123", "0123"},  //
-    {"--strength", "13", "0123"},
-    {"--exposure", "1", "1"},
-    {"--deghosting", "13", ""},
-    {"--stabilize", "0123", ""},
-    {"--overlay", "13", ""},
-    {"--sharpening", "024", "04"},
-    {"--contrast", "024", "04"},
-    {"--zoom", "01234", "04"},
-    {"--flip-chroma", "02", "02"},
-    {"--enhanced-quad", "0123", "0123"},
-    {"--untouched-quad", "0123", "0123"},
-    {"--no-warm-up", "1", "12"},
+    {"--denoise", "01235", "01235"},  //
+    {"--quality", "5", "5"},         {"--strength", "135", "01235"},      {"--exposure", "15", "15"},
+    {"--deghosting", "13", ""},      {"--stabilize", "01235", ""},        {"--overlay", "135", ""},
+    {"--sharpening", "024", "04"},   {"--contrast", "024", "04"},         {"--zoom", "012345", "045"},
+    {"--flip-chroma", "02", "02"},   {"--enhanced-quad", "0123", "0123"}, {"--untouched-quad", "0123", "0123"},
+    {"--no-warm-up", "15", "12"},
 };
 
 // Flipped: off-screen, the first row of the picture is at y = -1 in the engine.
@@ -56,6 +51,11 @@ void checkIsRead(const Look& look, const std::vector<std::string>& options) {
   }
 }
 
+size_t leadInFrames(const Look& look) {
+  constexpr size_t kFramesInHistory = 16;
+  return look.mode() == kModeClear && !look.spatial() && look.strength > 0 ? kFramesInHistory - 1 : 0;
+}
+
 bool followsExposure(const Look& look) {
   return look.mode() == kModeEnhance || (look.mode() == kModeStabilize && look.spatial());
 }
@@ -68,10 +68,14 @@ void setParameters(const Look& look, _KRSuperResEngine* engine) {
     KRSetParameter(kParamTotalZoom, &look.zoom, engine);
     return;
   }
-  KRSetParameter(kParamZoom, &look.zoom, engine);
+  // Mode 5 has the crop from the first frame on; the others ease into it.
+  const bool cropped = look.mode() == kModeClear && look.stabilize && !look.spatial();
+  const float zoom = cropped ? std::max(look.zoom, kStabilizationCrop) : look.zoom;
+  KRSetParameter(kParamZoom, &zoom, engine);
+  set(kParamQuality, look.quality);
   set(kParamLightMode, look.spatial() ? 1 : 0);
   set(kParamNoiseReductionStrength, look.strength);
-  set(kParamExposureStrength, look.exposure);
+  set(kParamExposureStrength, look.neutralExposure ? 0 : look.exposure);
   set(kParamDeghosting, look.deghosting);
   set(kParamFlipChroma, look.flipChroma ? 1 : 0);
   if (look.mode() != kModeStabilize) set(kParamStabilization, look.stabilize ? 1 : 0);  // it is always on there

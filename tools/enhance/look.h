@@ -1,6 +1,7 @@
 // The engine's parameters as the tool offers them, and which modes read which.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -11,11 +12,20 @@ namespace noxel::tool {
 // Above the engine's own 5: moving objects leave shorter trails, and static parts look the same.
 constexpr int kDefaultDeghosting = 8;
 
+constexpr int kDefaultMode = kModeClear;
+constexpr int defaultStrength(int mode) {
+  return mode == kModeClear ? 50 : 65;
+}
+
+enum Quality : int { kFast = 0, kBalanced = 1, kBest = 2 };  // values of kParamQuality
+constexpr const char* kQualityNames[] = {"fast", "balanced", "best"};
+
 struct Look {
-  int engineMode = kModeEnhance;
-  bool neutralExposure = false;      // the same as kModeNeutralExposure
-  std::string denoise = "temporal";  // or "spatial": light mode 0 or 1
-  int strength = 65;                 // 0..100, as the next three
+  int engineMode = kDefaultMode;
+  bool neutralExposure = false;                  // mode 5: tone is left alone; modes 1 and 3: kModeNeutralExposure
+  std::string denoise = "temporal";              // or "spatial": light mode 0 or 1
+  int quality = kBalanced;                       // mode 5
+  int strength = defaultStrength(kDefaultMode);  // 0..100, as the next three
   int exposure = 50;
   int sharpening = 2;
   int contrast = 30;
@@ -27,7 +37,7 @@ struct Look {
   std::vector<float> enhancedQuad;
   std::vector<float> untouchedQuad;
 
-  int mode() const { return neutralExposure ? kModeNeutralExposure : engineMode; }
+  int mode() const { return neutralExposure && engineMode != kModeClear ? kModeNeutralExposure : engineMode; }
   bool spatial() const { return denoise == "spatial"; }
 };
 
@@ -37,6 +47,10 @@ bool isRead(const Look& look, const std::string& option);
 
 // Whether gamma and gain ease from frame to frame.
 bool followsExposure(const Look& look);
+
+// How many frames after the first one to show the engine beforehand, the last of them first: the history then holds at the first
+// frame what comes after it. As many as the history counts for.
+size_t leadInFrames(const Look& look);
 
 void setParameters(const Look& look, _KRSuperResEngine* engine);
 

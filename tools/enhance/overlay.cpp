@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstddef>
 
+#include "math/inverse.h"
+
 namespace noxel::tool {
 namespace {
 
@@ -79,6 +81,27 @@ Point inPicture(const FrameReport& report, int width, int height, double frameX,
   return {(x - 0.5 * width) * zoom + 0.5 * width, (y - 0.5 * height) * zoom + 0.5 * height};
 }
 
+// The other way.
+class ToFrame {
+ public:
+  ToFrame(const FrameReport& report, int width, int height) : width_(width), height_(height), zoom_(report.zoom) {
+    double matrix[9];
+    std::copy_n(report.stabilizedFromCurrent, 9, matrix);
+    invert3x3(matrix, inverse_);
+  }
+  Point operator()(double x, double y) const {
+    const double u = (x - 0.5 * width_) / zoom_ + 0.5 * width_;
+    const double v = (y - 0.5 * height_) / zoom_ + 0.5 * height_;
+    return {inverse_[0] * u + inverse_[1] * v + inverse_[2], inverse_[3] * u + inverse_[4] * v + inverse_[5]};
+  }
+
+ private:
+  int width_;
+  int height_;
+  double zoom_;
+  double inverse_[9];
+};
+
 void drawTrack(Canvas* canvas, Point source, Point target, Colour colour) {
   const int thickness = 1 + canvas->height() / 720;
   const double length = std::hypot(target.x - source.x, target.y - source.y);
@@ -134,8 +157,10 @@ double maskAt(const Overlay& overlay, double u, double v) {
 }
 
 void drawMask(Canvas* canvas, const Overlay& overlay) {
+  const ToFrame toFrame(overlay.report, canvas->width(), canvas->height());
   const auto opacityAt = [&](double x, double y) {
-    const double held = maskAt(overlay, x / canvas->width(), y / canvas->height());
+    const Point at = overlay.maskInFrame ? toFrame(x, y) : Point{x, y};
+    const double held = maskAt(overlay, at.x / canvas->width(), at.y / canvas->height());
     return held < kMinMask ? 0.0 : kMaskOpacity * held;
   };
   for (int y = 0; y < canvas->height(); ++y) {

@@ -25,6 +25,7 @@ class RgbaSession : public Enhancer {
   explicit RgbaSession(const EnhancerSettings& settings);
 
   int warmUp(const uint8_t*) override { return 0; }
+  void leadIn(uint8_t*) override {}
   void timePasses(PassTimes& times) override { engine_.timePasses(times); }
   void enhance(uint8_t* nv21, int64_t presentationUs) override;
   FrameReport report() const override;

@@ -5,6 +5,7 @@
 #include <system_error>
 #include <utility>
 
+#include "common/interrupt.h"
 #include "common/output_file.h"
 #include "common/tool_error.h"
 #include "media/nv21_frame.h"
@@ -13,37 +14,55 @@ namespace noxel::tool {
 
 ClipInput::ClipInput(const std::string& path)
     : reader_(path),
-      frame_(reader_.first()),
-      width_(frame_->width),
-      height_(frame_->height),
+      current_{reader_.first()},
+      width_(frame().width),
+      height_(frame().height),
       nv21Width_(paddedWidth(width_)),
       nv21Height_(paddedHeight(height_)),
-      highDynamicRange_(frame_->color_trc == AVCOL_TRC_SMPTE2084 || frame_->color_trc == AVCOL_TRC_ARIB_STD_B67),
-      colours_(*frame_),
-      nv21_(nv21Size(nv21Width_, nv21Height_)) {
-  convert();
+      highDynamicRange_(frame().color_trc == AVCOL_TRC_SMPTE2084 || frame().color_trc == AVCOL_TRC_ARIB_STD_B67),
+      colours_(frame()) {
+  convert(current_);
 }
 
 bool ClipInput::next() {
-  FramePtr frame = reader_.next();
-  if (!frame) return false;
-  frame_ = std::move(frame);
-  convert();
+  if (stopRequested() || ahead(1).nv21 == nullptr) return false;
+  current_ = std::move(queue_.front());
+  queue_.pop_front();
   return true;
 }
 
+FrameAhead ClipInput::ahead(size_t steps) {
+  while (queue_.size() < steps) {
+    Converted read = {reader_.next()};
+    if (!read.frame) return {};
+    convert(read);
+    queue_.push_back(std::move(read));
+  }
+  Converted& found = queue_[steps - 1];
+  return {found.nv21.data(), microseconds(*found.frame)};
+}
+
+std::vector<PacketPtr> ClipInput::takeAudio() {
+  std::vector<PacketPtr> packets = std::exchange(current_.audio, {});
+  if (!queue_.empty()) return packets;
+  for (PacketPtr& packet : reader_.takeAudio()) packets.push_back(std::move(packet));
+  return packets;
+}
+
 double ClipInput::seconds() const {
-  return static_cast<double>(frame_->pts) * av_q2d(reader_.timeBase());
+  return static_cast<double>(frame().pts) * av_q2d(reader_.timeBase());
 }
 
-int64_t ClipInput::microseconds() const {
-  return av_rescale_q(frame_->pts, reader_.timeBase(), kMicroseconds);
+int64_t ClipInput::microseconds(const AVFrame& frame) const {
+  return av_rescale_q(frame.pts, reader_.timeBase(), kMicroseconds);
 }
 
-void ClipInput::convert() {
-  planar_ = colours_.planar(*frame_);
-  engineFrame_ = colours_.toEngine(*padded(*planar_));
-  packNv21(*engineFrame_, nv21_.data());
+void ClipInput::convert(Converted& converted) {
+  converted.planar = colours_.planar(*converted.frame);
+  converted.engineFrame = colours_.toEngine(*padded(*converted.planar));
+  converted.nv21.resize(nv21Size(nv21Width_, nv21Height_));
+  packNv21(*converted.engineFrame, converted.nv21.data());
+  converted.audio = reader_.takeAudio();
 }
 
 void checkOutputFiles(const std::string& input, const std::vector<std::string>& outputs, bool overwrite) {

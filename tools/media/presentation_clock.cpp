@@ -17,9 +17,9 @@ int64_t PresentationClock::stepFor(int64_t intervalUs) const {
 }
 
 void PresentationClock::show(int64_t presentationUs) {
-  nowUs_ += startsSequence_ ? kBreakStepUs : stepFor(presentationUs - shownUs_);
+  nowUs_ += startsSequence_ ? kBreakStepUs : followsRepeated_ ? kCameraStepUs : stepFor(presentationUs - shownUs_);
   shownUs_ = presentationUs;
-  startsSequence_ = false;
+  startsSequence_ = followsRepeated_ = false;
 }
 
 void PresentationClock::repeat() {

@@ -34,6 +34,8 @@ class PresentationClock {
   void repeat();
   // Makes the next frame start a sequence.
   void restart() { startsSequence_ = true; }
+  // The next frame to show follows what was repeated, whatever its time.
+  void goOn() { followsRepeated_ = true; }
 
   int64_t stepFor(int64_t intervalUs) const;
   bool isGap(int64_t intervalUs) const;
@@ -48,6 +50,7 @@ class PresentationClock {
   int64_t nowUs_ = 1'000'000'000;
   int64_t shownUs_ = 0;
   bool startsSequence_ = true;
+  bool followsRepeated_ = false;
 };
 
 }  // namespace noxel::tool

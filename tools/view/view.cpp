@@ -15,6 +15,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
+constexpr int kRingSlots = 2;           // frames on their way, as the C interface has them
 constexpr milliseconds kIdle(100);      // max delay until a signal is noticed
 constexpr milliseconds kRateSpan(500);  // frames per second are measured over this
 constexpr milliseconds kStillInterval(33);
@@ -36,39 +37,37 @@ std::string nameOf(const std::string& input) {
 
 }  // namespace
 
-WindowEngine::WindowEngine(Size frame, const SdlWindow& window) {
+WindowEngine::WindowEngine(Size frame, const SdlWindow& window, int mode) {
   const std::string size = std::to_string(frame.width) + "x" + std::to_string(frame.height);
-  if (Noxel_InitializeWithWindow(frame.width, frame.height, window.native(), &engine_) != 0) {
+  if (initializeEngine(frame.width, frame.height, mode, kRingSlots, 1, 0, window.native(), &engine_) != 0) {
     throw ToolError(kExitFailed, "cannot make an engine for frames of " + size);
   }
   if (engineReady(engine_)) {
     easeLosses(engine_, true);
     return;
   }
-  Noxel_Release(&engine_);
+  releaseEngine(&engine_);
   throw ToolError(kExitNoGl, "no usable OpenGL ES 3.0 in a window for frames of " + size);
 }
 
 WindowEngine::~WindowEngine() {
-  Noxel_Release(&engine_);
+  releaseEngine(&engine_);
 }
 
 void WindowEngine::set(const LiveLook& look) {
-  int lightMode = look.spatial ? 1 : 0;
-  int strength = look.strength;
-  int exposure = look.exposure;
-  int stabilization = look.stabilize ? 1 : 0;
-  Noxel_SetParameter(NOXEL_PARAMETER_LIGHT_MODE, &lightMode, engine_);
-  Noxel_SetParameter(NOXEL_PARAMETER_NOISE_REDUCTION, &strength, engine_);
-  Noxel_SetParameter(NOXEL_PARAMETER_EXPOSURE, &exposure, engine_);
-  Noxel_SetParameter(NOXEL_PARAMETER_STABILIZATION, &stabilization, engine_);
-  KRSetParameter(kParamDeghosting, &kDefaultDeghosting, engine_);
+  const auto set = [this](unsigned id, int value) { KRSetParameter(id, &value, engine_); };
+  set(kParamLightMode, look.spatial ? 1 : 0);
+  set(kParamQuality, look.quality);
+  set(kParamNoiseReductionStrength, look.strength);
+  set(kParamExposureStrength, look.exposure);
+  if (look.engineMode != kModeStabilize) set(kParamStabilization, look.stabilize ? 1 : 0);  // it is always on there
+  set(kParamDeghosting, kDefaultDeghosting);
   KRSetParameter(kParamQuadB, look.split ? kLeftHalf : kWhole, engine_);
   KRSetParameter(kParamQuadA, look.split ? kRightHalf : nullptr, engine_);
 }
 
 void WindowEngine::show(uint8_t* nv21) {
-  if (Noxel_ProcessFrame(nv21, engine_) != 0) throw ToolError(kExitFailed, "the engine refused a frame");
+  if (KRProcessFrame(nv21, engine_) != 0) throw ToolError(kExitFailed, "the engine refused a frame");
 }
 
 uint64_t WindowEngine::framesDrawn() const {
@@ -79,7 +78,7 @@ Viewer::Viewer(const ViewOptions& options)
     : options_(options),
       source_(options.input, options.format),
       window_(nameOf(options.input), {source_.displayWidth(), source_.displayHeight()}),
-      engine_({source_.width(), source_.height()}, window_),
+      engine_({source_.width(), source_.height()}, window_, options.look.engineMode),
       look_(options.look),
       nv21_(nv21Size(source_.width(), source_.height())) {
   engine_.set(look_);

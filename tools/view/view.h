@@ -24,7 +24,7 @@ struct ViewOptions {
 // An engine that renders into a window, which must outlive it.
 class WindowEngine {
  public:
-  WindowEngine(Size frame, const SdlWindow& window);
+  WindowEngine(Size frame, const SdlWindow& window, int mode);
   ~WindowEngine();
   WindowEngine(const WindowEngine&) = delete;
   WindowEngine& operator=(const WindowEngine&) = delete;

@@ -1,6 +1,7 @@
 #include "view/view_controls.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace noxel::tool {
 namespace {
@@ -29,6 +30,10 @@ Press press(SDL_Keycode key, bool repeated, LiveLook& look) {
     case SDLK_b:
       look.stabilize = !look.stabilize;
       return Press::kLookChanged;
+    case SDLK_f:
+      if (look.engineMode != kModeClear) return Press::kNothing;
+      look.quality = (look.quality + 1) % static_cast<int>(std::size(kQualityNames));
+      return Press::kLookChanged;
     case SDLK_s:
       look.split = !look.split;
       return Press::kLookChanged;
@@ -47,6 +52,7 @@ Press press(SDL_Keycode key, bool repeated, LiveLook& look) {
 
 std::string describe(const LiveLook& look) {
   std::string text = look.spatial ? "spatial" : "temporal";
+  if (look.engineMode == kModeClear) text += std::string(", ") + kQualityNames[look.quality];
   text += ", strength " + std::to_string(look.strength) + ", exposure " + std::to_string(look.exposure);
   if (look.stabilize && !look.spatial) text += ", stabilised";
   if (look.split) text += ", split";

@@ -7,12 +7,16 @@
 #include <cstdint>
 #include <string>
 
+#include "enhance/look.h"
+
 namespace noxel::tool {
 
 // What the keys change during playback.
 struct LiveLook {
-  bool spatial = false;  // else temporal
-  int strength = 65;     // 0..100, as the next
+  int engineMode = kDefaultMode;                 // fixed once the engine stands
+  int quality = kBalanced;                       // mode 5
+  bool spatial = false;                          // else temporal
+  int strength = defaultStrength(kDefaultMode);  // 0..100, as the next
   int exposure = 50;
   bool stabilize = false;  // temporal only
   bool split = false;      // left half enhanced, right half original
@@ -23,7 +27,7 @@ enum class Press { kNothing, kLookChanged, kPause, kQuit };
 // Applies a key to the look; pausing and quitting are the caller's. `repeated`: auto-repeat, which only up and down take.
 Press press(SDL_Keycode key, bool repeated, LiveLook& look);
 
-// "temporal, strength 65, exposure 50, stabilised, split"
+// "temporal, balanced, strength 50, exposure 50, stabilised, split"
 std::string describe(const LiveLook& look);
 
 // Maps the clip's time to the steady clock.
