@@ -6,6 +6,7 @@
 #include <numbers>
 #include <random>
 
+#include "gl/engine/passes.h"
 #include "support/clear_engine.h"
 
 namespace noxel {
@@ -46,6 +47,11 @@ Plane planeOf(int width, int height, const std::function<double(int, int)>& valu
     for (int x = 0; x < width; ++x) plane.at(x, y) = value(x, y);
   }
   return plane;
+}
+
+double toned(const float (&table)[256], double level) {
+  const int i = std::min(static_cast<int>(level), 254);
+  return std::lerp(static_cast<double>(table[i]), static_cast<double>(table[i + 1]), level - i);
 }
 
 constexpr int kRolls = 4;  // the camera pans, and from this frame on it rolls and zooms, too
@@ -126,6 +132,7 @@ class ClearPasses : public testing::TestWithParam<int> {
   void checkKept();
   void checkCanvas();
   void checkDenoised();
+  void checkShown(const Canvas& picture, bool steadied);
   void checkDelivered(bool steadied);
   Canvas given() const;
   // The motion of its own that a cell of the frame has.
@@ -382,6 +389,42 @@ void ClearPasses::checkDenoised() {
   }
 }
 
+// What a window shows, drawn into an image of the frame's size.
+void ClearPasses::checkShown(const Canvas& picture, bool steadied) {
+  const Pass& pass = engine.gpu->plan->show[steadied ? 1 : 0];
+  const ProgramTexts& texts = programTexts(pass.program);
+  Program program(texts.fragment, texts.vertex);
+  ASSERT_EQ(program.initialized, 1);
+  PassInput input;
+  input.context = {engine.gpu->frame.settings, {}, &engine.gpu->frame.noise, &engine.gpu->clearFrame,
+                   {kWidth, kHeight},          {}, {kWidth, kHeight}};
+  for (size_t i = 0; i < std::size(pass.reads); ++i) input.textures[i] = textureOf(engine.gpu, pass.reads[i]);
+  FrameBuffer image = FrameBuffer::make(kWidth, kHeight);
+  image.Bind();
+  drawPass(pass, input, &program);
+  std::vector<unsigned char> pixels(4 * kWidth * kHeight);
+  image.ReadPixels(0, 0, kWidth, kHeight, GL_RGBA, GL_UNSIGNED_BYTE, pixels.data());
+
+  const auto between = [](const Plane& plane, int x,
+                          int y) {  // a pixel lies a quarter of a cell beside its cell's centre
+    const int dx = x % 2 == 0 ? -1 : 1, dy = y % 2 == 0 ? -1 : 1;
+    const double row = std::lerp(plane.at(x / 2, y / 2), plane.at(x / 2 + dx, y / 2), 0.25);
+    return std::lerp(row, std::lerp(plane.at(x / 2, y / 2 + dy), plane.at(x / 2 + dx, y / 2 + dy), 0.25), 0.25) - 128;
+  };
+  const auto channel = [&](int c) {
+    return planeOf(kWidth, kHeight, [&, c](int x, int y) {
+      const double level = picture.luma.at(x, y), gain = toned(gains, level);
+      const double blue = gain * between(picture.blue, x, y), red = gain * between(picture.red, x, y);
+      const double colour[] = {1.402 * red, -0.344136 * blue - 0.714136 * red, 1.772 * blue};
+      return std::clamp(toned(levels, level) + colour[c], 0.0, 255.0);
+    });
+  };
+  for (int c = 0; c < 3; ++c) {
+    const auto shown = [&](int x, int y) { return pixels[static_cast<size_t>(4 * (y * kWidth + x) + c)]; };
+    EXPECT_TRUE(isClose(planeOf(kWidth, kHeight, shown), channel(c), 0.55, 0.3)) << "shown, " << c;  // rounded
+  }
+}
+
 void ClearPasses::checkDelivered(bool steadied) {
   Canvas picture = {engine.cells(Image::kDenoised), {}, {}, Plane(kColumns, kRows)};
   const std::vector<Plane> colour = engine.channels(Image::kColour);
@@ -395,10 +438,6 @@ void ClearPasses::checkDelivered(bool steadied) {
     EXPECT_TRUE(areClose(steady, drawnAll(picture, m, {}, still), drawnWithin(m), 2 * kStored));
     picture = steady;
   }
-  const auto toned = [](const float(&table)[256], double level) {
-    const int i = std::min(static_cast<int>(level), 254);
-    return std::lerp(static_cast<double>(table[i]), static_cast<double>(table[i + 1]), level - i);
-  };
   TestFrame shown = engine.output;
   const auto luma = [&](int x, int y) { return toned(levels, picture.luma.at(x, y)); };
   EXPECT_TRUE(isClose(planeOf(kWidth, kHeight, [&](int x, int y) { return shown.luma(x, y); }),
@@ -412,6 +451,7 @@ void ClearPasses::checkDelivered(bool steadied) {
                       colourOf(picture.blue), 0.54, 0.3));
   EXPECT_TRUE(isClose(planeOf(kColumns, kRows, [&](int x, int y) { return shown.v(2 * x, 2 * y); }),
                       colourOf(picture.red), 0.54, 0.3));
+  checkShown(picture, steadied);
 }
 
 TEST_P(ClearPasses, EachOfAMovingNoisySceneIsItsTwins) {
