@@ -137,7 +137,7 @@ int enableBlends(_KRSuperResEngine* engine);
 size_t blendWords(int width, int height);
 
 // Of the next frame alone. `words` stays the caller's and is used until KRProcessFrame returns. A frame whose blend is kept
-// comes back as it was; where it could not be drawn `words` is left alone. 1: no live engine, or blends are not enabled.
+// comes back as it was; where it could not be drawn `words` is left alone, and where it could not be read all 0. 1: no live engine, or blends are not enabled.
 int keepBlend(_KRSuperResEngine* engine, uint16_t* words);
 int offerBlend(_KRSuperResEngine* engine, const uint16_t* words);
 

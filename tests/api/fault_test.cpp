@@ -131,6 +131,7 @@ struct Life {
 // Five light frames, and four that follow a motion, after a break.
 constexpr int kFrames = 10;
 constexpr int kLightModeChange = 5;
+constexpr int kKept = 8;   // where blends are enabled, its past is kept, and offered to the next frame
 constexpr int kBreak = 6;  // a frame as dark as the first: an output that is never written shows one level only
 
 // Initialise, frames, a parameter changed, a break, frames, release. `levels` null: whatever comes is taken down.
@@ -157,6 +158,10 @@ Life live(const Setting& setting, const Levels* levels) {
     };
     EXPECT_EQ(observePasses(engine, note, &life.drawn), 0);
   }
+  const bool blends = setting.mode == kModeClear && setting.syncWithCaller == 1 && enableBlends(engine) == 0;
+  EXPECT_TRUE(blends || levels != nullptr || setting.mode != kModeClear || setting.syncWithCaller == 0 ||
+              setting.onWindow || !life.ready);
+  std::vector<uint16_t> words(blendWords(kWidth, kHeight));
   // Levels are taken of two frames more: a caller that is held up gets the output after the one it would have got.
   const int frames = levels != nullptr ? kFrames : kFrames + 2;
   for (int i = 0; i < frames; ++i) {
@@ -164,6 +169,12 @@ Life live(const Setting& setting, const Levels* levels) {
     const int temporal = 0;
     if (i == kLightModeChange) {
       EXPECT_EQ(KRSetParameter(kParamLightMode, &temporal, engine), 0);
+    }
+    if (blends && i == kKept) {
+      EXPECT_EQ(keepBlend(engine, words.data()), 0);
+    }
+    if (blends && i == kKept + 1) {
+      EXPECT_EQ(offerBlend(engine, words.data()), 0);
     }
     const Picture original = given(setting, i);
     Picture frame = original;

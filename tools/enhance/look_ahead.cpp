@@ -57,7 +57,9 @@ void LookAhead::goBack(uint8_t* nv21) {
   clock_.restart();
   for (size_t i = frames.size(); i > 0 && !stopRequested(); --i) {
     // Blends of the lead are of no use, and overwritten.
-    keepBlend(backwards_.get(), blends_[i <= count_ ? i - 1 : 0].data());
+    std::vector<uint16_t>& blend = blends_[i <= count_ ? i - 1 : 0];
+    std::fill(blend.begin(), blend.end(), uint16_t{0});  // a frame that cannot be drawn leaves it as it is
+    keepBlend(backwards_.get(), blend.data());
     clock_.repeat();
     backwards_.process(frames[i - 1].nv21);
   }

@@ -1,7 +1,10 @@
 // The pass sequence of a frame.
 #include "gl/engine/passes.h"
 
+#include <algorithm>
+
 #include "gl/engine/gpu_engine.h"
+#include "platform/log.h"
 #include "platform/stopwatch.h"
 
 namespace noxel {
@@ -147,9 +150,12 @@ void captureMask(_KRGPUEngine* engine) {
 // Blocks until the GPU is done.
 void keepBlend(_KRGPUEngine* engine) {
   if (engine->keptBlend == nullptr) return;
+  FrameBuffer* blend = frameBufferOf(engine, Image::kMerged);
   forgetGLErrors();
-  frameBufferOf(engine, Image::kMerged)->ReadWords(engine->keptBlend, engine->wordScratch);
-  NOXEL_CHECK_GL("keepBlend");
+  blend->ReadWords(engine->keptBlend, engine->wordScratch);
+  if (glGetError() == GL_NO_ERROR) return;
+  NOXEL_LOG_ERROR("glReadPixels failed: the blend is not kept");
+  std::fill_n(engine->keptBlend, size_t{8} * static_cast<size_t>(blend->width) * static_cast<size_t>(blend->height), 0);
 }
 
 // The output buffer may be written once the caller has taken what it holds.
