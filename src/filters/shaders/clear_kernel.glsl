@@ -1,7 +1,7 @@
 // Interpolation by six and by four taps a direction. Each tap's weight is a polynomial of the fraction, the least-squares
 // fit of the optimal interpolator for pictures whose power falls with the frequency squared under a Gaussian blur (1 / e at
 // 0.6 cycles a pixel). At whole pixels a tap is exactly 1 or 0. Mean squared error against the continuous picture, six taps:
-// 0.6 to 0.9 dB below that of the interpolating cubic B-spline.
+// 0.6 to 0.9 dB below that of the interpolating cubic B-spline, over frequencies up to half a cycle a pixel.
 
 // u: the fraction less a half. first: taps -2 to 1, second: taps 2 and 3.
 void sixWeights(float u, out vec4 first, out vec2 second) {
