@@ -10,11 +10,7 @@ layout(location = 0) out uvec4 canvas;
 layout(location = 1) out uvec4 canvasColour;
 #include "clear_kernel.glsl"
 #define CELL(at) (255.0 * texelFetch(s_Frame, at, 0))
-#ifdef FAST
-#include "clear_draw_cells_fast.glsl"
-#else
 #include "clear_draw_cells.glsl"
-#endif
 #define COLOUR(at) (255.0 * kLevelSteps * chromaAt(at))
 #include "clear_linear.glsl"
 #ifdef FAST

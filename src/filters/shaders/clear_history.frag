@@ -7,11 +7,7 @@ layout(location = 0) out uvec4 past;
 layout(location = 1) out uvec4 pastColour;
 #include "clear_kernel.glsl"
 #define CELL(at) levelsOf(texelFetch(s_Canvas, at, 0))
-#ifdef FAST
-#include "clear_draw_cells_fast.glsl"
-#else
 #include "clear_draw_cells.glsl"
-#endif
 #define COLOUR(at) vec2(texelFetch(s_CanvasColour, at, 0).rg)
 #include "clear_linear.glsl"
 #ifdef FAST

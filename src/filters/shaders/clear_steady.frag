@@ -6,11 +6,7 @@ layout(location = 0) out uvec4 luma;
 layout(location = 1) out uvec4 colour;
 #include "clear_kernel.glsl"
 #define CELL(at) levelsOf(texelFetch(s_Luma, at, 0))
-#ifdef FAST
-#include "clear_draw_cells_fast.glsl"
-#else
 #include "clear_draw_cells.glsl"
-#endif
 #define COLOUR(at) vec2(texelFetch(s_Colour, at, 0).rg)
 #include "clear_linear.glsl"
 #ifdef FAST
