@@ -231,7 +231,6 @@ int measureOwnMotion(_KRSuperResEngine* engine) {
 }
 
 int lastOwnTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity) {
-  constexpr float kMovesOnItsOwn = 0.5f;  // confidence: more likely than not
   const EngineReference reference(engine);
   if (!reference || engine->registration.registration == nullptr || engine->report.status != kRegistrationValid)
     return 0;

@@ -181,8 +181,8 @@ void takeLocalMotion(const RegistrationContext& registration, Frame* frame) {
   const MotionField field = motionField(*registration.registration);
   if (field.blocks == nullptr) return;
   const int factor = registration.resolutionFactor;
-  frame->localMotion = {&field.blocks->dx, field.columns, field.rows, kMotionBlockSide * factor,
-                        static_cast<float>(factor)};
+  frame->localMotion = {&field.blocks->dx,          field.columns, field.rows, kMotionBlockSide * factor,
+                        static_cast<float>(factor), kMovesOnItsOwn};
 }
 
 void takeResults(const RegistrationContext& registration, Frame* frame) {

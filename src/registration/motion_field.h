@@ -5,6 +5,9 @@ namespace noxel {
 
 inline constexpr int kMotionBlockSide = 8;  // pixels of the registration image
 
+// From this confidence on a block is taken to move on its own: more likely than not.
+inline constexpr float kMovesOnItsOwn = 0.5f;
+
 // Of one block of the current frame: what was at x in the previous frame is at A(x) + (dx, dy) in this one, with A the
 // common motion.
 struct BlockMotion {

@@ -15,11 +15,11 @@ inline constexpr int kCanvasBorder = 32;  // pixels at each side; whole cells
 // What the clear passes of one frame are drawn with. Affine mappings: two rows of three, in pixels, the first one's centre at
 // (0.5, 0.5).
 struct ClearFrame {
-  bool hasPast = false;  // what the canvas shows is the frame's past
-  bool keeps = false;    // the frame's blend is for the caller, and no picture is made of it
-  bool merges = false;   // the caller has offered what comes after the frame
+  bool hasPast = false;      // what the canvas shows is the frame's past
+  bool keeps = false;        // the frame's blend is for the caller, and no picture is made of it
+  bool merges = false;       // the caller has offered what comes after the frame
   bool keepsCanvas = false;  // the canvas stays as it is: this frame, a flash, adds nothing to it
-  bool anchors = true;   // the canvas begins anew with this frame's picture; otherwise the frame is drawn into it
+  bool anchors = true;       // the canvas begins anew with this frame's picture; otherwise the frame is drawn into it
   float canvasFromFrame[6] = {1, 0, 0, 0, 1, 0};
   float frameFromCanvas[6] = {1, 0, 0, 0, 1, 0};   // of the canvas after this frame
   float frameFromPicture[6] = {1, 0, 0, 0, 1, 0};  // the finished picture's zoom and stabilisation
@@ -33,7 +33,10 @@ class ClearHistory {
   ClearHistory() = default;
   ClearHistory(int width, int height) : width_(width), height_(height) {}
 
-  // The next frame. meanLuma: 0..255. frameFromPicture: in texture coordinates. previousFromCurrent: its motion, 3 x 3 row-major, in pixels; null: it has no past.
+  // The next frame.
+  //   previousFromCurrent   its motion, 3 x 3 row-major, in pixels; null: it has no past
+  //   frameFromPicture      in texture coordinates
+  //   meanLuma              0..255
   ClearFrame step(const float* previousFromCurrent, const Warp& frameFromPicture, float meanLuma);
 
  private:

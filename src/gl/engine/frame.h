@@ -53,8 +53,9 @@ struct LocalMotion {
   const float* blocks = nullptr;  // each: dx, dy, confidence; null: none is known to
   int columns = 0;
   int rows = 0;
-  int block = 8;      // pixels of the frame across
-  float scale = 1.0f;  // pixels of the frame for 1 in dx, dy
+  int block = 8;                 // pixels of the frame across
+  float scale = 1.0f;            // pixels of the frame for 1 in dx, dy
+  float leastConfidence = 0.5f;  // below, the common motion holds
 };
 
 // Which way a frame is enhanced: by itself, or together with those before it.
@@ -67,11 +68,12 @@ struct Frame {
   FrameParameters motion;
   Tone tone;
   FrameNoise noise = {};
-  // Mode 5, as the buffer: by luma level 0..255 the level out, and the factor of chroma's distance from grey, 0..15. Null: as it came.
+  // Mode 5, borrowed as the buffer is: by luma level 0..255 the level out, and the factor of chroma's distance from grey,
+  // 0..15. Null: the tone is left alone.
   const float* toneLevels = nullptr;
   const float* toneChromaGains = nullptr;
   LocalMotion localMotion;  // as these
-  int status = 1;  // -1 spatial path, 0 first frame or failed registration, 1 registered
+  int status = 1;           // -1 spatial path, 0 first frame or failed registration, 1 registered
 
   bool startsSequence = false;                  // the tracker has nothing to measure its motion against
   double uploadMs = 0.0;                        // of the GPU thread, planes to textures

@@ -39,19 +39,21 @@ void leaveAsItCame(_KRGPUEngine* engine) {
   engine->frameFromPicture = {};
 }
 
-// 16 bits of level and of chroma's factor, the high byte first.
+// As 16 bits, the high byte first.
+void storeWord(float value, unsigned char* bytes) {
+  const auto bits = static_cast<unsigned>(std::lround(std::clamp(value, 0.0f, 65535.0f)));
+  bytes[0] = static_cast<unsigned char>(bits >> 8);
+  bytes[1] = static_cast<unsigned char>(bits & 255);
+}
+
 void loadTone(_KRGPUEngine* engine) {
   const Frame& frame = engine->frame;
   unsigned char texels[4 * kToneEntries];
   for (int i = 0; i < kToneEntries; ++i) {
     const float level = frame.toneLevels != nullptr ? frame.toneLevels[i] : static_cast<float>(i);
     const float gain = frame.toneChromaGains != nullptr ? frame.toneChromaGains[i] : 1.0f;
-    const auto levelBits = static_cast<unsigned>(std::lround(std::clamp(level, 0.0f, 255.0f) * 256.0f));
-    const auto gainBits = static_cast<unsigned>(std::lround(std::clamp(gain, 0.0f, 15.0f) * 4096.0f));
-    texels[4 * i] = static_cast<unsigned char>(levelBits >> 8);
-    texels[4 * i + 1] = static_cast<unsigned char>(levelBits & 255);
-    texels[4 * i + 2] = static_cast<unsigned char>(gainBits >> 8);
-    texels[4 * i + 3] = static_cast<unsigned char>(gainBits & 255);
+    storeWord(std::min(level, 255.0f) * 256.0f, texels + 4 * i);
+    storeWord(std::min(gain, 15.0f) * 4096.0f, texels + 4 * i + 2);
   }
   engine->toneTexture.Load(texels);
 }
@@ -82,15 +84,6 @@ float meanLuma(const _KRGPUEngine& engine) {
   return static_cast<float>(sum) / static_cast<float>(count);
 }
 
-void store16(float value, unsigned char* bytes) {
-  const auto bits = static_cast<unsigned>(std::lround(std::clamp((value + 128.0f) * 256.0f, 0.0f, 65535.0f)));
-  bytes[0] = static_cast<unsigned char>(bits >> 8);
-  bytes[1] = static_cast<unsigned char>(bits & 255);
-}
-
-// More likely than not.
-constexpr float kMovesOnItsOwn = 0.5f;
-
 void loadLocalMotion(_KRGPUEngine* engine) {
   const LocalMotion& motion = engine->frame.localMotion;
   ClearFrame* clear = &engine->clearFrame;
@@ -102,12 +95,11 @@ void loadLocalMotion(_KRGPUEngine* engine) {
       float moved[2] = {0, 0};
       if (motion.blocks != nullptr && column < columns && row < rows) {
         const float* block = motion.blocks + 3 * (row * motion.columns + column);
-        for (int i = 0; i < 2 && block[2] >= kMovesOnItsOwn; ++i) moved[i] = block[i] * motion.scale;
+        for (int i = 0; i < 2 && block[2] >= motion.leastConfidence; ++i) moved[i] = block[i] * motion.scale;
       }
       clear->movesLocally = clear->movesLocally || moved[0] != 0.0f || moved[1] != 0.0f;
       unsigned char* texel = engine->localMotionTexels + 4 * (row * engine->localMotionTexture.width + column);
-      store16(moved[0], texel);
-      store16(moved[1], texel + 2);
+      for (int i = 0; i < 2; ++i) storeWord((moved[i] + 128.0f) * 256.0f, texel + 2 * i);
     }
   }
   engine->localMotionTexture.Load(engine->localMotionTexels);
