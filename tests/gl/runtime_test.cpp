@@ -211,6 +211,7 @@ TEST(ProgramCacheDirectory, ServesTheBuildThatFilledItAndNoOther) {
     const std::string fingerprint = cache.file("fingerprint");
     if (found[0] != '\0') store(fingerprint, found);
     store(cache.file("kr_w1"), "a program");
+    store(cache.file("clear_blend"), "a program");
     store(cache.file("kr_w2.Xa3b5c"), "half a program");
     store(cache.file("notes"), "of somebody else");
     fs::create_directory(cache.file("kr_directory"));
@@ -218,11 +219,27 @@ TEST(ProgramCacheDirectory, ServesTheBuildThatFilledItAndNoOther) {
     const bool own = std::string(found) == "new";
     EXPECT_EQ(openProgramCache(cache.path().c_str(), "new").readable, own);
     std::vector<std::string> left = {"fingerprint", "kr_directory", "notes"};
-    if (own) left = {"fingerprint", "kr_directory", "kr_w1", "kr_w2.Xa3b5c", "notes"};
+    if (own) left = {"clear_blend", "fingerprint", "kr_directory", "kr_w1", "kr_w2.Xa3b5c", "notes"};
     EXPECT_EQ(cache.names(), left);
     EXPECT_TRUE(openProgramCache((cache.path() + "/").c_str(), "new").readable);
   }
   EXPECT_EQ(log.text(), "");
+}
+
+TEST(ProgramCacheDirectory, BelongsToOneBuildAtATime) {
+  const TemporaryDirectory cache;
+  const std::string path = cache.path();
+  {
+    const CacheDirectory first = openProgramCache(path.c_str(), "first");
+    store(cache.file("kr_w1"), "a program of the first");
+    const CacheDirectory sibling = openProgramCache(path.c_str(), "first");
+    EXPECT_TRUE(sibling.readable);
+    EXPECT_STREQ(sibling.path, path.c_str());
+    EXPECT_STREQ(openProgramCache(path.c_str(), "second").path, "") << "the first still reads and writes programs";
+    EXPECT_EQ(cache.names(), (std::vector<std::string>{"fingerprint", "kr_w1"}));
+  }
+  EXPECT_STREQ(openProgramCache(path.c_str(), "second").path, path.c_str());
+  EXPECT_EQ(cache.names(), std::vector<std::string>{"fingerprint"});
 }
 
 TEST(ProgramCacheDirectory, ThatCannotBeWrittenIsToldOnceAndNotUsed) {

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <utility>
 
 #include "platform/log.h"
 
@@ -74,6 +76,13 @@ bool replaceFile(const char* path, std::initializer_list<Bytes> parts) {
   return complete;
 }
 
+// False while another build of the library uses the cache, or a process is about to take it over: this start does without.
+bool lockNow(int directory, int kind) {
+  if (flock(directory, kind | LOCK_NB) == 0 || errno != EWOULDBLOCK) return true;  // or a file system without locks
+  NOXEL_LOG_VERBOSE("program cache: in use by another build\n");
+  return false;
+}
+
 // False for whatever is not a regular file with exactly this text.
 bool contains(const char* path, const char* text) {
   const int file = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
@@ -93,13 +102,17 @@ bool contains(const char* path, const char* text) {
   return read && std::memcmp(found, text, size) == 0;
 }
 
+bool isProgram(const char* name) {
+  return std::strncmp(name, "kr_", 3) == 0 || std::strncmp(name, "clear_", 6) == 0;
+}
+
 // And what a process that was killed left of them. A directory of such a name is no program, and stays.
 bool removePrograms(const char* directory) {
   DIR* entries = opendir(directory);
   if (entries == nullptr) return cacheCallFailed("opendir", directory);
   bool removed = true;
   while (const dirent* entry = readdir(entries)) {
-    if (std::strncmp(entry->d_name, "kr_", 3) != 0) continue;
+    if (!isProgram(entry->d_name)) continue;
     if (unlinkat(dirfd(entries), entry->d_name, 0) == 0 || errno == ENOENT || errno == EISDIR) continue;
     removed = cacheCallFailed("unlink", entry->d_name);
   }
@@ -167,6 +180,13 @@ bool ProgramBinary::write(const char* path) const {
   return replaceFile(path, {{header, sizeof(header)}, {blob, size}});
 }
 
+CacheDirectory::~CacheDirectory() {
+  if (lock >= 0) ::close(lock);
+}
+
+CacheDirectory::CacheDirectory(CacheDirectory&& other) noexcept
+    : path(other.path), readable(other.readable), lock(std::exchange(other.lock, -1)) {}
+
 CacheDirectory openProgramCache(const char* directory, const char* fingerprint) {
   CacheDirectory cache(directory);
   if (cache.path[0] == '\0') return cache;
@@ -178,9 +198,16 @@ CacheDirectory openProgramCache(const char* directory, const char* fingerprint) 
     return nullptr;
   }
   ensureDirectory(directory);
-  cache.readable = contains(file.c_str(), fingerprint);
-  if (cache.readable) return cache;
-  if (removePrograms(directory) && replaceFile(file.c_str(), {{fingerprint, std::strlen(fingerprint)}})) return cache;
+  cache.lock = ::open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (cache.lock >= 0) {
+    if (!lockNow(cache.lock, LOCK_SH)) return nullptr;
+    cache.readable = contains(file.c_str(), fingerprint);
+    if (cache.readable) return cache;
+    if (!lockNow(cache.lock, LOCK_EX)) return nullptr;
+    const bool replaced =
+        removePrograms(directory) && replaceFile(file.c_str(), {{fingerprint, std::strlen(fingerprint)}});
+    if (replaced && lockNow(cache.lock, LOCK_SH)) return cache;
+  }
   NOXEL_LOG_ERROR("the program cache cannot be written, so programs are compiled at each start:\n\t%s\n", directory);
   return nullptr;
 }

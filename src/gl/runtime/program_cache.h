@@ -31,14 +31,18 @@ struct ProgramBinary {
 // Where programs are kept. Converts from a bare path, of which nothing is known.
 struct CacheDirectory {
   CacheDirectory(const char* directory) : path(directory != nullptr ? directory : "") {}
+  ~CacheDirectory();
+  CacheDirectory(CacheDirectory&& other) noexcept;
 
   const char* path;      // not owned; empty: nothing is kept
   bool readable = true;  // false: it holds no program of this build, so none is opened
+  int lock = -1;         // shared, on the directory itself, so that no other build takes it over meanwhile; owned
 };
 
 // Opens the cache for the build with this fingerprint. When the file "fingerprint" in the directory is missing or of another
-// build, all programs ("kr_...") are removed first and the file is replaced last, so that a process that dies in between never
-// leaves another build's programs beside this fingerprint. On failure one log line, and an empty path.
+// build, all programs ("kr_...", "clear_...") are removed first and the file is replaced last, so that a process that dies in between never
+// leaves another build's programs beside this fingerprint. Nothing is waited for: where another build has the cache open the
+// path is empty, and the programs are compiled. On failure one log line, and an empty path.
 CacheDirectory openProgramCache(const char* directory, const char* fingerprint);
 
 // mkdir (mode 0700, one level) unless something of that name exists.
