@@ -71,10 +71,10 @@ typedef enum noxel_result {
 
 /** Layout of 8-bit YUV 4:2:0 planes. With odd sizes chroma planes are (width + 1) / 2 by (height + 1) / 2 samples. */
 typedef enum noxel_format {
-  NOXEL_FORMAT_PLANES_NV12 = 0, /**< Y; U,V pairs */
-  NOXEL_FORMAT_PLANES_NV21 = 1, /**< Y; V,U pairs */
-  NOXEL_FORMAT_PLANES_I420 = 2, /**< Y; U; V */
-  NOXEL_FORMAT_PLANES_YV12 = 3  /**< Y; V; U */
+  NOXEL_PLANES_NV12 = 0, /**< Y; U,V pairs */
+  NOXEL_PLANES_NV21 = 1, /**< Y; V,U pairs */
+  NOXEL_PLANES_I420 = 2, /**< Y; U; V */
+  NOXEL_PLANES_YV12 = 3  /**< Y; V; U */
 } noxel_format;
 
 /** Which codes luma and chroma take. */
