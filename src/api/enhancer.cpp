@@ -69,8 +69,10 @@ int Enhancer::places() const {
 
 int Enhancer::setUp(const noxel_config& config) {
   if (config.cache_directory != nullptr) {
-    cacheDirectory_ = strdup(config.cache_directory);
+    const size_t size = std::strlen(config.cache_directory) + 1;
+    cacheDirectory_ = static_cast<char*>(std::malloc(size));
     if (cacheDirectory_ == nullptr) return NOXEL_ERROR_MEMORY;
+    std::memcpy(cacheDirectory_, config.cache_directory, size);
     config_.cache_directory = cacheDirectory_;
   }
   const size_t bytes = frameBytes(width_, height_);
