@@ -1,6 +1,8 @@
 // libnoxel through its header alone, but for faults and what is counted.
 #include "noxel/enhancer.h"
 
+#include <EGL/egl.h>
+#include <GLES3/gl3.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,6 +16,7 @@
 #include <tuple>
 #include <vector>
 
+#include "platform/egl_display.h"
 #include "support/driver_required.h"
 #include "support/faults.h"
 #include "support/log_capture.h"
@@ -440,6 +443,90 @@ TEST(Enhancer, EnhancersKnowNothingOfEachOther) {
   EXPECT_FALSE(std::filesystem::is_empty(firstCache));
   EXPECT_EQ(process.text(), "") << "the process's own log";
   EXPECT_NE(first.log, "");
+}
+
+// A context of the caller's, current on this thread.
+class CallersContext {
+ public:
+  CallersContext() {
+    const EGLint wanted[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE, EGL_OPENGL_ES2_BIT, EGL_NONE};
+    const EGLint version[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
+    const EGLint size[] = {EGL_WIDTH, 1, EGL_HEIGHT, 1, EGL_NONE};
+    EGLConfig config = nullptr;
+    EGLint count = 0;
+    display = platform::engineDisplay();
+    if (!eglInitialize(display, nullptr, nullptr) || !eglBindAPI(EGL_OPENGL_ES_API)) return;
+    if (!eglChooseConfig(display, wanted, &config, 1, &count) || count != 1) return;
+    context = eglCreateContext(display, config, EGL_NO_CONTEXT, version);
+    surface = eglCreatePbufferSurface(display, config, size);
+    usable = eglMakeCurrent(display, surface, surface, context);
+  }
+  ~CallersContext() {
+    eglMakeCurrent(display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
+    if (surface != EGL_NO_SURFACE) eglDestroySurface(display, surface);
+    if (context != EGL_NO_CONTEXT) eglDestroyContext(display, context);
+    eglReleaseThread();
+  }
+  CallersContext(const CallersContext&) = delete;
+  CallersContext& operator=(const CallersContext&) = delete;
+
+  EGLDisplay display = EGL_NO_DISPLAY;
+  EGLContext context = EGL_NO_CONTEXT;
+  EGLSurface surface = EGL_NO_SURFACE;
+  bool usable = false;
+};
+
+TEST(Enhancer, DrawsIntoTheCallersTexture) {
+  const CallersContext caller;
+  if (!caller.usable && !driverRequired()) GTEST_SKIP();
+  ASSERT_TRUE(caller.usable);
+  for (const int mode : {NOXEL_MODE_CLEAR, NOXEL_MODE_NEUTRAL_EXPOSURE}) {
+    constexpr int kTextureWidth = 30, kTextureHeight = 20, kFrameWidth = 30, kFrameHeight = 10;
+    Enhancement enhancement(kFrameWidth, kFrameHeight);
+    enhancement.config.mode = mode;
+    enhancement.config.lead_in = 0;
+    enhancement.config.share_display = caller.display;
+    enhancement.config.share_context = caller.context;
+    if (!enhancement.made()) GTEST_SKIP();
+    GLuint texture = 0;
+    glGenTextures(1, &texture);
+    glBindTexture(GL_TEXTURE_2D, texture);
+    glTexStorage2D(GL_TEXTURE_2D, 1, GL_RGBA8, kTextureWidth, kTextureHeight);
+    // Dark above, light and reddish below.
+    Planes given(kFrameWidth, kFrameHeight, NOXEL_PLANES_I420);
+    std::fill(given.bytes[0].begin(), given.bytes[0].end(), 60);
+    std::fill(given.bytes[0].begin() + kFrameWidth * kFrameHeight / 2, given.bytes[0].end(), 150);
+    std::fill(given.bytes[1].begin(), given.bytes[1].end(), 128);
+    std::fill(given.bytes[2].begin(), given.bytes[2].end(), 150);
+    for (int frame = 0; frame < 3; ++frame) {
+      given.frame.time_us += kIntervalUs;
+      ASSERT_EQ(noxel_send(enhancement.enhancer, &given.frame), NOXEL_OK);
+      noxel_frame_info info;
+      noxel_frame_info_init(&info, sizeof(info));
+      ASSERT_EQ(noxel_render_texture(enhancement.enhancer, texture, kTextureWidth, kTextureHeight, &info), NOXEL_OK)
+          << enhancement.log;
+      EXPECT_EQ(info.time_us, given.frame.time_us);
+    }
+    EXPECT_EQ(noxel_render_texture(enhancement.enhancer, texture, 1, 1, nullptr), NOXEL_AGAIN);
+    GLuint framebuffer = 0;
+    glGenFramebuffers(1, &framebuffer);
+    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0);
+    for (const auto& [x, y, luma] : {std::tuple{0, 2, 60}, {kTextureWidth - 1, kTextureHeight - 3, 150}}) {
+      unsigned char pixel[4] = {};
+      glReadPixels(x, y, 1, 1, GL_RGBA, GL_UNSIGNED_BYTE, pixel);
+      // BT.601; the filters of mode 3 cost a level.
+      EXPECT_NEAR(pixel[0], luma + 1.402 * 22, 2.5) << mode;
+      EXPECT_NEAR(pixel[1], luma - 0.714 * 22, 2.5) << mode;
+      EXPECT_NEAR(pixel[2], luma, 2.5) << mode;
+      EXPECT_EQ(pixel[3], 255);
+    }
+    glDeleteFramebuffers(1, &framebuffer);
+    glDeleteTextures(1, &texture);
+  }
+  Enhancement alone(16, 8);
+  ASSERT_TRUE(alone.made());
+  EXPECT_EQ(noxel_render_texture(alone.enhancer, 1, 16, 8, nullptr), NOXEL_ERROR_UNSUPPORTED);
 }
 
 TEST(Enhancer, GivesBackWhatItHadWhateverFails) {
