@@ -317,7 +317,8 @@ NOXEL_API int noxel_latency_frames(const noxel_enhancer* enhancer);
  *
  *  texture        a GL_TEXTURE_2D of that context, GL_RGBA8, `width` x `height`; drawn over whole
  *
- *  As noxel_receive; NOXEL_ERROR_UNSUPPORTED: no context is shared. The drawing has ended when the call returns, so any
+ *  As noxel_receive; NOXEL_ERROR_UNSUPPORTED: no context is shared. NOXEL_ERROR_ARGUMENT also where GL cannot draw into the
+ *  texture; the frame is gone then. The drawing has ended when the call returns, so any
  *  context of the share group may use the texture at once. The caller needs no context current.
  */
 NOXEL_API int noxel_render_texture(noxel_enhancer* enhancer, unsigned texture, int width, int height,

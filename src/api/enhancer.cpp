@@ -69,8 +69,10 @@ int Enhancer::places() const {
 
 int Enhancer::setUp(const noxel_config& config) {
   if (config.cache_directory != nullptr) {
-    cacheDirectory_ = strdup(config.cache_directory);
+    const size_t size = std::strlen(config.cache_directory) + 1;
+    cacheDirectory_ = static_cast<char*>(std::malloc(size));
     if (cacheDirectory_ == nullptr) return NOXEL_ERROR_MEMORY;
+    std::memcpy(cacheDirectory_, config.cache_directory, size);
     config_.cache_directory = cacheDirectory_;
   }
   const size_t bytes = frameBytes(width_, height_);
@@ -160,42 +162,64 @@ int Enhancer::send(const noxel_frame& frame) {
   return NOXEL_OK;
 }
 
-int Enhancer::receive(noxel_frame* frame, noxel_frame_info* info) {
-  const bool written = frame != nullptr && !intoWindow_;
-  if (written && !isUsable(*frame, width_, height_)) return NOXEL_ERROR_ARGUMENT;
-  int place;
-  {
-    Lock lock(mutex_);
-    while (finished_.size() == 0) {
-      if (flushing_ && waiting_.size() == 0) {
-        flushing_ = false;
-        cuts_.restart();
-        return NOXEL_END;
-      }
-      if (live_ || !(busy_ || canWork())) return NOXEL_AGAIN;
-      pthread_cond_wait(&changed_, &mutex_);
+// Takes the next frame that is done off its queue.
+int Enhancer::takeFinished(int* place) {
+  Lock lock(mutex_);
+  while (finished_.size() == 0) {
+    if (flushing_ && waiting_.size() == 0) {
+      flushing_ = false;
+      cuts_.restart();
+      return NOXEL_END;
     }
-    place = finished_.pop();
-    pthread_cond_broadcast(&changed_);
+    if (live_ || !(busy_ || canWork())) return NOXEL_AGAIN;
+    pthread_cond_wait(&changed_, &mutex_);
   }
-  EnhancerFrame* slot = &frames_[place];
-  if (written) {
-    convertMatrix(slot->matrix, frame->matrix, engineWidth(width_), engineHeight(height_), slot->nv21);
-    givePlanes(slot->nv21, width_, height_, *frame);
-  }
-  if (frame != nullptr) {
-    frame->tag = slot->info.tag;
-    frame->time_us = slot->info.time_us;
-  }
+  *place = finished_.pop();
+  pthread_cond_broadcast(&changed_);
+  return NOXEL_OK;
+}
+
+void Enhancer::giveBack(int place, noxel_frame_info* info) {
   if (info != nullptr) {
     const size_t size = info->size;
-    std::memcpy(info, &slot->info, size);
+    std::memcpy(info, &frames_[place].info, size);
     info->size = size;
   }
   Lock lock(mutex_);
   free_.push(place);
   pthread_cond_broadcast(&changed_);
+}
+
+int Enhancer::receive(noxel_frame* frame, noxel_frame_info* info) {
+  const bool written = frame != nullptr && !intoWindow_;
+  if (written && !isUsable(*frame, width_, height_)) return NOXEL_ERROR_ARGUMENT;
+  int place = 0;
+  const int result = takeFinished(&place);
+  if (result != NOXEL_OK) return result;
+  const EnhancerFrame& finished = frames_[place];
+  if (written) {
+    convertMatrix(finished.matrix, frame->matrix, engineWidth(width_), engineHeight(height_), finished.nv21);
+    givePlanes(finished.nv21, width_, height_, *frame);
+  }
+  if (frame != nullptr) {
+    frame->tag = finished.info.tag;
+    frame->time_us = finished.info.time_us;
+  }
+  giveBack(place, info);
   return NOXEL_OK;
+}
+
+int Enhancer::renderTexture(unsigned texture, int width, int height, noxel_frame_info* info) {
+  if (config_.share_context == nullptr) return NOXEL_ERROR_UNSUPPORTED;
+  if (texture == 0 || width < 1 || height < 1) return NOXEL_ERROR_ARGUMENT;
+  int place = 0;
+  const int result = takeFinished(&place);
+  if (result != NOXEL_OK) return result;
+  const EnhancerFrame& finished = frames_[place];
+  convertMatrix(finished.matrix, NOXEL_MATRIX_BT601, engineWidth(width_), engineHeight(height_), finished.nv21);
+  const bool drawn = drawIntoTexture(engine_.get(), finished.nv21, width_, height_, texture, width, height) == 0;
+  giveBack(place, info);
+  return drawn ? NOXEL_OK : NOXEL_ERROR_ARGUMENT;
 }
 
 int Enhancer::flush() {

@@ -57,6 +57,7 @@ class Enhancer {
 
   int send(const noxel_frame& frame);
   int receive(noxel_frame* frame, noxel_frame_info* info);
+  int renderTexture(unsigned texture, int width, int height, noxel_frame_info* info);
   int flush();
   int reset();
   int latencyFrames() const;
@@ -68,6 +69,8 @@ class Enhancer {
   explicit Enhancer(const noxel_config& config);
   int setUp(const noxel_config& config);
   int places() const;
+  int takeFinished(int* place);
+  void giveBack(int place, noxel_frame_info* info);
 
   // Under mutex_.
   bool looksAhead(const double* settings) const;

@@ -25,7 +25,13 @@ int check(const noxel_config& config) {
                       (config.delivery == NOXEL_COMPLETE || config.delivery == NOXEL_LIVE);
   if (!sized || !moded || !chosen || config.frame_interval_us < 0) return NOXEL_ERROR_ARGUMENT;
   if (config.window != nullptr && config.delivery == NOXEL_COMPLETE) return NOXEL_ERROR_UNSUPPORTED;
+  if ((config.share_context == nullptr) != (config.share_display == nullptr)) return NOXEL_ERROR_ARGUMENT;
   return NOXEL_OK;
+}
+
+// None, or one of this header's size or an older one's.
+bool isWhole(const noxel_frame_info* info) {
+  return info == nullptr || (info->size >= sizeof(size_t) && info->size <= sizeof(noxel_frame_info));
 }
 
 noxel::Enhancer* behind(noxel_enhancer* enhancer) {
@@ -141,10 +147,8 @@ int noxel_send(noxel_enhancer* enhancer, const noxel_frame* frame) {
 }
 
 int noxel_receive(noxel_enhancer* enhancer, noxel_frame* frame, noxel_frame_info* info) {
-  if (enhancer == nullptr || (frame != nullptr && frame->size < sizeof(noxel_frame)) ||
-      (info != nullptr && (info->size < sizeof(size_t) || info->size > sizeof(noxel_frame_info)))) {
+  if (enhancer == nullptr || (frame != nullptr && frame->size < sizeof(noxel_frame)) || !isWhole(info))
     return NOXEL_ERROR_ARGUMENT;
-  }
   const noxel::platform::LogScope log(behind(enhancer)->log());
   return behind(enhancer)->receive(frame, info);
 }
@@ -162,7 +166,9 @@ int noxel_latency_frames(const noxel_enhancer* enhancer) {
                              : NOXEL_ERROR_ARGUMENT;
 }
 
-int noxel_render_texture(noxel_enhancer*, unsigned, int, int, noxel_frame_info*) {
-  return NOXEL_ERROR_UNSUPPORTED;
+int noxel_render_texture(noxel_enhancer* enhancer, unsigned texture, int width, int height, noxel_frame_info* info) {
+  if (enhancer == nullptr || !isWhole(info)) return NOXEL_ERROR_ARGUMENT;
+  const noxel::platform::LogScope log(behind(enhancer)->log());
+  return behind(enhancer)->renderTexture(texture, width, height, info);
 }
 }
