@@ -80,7 +80,8 @@ void GstreamerTest::TearDown() {
 
 std::string Format::caps() const {
   return "video/x-raw,format=" + std::string(gst_video_format_to_string(format)) + ",width=" + std::to_string(width) +
-         ",height=" + std::to_string(height) + ",framerate=" + std::to_string(framesPerSecond) + "/1";
+         ",height=" + std::to_string(height) + ",framerate=" + std::to_string(framesPerSecond) +
+         "/1,colorimetry=" + colorimetry;
 }
 
 GstBuffer* plainFrame(const Format& format, int index, Levels levels, int paddedBy) {

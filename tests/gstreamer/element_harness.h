@@ -44,6 +44,7 @@ struct Format {
   GstVideoFormat format;
   int width, height;
   int framesPerSecond = 25;
+  std::string colorimetry = "bt601";
   std::string caps() const;
 };
 

@@ -2,6 +2,7 @@
 #include <gst/base/base.h>
 
 #include <numeric>
+#include <random>
 #include <set>
 
 #include "gstreamer/element_harness.h"
@@ -150,6 +151,80 @@ TEST_F(NoxelElement, KeepsPicturesOfAllFormatsAndSizes) {
         EXPECT_NEAR(levels.u, 110, 2);
         EXPECT_NEAR(levels.v, 140, 2);
       }
+    }
+  }
+}
+
+// Dark noise in strong colours, the same in each call.
+Buffer noisyFrame(const Format& format, int index) {
+  GstBuffer* buffer = plainFrame(format, index, {40, 100, 160});
+  GstMapInfo map;
+  EXPECT_TRUE(gst_buffer_map(buffer, &map, GST_MAP_READWRITE));
+  std::minstd_rand random(static_cast<unsigned>(index + 1));
+  for (gsize i = 0; i < map.size; ++i) map.data[i] = static_cast<guint8>(map.data[i] + random() % 16);
+  gst_buffer_unmap(buffer, &map);
+  return Buffer(buffer);
+}
+
+// What the library makes of the frames by itself, in place.
+void enhanceDirectly(const Format& format, int libraryFormat, int range, int matrix, std::vector<Buffer>& frames) {
+  noxel_config config;
+  noxel_config_init(&config, sizeof config, format.width, format.height);
+  config.mode = NOXEL_MODE_ENHANCE;
+  config.lead_in = 0;
+  config.frame_interval_us = 40000;
+  noxel_enhancer* enhancer = nullptr;
+  ASSERT_EQ(noxel_create(&config, &enhancer), NOXEL_OK);
+  for (size_t i = 0; i < frames.size(); ++i) {
+    const GstVideoMeta* planes = gst_buffer_get_video_meta(frames[i].get());
+    GstMapInfo map;
+    ASSERT_TRUE(gst_buffer_map(frames[i].get(), &map, GST_MAP_READWRITE));
+    noxel_frame frame;
+    noxel_frame_init(&frame, sizeof frame);
+    frame.format = libraryFormat;
+    frame.range = range;
+    frame.matrix = matrix;
+    for (guint plane = 0; plane < planes->n_planes; ++plane) {
+      frame.planes[plane] = map.data + planes->offset[plane];
+      frame.strides[plane] = planes->stride[plane];
+    }
+    frame.time_us = static_cast<int64_t>(i) * 40000;
+    EXPECT_EQ(noxel_send(enhancer, &frame), NOXEL_OK);
+    EXPECT_EQ(noxel_receive(enhancer, &frame, nullptr), NOXEL_OK);
+    gst_buffer_unmap(frames[i].get(), &map);
+  }
+  noxel_free(&enhancer);
+}
+
+TEST_F(NoxelElement, GivesTheLibrarysPicturesInTheCapsColours) {
+  const struct {
+    GstVideoFormat format;
+    const char* colorimetry;
+    int libraryFormat, range, matrix;
+  } cases[] = {
+      {GST_VIDEO_FORMAT_NV12, "bt601", NOXEL_PLANES_NV12, NOXEL_RANGE_LIMITED, NOXEL_MATRIX_BT601},
+      {GST_VIDEO_FORMAT_NV21, "bt709", NOXEL_PLANES_NV21, NOXEL_RANGE_LIMITED, NOXEL_MATRIX_BT709},
+      {GST_VIDEO_FORMAT_I420, "1:4:0:0", NOXEL_PLANES_I420, NOXEL_RANGE_FULL, NOXEL_MATRIX_BT601},
+      {GST_VIDEO_FORMAT_YV12, "1:3:0:0", NOXEL_PLANES_YV12, NOXEL_RANGE_FULL, NOXEL_MATRIX_BT709},
+  };
+  for (const auto& one : cases) {
+    const Format format = {one.format, 64, 48, 25, one.colorimetry};
+    SCOPED_TRACE(format.caps());
+    // A mode that works in RGB, where matrix and order of the chroma planes count.
+    ElementHarness harness(format, "mode=enhance lead-in=false");
+    std::vector<Buffer> expected;
+    for (int i = 0; i < 5; ++i) {
+      expected.push_back(noisyFrame(format, i));
+      ASSERT_EQ(gst_harness_push(*harness, noisyFrame(format, i).release()), GST_FLOW_OK);
+    }
+    enhanceDirectly(format, one.libraryFormat, one.range, one.matrix, expected);
+    const std::vector<Buffer> frames = harness.received();
+    ASSERT_EQ(frames.size(), expected.size());
+    for (size_t i = 0; i < frames.size(); ++i) {
+      GstMapInfo map;
+      ASSERT_TRUE(gst_buffer_map(expected[i].get(), &map, GST_MAP_READ));
+      EXPECT_EQ(gst_buffer_memcmp(frames[i].get(), 0, map.data, 64 * 48 * 3 / 2), 0) << "frame " << i;
+      gst_buffer_unmap(expected[i].get(), &map);
     }
   }
 }
@@ -322,6 +397,7 @@ TEST_F(NoxelElement, ModeAndDeliveryChangeWithoutLosingAFrame) {
   harness.pushMany(0, 20);
   g_object_set(harness.element(), "mode", NOXEL_MODE_STABILIZE, nullptr);
   harness.pushMany(20, 3);
+  EXPECT_EQ(harness.latency(), 0u) << "this mode sees no frame ahead";
   gst_util_set_object_arg(G_OBJECT(harness.element()), "mode", "clear");
   harness.pushMany(23, 2);
   g_object_set(harness.element(), "lead-in", FALSE, nullptr);
@@ -383,7 +459,8 @@ TEST_F(NoxelLive, EveryFrameComesOutOrIsReportedLost) {
   constexpr int kFrames = 100;
   for (int i = 0; i < kFrames; ++i) {
     ASSERT_EQ(harness.push(i, {120 + i, 110, 140}), GST_FLOW_OK);
-    if (i % 4 == 0) g_usleep(5000);
+    // After the second frame long enough for both to be ready: the library keeps the newer one.
+    g_usleep(i == 1 ? 500000 : i % 4 == 0 ? 5000 : 0);
   }
   EXPECT_EQ(harness.latency(), GST_SECOND / 25);
   harness.end();
