@@ -2,7 +2,7 @@
 # check_commands.sh PLUGIN_DIRECTORY SCRATCH DOCS: noxelenhance in GStreamer's own commands, and those of
 # DOCS/integrating.md; a leaked object is a failure. Exits with 77 without a GL driver, unless NOXEL_REQUIRE_GL is 1.
 set -euo pipefail
-export GST_PLUGIN_PATH=$1 GST_REGISTRY=$2/registry.bin XDG_CACHE_HOME=$2
+export GST_PLUGIN_PATH=$1 GST_REGISTRY=$2/commands-registry.bin XDG_CACHE_HOME=$2
 mkdir -p "$2"
 
 description=$(gst-inspect-1.0 noxelenhance)

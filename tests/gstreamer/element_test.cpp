@@ -1,5 +1,5 @@
 // noxelenhance: what goes in comes out, in order and with what it carried, whatever happens to the stream.
-#include <gst/base/base.h>
+#include <gst/controller/controller.h>
 
 #include <numeric>
 #include <random>
@@ -38,7 +38,8 @@ class OutputOrder {
  private:
   static GstPadProbeReturn take(GstPad*, GstPadProbeInfo* info, gpointer context) {
     auto* self = static_cast<OutputOrder*>(context);
-    if (const GstBuffer* buffer = GST_PAD_PROBE_INFO_BUFFER(info); buffer != nullptr && GST_IS_BUFFER(buffer)) {
+    if ((GST_PAD_PROBE_INFO_TYPE(info) & GST_PAD_PROBE_TYPE_BUFFER) != 0) {
+      GstBuffer* buffer = GST_PAD_PROBE_INFO_BUFFER(info);
       self->seen.push_back("frame " + std::to_string(GST_BUFFER_PTS(buffer) * 25 / GST_SECOND));
       return GST_PAD_PROBE_OK;
     }
@@ -405,28 +406,39 @@ TEST_F(NoxelElement, ModeAndDeliveryChangeWithoutLosingAFrame) {
   EXPECT_EQ(harness.receivedNumbers(), numbers(0, 27));
 }
 
-// The left half is dark, the right half bright: magnified from the left it would stay, so a patch at 3/8 of the width is looked
-// at, which shows what was at 7/16 once the middle is magnified twice, and the bright part begins at 13/32.
+// Columns from 26 of 64 are bright. Column 22 shows what is at 27 once the middle is magnified twice.
 TEST_F(NoxelElement, TakesSettingsWhilePlaying) {
   const Format format = {GST_VIDEO_FORMAT_NV12, 64, 64};
-  ElementHarness harness(format, "strength=0 lead-in=false");
-  int level[2] = {};
-  for (int i = 0; i < 8; ++i) {
-    if (i == 4) g_object_set(harness.element(), "zoom", 2.0, nullptr);
-    GstBuffer* buffer = plainFrame(format, i, {90, 128, 128});
-    GstMapInfo map;
-    ASSERT_TRUE(gst_buffer_map(buffer, &map, GST_MAP_WRITE));
-    for (int y = 0; y < 64; ++y) std::fill_n(map.data + y * 64 + 26, 38, guint8{180});
-    gst_buffer_unmap(buffer, &map);
-    ASSERT_EQ(gst_harness_push(*harness, buffer), GST_FLOW_OK);
-    for (const Buffer& frame : harness.received()) {
-      ASSERT_TRUE(gst_buffer_map(frame.get(), &map, GST_MAP_READ));
-      level[i / 4] = map.data[32 * 64 + 22];
-      gst_buffer_unmap(frame.get(), &map);
+  for (const bool controlled : {false, true}) {
+    SCOPED_TRACE(controlled ? "by a controller" : "by the application");
+    ElementHarness harness(format, "strength=0 lead-in=false");
+    if (controlled) {
+      GstControlSource* zoom = gst_interpolation_control_source_new();
+      g_object_set(zoom, "mode", GST_INTERPOLATION_MODE_NONE, nullptr);
+      gst_timed_value_control_source_set(GST_TIMED_VALUE_CONTROL_SOURCE(zoom), 0, 1.0);
+      gst_timed_value_control_source_set(GST_TIMED_VALUE_CONTROL_SOURCE(zoom), 4 * GST_SECOND / 25, 2.0);
+      gst_object_add_control_binding(GST_OBJECT(harness.element()), gst_direct_control_binding_new_absolute(
+                                                                        GST_OBJECT(harness.element()), "zoom", zoom));
+      gst_object_unref(zoom);
     }
+    int level[2] = {};
+    for (int i = 0; i < 8; ++i) {
+      if (i == 4 && !controlled) g_object_set(harness.element(), "zoom", 2.0, nullptr);
+      GstBuffer* buffer = plainFrame(format, i, {90, 128, 128});
+      GstMapInfo map;
+      ASSERT_TRUE(gst_buffer_map(buffer, &map, GST_MAP_WRITE));
+      for (int y = 0; y < 64; ++y) std::fill_n(map.data + y * 64 + 26, 38, guint8{180});
+      gst_buffer_unmap(buffer, &map);
+      ASSERT_EQ(gst_harness_push(*harness, buffer), GST_FLOW_OK);
+      for (const Buffer& frame : harness.received()) {
+        ASSERT_TRUE(gst_buffer_map(frame.get(), &map, GST_MAP_READ));
+        level[i / 4] = map.data[32 * 64 + 22];
+        gst_buffer_unmap(frame.get(), &map);
+      }
+    }
+    EXPECT_LT(level[0], 120);
+    EXPECT_GT(level[1], 150);
   }
-  EXPECT_LT(level[0], 120);
-  EXPECT_GT(level[1], 150);
 }
 
 TEST_F(NoxelElement, SaysWhatWentWrong) {

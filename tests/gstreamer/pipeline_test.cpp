@@ -7,8 +7,8 @@ namespace {
 
 using NoxelPipeline = GstreamerTest;
 
-// Runs to its end. Returns how many buffers came to the element named `counted`.
-int run(const std::string& description, const char* counted) {
+// Runs to its end, as many times as told. Returns how many buffers came to the element named `counted`.
+int run(const std::string& description, const char* counted, int rounds = 1) {
   GError* error = nullptr;
   const std::unique_ptr<GstElement, Unref> pipeline(gst_parse_launch(description.c_str(), &error));
   EXPECT_EQ(error, nullptr) << error->message;
@@ -28,17 +28,20 @@ int run(const std::string& description, const char* counted) {
       &count, nullptr);
   gst_object_unref(pad);
   const std::unique_ptr<GstBus, Unref> bus(gst_element_get_bus(pipeline.get()));
-  gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
-  const Message message(gst_bus_timed_pop_filtered(bus.get(), 50 * GST_SECOND,
-                                                   static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
-  if (message == nullptr) {
-    ADD_FAILURE() << "the pipeline stands still: " << description;
-  } else if (GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_ERROR) {
-    gchar* details = nullptr;
-    gst_message_parse_error(message.get(), &error, &details);
-    ADD_FAILURE() << error->message << "\n" << details;
-    g_error_free(error);
-    g_free(details);
+  for (int round = 0; round < rounds; ++round) {
+    gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
+    const Message message(gst_bus_timed_pop_filtered(bus.get(), 50 * GST_SECOND,
+                                                     static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
+    if (message == nullptr) {
+      ADD_FAILURE() << "the pipeline stands still: " << description;
+    } else if (GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_ERROR) {
+      gchar* details = nullptr;
+      gst_message_parse_error(message.get(), &error, &details);
+      ADD_FAILURE() << error->message << "\n" << details;
+      g_error_free(error);
+      g_free(details);
+    }
+    gst_element_set_state(pipeline.get(), GST_STATE_READY);
   }
   gst_element_set_state(pipeline.get(), GST_STATE_NULL);
   return count;
@@ -51,6 +54,10 @@ TEST_F(NoxelPipeline, SeveralElementsWorkSideBySide) {
                           "t. ! queue ! noxelenhance mode=enhance ! fakesink",
                 "counted"),
             30);
+}
+
+TEST_F(NoxelPipeline, StartsAnewAfterAStop) {
+  EXPECT_EQ(run(kSource + "! noxelenhance ! fakesink name=counted", "counted", 3), 90);
 }
 
 TEST_F(NoxelPipeline, APlayedSourceIsLive) {
