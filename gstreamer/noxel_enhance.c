@@ -256,8 +256,6 @@ static GstFlowReturn drain(GstNoxelEnhance* self) {
   if (self->in_sequence) {
     const int result = noxel_flush(self->enhancer);
     if (result < 0) flow = fail(self, "Flushing", result);
-    /* Live, a frame may still be in the GPU, and no call waits for it. */
-    const gint64 deadline = g_get_monotonic_time() + 2 * G_TIME_SPAN_SECOND;
     gboolean end = FALSE;
     while (flow == GST_FLOW_OK && !end) {
       GstBuffer* output = NULL;
@@ -265,8 +263,7 @@ static GstFlowReturn drain(GstNoxelEnhance* self) {
       if (output != NULL) {
         flow = gst_pad_push(GST_BASE_TRANSFORM_SRC_PAD(self), output);
       } else if (flow == GST_FLOW_OK && !end) {
-        if (g_get_monotonic_time() > deadline) break;
-        g_usleep(1000);
+        g_usleep(1000); /* live: a frame is still in the GPU, and no call waits for it */
       }
     }
     if (end) {
@@ -330,6 +327,9 @@ static GstFlowReturn make_enhancer(GstNoxelEnhance* self) {
   g_mutex_unlock(&self->lock);
   if (*cache_directory != '\0') config.cache_directory = cache_directory;
 
+  g_mutex_lock(&self->log_lock);
+  g_clear_pointer(&self->failure, g_free); /* an earlier enhancer's */
+  g_mutex_unlock(&self->log_lock);
   noxel_enhancer* enhancer = NULL;
   const int result = noxel_create(&config, &enhancer);
   g_free(cache_directory);

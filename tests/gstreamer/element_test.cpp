@@ -320,6 +320,18 @@ TEST_F(NoxelElement, AFlushForgetsWhatWasOnItsWay) {
   EXPECT_EQ(harness.receivedNumbers(), numbers(50, 20));
 }
 
+TEST_F(NoxelElement, AStopForgetsWhatWasOnItsWay) {
+  ElementHarness harness(kFormat);
+  harness.pushMany(0, 5);
+  gst_element_set_state(harness.element(), GST_STATE_READY);
+  gst_element_set_state(harness.element(), GST_STATE_PLAYING);
+  harness.event(gst_event_new_stream_start("again"));
+  harness.changeFormat(kFormat);
+  harness.pushMany(70, 5);
+  harness.end();
+  EXPECT_EQ(harness.receivedNumbers(), numbers(70, 5));
+}
+
 TEST_F(NoxelElement, ADiscontinuityBeginsASequence) {
   ElementHarness harness(kFormat);
   harness.pushMany(0, 20);
