@@ -1,10 +1,10 @@
 /* noxelenhance: an enhancer of libnoxel as a video filter.
  *
- * Frames come back from the library later than they go in, so one buffer in is not one buffer out, as GstVideoFilter wants.
- * GstBaseTransform allows that by submit_input_buffer and generate_output, and still brings caps, pools, segments and QoS.
+ * Frames come back later than they go in, which GstVideoFilter (one buffer out for each one in) does not allow.
+ * GstBaseTransform does, by submit_input_buffer and generate_output, and still handles caps, pools, segments and QoS.
  *
- * What a frame carries (times, flags, metas) waits in `pending` while the library has its planes; the library's tag says
- * which is whose. Input buffers are not kept: that would starve the pool of a camera or a decoder.
+ * What a frame carries (times, flags, metas) waits in `pending` while the library has its planes; the library's tag
+ * says which is whose. Input buffers are not kept: that would starve the pool of a camera or a decoder.
  */
 #include "noxel_enhance.h"
 
@@ -209,8 +209,8 @@ static gint64 frame_time_us(GstNoxelEnhance* self, const GstBuffer* input) {
   return time_us;
 }
 
-/* The next enhanced frame. *output stays null when there is none yet; *end, which may be null, is set after a flush when there
- * are no more. */
+/* The next enhanced frame. *output stays null when there is none yet; *end, which may be null, is set after a flush
+ * when there are no more. */
 static GstFlowReturn receive_frame(GstNoxelEnhance* self, GstBuffer** output, gboolean* end) {
   GstBufferPool* pool = gst_base_transform_get_buffer_pool(GST_BASE_TRANSFORM(self));
   if (pool == NULL) return GST_FLOW_NOT_NEGOTIATED;
@@ -391,8 +391,8 @@ static GstFlowReturn send_frame(GstNoxelEnhance* self, GstBuffer* input) {
   return GST_FLOW_OK;
 }
 
-/* A live source marks each frame that was dropped before it came here; what is known of the earlier ones stays good, and the
- * library sees a long gap by the time stamps. */
+/* A live source, or a leaky queue behind it, marks each gap. History survives a short one, and the library sees a long
+ * one by the time stamps. */
 static gboolean begins_sequence(GstNoxelEnhance* self, const GstBuffer* input) {
   if (GST_BUFFER_FLAG_IS_SET(input, GST_BUFFER_FLAG_RESYNC)) return TRUE;
   return !self->live && GST_BUFFER_IS_DISCONT(input);

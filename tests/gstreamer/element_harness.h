@@ -24,8 +24,8 @@ struct Unref {
 using Buffer = std::unique_ptr<GstBuffer, Unref>;
 using Message = std::unique_ptr<GstMessage, Unref>;
 
-// Skipped without a GL driver, or failed where the environment requires one. A GStreamer object that a test leaves behind
-// fails it.
+// Skipped without a GL driver, or failed where the environment requires one. A GStreamer object that a test leaves
+// behind fails it.
 class GstreamerTest : public ::testing::Test {
  protected:
   void SetUp() override;

@@ -127,8 +127,8 @@ TEST_F(NoxelProperties, LeaveTheModesOwnValues) {
   EXPECT_EQ(exposure, 70);
 }
 
-// Plain, well-lit frames leave strength 0 as they came, but for rounding in the engine's RGB: 2 levels. Each has levels of its
-// own, so one that goes with another's time stamp shows; planes taken for one another are off by 20.
+// With strength 0 plain, well-lit frames come out as they went in, give or take 2 levels of rounding. Each frame has
+// its own luma, 10 levels from the next one's; U and V are 30 apart.
 TEST_F(NoxelElement, KeepsPicturesOfAllFormatsAndSizes) {
   const std::pair<int, int> sizes[] = {{1, 1}, {33, 17}};
   const GstVideoFormat formats[] = {GST_VIDEO_FORMAT_NV12, GST_VIDEO_FORMAT_NV21, GST_VIDEO_FORMAT_I420,
