@@ -59,14 +59,13 @@ extern "C" {
 /** What calls return. */
 typedef enum noxel_result {
   NOXEL_OK = 0,
-  NOXEL_AGAIN = 1,              /**< send: full, receive first. receive: nothing ready, send more */
-  NOXEL_END = 2,                /**< receive: flushed, and every frame has been received */
-  NOXEL_DROPPED = 3,            /**< send, live: busy; this frame will not come back */
-  NOXEL_ERROR_ARGUMENT = -1,    /**< a null pointer, a size, format, number or name out of range */
-  NOXEL_ERROR_MEMORY = -2,      /**< memory or a thread could not be had */
-  NOXEL_ERROR_NO_GL = -3,       /**< no usable OpenGL ES 3.0, or frames too large for it */
-  NOXEL_ERROR_UNSUPPORTED = -4, /**< not with this configuration */
-  NOXEL_ERROR_LOST = -5         /**< the GPU context was lost; frames come back as they went in */
+  NOXEL_AGAIN = 1,             /**< send: full, receive first. receive: nothing ready, send more */
+  NOXEL_END = 2,               /**< receive: flushed, and every frame has been received */
+  NOXEL_DROPPED = 3,           /**< send, live: busy; this frame will not come back */
+  NOXEL_ERROR_ARGUMENT = -1,   /**< a null pointer, a size, format, number or name out of range */
+  NOXEL_ERROR_MEMORY = -2,     /**< memory or a thread could not be had */
+  NOXEL_ERROR_NO_GL = -3,      /**< no usable OpenGL ES 3.0, or frames too large for it */
+  NOXEL_ERROR_UNSUPPORTED = -4 /**< not with this configuration */
 } noxel_result;
 
 /** Layout of 8-bit YUV 4:2:0 planes. With odd sizes chroma planes are (width + 1) / 2 by (height + 1) / 2 samples. */
@@ -126,12 +125,14 @@ typedef struct noxel_config {
   size_t size; /**< of this structure, as the program was compiled */
   int width;   /**< of a frame, in pixels; from 1 */
   int height;
-  int mode;               /**< noxel_mode; NOXEL_MODE_CLEAR */
-  int quality;            /**< noxel_quality; balanced. The setting "quality" changes it later */
-  int delivery;           /**< noxel_delivery; complete */
-  int lead_in;            /**< complete: 1 (default) sees the first 16 frames before the first comes back, which is
+  int mode;                  /**< noxel_mode; NOXEL_MODE_CLEAR */
+  int quality;               /**< noxel_quality; balanced. The setting "quality" changes it later */
+  int delivery;              /**< noxel_delivery; complete */
+  int64_t frame_interval_us; /**< usual time between frames, microseconds, by which cuts are told from slow clips; 0
+                                (default): taken from the frames' times */
+  int lead_in;               /**< complete: 1 (default) sees the first 16 frames before the first comes back, which is
                                     then as clean as the others; 0: frames come back without that delay */
-  noxel_log_function log; /**< null (default): nothing is logged */
+  noxel_log_function log;    /**< null (default): nothing is logged */
   void* log_context;
   const char*
       cache_directory; /**< for compiled shader programs, made if its parent is there; null (default): none. Other
@@ -151,8 +152,8 @@ typedef struct noxel_frame {
   unsigned char* planes[3]; /**< in the format's order; first row first. The first two for NV12 and NV21 */
   ptrdiff_t strides[3];     /**< bytes from a row to the next, at least a row's bytes; may be negative */
   uint64_t tag;             /**< the caller's: comes back in noxel_frame_info */
-  int64_t time_us; /**< presentation time, microseconds. A step back, or a gap of more than 200 ms and eight times
-                                 the usual interval, is taken for a cut */
+  int64_t time_us; /**< presentation time, microseconds. A step back, or a gap of more than five usual intervals or of
+                      more than 1 s and two of them, starts a new sequence */
 } noxel_frame;
 
 /** What is known of a frame that comes back. Matrices are 3 x 3, row-major, in pixels of the frame, whose first pixel's

@@ -41,6 +41,7 @@ struct GpuThreadContext {
   int gpuHeight = 0;
   void* window = nullptr;
   Frame* frame = nullptr;  // of the command; the poster's
+  platform::LogTarget* log = nullptr;
 
   HandOver handOver = {};
   _KRGPUEngine* gpuEngine = nullptr;  // the GPU thread's alone
@@ -126,7 +127,11 @@ struct _KRSuperResEngine {
 
   int syncWithCaller = 0;
   noxel::_KRSignal callerSignal;  // 1 output ready, -1 output taken
-  pthread_mutex_t* frameMutex = nullptr;
+  noxel::EngineHost host;
+  pthread_mutex_t* frameMutex = nullptr;  // the engines', or with a clock of its own its own, as the next
+  noxel::platform::TimeOfDay* lastFrameTime = nullptr;
+  pthread_mutex_t ownFrameMutex = PTHREAD_MUTEX_INITIALIZER;
+  noxel::platform::TimeOfDay ownLastFrameTime = {};
   int offscreen = 1;
   noxel::DeliveryNotes notes;  // what the GPU thread tells of a delivered frame
 
@@ -150,8 +155,10 @@ struct _KRSuperResEngine {
 
 namespace noxel {
 
-// The sequence state and the output buffers of all engines: the one lock that engines share, never held over a wait.
+// The sequence state and the output buffers of the engines without a clock of their own, and when the last of them had a
+// frame: the one lock that engines share, never held over a wait.
 extern pthread_mutex_t frameMutex;
+extern platform::TimeOfDay lastFrameTime;
 
 // Bytes of one NV21 or YV12 frame.
 inline size_t frameSize(int width, int height) {

@@ -5,6 +5,8 @@
 #include <cstdint>
 
 #include "noxel/noxel.h"
+#include "platform/frame_clock.h"
+#include "platform/log.h"
 #include "registration/noise_curve.h"
 
 namespace noxel {
@@ -54,6 +56,18 @@ enum InternalParameter : unsigned {
 int initializeEngine(int width, int height, int mode, int ringSlots, int outputDelay, int syncWithCaller, void* window,
                      _KRSuperResEngine** handle);
 
+// What an engine has to itself. Null: the process's, which its engines share.
+struct EngineHost {
+  const char* cacheDirectory = nullptr;  // read while the engine is made
+  platform::LogTarget* log = nullptr;    // of its threads; outlives it
+  platform::FrameClock clock = nullptr;  // breaks in the sequence are found by it, whatever other engines do
+  void* clockContext = nullptr;
+  void* shareDisplay = nullptr;  // EGLDisplay and EGLContext whose textures it may draw into
+  void* shareContext = nullptr;
+};
+int initializeEngine(int width, int height, int mode, int ringSlots, int outputDelay, int syncWithCaller, void* window,
+                     const EngineHost& host, _KRSuperResEngine** handle);
+
 // Stops the threads, waits for every call and job that still uses the engine, frees it. *handle keeps its value. 1 when
 // there is no such live engine.
 int releaseEngine(_KRSuperResEngine** handle);
@@ -84,6 +98,7 @@ struct FrameReport {
   int pointsKept = 0;           // of them, what the motion was fitted to
   float previousFromCurrent[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
   float stabilizedFromCurrent[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};  // before the zoom
+  float toneLevels[256] = {};                                    // mode 5: by luma in, luma out
   NoiseCurve noise;  // of this frame, U and V too; not known unless measureNoise is on
 };
 

@@ -264,7 +264,9 @@ bool CreateResources(_KRGPUEngine* engine) {
 
 // False when a program is missing that a pass of the mode needs: a pass left out leaves its target undefined.
 bool LoadShaders(_KRGPUEngine* engine) {
-  const CacheDirectory directory = openProgramCache(platform::programCacheDirectory(), shaders::kProgramFingerprint);
+  const CacheDirectory directory = openProgramCache(
+      engine->handOver.cacheDirectory != nullptr ? engine->handOver.cacheDirectory : platform::programCacheDirectory(),
+      shaders::kProgramFingerprint);
   if (engine->plan->hasCanvas) {
     const bool intoWindow = engine->offscreen == 0;
     engine->lowLight.untouchedOnly = true;

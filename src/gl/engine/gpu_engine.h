@@ -52,6 +52,10 @@ struct HandOver {
   _KRSignal* callerSignal;         // 1 output ready, -1 output taken
   std::atomic<int>* ready;         // cleared when the context is lost: no frame is drawn from then on
   DeliveryNotes* notes = nullptr;  // may be null
+
+  const char* cacheDirectory = nullptr;  // of programs; null: the process's
+  void* shareDisplay = nullptr;          // EGLDisplay and EGLContext to share textures with; null: none
+  void* shareContext = nullptr;
 };
 
 // The framebuffers of an engine; images of the passes may share one. Only those that a pass of the mode draws into are made.

@@ -6,7 +6,7 @@
 #include "gl/runtime/gl.h"
 #include "platform/log.h"
 
-#define LOG_EGL_ERROR(...) __android_log_print(platform::kLogError, "KorvaneEGLEngine", __VA_ARGS__)
+#define LOG_EGL_ERROR(...) platform::print(platform::kLogError, "KorvaneEGLEngine", __VA_ARGS__)
 
 namespace noxel {
 namespace {
