@@ -1,4 +1,4 @@
-/* Prints libnoxel's version and the settings that it lists. */
+/* Prints libnoxel's version and the settings that it lists, and makes an enhancer. */
 #include <noxel/enhancer.h>
 #include <stdio.h>
 
@@ -27,5 +27,12 @@ int main(void) {
   size_t count = 0;
   const noxel_setting_info* settings = noxel_settings(&count);
   for (size_t i = 0; i < count; ++i) print_setting(&settings[i]);
-  return 0;
+
+  noxel_config config;
+  noxel_config_init(&config, sizeof config, 64, 48);
+  noxel_enhancer* enhancer = NULL;
+  const int result = noxel_create(&config, &enhancer);
+  printf("enhancer of 64 x 48: %s\n", noxel_error_text(result));
+  noxel_free(&enhancer);
+  return result == NOXEL_OK ? 0 : 3;
 }
