@@ -2,7 +2,7 @@
 #
 #   library    libnoxel.so.1, libNoxel-GLESv3.so
 #   dev        headers, libnoxel.so and libnoxel.a, the packages for CMake and pkg-config
-#   tools      noxel, noxel-register
+#   tools      noxel, noxel-register, their manual pages and completion
 #
 # Nothing of it names the prefix, so the installed tree may be moved.
 include(GNUInstallDirs)
@@ -67,9 +67,17 @@ endforeach()
 
 if(NOXEL_BUILD_TOOLS)
   install(TARGETS noxel noxel-register RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  foreach(command noxel noxel-register)
+    install(FILES ${PROJECT_SOURCE_DIR}/tools/manual/completion.bash RENAME ${command}
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
+  endforeach()
+  if(NOXEL_MANUAL)
+    install(DIRECTORY ${NOXEL_MANUAL} DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT tools)
+  endif()
 endif()
 
 if(PROJECT_IS_TOP_LEVEL)
   add_custom_target(uninstall COMMAND ${CMAKE_COMMAND} -DBUILD=${PROJECT_BINARY_DIR} -P
                                       ${CMAKE_CURRENT_LIST_DIR}/uninstall.cmake VERBATIM)
+  include(${CMAKE_CURRENT_LIST_DIR}/packages.cmake)
 endif()

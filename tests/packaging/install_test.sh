@@ -22,7 +22,9 @@ same() { diff <(echo "$1") <(echo "$2") >&2 || fail "$3"; }  # expected, actual,
 files_below() { (cd "$1" && find . ! -type d -printf '%P\n' | sort); }
 
 # Each component has its files, and together they are everything.
-for component in library dev tools; do
+components=$(cmake --build "$build" --target list_install_components | grep -o '"[a-z]*"' | tr -d '"')
+for component in $components; do
+  mkdir "$work/$component"
   cmake --install "$build" --prefix "$work/$component" --component $component >/dev/null
   files_below "$work/$component"
 done | sort >"$work/by_component"
