@@ -52,6 +52,7 @@ debian_package(dev
   DESCRIPTION "${what}\n\nHeaders, the archive libnoxel.a, and the packages by which CMake and
 pkg-config find them."
   DEPENDS "libnoxel1 (= ${PROJECT_VERSION}-1), libegl-dev, libgles-dev")
+set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS g++)  # the C++ runtime, which programs with libnoxel.a link
 set(CPACK_DEBIAN_DEV_PACKAGE_SHLIBDEPS OFF)
 if(NOXEL_BUILD_TOOLS)
   list(APPEND CPACK_COMPONENTS_ALL tools)
