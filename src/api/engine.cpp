@@ -263,6 +263,20 @@ int lastOwnTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity) {
   return count;
 }
 
+int drawIntoTexture(_KRSuperResEngine* engine, const unsigned char* nv21, int usedWidth, int usedHeight,
+                    unsigned texture, int width, int height) {
+  const EngineReference reference(engine);
+  if (!reference || engine->host.shareContext == nullptr || engine->mode == kModeSynchronousRgba) return 1;
+  const ShownFrame frame = {nv21, usedWidth, usedHeight, texture, width, height};
+  Lock job(engine->jobMutex);
+  Lock api(engine->apiMutex);
+  if (engine->initialized.load(std::memory_order_acquire) == 0) return 1;
+  engine->gpu.toShow = &frame;
+  postCommand(engine, kCommandShow);
+  engine->gpu.gpuDone.wait();
+  return engine->gpu.shown ? 0 : 1;
+}
+
 int enableBlends(_KRSuperResEngine* engine) {
   const EngineReference reference(engine);
   if (!reference || engine->mode != kModeClear || engine->offscreen == 0 || engine->syncWithCaller == 0) return 1;

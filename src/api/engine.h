@@ -27,7 +27,8 @@ enum GpuCommand : int {
   kCommandProcessInPlace = 6,
   kCommandLoadLuma = 7,
   kCommandLoadChroma = 8,
-  kCommandPrepareBlends = 9
+  kCommandPrepareBlends = 9,
+  kCommandShow = 10
 };
 
 // Argument of the GPU thread. The plain words are the poster's until it raises gpuRequest and the GPU thread's until that
@@ -44,9 +45,11 @@ struct GpuThreadContext {
   platform::LogTarget* log = nullptr;
 
   HandOver handOver = {};
-  _KRGPUEngine* gpuEngine = nullptr;  // the GPU thread's alone
-  bool blendsPrepared = false;        // as the command's fields; mode 5
-  std::atomic<int> ready = 0;         // 1 while the GPU engine stands; set before the first gpuDone. The GPU thread's.
+  _KRGPUEngine* gpuEngine = nullptr;   // the GPU thread's alone
+  bool blendsPrepared = false;         // as the command's fields; mode 5
+  const ShownFrame* toShow = nullptr;  // as the command's fields, and so is the next
+  bool shown = false;
+  std::atomic<int> ready = 0;  // 1 while the GPU engine stands; set before the first gpuDone. The GPU thread's.
 
   // Parameters. Set by any thread, read by the GPU thread or a job: relaxed, a frame late is fine.
   std::atomic<int> enabled = 1;

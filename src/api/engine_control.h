@@ -141,6 +141,12 @@ int measureOwnMotion(_KRSuperResEngine* engine);
 // frame. None while this is not measured.
 int lastOwnTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity);
 
+// Draws a finished NV21 frame of the engine's size, of which the first `usedWidth` x `usedHeight` pixels count, into an RGBA
+// texture of the context that the engine shares; returns when that has been done. Any thread. 1: no live engine, none is
+// shared, or it could not be drawn.
+int drawIntoTexture(_KRSuperResEngine* engine, const unsigned char* nv21, int usedWidth, int usedHeight,
+                    unsigned texture, int width, int height);
+
 // Mode 5 in the synchronous set-up above can look ahead, by a second engine that is fed the following frames backwards: its
 // blends, without the frame itself, are kept and offered to the first one, which weights both by the frames they are worth.
 //

@@ -103,6 +103,9 @@ bool runCommand(GpuThreadContext* context, int command) {
     case kCommandPrepareBlends:
       context->blendsPrepared = isReady(*context) && prepareBlends(context->gpuEngine);
       return true;
+    case kCommandShow:
+      context->shown = isReady(*context) && showFrame(context->gpuEngine, *context->toShow);
+      return true;
     case kCommandProcessInPlace:
       if (isReady(*context) && context->gpuMode == kModeSynchronousRgba) {
         processInPlace(context->gpuEngine, *context->frame);

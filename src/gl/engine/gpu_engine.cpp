@@ -269,9 +269,10 @@ bool LoadShaders(_KRGPUEngine* engine) {
       shaders::kProgramFingerprint);
   if (engine->plan->hasCanvas) {
     const bool intoWindow = engine->offscreen == 0;
+    const bool shares = engine->handOver.shareContext != nullptr;
     engine->lowLight.untouchedOnly = true;
     const bool built = engine->clear.setupPrograms(intoWindow, directory) &&
-                       (!intoWindow || engine->lowLight.setupPrograms(directory));
+                       (!(intoWindow || shares) || engine->lowLight.setupPrograms(directory));
     glReleaseShaderCompiler();
     return built;
   }
@@ -315,7 +316,11 @@ void SetUp(_KRGPUEngine* engine, void* window) {
       return;
     }
   }
-  if (engine->egl.Initialize(engine->width, engine->height, window) != 1 || !fitsTheDriver(*engine)) return;
+  engine->egl.sharedDisplay = engine->handOver.shareDisplay;
+  if (engine->egl.Initialize(engine->width, engine->height, window, engine->handOver.shareContext) != 1 ||
+      !fitsTheDriver(*engine)) {
+    return;
+  }
   engine->passTimer.setUp(&engine->egl);
   engine->ready = CreateResources(engine) && LoadShaders(engine);
 }
@@ -342,6 +347,7 @@ void create(int width, int height, void* window, const HandOver& handOver, int m
 }  // namespace
 
 _KRGPUEngine::~_KRGPUEngine() {
+  if (shownFramebuffer != 0) glDeleteFramebuffers(1, &shownFramebuffer);
   std::free(readBackFrame);
   std::free(localMotionTexels);
   std::free(wordScratch);
