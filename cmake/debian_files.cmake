@@ -1,5 +1,5 @@
-# Run by cpack when the files of all packages are staged: adds what every Debian package has, its copyright and changelogs,
-# compresses the manual, and tells dpkg-shlibdeps where libnoxel.so.1 will be.
+# Run by cpack when the files of all packages are staged: adds what every Debian package has, its copyright and
+# changelogs, compresses the manual, and tells dpkg-shlibdeps where libnoxel.so.1 will be.
 set(release ${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
 find_program(gzip gzip REQUIRED)
 function(compress)
@@ -52,8 +52,8 @@ License: BSD-2-Clause
   endif()
 endforeach()
 
-# libNoxel-GLESv3.so is loaded by this very name, so it is in the package of the library and not in that for development.
-# cpack writes maintainer scripts that call ldconfig, beside the trigger.
+# libNoxel-GLESv3.so is loaded by this very name, so it is in the package of the library and not in that for
+# development. cpack writes maintainer scripts that call ldconfig, beside the trigger.
 file(WRITE ${CPACK_TEMPORARY_DIRECTORY}/library/usr/share/lintian/overrides/libnoxel1
 "libnoxel1: shared-library-lacks-version
 libnoxel1: package-name-doesnt-match-sonames

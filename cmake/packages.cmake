@@ -1,5 +1,5 @@
-# Debian packages, made by scripts/package: the components of install.cmake, one package each, and the GStreamer element's
-# where that is built.
+# Debian packages, made by scripts/package: the components of install.cmake, one package each, and the GStreamer
+# element's where that is built.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME noxel)
 set(CPACK_PACKAGE_VENDOR "The Noxel authors")

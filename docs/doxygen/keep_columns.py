@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """keep_columns.py HEADER: the header for Doxygen, with the comments' columns kept.
 
-A paragraph of a comment with a name and its meaning in columns, as arguments, results and tables have, becomes verbatim. A
-header's first comment tells of the file.
+A paragraph of a comment with a name and its meaning in columns, as arguments, results and tables have, becomes
+verbatim. A header's first comment tells of the file.
 """
 import re
 import sys

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# install_test.sh SOURCE BUILD VERSION: installs the build by components, moves the tree, and uses it as strangers would:
-# through CMake, through pkg-config, and by uninstalling it.
+# install_test.sh SOURCE BUILD VERSION: installs the build by components, moves the tree, and uses it as strangers
+# would: through CMake, through pkg-config, and by uninstalling it.
 set -euo pipefail
 source=$1 build=$2 version=$3
 work=$(mktemp -d)
@@ -22,7 +22,8 @@ same() { diff <(echo "$1") <(echo "$2") >&2 || fail "$3"; }  # expected, actual,
 files_below() { (cd "$1" && find . ! -type d -printf '%P\n' | sort); }
 
 # Each component has its files, and together they are everything.
-components=$(cmake --build "$build" --target list_install_components | grep -o '"[a-z]*"' | tr -d '"')
+components=$(cd "$build" && find . -name cmake_install.cmake -not -path './tests/*' \
+  -exec sed -n 's/.*INSTALL_COMPONENT STREQUAL "\([a-z]*\)".*/\1/p' {} + | sort -u)
 for component in $components; do
   mkdir "$work/$component"
   cmake --install "$build" --prefix "$work/$component" --component $component >/dev/null

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# manual_test.sh SOURCE PAGES COMMAND ...: every option that --help lists, of the commands and their subcommands, is in the
-# manual pages and is completed by bash, and what options take is completed as what it is.
+# manual_test.sh SOURCE PAGES COMMAND ...: every option that --help lists, of the commands and their subcommands, is
+# in the manual pages and is completed by bash, and what options take is completed as what it is.
 set -euo pipefail
 source=$1 pages=$2
 shift 2

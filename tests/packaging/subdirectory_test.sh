@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# subdirectory_test.sh SOURCE BUILD VERSION [OPTION ...]: builds a program that takes Noxel in by add_subdirectory, and checks
-# that nothing of Noxel's own build reaches it. Options go to cmake. The folder stays in BUILD: the library is compiled once.
+# subdirectory_test.sh SOURCE BUILD VERSION [OPTION ...]: builds a program that takes Noxel in by add_subdirectory,
+# and checks that nothing of Noxel's own build reaches it. Options go to cmake. The folder stays in BUILD: the library
+# is compiled once.
 set -euo pipefail
 source=$1 build=$2 version=$3
 shift 3

@@ -1,13 +1,13 @@
-# Completion of noxel and noxel-register in bash. Commands, options and their choices are those that --help lists, so it is in
-# step with whatever version is installed.
+# Completion of noxel and noxel-register in bash. Commands, options and their choices are those that --help lists, so
+# it is in step with whatever version is installed.
 
 # _noxel_options HELP: the options in it, one a line.
 _noxel_options() {
   sed -n 's/^  \(-[^ ]*\).*/\1/p' <<<"$1" | tr ',' '\n'
 }
 
-# _noxel_argument HELP OPTION: what the option takes: a placeholder such as FILE, {one,of,these}, or nothing for a flag. Help
-# has names in its first 30 columns, longer ones on a line of their own.
+# _noxel_argument HELP OPTION: what the option takes: a placeholder such as FILE, {one,of,these}, or nothing for a
+# flag. Help has names in its first 30 columns, longer ones on a line of their own.
 _noxel_argument() {
   awk -v option="$2" '
     /^  -/ {
@@ -20,7 +20,8 @@ _noxel_argument() {
 }
 
 _noxel() {
-  local command=$1 current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} subcommand='' help argument i
+  local command=$1 subcommand='' help argument i
+  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   COMPREPLY=()
   # --option=value is three words here.
   if [[ $current == = ]]; then

@@ -169,7 +169,8 @@ def page(name, parsed, version, date, also):
         if title == "Subcommands":
             text += ".SH COMMANDS\n"
             for sub, description in entries:
-                text += f".TP\n\\fB{escape(sub)}\\fR\n{escape(description)}; see \\fB{escape(f'{name}-{sub}')}\\fR(1).\n"
+                see = escape(f"{name}-{sub}")
+                text += f".TP\n\\fB{escape(sub)}\\fR\n{escape(description)}; see \\fB{see}\\fR(1).\n"
             continue
         if not in_options:
             text += ".SH OPTIONS\n"
