@@ -102,8 +102,11 @@ JNIEXPORT jlong JNICALL Java_noxel_sample_Enhancer_create(JNIEnv* env, jclass /*
 
 JNIEXPORT void JNICALL Java_noxel_sample_Enhancer_setOriginal(JNIEnv* /*env*/, jclass /*type*/, jlong handle,
                                                               jboolean original) {
-  const double strength = noxel_setting("strength")->initial;
-  noxel_set(sessionOf(handle).enhancer, NOXEL_STRENGTH, original != JNI_FALSE ? 0 : strength);
+  // At 0 the first leaves the noise as it is, the second the tone.
+  for (const char* name : {"strength", "exposure"}) {
+    const noxel_setting_info* setting = noxel_setting(name);
+    noxel_set(sessionOf(handle).enhancer, setting->id, original != JNI_FALSE ? 0 : setting->initial);
+  }
 }
 
 JNIEXPORT jint JNICALL Java_noxel_sample_Enhancer_send(JNIEnv* env, jclass /*type*/, jlong handle, jobject y, jint yRow,
