@@ -136,8 +136,8 @@ final class EnhancerRun {
             require(enhancer != null, "no enhancer");
             enhancer.setOriginal(true);
             for (Layout layout : Layout.values()) {
-                // Full range, BT.601: a chroma of 30 above its middle adds 1.772 * 30 to blue or 1.402 * 30 to red, and takes
-                // 0.344 * 30 or 0.714 * 30 from green. The next layout has the other colour, so each has to be shown.
+                // Full range, BT.601: a chroma of 30 above its middle adds 1.772 * 30 to blue or 1.402 * 30 to red, and
+                // takes 0.344 * 30 or 0.714 * 30 from green. The next layout has the other colour: each has to be shown.
                 boolean blue = layout.ordinal() % 2 == 0;
                 Image image = new FlatImage(layout, blue ? 158 : 128, blue ? 128 : 158, true);
                 sendUntil(enhancer, image, pixel -> blue ? isNear(pixel, 60, 50, 113) : isNear(pixel, 102, 39, 60));
