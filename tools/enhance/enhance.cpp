@@ -89,8 +89,9 @@ class Run {
 
   // What is to be known of a frame when it comes back.
   struct Sent {
-    FramePtr frame;        // as decoded
-    FramePtr planar;       // in the clip's colours
+    int64_t pts;
+    int64_t duration;
+    FramePtr planar;       // in the clip's colours; null where nobody asks for it, as the next
     FramePtr engineFrame;  // in the engine's, padded
     double seconds;
     double meanLuma;
@@ -169,7 +170,12 @@ void Run::enhanceAll(const EnhancerFactory& factory) {
 }
 
 void Run::keepSent() {
-  Sent sent = {share(clip_.frame()), share(clip_.planar()), share(clip_.engineFrame()), clip_.seconds(), 0, {}, {}};
+  Sent sent = {};
+  sent.pts = clip_.frame().pts;
+  sent.duration = clip_.frame().pkt_duration;
+  sent.seconds = clip_.seconds();
+  if (options_.compare) sent.planar = share(clip_.planar());
+  if (dump_ || !options_.pictureFile.empty()) sent.engineFrame = share(clip_.engineFrame());
   sent.meanLuma = meanLuma(clip_.nv21().data(), clip_.nv21Width(), clip_.width(), clip_.height());
   addPlane(clip_.nv21().data(), clip_.width(), clip_.height(), clip_.nv21Width(), &sent.luma);
   sent.audio = clip_.takeAudio();
@@ -208,7 +214,7 @@ void Run::finishFrame(const Enhancer& enhancer, const Sent& sent) {
     if (av_frame_make_writable(output.get()) < 0) throw std::bad_alloc();
     copyLeftHalf(*sent.planar, *output);
   }
-  writer_.write(*output, sent.frame->pts, sent.frame->pkt_duration);
+  writer_.write(*output, sent.pts, sent.duration);
   for (const PacketPtr& packet : sent.audio) writer_.writeAudio(*packet);
 
   if (!options_.pictureFile.empty() && picture_.wants(index)) {
