@@ -105,6 +105,13 @@ typedef enum noxel_delivery {
   NOXEL_LIVE = 1      /**< no call waits for the GPU; frames may be dropped */
 } noxel_delivery;
 
+/** What is kept of each frame for noxel_tracks, noxel_history and noxel_passes; costs some time. */
+typedef enum noxel_diagnostics {
+  NOXEL_DIAGNOSE_TRACKS = 1,
+  NOXEL_DIAGNOSE_HISTORY = 2, /**< waits for the GPU once more a frame; modes 1, 3 and 5 */
+  NOXEL_DIAGNOSE_PASSES = 4   /**< waits for each pass */
+} noxel_diagnostics;
+
 /** Priorities of log lines. */
 typedef enum noxel_log_level {
   NOXEL_LOG_INFORMATION = 4,
@@ -122,25 +129,31 @@ typedef struct noxel_enhancer noxel_enhancer;
 /** How an enhancer is made. Filled with defaults by noxel_config_init; it and what it points at are read by noxel_create
  *  only, and stay the caller's. */
 typedef struct noxel_config {
-  size_t size; /**< of this structure, as the program was compiled */
-  int width;   /**< of a frame, in pixels; from 1 */
-  int height;
-  int mode;                  /**< noxel_mode; NOXEL_MODE_CLEAR */
-  int quality;               /**< noxel_quality; balanced. The setting "quality" changes it later */
-  int delivery;              /**< noxel_delivery; complete */
-  int64_t frame_interval_us; /**< usual time between frames, microseconds, by which cuts are told from slow clips; 0
-                                (default): taken from the frames' times */
-  int lead_in;               /**< complete: 1 (default) sees the first 16 frames before the first comes back, which is
-                                    then as clean as the others; 0: frames come back without that delay */
-  noxel_log_function log;    /**< null (default): nothing is logged */
+  size_t size;  /**< of this structure, as the program was compiled */
+  int width;    /**< of a frame, in pixels; from 1 */
+  int height;   /**< as width */
+  int mode;     /**< noxel_mode; NOXEL_MODE_CLEAR */
+  int quality;  /**< noxel_quality; balanced. The setting "quality" changes it later */
+  int delivery; /**< noxel_delivery; complete */
+
+  /** Usual time between frames, microseconds, by which cuts are told from slow clips. 0: taken from the frames' times. */
+  int64_t frame_interval_us;
+  /** Complete: 1 (default) shows a sequence's first frame the 15 that follow, so that it comes back as clean as the others
+   *  and by that much later. 0: no frame waits for a later one. */
+  int lead_in;
+
+  noxel_log_function log; /**< null (default): nothing is logged */
   void* log_context;
-  const char*
-      cache_directory; /**< for compiled shader programs, made if its parent is there; null (default): none. Other
-                                    builds and processes may use the same one */
-  void* window;        /**< native window to draw into instead of handing frames back, as of
-                                    Noxel_InitializeWithWindow; must outlive the enhancer. Live only; null (default) */
-  void* share_display; /**< EGLDisplay and EGLContext whose textures noxel_render_texture draws into; null */
+  /** Where compiled shader programs are kept; made if its parent is there. Other processes may use the same one. Null
+   *  (default): they are compiled each time. */
+  const char* cache_directory;
+  /** Native window to draw into instead of handing frames back, as of Noxel_InitializeWithWindow. Live only; it must
+   *  outlive the enhancer. Null (default). */
+  void* window;
+  /** EGLDisplay and EGLContext whose textures noxel_render_texture draws into. Null (default). */
+  void* share_display;
   void* share_context;
+  unsigned diagnostics; /**< noxel_diagnostics, or-ed; 0 (default) */
 } noxel_config;
 
 /** A frame's planes, and what travels with it. */
@@ -149,38 +162,39 @@ typedef struct noxel_frame {
   int format;               /**< noxel_format */
   int range;                /**< noxel_range */
   int matrix;               /**< noxel_matrix */
-  unsigned char* planes[3]; /**< in the format's order; first row first. The first two for NV12 and NV21 */
-  ptrdiff_t strides[3];     /**< bytes from a row to the next, at least a row's bytes; may be negative */
+  unsigned char* planes[3]; /**< first rows, in the format's order; two for NV12 and NV21 */
+  ptrdiff_t strides[3];     /**< bytes from a row to the next, at least a row's; may be negative */
   uint64_t tag;             /**< the caller's: comes back in noxel_frame_info */
-  int64_t time_us; /**< presentation time, microseconds. A step back, or a gap of more than five usual intervals or of
-                      more than 1 s and two of them, starts a new sequence */
+  /** Presentation time, microseconds. A step back, or a gap of more than five usual intervals or of more than 1 s and two of
+   *  them, starts a new sequence. */
+  int64_t time_us;
 } noxel_frame;
 
 /** What is known of a frame that comes back. Matrices are 3 x 3, row-major, in pixels of the frame, whose first pixel's
- *  centre is at (0.5, 0.5). */
+ *  centre is at (0.5, 0.5). Noise: variance in squared levels of full range, 32 entries of 8 levels of luma each. */
 typedef struct noxel_frame_info {
-  size_t size; /**< of this structure, set by the caller: noxel_frame_info_init */
+  size_t size; /**< of this structure; noxel_frame_info_init sets it */
   uint64_t tag;
   int64_t time_us;
-  int enhanced;        /**< 0: the frame came back as it went in */
-  int motion_known;    /**< 1: the frame's motion is known; 0: first of a sequence, or it could not be told */
-  int starts_sequence; /**< 1: measured against no frame before it */
-  int points_tracked;  /**< 0 where no motion is measured */
-  int points_kept;
-  float previous_from_current[9];   /**< motion: pixel of this frame -> pixel of the one before */
+  int enhanced;                     /**< 0: the frame came back as it went in */
+  int motion_known;                 /**< 0: first of a sequence, each frame by itself, or it could not be told */
+  int starts_sequence;              /**< 1: measured against no frame before it */
+  int points_tracked;               /**< 0 where no motion is measured */
+  int points_kept;                  /**< of them, what the motion was fitted to */
+  float previous_from_current[9];   /**< motion: pixel of this frame to pixel of the one before */
   float stabilized_from_current[9]; /**< stabilisation, before the zoom */
   float zoom;
-  float gamma; /**< of the tone step of modes 1 and 3, else 1 */
-  float gain;
+  float gamma; /**< of the tone step of mode 1, else 1 */
+  float gain;  /**< the same */
   int noise_known;
-  float noise_luma
-      [32]; /**< variance of the frame's luma noise, squared levels of full range, by luma: 8 levels an entry */
-  float noise_blue[32]; /**< the same of U and V */
-  float noise_red[32];
-  float tone[256];  /**< mode 5: level of full-range luma in -> out */
-  double motion_ms; /**< wall time of its steps: motion and noise */
-  double gpu_ms;    /**< from the GPU thread's taking the frame to its delivery */
-  double total_ms;  /**< from send to the moment when it was ready */
+  float noise_luma[32];
+  float noise_blue[32]; /**< of U, by luma */
+  float noise_red[32];  /**< of V */
+  float tone[256];      /**< mode 5: by full-range luma in, luma out */
+  double upload_ms;     /**< of the GPU thread: planes to textures */
+  double motion_ms;     /**< motion, noise and exposure */
+  double gpu_ms;        /**< of the GPU thread, from taking the frame to its delivery */
+  double total_ms;      /**< from noxel_send to the moment when it was ready */
 } noxel_frame_info;
 
 /** Kinds of settings. */
@@ -191,17 +205,18 @@ typedef enum noxel_setting_type {
   NOXEL_SETTING_CHOICE
 } noxel_setting_type;
 
-/** Numbers of settings: an ABI, new ones are added at the end. */
+/** Numbers of settings, with their names. They stay; new ones are added at the end. */
 typedef enum noxel_setting_id {
   NOXEL_STRENGTH = 0,   /**< "strength": how much noise is taken out, 0..100 */
   NOXEL_QUALITY = 1,    /**< "quality": noxel_quality */
   NOXEL_EXPOSURE = 2,   /**< "exposure": how far dark pictures are brightened, 0..100 */
-  NOXEL_STABILIZE = 3,  /**< "stabilize": the camera's shake is taken out, at the price of the picture's edges */
+  NOXEL_STABILIZE = 3,  /**< "stabilize": takes the camera's shake out, at the price of the picture's edges */
   NOXEL_ZOOM = 4,       /**< "zoom": 1..32 */
   NOXEL_PER_FRAME = 5,  /**< "per-frame": each frame by itself, without those before it */
   NOXEL_SHARPENING = 6, /**< "sharpening": 0..100, modes 0 and 2 */
   NOXEL_CONTRAST = 7,   /**< "contrast": 0..100, modes 0 and 2 */
-  NOXEL_DEGHOSTING = 8  /**< "deghosting": 0..10, modes 1 and 3 */
+  NOXEL_DEGHOSTING = 8, /**< "deghosting": 0..10, modes 1 and 3 */
+  NOXEL_FLIP_CHROMA = 9 /**< "flip-chroma": U and V change places; modes 0 and 2 */
 } noxel_setting_id;
 
 /** One setting as the library describes it, so that menus and command lines can be made from it. */
@@ -323,6 +338,51 @@ NOXEL_API int noxel_latency_frames(const noxel_enhancer* enhancer);
  */
 NOXEL_API int noxel_render_texture(noxel_enhancer* enhancer, unsigned texture, int width, int height,
                                    noxel_frame_info* info);
+
+/** Where the picture is drawn: corners x, y of top left, bottom left, top right, bottom right; -1..1, y up. Default: everywhere,
+ *  and nowhere for the picture as it came. For a comparison beside each other; modes 0 to 3, and 5 with a window. */
+typedef enum noxel_picture { NOXEL_PICTURE_ENHANCED = 0, NOXEL_PICTURE_AS_IT_CAME = 1 } noxel_picture;
+
+/** Sets a picture's corners from the next frame that is enhanced on; null: it is not drawn. NOXEL_ERROR_ARGUMENT: unknown
+ *  picture, or a corner that is no finite number. */
+NOXEL_API int noxel_set_corners(noxel_enhancer* enhancer, int picture, const float* corners);
+
+/** How something moved, in pixels of the frame. */
+typedef struct noxel_track {
+  float from_x, from_y; /**< in the frame before */
+  float to_x, to_y;     /**< in this one */
+} noxel_track;
+
+/** Of the frame received last: pairs on its common motion, and the blocks that moved on their own. For NOXEL_DIAGNOSE_TRACKS; else
+ *  there are none.
+ *
+ *  own       0: of the common motion; 1: on their own, mode 5
+ *  tracks    receives up to `capacity` of them; may be null where that is 0
+ *
+ *  How many there are, or NOXEL_ERROR_ARGUMENT. For this call and the next two: threads as noxel_receive.
+ */
+NOXEL_API int noxel_tracks(const noxel_enhancer* enhancer, int own, noxel_track* tracks, int capacity);
+
+/** Of the frame received last: how far the frame alone makes the picture, 255, or its history as much as the strength asks for,
+ *  0. Over the picture; in mode 5 over the frame before stabilisation and zoom.
+ *
+ *  levels  receives *width x *height bytes if `capacity` is enough; may be null where that is 0
+ *
+ *  NOXEL_OK; NOXEL_AGAIN: none is known of this frame, or it was not asked for; NOXEL_ERROR_ARGUMENT: a null pointer, or too
+ *  small: *width and *height are told.
+ */
+NOXEL_API int noxel_history(const noxel_enhancer* enhancer, unsigned char* levels, size_t capacity, int* width,
+                            int* height);
+
+/** Of the frame received last: what the GPU drew, in this order, and how long each took.
+ *
+ *  index          from 0
+ *  name           receives the pass's name, the library's
+ *  nanoseconds    0: not known
+ *
+ *  NOXEL_OK; NOXEL_END: there are fewer, or NOXEL_DIAGNOSE_PASSES was not asked for.
+ */
+NOXEL_API int noxel_pass(const noxel_enhancer* enhancer, int index, const char** name, uint64_t* nanoseconds);
 
 #ifdef __cplusplus
 }

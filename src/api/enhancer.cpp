@@ -5,10 +5,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "api/frame_planes.h"
 #include "noxel/noxel.h"
 #include "platform/log.h"
+#include "registration/registration_state.h"
 
 namespace noxel {
 namespace {
@@ -17,6 +19,13 @@ constexpr int kFramesInHistory = 16;  // the history of mode 5 counts no more
 constexpr int kFinishedComplete = 3;  // frames done ahead of the receiver
 constexpr int kWaitingLive = 2;       // the one being enhanced included
 constexpr int kFinishedLive = 1;
+
+void tell(const EnhancerFrame& frame, noxel_frame_info* info) {
+  if (info == nullptr) return;
+  const size_t size = info->size;
+  std::memcpy(info, &frame.info, size);
+  info->size = size;
+}
 
 size_t frameBytes(int width, int height) {
   return static_cast<size_t>(engineWidth(width)) * static_cast<size_t>(engineHeight(height)) * 3 / 2;
@@ -60,7 +69,7 @@ int Enhancer::make(const noxel_config& config, Enhancer** result) {
   return made;
 }
 
-// Live: two that wait, one done, one being received, one being filled.
+// Live: two that wait, one done, one received, one being filled.
 int Enhancer::places() const {
   if (live_) return kWaitingLive + kFinishedLive + 2;
   const int ahead = mode_ == NOXEL_MODE_CLEAR ? FramesAhead::reachFor(width_, height_).frames() : 1;
@@ -81,7 +90,7 @@ int Enhancer::setUp(const noxel_config& config) {
   const int count = places();
   for (int i = 0; i < count && allocated; ++i) {
     frames_[i].nv21 = static_cast<unsigned char*>(std::malloc(bytes));
-    allocated = frames_[i].nv21 != nullptr;
+    allocated = frames_[i].nv21 != nullptr && allocateDiagnostics(&frames_[i].diagnostics);
     free_.push(i);
   }
   if (!allocated) {
@@ -90,6 +99,7 @@ int Enhancer::setUp(const noxel_config& config) {
   }
   const int made = engine_.make(config_, engineWidth(width_), engineHeight(height_), &log_);
   if (made != NOXEL_OK) return made;
+  if (!enableDiagnostics()) return NOXEL_ERROR_MEMORY;
   workerStarted_ = pthread_create(&worker_, nullptr, workerMain, this) == 0;
   if (!workerStarted_) NOXEL_LOG_ERROR("could not start the enhancer's thread");
   return workerStarted_ ? NOXEL_OK : NOXEL_ERROR_MEMORY;
@@ -105,7 +115,12 @@ Enhancer::~Enhancer() {
     }
     pthread_join(worker_, nullptr);
   }
-  for (EnhancerFrame& frame : frames_) std::free(frame.nv21);
+  for (EnhancerFrame& frame : frames_) {
+    std::free(frame.nv21);
+    for (noxel_track* tracks : frame.diagnostics.tracks) std::free(tracks);
+    std::free(frame.diagnostics.history);
+    std::free(frame.diagnostics.passes);
+  }
   std::free(scratch_);
   std::free(cacheDirectory_);
   pthread_cond_destroy(&changed_);
@@ -165,6 +180,7 @@ int Enhancer::send(const noxel_frame& frame) {
 // Takes the next frame that is done off its queue.
 int Enhancer::takeFinished(int* place) {
   Lock lock(mutex_);
+  if (received_ >= 0) free_.push(std::exchange(received_, -1));
   while (finished_.size() == 0) {
     if (flushing_ && waiting_.size() == 0) {
       flushing_ = false;
@@ -174,20 +190,9 @@ int Enhancer::takeFinished(int* place) {
     if (live_ || !(busy_ || canWork())) return NOXEL_AGAIN;
     pthread_cond_wait(&changed_, &mutex_);
   }
-  *place = finished_.pop();
+  *place = received_ = finished_.pop();
   pthread_cond_broadcast(&changed_);
   return NOXEL_OK;
-}
-
-void Enhancer::giveBack(int place, noxel_frame_info* info) {
-  if (info != nullptr) {
-    const size_t size = info->size;
-    std::memcpy(info, &frames_[place].info, size);
-    info->size = size;
-  }
-  Lock lock(mutex_);
-  free_.push(place);
-  pthread_cond_broadcast(&changed_);
 }
 
 int Enhancer::receive(noxel_frame* frame, noxel_frame_info* info) {
@@ -205,7 +210,7 @@ int Enhancer::receive(noxel_frame* frame, noxel_frame_info* info) {
     frame->tag = finished.info.tag;
     frame->time_us = finished.info.time_us;
   }
-  giveBack(place, info);
+  tell(finished, info);
   return NOXEL_OK;
 }
 
@@ -218,7 +223,7 @@ int Enhancer::renderTexture(unsigned texture, int width, int height, noxel_frame
   const EnhancerFrame& finished = frames_[place];
   convertMatrix(finished.matrix, NOXEL_MATRIX_BT601, engineWidth(width_), engineHeight(height_), finished.nv21);
   const bool drawn = drawIntoTexture(engine_.get(), finished.nv21, width_, height_, texture, width, height) == 0;
-  giveBack(place, info);
+  tell(finished, info);
   return drawn ? NOXEL_OK : NOXEL_ERROR_ARGUMENT;
 }
 
@@ -240,6 +245,7 @@ int Enhancer::reset() {
   hurry_.store(false, std::memory_order_relaxed);
   discard(&waiting_);
   discard(&finished_);
+  if (received_ >= 0) free_.push(std::exchange(received_, -1));
   flushing_ = false;
   cuts_.restart();
   chunkIsDone_.store(true, std::memory_order_relaxed);
@@ -335,8 +341,11 @@ void Enhancer::enhance(int available) {
   } else if (!frame->cut) {
     engine_.clock.step(frame->intervalUs, frame->slow);
   }
+  passesOf_ = &frame->diagnostics;
+  passesOf_->passCount = 0;
   const bool enhanced = engine_.process(frame->nv21);
   fillInfo(frame, enhanced);
+  fillDiagnostics(frame);
 }
 
 // A sequence's first frame has no history: it is shown the frames that follow, the last of them first.
@@ -397,9 +406,88 @@ void Enhancer::fillInfo(EnhancerFrame* frame, bool enhanced) {
   std::copy_n(report.noise.chromaVariance[0], NoiseCurve::kEntries, info->noise_blue);
   std::copy_n(report.noise.chromaVariance[1], NoiseCurve::kEntries, info->noise_red);
   std::copy_n(report.toneLevels, 256, info->tone);
+  info->upload_ms = report.uploadMs;
   info->motion_ms = report.registrationMs;
   info->gpu_ms = report.gpuMs;
   info->total_ms = static_cast<double>(KRTimeDiff(frame->sentNs, KRTimeNow())) * 1e-6;
+}
+
+namespace {
+
+_KRMatch* matches(noxel_track* tracks) {
+  return reinterpret_cast<_KRMatch*>(tracks);
+}
+
+}  // namespace
+
+bool Enhancer::allocateDiagnostics(FrameDiagnostics* diagnostics) const {
+  const size_t width = static_cast<size_t>(engineWidth(width_)), height = static_cast<size_t>(engineHeight(height_));
+  bool complete = true;
+  if ((config_.diagnostics & NOXEL_DIAGNOSE_TRACKS) != 0) {
+    const size_t counts[] = {kMaxPoints, (width / 8 + 1) * (height / 8 + 1)};
+    for (int own = 0; own < 2; ++own) {
+      diagnostics->tracks[own] = static_cast<noxel_track*>(std::calloc(counts[own], sizeof(noxel_track)));
+      complete = complete && diagnostics->tracks[own] != nullptr;
+    }
+  }
+  if ((config_.diagnostics & NOXEL_DIAGNOSE_HISTORY) != 0) {
+    diagnostics->history = static_cast<unsigned char*>(std::calloc(width * height, 1));
+    complete = complete && diagnostics->history != nullptr;
+  }
+  if ((config_.diagnostics & NOXEL_DIAGNOSE_PASSES) != 0) {
+    diagnostics->passes =
+        static_cast<FrameDiagnostics::Pass*>(std::calloc(FrameDiagnostics::kMaxPasses, sizeof(FrameDiagnostics::Pass)));
+    complete = complete && diagnostics->passes != nullptr;
+  }
+  return complete;
+}
+
+bool Enhancer::enableDiagnostics() {
+  const bool blends = mode_ == NOXEL_MODE_ENHANCE || mode_ == NOXEL_MODE_NEUTRAL_EXPOSURE || mode_ == NOXEL_MODE_CLEAR;
+  bool complete = true;
+  if ((config_.diagnostics & NOXEL_DIAGNOSE_HISTORY) != 0 && blends)
+    complete = captureGhostMask(engine_.get(), true) == 0;
+  if ((config_.diagnostics & NOXEL_DIAGNOSE_TRACKS) != 0) complete = complete && measureOwnMotion(engine_.get()) == 0;
+  if ((config_.diagnostics & NOXEL_DIAGNOSE_PASSES) != 0)
+    complete = complete && observePasses(engine_.get(), notePass, this) == 0;
+  return complete;
+}
+
+void Enhancer::notePass(void* enhancer, const char* pass, uint64_t nanoseconds) {
+  FrameDiagnostics* diagnostics = static_cast<Enhancer*>(enhancer)->passesOf_;
+  if (diagnostics == nullptr || diagnostics->passCount == FrameDiagnostics::kMaxPasses) return;
+  diagnostics->passes[diagnostics->passCount++] = {pass, nanoseconds};
+}
+
+void Enhancer::fillDiagnostics(EnhancerFrame* frame) {
+  static_assert(sizeof(_KRMatch) == sizeof(noxel_track));
+  FrameDiagnostics* diagnostics = &frame->diagnostics;
+  diagnostics->historyWidth = diagnostics->historyHeight = 0;
+  diagnostics->trackCounts[0] = diagnostics->trackCounts[1] = 0;
+  if (diagnostics->tracks[0] != nullptr && !frame->cut) {
+    const int blocks = (engineWidth(width_) / 8 + 1) * (engineHeight(height_) / 8 + 1);
+    diagnostics->trackCounts[0] = lastTracks(engine_.get(), matches(diagnostics->tracks[0]), kMaxPoints);
+    diagnostics->trackCounts[1] = lastOwnTracks(engine_.get(), matches(diagnostics->tracks[1]), blocks);
+  }
+  if (diagnostics->history == nullptr) return;
+  const int capacity = engineWidth(width_) * engineHeight(height_);
+  if (!lastGhostMask(engine_.get(), diagnostics->history, capacity, &diagnostics->historyWidth,
+                     &diagnostics->historyHeight)) {
+    diagnostics->historyWidth = diagnostics->historyHeight = 0;
+  }
+}
+
+int Enhancer::setCorners(int picture, const float* corners) {
+  if (picture != NOXEL_PICTURE_ENHANCED && picture != NOXEL_PICTURE_AS_IT_CAME) return NOXEL_ERROR_ARGUMENT;
+  for (int i = 0; corners != nullptr && i < 8; ++i) {
+    if (!std::isfinite(corners[i])) return NOXEL_ERROR_ARGUMENT;
+  }
+  float mirrored[8];
+  // Off-screen, the first row of the picture is at y = -1 in the engine.
+  for (int i = 0; corners != nullptr && i < 8; ++i) mirrored[i] = i % 2 == 1 && !intoWindow_ ? -corners[i] : corners[i];
+  KRSetParameter(picture == NOXEL_PICTURE_ENHANCED ? kParamQuadB : kParamQuadA, corners != nullptr ? mirrored : nullptr,
+                 engine_.get());
+  return NOXEL_OK;
 }
 
 }  // namespace noxel

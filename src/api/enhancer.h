@@ -14,6 +14,23 @@
 
 namespace noxel {
 
+// What a caller may want to see of how a frame was made. Null where it was not asked for.
+struct FrameDiagnostics {
+  static constexpr int kMaxPasses = 64;
+  struct Pass {
+    const char* name;
+    uint64_t nanoseconds;
+  };
+
+  noxel_track* tracks[2] = {};  // of the common motion, on their own
+  int trackCounts[2] = {};
+  unsigned char* history = nullptr;
+  int historyWidth = 0;  // 0: not known of this frame
+  int historyHeight = 0;
+  Pass* passes = nullptr;
+  int passCount = 0;
+};
+
 // A frame on its way through an enhancer. Belongs to the caller's thread until it waits, then to the worker, and to the
 // receiver once it is done.
 struct EnhancerFrame {
@@ -25,6 +42,7 @@ struct EnhancerFrame {
   int64_t intervalUs = 0;               // from the frame before
   uint64_t sentNs = 0;
   noxel_frame_info info = {};
+  FrameDiagnostics diagnostics;
 };
 
 // Places of frames, first in, first out.
@@ -64,13 +82,15 @@ class Enhancer {
   int set(int setting, double value);
   double get(int setting) const { return settings_[setting].load(std::memory_order_relaxed); }
   platform::LogTarget* log() { return &log_; }
+  int setCorners(int picture, const float* corners);
+  // Of the frame received last; null: there is none.
+  const FrameDiagnostics* diagnostics() const { return received_ >= 0 ? &frames_[received_].diagnostics : nullptr; }
 
  private:
   explicit Enhancer(const noxel_config& config);
   int setUp(const noxel_config& config);
   int places() const;
   int takeFinished(int* place);
-  void giveBack(int place, noxel_frame_info* info);
 
   // Under mutex_.
   bool looksAhead(const double* settings) const;
@@ -86,6 +106,10 @@ class Enhancer {
   void beginSequence(int available);
   void settleExposure(const EnhancerFrame& first);
   void fillInfo(EnhancerFrame* frame, bool enhanced);
+  bool allocateDiagnostics(FrameDiagnostics* diagnostics) const;
+  bool enableDiagnostics();
+  void fillDiagnostics(EnhancerFrame* frame);
+  static void notePass(void* enhancer, const char* pass, uint64_t nanoseconds);
 
   const int width_;
   const int height_;
@@ -112,9 +136,11 @@ class Enhancer {
   CutFinder cuts_;
   pthread_t worker_ = {};
   bool workerStarted_ = false;
+  int received_ = -1;                // the receiver's alone: the frame that was received last, not free yet
   std::atomic<bool> hurry_ = false;  // what is being done is not wanted any more
 
   // The worker's alone.
+  FrameDiagnostics* passesOf_ = nullptr;  // of the frame that is drawn; the GPU thread's meanwhile
   EnhancerEngine engine_;
   FramesAhead ahead_;
   enum class Ahead { kUntried, kThere, kRefused };

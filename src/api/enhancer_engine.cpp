@@ -47,6 +47,7 @@ void EnhancerEngine::apply(const double* settings) {
   set(kParamDeghosting, whole(NOXEL_DEGHOSTING));
   set(kParamSharpening, whole(NOXEL_SHARPENING));
   set(kParamContrast, whole(NOXEL_CONTRAST));
+  set(kParamFlipChroma, whole(NOXEL_FLIP_CHROMA));
   if (mode_ != NOXEL_MODE_STABILIZE) set(kParamStabilization, stabilize ? 1 : 0);  // it is always on there
 }
 

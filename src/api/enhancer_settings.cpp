@@ -38,6 +38,7 @@ constexpr noxel_setting_info kSettings[] = {
      nullptr, modes({0, 2})},
     {NOXEL_DEGHOSTING, "deghosting", "How soon moving objects are taken from the newest frame alone.",
      NOXEL_SETTING_INT, 0, 10, 8, nullptr, modes({1, 3})},
+    {NOXEL_FLIP_CHROMA, "flip-chroma", "U and V change places.", NOXEL_SETTING_BOOL, 0, 1, 0, nullptr, modes({0, 2})},
 };
 static_assert(std::size(kSettings) == kSettingCount);
 

@@ -5,7 +5,7 @@
 
 namespace noxel {
 
-inline constexpr int kSettingCount = NOXEL_DEGHOSTING + 1;
+inline constexpr int kSettingCount = NOXEL_FLIP_CHROMA + 1;
 
 const noxel_setting_info& settingInfo(int id);            // 0..kSettingCount - 1
 const noxel_setting_info* findSetting(const char* name);  // null: none

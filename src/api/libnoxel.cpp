@@ -1,4 +1,5 @@
 // The C interface of libnoxel: what needs no enhancer.
+#include <algorithm>
 #include <climits>
 #include <cstddef>
 #include <cstring>
@@ -38,7 +39,13 @@ noxel::Enhancer* behind(noxel_enhancer* enhancer) {
   return reinterpret_cast<noxel::Enhancer*>(enhancer);
 }
 
+const noxel::Enhancer* behind(const noxel_enhancer* enhancer) {
+  return reinterpret_cast<const noxel::Enhancer*>(enhancer);
+}
+
 }  // namespace
+
+static_assert(NOXEL_VERSION_NUMBER == NOXEL_PROJECT_VERSION_NUMBER, "the header's version is the project's");
 
 extern "C" {
 
@@ -136,7 +143,7 @@ int noxel_set_text(noxel_enhancer* enhancer, const char* name, const char* value
 int noxel_get(const noxel_enhancer* enhancer, int setting, double* value) {
   if (enhancer == nullptr || value == nullptr || setting < 0 || setting >= noxel::kSettingCount)
     return NOXEL_ERROR_ARGUMENT;
-  *value = reinterpret_cast<const noxel::Enhancer*>(enhancer)->get(setting);
+  *value = behind(enhancer)->get(setting);
   return NOXEL_OK;
 }
 
@@ -162,13 +169,47 @@ int noxel_reset(noxel_enhancer* enhancer) {
 }
 
 int noxel_latency_frames(const noxel_enhancer* enhancer) {
-  return enhancer != nullptr ? reinterpret_cast<const noxel::Enhancer*>(enhancer)->latencyFrames()
-                             : NOXEL_ERROR_ARGUMENT;
+  return enhancer != nullptr ? behind(enhancer)->latencyFrames() : NOXEL_ERROR_ARGUMENT;
 }
 
 int noxel_render_texture(noxel_enhancer* enhancer, unsigned texture, int width, int height, noxel_frame_info* info) {
   if (enhancer == nullptr || !isWhole(info)) return NOXEL_ERROR_ARGUMENT;
   const noxel::platform::LogScope log(behind(enhancer)->log());
   return behind(enhancer)->renderTexture(texture, width, height, info);
+}
+
+int noxel_set_corners(noxel_enhancer* enhancer, int picture, const float* corners) {
+  return enhancer != nullptr ? behind(enhancer)->setCorners(picture, corners) : NOXEL_ERROR_ARGUMENT;
+}
+
+int noxel_tracks(const noxel_enhancer* enhancer, int own, noxel_track* tracks, int capacity) {
+  if (enhancer == nullptr || capacity < 0 || (tracks == nullptr && capacity > 0) || own < 0 || own > 1)
+    return NOXEL_ERROR_ARGUMENT;
+  const noxel::FrameDiagnostics* of = behind(enhancer)->diagnostics();
+  if (of == nullptr) return 0;
+  std::copy_n(of->tracks[own], std::min(capacity, of->trackCounts[own]), tracks);
+  return of->trackCounts[own];
+}
+
+int noxel_history(const noxel_enhancer* enhancer, unsigned char* levels, size_t capacity, int* width, int* height) {
+  if (enhancer == nullptr || width == nullptr || height == nullptr || (levels == nullptr && capacity > 0))
+    return NOXEL_ERROR_ARGUMENT;
+  const noxel::FrameDiagnostics* of = behind(enhancer)->diagnostics();
+  if (of == nullptr || of->historyWidth == 0) return NOXEL_AGAIN;
+  *width = of->historyWidth;
+  *height = of->historyHeight;
+  const size_t count = static_cast<size_t>(*width) * static_cast<size_t>(*height);
+  if (capacity < count) return NOXEL_ERROR_ARGUMENT;
+  std::copy_n(of->history, count, levels);
+  return NOXEL_OK;
+}
+
+int noxel_pass(const noxel_enhancer* enhancer, int index, const char** name, uint64_t* nanoseconds) {
+  if (enhancer == nullptr || index < 0 || name == nullptr || nanoseconds == nullptr) return NOXEL_ERROR_ARGUMENT;
+  const noxel::FrameDiagnostics* of = behind(enhancer)->diagnostics();
+  if (of == nullptr || index >= of->passCount) return NOXEL_END;
+  *name = of->passes[index].name;
+  *nanoseconds = of->passes[index].nanoseconds;
+  return NOXEL_OK;
 }
 }
