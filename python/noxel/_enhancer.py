@@ -72,14 +72,15 @@ class Info:
     motion: Floats | None  # 3 x 3: pixel of this frame -> pixel of the one before. None: not known
     stabilization: Floats  # 3 x 3: pixel of this frame -> steadied pixel, before the zoom
     zoom: float
-    gamma: float  # of the tone step of the modes "enhance" and "neutral-exposure", else 1
+    gamma: float  # of the tone step of the mode "enhance", else 1
     gain: float
     noise: Noise | None
     tone: Floats  # mode "clear": level of full-range luma in -> out, 256 values
     points_tracked: int  # 0 where no motion is measured
     points_kept: int
-    motion_ms: float  # wall time of motion and noise
-    gpu_ms: float  # from the GPU thread's taking the frame to its delivery
+    upload_ms: float  # of the GPU thread: planes to textures
+    motion_ms: float  # motion, noise and exposure
+    gpu_ms: float  # of the GPU thread, from taking the frame to its delivery
     total_ms: float  # from send to the moment when it was ready
 
 
@@ -105,6 +106,7 @@ def _info(raw: c.FrameInfo) -> Info:
         tone=floats("tone"),
         points_tracked=raw.points_tracked,
         points_kept=raw.points_kept,
+        upload_ms=raw.upload_ms,
         motion_ms=raw.motion_ms,
         gpu_ms=raw.gpu_ms,
         total_ms=raw.total_ms,
@@ -207,6 +209,7 @@ class Enhancer:
         sharpening: int
         contrast: int
         deghosting: int
+        flip_chroma: bool
 
     def __init__(
         self,

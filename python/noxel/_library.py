@@ -41,6 +41,7 @@ class Config(ctypes.Structure):
         ("window", c_void_p),
         ("share_display", c_void_p),
         ("share_context", c_void_p),
+        ("diagnostics", c_uint),
     ]
 
 
@@ -77,6 +78,7 @@ class FrameInfo(ctypes.Structure):
         ("noise_blue", c_float * 32),
         ("noise_red", c_float * 32),
         ("tone", c_float * 256),
+        ("upload_ms", c_double),
         ("motion_ms", c_double),
         ("gpu_ms", c_double),
         ("total_ms", c_double),
