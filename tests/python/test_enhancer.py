@@ -1,6 +1,5 @@
 """Enhancers over NumPy arrays: what goes in comes back, settings, layouts, threads and errors."""
 
-import gc
 import logging
 import os
 import subprocess
@@ -62,16 +61,16 @@ def test_a_live_enhancer_gives_back_what_it_took(make):
 
 def test_an_iteration_that_is_left_and_a_reset_forget_what_was_sent(make):
     with make(WIDTH, HEIGHT) as enhancer:
-        for result in enhancer.enhance(noisy(30, WIDTH, HEIGHT)):
-            break
-        del result
-        gc.collect()
-        enhancer.send(packed(noisy(1, WIDTH, HEIGHT)[0]), tag=77)
-        enhancer.reset()
-        enhancer.send(packed(noisy(1, WIDTH, HEIGHT)[0]), tag=99)
-        enhancer.flush()
-        assert enhancer.receive().info.tag == 99
-        assert enhancer.receive() is None and enhancer.drained
+        iteration = enhancer.enhance(noisy(30, WIDTH, HEIGHT))
+        next(iteration)
+        for forget, tag in ((iteration.close, 77), (enhancer.reset, 99)):
+            forget()
+            for waiting in (False, True):  # the second one is what reset forgets
+                enhancer.send(noisy(1, WIDTH, HEIGHT)[0], tag=tag)
+                if not waiting:
+                    enhancer.flush()
+                    assert enhancer.receive().info.tag == tag
+                    assert enhancer.receive() is None and enhancer.drained
 
 
 def test_noise_goes_down_and_the_picture_stays(make):
@@ -188,13 +187,15 @@ def test_rgb_goes_in_and_comes_back(make):
                 middles = (slice(8, None, 16), slice(8, None, 16))
                 assert np.abs(frame[middles].astype(int) - given[middles]).max() <= 2
                 assert frame.shape == picture.shape
-    with make(WIDTH, HEIGHT, lead_in=False, strength=0) as enhancer:  # sent as I420, received as RGB
-        enhancer.send(noxel.rgb_to_planes(picture), format="i420")
-        enhancer.flush()
-        out = np.zeros((HEIGHT, 2 * WIDTH, 3), np.uint8)[:, :WIDTH]
-        assert enhancer.receive(out=out, format="rgb").frame is out
-        # Limited range is coarser: half a code of luma is 0.6 levels, one of chroma 1.0, and both are rounded again.
-        assert np.abs(out[8::16, 8::16].astype(int) - picture[8::16, 8::16]).max() <= 4
+    for matrix, range in (("bt601", "limited"), ("bt709", "limited"), ("bt709", "full")):
+        with make(WIDTH, HEIGHT, lead_in=False, strength=0, matrix=matrix, range=range) as enhancer:
+            enhancer.send(noxel.rgb_to_planes(picture, matrix, range), format="i420")
+            enhancer.flush()
+            out = np.zeros((HEIGHT, 2 * WIDTH, 3), np.uint8)[:, :WIDTH]
+            assert enhancer.receive(out=out, format="rgb").frame is out
+            # Limited range is coarser: half a code of luma is 0.6 levels, one of chroma 1.0; the way to full-range BT.601
+            # rounds both again. Another matrix is off by 20 levels.
+            assert np.abs(out[8::16, 8::16].astype(int) - picture[8::16, 8::16]).max() <= 5
 
 
 def test_settings_are_the_librarys_with_their_ranges(make):
@@ -291,6 +292,26 @@ def test_two_enhancers_at_once_and_two_threads_of_one_do_not_disturb_each_other(
         thread.join()
     for one, other in zip(alone, together):
         assert len(one) == len(other) and all(same(a, b) for a, b in zip(one, other))
+
+
+def test_closing_waits_for_calls_of_other_threads(make):
+    for _ in range(5):
+        enhancer = make(WIDTH, HEIGHT, lead_in=False)
+        begun, ended = threading.Event(), []
+
+        def use():
+            try:
+                for result in enhancer.enhance(noisy(8, WIDTH, HEIGHT) * 1000):
+                    begun.set()
+            except ValueError as error:
+                ended.append(str(error))
+
+        user = threading.Thread(target=use)
+        user.start()
+        assert begun.wait(60)
+        enhancer.close()
+        user.join(60)
+        assert ended == ["the enhancer is closed"]
 
 
 def test_the_log_arrives_in_pythons_logging(make, caplog, tmp_path):
