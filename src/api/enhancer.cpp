@@ -10,6 +10,7 @@
 #include "api/frame_planes.h"
 #include "noxel/noxel.h"
 #include "platform/log.h"
+#include "registration/exposure.h"
 #include "registration/registration_state.h"
 
 namespace noxel {
@@ -321,7 +322,7 @@ void Enhancer::enhance(int available) {
   if (ahead && aheadState_.load(std::memory_order_relaxed) == Ahead::kUntried) {
     const bool made = ahead_.make(config_, engineWidth(width_), engineHeight(height_), &log_, engine_);
     aheadState_.store(made ? Ahead::kThere : Ahead::kRefused, std::memory_order_relaxed);
-    if (!made) NOXEL_LOG_ERROR("not enough memory to look ahead: the quality is balanced");
+    if (!made) NOXEL_LOG_WARNING("not enough memory to look ahead: the quality is that of a live picture");
   }
   if (aheadState_.load(std::memory_order_relaxed) == Ahead::kThere && (ahead || !ahead_.chunkIsDone())) {
     if (chunkIsDone_.load(std::memory_order_relaxed)) ahead_.restart();
@@ -366,22 +367,14 @@ void Enhancer::beginSequence(int available) {
 
 // Gamma and gain ease from frame to frame: the first frame is shown until they stand still.
 void Enhancer::settleExposure(const EnhancerFrame& first) {
-  constexpr float kSmallChange = 0.001f;
-  constexpr int kQuietRounds = 5;
-  constexpr int kMinRounds = 10;  // easing starts slowly: no change this early does not mean settled
-  constexpr int kMaxRounds = 60;
-  float gamma = 1.0f, gain = 1.0f;
-  for (int round = 1, quiet = 0; round <= kMaxRounds && (round <= kMinRounds || quiet < kQuietRounds); ++round) {
-    if (hurry_.load(std::memory_order_relaxed)) break;
+  ExposureSettling settling;
+  FrameReport report;
+  do {
     std::memcpy(scratch_, first.nv21, frameBytes(width_, height_));
-    if (round > 1) engine_.clock.stepOnce();
+    if (settling.rounds() > 0) engine_.clock.stepOnce();
     engine_.process(scratch_);
-    const FrameReport report = lastFrameReport(engine_.get());
-    quiet =
-        std::fabs(report.gamma - gamma) < kSmallChange && std::fabs(report.gain - gain) < kSmallChange ? quiet + 1 : 0;
-    gamma = report.gamma;
-    gain = report.gain;
-  }
+    report = lastFrameReport(engine_.get());
+  } while (!settling.settled(report.gamma, report.gain) && !hurry_.load(std::memory_order_relaxed));
   engine_.clock.cut();
 }
 

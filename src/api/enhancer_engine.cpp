@@ -31,6 +31,13 @@ int EnhancerEngine::make(const noxel_config& config, int width, int height, plat
 }
 
 void EnhancerEngine::apply(const double* settings) {
+  // A zoom that is set again would end the easing of the stabilisation's crop.
+  if (applied_ && std::equal(settings, settings + kSettingCount, latest_)) return;
+  const bool zooms = !applied_ || settings[NOXEL_ZOOM] != latest_[NOXEL_ZOOM] ||
+                     settings[NOXEL_STABILIZE] != latest_[NOXEL_STABILIZE] ||
+                     settings[NOXEL_PER_FRAME] != latest_[NOXEL_PER_FRAME];
+  applied_ = true;
+  std::copy_n(settings, kSettingCount, latest_);
   const auto whole = [&](int id) { return static_cast<int>(settings[id]); };
   const auto set = [&](unsigned parameter, int value) { KRSetParameter(parameter, &value, engine_); };
   const bool perFrame = settings[NOXEL_PER_FRAME] != 0;
@@ -39,7 +46,7 @@ void EnhancerEngine::apply(const double* settings) {
   const bool cropped = mode_ == NOXEL_MODE_CLEAR && stabilize && !perFrame;
   const auto asked = static_cast<float>(settings[NOXEL_ZOOM]);
   const float zoom = cropped ? std::max(asked, kStabilizationCrop) : asked;
-  KRSetParameter(kParamZoom, &zoom, engine_);
+  if (zooms) KRSetParameter(kParamZoom, &zoom, engine_);
   set(kParamQuality, whole(NOXEL_QUALITY));
   set(kParamLightMode, perFrame ? 1 : 0);
   set(kParamNoiseReductionStrength, whole(NOXEL_STRENGTH));

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "api/engine_control.h"
+#include "api/enhancer_settings.h"
 #include "api/sequence_clock.h"
 #include "noxel/enhancer.h"
 
@@ -18,7 +19,7 @@ class EnhancerEngine {
   int make(const noxel_config& config, int width, int height, platform::LogTarget* log);
   bool ready() const { return engineReady(engine_); }
 
-  // By noxel_setting_id; those that are not read in the mode have no effect.
+  // By noxel_setting_id, what has changed; those that are not read in the mode have no effect.
   void apply(const double* settings);
   // In place. False: it comes back as it was.
   bool process(unsigned char* nv21) { return KRProcessFrame(nv21, engine_) == 0 && ready(); }
@@ -29,6 +30,8 @@ class EnhancerEngine {
  private:
   _KRSuperResEngine* engine_ = nullptr;
   int mode_ = NOXEL_MODE_CLEAR;
+  bool applied_ = false;
+  double latest_[kSettingCount] = {};  // that were applied
 };
 
 }  // namespace noxel

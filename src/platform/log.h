@@ -14,6 +14,7 @@ inline std::atomic<int> debugLog = 0;  // 1: verbose. Relaxed.
 namespace noxel::platform {
 
 inline constexpr int kLogInfo = 4;   // ANDROID_LOG_INFO
+inline constexpr int kLogWarning = 5;  // ANDROID_LOG_WARN
 inline constexpr int kLogError = 6;  // ANDROID_LOG_ERROR
 inline constexpr char kLogTag[] = "Korvane";
 
@@ -58,5 +59,7 @@ int setLogLevel(int priority);
   ::noxel::platform::print(::noxel::platform::kLogInfo, ::noxel::platform::kLogTag, __VA_ARGS__)
 #define NOXEL_LOG_VERBOSE(...) \
   (::noxel::debugLog.load(std::memory_order_relaxed) == 1 ? NOXEL_LOG_INFO(__VA_ARGS__) : void())
+#define NOXEL_LOG_WARNING(...) \
+  ::noxel::platform::print(::noxel::platform::kLogWarning, ::noxel::platform::kLogTag, __VA_ARGS__)
 #define NOXEL_LOG_ERROR(...) \
   ::noxel::platform::print(::noxel::platform::kLogError, ::noxel::platform::kLogTag, __VA_ARGS__)

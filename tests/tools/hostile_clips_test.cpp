@@ -4,9 +4,11 @@
 #include <csignal>
 #include <filesystem>
 #include <random>
+#include <utility>
 
 #include "clips.h"
 #include "enhance/enhance.h"
+#include "media/nv21_frame.h"
 #include "run_command.h"
 #include "support/picture.h"
 
@@ -14,19 +16,33 @@ namespace noxel::tool {
 namespace {
 
 // Leaves frames unchanged.
-struct Idle : Enhancer {
-  int warmUp(const uint8_t*) override { return 0; }
-  void leadIn(uint8_t*) override {}
-  void timePasses(PassTimes&) override {}
-  void enhance(uint8_t*, int64_t) override {}
+class Idle : public Enhancer {
+ public:
+  explicit Idle(const EnhancerSettings& settings) : bytes_(nv21Size(settings.width, settings.height)) {}
+  bool send(const uint8_t* nv21, int64_t) override {
+    if (waiting_) return false;
+    std::copy_n(nv21, bytes_.size(), bytes_.begin());
+    return waiting_ = true;
+  }
+  void finish() override {}
+  bool receive(uint8_t* nv21) override {
+    std::copy(bytes_.begin(), bytes_.end(), nv21);
+    return std::exchange(waiting_, false);
+  }
   FrameReport report() const override { return {}; }
   Overlay overlay() const override { return {}; }
+
+ private:
+  std::vector<uint8_t> bytes_;
+  bool waiting_ = false;
 };
 
 struct Killer : Idle {
+  using Idle::Idle;
   int frames = 0;
-  void enhance(uint8_t*, int64_t) override {
+  bool receive(uint8_t* nv21) override {
     if (++frames == 3) std::raise(SIGKILL);
+    return Idle::receive(nv21);
   }
 };
 
@@ -38,7 +54,7 @@ int enhance(const std::string& input, const std::string& output, bool quiet = tr
   options.quiet = quiet;
   options.overwrite = true;
   try {
-    return runEnhance(options, [](const EnhancerSettings&) { return std::make_unique<Kind>(); });
+    return runEnhance(options, [](const EnhancerSettings& settings) { return std::make_unique<Kind>(settings); });
   } catch (const ToolError& error) {
     EXPECT_STRNE(error.what(), "");
     return error.code();

@@ -14,55 +14,38 @@ namespace noxel::tool {
 
 ClipInput::ClipInput(const std::string& path)
     : reader_(path),
-      current_{reader_.first()},
+      frame_(reader_.first()),
       width_(frame().width),
       height_(frame().height),
       nv21Width_(paddedWidth(width_)),
       nv21Height_(paddedHeight(height_)),
       highDynamicRange_(frame().color_trc == AVCOL_TRC_SMPTE2084 || frame().color_trc == AVCOL_TRC_ARIB_STD_B67),
       colours_(frame()) {
-  convert(current_);
+  convert();
 }
 
 bool ClipInput::next() {
-  if (stopRequested() || ahead(1).nv21 == nullptr) return false;
-  current_ = std::move(queue_.front());
-  queue_.pop_front();
+  if (stopRequested()) return false;
+  FramePtr read = reader_.next();
+  if (!read) return false;
+  frame_ = std::move(read);
+  convert();
   return true;
-}
-
-FrameAhead ClipInput::ahead(size_t steps) {
-  while (queue_.size() < steps) {
-    Converted read = {reader_.next()};
-    if (!read.frame) return {};
-    convert(read);
-    queue_.push_back(std::move(read));
-  }
-  Converted& found = queue_[steps - 1];
-  return {found.nv21.data(), microseconds(*found.frame)};
-}
-
-std::vector<PacketPtr> ClipInput::takeAudio() {
-  std::vector<PacketPtr> packets = std::exchange(current_.audio, {});
-  if (!queue_.empty()) return packets;
-  for (PacketPtr& packet : reader_.takeAudio()) packets.push_back(std::move(packet));
-  return packets;
 }
 
 double ClipInput::seconds() const {
   return static_cast<double>(frame().pts) * av_q2d(reader_.timeBase());
 }
 
-int64_t ClipInput::microseconds(const AVFrame& frame) const {
-  return av_rescale_q(frame.pts, reader_.timeBase(), kMicroseconds);
+int64_t ClipInput::microseconds() const {
+  return av_rescale_q(frame().pts, reader_.timeBase(), kMicroseconds);
 }
 
-void ClipInput::convert(Converted& converted) {
-  converted.planar = colours_.planar(*converted.frame);
-  converted.engineFrame = colours_.toEngine(*padded(*converted.planar));
-  converted.nv21.resize(nv21Size(nv21Width_, nv21Height_));
-  packNv21(*converted.engineFrame, converted.nv21.data());
-  converted.audio = reader_.takeAudio();
+void ClipInput::convert() {
+  planar_ = colours_.planar(*frame_);
+  engineFrame_ = colours_.toEngine(*padded(*planar_));
+  nv21_.resize(nv21Size(nv21Width_, nv21Height_));
+  packNv21(*engineFrame_, nv21_.data());
 }
 
 void checkOutputFiles(const std::string& input, const std::vector<std::string>& outputs, bool overwrite) {

@@ -2,9 +2,7 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "media/av_types.h"
@@ -12,11 +10,6 @@
 #include "media/video_reader.h"
 
 namespace noxel::tool {
-
-struct FrameAhead {
-  uint8_t* nv21 = nullptr;
-  int64_t microseconds = 0;
-};
 
 // Starts at the first frame. One thread.
 class ClipInput {
@@ -27,19 +20,15 @@ class ClipInput {
   bool next();
 
   // The current frame: as decoded; planar in the clip's own colours; padded in the engine's colours.
-  const AVFrame& frame() const { return *current_.frame; }
-  const AVFrame& planar() const { return *current_.planar; }
-  const AVFrame& engineFrame() const { return *current_.engineFrame; }
+  const AVFrame& frame() const { return *frame_; }
+  const AVFrame& planar() const { return *planar_; }
+  const AVFrame& engineFrame() const { return *engineFrame_; }
   // engineFrame() as NV21, nv21Width() x nv21Height(); the caller may change it.
-  std::vector<uint8_t>& nv21() { return current_.nv21; }
+  std::vector<uint8_t>& nv21() { return nv21_; }
   double seconds() const;  // time stamp, as the next
-  int64_t microseconds() const { return microseconds(*current_.frame); }
-  // Audio packets read up to the current frame and not taken yet, at the end all that are left; as VideoReader::takeAudio.
-  std::vector<PacketPtr> takeAudio();
-
-  // A frame after the current one, which stays what it is. steps: 1 or more. Null nv21: the clip ends before, or a stop was
-  // requested. Valid until that frame is the current one.
-  FrameAhead ahead(size_t steps);
+  int64_t microseconds() const;
+  // As VideoReader::takeAudio: what was read up to the current frame, at the end all that is left.
+  std::vector<PacketPtr> takeAudio() { return reader_.takeAudio(); }
 
   int width() const { return width_; }  // without the padding
   int height() const { return height_; }
@@ -52,20 +41,13 @@ class ClipInput {
   const ColourConversion& colours() const { return colours_; }
 
  private:
-  struct Converted {
-    FramePtr frame = nullptr;
-    FramePtr planar = nullptr;
-    FramePtr engineFrame = nullptr;
-    std::vector<uint8_t> nv21 = {};
-    std::vector<PacketPtr> audio = {};  // read with it
-  };
-
-  void convert(Converted& converted);
-  int64_t microseconds(const AVFrame& frame) const;
+  void convert();
 
   VideoReader reader_;
-  Converted current_;
-  std::deque<Converted> queue_;  // read ahead
+  FramePtr frame_;
+  FramePtr planar_;
+  FramePtr engineFrame_;
+  std::vector<uint8_t> nv21_;
   const int width_;
   const int height_;
   const int nv21Width_;
