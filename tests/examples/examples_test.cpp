@@ -141,12 +141,14 @@ TEST_F(ShowTexture, ShowsFramesUprightInTheirColours) {
     return static_cast<int>(seen.at(x, y, channel));
   };
   // Grey quarters keep their order of brightness, the reddish one its place; 20 levels are well above rounding.
-  const bool shown = eventually([&] {
-    seen = screen->capture();
-    return !seen.rgba.empty() && quarter(1, 1) > quarter(2, 1) + 20 && quarter(2, 1) > quarter(3, 1) + 20 &&
-           quarter(0, 0) > quarter(0, 1) + 20 && quarter(0, 0) > quarter(0, 2) + 20 &&
-           std::abs(quarter(3, 0) - quarter(3, 1)) < 8;
-  });
+  const bool shown = eventually(
+      [&] {
+        seen = screen->capture();
+        return !seen.rgba.empty() && quarter(1, 1) > quarter(2, 1) + 20 && quarter(2, 1) > quarter(3, 1) + 20 &&
+               quarter(0, 0) > quarter(0, 1) + 20 && quarter(0, 0) > quarter(0, 2) + 20 &&
+               std::abs(quarter(3, 0) - quarter(3, 1)) < 8;
+      },
+      std::chrono::seconds(30));
   const int status = pclose(program);  // ends its input, and so the program
   EXPECT_TRUE(shown) << quarter(0, 0) << ' ' << quarter(1, 0) << ' ' << quarter(2, 0) << ' ' << quarter(3, 0);
   EXPECT_EQ(status, 0) << contents(folder.file("error"));
