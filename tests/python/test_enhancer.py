@@ -193,8 +193,8 @@ def test_rgb_goes_in_and_comes_back(make):
             enhancer.flush()
             out = np.zeros((HEIGHT, 2 * WIDTH, 3), np.uint8)[:, :WIDTH]
             assert enhancer.receive(out=out, format="rgb").frame is out
-            # Limited range is coarser: half a code of luma is 0.6 levels, one of chroma 1.0; the way to full-range BT.601
-            # rounds both again. Another matrix is off by 20 levels.
+            # Limited range is coarser: half a code of luma is 0.6 levels, one of chroma 1.0; the way to full-range
+            # BT.601 rounds both again. Another matrix is off by 20 levels.
             assert np.abs(out[8::16, 8::16].astype(int) - picture[8::16, 8::16]).max() <= 5
 
 
