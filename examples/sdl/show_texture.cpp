@@ -1,5 +1,5 @@
-// Shows raw NV12 frames, enhanced, in a window of SDL. The enhancer draws into a texture of the window's context, so that
-// no enhanced picture leaves the GPU:
+// Shows raw NV12 frames, enhanced, in a window of SDL. The enhancer draws into a texture of the window's context, so
+// that no enhanced picture leaves the GPU:
 //
 //     ffmpeg -i night.mp4 -f rawvideo -pix_fmt nv12 - | show_texture 640 360
 #include <EGL/egl.h>

@@ -1,4 +1,4 @@
-"""lives.py CACHE: prints threads and resident bytes after 40 enhancers and after 200 more; half of them are not closed."""
+"""lives.py CACHE: prints threads and resident bytes after 40 enhancers and 200 more; half of them are not closed."""
 
 import gc
 import os
