@@ -20,7 +20,7 @@ constexpr unsigned modes(std::initializer_list<int> list) {
 constexpr const char* kQualities[] = {"fast", "balanced", "best"};
 
 constexpr noxel_setting_info kSettings[] = {
-    {NOXEL_STRENGTH, "strength", "How much noise is taken out; 0 leaves frames as they came in mode 5.",
+    {NOXEL_STRENGTH, "strength", "How much noise is taken out.",
      NOXEL_SETTING_INT, 0, 100, 50, nullptr, modes({0, 1, 3, 5})},
     {NOXEL_QUALITY, "quality", "How much time a frame may take; best also looks at the frames that follow.",
      NOXEL_SETTING_CHOICE, 0, 2, 1, kQualities, modes({5})},

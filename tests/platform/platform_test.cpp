@@ -68,7 +68,7 @@ TEST(Log, ALongMessageArrivesWhole) {
   std::vector<std::string> messages;
   for (const size_t length : {1022, 1023, 1024, 1025, 20000}) {
     messages.push_back(std::string(length - 1, 'm') + '.');
-    EXPECT_EQ(NOXEL_LOG_INFO("%s", messages.back().c_str()), static_cast<int>(length));
+    NOXEL_LOG_INFO("%s", messages.back().c_str());
   }
   ASSERT_EQ(log.lines().size(), messages.size());
   for (size_t i = 0; i < messages.size(); ++i) EXPECT_EQ(log.lines()[i].message, messages[i]);

@@ -93,6 +93,10 @@ Picture VirtualScreen::capture(unsigned long window) const {
   return picture;
 }
 
+Picture VirtualScreen::capture() const {
+  return capture(DefaultRootWindow(static_cast<Display*>(display_)));
+}
+
 std::unique_ptr<VirtualScreen> ScreenTest::screen;
 bool ScreenTest::driverDraws = false;
 

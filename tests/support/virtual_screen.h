@@ -24,6 +24,8 @@ class VirtualScreen {
 
   // Screenshot of an X11 window, which must not be covered. Empty while it is not mapped.
   Picture capture(unsigned long window) const;
+  // Of the whole screen.
+  Picture capture() const;
 
  private:
   pid_t server_ = -1;
