@@ -72,9 +72,12 @@ class ClipMaker {
     video_->width = spec_.width;
     video_->height = spec_.height;
     video_->pix_fmt = spec_.video == AV_CODEC_ID_MJPEG ? AV_PIX_FMT_YUVJ420P : AV_PIX_FMT_YUV420P;
+    if (spec_.format != AV_PIX_FMT_NONE) video_->pix_fmt = spec_.format;
     video_->time_base = {1, 25};  // packets take their time stamps from the clip
     video_->colorspace = spec_.matrix;
     video_->color_range = spec_.range;
+    video_->color_primaries = spec_.primaries;
+    video_->color_trc = spec_.transfer;
     video_->flags |= AV_CODEC_FLAG_QSCALE;
     video_->global_quality = FF_QP2LAMBDA * 2;
     AVStream* stream = open(*video_, codec);

@@ -22,6 +22,9 @@ struct ClipSpec {
   bool rotated = false;                                     // displayed turned by 90 degrees
   AVColorSpace matrix = AVCOL_SPC_SMPTE170M;
   AVColorRange range = AVCOL_RANGE_JPEG;
+  AVColorPrimaries primaries = AVCOL_PRI_UNSPECIFIED;
+  AVColorTransferCharacteristic transfer = AVCOL_TRC_UNSPECIFIED;
+  AVPixelFormat format = AV_PIX_FMT_NONE;      // of the pictures; default: 8-bit 4:2:0
   std::function<FramePtr(int frame)> picture;  // planar; default: a luma ramp with a mean of lumaOf(frame)
 };
 

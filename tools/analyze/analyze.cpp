@@ -103,7 +103,7 @@ class Analysis {
 };
 
 void Analysis::run() {
-  if (clip_.highDynamicRange()) note("the clip is HDR; it is analysed as 8-bit");
+  if (clip_.highDynamicRange()) note(toneMapNote());
   printHeader(table_);
   readAll();
   smoothHistogram(all_.histogram, kSmoothingRadius, &smoothed_);

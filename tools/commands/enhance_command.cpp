@@ -14,7 +14,8 @@ constexpr char kEnhanceFooter[] = R"(Examples:
   other-tool --to-y4m | noxel enhance - -o - --denoise spatial | player -
 
 Each input frame gives one output frame with the same time stamp, size and colour tags; audio and rotation are kept (not
-in .y4m). Video is 8-bit H.264, written to a temporary file beside OUTPUT that is renamed when complete. Ctrl-C finishes
+in .y4m). An HDR clip (PQ or HLG) is tone-mapped to
+BT.709 SDR first. Video is 8-bit H.264, written to a temporary file beside OUTPUT that is renamed when complete. Ctrl-C finishes
 the file with the frames done so far; a second Ctrl-C quits at once. A single picture comes out upright, in 8-bit RGB
 or RGBA. --dump-frames with -y does not delete the files of an earlier, longer dump.
 

@@ -63,7 +63,7 @@ class Run {
         writer_(outputSettings()),
         picture_(options.pictureFrame),
         progress_(options.quiet, isatty(STDERR_FILENO) != 0, clip_.reader().expectedFrames()) {
-    if (clip_.highDynamicRange()) note("the clip is HDR; it is enhanced and written as 8-bit");
+    if (clip_.highDynamicRange()) note(toneMapNote());
     if (!options.dumpFolder.empty()) dump_.emplace(options.dumpFolder);
   }
 

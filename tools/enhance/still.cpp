@@ -14,6 +14,7 @@ extern "C" {
 #include "enhance/rgba_session.h"
 #include "media/colour_conversion.h"
 #include "media/picture.h"
+#include "media/tone_map.h"
 #include "media/video_reader.h"
 
 namespace noxel::tool {
@@ -51,10 +52,12 @@ bool isStill(const std::string& outputPath) {
 int runStill(const EnhanceOptions& options) {
   check(options);
   VideoReader reader(options.input);
-  const FramePtr given = reader.first();
+  FramePtr given = reader.first();
   if (reader.next()) {
     throw ToolError(kExitUsage, options.input + " has more than one frame; write .mp4 or .mkv");
   }
+  const bool hdr = isHighDynamicRange(*given);
+  if (hdr) given = ToneMap(*given).run(*given);
   FramePtr before = ColourConversion(*given).rgba(*given);
   const std::string turn = uprighting(reader.displayMatrix()).filters;
   if (!turn.empty()) before = FilterPass(before->width, before->height, turn, AV_PIX_FMT_RGBA).run(*before);
@@ -63,6 +66,7 @@ int runStill(const EnhanceOptions& options) {
   const std::vector<uint8_t> png = encodePng(hasAlpha(*given) ? *after : *withoutAlpha(*after));
   writeWholeFile(options.output, png.data(), png.size());
   if (options.quiet) return kExitFine;
+  if (hdr) std::fprintf(stderr, "noxel: note: %s\n", toneMapNote());
   std::fprintf(stderr, "one picture, %d x %d: %s\n", before->width, before->height, options.output.c_str());
   return kExitFine;
 }

@@ -14,14 +14,22 @@ namespace noxel::tool {
 
 ClipInput::ClipInput(const std::string& path)
     : reader_(path),
-      current_{reader_.first()},
+      current_(first(reader_, toneMap_)),
       width_(frame().width),
       height_(frame().height),
       nv21Width_(paddedWidth(width_)),
       nv21Height_(paddedHeight(height_)),
-      highDynamicRange_(frame().color_trc == AVCOL_TRC_SMPTE2084 || frame().color_trc == AVCOL_TRC_ARIB_STD_B67),
       colours_(frame()) {
   convert(current_);
+}
+
+ClipInput::Converted ClipInput::first(VideoReader& reader, std::unique_ptr<ToneMap>& toneMap) {
+  FramePtr frame = reader.first();
+  if (isHighDynamicRange(*frame)) {
+    toneMap = std::make_unique<ToneMap>(*frame);
+    frame = toneMap->run(*frame);
+  }
+  return {std::move(frame)};
 }
 
 bool ClipInput::next() {
@@ -35,6 +43,7 @@ FrameAhead ClipInput::ahead(size_t steps) {
   while (queue_.size() < steps) {
     Converted read = {reader_.next()};
     if (!read.frame) return {};
+    if (toneMap_) read.frame = toneMap_->run(*read.frame);
     convert(read);
     queue_.push_back(std::move(read));
   }

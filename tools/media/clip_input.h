@@ -3,12 +3,14 @@
 
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "media/av_types.h"
 #include "media/colour_conversion.h"
+#include "media/tone_map.h"
 #include "media/video_reader.h"
 
 namespace noxel::tool {
@@ -18,7 +20,7 @@ struct FrameAhead {
   int64_t microseconds = 0;
 };
 
-// Starts at the first frame. One thread.
+// Starts at the first frame. An HDR clip is tone-mapped: all its frames here are BT.709 SDR. One thread.
 class ClipInput {
  public:
   explicit ClipInput(const std::string& path);  // "-": Y4M on standard input. ToolError without a first frame
@@ -26,7 +28,7 @@ class ClipInput {
   // Advances. False at the end or when a stop was requested; the last frame stays current.
   bool next();
 
-  // The current frame: as decoded; planar in the clip's own colours; padded in the engine's colours.
+  // The current frame: as decoded (HDR: tone-mapped); planar in the clip's own colours; padded in the engine's colours.
   const AVFrame& frame() const { return *current_.frame; }
   const AVFrame& planar() const { return *current_.planar; }
   const AVFrame& engineFrame() const { return *current_.engineFrame; }
@@ -45,7 +47,7 @@ class ClipInput {
   int height() const { return height_; }
   int nv21Width() const { return nv21Width_; }
   int nv21Height() const { return nv21Height_; }
-  bool highDynamicRange() const { return highDynamicRange_; }
+  bool highDynamicRange() const { return toneMap_ != nullptr; }
   VideoReader& reader() { return reader_; }
   const VideoReader& reader() const { return reader_; }
   ColourConversion& colours() { return colours_; }
@@ -60,17 +62,18 @@ class ClipInput {
     std::vector<PacketPtr> audio = {};  // read with it
   };
 
+  static Converted first(VideoReader& reader, std::unique_ptr<ToneMap>& toneMap);
   void convert(Converted& converted);
   int64_t microseconds(const AVFrame& frame) const;
 
   VideoReader reader_;
+  std::unique_ptr<ToneMap> toneMap_;  // null for SDR
   Converted current_;
   std::deque<Converted> queue_;  // read ahead
   const int width_;
   const int height_;
   const int nv21Width_;
   const int nv21Height_;
-  const bool highDynamicRange_;
   ColourConversion colours_;
 };
 
