@@ -28,7 +28,7 @@ TEST(Command, RefusesOptionsThatMakeNoSense) {
                                     "enhance - -y -o /dev/null",
                                     enhance,
                                     enhance + "-o " + folder.file("old.mp4"),
-                                    enhance + "-o " + folder.file("x.avi"),
+                                    enhance + "-o " + folder.file("x.wmv"),
                                     enhance + "-o " + folder.file("x.png"),
                                     enhance + "-y -o " + in,
                                     enhance + out + " --stats " + folder.file("./x.mp4"),

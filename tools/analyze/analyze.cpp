@@ -258,7 +258,7 @@ int runAnalyze(const AnalyzeOptions& options, std::FILE* out) {
   if (plotFile == "-") throw ToolError(kExitUsage, "--plot needs a file name");
   checkOutputFiles(options.input, {plotFile, options.jsonFile}, options.overwrite);
   Analysis(options, plotFile, out).run();
-  return kExitFine;
+  return stoppedExitCode();
 }
 
 }  // namespace noxel::tool

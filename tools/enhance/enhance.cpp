@@ -49,8 +49,13 @@ void checkLook(const EnhanceOptions& options) {
 }
 
 void checkOutputs(const EnhanceOptions& options) {
-  if (!isStill(options.output)) containerOf(options.output);
-  checkOutputFiles(options.input, {options.output, options.statsFile, options.pictureFile}, options.overwrite);
+  std::string output = options.output;
+  if (!isStill(output)) {
+    const Container& container = containerOf(output);
+    checkChoice(options.encoding, container);
+    if (isPictures(container)) output = numberedPath(output, 1);
+  }
+  checkOutputFiles(options.input, {output, options.statsFile, options.pictureFile}, options.overwrite);
   checkMayDump(options.dumpFolder, options.overwrite);
 }
 
@@ -68,13 +73,14 @@ class Run {
   }
 
   void enhanceAll(const EnhancerFactory& factory);
-  void finish();
+  ExitCode finish();  // the run's exit code
 
  private:
   OutputSettings outputSettings() const;
   void warmUp(Enhancer& enhancer);
   void enhanceFrame(Enhancer& enhancer);
   void note(const std::string& text);
+  std::string partialComment() const;
   void writeStatistics(double seconds) const;
 
   const EnhanceOptions& options_;
@@ -85,22 +91,23 @@ class Run {
   PassTimes passTimes_;
   Progress progress_;
   std::optional<FrameDump> dump_;
+  bool stopped_ = false;  // before the end of the clip
 };
 
 OutputSettings Run::outputSettings() const {
   const VideoReader& reader = clip_.reader();
   OutputSettings settings;
   settings.path = options_.output;
-  settings.crf = options_.crf;
-  settings.width = clip_.width();
-  settings.height = clip_.height();
-  settings.timeBase = reader.timeBase();
-  settings.frameRate = reader.frameRate();
-  settings.sampleAspectRatio = reader.sampleAspectRatio(clip_.frame());
-  settings.tags = clip_.colours().tags();
+  settings.encoding = options_.encoding;
+  settings.video = {clip_.width(),
+                    clip_.height(),
+                    reader.timeBase(),
+                    reader.frameRate(),
+                    reader.sampleAspectRatio(clip_.frame()),
+                    clip_.colours().tags(),
+                    reader.codec()};
   settings.displayMatrix = reader.displayMatrix();
-  settings.audio = reader.audioStreams();
-  settings.metadata = reader.metadata();
+  settings.companions = reader.companions();
   return settings;
 }
 
@@ -132,10 +139,20 @@ void Run::enhanceAll(const EnhancerFactory& factory) {
     enhanceFrame(*enhancer);
     progress_.frameDone(static_cast<int64_t>(statistics_.count()));
     more = clip_.next();
-    for (const PacketPtr& packet : clip_.takeAudio()) writer_.writeAudio(*packet);
+    for (const PacketPtr& packet : clip_.takeBeside()) writer_.writeBeside(*packet);
   }
+  stopped_ = stopRequested();
+  if (stopped_) writer_.markPartial(partialComment());
   writer_.finish();
   for (size_t i = notesBefore; i < writer_.notes().size(); ++i) note(writer_.notes()[i]);
+}
+
+std::string Run::partialComment() const {
+  const int64_t expected = clip_.reader().expectedFrames();
+  char seconds[32];
+  std::snprintf(seconds, sizeof(seconds), "%.2f", clip_.seconds());
+  return "partial: stopped after frame " + std::to_string(statistics_.count()) +
+         (expected > 0 ? " of about " + std::to_string(expected) : "") + ", at " + seconds + " s";
 }
 
 void Run::warmUp(Enhancer& enhancer) {
@@ -214,8 +231,8 @@ void Run::writeStatistics(double seconds) const {
         {"frame_rate", av_q2d(clip_.reader().frameRate())},
         {"matrix", av_color_space_name(clip_.colours().matrix())},
         {"range", av_color_range_name(clip_.colours().range())},
-        {"audio_streams", clip_.reader().audioStreams().size()}}},
-      {"output", {{"file", options_.output}, {"encoder", writer_.encoderName()}, {"stopped_early", stopRequested()}}},
+        {"audio_streams", clip_.reader().audioStreams()}}},
+      {"output", {{"file", options_.output}, {"encoder", writer_.encoderName()}, {"stopped_early", stopped_}}},
       {"options",
        {{"engine_mode", options_.look.mode()},
         {"denoise", options_.look.denoise},
@@ -234,7 +251,7 @@ void Run::writeStatistics(double seconds) const {
         {"compare", options_.compare},
         {"overlay", options_.overlay},
         {"warm_up", options_.warmUp && (followsExposure(options_.look) || leadInFrames(options_.look) > 0)},
-        {"crf", options_.crf}}}};
+        {"crf", writer_.crf() ? nlohmann::ordered_json(*writer_.crf()) : nullptr}}}};
   nlohmann::ordered_json measured = statistics_.json(seconds);
   json["summary"] = std::move(measured["summary"]);
   json["passes"] = passTimes_.json();
@@ -243,7 +260,7 @@ void Run::writeStatistics(double seconds) const {
   writeWholeFile(options_.statsFile, text.data(), text.size());
 }
 
-void Run::finish() {
+ExitCode Run::finish() {
   const double seconds = progress_.seconds();
   progress_.clear();
   if (!options_.pictureFile.empty()) picture_.write(options_.pictureFile);
@@ -252,20 +269,20 @@ void Run::finish() {
     note(std::to_string(clip_.reader().damagedPackets()) + " damaged packets of the input could not be decoded");
   }
   if (clip_.reader().lateAudio()) note("audio that starts in mid-clip is dropped");
-  const int64_t expected = clip_.reader().expectedFrames();
   const auto found = static_cast<int64_t>(statistics_.count());
-  // With a variable frame rate the container's count is only an estimate: allow a tenth.
-  if (!stopRequested() && found + 1 < expected - expected / 10) {
-    note("the clip ends after " + std::to_string(found) + " of about " + std::to_string(expected) +
-         " frames; it may have been cut short");
+  if (!stopped_ && clip_.reader().isCutShort(found)) {
+    note("the clip ends after " + std::to_string(found) + " of about " +
+         std::to_string(clip_.reader().expectedFrames()) + " frames; it may have been cut short");
   }
-  if (stopRequested()) note("stopped; the output is complete up to this frame");
+  if (stopped_) note(partialComment() + "; the output is whole up to there");
   if (options_.passes) passTimes_.print(stderr);
-  if (options_.quiet) return;
+  const ExitCode code = stopped_ ? stoppedExitCode() : kExitFine;
+  if (options_.quiet) return code;
   const auto frames = static_cast<double>(statistics_.count());
   std::fprintf(stderr, "%zu frames in %.1f s (%.1f fps), mean luma %.1f -> %.1f: %s\n", statistics_.count(), seconds,
                seconds > 0 ? frames / seconds : 0.0, statistics_.meanLumaBefore(), statistics_.meanLumaAfter(),
                options_.output == "-" ? "standard output" : options_.output.c_str());
+  return code;
 }
 
 }  // namespace
@@ -283,8 +300,7 @@ int runEnhance(const EnhanceOptions& options, const EnhancerFactory& factory) {
   if (isStill(options.output)) return runStill(options);
   Run run(options);
   run.enhanceAll(factory);
-  run.finish();
-  return kExitFine;
+  return run.finish();
 }
 
 }  // namespace noxel::tool

@@ -13,6 +13,7 @@ extern "C" {
 #include "common/tool_error.h"
 #include "enhance/rgba_session.h"
 #include "media/colour_conversion.h"
+#include "media/container.h"
 #include "media/picture.h"
 #include "media/tone_map.h"
 #include "media/video_reader.h"
@@ -24,8 +25,8 @@ void check(const EnhanceOptions& options) {
   if (options.look.mode() != kModeSynchronousRgba) {
     throw ToolError(kExitUsage, options.output + " is a single picture, which needs --engine-mode 4");
   }
-  for (const char* clipOnly :
-       {"--stats", "--passes", "--picture", "--picture-frame", "--dump-frames", "--crf", "--no-warm-up"}) {
+  for (const char* clipOnly : {"--stats", "--passes", "--picture", "--picture-frame", "--dump-frames", "--codec",
+                               "--preset", "--crf", "--hwaccel", "--no-warm-up"}) {
     if (std::find(options.given.begin(), options.given.end(), clipOnly) == options.given.end()) continue;
     throw ToolError(kExitUsage, std::string(clipOnly) + " is for clips; the output is a single picture");
   }
@@ -46,7 +47,7 @@ void copyLeftHalfRgba(const AVFrame& before, AVFrame& after) {
 }  // namespace
 
 bool isStill(const std::string& outputPath) {
-  return std::filesystem::path(outputPath).extension() == ".png";
+  return std::filesystem::path(outputPath).extension() == ".png" && numberedPath(outputPath, 1).empty();
 }
 
 int runStill(const EnhanceOptions& options) {

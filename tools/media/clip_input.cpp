@@ -1,6 +1,7 @@
 #include "media/clip_input.h"
 
 #include <filesystem>
+#include <iterator>
 #include <set>
 #include <system_error>
 #include <utility>
@@ -34,6 +35,9 @@ ClipInput::Converted ClipInput::first(VideoReader& reader, std::unique_ptr<ToneM
 
 bool ClipInput::next() {
   if (stopRequested() || ahead(1).nv21 == nullptr) return false;
+  std::vector<PacketPtr>& beside = queue_.front().beside;
+  beside.insert(beside.begin(), std::make_move_iterator(current_.beside.begin()),
+                std::make_move_iterator(current_.beside.end()));
   current_ = std::move(queue_.front());
   queue_.pop_front();
   return true;
@@ -51,10 +55,10 @@ FrameAhead ClipInput::ahead(size_t steps) {
   return {found.nv21.data(), microseconds(*found.frame)};
 }
 
-std::vector<PacketPtr> ClipInput::takeAudio() {
-  std::vector<PacketPtr> packets = std::exchange(current_.audio, {});
+std::vector<PacketPtr> ClipInput::takeBeside() {
+  std::vector<PacketPtr> packets = std::exchange(current_.beside, {});
   if (!queue_.empty()) return packets;
-  for (PacketPtr& packet : reader_.takeAudio()) packets.push_back(std::move(packet));
+  for (PacketPtr& packet : reader_.takeBeside()) packets.push_back(std::move(packet));
   return packets;
 }
 
@@ -71,7 +75,7 @@ void ClipInput::convert(Converted& converted) {
   converted.engineFrame = colours_.toEngine(*padded(*converted.planar));
   converted.nv21.resize(nv21Size(nv21Width_, nv21Height_));
   packNv21(*converted.engineFrame, converted.nv21.data());
-  converted.audio = reader_.takeAudio();
+  converted.beside = reader_.takeBeside();
 }
 
 void checkOutputFiles(const std::string& input, const std::vector<std::string>& outputs, bool overwrite) {

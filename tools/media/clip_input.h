@@ -23,7 +23,7 @@ struct FrameAhead {
 // Starts at the first frame. An HDR clip is tone-mapped: all its frames here are BT.709 SDR. One thread.
 class ClipInput {
  public:
-  explicit ClipInput(const std::string& path);  // "-": Y4M on standard input. ToolError without a first frame
+  explicit ClipInput(const std::string& path);  // "-": standard input. ToolError without a first frame
 
   // Advances. False at the end or when a stop was requested; the last frame stays current.
   bool next();
@@ -36,8 +36,9 @@ class ClipInput {
   std::vector<uint8_t>& nv21() { return current_.nv21; }
   double seconds() const;  // time stamp, as the next
   int64_t microseconds() const { return microseconds(*current_.frame); }
-  // Audio packets read up to the current frame and not taken yet, at the end all that are left; as VideoReader::takeAudio.
-  std::vector<PacketPtr> takeAudio();
+  // Packets beside the video, read up to the current frame and not taken yet, at the end all that are left; as
+  // VideoReader::takeBeside.
+  std::vector<PacketPtr> takeBeside();
 
   // A frame after the current one, which stays what it is. steps: 1 or more. Null nv21: the clip ends before, or a stop was
   // requested. Valid until that frame is the current one.
@@ -59,7 +60,7 @@ class ClipInput {
     FramePtr planar = nullptr;
     FramePtr engineFrame = nullptr;
     std::vector<uint8_t> nv21 = {};
-    std::vector<PacketPtr> audio = {};  // read with it
+    std::vector<PacketPtr> beside = {};  // read with it
   };
 
   static Converted first(VideoReader& reader, std::unique_ptr<ToneMap>& toneMap);

@@ -50,6 +50,7 @@ int64_t ViewSource::timeUs() const {
 
 bool ViewSource::advance() {
   FramePtr next = reader_->next();
+  reader_->takeBeside();  // nothing plays it
   if (!next) return false;
   frame_ = std::move(next);
   return true;
