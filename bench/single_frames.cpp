@@ -17,9 +17,9 @@ class SingleFrames : public EnhancerSession {
  public:
   using EnhancerSession::EnhancerSession;
 
-  void enhance(uint8_t* nv21, int64_t) override {
+  bool send(const uint8_t* nv21, int64_t) override {
     shownUs_ += kHoleUs;
-    EnhancerSession::enhance(nv21, shownUs_);
+    return EnhancerSession::send(nv21, shownUs_);
   }
 
  private:

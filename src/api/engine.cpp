@@ -18,6 +18,7 @@
 namespace noxel {
 
 pthread_mutex_t frameMutex = PTHREAD_MUTEX_INITIALIZER;
+platform::TimeOfDay lastFrameTime = {};
 
 namespace {
 
@@ -56,6 +57,7 @@ void freeEngine(_KRSuperResEngine* engine) {
   }
   pthread_mutex_destroy(&engine->jobMutex);
   pthread_mutex_destroy(&engine->apiMutex);
+  pthread_mutex_destroy(&engine->ownFrameMutex);
   std::free(engine->notes.maskPixels);
   std::free(engine->notes.mask);
   engine->~_KRSuperResEngine();
@@ -93,6 +95,11 @@ bool setUpPipelined(_KRSuperResEngine* engine) {
 
 int initializeEngine(int width, int height, int mode, int ringSlots, int outputDelay, int syncWithCaller, void* window,
                      _KRSuperResEngine** handle) {
+  return initializeEngine(width, height, mode, ringSlots, outputDelay, syncWithCaller, window, EngineHost(), handle);
+}
+
+int initializeEngine(int width, int height, int mode, int ringSlots, int outputDelay, int syncWithCaller, void* window,
+                     const EngineHost& host, _KRSuperResEngine** handle) {
   NOXEL_LOG_INFO("initialize with %d %d %d %p\n", ringSlots, outputDelay, syncWithCaller, window);
   if (handle == nullptr || !isProcessable(width, height)) return failInitialize(nullptr);
   _KRSuperResEngine* engine = allocateEngine();
@@ -104,7 +111,9 @@ int initializeEngine(int width, int height, int mode, int ringSlots, int outputD
   engine->width = width;
   engine->offscreen = window == nullptr ? 1 : 0;
   engine->gpu.window = window;
-  engine->frameMutex = &frameMutex;
+  engine->host = host;
+  engine->frameMutex = host.clock == nullptr ? &frameMutex : &engine->ownFrameMutex;
+  engine->lastFrameTime = host.clock == nullptr ? &lastFrameTime : &engine->ownLastFrameTime;
   engine->ringSlots = std::clamp(ringSlots, 1, 3);
   engine->outputDelay = std::clamp(outputDelay, 1, 3);
   engine->syncWithCaller = syncWithCaller;
@@ -117,7 +126,7 @@ int initializeEngine(int width, int height, int mode, int ringSlots, int outputD
   engine->initialized.store(1, std::memory_order_release);
   _KRSuperResEngine* const previousHandle = *handle;
   {
-    Lock lock(frameMutex);
+    Lock lock(*engine->frameMutex);
     *handle = engine;
     publishEngine(engine);
   }
@@ -161,7 +170,7 @@ bool engineReady(_KRSuperResEngine* engine) {
 FrameReport lastFrameReport(_KRSuperResEngine* engine) {
   const EngineReference reference(engine);
   if (!reference) return {};
-  Lock lock(frameMutex);
+  Lock lock(*engine->frameMutex);
   FrameReport report = engine->report;
   report.number = engine->notes.delivered;
   report.gpuMs = engine->notes.gpuMs;
@@ -171,7 +180,7 @@ FrameReport lastFrameReport(_KRSuperResEngine* engine) {
 int observePasses(_KRSuperResEngine* engine, PassObserver observer, void* context) {
   const EngineReference reference(engine);
   if (!reference) return 1;
-  Lock lock(frameMutex);
+  Lock lock(*engine->frameMutex);
   engine->notes.passObserver = observer;
   engine->notes.passObserverContext = context;
   return 0;
@@ -180,7 +189,7 @@ int observePasses(_KRSuperResEngine* engine, PassObserver observer, void* contex
 int measureNoise(_KRSuperResEngine* engine, bool on) {
   const EngineReference reference(engine);
   if (!reference || engine->mode == kModeSynchronousRgba) return 1;
-  Lock lock(frameMutex);
+  Lock lock(*engine->frameMutex);
   if (engine->mode == kModeClear) return 0;  // it always does
   RegistrationContext* registration = &engine->registration;
   if (on && !registration->noise.allocate(engine->width, engine->height)) {
@@ -254,6 +263,20 @@ int lastOwnTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity) {
   return count;
 }
 
+int drawIntoTexture(_KRSuperResEngine* engine, const unsigned char* nv21, int usedWidth, int usedHeight,
+                    unsigned texture, int width, int height) {
+  const EngineReference reference(engine);
+  if (!reference || engine->host.shareContext == nullptr || engine->mode == kModeSynchronousRgba) return 1;
+  const ShownFrame frame = {nv21, usedWidth, usedHeight, texture, width, height};
+  Lock job(engine->jobMutex);
+  Lock api(engine->apiMutex);
+  if (engine->initialized.load(std::memory_order_acquire) == 0) return 1;
+  engine->gpu.toShow = &frame;
+  postCommand(engine, kCommandShow);
+  engine->gpu.gpuDone.wait();
+  return engine->gpu.shown ? 0 : 1;
+}
+
 int enableBlends(_KRSuperResEngine* engine) {
   const EngineReference reference(engine);
   if (!reference || engine->mode != kModeClear || engine->offscreen == 0 || engine->syncWithCaller == 0) return 1;
@@ -272,7 +295,7 @@ size_t blendWords(int width, int height) {
 int keepBlend(_KRSuperResEngine* engine, uint16_t* words) {
   const EngineReference reference(engine);
   if (!reference || !engine->gpu.blendsPrepared) return 1;
-  Lock lock(frameMutex);
+  Lock lock(*engine->frameMutex);
   engine->notes.keptBlend = words;
   return 0;
 }
@@ -280,7 +303,7 @@ int keepBlend(_KRSuperResEngine* engine, uint16_t* words) {
 int offerBlend(_KRSuperResEngine* engine, const uint16_t* words) {
   const EngineReference reference(engine);
   if (!reference || !engine->gpu.blendsPrepared) return 1;
-  Lock lock(frameMutex);
+  Lock lock(*engine->frameMutex);
   engine->notes.offeredBlend = words;
   return 0;
 }
@@ -291,7 +314,7 @@ int captureGhostMask(_KRSuperResEngine* engine, bool on) {
   const bool hasCanvas = engine->mode == kModeClear;
   if (engine->mode != kModeEnhance && engine->mode != kModeNeutralExposure && !hasCanvas) return 1;
   DeliveryNotes* notes = &engine->notes;
-  Lock lock(frameMutex);
+  Lock lock(*engine->frameMutex);
   if (on && notes->mask == nullptr) {
     const MaskSize size = ghostMaskSize(engine->width, engine->height, hasCanvas);
     const size_t count = static_cast<size_t>(size.width) * static_cast<size_t>(size.height);
@@ -311,7 +334,7 @@ bool lastGhostMask(_KRSuperResEngine* engine, unsigned char* mask, int capacity,
   if (!reference) return false;
   const MaskSize size = ghostMaskSize(engine->width, engine->height, engine->mode == kModeClear);
   const int count = size.width * size.height;
-  Lock lock(frameMutex);
+  Lock lock(*engine->frameMutex);
   if (!engine->notes.maskValid || capacity < count) return false;
   std::copy_n(engine->notes.mask, count, mask);
   *width = size.width;

@@ -27,7 +27,8 @@ enum GpuCommand : int {
   kCommandProcessInPlace = 6,
   kCommandLoadLuma = 7,
   kCommandLoadChroma = 8,
-  kCommandPrepareBlends = 9
+  kCommandPrepareBlends = 9,
+  kCommandShow = 10
 };
 
 // Argument of the GPU thread. The plain words are the poster's until it raises gpuRequest and the GPU thread's until that
@@ -41,11 +42,14 @@ struct GpuThreadContext {
   int gpuHeight = 0;
   void* window = nullptr;
   Frame* frame = nullptr;  // of the command; the poster's
+  platform::LogTarget* log = nullptr;
 
   HandOver handOver = {};
-  _KRGPUEngine* gpuEngine = nullptr;  // the GPU thread's alone
-  bool blendsPrepared = false;        // as the command's fields; mode 5
-  std::atomic<int> ready = 0;         // 1 while the GPU engine stands; set before the first gpuDone. The GPU thread's.
+  _KRGPUEngine* gpuEngine = nullptr;   // the GPU thread's alone
+  bool blendsPrepared = false;         // as the command's fields; mode 5
+  const ShownFrame* toShow = nullptr;  // as the command's fields, and so is the next
+  bool shown = false;
+  std::atomic<int> ready = 0;  // 1 while the GPU engine stands; set before the first gpuDone. The GPU thread's.
 
   // Parameters. Set by any thread, read by the GPU thread or a job: relaxed, a frame late is fine.
   std::atomic<int> enabled = 1;
@@ -126,7 +130,11 @@ struct _KRSuperResEngine {
 
   int syncWithCaller = 0;
   noxel::_KRSignal callerSignal;  // 1 output ready, -1 output taken
-  pthread_mutex_t* frameMutex = nullptr;
+  noxel::EngineHost host;
+  pthread_mutex_t* frameMutex = nullptr;  // the engines', or with a clock of its own its own, as the next
+  noxel::platform::TimeOfDay* lastFrameTime = nullptr;
+  pthread_mutex_t ownFrameMutex = PTHREAD_MUTEX_INITIALIZER;
+  noxel::platform::TimeOfDay ownLastFrameTime = {};
   int offscreen = 1;
   noxel::DeliveryNotes notes;  // what the GPU thread tells of a delivered frame
 
@@ -150,8 +158,10 @@ struct _KRSuperResEngine {
 
 namespace noxel {
 
-// The sequence state and the output buffers of all engines: the one lock that engines share, never held over a wait.
+// The sequence state and the output buffers of the engines without a clock of their own, and when the last of them had a
+// frame: the one lock that engines share, never held over a wait.
 extern pthread_mutex_t frameMutex;
+extern platform::TimeOfDay lastFrameTime;
 
 // Bytes of one NV21 or YV12 frame.
 inline size_t frameSize(int width, int height) {

@@ -5,6 +5,8 @@
 #include <cstdint>
 
 #include "noxel/noxel.h"
+#include "platform/frame_clock.h"
+#include "platform/log.h"
 #include "registration/noise_curve.h"
 
 namespace noxel {
@@ -54,6 +56,18 @@ enum InternalParameter : unsigned {
 int initializeEngine(int width, int height, int mode, int ringSlots, int outputDelay, int syncWithCaller, void* window,
                      _KRSuperResEngine** handle);
 
+// What an engine has to itself. Null: the process's, which its engines share.
+struct EngineHost {
+  const char* cacheDirectory = nullptr;  // read while the engine is made
+  platform::LogTarget* log = nullptr;    // of its threads; outlives it
+  platform::FrameClock clock = nullptr;  // breaks in the sequence are found by it, whatever other engines do
+  void* clockContext = nullptr;
+  void* shareDisplay = nullptr;  // EGLDisplay and EGLContext whose textures it may draw into
+  void* shareContext = nullptr;
+};
+int initializeEngine(int width, int height, int mode, int ringSlots, int outputDelay, int syncWithCaller, void* window,
+                     const EngineHost& host, _KRSuperResEngine** handle);
+
 // Stops the threads, waits for every call and job that still uses the engine, frees it. *handle keeps its value. 1 when
 // there is no such live engine.
 int releaseEngine(_KRSuperResEngine** handle);
@@ -84,6 +98,7 @@ struct FrameReport {
   int pointsKept = 0;           // of them, what the motion was fitted to
   float previousFromCurrent[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
   float stabilizedFromCurrent[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};  // before the zoom
+  float toneLevels[256] = {};                                    // mode 5: by luma in, luma out
   NoiseCurve noise;  // of this frame, U and V too; not known unless measureNoise is on
 };
 
@@ -125,6 +140,12 @@ int measureOwnMotion(_KRSuperResEngine* engine);
 // The same as lastTracks for the centres of the blocks, of 8 x 8 registration pixels, that moved on their own in that
 // frame. None while this is not measured.
 int lastOwnTracks(_KRSuperResEngine* engine, _KRMatch* tracks, int capacity);
+
+// Draws a finished NV21 frame of the engine's size, of which the first `usedWidth` x `usedHeight` pixels count, into an RGBA
+// texture of the context that the engine shares; returns when that has been done. Any thread. 1: no live engine, none is
+// shared, or it could not be drawn.
+int drawIntoTexture(_KRSuperResEngine* engine, const unsigned char* nv21, int usedWidth, int usedHeight,
+                    unsigned texture, int width, int height);
 
 // Mode 5 in the synchronous set-up above can look ahead, by a second engine that is fed the following frames backwards: its
 // blends, without the frame itself, are kept and offered to the first one, which weights both by the frames they are worth.

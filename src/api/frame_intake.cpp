@@ -10,15 +10,15 @@
 namespace noxel {
 namespace {
 
-platform::TimeOfDay lastFrameTime = {};  // of any engine, under frameMutex
-
-// Milliseconds since the last frame of any engine. In double until the end: in single precision the seconds since 1970 lose
+// Milliseconds since the last frame of any engine that reads the same clock; under frameMutex. In double until the end: in single precision the seconds since 1970 lose
 // the milliseconds, and an exact 200 ms would count as more.
-float takeGap() {
-  const platform::TimeOfDay now = platform::frameTime();
-  const double gap = static_cast<double>(now.seconds - lastFrameTime.seconds) * 1000.0 +
-                     static_cast<double>(now.microseconds - lastFrameTime.microseconds) * 0.001;
-  lastFrameTime = now;
+float takeGap(_KRSuperResEngine* engine) {
+  const EngineHost& host = engine->host;
+  const platform::TimeOfDay now = host.clock != nullptr ? host.clock(host.clockContext) : platform::frameTime();
+  platform::TimeOfDay* last = engine->lastFrameTime;
+  const double gap = static_cast<double>(now.seconds - last->seconds) * 1000.0 +
+                     static_cast<double>(now.microseconds - last->microseconds) * 0.001;
+  *last = now;
   return static_cast<float>(gap);
 }
 
@@ -78,8 +78,8 @@ struct Intake {
 
 // Breaks and queueing, under frameMutex.
 Intake takeIn(_KRSuperResEngine* engine, const unsigned char* frame, int format) {
-  Lock lock(frameMutex);
-  const float gap = takeGap();
+  Lock lock(*engine->frameMutex);
+  const float gap = takeGap(engine);
   if (!isLive(*engine)) return {false, false, 0};
   const bool reset = gap > 1500.0f || (engine->framesSinceReset >= 2 && gap > 200.0f);
   if (reset) resetSequence(engine);
@@ -125,7 +125,7 @@ bool hasOutput(const _KRSuperResEngine& engine, bool primed, bool waitedFor) {
 }
 
 void handBack(_KRSuperResEngine* engine, unsigned char* frame, int format, bool primed, bool waitedFor) {
-  Lock lock(frameMutex);
+  Lock lock(*engine->frameMutex);
   if (hasOutput(*engine, primed, waitedFor)) {
     copyAndConvertOutput(frame, engine->frameBuffers[3], engine->width, engine->height, format);
   }

@@ -103,6 +103,9 @@ bool runCommand(GpuThreadContext* context, int command) {
     case kCommandPrepareBlends:
       context->blendsPrepared = isReady(*context) && prepareBlends(context->gpuEngine);
       return true;
+    case kCommandShow:
+      context->shown = isReady(*context) && showFrame(context->gpuEngine, *context->toShow);
+      return true;
     case kCommandProcessInPlace:
       if (isReady(*context) && context->gpuMode == kModeSynchronousRgba) {
         processInPlace(context->gpuEngine, *context->frame);
@@ -120,6 +123,7 @@ bool stopRequested(GpuThreadContext* context) {
 
 void* gpuThreadMain(void* argument) {
   auto* context = static_cast<GpuThreadContext*>(argument);
+  const platform::LogScope log(context->log);
   for (;;) {
     context->gpuRequest.wait();
     if (stopRequested(context)) break;
@@ -162,9 +166,12 @@ int startGPUThread(_KRSuperResEngine* engine) {
   GpuThreadContext* context = &engine->gpu;
   context->gpuWidth = engine->width;
   context->gpuHeight = engine->height;
-  context->handOver = {engine->frameBuffers[3], engine->frameMutex,     &engine->queuedFrames, &engine->sequence,
-                       &engine->initialized,    engine->syncWithCaller, engine->outputDelay,   &engine->callerSignal,
-                       &context->ready,         &engine->notes};
+  context->handOver = {engine->frameBuffers[3],  engine->frameMutex,          &engine->queuedFrames,
+                       &engine->sequence,        &engine->initialized,        engine->syncWithCaller,
+                       engine->outputDelay,      &engine->callerSignal,       &context->ready,
+                       &engine->notes,           engine->host.cacheDirectory, engine->host.shareDisplay,
+                       engine->host.shareContext};
+  context->log = engine->host.log;
   if (pthread_create(&context->gpuThread, nullptr, gpuThreadMain, context) != 0) {
     NOXEL_LOG_ERROR("could not start the GPU thread");
     return 1;

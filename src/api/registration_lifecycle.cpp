@@ -61,6 +61,7 @@ bool allocateForClear(_KRSuperResEngine* engine) {
 
 int startRegistrationThread(_KRSuperResEngine* engine) {
   RegistrationContext* context = &engine->registration;
+  context->log = engine->host.log;
   context->mode = engine->mode;
   context->resolutionFactor = engine->scale;
   context->width = engine->width / engine->scale;

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <new>
 
 #include "api/threads.h"
@@ -16,6 +17,7 @@ namespace {
 
 void* uploadJobMain(void* argument) {
   auto* job = static_cast<UploadJob*>(argument);
+  const platform::LogScope log(job->engine->host.log);
   runUploadJob(job->engine, job->sequence);
   job->ended.store(true, std::memory_order_release);
   return nullptr;
@@ -31,7 +33,7 @@ const char* refusal(const _KRSuperResEngine* engine) {
 
 // The frame's buffer; null: it is from before a break.
 unsigned char* claimSlot(_KRSuperResEngine* engine, uint32_t sequence) {
-  Lock lock(frameMutex);
+  Lock lock(*engine->frameMutex);
   if (engine->sequence.load(std::memory_order_relaxed) != sequence) return nullptr;
   const int slot = engine->uploadIndex;
   engine->uploadIndex = slot + 1 < engine->ringSlots ? slot + 1 : 0;
@@ -117,7 +119,7 @@ void upload(_KRSuperResEngine* engine, Frame* frame) {
 
 // A break asks for a fresh start of the tracker, with the first frame after it and no other.
 void takeRepriming(_KRSuperResEngine* engine, uint32_t sequence) {
-  Lock lock(frameMutex);
+  Lock lock(*engine->frameMutex);
   if (engine->sequence.load(std::memory_order_relaxed) != sequence) return;
   if (engine->repriming.exchange(0, std::memory_order_acq_rel) == 1) engine->registration.firstFrame = 1;
 }
@@ -211,7 +213,7 @@ void fillReport(_KRSuperResEngine* engine, const Frame& frame) {
   const _KROFRegistration* tracker = engine->registration.registration;
   const bool measured = frame.status != kRegistrationOff && tracker != nullptr;
   const bool measuresNoise = engine->registration.measuresNoise.load(std::memory_order_acquire) == 1;
-  Lock lock(frameMutex);  // an application may ask for the report of a frame that it did not wait for
+  Lock lock(*engine->frameMutex);  // an application may ask for the report of a frame that it did not wait for
   FrameReport* report = &engine->report;
   report->status = frame.status;
   report->gamma = frame.tone.gamma;
@@ -222,6 +224,7 @@ void fillReport(_KRSuperResEngine* engine, const Frame& frame) {
   report->startsSequence = measured && frame.startsSequence;
   report->pointsTracked = measured ? tracker->trackedCount : 0;
   report->pointsKept = measured ? tracker->matchedCount : 0;
+  if (frame.toneLevels != nullptr) std::copy_n(frame.toneLevels, std::size(report->toneLevels), report->toneLevels);
   report->noise = measuresNoise ? engine->registration.noise.curve() : NoiseCurve{};
   std::memcpy(report->previousFromCurrent, frame.motion.frameMatrixA, sizeof(report->previousFromCurrent));
   std::memcpy(report->stabilizedFromCurrent, frame.motion.stabilizationTransform,
@@ -266,7 +269,7 @@ bool spawnUploadJob(_KRSuperResEngine* engine, uint32_t sequence) {
 void joinUploadJobs(_KRSuperResEngine* engine, Jobs which) {
   UploadJob* joined = nullptr;
   {
-    Lock lock(frameMutex);
+    Lock lock(*engine->frameMutex);
     for (UploadJob** link = &engine->jobs; *link != nullptr;) {
       UploadJob* job = *link;
       if (which == Jobs::kEnded && !job->ended.load(std::memory_order_acquire)) {
@@ -294,7 +297,7 @@ void runUploadJob(_KRSuperResEngine* engine, uint32_t sequence) {
   if (frame.buffer == nullptr) return;
   process(engine, &frame);
   {
-    Lock lock(frameMutex);
+    Lock lock(*engine->frameMutex);
     engine->bufferBeingRead = nullptr;
   }
   engine->running.store(0, std::memory_order_release);

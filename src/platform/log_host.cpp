@@ -1,8 +1,21 @@
-#if !defined(__ANDROID__)
+#include "platform/log_host.h"
+
+#if defined(__ANDROID__)
+
+#include <android/log.h>
+
+namespace noxel::platform {
+
+void printToHost(int priority, const char* tag, const char* format, va_list arguments) {
+  __android_log_vprint(priority, tag, format, arguments);
+}
+
+}  // namespace noxel::platform
+
+#else
 
 #include <pthread.h>
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -62,20 +75,13 @@ int setLogLevel(int priority) {
   return before;
 }
 
-}  // namespace noxel::platform
-
-extern "C" int __android_log_print(int priority, const char* tag, const char* format, ...) {
-  using namespace noxel::platform;
+void printToHost(int priority, const char* tag, const char* format, va_list arguments) {
   pthread_mutex_lock(&sinkMutex);
-  int length = 0;
   if (priority >= levelLocked()) {
     char piece[kPieceSize];
-    va_list arguments;
-    va_start(arguments, format);
     va_list again;
     va_copy(again, arguments);
-    length = std::vsnprintf(piece, sizeof(piece), format, arguments);
-    va_end(arguments);
+    const int length = std::vsnprintf(piece, sizeof(piece), format, arguments);
     char* whole = length >= static_cast<int>(sizeof(piece))
                       ? static_cast<char*>(std::malloc(static_cast<size_t>(length) + 1))
                       : nullptr;
@@ -86,7 +92,8 @@ extern "C" int __android_log_print(int priority, const char* tag, const char* fo
     std::free(whole);
   }
   pthread_mutex_unlock(&sinkMutex);
-  return length;
 }
+
+}  // namespace noxel::platform
 
 #endif  // !__ANDROID__

@@ -73,4 +73,13 @@ void updateExposure(ExposureState* state, const LumaImage& image, int mode, int 
   if (mode == 3) state->smoothedGain = state->smoothedGamma = 1.0f;
 }
 
+bool ExposureSettling::settled(float gamma, float gain) {
+  const bool quiet = std::fabs(gamma - gamma_) < kSmallChange && std::fabs(gain - gain_) < kSmallChange;
+  gamma_ = gamma;
+  gain_ = gain;
+  quiet_ = quiet ? quiet_ + 1 : 0;
+  ++rounds_;
+  return rounds_ >= kMaxRounds || (rounds_ >= kMinRounds && quiet_ >= kQuietRounds);
+}
+
 }  // namespace noxel

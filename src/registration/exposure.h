@@ -31,4 +31,22 @@ struct ExposureState {
 //   strength   0..100
 void updateExposure(ExposureState* state, const LumaImage& image, int mode, int strength);
 
+// Tells from successive pairs when they have settled on a picture.
+class ExposureSettling {
+ public:
+  static constexpr float kSmallChange = 0.001f;
+  static constexpr int kQuietRounds = 5;
+  static constexpr int kMinRounds = 10;  // easing starts slowly: no change this early does not mean settled
+  static constexpr int kMaxRounds = 60;
+
+  bool settled(float gamma, float gain);
+  int rounds() const { return rounds_; }
+
+ private:
+  float gamma_ = 1.0f;
+  float gain_ = 1.0f;
+  int rounds_ = 0;
+  int quiet_ = 0;
+};
+
 }  // namespace noxel

@@ -90,6 +90,7 @@ void measureNoise(RegistrationContext* context, bool begin) {
 
 void* registrationThreadMain(void* argument) {
   auto* context = static_cast<RegistrationContext*>(argument);
+  const platform::LogScope log(context->log);
   bool measuredNoise = false;  // of the frame before
   for (;;) {
     context->registrationRequest.wait();

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "platform/log.h"
 #include "platform/signal.h"
 #include "registration/camera_path.h"
 #include "registration/exposure.h"
@@ -36,6 +37,8 @@ inline constexpr int kRegistrationValid = 1;
 struct RegistrationContext {
   int quitFlag = 0;  // under quitMutex
   pthread_mutex_t quitMutex = PTHREAD_MUTEX_INITIALIZER;
+
+  platform::LogTarget* log = nullptr;  // of the thread
 
   int mode = 1;
   int width = 0;  // of the registration image

@@ -49,11 +49,11 @@ TEST(Properties, ComeFromTheEnvironmentThroughTheOnlyLibrary) {
 
 TEST(Log, PassesOnWhatReachesTheLevel) {
   const LogCapture log;
-  __android_log_print(3, "Tag", "debug");
+  print(3, "Tag", "debug");
   NOXEL_LOG_INFO("%s %d", "information", 1);
   EXPECT_EQ(setLogLevel(kLogError), kLogInfo);
   NOXEL_LOG_INFO("information 2");
-  __android_log_print(kLogError, "Tag", "error");
+  print(kLogError, "Tag", "error");
   setLogLevel(8);
   NOXEL_LOG_ERROR("error 2");
   EXPECT_EQ(log.text(), "Korvane: information 1\nTag: error\n");

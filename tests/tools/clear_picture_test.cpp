@@ -4,7 +4,6 @@
 
 #include "clips.h"
 #include "enhance/enhance.h"
-#include "enhance/look_ahead.h"
 #include "run_command.h"
 #include "support/waves.h"
 
@@ -101,14 +100,6 @@ TEST_F(ClearPicture, LookingAheadKeepsTheOrderAndStopsAtACut) {
       sum += std::abs(sample(*one[i], 0, k % kWidth, k / kWidth) - sample(*other[i], 0, k % kWidth, k / kWidth));
     EXPECT_LT(sum / (kWidth * kHeight), 0.5) << i;  // as for the first frame
   }
-}
-
-TEST_F(ClearPicture, LooksAheadAsFarAsTheMemoryGoes) {
-  const LookAhead::Reach full = LookAhead::reachFor(1920, 1080), less = LookAhead::reachFor(3840, 2160);
-  EXPECT_EQ(full.chunk, 16);
-  EXPECT_EQ(full.lead, 12);
-  EXPECT_TRUE(less.chunk >= 4 && less.chunk < 16 && less.lead >= 4) << less.chunk << ", " << less.lead;
-  EXPECT_EQ(LookAhead::reachFor(16384, 16384).chunk, 0);
 }
 
 TEST_F(ClearPicture, StartsAtRestWithTheWholeCrop) {

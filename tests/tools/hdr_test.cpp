@@ -4,7 +4,8 @@
 #include <cstring>
 
 #include "clips.h"
-#include "enhance/enhance.h"
+#include "idle_enhancer.h"
+#include "media/clip_input.h"
 #include "media/nv21_frame.h"
 #include "run_command.h"
 
@@ -141,16 +142,6 @@ TEST_F(HighDynamicRange, WhatIsBrighterThanDiffuseWhiteStaysApart) {
   }
 }
 
-// Leaves frames unchanged.
-struct Idle : Enhancer {
-  int warmUp(const uint8_t*) override { return 0; }
-  void leadIn(uint8_t*) override {}
-  void timePasses(PassTimes&) override {}
-  void enhance(uint8_t*, int64_t) override {}
-  FrameReport report() const override { return {}; }
-  Overlay overlay() const override { return {}; }
-};
-
 TEST_F(HighDynamicRange, IsWrittenAsBt709WithOneNote) {
   double means[2] = {};
   for (const Kind kind : {Kind::kSdr, Kind::kPq}) {
@@ -159,7 +150,7 @@ TEST_F(HighDynamicRange, IsWrittenAsBt709WithOneNote) {
     options.output = folder_.file("out.mp4");
     options.overwrite = true;
     testing::internal::CaptureStderr();
-    ASSERT_EQ(runEnhance(options, [](const EnhancerSettings&) { return std::make_unique<Idle>(); }), kExitFine);
+    ASSERT_EQ(runWith<Idle>(options), kExitFine);
     const std::string told = testing::internal::GetCapturedStderr();
     EXPECT_EQ(told.find("tone-mapped to BT.709 SDR") != std::string::npos, kind == Kind::kPq) << told;
     VideoReader reader(options.output);

@@ -6,27 +6,20 @@
 #include <random>
 
 #include "clips.h"
-#include "enhance/enhance.h"
+#include "idle_enhancer.h"
+#include "media/nv21_frame.h"
 #include "run_command.h"
 #include "support/picture.h"
 
 namespace noxel::tool {
 namespace {
 
-// Leaves frames unchanged.
-struct Idle : Enhancer {
-  int warmUp(const uint8_t*) override { return 0; }
-  void leadIn(uint8_t*) override {}
-  void timePasses(PassTimes&) override {}
-  void enhance(uint8_t*, int64_t) override {}
-  FrameReport report() const override { return {}; }
-  Overlay overlay() const override { return {}; }
-};
-
 struct Killer : Idle {
+  using Idle::Idle;
   int frames = 0;
-  void enhance(uint8_t*, int64_t) override {
+  bool receive(uint8_t* nv21) override {
     if (++frames == 3) std::raise(SIGKILL);
+    return Idle::receive(nv21);
   }
 };
 
@@ -38,7 +31,7 @@ int enhance(const std::string& input, const std::string& output, bool quiet = tr
   options.quiet = quiet;
   options.overwrite = true;
   try {
-    return runEnhance(options, [](const EnhancerSettings&) { return std::make_unique<Kind>(); });
+    return runWith<Kind>(options);
   } catch (const ToolError& error) {
     EXPECT_STRNE(error.what(), "");
     return error.code();

@@ -5,41 +5,28 @@
 
 #include "clips.h"
 #include "common/interrupt.h"
-#include "enhance/enhance.h"
+#include "idle_enhancer.h"
 #include "media/nv21_frame.h"
 #include "run_command.h"
 
 namespace noxel::tool {
 namespace {
 
-// Leaves frames unchanged.
-struct Idle : Enhancer {
-  int warmUp(const uint8_t*) override { return 0; }
-  void leadIn(uint8_t*) override {}
-  void timePasses(PassTimes&) override {}
-  void enhance(uint8_t*, int64_t) override {}
-  FrameReport report() const override { return {}; }
-  Overlay overlay() const override { return {}; }
-};
-
 // Sends the process a signal during its third frame; and after longer than two copies of one signal take, another.
 template <int kSignal, int kLater = 0>
 struct Signalled : Idle {
+  using Idle::Idle;
   int frames = 0;
-  void enhance(uint8_t*, int64_t) override {
-    if (++frames != 3) return;
-    std::raise(kSignal);
-    if (kLater == 0) return;
-    const timespec pause = {0, 100'000'000};
-    nanosleep(&pause, nullptr);
-    std::raise(kLater);
+  bool receive(uint8_t* nv21) override {
+    if (++frames == 3) {
+      std::raise(kSignal);
+      const timespec pause = {0, 100'000'000};
+      if (kLater != 0) nanosleep(&pause, nullptr);
+      if (kLater != 0) std::raise(kLater);
+    }
+    return Idle::receive(nv21);
   }
 };
-
-template <typename Kind>
-int runWith(const EnhanceOptions& options) {
-  return runEnhance(options, [](const EnhancerSettings&) { return std::make_unique<Kind>(); });
-}
 
 class OutputFormats : public testing::Test {
  protected:

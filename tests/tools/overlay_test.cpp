@@ -127,7 +127,8 @@ TEST(OverlayOfTheClearPicture, TracksWhatMovesOnItsOwn) {
   settings.width = kSceneWidth;
   settings.height = kSceneHeight;
   settings.look.neutralExposure = true;
-  settings.overlay = settings.ownTracks = true;
+  settings.overlay = true;
+  settings.warmUp = false;
   NEEDS_DRIVER();
   EnhancerSession session(settings);
   const Waves scene(3, 10), subject(4, 10);
@@ -140,7 +141,7 @@ TEST(OverlayOfTheClearPicture, TracksWhatMovesOnItsOwn) {
       std::copy_n(&moving[static_cast<size_t>(y * kSceneWidth + left)], 96,
                   &nv21[static_cast<size_t>(y * kSceneWidth + left)]);
     nv21.resize(nv21Size(kSceneWidth, kSceneHeight), 128);
-    session.enhance(nv21.data(), frame * int64_t{33'000});
+    enhanceOne(session, nv21.data(), frame * int64_t{33'000});
     const Overlay overlay = session.overlay();
     EXPECT_EQ(overlay.ownTracks.empty(), frame == 0);
     for (const _KRMatch& track : overlay.tracks) ASSERT_NEAR(track.targetX - track.sourceX, 0, 0.1);
@@ -175,12 +176,13 @@ TEST_P(OverlayOfTheEngine, TracksTheSceneAndMasksWhatChanged) {
   settings.height = kSceneHeight;
   settings.look.neutralExposure = true;
   settings.overlay = true;
+  settings.warmUp = false;
   NEEDS_DRIVER();
   EnhancerSession session(settings);
   Overlay overlay;
   for (int frame = 0; frame < 4; ++frame) {
     std::vector<uint8_t> nv21 = sceneFrame(kSceneWidth, kSceneHeight, frame);
-    session.enhance(nv21.data(), frame * int64_t{33'000});
+    enhanceOne(session, nv21.data(), frame * int64_t{33'000});
     overlay = session.overlay();
     EXPECT_EQ(overlay.report.startsSequence, frame == 0);
     EXPECT_EQ(overlay.mask.empty(), frame == 0) << "a first frame is not blended";

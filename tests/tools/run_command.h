@@ -11,6 +11,7 @@
 
 #include "common/tool_error.h"
 #include "enhance/engine_handle.h"
+#include "enhance/enhancer_session.h"
 #include "support/driver_required.h"
 #include "support/temporary_directory.h"
 
@@ -45,6 +46,12 @@ inline Outcome runCommand(const std::string& executable, const std::string& argu
 inline Outcome noxel(const TemporaryDirectory& folder, const std::string& arguments,
                      const std::string& environment = "") {
   return runCommand(NOXEL_EXECUTABLE, arguments, environment + " XDG_CACHE_HOME='" + folder.file("cache") + "'");
+}
+
+// In place, of a session that waits for no later frame.
+inline void enhanceOne(Enhancer& session, uint8_t* nv21, int64_t presentationUs) {
+  EXPECT_TRUE(session.send(nv21, presentationUs));
+  EXPECT_TRUE(session.receive(nv21));
 }
 
 inline std::string missingDriver() {

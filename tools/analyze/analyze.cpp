@@ -13,7 +13,6 @@
 #include "common/percentile.h"
 #include "common/standard_streams.h"
 #include "common/tool_error.h"
-#include "enhance/enhancer_session.h"
 #include "media/clip_input.h"
 #include "noxel/noxel.h"
 #include "registration/luminance.h"
@@ -226,12 +225,9 @@ ExposureFollower::ExposureFollower(int width, int height, int strength)
 
 void ExposureFollower::settle(const uint8_t* luma) {
   ExposureSettling settling;
-  FrameReport report;
   do {
     follow(luma);
-    report.gamma = gamma();
-    report.gain = gain();
-  } while (!settling.settled(report));
+  } while (!settling.settled(gamma(), gain()));
 }
 
 void ExposureFollower::follow(const uint8_t* luma) {

@@ -55,9 +55,10 @@ Options parse(CLI::App& app, int argc, char** argv) {
   app.add_flag("--full", options.full, "Do not halve frames that are more than 1000 pixels wide or high");
   app.add_option("--threads", options.threads, "Worker threads besides the main one")
       ->check(CLI::Range(0, 64))
-      ->capture_default_str();
+      ->default_str("processors less one, up to " + std::to_string(kMaxRegistrationWorkers));
   app.add_flag("--stats", options.stats, "Summary on standard error: frames lost, points, time");
-  app.add_option("--field", options.field, "Write what moves otherwise than the whole picture into this file");
+  app.add_option("--field", options.field, "Write what moves otherwise than the whole picture into this file")
+      ->type_name("FILE");
   app.footer(R"(Prints one line per frame, from the second on:
 
   valid m00 m01 m02 m10 m11 m12 ms

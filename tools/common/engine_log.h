@@ -16,11 +16,15 @@ class EngineLog {
   EngineLog(const EngineLog&) = delete;
   EngineLog& operator=(const EngineLog&) = delete;
 
+  // A line of an enhancer's log. Any thread; dropped where there is no EngineLog.
+  static void take(int level, const char* message);
+
   // To standard error; nothing if verbose, as they are there already.
   void printErrors() const;
 
  private:
   static void receive(void* context, int priority, const char* tag, const char* message);
+  void add(int level, std::string line);
 
   const bool verbose_;
   mutable std::mutex mutex_;         // the engine's threads log

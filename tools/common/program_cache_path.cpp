@@ -37,4 +37,8 @@ void useProgramCache() {
   if (!platform::setProgramCacheDirectory(directory.c_str())) platform::setProgramCacheDirectory("");
 }
 
+std::string programCacheDirectory() {
+  return platform::programCacheDirectory();
+}
+
 }  // namespace noxel::tool

@@ -17,9 +17,9 @@ EngineHandle::EngineHandle(int width, int height, int mode) {
   }
 }
 
-void EngineHandle::timePasses(PassTimes& times) const {
+void EngineHandle::timePasses(std::vector<PassTime>& times) const {
   const auto add = [](void* context, const char* pass, uint64_t nanoseconds) {
-    static_cast<PassTimes*>(context)->add(pass, nanoseconds);
+    static_cast<std::vector<PassTime>*>(context)->push_back({pass, nanoseconds});
   };
   if (observePasses(engine_, add, &times) != 0) throw ToolError(kExitFailed, "the engine's passes cannot be timed");
 }

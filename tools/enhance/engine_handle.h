@@ -15,8 +15,8 @@ class EngineHandle {
   EngineHandle& operator=(const EngineHandle&) = delete;
 
   _KRSuperResEngine* get() const { return engine_; }
-  // Adds the time of each pass from now on to `times`, which must outlive the engine.
-  void timePasses(PassTimes& times) const;
+  // Adds each pass from now on to `times`, which must outlive the engine.
+  void timePasses(std::vector<PassTime>& times) const;
   void process(unsigned char* frame) const;  // KRProcessFrame; ToolError when it fails
 
  private:

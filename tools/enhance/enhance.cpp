@@ -7,8 +7,8 @@ extern "C" {
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
+#include <deque>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -77,8 +77,9 @@ class Run {
 
  private:
   OutputSettings outputSettings() const;
-  void warmUp(Enhancer& enhancer);
-  void enhanceFrame(Enhancer& enhancer);
+  struct Sent;
+  void keepSent();
+  void finishFrame(const Enhancer& enhancer, const Sent& sent);
   void note(const std::string& text);
   std::string partialComment() const;
   void writeStatistics(double seconds) const;
@@ -91,7 +92,22 @@ class Run {
   PassTimes passTimes_;
   Progress progress_;
   std::optional<FrameDump> dump_;
-  bool stopped_ = false;  // before the end of the clip
+  bool stopped_ = false;    // before the end of the clip
+  double lastSeconds_ = 0;  // time stamp of the latest frame written
+
+  // What is to be known of a frame when it comes back.
+  struct Sent {
+    int64_t pts;
+    int64_t duration;
+    FramePtr planar;       // in the clip's colours; null where nobody asks for it, as the next
+    FramePtr engineFrame;  // in the engine's, padded
+    double seconds;
+    double meanLuma;
+    Histogram luma;
+    std::vector<PacketPtr> beside;  // packets read with it
+  };
+  std::deque<Sent> sent_;
+  std::vector<uint8_t> nv21_;  // the frame that came back
 };
 
 OutputSettings Run::outputSettings() const {
@@ -118,27 +134,43 @@ void Run::note(const std::string& text) {
 }
 
 void Run::enhanceAll(const EnhancerFactory& factory) {
+  // Frames in the enhancer beside those that wait for later ones: it works while others are read and written.
+  constexpr size_t kFramesAtWork = 3;
   EnhancerSettings settings;
   settings.width = clip_.nv21Width();
   settings.height = clip_.nv21Height();
   settings.nominalIntervalUs = clip_.reader().nominalIntervalUs();
   settings.look = options_.look;
+  settings.warmUp = options_.warmUp;
   settings.overlay = options_.overlay || (dump_ && isRead(options_.look, "--overlay"));
-  settings.noise = !options_.statsFile.empty();
-  settings.ownTracks = options_.overlay;
-  settings.clip = &clip_;
+  settings.passes = options_.passes || !options_.statsFile.empty();
   const std::unique_ptr<Enhancer> enhancer = factory(settings);
-  if (!enhancer->note().empty()) note(enhancer->note());
   for (const std::string& text : writer_.notes()) note(text);
   const size_t notesBefore = writer_.notes().size();
+  nv21_.resize(clip_.nv21().size());
 
-  if (options_.warmUp) warmUp(*enhancer);
-  if (options_.passes || !options_.statsFile.empty()) enhancer->timePasses(passTimes_);
   progress_.restart();
-  for (bool more = true; more;) {
-    enhanceFrame(*enhancer);
+  bool more = true;
+  for (bool needsMore = true; more || !sent_.empty();) {
+    while (more && (needsMore || sent_.size() <= static_cast<size_t>(enhancer->latency()) + kFramesAtWork)) {
+      if (!enhancer->send(clip_.nv21().data(), clip_.microseconds())) break;
+      keepSent();
+      needsMore = false;
+      more = clip_.next();
+      if (!more) enhancer->finish();
+    }
+    if (stopRequested() && statistics_.count() > 0) break;
+    needsMore = !enhancer->receive(nv21_.data());
+    if (const std::string text = enhancer->takeNote(); !text.empty()) note(text);
+    if (needsMore) {
+      if (!more) throw ToolError(kExitFailed, "the engine lost frames");
+      continue;
+    }
+    finishFrame(*enhancer, sent_.front());
+    sent_.pop_front();
     progress_.frameDone(static_cast<int64_t>(statistics_.count()));
-    more = clip_.next();
+  }
+  if (!stopRequested()) {
     for (const PacketPtr& packet : clip_.takeBeside()) writer_.writeBeside(*packet);
   }
   stopped_ = stopRequested();
@@ -150,45 +182,36 @@ void Run::enhanceAll(const EnhancerFactory& factory) {
 std::string Run::partialComment() const {
   const int64_t expected = clip_.reader().expectedFrames();
   char seconds[32];
-  std::snprintf(seconds, sizeof(seconds), "%.2f", clip_.seconds());
+  std::snprintf(seconds, sizeof(seconds), "%.2f", lastSeconds_);
   return "partial: stopped after frame " + std::to_string(statistics_.count()) +
          (expected > 0 ? " of about " + std::to_string(expected) : "") + ", at " + seconds + " s";
 }
 
-void Run::warmUp(Enhancer& enhancer) {
-  enhancer.warmUp(clip_.nv21().data());
-  const PresentationClock clock(clip_.reader().nominalIntervalUs());
-  std::vector<FrameAhead> frames = {{clip_.nv21().data(), clip_.microseconds()}};
-  const size_t wanted = 1 + leadInFrames(options_.look);
-  while (frames.size() < wanted) {
-    const FrameAhead next = clip_.ahead(frames.size());
-    if (next.nv21 == nullptr || clock.isGap(next.microseconds - frames.back().microseconds)) break;
-    frames.push_back(next);
-  }
-  std::vector<uint8_t> shown(clip_.nv21().size());
-  for (; frames.size() > 1 && !stopRequested(); frames.pop_back()) {
-    std::copy_n(frames.back().nv21, shown.size(), shown.data());
-    enhancer.leadIn(shown.data());
-  }
+void Run::keepSent() {
+  Sent sent = {};
+  sent.pts = clip_.frame().pts;
+  sent.duration = clip_.frame().pkt_duration;
+  sent.seconds = clip_.seconds();
+  if (options_.compare) sent.planar = share(clip_.planar());
+  if (dump_ || !options_.pictureFile.empty()) sent.engineFrame = share(clip_.engineFrame());
+  sent.meanLuma = meanLuma(clip_.nv21().data(), clip_.nv21Width(), clip_.width(), clip_.height());
+  addPlane(clip_.nv21().data(), clip_.width(), clip_.height(), clip_.nv21Width(), &sent.luma);
+  sent.beside = clip_.takeBeside();
+  sent_.push_back(std::move(sent));
 }
 
-void Run::enhanceFrame(Enhancer& enhancer) {
+void Run::finishFrame(const Enhancer& enhancer, const Sent& sent) {
   const auto index = static_cast<int64_t>(statistics_.count());
-  uint8_t* const nv21 = clip_.nv21().data();
+  uint8_t* const nv21 = nv21_.data();
   const int width = clip_.nv21Width();
   const int height = clip_.nv21Height();
   FrameStatistics statistics;
-  statistics.seconds = clip_.seconds();
-  statistics.lumaBefore = meanLuma(nv21, width, clip_.width(), clip_.height());
-
-  Histogram luma;
-  addPlane(nv21, clip_.width(), clip_.height(), width, &luma);
-
-  const auto start = std::chrono::steady_clock::now();
-  enhancer.enhance(nv21, clip_.microseconds());
-  statistics.totalMs = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+  statistics.seconds = sent.seconds;
+  statistics.lumaBefore = sent.meanLuma;
+  statistics.totalMs = enhancer.totalMs();
   statistics.report = enhancer.report();
-  statistics.noiseSigma = noiseSigma(statistics.report.noise, luma);
+  statistics.noiseSigma = noiseSigma(statistics.report.noise, sent.luma);
+  enhancer.addPasses(passTimes_);
   passTimes_.endFrame();
   statistics.lumaAfter = meanLuma(nv21, width, clip_.width(), clip_.height());
   Overlay overlay;
@@ -197,7 +220,7 @@ void Run::enhanceFrame(Enhancer& enhancer) {
 
   FramePtr enhanced = unpackNv21(nv21, width, height);
   if (dump_) {
-    dump_->picture(index, "before", clip_.engineFrame(), clip_.width(), clip_.height());
+    dump_->picture(index, "before", *sent.engineFrame, clip_.width(), clip_.height());
     dump_->picture(index, "after", *enhanced, clip_.width(), clip_.height());
     if (!overlay.mask.empty()) {
       dump_->grey(index, "mask", overlay.mask.data(), overlay.maskWidth, overlay.maskHeight);
@@ -207,12 +230,14 @@ void Run::enhanceFrame(Enhancer& enhancer) {
   crop(*output, clip_.width(), clip_.height());
   if (options_.compare) {
     if (av_frame_make_writable(output.get()) < 0) throw std::bad_alloc();
-    copyLeftHalf(clip_.planar(), *output);
+    copyLeftHalf(*sent.planar, *output);
   }
-  writer_.write(*output, clip_.frame().pts, clip_.frame().pkt_duration);
+  writer_.write(*output, sent.pts, sent.duration);
+  for (const PacketPtr& packet : sent.beside) writer_.writeBeside(*packet);
+  lastSeconds_ = sent.seconds;
 
   if (!options_.pictureFile.empty() && picture_.wants(index)) {
-    FramePtr input = share(clip_.engineFrame());
+    FramePtr input = share(*sent.engineFrame);
     crop(*input, clip_.width(), clip_.height());
     crop(*enhanced, clip_.width(), clip_.height());
     picture_.keep(std::move(input), std::move(enhanced));
@@ -250,7 +275,8 @@ void Run::writeStatistics(double seconds) const {
         {"untouched_quad", options_.look.untouchedQuad},
         {"compare", options_.compare},
         {"overlay", options_.overlay},
-        {"warm_up", options_.warmUp && (followsExposure(options_.look) || leadInFrames(options_.look) > 0)},
+        {"warm_up", options_.warmUp && (followsExposure(options_.look) || leadsIn(options_.look))},
+
         {"crf", writer_.crf() ? nlohmann::ordered_json(*writer_.crf()) : nullptr}}}};
   nlohmann::ordered_json measured = statistics_.json(seconds);
   json["summary"] = std::move(measured["summary"]);

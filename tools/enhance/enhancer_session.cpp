@@ -1,82 +1,126 @@
 #include "enhance/enhancer_session.h"
 
 #include <algorithm>
-#include <cmath>
 #include <new>
 #include <utility>
-#include <vector>
 
-#include "common/interrupt.h"
-#include "enhance/look_ahead.h"
-#include "media/nv21_frame.h"
-#include "platform/frame_clock.h"
+#include "common/engine_log.h"
+#include "common/program_cache_path.h"
+#include "common/tool_error.h"
 
 namespace noxel::tool {
+namespace {
 
-bool ExposureSettling::settled(const FrameReport& report) {
-  const bool quiet = std::fabs(report.gamma - gamma_) < kSmallChange && std::fabs(report.gain - gain_) < kSmallChange;
-  gamma_ = report.gamma;
-  gain_ = report.gain;
-  quiet_ = quiet ? quiet_ + 1 : 0;
-  ++rounds_;
-  return rounds_ >= kMaxRounds || (rounds_ >= kMinRounds && quiet_ >= kQuietRounds);
+void check(int result, const EnhancerSettings& settings) {
+  if (result >= NOXEL_OK) return;
+  const std::string size = std::to_string(settings.width) + "x" + std::to_string(settings.height);
+  if (result == NOXEL_ERROR_NO_GL)
+    throw ToolError(kExitNoGl, "no usable OpenGL ES 3.0 for frames of " + size + "; see `noxel info`");
+  if (result == NOXEL_ERROR_MEMORY || result == NOXEL_ERROR_ARGUMENT)
+    throw ToolError(kExitFailed, "cannot make an engine for frames of " + size + "; scale the clip down first");
+  throw ToolError(kExitFailed, std::string("the engine refused a frame: ") + noxel_error_text(result));
 }
 
-EnhancerSession::EnhancerSession(const EnhancerSettings& settings)
-    : settings_(settings),
-      clock_(settings.nominalIntervalUs),
-      engine_(settings.width, settings.height, settings.look.mode()) {
-  setParameters(settings.look, engine_.get());
-  if (settings.overlay && captureGhostMask(engine_.get(), true) != 0) throw std::bad_alloc();
-  if (settings.noise && measureNoise(engine_.get(), true) != 0) throw std::bad_alloc();
-  if (settings.ownTracks && measureOwnMotion(engine_.get()) != 0) throw std::bad_alloc();
-  platform::setFrameClock(PresentationClock::read, &clock_);
-  if (settings.look.quality != kBest || settings.look.mode() != kModeClear || settings.clip == nullptr) return;
-  lookAhead_ = LookAhead::make(settings_, engine_, clock_);
-  if (lookAhead_ == nullptr) note_ = "not enough memory to look ahead: the quality is that of a live picture";
+std::vector<_KRMatch> tracksOf(const noxel_enhancer* enhancer, bool own) {
+  std::vector<noxel_track> tracks(static_cast<size_t>(std::max(noxel_tracks(enhancer, own, nullptr, 0), 0)));
+  noxel_tracks(enhancer, own, tracks.data(), static_cast<int>(tracks.size()));
+  std::vector<_KRMatch> matches;
+  for (const noxel_track& track : tracks) matches.push_back({track.from_x, track.from_y, track.to_x, track.to_y});
+  return matches;
+}
+
+}  // namespace
+
+EnhancerSession::EnhancerSession(const EnhancerSettings& settings) : settings_(settings) {
+  const std::string cache = programCacheDirectory();
+  noxel_config config;
+  noxel_config_init(&config, sizeof(config), settings.width, settings.height);
+  config.mode = settings.look.mode();
+  config.quality = settings.look.quality;
+  config.frame_interval_us = settings.nominalIntervalUs;
+  config.lead_in = settings.warmUp ? 1 : 0;
+  config.log = receiveLog;
+  config.log_context = this;
+  config.cache_directory = cache.empty() ? nullptr : cache.c_str();
+  if (settings.overlay) config.diagnostics |= NOXEL_DIAGNOSE_TRACKS | NOXEL_DIAGNOSE_HISTORY;
+  if (settings.passes) config.diagnostics |= NOXEL_DIAGNOSE_PASSES;
+  check(noxel_create(&config, &enhancer_), settings);
+  setParameters(settings.look, enhancer_);
+  noxel_frame_info_init(&info_, sizeof(info_));
 }
 
 EnhancerSession::~EnhancerSession() {
-  platform::setFrameClock(nullptr, nullptr);
+  noxel_free(&enhancer_);
 }
 
-int EnhancerSession::warmUp(const uint8_t* nv21) {
-  if (!followsExposure(settings_.look)) return 0;
-  std::vector<uint8_t> copy(nv21Size(settings_.width, settings_.height));
-  ExposureSettling settling;
-  do {
-    copy.assign(nv21, nv21 + copy.size());
-    clock_.repeat();
-    engine_.process(copy.data());
-  } while (!settling.settled(lastFrameReport(engine_.get())) && !stopRequested());
-  clock_.restart();
-  return settling.rounds();
+void EnhancerSession::receiveLog(void* session, int level, const char* message) {
+  EngineLog::take(level, message);
+  if (level != NOXEL_LOG_WARNING) return;
+  auto* self = static_cast<EnhancerSession*>(session);
+  const std::lock_guard lock(self->mutex_);
+  self->note_ = message;
 }
 
-void EnhancerSession::leadIn(uint8_t* nv21) {
-  clock_.repeat();
-  engine_.process(nv21);
-  clock_.goOn();
-  restartCameraPath(engine_.get());
-  ++ledIn_;
-  isLedInto_ = true;
+std::string EnhancerSession::takeNote() {
+  const std::lock_guard lock(mutex_);
+  return std::exchange(note_, {});
 }
 
-void EnhancerSession::enhance(uint8_t* nv21, int64_t presentationUs) {
-  if (lookAhead_ != nullptr) lookAhead_->offer(nv21);
-  clock_.show(presentationUs);
-  engine_.process(nv21);
-  isFirst_ = std::exchange(isLedInto_, false);
+// The planes are only read when they are sent.
+noxel_frame EnhancerSession::frameOf(const uint8_t* nv21) const {
+  auto* bytes = const_cast<uint8_t*>(nv21);
+  noxel_frame frame;
+  noxel_frame_init(&frame, sizeof(frame));
+  frame.format = NOXEL_PLANES_NV21;
+  frame.range = NOXEL_RANGE_FULL;
+  frame.matrix = NOXEL_MATRIX_BT601;
+  frame.planes[0] = bytes;
+  frame.planes[1] = bytes + static_cast<ptrdiff_t>(settings_.width) * settings_.height;
+  frame.strides[0] = frame.strides[1] = settings_.width;
+  return frame;
 }
 
-// To the caller the first frame has no frame before it.
+bool EnhancerSession::send(const uint8_t* nv21, int64_t presentationUs) {
+  noxel_frame frame = frameOf(nv21);
+  frame.time_us = presentationUs;
+  const int result = noxel_send(enhancer_, &frame);
+  check(result, settings_);
+  return result == NOXEL_OK;
+}
+
+void EnhancerSession::finish() {
+  noxel_flush(enhancer_);
+}
+
+bool EnhancerSession::receive(uint8_t* nv21) {
+  noxel_frame frame = frameOf(nv21);
+  const int result = noxel_receive(enhancer_, &frame, &info_);
+  check(result, settings_);
+  if (result == NOXEL_OK) ++received_;
+  return result == NOXEL_OK;
+}
+
+int EnhancerSession::latency() const {
+  return noxel_latency_frames(enhancer_);
+}
+
 FrameReport EnhancerSession::report() const {
-  FrameReport report = lastFrameReport(engine_.get());
-  report.number -= ledIn_;
-  if (!isFirst_) return report;
-  report.startsSequence = true;
-  report.pointsTracked = report.pointsKept = 0;
-  std::copy_n(FrameReport().previousFromCurrent, 9, report.previousFromCurrent);
+  FrameReport report;
+  report.number = received_;
+  report.status = settings_.look.spatial() ? -1 : info_.motion_known;
+  report.gamma = info_.gamma;
+  report.gain = info_.gain;
+  report.zoom = info_.zoom;
+  report.uploadMs = info_.upload_ms;
+  report.registrationMs = info_.motion_ms;
+  report.gpuMs = info_.gpu_ms;
+  report.startsSequence = info_.starts_sequence != 0;
+  report.pointsTracked = info_.points_tracked;
+  report.pointsKept = info_.points_kept;
+  std::copy_n(info_.previous_from_current, 9, report.previousFromCurrent);
+  std::copy_n(info_.stabilized_from_current, 9, report.stabilizedFromCurrent);
+  report.noise.known = info_.noise_known != 0;
+  std::copy_n(info_.noise_luma, NoiseCurve::kEntries, report.noise.variance);
   return report;
 }
 
@@ -84,21 +128,20 @@ Overlay EnhancerSession::overlay() const {
   Overlay overlay;
   overlay.report = report();
   overlay.maskInFrame = settings_.look.mode() == kModeClear;
-  overlay.tracks.resize(kMaxPoints);
-  overlay.tracks.resize(static_cast<size_t>(lastTracks(engine_.get(), overlay.tracks.data(), kMaxPoints)));
-  const int blocks = settings_.ownTracks ? (settings_.width / 8 + 1) * (settings_.height / 8 + 1) : 0;
-  overlay.ownTracks.resize(static_cast<size_t>(blocks));
-  overlay.ownTracks.resize(static_cast<size_t>(lastOwnTracks(engine_.get(), overlay.ownTracks.data(), blocks)));
-  if (isFirst_) {
-    overlay.tracks.clear();
-    overlay.ownTracks.clear();
-  }
+  overlay.tracks = tracksOf(enhancer_, false);
+  overlay.ownTracks = tracksOf(enhancer_, true);
   overlay.mask.resize(static_cast<size_t>(settings_.width) * static_cast<size_t>(settings_.height));
-  if (!lastGhostMask(engine_.get(), overlay.mask.data(), settings_.width * settings_.height, &overlay.maskWidth,
-                     &overlay.maskHeight)) {
+  if (noxel_history(enhancer_, overlay.mask.data(), overlay.mask.size(), &overlay.maskWidth, &overlay.maskHeight) !=
+      NOXEL_OK) {
     overlay.mask.clear();
   }
   return overlay;
+}
+
+void EnhancerSession::addPasses(PassTimes& times) const {
+  const char* name = nullptr;
+  uint64_t nanoseconds = 0;
+  for (int i = 0; noxel_pass(enhancer_, i, &name, &nanoseconds) == NOXEL_OK; ++i) times.add(name, nanoseconds);
 }
 
 }  // namespace noxel::tool

@@ -1,55 +1,55 @@
-// The engine as `noxel enhance` runs it.
+// The enhancer as `noxel enhance` runs it.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
-#include "enhance/engine_handle.h"
 #include "enhance/look.h"
 #include "enhance/overlay.h"
-#include "media/clip_input.h"
-#include "media/presentation_clock.h"
+#include "enhance/pass_times.h"
+#include "noxel/enhancer.h"
 
 namespace noxel::tool {
-
-class LookAhead;
 
 struct EnhancerSettings {
   int width = 0;  // padded
   int height = 0;
   int64_t nominalIntervalUs = 40'000;
   Look look;
-  bool overlay = false;    // keep the data for overlay()
-  bool ownTracks = false;  // with what moves on its own
-  bool noise = false;      // measure it for report()
-  ClipInput* clip = nullptr;  // its current frame is the one to enhance; null: nothing can be known of the next ones
+  bool warmUp = true;    // a first frame is as clean, and as bright, as those after it
+  bool overlay = false;  // keep the data for overlay()
+  bool passes = false;   // and for addPasses()
 };
 
-// Enhances one clip frame by frame, in place and synchronously. One thread.
+// Enhances one clip frame by frame, each some frames after it was sent. Frames are NV21 of full range, BT.601. One thread.
 class Enhancer {
  public:
   virtual ~Enhancer() = default;
-  // Settles the exposure on the first frame, which is not changed. Returns the number of rounds.
-  virtual int warmUp(const uint8_t* nv21) = 0;
-  // Shows a frame that comes after the first one, in reverse order; changes it. The first one to enhance then has them for its
-  // history, and the camera is at rest there.
-  virtual void leadIn(uint8_t* nv21) = 0;
-  // As EngineHandle::timePasses.
-  virtual void timePasses(PassTimes& times) = 0;
-  virtual void enhance(uint8_t* nv21, int64_t presentationUs) = 0;
-  // Of the latest frame.
+  // False: it is full, receive first.
+  virtual bool send(const uint8_t* nv21, int64_t presentationUs) = 0;
+  // No more come: none waits for a later one.
+  virtual void finish() = 0;
+  // The next frame, in the order sent. False: more must be sent first.
+  virtual bool receive(uint8_t* nv21) = 0;
+  // How many frames wait for later ones.
+  virtual int latency() const { return 0; }
+
+  // Of the frame received last.
   virtual FrameReport report() const = 0;
+  virtual double totalMs() const { return 0; }  // from sent to ready
   virtual Overlay overlay() const = 0;
-  // For the user: what is not as it was asked for. Empty: nothing.
-  virtual std::string note() const { return {}; }
+  virtual void addPasses(PassTimes&) const {}
+  // For the user: what is not as it was asked for. Empty: nothing new.
+  virtual std::string takeNote() { return {}; }
 };
 
 using EnhancerFactory = std::function<std::unique_ptr<Enhancer>(const EnhancerSettings&)>;
 
-// Engine modes 0 to 3 and 5. Owns an engine and the process-wide frame clock: one at a time. ToolError, kExitNoGl without usable
-// GL.
+// Engine modes 0 to 3 and 5. ToolError, kExitNoGl without usable GL.
 class EnhancerSession : public Enhancer {
  public:
   explicit EnhancerSession(const EnhancerSettings& settings);
@@ -57,41 +57,26 @@ class EnhancerSession : public Enhancer {
   EnhancerSession(const EnhancerSession&) = delete;
   EnhancerSession& operator=(const EnhancerSession&) = delete;
 
-  int warmUp(const uint8_t* nv21) override;
-  void leadIn(uint8_t* nv21) override;
-  void timePasses(PassTimes& times) override { engine_.timePasses(times); }
-  void enhance(uint8_t* nv21, int64_t presentationUs) override;
+  bool send(const uint8_t* nv21, int64_t presentationUs) override;
+  void finish() override;
+  bool receive(uint8_t* nv21) override;
+  int latency() const override;
   FrameReport report() const override;
+  double totalMs() const override { return info_.total_ms; }
   Overlay overlay() const override;
-  std::string note() const override { return note_; }
+  void addPasses(PassTimes& times) const override;
+  std::string takeNote() override;
 
  private:
-  EnhancerSettings settings_;
-  PresentationClock clock_;
-  EngineHandle engine_;
-  uint64_t ledIn_ = 0;      // frames
-  bool isLedInto_ = false;  // the next frame follows them
-  bool isFirst_ = false;    // the latest one does
-  std::unique_ptr<LookAhead> lookAhead_;  // null: it is not wanted, or cannot be had
-  std::string note_;
-};
+  static void receiveLog(void* session, int level, const char* message);
+  noxel_frame frameOf(const uint8_t* nv21) const;
 
-// Tells from successive reports when gamma and gain have settled.
-class ExposureSettling {
- public:
-  static constexpr float kSmallChange = 0.001f;
-  static constexpr int kQuietRounds = 5;
-  static constexpr int kMinRounds = 10;  // easing starts slowly: no change this early does not mean settled
-  static constexpr int kMaxRounds = 60;
-
-  bool settled(const FrameReport& report);
-  int rounds() const { return rounds_; }
-
- private:
-  float gamma_ = 1.0f;
-  float gain_ = 1.0f;
-  int rounds_ = 0;
-  int quiet_ = 0;
+  const EnhancerSettings settings_;
+  noxel_enhancer* enhancer_ = nullptr;
+  noxel_frame_info info_ = {};
+  uint64_t received_ = 0;
+  std::mutex mutex_;
+  std::string note_;  // under mutex_
 };
 
 }  // namespace noxel::tool

@@ -1,13 +1,12 @@
 #include "enhance/look.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "common/tool_error.h"
 
 namespace noxel::tool {
 namespace {
-
-constexpr float kStabilizationCrop = 1.17f;
 
 struct Readers {
   const char* option;
@@ -23,13 +22,6 @@ constexpr Readers kReaders[] = {
     {"--flip-chroma", "02", "02"},   {"--enhanced-quad", "0123", "0123"}, {"--untouched-quad", "0123", "0123"},
     {"--no-warm-up", "15", "12"},
 };
-
-// Flipped: off-screen, the first row of the picture is at y = -1 in the engine.
-void setQuad(unsigned id, std::vector<float> corners, _KRSuperResEngine* engine) {
-  if (corners.empty()) return;
-  for (size_t i = 1; i < corners.size(); i += 2) corners[i] = -corners[i];
-  KRSetParameter(id, corners.data(), engine);
-}
 
 }  // namespace
 
@@ -51,37 +43,33 @@ void checkIsRead(const Look& look, const std::vector<std::string>& options) {
   }
 }
 
-size_t leadInFrames(const Look& look) {
-  constexpr size_t kFramesInHistory = 16;
-  return look.mode() == kModeClear && !look.spatial() && look.strength > 0 ? kFramesInHistory - 1 : 0;
+bool leadsIn(const Look& look) {
+  return look.mode() == kModeClear && !look.spatial() && look.strength > 0;
 }
 
 bool followsExposure(const Look& look) {
   return look.mode() == kModeEnhance || (look.mode() == kModeStabilize && look.spatial());
 }
 
+void setParameters(const Look& look, noxel_enhancer* enhancer) {
+  const std::pair<int, double> settings[] = {{NOXEL_STRENGTH, look.strength},
+                                             {NOXEL_EXPOSURE, look.neutralExposure ? 0 : look.exposure},
+                                             {NOXEL_STABILIZE, look.stabilize ? 1 : 0},
+                                             {NOXEL_ZOOM, static_cast<double>(look.zoom)},
+                                             {NOXEL_PER_FRAME, look.spatial() ? 1 : 0},
+                                             {NOXEL_SHARPENING, look.sharpening},
+                                             {NOXEL_CONTRAST, look.contrast},
+                                             {NOXEL_DEGHOSTING, look.deghosting},
+                                             {NOXEL_FLIP_CHROMA, look.flipChroma ? 1 : 0}};
+  for (const auto& [setting, value] : settings) noxel_set(enhancer, setting, value);
+  if (!look.enhancedQuad.empty()) noxel_set_corners(enhancer, NOXEL_PICTURE_ENHANCED, look.enhancedQuad.data());
+  if (!look.untouchedQuad.empty()) noxel_set_corners(enhancer, NOXEL_PICTURE_AS_IT_CAME, look.untouchedQuad.data());
+}
+
 void setParameters(const Look& look, _KRSuperResEngine* engine) {
-  const auto set = [engine](unsigned id, int value) { KRSetParameter(id, &value, engine); };
-  set(kParamSharpening, look.sharpening);
-  set(kParamContrast, look.contrast);
-  if (look.mode() == kModeSynchronousRgba) {
-    KRSetParameter(kParamTotalZoom, &look.zoom, engine);
-    return;
-  }
-  // Mode 5 has the crop from the first frame on; the others ease into it.
-  const bool cropped = look.mode() == kModeClear && look.stabilize && !look.spatial();
-  const float zoom = cropped ? std::max(look.zoom, kStabilizationCrop) : look.zoom;
-  KRSetParameter(kParamZoom, &zoom, engine);
-  set(kParamQuality, look.quality);
-  set(kParamLightMode, look.spatial() ? 1 : 0);
-  set(kParamNoiseReductionStrength, look.strength);
-  set(kParamExposureStrength, look.neutralExposure ? 0 : look.exposure);
-  set(kParamDeghosting, look.deghosting);
-  set(kParamFlipChroma, look.flipChroma ? 1 : 0);
-  if (look.mode() != kModeStabilize) set(kParamStabilization, look.stabilize ? 1 : 0);  // it is always on there
-  easeLosses(engine, true);
-  setQuad(kParamQuadB, look.enhancedQuad, engine);
-  setQuad(kParamQuadA, look.untouchedQuad, engine);
+  KRSetParameter(kParamSharpening, &look.sharpening, engine);
+  KRSetParameter(kParamContrast, &look.contrast, engine);
+  KRSetParameter(kParamTotalZoom, &look.zoom, engine);
 }
 
 }  // namespace noxel::tool

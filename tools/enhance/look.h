@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "api/engine_control.h"
+#include "noxel/enhancer.h"
 
 namespace noxel::tool {
 
@@ -48,10 +49,10 @@ bool isRead(const Look& look, const std::string& option);
 // Whether gamma and gain ease from frame to frame.
 bool followsExposure(const Look& look);
 
-// How many frames after the first one to show the engine beforehand, the last of them first: the history then holds at the first
-// frame what comes after it. As many as the history counts for.
-size_t leadInFrames(const Look& look);
+// Whether a first frame is shown the ones after it.
+bool leadsIn(const Look& look);
 
-void setParameters(const Look& look, _KRSuperResEngine* engine);
+void setParameters(const Look& look, noxel_enhancer* enhancer);
+void setParameters(const Look& look, _KRSuperResEngine* engine);  // of mode 4
 
 }  // namespace noxel::tool

@@ -9,7 +9,12 @@
 
 namespace noxel::tool {
 
-// Fed by the engine's pass observer. Figures are per frame, over the frames that drew the pass: times of one frame add up.
+struct PassTime {
+  std::string pass;
+  uint64_t nanoseconds;  // 0: time unknown
+};
+
+// Figures are per frame, over the frames that drew the pass: times of one frame add up.
 class PassTimes {
  public:
   void add(const std::string& pass, uint64_t nanoseconds);  // in the order drawn; 0: time unknown

@@ -1,5 +1,6 @@
 #include "enhance/rgba_session.h"
 
+#include <chrono>
 #include <cstring>
 
 #include "media/colour_conversion.h"
@@ -32,11 +33,29 @@ FramePtr RgbaEngine::enhanced(const AVFrame& rgba) {
 }
 
 RgbaSession::RgbaSession(const EnhancerSettings& settings)
-    : width_(settings.width), height_(settings.height), engine_(settings.width, settings.height, settings.look) {}
+    : width_(settings.width), height_(settings.height), engine_(settings.width, settings.height, settings.look) {
+  if (settings.passes) engine_.timePasses(passes_);
+}
 
-void RgbaSession::enhance(uint8_t* nv21, int64_t /*presentationUs*/) {
-  const FramePtr rgba = engineToRgb(*unpackNv21(nv21, width_, height_), AV_PIX_FMT_RGBA);
+bool RgbaSession::send(const uint8_t* nv21, int64_t /*presentationUs*/) {
+  if (!waiting_.empty()) return false;
+  waiting_.assign(nv21, nv21 + nv21Size(width_, height_));
+  return true;
+}
+
+bool RgbaSession::receive(uint8_t* nv21) {
+  if (waiting_.empty()) return false;
+  const auto start = std::chrono::steady_clock::now();
+  passes_.clear();
+  const FramePtr rgba = engineToRgb(*unpackNv21(waiting_.data(), width_, height_), AV_PIX_FMT_RGBA);
   packNv21(*rgbToEngine(*engine_.enhanced(*rgba)), nv21);
+  waiting_.clear();
+  totalMs_ = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+  return true;
+}
+
+void RgbaSession::addPasses(PassTimes& times) const {
+  for (const PassTime& pass : passes_) times.add(pass.pass, pass.nanoseconds);
 }
 
 FrameReport RgbaSession::report() const {

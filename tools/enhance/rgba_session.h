@@ -12,29 +12,34 @@ class RgbaEngine {
   RgbaEngine(int width, int height, const Look& look);
   // AV_PIX_FMT_RGBA of the engine's size; alpha is kept.
   FramePtr enhanced(const AVFrame& rgba);
-  void timePasses(PassTimes& times) const { engine_.timePasses(times); }
+  // As EngineHandle::timePasses.
+  void timePasses(std::vector<PassTime>& times) const { engine_.timePasses(times); }
 
  private:
   EngineHandle engine_;
   std::vector<uint8_t> packed_;
 };
 
-// The same for the frames of a clip. No motion, no warm-up.
+// The same for the frames of a clip, one at a time. No motion, no warm-up.
 class RgbaSession : public Enhancer {
  public:
   explicit RgbaSession(const EnhancerSettings& settings);
 
-  int warmUp(const uint8_t*) override { return 0; }
-  void leadIn(uint8_t*) override {}
-  void timePasses(PassTimes& times) override { engine_.timePasses(times); }
-  void enhance(uint8_t* nv21, int64_t presentationUs) override;
+  bool send(const uint8_t* nv21, int64_t presentationUs) override;
+  void finish() override {}
+  bool receive(uint8_t* nv21) override;
   FrameReport report() const override;
+  double totalMs() const override { return totalMs_; }
   Overlay overlay() const override { return {}; }
+  void addPasses(PassTimes& times) const override;
 
  private:
   const int width_;
   const int height_;
   RgbaEngine engine_;
+  std::vector<PassTime> passes_;  // of the latest frame
+  std::vector<uint8_t> waiting_;  // empty: none does
+  double totalMs_ = 0;
 };
 
 }  // namespace noxel::tool

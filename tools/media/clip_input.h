@@ -2,10 +2,8 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "media/av_types.h"
@@ -14,11 +12,6 @@
 #include "media/video_reader.h"
 
 namespace noxel::tool {
-
-struct FrameAhead {
-  uint8_t* nv21 = nullptr;
-  int64_t microseconds = 0;
-};
 
 // Starts at the first frame. An HDR clip is tone-mapped: all its frames here are BT.709 SDR. One thread.
 class ClipInput {
@@ -29,20 +22,15 @@ class ClipInput {
   bool next();
 
   // The current frame: as decoded (HDR: tone-mapped); planar in the clip's own colours; padded in the engine's colours.
-  const AVFrame& frame() const { return *current_.frame; }
-  const AVFrame& planar() const { return *current_.planar; }
-  const AVFrame& engineFrame() const { return *current_.engineFrame; }
+  const AVFrame& frame() const { return *frame_; }
+  const AVFrame& planar() const { return *planar_; }
+  const AVFrame& engineFrame() const { return *engineFrame_; }
   // engineFrame() as NV21, nv21Width() x nv21Height(); the caller may change it.
-  std::vector<uint8_t>& nv21() { return current_.nv21; }
+  std::vector<uint8_t>& nv21() { return nv21_; }
   double seconds() const;  // time stamp, as the next
-  int64_t microseconds() const { return microseconds(*current_.frame); }
-  // Packets beside the video, read up to the current frame and not taken yet, at the end all that are left; as
-  // VideoReader::takeBeside.
-  std::vector<PacketPtr> takeBeside();
-
-  // A frame after the current one, which stays what it is. steps: 1 or more. Null nv21: the clip ends before, or a stop was
-  // requested. Valid until that frame is the current one.
-  FrameAhead ahead(size_t steps);
+  int64_t microseconds() const;
+  // As VideoReader::takeBeside: what was read up to the current frame, at the end all that is left.
+  std::vector<PacketPtr> takeBeside() { return reader_.takeBeside(); }
 
   int width() const { return width_; }  // without the padding
   int height() const { return height_; }
@@ -55,22 +43,15 @@ class ClipInput {
   const ColourConversion& colours() const { return colours_; }
 
  private:
-  struct Converted {
-    FramePtr frame = nullptr;
-    FramePtr planar = nullptr;
-    FramePtr engineFrame = nullptr;
-    std::vector<uint8_t> nv21 = {};
-    std::vector<PacketPtr> beside = {};  // read with it
-  };
-
-  static Converted first(VideoReader& reader, std::unique_ptr<ToneMap>& toneMap);
-  void convert(Converted& converted);
-  int64_t microseconds(const AVFrame& frame) const;
+  static FramePtr first(VideoReader& reader, std::unique_ptr<ToneMap>& toneMap);
+  void convert();
 
   VideoReader reader_;
   std::unique_ptr<ToneMap> toneMap_;  // null for SDR
-  Converted current_;
-  std::deque<Converted> queue_;  // read ahead
+  FramePtr frame_;
+  FramePtr planar_;
+  FramePtr engineFrame_;
+  std::vector<uint8_t> nv21_;
   const int width_;
   const int height_;
   const int nv21Width_;

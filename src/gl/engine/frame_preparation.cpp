@@ -168,6 +168,13 @@ void loadTextureUVOnly(_KRGPUEngine* engine, const unsigned char* frame) {
   loadChroma(engine, frame);
 }
 
+void loadShownFrame(_KRGPUEngine* engine, const unsigned char* nv21) {
+  engine->lumaTexture.Load(nv21);
+  engine->chromaTexture.Load(nv21 + engine->lumaSize);
+  engine->texturesLoaded = 0;  // the next frame's planes are not there
+  engine->lumaFilled = false;
+}
+
 void loadRgbaTexture(_KRGPUEngine* engine, const unsigned char* frame) {
   engine->rgbaTexture.Load(frame);
   engine->texturesLoaded = 1;

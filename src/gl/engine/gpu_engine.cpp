@@ -264,12 +264,15 @@ bool CreateResources(_KRGPUEngine* engine) {
 
 // False when a program is missing that a pass of the mode needs: a pass left out leaves its target undefined.
 bool LoadShaders(_KRGPUEngine* engine) {
-  const CacheDirectory directory = openProgramCache(platform::programCacheDirectory(), shaders::kProgramFingerprint);
+  const CacheDirectory directory = openProgramCache(
+      engine->handOver.cacheDirectory != nullptr ? engine->handOver.cacheDirectory : platform::programCacheDirectory(),
+      shaders::kProgramFingerprint);
   if (engine->plan->hasCanvas) {
     const bool intoWindow = engine->offscreen == 0;
+    const bool shares = engine->handOver.shareContext != nullptr;
     engine->lowLight.untouchedOnly = true;
     const bool built = engine->clear.setupPrograms(intoWindow, directory) &&
-                       (!intoWindow || engine->lowLight.setupPrograms(directory));
+                       (!(intoWindow || shares) || engine->lowLight.setupPrograms(directory));
     glReleaseShaderCompiler();
     return built;
   }
@@ -313,7 +316,11 @@ void SetUp(_KRGPUEngine* engine, void* window) {
       return;
     }
   }
-  if (engine->egl.Initialize(engine->width, engine->height, window) != 1 || !fitsTheDriver(*engine)) return;
+  engine->egl.sharedDisplay = engine->handOver.shareDisplay;
+  if (engine->egl.Initialize(engine->width, engine->height, window, engine->handOver.shareContext) != 1 ||
+      !fitsTheDriver(*engine)) {
+    return;
+  }
   engine->passTimer.setUp(&engine->egl);
   engine->ready = CreateResources(engine) && LoadShaders(engine);
 }
@@ -340,6 +347,7 @@ void create(int width, int height, void* window, const HandOver& handOver, int m
 }  // namespace
 
 _KRGPUEngine::~_KRGPUEngine() {
+  if (shownFramebuffer != 0) glDeleteFramebuffers(1, &shownFramebuffer);
   std::free(readBackFrame);
   std::free(localMotionTexels);
   std::free(wordScratch);

@@ -52,6 +52,10 @@ struct HandOver {
   _KRSignal* callerSignal;         // 1 output ready, -1 output taken
   std::atomic<int>* ready;         // cleared when the context is lost: no frame is drawn from then on
   DeliveryNotes* notes = nullptr;  // may be null
+
+  const char* cacheDirectory = nullptr;  // of programs; null: the process's
+  void* shareDisplay = nullptr;          // EGLDisplay and EGLContext to share textures with; null: none
+  void* shareContext = nullptr;
 };
 
 // The framebuffers of an engine; images of the passes may share one. Only those that a pass of the mode draws into are made.
@@ -84,7 +88,7 @@ struct _KRGPUEngine {
   Texture chromaTexture;      // V in red, U in alpha
   Texture rgbaTexture;        // mode 4
   Texture selectorTexture;
-  Texture toneTexture;        // mode 5, as the next
+  Texture toneTexture;  // mode 5, as the next
   Texture localMotionTexture;
   unsigned char* localMotionTexels = nullptr;  // owned
   FrameBuffer frameBuffers[kMaxFrameBuffers];  // by frameBufferIndex; empty where no pass of the mode draws into it
@@ -92,10 +96,11 @@ struct _KRGPUEngine {
 
   HandOver handOver = {};
   unsigned char* readBackFrame = nullptr;  // owned; holds the whole frame before it is copied to the output buffer
-  uint32_t* wordScratch = nullptr;         // owned; an image of words as GL surely reads it back: mode 5, once blends are kept
-  uint16_t* keptBlend = nullptr;           // the notes', of the frame being drawn
-  size_t lumaSize = 0;                     // width * height
-  int failedReadBacks = 0;                 // since the last good one
+  uint32_t* wordScratch = nullptr;  // owned; an image of words as GL surely reads it back: mode 5, once blends are kept
+  uint16_t* keptBlend = nullptr;    // the notes', of the frame being drawn
+  size_t lumaSize = 0;              // width * height
+  int failedReadBacks = 0;          // since the last good one
+  GLuint shownFramebuffer = 0;      // what showFrame draws through
 
   Frame frame;                // the one being drawn
   bool maskCaptured = false;  // the notes' maskPixels are its own
@@ -141,11 +146,24 @@ constexpr size_t maskPixelBytes(bool hasCanvas) {
 // Mode 5: makes what keeping and merging blends needs. False when GL failed or memory ran out; keep none then.
 bool prepareBlends(_KRGPUEngine* engine);
 
+// A finished frame for a texture of the context that the engine shares.
+struct ShownFrame {
+  const unsigned char* nv21 = nullptr;  // of the engine's size
+  int usedWidth = 0;                    // of it; the rest is padding
+  int usedHeight = 0;
+  GLuint texture = 0;
+  int width = 0;  // of the texture
+  int height = 0;
+};
+// Draws it, its first row first, and returns when that has been done. False when GL failed, which is logged.
+bool showFrame(_KRGPUEngine* engine, const ShownFrame& shown);
+
 // Loaders: the planes of an NV21 frame into textures.
 void loadTextures(_KRGPUEngine* engine, const unsigned char* frame);
 void loadPackedTextures(_KRGPUEngine* engine, const unsigned char* frame);
 void loadPackedTextureYOnly(_KRGPUEngine* engine, const unsigned char* frame);
 void loadTextureUVOnly(_KRGPUEngine* engine, const unsigned char* frame);
+void loadShownFrame(_KRGPUEngine* engine, const unsigned char* nv21);    // in the place of a frame that is to be drawn
 void loadRgbaTexture(_KRGPUEngine* engine, const unsigned char* frame);  // mode 4: width * height * 4 bytes
 
 // Restarts the read-back: the next frame comes back at once, and nothing older. Null is ignored.

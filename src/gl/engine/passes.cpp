@@ -247,6 +247,33 @@ void processFrame(_KRGPUEngine* engine) {
   stopWatch("rw", 7);
 }
 
+bool showFrame(_KRGPUEngine* engine, const ShownFrame& shown) {
+  forgetGLErrors();
+  loadShownFrame(engine, shown.nv21);
+  if (engine->shownFramebuffer == 0) glGenFramebuffers(1, &engine->shownFramebuffer);
+  glBindFramebuffer(GL_FRAMEBUFFER, engine->shownFramebuffer);
+  glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, shown.texture, 0);
+  const bool complete = glCheckFramebufferStatus(GL_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE;
+  if (complete) {
+    glViewport(0, 0, shown.width, shown.height);
+    const Pass& pass = untouchedPass(false);
+    PassInput input;
+    input.context.frame = {engine->width, engine->height};
+    for (int i = 0; i < kMaxSamplers; ++i) input.textures[i] = textureOf(engine, pass.reads[i]);
+    Warp crop;
+    crop.m[0] = static_cast<double>(shown.usedWidth) / engine->width;
+    crop.m[4] = static_cast<double>(shown.usedHeight) / engine->height;
+    float warp[16];
+    widen(crop, warp);
+    input.warp = warp;
+    drawPass(pass, input, programOf(engine, pass.program));
+  }
+  glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, 0, 0);
+  glBindFramebuffer(GL_FRAMEBUFFER, 0);
+  glFinish();
+  return NOXEL_CHECK_GL("showFrame") && complete;
+}
+
 void processInPlace(_KRGPUEngine* engine, const Frame& frame) {
   engine->frame = frame;
   loadRgbaTexture(engine, frame.buffer);

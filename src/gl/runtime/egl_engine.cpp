@@ -6,7 +6,7 @@
 #include "gl/runtime/gl.h"
 #include "platform/log.h"
 
-#define LOG_EGL_ERROR(...) __android_log_print(platform::kLogError, "KorvaneEGLEngine", __VA_ARGS__)
+#define LOG_EGL_ERROR(...) platform::print(platform::kLogError, "KorvaneEGLEngine", __VA_ARGS__)
 
 namespace noxel {
 namespace {
@@ -54,6 +54,11 @@ int EGLEngine::initWithPBuffer(int /*width*/, int /*height*/, void* shareContext
 }
 
 int EGLEngine::openDisplay() {
+  if (sharedDisplay != EGL_NO_DISPLAY) {
+    display = sharedDisplay;
+    released = false;
+    return 1;
+  }
   display = platform::engineDisplay();
   if (display == EGL_NO_DISPLAY) {
     LOG_EGL_ERROR("Error: eglGetDisplay failed %d\n", eglGetError());

@@ -50,6 +50,8 @@ class EGLEngine {
   int DestroySync(void* sync);
   int SetPresentationTime(void* otherSurface, int64_t nanoseconds);
 
+  EGLDisplay sharedDisplay =
+      EGL_NO_DISPLAY;  // the caller's, initialised: used instead of the process's, and left alone
   EGLDisplay display = EGL_NO_DISPLAY;
   EGLSurface surface = EGL_NO_SURFACE;
   EGLContext context = EGL_NO_CONTEXT;

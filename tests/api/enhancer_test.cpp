@@ -1,0 +1,570 @@
+// libnoxel through its header alone, but for faults and what is counted.
+#include "noxel/enhancer.h"
+
+#include <EGL/egl.h>
+#include <GLES3/gl3.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cmath>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "platform/egl_display.h"
+#include "support/driver_required.h"
+#include "support/faults.h"
+#include "support/log_capture.h"
+#include "support/temporary_directory.h"
+#include "support/waves.h"
+
+namespace noxel {
+namespace {
+
+constexpr int kWidth = 160, kHeight = 96;
+constexpr int64_t kIntervalUs = 33'333;
+
+// A frame of any format with rows that are longer than the picture and, if `upwards`, follow each other backwards.
+struct Planes {
+  noxel_frame frame = {};
+  std::vector<unsigned char> bytes[3];
+
+  Planes(int width, int height, int format, int range = NOXEL_RANGE_FULL, int padding = 0, bool upwards = false) {
+    noxel_frame_init(&frame, sizeof(frame));
+    frame.format = format;
+    frame.range = range;
+    const int columns = (width + 1) / 2, rows = (height + 1) / 2;
+    const bool pairs = format == NOXEL_PLANES_NV12 || format == NOXEL_PLANES_NV21;
+    for (int plane = 0; plane < (pairs ? 2 : 3); ++plane) {
+      const int stride = (plane == 0 ? width : pairs ? 2 * columns : columns) + padding;
+      const int lines = plane == 0 ? height : rows;
+      bytes[plane].assign(static_cast<size_t>(stride) * static_cast<size_t>(lines), 0xA5);
+      frame.planes[plane] = bytes[plane].data() + (upwards ? stride * (lines - 1) : 0);
+      frame.strides[plane] = upwards ? -stride : stride;
+    }
+  }
+  unsigned char& luma(int x, int y) { return frame.planes[0][y * frame.strides[0] + x]; }
+  // 0: U, 1: V.
+  unsigned char& chroma(int component, int x, int y) {
+    switch (frame.format) {
+      case NOXEL_PLANES_NV12:
+        return frame.planes[1][y * frame.strides[1] + 2 * x + component];
+      case NOXEL_PLANES_NV21:
+        return frame.planes[1][y * frame.strides[1] + 2 * x + 1 - component];
+      case NOXEL_PLANES_I420:
+        return frame.planes[1 + component][y * frame.strides[1 + component] + x];
+      default:
+        return frame.planes[2 - component][y * frame.strides[2 - component] + x];
+    }
+  }
+};
+
+std::mutex logMutex;
+
+struct Enhancement {
+  explicit Enhancement(int columns = kWidth, int rows = kHeight) : width(columns), height(rows) {
+    noxel_config_init(&config, sizeof(config), width, height);
+    config.log = [](void* text, int, const char* message) {
+      const std::lock_guard lock(logMutex);
+      *static_cast<std::string*>(text) += std::string(message) + "\n";
+    };
+    config.log_context = &log;
+  }
+  ~Enhancement() { noxel_free(&enhancer); }
+
+  // Failures but a missing driver are the test's.
+  bool made() {
+    const int result = noxel_create(&config, &enhancer);
+    EXPECT_TRUE(result == NOXEL_OK || (result == NOXEL_ERROR_NO_GL && !driverRequired())) << result << log;
+    if (result != NOXEL_OK) return false;
+    EXPECT_EQ(noxel_set(enhancer, NOXEL_EXPOSURE, neutral ? 0 : 50), NOXEL_OK);
+    return true;
+  }
+  int send(const std::vector<uint8_t>& luma, uint64_t tag, int64_t timeUs) {
+    Planes planes(width, height, NOXEL_PLANES_NV12);
+    std::copy(luma.begin(), luma.end(), planes.bytes[0].begin());
+    std::fill(planes.bytes[1].begin(), planes.bytes[1].end(), 128);
+    planes.frame.tag = tag;
+    planes.frame.time_us = timeUs;
+    return noxel_send(enhancer, &planes.frame);
+  }
+  int receive(Planes* planes, noxel_frame_info* info) {
+    noxel_frame_info_init(info, sizeof(*info));
+    return noxel_receive(enhancer, &planes->frame, info);
+  }
+
+  int width, height;
+  bool neutral = true;
+  noxel_config config = {};
+  noxel_enhancer* enhancer = nullptr;
+  std::string log;
+};
+
+double meanSquare(const std::vector<unsigned char>& a, const std::vector<uint8_t>& b) {
+  double sum = 0;
+  for (size_t i = 0; i < b.size(); ++i) sum += (a[i] - b[i]) * (a[i] - b[i]);
+  return sum / static_cast<double>(b.size());
+}
+
+constexpr double kSigma = 6;
+
+struct Result {
+  std::vector<noxel_frame_info> infos;
+  std::vector<double> meanSquares;
+};
+
+// Sends `count` noisy frames of a scene that stands still and receives what there is meanwhile, then the rest.
+Result enhanceStill(Enhancement& enhancement, int count, uint64_t firstTag = 0) {
+  static const Waves scene(7, 6.0);
+  const std::vector<uint8_t> clean = scene.seen(enhancement.width, enhancement.height, kStill);
+  Result result;
+  Planes out(enhancement.width, enhancement.height, NOXEL_PLANES_NV12);
+  noxel_frame_info info;
+  const auto receiveAll = [&] {
+    int got;
+    while ((got = enhancement.receive(&out, &info)) == NOXEL_OK) {
+      result.infos.push_back(info);
+      result.meanSquares.push_back(meanSquare(out.bytes[0], clean));
+    }
+    return got;
+  };
+  for (int i = 0; i < count; ++i) {
+    const auto noisy = scene.seen(enhancement.width, enhancement.height, kStill, kSigma, static_cast<unsigned>(i) + 1);
+    EXPECT_EQ(enhancement.send(noisy, firstTag + static_cast<uint64_t>(i), i * kIntervalUs), NOXEL_OK);
+    EXPECT_EQ(receiveAll(), NOXEL_AGAIN);
+    const int held = i + 1 - static_cast<int>(result.infos.size());
+    EXPECT_LE(held, noxel_latency_frames(enhancement.enhancer)) << "after frame " << i;
+  }
+  EXPECT_EQ(noxel_flush(enhancement.enhancer), NOXEL_OK);
+  EXPECT_EQ(receiveAll(), NOXEL_END);
+  return result;
+}
+
+TEST(Enhancer, EveryFrameComesBackInOrderAndCleaner) {
+  for (const int quality : {NOXEL_QUALITY_FAST, NOXEL_QUALITY_BALANCED, NOXEL_QUALITY_BEST}) {
+    SCOPED_TRACE(quality);
+    Enhancement enhancement;
+    enhancement.config.quality = quality;
+    if (!enhancement.made()) GTEST_SKIP();
+    for (int run = 0; run < 2; ++run) {  // what follows a flush is a sequence of its own
+      const Result result = enhanceStill(enhancement, 36, 1000);
+      ASSERT_EQ(result.infos.size(), 36u);
+      for (size_t i = 0; i < 36; ++i) {
+        const noxel_frame_info& info = result.infos[i];
+        EXPECT_EQ(info.tag, 1000 + i);
+        EXPECT_EQ(info.time_us, static_cast<int64_t>(i) * kIntervalUs);
+        EXPECT_EQ(info.enhanced, 1);
+        EXPECT_EQ(info.starts_sequence, i == 0 ? 1 : 0);
+        // Of 16 frames a sixteenth of the noise is left at best; texture costs some of it. Frame 0 is as clean as the others.
+        EXPECT_LT(result.meanSquares[i], kSigma * kSigma / 5) << "frame " << i;
+      }
+      const noxel_frame_info& late = result.infos[30];
+      EXPECT_EQ(late.motion_known, 1);
+      EXPECT_NEAR(late.previous_from_current[2], 0.0, 0.1);
+      EXPECT_EQ(late.noise_known, 1);
+      EXPECT_NEAR(std::sqrt(late.noise_luma[110 / 8]), kSigma, 1.0);
+    }
+  }
+}
+
+TEST(Enhancer, CutsSeekAndShortClipsLeaveNoTrace) {
+  Enhancement enhancement;
+  if (!enhancement.made()) GTEST_SKIP();
+  const std::vector<uint8_t> before(kWidth * kHeight, 60), after(kWidth * kHeight, 90);
+  int64_t time = 0;
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(enhancement.send(before, 1, time += kIntervalUs), NOXEL_OK);
+  EXPECT_EQ(enhancement.send(after, 2, time += 2'000'000), NOXEL_OK);
+  EXPECT_EQ(enhancement.send(before, 3, time - 500'000), NOXEL_OK);  // a step back
+  EXPECT_EQ(noxel_flush(enhancement.enhancer), NOXEL_OK);
+  EXPECT_EQ(enhancement.send(after, 4, time), NOXEL_AGAIN) << "the flush is not over";
+  Planes out(kWidth, kHeight, NOXEL_PLANES_NV12);
+  noxel_frame_info info;
+  std::vector<uint64_t> tags;
+  while (enhancement.receive(&out, &info) == NOXEL_OK) {
+    const auto& wanted = info.tag == 2 ? after : before;
+    EXPECT_LT(meanSquare(out.bytes[0], wanted), 0.3) << info.tag;
+    EXPECT_EQ(info.starts_sequence, tags.empty() || info.tag != 1 ? 1 : 0);
+    tags.push_back(info.tag);
+  }
+  EXPECT_EQ(tags, (std::vector<uint64_t>{1, 1, 1, 1, 1, 1, 2, 3}));
+
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(enhancement.send(before, 5, i * kIntervalUs), NOXEL_OK);
+  EXPECT_EQ(noxel_reset(enhancement.enhancer), NOXEL_OK);
+  EXPECT_EQ(enhancement.receive(&out, &info), NOXEL_AGAIN) << "what was sent is forgotten";
+  EXPECT_EQ(enhancement.send(after, 6, 20 * kIntervalUs), NOXEL_OK);
+  EXPECT_EQ(noxel_flush(enhancement.enhancer), NOXEL_OK);
+  ASSERT_EQ(enhancement.receive(&out, &info), NOXEL_OK);
+  EXPECT_EQ(info.tag, 6u);
+  EXPECT_EQ(info.starts_sequence, 1);
+  EXPECT_LT(meanSquare(out.bytes[0], after), 0.3);
+  EXPECT_EQ(enhancement.receive(&out, &info), NOXEL_END);
+}
+
+TEST(Enhancer, CodesOfEveryFormatAndSizeSurvive) {
+  for (const auto& [width, height] : {std::pair{1, 1}, {2, 3}, {33, 17}, {kWidth, kHeight}}) {
+    for (int mode : {NOXEL_MODE_CLEAR, NOXEL_MODE_NEUTRAL_EXPOSURE}) {
+      Enhancement enhancement(width, height);
+      enhancement.config.mode = mode;
+      enhancement.config.lead_in = 0;
+      if (!enhancement.made()) GTEST_SKIP();
+      EXPECT_EQ(noxel_latency_frames(enhancement.enhancer), 0);
+      EXPECT_EQ(noxel_set(enhancement.enhancer, NOXEL_STRENGTH, 0), NOXEL_OK);
+      for (int format = NOXEL_PLANES_NV12; format <= NOXEL_PLANES_YV12; ++format) {
+        for (const int range : {NOXEL_RANGE_LIMITED, NOXEL_RANGE_FULL}) {
+          SCOPED_TRACE(testing::Message()
+                       << width << " x " << height << " mode " << mode << " format " << format << " range " << range);
+          const int low = range == NOXEL_RANGE_LIMITED ? 16 : 0, high = range == NOXEL_RANGE_LIMITED ? 235 : 255;
+          Planes given(width, height, format, range, 5, format == NOXEL_PLANES_I420);
+          Planes back(width, height, NOXEL_PLANES_YV12 - format, range, 3);
+          for (Planes* planes : {&given, &back}) planes->frame.matrix = NOXEL_MATRIX_BT709;
+          for (int y = 0; y < height; ++y) {
+            for (int x = 0; x < width; ++x)
+              given.luma(x, y) = static_cast<unsigned char>(low + (7 * x + 11 * y) % (high - low + 1));
+          }
+          // Mode 3 goes through RGB, where only moderate colours are inside.
+          for (int y = 0; y < (height + 1) / 2; ++y) {
+            for (int x = 0; x < (width + 1) / 2; ++x) {
+              given.chroma(0, x, y) =
+                  static_cast<unsigned char>(mode == NOXEL_MODE_CLEAR ? 16 + (13 * x + y) % 225 : 128);
+              given.chroma(1, x, y) =
+                  static_cast<unsigned char>(mode == NOXEL_MODE_CLEAR ? 240 - (x + 17 * y) % 225 : 128);
+            }
+          }
+          const auto untouched = given.bytes[0];
+          ASSERT_EQ(noxel_send(enhancement.enhancer, &given.frame), NOXEL_OK);
+          noxel_frame_info info;
+          ASSERT_EQ(enhancement.receive(&back, &info), NOXEL_OK);
+          EXPECT_EQ(given.bytes[0], untouched);
+          int worst = 0, worstChroma = 0;
+          // Mode 3 smooths through its B-spline: only the mean of its luma is told here.
+          double sums[2] = {};
+          for (int y = 0; y < height; ++y) {
+            for (int x = 0; x < width; ++x) {
+              worst = std::max(worst, std::abs(back.luma(x, y) - given.luma(x, y)));
+              sums[0] += given.luma(x, y);
+              sums[1] += back.luma(x, y);
+            }
+          }
+          for (int i = 0; i < 2 * ((width + 1) / 2) * ((height + 1) / 2); ++i) {
+            const int x = i / 2 % ((width + 1) / 2), y = i / 2 / ((width + 1) / 2);
+            worstChroma = std::max(worstChroma, std::abs(back.chroma(i % 2, x, y) - given.chroma(i % 2, x, y)));
+          }
+          if (mode == NOXEL_MODE_CLEAR) {
+            EXPECT_EQ(worst, 0);
+            EXPECT_EQ(worstChroma, 0);
+          } else {
+            EXPECT_NEAR(sums[0] / (width * height), sums[1] / (width * height), 3.0);
+            EXPECT_LE(worstChroma, 2);
+          }
+          EXPECT_EQ(back.bytes[0].back(), 0xA5) << "beside the picture nothing is written";
+        }
+      }
+    }
+  }
+}
+
+// Grey patches of pure colour, from the definitions of both matrices in RGB.
+TEST(Enhancer, TurnsOneMatrixIntoTheOther) {
+  Enhancement enhancement(16, 8);
+  enhancement.config.lead_in = 0;
+  if (!enhancement.made()) GTEST_SKIP();
+  EXPECT_EQ(noxel_set(enhancement.enhancer, NOXEL_STRENGTH, 0), NOXEL_OK);
+  const double weights[2][2] = {{0.299, 0.114}, {0.2126, 0.0722}};
+  const auto coded = [&](int matrix, const double(&rgb)[3], double(&yuv)[3]) {
+    const auto& [red, blue] = weights[matrix];
+    yuv[0] = red * rgb[0] + (1 - red - blue) * rgb[1] + blue * rgb[2];
+    yuv[1] = 128 + (rgb[2] - yuv[0]) / (2 * (1 - blue));
+    yuv[2] = 128 + (rgb[0] - yuv[0]) / (2 * (1 - red));
+  };
+  for (const auto& rgb : {std::to_array<double>({200, 60, 90}), {40, 180, 70}, {90, 80, 210}, {100, 100, 100}}) {
+    const double colour[3] = {rgb[0], rgb[1], rgb[2]};
+    double from[3], to[3];
+    coded(NOXEL_MATRIX_BT709, colour, from);
+    coded(NOXEL_MATRIX_BT601, colour, to);
+    Planes given(16, 8, NOXEL_PLANES_I420), back(16, 8, NOXEL_PLANES_NV21);
+    given.frame.matrix = NOXEL_MATRIX_BT709;
+    for (int plane = 0; plane < 3; ++plane) {
+      std::fill(given.bytes[plane].begin(), given.bytes[plane].end(),
+                static_cast<unsigned char>(std::lround(from[plane])));
+    }
+    given.frame.time_us += 10'000'000;  // a cut: a colour of its own
+    ASSERT_EQ(noxel_send(enhancement.enhancer, &given.frame), NOXEL_OK);
+    noxel_frame_info info;
+    ASSERT_EQ(enhancement.receive(&back, &info), NOXEL_OK);
+    // The input is rounded to codes, and so is the output.
+    EXPECT_NEAR(back.luma(5, 5), to[0], 1.2);
+    EXPECT_NEAR(back.chroma(0, 3, 3), to[1], 1.2);
+    EXPECT_NEAR(back.chroma(1, 3, 3), to[2], 1.2);
+  }
+}
+
+TEST(Enhancer, LiveNeverWaitsAndDropsInstead) {
+  Enhancement enhancement;
+  enhancement.config.delivery = NOXEL_LIVE;
+  enhancement.config.quality = NOXEL_QUALITY_BEST;
+  if (!enhancement.made()) GTEST_SKIP();
+  const std::vector<uint8_t> luma(kWidth * kHeight, 70);
+  Planes out(kWidth, kHeight, NOXEL_PLANES_NV12);
+  noxel_frame_info info;
+  EXPECT_EQ(enhancement.receive(&out, &info), NOXEL_AGAIN);
+  uint64_t sent = 0;
+  std::vector<uint64_t> dropped;
+  {
+    const StalledGpu stalled;
+    EXPECT_EQ(enhancement.send(luma, sent++, 0), NOXEL_OK);
+    ASSERT_TRUE(stalled.isHolding());
+    const auto start = std::chrono::steady_clock::now();
+    for (; sent < 10; ++sent) {
+      if (enhancement.send(luma, sent, static_cast<int64_t>(sent) * kIntervalUs) == NOXEL_DROPPED)
+        dropped.push_back(sent);
+      EXPECT_EQ(enhancement.receive(&out, &info), NOXEL_AGAIN);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2)) << "while the GPU hangs";
+  }
+  EXPECT_EQ(dropped.size(), 8u) << "one is in the GPU, one waits";
+  EXPECT_EQ(noxel_flush(enhancement.enhancer), NOXEL_OK);
+  int result = NOXEL_AGAIN;
+  std::vector<uint64_t> tags;
+  for (int i = 0; i < 10'000 && result != NOXEL_END; ++i) {
+    result = enhancement.receive(&out, &info);
+    if (result == NOXEL_OK) tags.push_back(info.tag);
+    if (result == NOXEL_AGAIN) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_EQ(result, NOXEL_END);
+  ASSERT_FALSE(tags.empty());
+  EXPECT_EQ(tags.back(), 1u) << "the newest one that was taken";
+}
+
+TEST(Enhancer, SettingsDescribeThemselvesAndAreChecked) {
+  Enhancement enhancement;
+  enhancement.neutral = false;
+  if (!enhancement.made()) GTEST_SKIP();
+  noxel_enhancer* const enhancer = enhancement.enhancer;
+  size_t count = 0;
+  const noxel_setting_info* settings = noxel_settings(&count);
+  for (size_t i = 0; i < count; ++i) {
+    const noxel_setting_info& setting = settings[i];
+    SCOPED_TRACE(setting.name);
+    EXPECT_EQ(noxel_setting(setting.name), &setting);
+    double value = -1;
+    EXPECT_EQ(noxel_get(enhancer, setting.id, &value), NOXEL_OK);
+    EXPECT_EQ(value, setting.initial);
+    for (const double edge : {setting.minimum, setting.maximum}) {
+      EXPECT_EQ(noxel_set(enhancer, setting.id, edge), NOXEL_OK);
+      EXPECT_EQ(noxel_get(enhancer, setting.id, &value), NOXEL_OK);
+      EXPECT_EQ(value, edge);
+    }
+    for (const double wrong : {setting.minimum - 1, setting.maximum + 1, std::nan("")}) {
+      EXPECT_EQ(noxel_set(enhancer, setting.id, wrong), NOXEL_ERROR_ARGUMENT);
+    }
+    EXPECT_EQ(noxel_set(enhancer, setting.id, setting.minimum + 0.5),
+              setting.type == NOXEL_SETTING_FLOAT ? NOXEL_OK : NOXEL_ERROR_ARGUMENT);
+  }
+  double value = 0;
+  for (const auto& [name, text, wanted] : {std::tuple{"quality", "best", 2.0},
+                                           {"quality", "0", 0.0},
+                                           {"stabilize", "true", 1.0},
+                                           {"zoom", "1.25", 1.25}}) {
+    EXPECT_EQ(noxel_set_text(enhancer, name, text), NOXEL_OK);
+    EXPECT_EQ(noxel_get(enhancer, noxel_setting(name)->id, &value), NOXEL_OK);
+    EXPECT_EQ(value, wanted);
+  }
+  for (const auto& [name, text] :
+       {std::pair{"quality", "finest"}, {"strength", "12x"}, {"strength", ""}, {"hue", "1"}}) {
+    EXPECT_EQ(noxel_set_text(enhancer, name, text), NOXEL_ERROR_ARGUMENT) << name << text;
+  }
+}
+
+TEST(Enhancer, RefusesWhatMakesNoSense) {
+  const auto created = [](auto change) {
+    noxel_config config;
+    EXPECT_EQ(noxel_config_init(&config, sizeof(config), 16, 8), NOXEL_OK);
+    change(config);
+    noxel_enhancer* enhancer = nullptr;
+    const int result = noxel_create(&config, &enhancer);
+    EXPECT_EQ(enhancer, nullptr);
+    noxel_free(&enhancer);
+    return result;
+  };
+  int window = 0;
+  EXPECT_EQ(created([](noxel_config& config) { config.width = 0; }), NOXEL_ERROR_ARGUMENT);
+  EXPECT_EQ(created([](noxel_config& config) { config.width = config.height = 1 << 20; }), NOXEL_ERROR_ARGUMENT);
+  EXPECT_EQ(created([](noxel_config& config) { config.mode = 4; }), NOXEL_ERROR_ARGUMENT);
+  EXPECT_EQ(created([](noxel_config& config) { config.quality = 3; }), NOXEL_ERROR_ARGUMENT);
+  EXPECT_EQ(created([](noxel_config& config) { config.size = 3; }), NOXEL_ERROR_ARGUMENT);
+  EXPECT_EQ(created([&](noxel_config& config) { config.window = &window; }), NOXEL_ERROR_UNSUPPORTED);
+  {
+    const FaultInjection noDriver(Fault::kEgl, 0);
+    EXPECT_EQ(created([](noxel_config&) {}), NOXEL_ERROR_NO_GL);
+  }
+  Enhancement enhancement(16, 8);
+  if (!enhancement.made()) GTEST_SKIP();
+  for (int wrong = 0; wrong < 5; ++wrong) {
+    Planes planes(16, 8, NOXEL_PLANES_I420);
+    if (wrong == 0) planes.frame.format = 9;
+    if (wrong == 1) planes.frame.range = 2;
+    if (wrong == 2) planes.frame.planes[2] = nullptr;
+    if (wrong == 3) planes.frame.strides[1] = 7;
+    if (wrong == 4) planes.frame.size = 8;
+    EXPECT_EQ(noxel_send(enhancement.enhancer, &planes.frame), NOXEL_ERROR_ARGUMENT) << wrong;
+    EXPECT_EQ(noxel_receive(enhancement.enhancer, &planes.frame, nullptr), NOXEL_ERROR_ARGUMENT) << wrong;
+  }
+  EXPECT_EQ(noxel_send(nullptr, nullptr), NOXEL_ERROR_ARGUMENT);
+  EXPECT_STRNE(noxel_error_text(NOXEL_ERROR_NO_GL), noxel_error_text(12345));
+}
+
+TEST(Enhancer, EnhancersKnowNothingOfEachOther) {
+  const LogCapture process;
+  const TemporaryDirectory caches;
+  Enhancement first, second(64, 32);
+  const std::string firstCache = caches.file("first"), secondCache = caches.file("second");
+  first.config.cache_directory = firstCache.c_str();
+  second.config.cache_directory = secondCache.c_str();
+  second.config.log = nullptr;
+  if (!first.made() || !second.made()) GTEST_SKIP();
+  // Their times have nothing to do with each other: taken together each frame would be a cut.
+  Planes out(64, 32, NOXEL_PLANES_NV12);
+  noxel_frame_info info;
+  std::thread other([&] { enhanceStill(first, 24); });
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(second.send(std::vector<uint8_t>(64 * 32, 80), 0, 1'000'000'000 + i * kIntervalUs), NOXEL_OK);
+  }
+  EXPECT_EQ(noxel_flush(second.enhancer), NOXEL_OK);
+  for (int i = 0; i < 20; ++i) {
+    ASSERT_EQ(second.receive(&out, &info), NOXEL_OK);
+    EXPECT_EQ(info.starts_sequence, i == 0 ? 1 : 0);
+  }
+  other.join();
+  EXPECT_FALSE(std::filesystem::is_empty(firstCache));
+  EXPECT_EQ(process.text(), "") << "the process's own log";
+  EXPECT_NE(first.log, "");
+}
+
+// A context of the caller's, current on this thread.
+class CallersContext {
+ public:
+  CallersContext() {
+    const EGLint wanted[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE, EGL_OPENGL_ES2_BIT, EGL_NONE};
+    const EGLint version[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
+    const EGLint size[] = {EGL_WIDTH, 1, EGL_HEIGHT, 1, EGL_NONE};
+    EGLConfig config = nullptr;
+    EGLint count = 0;
+    display = platform::engineDisplay();
+    if (!eglInitialize(display, nullptr, nullptr) || !eglBindAPI(EGL_OPENGL_ES_API)) return;
+    if (!eglChooseConfig(display, wanted, &config, 1, &count) || count != 1) return;
+    context = eglCreateContext(display, config, EGL_NO_CONTEXT, version);
+    surface = eglCreatePbufferSurface(display, config, size);
+    usable = eglMakeCurrent(display, surface, surface, context);
+  }
+  ~CallersContext() {
+    eglMakeCurrent(display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
+    if (surface != EGL_NO_SURFACE) eglDestroySurface(display, surface);
+    if (context != EGL_NO_CONTEXT) eglDestroyContext(display, context);
+    eglReleaseThread();
+  }
+  CallersContext(const CallersContext&) = delete;
+  CallersContext& operator=(const CallersContext&) = delete;
+
+  EGLDisplay display = EGL_NO_DISPLAY;
+  EGLContext context = EGL_NO_CONTEXT;
+  EGLSurface surface = EGL_NO_SURFACE;
+  bool usable = false;
+};
+
+TEST(Enhancer, DrawsIntoTheCallersTexture) {
+  const CallersContext caller;
+  if (!caller.usable && !driverRequired()) GTEST_SKIP();
+  ASSERT_TRUE(caller.usable);
+  for (const int mode : {NOXEL_MODE_CLEAR, NOXEL_MODE_NEUTRAL_EXPOSURE}) {
+    constexpr int kTextureWidth = 30, kTextureHeight = 20, kFrameWidth = 30, kFrameHeight = 10;
+    Enhancement enhancement(kFrameWidth, kFrameHeight);
+    enhancement.config.mode = mode;
+    enhancement.config.lead_in = 0;
+    enhancement.config.share_display = caller.display;
+    enhancement.config.share_context = caller.context;
+    if (!enhancement.made()) GTEST_SKIP();
+    GLuint texture = 0;
+    glGenTextures(1, &texture);
+    glBindTexture(GL_TEXTURE_2D, texture);
+    glTexStorage2D(GL_TEXTURE_2D, 1, GL_RGBA8, kTextureWidth, kTextureHeight);
+    // Dark above, light and reddish below.
+    Planes given(kFrameWidth, kFrameHeight, NOXEL_PLANES_I420);
+    std::fill(given.bytes[0].begin(), given.bytes[0].end(), 60);
+    std::fill(given.bytes[0].begin() + kFrameWidth * kFrameHeight / 2, given.bytes[0].end(), 150);
+    std::fill(given.bytes[1].begin(), given.bytes[1].end(), 128);
+    std::fill(given.bytes[2].begin(), given.bytes[2].end(), 150);
+    for (int frame = 0; frame < 3; ++frame) {
+      given.frame.time_us += kIntervalUs;
+      ASSERT_EQ(noxel_send(enhancement.enhancer, &given.frame), NOXEL_OK);
+      noxel_frame_info info;
+      noxel_frame_info_init(&info, sizeof(info));
+      ASSERT_EQ(noxel_render_texture(enhancement.enhancer, texture, kTextureWidth, kTextureHeight, &info), NOXEL_OK)
+          << enhancement.log;
+      EXPECT_EQ(info.time_us, given.frame.time_us);
+    }
+    EXPECT_EQ(noxel_render_texture(enhancement.enhancer, texture, 1, 1, nullptr), NOXEL_AGAIN);
+    GLuint framebuffer = 0;
+    glGenFramebuffers(1, &framebuffer);
+    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0);
+    for (const auto& [x, y, luma] : {std::tuple{0, 2, 60}, {kTextureWidth - 1, kTextureHeight - 3, 150}}) {
+      unsigned char pixel[4] = {};
+      glReadPixels(x, y, 1, 1, GL_RGBA, GL_UNSIGNED_BYTE, pixel);
+      // BT.601; the filters of mode 3 cost a level.
+      EXPECT_NEAR(pixel[0], luma + 1.402 * 22, 2.5) << mode;
+      EXPECT_NEAR(pixel[1], luma - 0.714 * 22, 2.5) << mode;
+      EXPECT_NEAR(pixel[2], luma, 2.5) << mode;
+      EXPECT_EQ(pixel[3], 255);
+    }
+    glDeleteFramebuffers(1, &framebuffer);
+    glDeleteTextures(1, &texture);
+  }
+  Enhancement alone(16, 8);
+  ASSERT_TRUE(alone.made());
+  EXPECT_EQ(noxel_render_texture(alone.enhancer, 1, 16, 8, nullptr), NOXEL_ERROR_UNSUPPORTED);
+}
+
+TEST(Enhancer, GivesBackWhatItHadWhateverFails) {
+  const auto life = [](int quality) {
+    Enhancement enhancement(32, 16);
+    enhancement.config.quality = quality;
+    const int result = noxel_create(&enhancement.config, &enhancement.enhancer);
+    if (result != NOXEL_OK) return result;
+    for (int i = 0; i < 30; ++i) enhancement.send(std::vector<uint8_t>(32 * 16, 80), 0, i * kIntervalUs);
+    noxel_flush(enhancement.enhancer);
+    Planes out(32, 16, NOXEL_PLANES_NV12);
+    noxel_frame_info info;
+    int received = 0, got;
+    while ((got = enhancement.receive(&out, &info)) == NOXEL_OK) ++received;
+    EXPECT_EQ(got, NOXEL_END);
+    EXPECT_EQ(received, 30) << enhancement.log;
+    return result;
+  };
+  if (life(NOXEL_QUALITY_BEST) == NOXEL_ERROR_NO_GL && !driverRequired()) GTEST_SKIP();
+  ASSERT_EQ(held(), Held{});
+  int refused = 0;
+  for (const Fault fault : {Fault::kMemory, Fault::kThread}) {
+    int calls;
+    {
+      const FaultInjection counting(fault, -1);
+      life(NOXEL_QUALITY_BEST);
+      calls = counting.calls();
+    }
+    for (int i = 0; i < 24; ++i) {
+      const int nth = i < 8 ? i : calls * i / 24;
+      SCOPED_TRACE(testing::Message() << "call " << nth << " of " << calls);
+      const FaultInjection once(fault, nth, Lasting::kOnce);
+      refused += life(NOXEL_QUALITY_BEST) != NOXEL_OK ? 1 : 0;
+      ASSERT_EQ(held(), Held{});
+    }
+  }
+  EXPECT_GT(refused, 8) << "faults while it is made are told";
+}
+
+}  // namespace
+}  // namespace noxel
