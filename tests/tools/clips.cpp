@@ -29,6 +29,7 @@ class ClipMaker {
     must(avformat_alloc_output_context2(&format_, nullptr, nullptr, path.c_str()));
     addVideo();
     if (spec.audio != AV_CODEC_ID_NONE) addAudio();
+    if (spec.furnished) furnish();
     must(avio_open(&format_->pb, path.c_str(), AVIO_FLAG_WRITE));
     format_->avoid_negative_ts = AVFMT_AVOID_NEG_TS_DISABLED;  // AAC priming starts before zero
     must(avformat_write_header(format_, nullptr));
@@ -54,6 +55,7 @@ class ClipMaker {
       for (int start = 0; start < kSampleRate; start += 1024) encode(*audio_, tone(start).get());
       encode(*audio_, nullptr);
     }
+    if (spec_.furnished) writeSubtitle();
     must(av_write_trailer(format_));
   }
 
@@ -72,9 +74,12 @@ class ClipMaker {
     video_->width = spec_.width;
     video_->height = spec_.height;
     video_->pix_fmt = spec_.video == AV_CODEC_ID_MJPEG ? AV_PIX_FMT_YUVJ420P : AV_PIX_FMT_YUV420P;
+    if (spec_.format != AV_PIX_FMT_NONE) video_->pix_fmt = spec_.format;
     video_->time_base = {1, 25};  // packets take their time stamps from the clip
     video_->colorspace = spec_.matrix;
     video_->color_range = spec_.range;
+    video_->color_primaries = spec_.primaries;
+    video_->color_trc = spec_.transfer;
     video_->flags |= AV_CODEC_FLAG_QSCALE;
     video_->global_quality = FF_QP2LAMBDA * 2;
     AVStream* stream = open(*video_, codec);
@@ -93,6 +98,39 @@ class ClipMaker {
     audio_->time_base = {1, kSampleRate};
     av_channel_layout_default(&audio_->ch_layout, 1);
     open(*audio_, codec)->time_base = audio_->time_base;
+  }
+
+  void furnish() {
+    subtitles_ = allocated(avformat_new_stream(format_, nullptr));
+    subtitles_->codecpar->codec_type = AVMEDIA_TYPE_SUBTITLE;
+    subtitles_->codecpar->codec_id = AV_CODEC_ID_SUBRIP;
+    subtitles_->time_base = {1, 1000};
+    AVStream* attachment = allocated(avformat_new_stream(format_, nullptr));
+    attachment->codecpar->codec_type = AVMEDIA_TYPE_ATTACHMENT;
+    attachment->codecpar->extradata = static_cast<uint8_t*>(allocated(av_mallocz(4 + AV_INPUT_BUFFER_PADDING_SIZE)));
+    attachment->codecpar->extradata_size = 4;
+    av_dict_set(&attachment->metadata, "filename", "note.txt", 0);
+    av_dict_set(&attachment->metadata, "mimetype", "text/plain", 0);
+    for (const auto& [key, value] :
+         {std::pair{"title", "Night"}, {"make", "Acme"}, {"location", "+48.2000+016.3000/"}}) {
+      av_dict_set(&format_->metadata, key, value, 0);
+    }
+    auto* chapter = static_cast<AVChapter*>(allocated(av_mallocz(sizeof(AVChapter))));
+    chapter->id = 1;
+    chapter->time_base = {1, 1000};
+    chapter->end = 200;
+    format_->chapters = static_cast<AVChapter**>(allocated(av_calloc(1, sizeof(AVChapter*))));
+    format_->chapters[format_->nb_chapters++] = chapter;
+  }
+
+  void writeSubtitle() {
+    const PacketPtr packet = makePacket();
+    must(av_new_packet(packet.get(), 5));
+    std::copy_n("hello", 5, packet->data);
+    packet->stream_index = subtitles_->index;
+    packet->pts = packet->dts = 0;
+    packet->duration = 100;
+    must(av_interleaved_write_frame(format_, packet.get()));
   }
 
   FramePtr tone(int start) const {
@@ -132,6 +170,7 @@ class ClipMaker {
   AVFormatContext* format_ = nullptr;
   CodecPtr video_;
   CodecPtr audio_;
+  AVStream* subtitles_ = nullptr;
   size_t videoPackets_ = 0;
 };
 
@@ -182,7 +221,7 @@ ClipContents contentsOf(const std::string& path) {
   ClipContents contents;
   contents.displayMatrix = reader.displayMatrix();
   const auto takeAudio = [&] {
-    for (const PacketPtr& packet : reader.takeAudio()) contents.audioSizes.push_back(packet->size);
+    for (const PacketPtr& packet : reader.takeBeside()) contents.audioSizes.push_back(packet->size);
   };
   while (const FramePtr frame = reader.next()) {
     contents.seconds.push_back(static_cast<double>(frame->pts) * av_q2d(reader.timeBase()));

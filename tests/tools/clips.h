@@ -19,9 +19,13 @@ struct ClipSpec {
   std::vector<int64_t> times = {0, 40, 80, 120, 160, 200};  // one frame each, in timeBase
   AVCodecID video = AV_CODEC_ID_MPEG4;                      // or MJPEG
   AVCodecID audio = AV_CODEC_ID_NONE;                       // AAC or PCM, one second of a tone
+  bool furnished = false;                                   // Matroska: subtitles, a chapter, an attachment, metadata
   bool rotated = false;                                     // displayed turned by 90 degrees
   AVColorSpace matrix = AVCOL_SPC_SMPTE170M;
   AVColorRange range = AVCOL_RANGE_JPEG;
+  AVColorPrimaries primaries = AVCOL_PRI_UNSPECIFIED;
+  AVColorTransferCharacteristic transfer = AVCOL_TRC_UNSPECIFIED;
+  AVPixelFormat format = AV_PIX_FMT_NONE;      // of the pictures; default: 8-bit 4:2:0
   std::function<FramePtr(int frame)> picture;  // planar; default: a luma ramp with a mean of lumaOf(frame)
 };
 
@@ -42,7 +46,7 @@ FramePtr rampPlanar(int width, int height, int meanLuma);
 // Times of all frames in seconds; the sizes (bytes) of all audio packets.
 struct ClipContents {
   std::vector<double> seconds;
-  std::vector<int> audioSizes;
+  std::vector<int> audioSizes;  // and of other streams beside the video
   std::optional<DisplayMatrix> displayMatrix;
 };
 ClipContents contentsOf(const std::string& path);

@@ -1,4 +1,4 @@
-
+#include <nlohmann/json.hpp>
 
 #include "clips.h"
 #include "media/nv21_frame.h"
@@ -28,7 +28,7 @@ TEST(Command, RefusesOptionsThatMakeNoSense) {
                                     "enhance - -y -o /dev/null",
                                     enhance,
                                     enhance + "-o " + folder.file("old.mp4"),
-                                    enhance + "-o " + folder.file("x.avi"),
+                                    enhance + "-o " + folder.file("x.wmv"),
                                     enhance + "-o " + folder.file("x.png"),
                                     enhance + "-y -o " + in,
                                     enhance + out + " --stats " + folder.file("./x.mp4"),
@@ -83,6 +83,21 @@ TEST(Command, DeghostingKeepsMovingObjectsFromLeavingATrail) {
               meanLuma(&scene[static_cast<size_t>(y * kWidth + x)], kWidth, 32, 32), 1);  // the coding error
   EXPECT_TRUE(byDefault == enhanced(" --deghosting 8"));
   EXPECT_FALSE(byDefault == enhanced(" --deghosting 5")) << "the engine's default, not the command's";
+}
+
+TEST(Command, InfoIsTheSameAsJson) {
+  NEEDS_DRIVER();
+  const TemporaryDirectory folder;
+  const Outcome text = noxel(folder, "info"), json = noxel(folder, "info --json");
+  ASSERT_EQ(json.exitCode, kExitFine) << json.error;
+  const auto told = nlohmann::json::parse(json.out);
+  EXPECT_EQ(text.out.substr(0, text.out.find('\n')), told["noxel"]);
+  EXPECT_NE(text.out.find("GL renderer     " + told["gl"]["renderer"].get<std::string>() + "\n"), std::string::npos);
+  EXPECT_EQ(told["program_cache"], folder.file("cache") + "/noxel/");
+  const Outcome none = noxel(folder, "info --json", "__EGL_VENDOR_LIBRARY_FILENAMES=/nonexistent");
+  if (none.exitCode == kExitFine) GTEST_SKIP() << "this EGL has no dispatcher in front of its driver";
+  EXPECT_EQ(none.exitCode, kExitNoGl);
+  EXPECT_EQ(nlohmann::json::parse(none.out)["gl"], nullptr);
 }
 
 TEST(Command, ReportsUnreadableInput) {

@@ -211,7 +211,7 @@ TEST_F(Enhance, StatisticsHoldEachReportThePassesAndASummary) {
 TEST_F(Enhance, FinishesTheFileWhenStopped) {
   writeClip(options_.input, {});
   record_.stopAt = 2;
-  ASSERT_EQ(run(), kExitFine);
+  ASSERT_EQ(run(), kExitInterrupted);
   requestStop(false);
   EXPECT_EQ(contentsOf(options_.output).seconds.size(), 3u);
 }

@@ -11,14 +11,15 @@ namespace {
 OutputSettings settingsFor(const VideoReader& reader, const AVFrame& first, const std::string& path) {
   OutputSettings settings;
   settings.path = path;
-  settings.width = first.width;
-  settings.height = first.height;
-  settings.timeBase = reader.timeBase();
-  settings.frameRate = reader.frameRate();
-  settings.sampleAspectRatio = reader.sampleAspectRatio(first);
-  settings.tags = ColourConversion(first).tags();
+  settings.video = {first.width,
+                    first.height,
+                    reader.timeBase(),
+                    reader.frameRate(),
+                    reader.sampleAspectRatio(first),
+                    ColourConversion(first).tags(),
+                    reader.codec()};
   settings.displayMatrix = reader.displayMatrix();
-  settings.audio = reader.audioStreams();
+  settings.companions = reader.companions();
   return settings;
 }
 
@@ -29,7 +30,7 @@ void copyClip(const std::string& from, const std::string& to) {
   while (frame) {
     writer.write(*frame, frame->pts, frame->pkt_duration);
     frame = reader.next();
-    for (const PacketPtr& packet : reader.takeAudio()) writer.writeAudio(*packet);
+    for (const PacketPtr& packet : reader.takeBeside()) writer.writeBeside(*packet);
   }
   writer.finish();
 }

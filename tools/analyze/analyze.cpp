@@ -102,7 +102,7 @@ class Analysis {
 };
 
 void Analysis::run() {
-  if (clip_.highDynamicRange()) note("the clip is HDR; it is analysed as 8-bit");
+  if (clip_.highDynamicRange()) note(toneMapNote());
   printHeader(table_);
   readAll();
   smoothHistogram(all_.histogram, kSmoothingRadius, &smoothed_);
@@ -254,7 +254,7 @@ int runAnalyze(const AnalyzeOptions& options, std::FILE* out) {
   if (plotFile == "-") throw ToolError(kExitUsage, "--plot needs a file name");
   checkOutputFiles(options.input, {plotFile, options.jsonFile}, options.overwrite);
   Analysis(options, plotFile, out).run();
-  return kExitFine;
+  return stoppedExitCode();
 }
 
 }  // namespace noxel::tool

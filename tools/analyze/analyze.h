@@ -13,7 +13,7 @@
 namespace noxel::tool {
 
 struct AnalyzeOptions {
-  std::string input;      // a file, or "-": Y4M on standard input
+  std::string input;      // a file, or "-": standard input
   std::string plotFile;   // empty: plotName(input)
   std::string jsonFile;   // empty: none; "-": standard output, with the table on standard error
   double strength = 0.5;  // of the suggested curve, 0..1

@@ -33,7 +33,7 @@ With --json - the table goes to standard error. Ctrl-C stops reading; the frames
 
 void addOptions(CLI::App* command, AnalyzeOptions& options) {
   command->footer(kAnalyzeFooter);
-  command->add_option("INPUT", options.input, "Any video FFmpeg reads, or - for Y4M on standard input")->required();
+  command->add_option("INPUT", options.input, "Any video FFmpeg reads, or - for standard input")->required();
   command
       ->add_option("--plot", options.plotFile,
                    "The plot; default: INPUT's name with -analysis.png, in the current folder")

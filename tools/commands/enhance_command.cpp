@@ -13,9 +13,12 @@ constexpr char kEnhanceFooter[] = R"(Examples:
   noxel enhance night.mp4 -o steady.mp4 --quality best --stabilize
   other-tool --to-y4m | noxel enhance - -o - --denoise spatial | player -
 
-Each input frame gives one output frame with the same time stamp, size and colour tags; audio and rotation are kept (not
-in .y4m). Video is 8-bit H.264, written to a temporary file beside OUTPUT that is renamed when complete. Ctrl-C finishes
-the file with the frames done so far; a second Ctrl-C quits at once. A single picture comes out upright, in 8-bit RGB
+Each input frame gives one output frame with the same time stamp, size and colour tags. Rotation, audio, subtitles,
+chapters, attachments, data and metadata are copied; what OUTPUT cannot hold is named in a note. An HDR clip (PQ or HLG)
+is tone-mapped to BT.709 SDR first. Video is 8 bits, 4:2:0; for h264, hevc and av1 an odd last column or row is repeated.
+The file is written under a temporary name beside OUTPUT and renamed when complete. Ctrl-C, SIGTERM and SIGHUP finish it
+with the frames done so far, and its comment says that it is partial; a second Ctrl-C quits at once and leaves none. An MP4
+on standard input with its index at the end is first spooled to a file in $TMPDIR. A single picture comes out upright, in 8-bit RGB
 or RGBA. --dump-frames with -y does not delete the files of an earlier, longer dump.
 
 --stats, per frame:
@@ -59,10 +62,12 @@ CLI::Option* addQuad(CLI::App* command, const char* name, std::vector<float>& co
 
 void addOptions(CLI::App* command, EnhanceOptions& options) {
   command->footer(kEnhanceFooter);
-  command->add_option("INPUT", options.input, "Any video FFmpeg reads, or - for Y4M on standard input")->required();
+  command->add_option("INPUT", options.input, "Any video FFmpeg reads, or - for standard input")->required();
   command
-      ->add_option("-o,--output", options.output,
-                   ".mp4, .mkv or .y4m, or - for Y4M on standard output; .png for a single picture")
+      ->add_option(
+          "-o,--output", options.output,
+          ".mp4, .mov, .mkv, .webm, .avi, .gif, .y4m, or - for Y4M on standard output; %04d.png for a picture a "
+          "frame, .png for a single picture")
       ->required()
       ->type_name("OUTPUT");
   command->add_flag("-y,--overwrite", options.overwrite, "Overwrite files that exist");
@@ -121,9 +126,24 @@ void addOptions(CLI::App* command, EnhanceOptions& options) {
       ->add_flag("--overlay", options.overlay,
                  "Draw what moved how, and where the history is held back. Modes 1, 3 and 5, temporal only")
       ->group(written);
-  command->add_option("--crf", options.crf, "H.264 quality; lower is better and larger")
-      ->check(CLI::Range(0, 51))
-      ->capture_default_str()
+  std::vector<std::string> codecs(std::begin(kCodecNames), std::end(kCodecNames));
+  codecs.emplace_back(kCopyLikeInput);
+  command->add_option("--codec", options.encoding.codec, "Of the video")
+      ->check(CLI::IsMember(codecs))
+      ->default_str("h264; .webm: vp9")
+      ->group(written);
+  command->add_option("--preset", options.encoding.preset, "How much time the encoder takes to make the file smaller")
+      ->check(CLI::IsMember(std::vector<std::string>(std::begin(kPresets), std::end(kPresets))))
+      ->default_str("medium")
+      ->group(written);
+  command
+      ->add_option("--crf", options.encoding.crf,
+                   "Quality; lower is better and larger. h264 0..51, default 18; hevc 0..51, 20; av1 and vp9 0..63, 24")
+      ->group(written);
+  command
+      ->add_option("--hwaccel", options.encoding.hardware,
+                   "Encode on this hardware where it can, else in software, with a note")
+      ->check(CLI::IsMember(std::vector<std::string>(std::begin(kHardware), std::end(kHardware))))
       ->group(written);
   command->add_option("--picture", options.pictureFile, "One frame before and after, as a PNG")
       ->type_name("FILE.png")

@@ -14,11 +14,12 @@ namespace noxel::tool {
 namespace {
 
 constexpr char kFooter[] = R"(Exit codes:
-  0  success, also after Ctrl-C: the output is complete up to that frame
+  0  success
   1  failed while running; no partial file is left behind
   2  usage error
   3  no usable OpenGL ES 3.0
   4  the input cannot be read
+  129, 130, 143  stopped by SIGHUP, SIGINT (Ctrl-C), SIGTERM: the output is whole up to that frame
 )";
 
 int run(int argc, char** argv) {

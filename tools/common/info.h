@@ -3,7 +3,8 @@
 
 namespace noxel::tool {
 
-// Prints version, driver and program cache. Returns the exit code.
-int runInfo(bool verbose);
+// Prints version, driver and program cache; `json`: as one object, in which `gl` is null without a usable driver. Returns the
+// exit code.
+int runInfo(bool verbose, bool json = false);
 
 }  // namespace noxel::tool

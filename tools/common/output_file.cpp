@@ -3,7 +3,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -14,6 +16,38 @@
 namespace noxel::tool {
 
 namespace fs = std::filesystem;
+
+namespace {
+
+// Names of temporary files, for a signal handler on any thread: a name is written before `used` is set, and never freed.
+struct Pending {
+  std::atomic<bool> used = false;
+  char path[PATH_MAX] = {};
+};
+Pending pendingFiles[8];
+
+void remember(const std::string& path) {
+  for (Pending& pending : pendingFiles) {
+    if (pending.used || path.size() >= sizeof(pending.path)) continue;
+    std::strcpy(pending.path, path.c_str());
+    pending.used = true;
+    return;
+  }
+}
+
+void forget(const std::string& path) {
+  for (Pending& pending : pendingFiles) {
+    if (pending.used && path == pending.path) pending.used = false;
+  }
+}
+
+}  // namespace
+
+void removePendingFiles() {
+  for (const Pending& pending : pendingFiles) {
+    if (pending.used) unlink(pending.path);
+  }
+}
 
 void checkMayWrite(const std::string& path, bool overwrite) {
   std::error_code ignored;
@@ -33,6 +67,7 @@ void checkMayWrite(const std::string& path, bool overwrite) {
 PendingFile::PendingFile(const std::string& path) : path_(path), temporaryPath_(path + ".XXXXXX.part") {
   const int file = mkstemps(temporaryPath_.data(), 5);
   if (file < 0) throw ToolError(kExitFailed, "cannot write " + path + ": " + std::strerror(errno));
+  remember(temporaryPath_);
   const mode_t mask = umask(0);
   umask(mask);
   fchmod(file, 0666 & ~mask);
@@ -41,6 +76,7 @@ PendingFile::PendingFile(const std::string& path) : path_(path), temporaryPath_(
 
 PendingFile::~PendingFile() {
   if (!committed_) std::remove(temporaryPath_.c_str());
+  forget(temporaryPath_);
 }
 
 void PendingFile::commit() {
@@ -50,16 +86,20 @@ void PendingFile::commit() {
   committed_ = true;
 }
 
-void writeWholeFile(const std::string& path, const void* data, size_t size) {
-  PendingFile pending(path);
-  std::FILE* file = std::fopen(pending.temporaryPath().c_str(), "wb");
+void writeBytes(const std::string& path, const void* data, size_t size, const std::string& name) {
+  std::FILE* file = std::fopen(path.c_str(), "wb");
   bool written = file != nullptr && std::fwrite(data, 1, size, file) == size;
   int error = errno;
   if (file != nullptr && std::fclose(file) != 0 && written) {
     written = false;
     error = errno;
   }
-  if (!written) throw ToolError(kExitFailed, "cannot write " + path + ": " + std::strerror(error));
+  if (!written) throw ToolError(kExitFailed, "cannot write " + name + ": " + std::strerror(error));
+}
+
+void writeWholeFile(const std::string& path, const void* data, size_t size) {
+  PendingFile pending(path);
+  writeBytes(pending.temporaryPath(), data, size, path);
   pending.commit();
 }
 

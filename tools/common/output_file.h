@@ -8,6 +8,9 @@ namespace noxel::tool {
 // Usage error when `path` exists and must not be overwritten, is not a regular file, or its folder is missing.
 void checkMayWrite(const std::string& path, bool overwrite);
 
+// Those of the PendingFiles that exist, up to a limit. For a signal handler.
+void removePendingFiles();
+
 // An empty temporary file beside the final one, removed unless commit() was reached.
 class PendingFile {
  public:
@@ -24,6 +27,9 @@ class PendingFile {
   std::string temporaryPath_;
   bool committed_ = false;
 };
+
+// ToolError that says `name` when it fails.
+void writeBytes(const std::string& path, const void* data, size_t size, const std::string& name);
 
 void writeWholeFile(const std::string& path, const void* data, size_t size);
 

@@ -12,6 +12,9 @@ enum ExitCode : int {
   kExitUsage = 2,       // usage error
   kExitNoGl = 3,        // no usable OpenGL ES 3.0
   kExitUnreadable = 4,  // the input cannot be read
+  kExitHangup = 129,    // stopped by SIGHUP, SIGINT or SIGTERM
+  kExitInterrupted = 130,
+  kExitTerminated = 143,
 };
 
 // One line for the user: what failed and what to do about it. Without the leading "noxel: " and without a newline.

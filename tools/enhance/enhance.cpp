@@ -49,8 +49,13 @@ void checkLook(const EnhanceOptions& options) {
 }
 
 void checkOutputs(const EnhanceOptions& options) {
-  if (!isStill(options.output)) containerOf(options.output);
-  checkOutputFiles(options.input, {options.output, options.statsFile, options.pictureFile}, options.overwrite);
+  std::string output = options.output;
+  if (!isStill(output)) {
+    const Container& container = containerOf(output);
+    checkChoice(options.encoding, container);
+    if (isPictures(container)) output = numberedPath(output, 1);
+  }
+  checkOutputFiles(options.input, {output, options.statsFile, options.pictureFile}, options.overwrite);
   checkMayDump(options.dumpFolder, options.overwrite);
 }
 
@@ -63,12 +68,12 @@ class Run {
         writer_(outputSettings()),
         picture_(options.pictureFrame),
         progress_(options.quiet, isatty(STDERR_FILENO) != 0, clip_.reader().expectedFrames()) {
-    if (clip_.highDynamicRange()) note("the clip is HDR; it is enhanced and written as 8-bit");
+    if (clip_.highDynamicRange()) note(toneMapNote());
     if (!options.dumpFolder.empty()) dump_.emplace(options.dumpFolder);
   }
 
   void enhanceAll(const EnhancerFactory& factory);
-  void finish();
+  ExitCode finish();  // the run's exit code
 
  private:
   OutputSettings outputSettings() const;
@@ -76,6 +81,7 @@ class Run {
   void keepSent();
   void finishFrame(const Enhancer& enhancer, const Sent& sent);
   void note(const std::string& text);
+  std::string partialComment() const;
   void writeStatistics(double seconds) const;
 
   const EnhanceOptions& options_;
@@ -86,6 +92,8 @@ class Run {
   PassTimes passTimes_;
   Progress progress_;
   std::optional<FrameDump> dump_;
+  bool stopped_ = false;    // before the end of the clip
+  double lastSeconds_ = 0;  // time stamp of the latest frame written
 
   // What is to be known of a frame when it comes back.
   struct Sent {
@@ -96,7 +104,7 @@ class Run {
     double seconds;
     double meanLuma;
     Histogram luma;
-    std::vector<PacketPtr> audio;  // read with it
+    std::vector<PacketPtr> beside;  // packets read with it
   };
   std::deque<Sent> sent_;
   std::vector<uint8_t> nv21_;  // the frame that came back
@@ -106,16 +114,16 @@ OutputSettings Run::outputSettings() const {
   const VideoReader& reader = clip_.reader();
   OutputSettings settings;
   settings.path = options_.output;
-  settings.crf = options_.crf;
-  settings.width = clip_.width();
-  settings.height = clip_.height();
-  settings.timeBase = reader.timeBase();
-  settings.frameRate = reader.frameRate();
-  settings.sampleAspectRatio = reader.sampleAspectRatio(clip_.frame());
-  settings.tags = clip_.colours().tags();
+  settings.encoding = options_.encoding;
+  settings.video = {clip_.width(),
+                    clip_.height(),
+                    reader.timeBase(),
+                    reader.frameRate(),
+                    reader.sampleAspectRatio(clip_.frame()),
+                    clip_.colours().tags(),
+                    reader.codec()};
   settings.displayMatrix = reader.displayMatrix();
-  settings.audio = reader.audioStreams();
-  settings.metadata = reader.metadata();
+  settings.companions = reader.companions();
   return settings;
 }
 
@@ -163,10 +171,20 @@ void Run::enhanceAll(const EnhancerFactory& factory) {
     progress_.frameDone(static_cast<int64_t>(statistics_.count()));
   }
   if (!stopRequested()) {
-    for (const PacketPtr& packet : clip_.takeAudio()) writer_.writeAudio(*packet);
+    for (const PacketPtr& packet : clip_.takeBeside()) writer_.writeBeside(*packet);
   }
+  stopped_ = stopRequested();
+  if (stopped_) writer_.markPartial(partialComment());
   writer_.finish();
   for (size_t i = notesBefore; i < writer_.notes().size(); ++i) note(writer_.notes()[i]);
+}
+
+std::string Run::partialComment() const {
+  const int64_t expected = clip_.reader().expectedFrames();
+  char seconds[32];
+  std::snprintf(seconds, sizeof(seconds), "%.2f", lastSeconds_);
+  return "partial: stopped after frame " + std::to_string(statistics_.count()) +
+         (expected > 0 ? " of about " + std::to_string(expected) : "") + ", at " + seconds + " s";
 }
 
 void Run::keepSent() {
@@ -178,7 +196,7 @@ void Run::keepSent() {
   if (dump_ || !options_.pictureFile.empty()) sent.engineFrame = share(clip_.engineFrame());
   sent.meanLuma = meanLuma(clip_.nv21().data(), clip_.nv21Width(), clip_.width(), clip_.height());
   addPlane(clip_.nv21().data(), clip_.width(), clip_.height(), clip_.nv21Width(), &sent.luma);
-  sent.audio = clip_.takeAudio();
+  sent.beside = clip_.takeBeside();
   sent_.push_back(std::move(sent));
 }
 
@@ -215,7 +233,8 @@ void Run::finishFrame(const Enhancer& enhancer, const Sent& sent) {
     copyLeftHalf(*sent.planar, *output);
   }
   writer_.write(*output, sent.pts, sent.duration);
-  for (const PacketPtr& packet : sent.audio) writer_.writeAudio(*packet);
+  for (const PacketPtr& packet : sent.beside) writer_.writeBeside(*packet);
+  lastSeconds_ = sent.seconds;
 
   if (!options_.pictureFile.empty() && picture_.wants(index)) {
     FramePtr input = share(*sent.engineFrame);
@@ -237,8 +256,8 @@ void Run::writeStatistics(double seconds) const {
         {"frame_rate", av_q2d(clip_.reader().frameRate())},
         {"matrix", av_color_space_name(clip_.colours().matrix())},
         {"range", av_color_range_name(clip_.colours().range())},
-        {"audio_streams", clip_.reader().audioStreams().size()}}},
-      {"output", {{"file", options_.output}, {"encoder", writer_.encoderName()}, {"stopped_early", stopRequested()}}},
+        {"audio_streams", clip_.reader().audioStreams()}}},
+      {"output", {{"file", options_.output}, {"encoder", writer_.encoderName()}, {"stopped_early", stopped_}}},
       {"options",
        {{"engine_mode", options_.look.mode()},
         {"denoise", options_.look.denoise},
@@ -257,7 +276,8 @@ void Run::writeStatistics(double seconds) const {
         {"compare", options_.compare},
         {"overlay", options_.overlay},
         {"warm_up", options_.warmUp && (followsExposure(options_.look) || leadsIn(options_.look))},
-        {"crf", options_.crf}}}};
+
+        {"crf", writer_.crf() ? nlohmann::ordered_json(*writer_.crf()) : nullptr}}}};
   nlohmann::ordered_json measured = statistics_.json(seconds);
   json["summary"] = std::move(measured["summary"]);
   json["passes"] = passTimes_.json();
@@ -266,7 +286,7 @@ void Run::writeStatistics(double seconds) const {
   writeWholeFile(options_.statsFile, text.data(), text.size());
 }
 
-void Run::finish() {
+ExitCode Run::finish() {
   const double seconds = progress_.seconds();
   progress_.clear();
   if (!options_.pictureFile.empty()) picture_.write(options_.pictureFile);
@@ -275,20 +295,20 @@ void Run::finish() {
     note(std::to_string(clip_.reader().damagedPackets()) + " damaged packets of the input could not be decoded");
   }
   if (clip_.reader().lateAudio()) note("audio that starts in mid-clip is dropped");
-  const int64_t expected = clip_.reader().expectedFrames();
   const auto found = static_cast<int64_t>(statistics_.count());
-  // With a variable frame rate the container's count is only an estimate: allow a tenth.
-  if (!stopRequested() && found + 1 < expected - expected / 10) {
-    note("the clip ends after " + std::to_string(found) + " of about " + std::to_string(expected) +
-         " frames; it may have been cut short");
+  if (!stopped_ && clip_.reader().isCutShort(found)) {
+    note("the clip ends after " + std::to_string(found) + " of about " +
+         std::to_string(clip_.reader().expectedFrames()) + " frames; it may have been cut short");
   }
-  if (stopRequested()) note("stopped; the output is complete up to this frame");
+  if (stopped_) note(partialComment() + "; the output is whole up to there");
   if (options_.passes) passTimes_.print(stderr);
-  if (options_.quiet) return;
+  const ExitCode code = stopped_ ? stoppedExitCode() : kExitFine;
+  if (options_.quiet) return code;
   const auto frames = static_cast<double>(statistics_.count());
   std::fprintf(stderr, "%zu frames in %.1f s (%.1f fps), mean luma %.1f -> %.1f: %s\n", statistics_.count(), seconds,
                seconds > 0 ? frames / seconds : 0.0, statistics_.meanLumaBefore(), statistics_.meanLumaAfter(),
                options_.output == "-" ? "standard output" : options_.output.c_str());
+  return code;
 }
 
 }  // namespace
@@ -306,8 +326,7 @@ int runEnhance(const EnhanceOptions& options, const EnhancerFactory& factory) {
   if (isStill(options.output)) return runStill(options);
   Run run(options);
   run.enhanceAll(factory);
-  run.finish();
-  return kExitFine;
+  return run.finish();
 }
 
 }  // namespace noxel::tool

@@ -5,17 +5,18 @@
 #include <vector>
 
 #include "enhance/enhancer_session.h"
+#include "media/video_encoder.h"
 
 namespace noxel::tool {
 
 constexpr int kDefaultPictureFrame = 25;
 
 struct EnhanceOptions {
-  std::string input;   // a file, or "-": Y4M on standard input
-  std::string output;  // .mp4, .mkv, .y4m, .png for a single picture, or "-": Y4M on standard output
+  std::string input;   // a file, or "-": standard input
+  std::string output;  // as containerOf, .png for a single picture, or "-": Y4M on standard output
   Look look;
   std::vector<std::string> given;  // names of the options on the command line
-  int crf = 18;                    // 0..51
+  EncodingChoice encoding;
   bool compare = false;
   bool overlay = false;
   bool warmUp = true;

@@ -13,7 +13,9 @@ extern "C" {
 #include "common/tool_error.h"
 #include "enhance/rgba_session.h"
 #include "media/colour_conversion.h"
+#include "media/container.h"
 #include "media/picture.h"
+#include "media/tone_map.h"
 #include "media/video_reader.h"
 
 namespace noxel::tool {
@@ -23,8 +25,8 @@ void check(const EnhanceOptions& options) {
   if (options.look.mode() != kModeSynchronousRgba) {
     throw ToolError(kExitUsage, options.output + " is a single picture, which needs --engine-mode 4");
   }
-  for (const char* clipOnly :
-       {"--stats", "--passes", "--picture", "--picture-frame", "--dump-frames", "--crf", "--no-warm-up"}) {
+  for (const char* clipOnly : {"--stats", "--passes", "--picture", "--picture-frame", "--dump-frames", "--codec",
+                               "--preset", "--crf", "--hwaccel", "--no-warm-up"}) {
     if (std::find(options.given.begin(), options.given.end(), clipOnly) == options.given.end()) continue;
     throw ToolError(kExitUsage, std::string(clipOnly) + " is for clips; the output is a single picture");
   }
@@ -45,16 +47,18 @@ void copyLeftHalfRgba(const AVFrame& before, AVFrame& after) {
 }  // namespace
 
 bool isStill(const std::string& outputPath) {
-  return std::filesystem::path(outputPath).extension() == ".png";
+  return std::filesystem::path(outputPath).extension() == ".png" && numberedPath(outputPath, 1).empty();
 }
 
 int runStill(const EnhanceOptions& options) {
   check(options);
   VideoReader reader(options.input);
-  const FramePtr given = reader.first();
+  FramePtr given = reader.first();
   if (reader.next()) {
     throw ToolError(kExitUsage, options.input + " has more than one frame; write .mp4 or .mkv");
   }
+  const bool hdr = isHighDynamicRange(*given);
+  if (hdr) given = ToneMap(*given).run(*given);
   FramePtr before = ColourConversion(*given).rgba(*given);
   const std::string turn = uprighting(reader.displayMatrix()).filters;
   if (!turn.empty()) before = FilterPass(before->width, before->height, turn, AV_PIX_FMT_RGBA).run(*before);
@@ -63,6 +67,7 @@ int runStill(const EnhanceOptions& options) {
   const std::vector<uint8_t> png = encodePng(hasAlpha(*given) ? *after : *withoutAlpha(*after));
   writeWholeFile(options.output, png.data(), png.size());
   if (options.quiet) return kExitFine;
+  if (hdr) std::fprintf(stderr, "noxel: note: %s\n", toneMapNote());
   std::fprintf(stderr, "one picture, %d x %d: %s\n", before->width, before->height, options.output.c_str());
   return kExitFine;
 }

@@ -20,6 +20,10 @@ below the first, or in
 .I .cache/noxel/
 below the second.
 .TP
+.B TMPDIR
+Where an MP4 from a pipe is spooled when its index is at its end; else
+.IR /tmp .
+.TP
 .BR EGL_PLATFORM ", " WAYLAND_DISPLAY ", " DISPLAY
 Choose the EGL display. Without them frames are rendered on Mesa's surfaceless platform.
 """

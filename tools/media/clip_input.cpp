@@ -14,20 +14,29 @@ namespace noxel::tool {
 
 ClipInput::ClipInput(const std::string& path)
     : reader_(path),
-      frame_(reader_.first()),
+      frame_(first(reader_, toneMap_)),
       width_(frame().width),
       height_(frame().height),
       nv21Width_(paddedWidth(width_)),
       nv21Height_(paddedHeight(height_)),
-      highDynamicRange_(frame().color_trc == AVCOL_TRC_SMPTE2084 || frame().color_trc == AVCOL_TRC_ARIB_STD_B67),
       colours_(frame()) {
   convert();
+}
+
+FramePtr ClipInput::first(VideoReader& reader, std::unique_ptr<ToneMap>& toneMap) {
+  FramePtr frame = reader.first();
+  if (isHighDynamicRange(*frame)) {
+    toneMap = std::make_unique<ToneMap>(*frame);
+    frame = toneMap->run(*frame);
+  }
+  return frame;
 }
 
 bool ClipInput::next() {
   if (stopRequested()) return false;
   FramePtr read = reader_.next();
   if (!read) return false;
+  if (toneMap_) read = toneMap_->run(*read);
   frame_ = std::move(read);
   convert();
   return true;

@@ -2,24 +2,26 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "media/av_types.h"
 #include "media/colour_conversion.h"
+#include "media/tone_map.h"
 #include "media/video_reader.h"
 
 namespace noxel::tool {
 
-// Starts at the first frame. One thread.
+// Starts at the first frame. An HDR clip is tone-mapped: all its frames here are BT.709 SDR. One thread.
 class ClipInput {
  public:
-  explicit ClipInput(const std::string& path);  // "-": Y4M on standard input. ToolError without a first frame
+  explicit ClipInput(const std::string& path);  // "-": standard input. ToolError without a first frame
 
   // Advances. False at the end or when a stop was requested; the last frame stays current.
   bool next();
 
-  // The current frame: as decoded; planar in the clip's own colours; padded in the engine's colours.
+  // The current frame: as decoded (HDR: tone-mapped); planar in the clip's own colours; padded in the engine's colours.
   const AVFrame& frame() const { return *frame_; }
   const AVFrame& planar() const { return *planar_; }
   const AVFrame& engineFrame() const { return *engineFrame_; }
@@ -27,23 +29,25 @@ class ClipInput {
   std::vector<uint8_t>& nv21() { return nv21_; }
   double seconds() const;  // time stamp, as the next
   int64_t microseconds() const;
-  // As VideoReader::takeAudio: what was read up to the current frame, at the end all that is left.
-  std::vector<PacketPtr> takeAudio() { return reader_.takeAudio(); }
+  // As VideoReader::takeBeside: what was read up to the current frame, at the end all that is left.
+  std::vector<PacketPtr> takeBeside() { return reader_.takeBeside(); }
 
   int width() const { return width_; }  // without the padding
   int height() const { return height_; }
   int nv21Width() const { return nv21Width_; }
   int nv21Height() const { return nv21Height_; }
-  bool highDynamicRange() const { return highDynamicRange_; }
+  bool highDynamicRange() const { return toneMap_ != nullptr; }
   VideoReader& reader() { return reader_; }
   const VideoReader& reader() const { return reader_; }
   ColourConversion& colours() { return colours_; }
   const ColourConversion& colours() const { return colours_; }
 
  private:
+  static FramePtr first(VideoReader& reader, std::unique_ptr<ToneMap>& toneMap);
   void convert();
 
   VideoReader reader_;
+  std::unique_ptr<ToneMap> toneMap_;  // null for SDR
   FramePtr frame_;
   FramePtr planar_;
   FramePtr engineFrame_;
@@ -52,7 +56,6 @@ class ClipInput {
   const int height_;
   const int nv21Width_;
   const int nv21Height_;
-  const bool highDynamicRange_;
   ColourConversion colours_;
 };
 

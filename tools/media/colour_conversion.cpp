@@ -200,6 +200,11 @@ FramePtr rgbToEngine(const AVFrame& rgb) {
   return scaled(makeScaler(rgb, format, AV_PIX_FMT_YUV420P, AVCOL_SPC_SMPTE170M, true).get(), rgb, AV_PIX_FMT_YUV420P);
 }
 
+FramePtr withPairedChroma(const AVFrame& planar) {
+  return scaled(makeScaler(planar, AV_PIX_FMT_YUV420P, AV_PIX_FMT_NV12, AVCOL_SPC_SMPTE170M, true).get(), planar,
+                AV_PIX_FMT_NV12);
+}
+
 FramePtr withoutAlpha(const AVFrame& rgba) {
   return scaled(makeScaler(rgba, AV_PIX_FMT_RGBA, AV_PIX_FMT_RGB24, AVCOL_SPC_SMPTE170M, true).get(), rgba,
                 AV_PIX_FMT_RGB24);

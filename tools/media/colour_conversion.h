@@ -66,6 +66,9 @@ class ColourConversion {
 FramePtr engineToRgb(const AVFrame& planar, AVPixelFormat format = AV_PIX_FMT_RGB24);
 FramePtr rgbToEngine(const AVFrame& rgb);
 
+// A planar frame as AV_PIX_FMT_NV12.
+FramePtr withPairedChroma(const AVFrame& planar);
+
 // AV_PIX_FMT_RGBA to AV_PIX_FMT_RGB24.
 FramePtr withoutAlpha(const AVFrame& rgba);
 

@@ -22,15 +22,17 @@ void padPlane(const uint8_t* source, int sourceStride, int width, int height, ui
 }  // namespace
 
 FramePtr padded(const AVFrame& planar) {
-  const int width = paddedWidth(planar.width);
-  const int height = paddedHeight(planar.height);
+  return padded(planar, paddedWidth(planar.width), paddedHeight(planar.height));
+}
+
+FramePtr padded(const AVFrame& planar, int width, int height) {
   if (width == planar.width && height == planar.height) return share(planar);
   FramePtr result = makePicture(width, height, AV_PIX_FMT_YUV420P);
   padPlane(planar.data[0], planar.linesize[0], planar.width, planar.height, result->data[0], result->linesize[0], width,
            height);
   for (int plane = 1; plane < 3; ++plane) {
     padPlane(planar.data[plane], planar.linesize[plane], half(planar.width), half(planar.height), result->data[plane],
-             result->linesize[plane], width / 2, height / 2);
+             result->linesize[plane], half(width), half(height));
   }
   return result;
 }

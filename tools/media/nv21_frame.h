@@ -25,6 +25,7 @@ constexpr size_t nv21Size(int width, int height) {
 
 // The padded frame; shares the pixels when no padding is needed.
 FramePtr padded(const AVFrame& planar);
+FramePtr padded(const AVFrame& planar, int width, int height);  // to this size
 
 // Removes the padding, in place.
 void crop(AVFrame& planar, int width, int height);

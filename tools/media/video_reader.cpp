@@ -4,6 +4,7 @@ extern "C" {
 #include <libavdevice/avdevice.h>
 #include <libavutil/avstring.h>
 #include <libavutil/display.h>
+#include <libavutil/parseutils.h>
 }
 
 #include <unistd.h>
@@ -84,7 +85,9 @@ VideoReader::~VideoReader() {
 }
 
 void VideoReader::open(const std::string& path, const std::string& format) {
-  const AVInputFormat* forced = path == "-" ? av_find_input_format("yuv4mpegpipe") : nullptr;
+  if (path == "-") standardInput_ = std::make_unique<StandardInput>();
+  const bool y4m = standardInput_ && standardInput_->isY4m();
+  const AVInputFormat* forced = y4m ? av_find_input_format("yuv4mpegpipe") : nullptr;
   if (!format.empty()) {
     avdevice_register_all();
     forced = av_find_input_format(format.c_str());
@@ -96,20 +99,20 @@ void VideoReader::open(const std::string& path, const std::string& format) {
   // An existing file with a colon in its name is not a URL; a device's name is not a path.
   const bool device = forced != nullptr && (forced->flags & AVFMT_NOFILE) != 0;
   const bool file = !device && std::filesystem::exists(path, ignored);
-  const std::string url = path == "-" ? "pipe:0" : file ? "file:" + path : path;
-  if (file && forced == nullptr) format_->format_whitelist = av_strdup(singleFileFormats().c_str());
+  if (standardInput_) format_->pb = standardInput_->io();
+  const std::string url = standardInput_ ? "" : file ? "file:" + path : path;
+  if ((file || standardInput_) && forced == nullptr) format_->format_whitelist = av_strdup(singleFileFormats().c_str());
   int result = avformat_open_input(&format_, url.c_str(), forced, nullptr);
   if (result >= 0) result = avformat_find_stream_info(format_, nullptr);
   if (result >= 0) return;
-  if (stopRequested()) throw ToolError(kExitFailed, "stopped before the first frame; nothing was written");
+  if (stopRequested()) throw stoppedBeforeTheFirstFrame();
   // For a bad header some demuxers return arbitrary numbers, which may be some other system error.
   const bool opened = path == "-" || (file && access(path.c_str(), R_OK) == 0);
   const bool ofReading =
       result == AVERROR(EIO) || result == AVERROR(ENOMEM) || result == AVERROR(EBADF) || result == AVERROR(EISDIR);
   if (opened && !ofReading) result = AVERROR_INVALIDDATA;
   const char* remedy = "";
-  if (path == "-") remedy = "; standard input must be Y4M";
-  if (file && format.empty() && result == AVERROR_INVALIDDATA) remedy = "; is it a video file?";
+  if ((file || standardInput_) && format.empty() && result == AVERROR_INVALIDDATA) remedy = "; is it a video file?";
   throw ToolError(kExitUnreadable, "cannot read " + name_ + ": " + avErrorText(result) + remedy);
 }
 
@@ -118,16 +121,16 @@ void VideoReader::selectStreams() {
   if (best < 0 || (format_->streams[best]->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0) {
     throw ToolError(kExitUnreadable, name_ + " has no video stream");
   }
-  audioPlace_.assign(format_->nb_streams, -1);
+  place_.assign(format_->nb_streams, -1);
   for (unsigned i = 0; i < format_->nb_streams; ++i) {
     AVStream* stream = format_->streams[i];
     if (static_cast<int>(i) == best) {
       stream_ = stream;
-    } else if (stream->codecpar->codec_type == AVMEDIA_TYPE_AUDIO) {
-      audioPlace_[i] = static_cast<int>(audioStreams_.size());
-      audioStreams_.push_back(stream);
-    } else {
-      stream->discard = AVDISCARD_ALL;
+    } else if (stream->discard != AVDISCARD_ALL) {  // else FFmpeg knows its content otherwise, as of a MOV's chapters
+      place_[i] = static_cast<int>(beside_.size());
+      beside_.push_back(stream);
+      const bool cover = (stream->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
+      if (stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO && !cover) stream->discard = AVDISCARD_ALL;
     }
   }
   const AVRational guess = av_guess_frame_rate(format_, stream_, nullptr);
@@ -179,7 +182,7 @@ FramePtr VideoReader::next() {
 FramePtr VideoReader::first() {
   FramePtr frame = next();
   if (frame) return frame;
-  if (stopRequested()) throw ToolError(kExitFailed, "stopped before the first frame; nothing was written");
+  if (stopRequested()) throw stoppedBeforeTheFirstFrame();
   throw ToolError(kExitUnreadable, "cannot decode any frame of " + name_);
 }
 
@@ -207,18 +210,22 @@ void VideoReader::feedDecoder() {
     return;
   }
   if (result < 0) throw ToolError(kExitUnreadable, "reading " + name_ + " failed: " + avErrorText(result));
+  if (packet->pts != AV_NOPTS_VALUE) {
+    const AVRational clock = format_->streams[packet->stream_index]->time_base;
+    endUs_ = std::max(endUs_, av_rescale_q(packet->pts + packet->duration, clock, kMicroseconds));
+  }
   if (packet->stream_index == stream_->index) {
     if (avcodec_send_packet(decoder_.get(), packet.get()) < 0) ++damagedPackets_;
     return;
   }
   const auto index = static_cast<size_t>(packet->stream_index);
-  if (index >= audioPlace_.size()) {
+  if (index >= place_.size()) {
     lateAudio_ = lateAudio_ || format_->streams[index]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
-  } else if (audioPlace_[index] >= 0) {
+  } else if (place_[index] >= 0) {
     PacketPtr kept = makePacket();
     av_packet_move_ref(kept.get(), packet.get());
-    kept->stream_index = audioPlace_[index];
-    audioPackets_.push_back(std::move(kept));
+    kept->stream_index = place_[index];
+    packets_.push_back(std::move(kept));
   }
 }
 
@@ -234,10 +241,24 @@ void VideoReader::stamp(AVFrame& frame) {
   lastPts_ = frame.pts;
 }
 
-std::vector<PacketPtr> VideoReader::takeAudio() {
+std::vector<PacketPtr> VideoReader::takeBeside() {
   std::vector<PacketPtr> taken;
-  taken.swap(audioPackets_);
+  taken.swap(packets_);
   return taken;
+}
+
+Companions VideoReader::companions() const {
+  Companions companions;
+  companions.streams = beside_;
+  companions.video = stream_;
+  companions.chapters.assign(format_->chapters, format_->chapters + format_->nb_chapters);
+  companions.metadata = format_->metadata;
+  return companions;
+}
+
+size_t VideoReader::audioStreams() const {
+  return static_cast<size_t>(std::ranges::count_if(
+      beside_, [](const AVStream* stream) { return stream->codecpar->codec_type == AVMEDIA_TYPE_AUDIO; }));
 }
 
 bool VideoReader::live() const {
@@ -249,9 +270,25 @@ int64_t VideoReader::nominalIntervalUs() const {
   return av_rescale(1'000'000, frameRate_.den, frameRate_.num);
 }
 
-int64_t VideoReader::expectedFrames() const {
+int64_t VideoReader::statedFrames() const {
   if (stream_->nb_frames > 0) return stream_->nb_frames;
   if (stream_->duration > 0) return av_rescale_q(stream_->duration, stream_->time_base, av_inv_q(frameRate_));
+  // Matroska has each stream's length as a tag: hours:minutes:seconds.
+  const AVDictionaryEntry* tag = av_dict_get(stream_->metadata, "DURATION", nullptr, AV_DICT_IGNORE_SUFFIX);
+  int64_t length = 0;
+  if (tag == nullptr || av_parse_time(&length, tag->value, 1) < 0 || length <= 0) return 0;
+  return av_rescale_q(length, kMicroseconds, av_inv_q(frameRate_));
+}
+
+// With a variable frame rate the container's count is only an estimate: allow a tenth.
+bool VideoReader::isCutShort(int64_t frames) const {
+  if (const int64_t stated = statedFrames(); stated > 0) return frames + 1 < stated - stated / 10;
+  const int64_t start = std::max<int64_t>(format_->start_time, 0);  // AV_NOPTS_VALUE is negative
+  return format_->duration > 0 && endUs_ - start + nominalIntervalUs() < format_->duration - format_->duration / 10;
+}
+
+int64_t VideoReader::expectedFrames() const {
+  if (const int64_t stated = statedFrames(); stated > 0) return stated;
   if (format_->duration > 0) return av_rescale_q(format_->duration, kMicroseconds, av_inv_q(frameRate_));
   return 0;
 }

@@ -1,13 +1,16 @@
-// A video file, a device, or Y4M on standard input, frame by frame, with the packets of its audio streams.
+// A video file, a device, or standard input, frame by frame, with the packets of its other streams.
 #pragma once
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "media/av_types.h"
+#include "media/companions.h"
+#include "media/standard_input.h"
 
 namespace noxel::tool {
 
@@ -24,7 +27,7 @@ Uprighting uprighting(const std::optional<DisplayMatrix>& matrix);
 // One thread. Every failure is a ToolError, kExitUnreadable unless stated.
 class VideoReader {
  public:
-  // "-": Y4M on standard input. `format`: an FFmpeg input format or device; empty: detected.
+  // "-": standard input. `format`: an FFmpeg input format or device; empty: detected.
   explicit VideoReader(const std::string& path, const std::string& format = "");
   ~VideoReader();
   VideoReader(const VideoReader&) = delete;
@@ -36,17 +39,22 @@ class VideoReader {
   // The first frame, never null: ToolError, kExitFailed when stopped by the user.
   FramePtr first();
 
-  // Audio packets read since the last call; `stream_index` is an index into audioStreams().
-  std::vector<PacketPtr> takeAudio();
+  // Packets of other streams read since the last call; `stream_index` is an index into companions().streams.
+  std::vector<PacketPtr> takeBeside();
 
   AVRational timeBase() const { return stream_->time_base; }
   AVRational frameRate() const { return frameRate_; }
   int64_t nominalIntervalUs() const;
-  int64_t expectedFrames() const;  // 0: unknown
+  int64_t expectedFrames() const;  // 0: unknown; an estimate where the container has only its own duration
+  // At the end: whether the clip promised more than it had. Of the video where its own length is stated, else of the whole
+  // file; `frames` were read.
+  bool isCutShort(int64_t frames) const;
   AVRational sampleAspectRatio(const AVFrame& frame) const;
   std::optional<DisplayMatrix> displayMatrix() const;  // the stream's, else the first frame's (photos)
-  const std::vector<const AVStream*>& audioStreams() const { return audioStreams_; }
-  const AVDictionary* metadata() const { return format_->metadata; }
+  // All that is beside the video. Second videos are there, but not read.
+  Companions companions() const;
+  size_t audioStreams() const;
+  AVCodecID codec() const { return stream_->codecpar->codec_id; }
   std::string codecName() const { return avcodec_get_name(stream_->codecpar->codec_id); }
   int damagedPackets() const { return damagedPackets_; }
   bool lateAudio() const { return lateAudio_; }  // audio that starts in mid-clip was dropped
@@ -59,17 +67,20 @@ class VideoReader {
   void feedDecoder();
   void stamp(AVFrame& frame);
   void checkSize(const AVFrame& frame);
+  int64_t statedFrames() const;
 
-  std::string name_;  // for messages
+  std::string name_;                              // for messages
+  std::unique_ptr<StandardInput> standardInput_;  // null for a file; outlives format_
   AVFormatContext* format_ = nullptr;
-  AVStream* stream_ = nullptr;  // owned by format_, as audioStreams_
+  AVStream* stream_ = nullptr;  // owned by format_, as beside_
   CodecPtr decoder_;
   AVRational frameRate_ = {25, 1};
-  std::vector<const AVStream*> audioStreams_;
-  std::vector<int> audioPlace_;  // by stream index of the input; -1: not audio
-  std::vector<PacketPtr> audioPackets_;
+  std::vector<const AVStream*> beside_;
+  std::vector<int> place_;  // in beside_, by stream index of the input; -1: not there
+  std::vector<PacketPtr> packets_;
   bool drained_ = false;
   bool lateAudio_ = false;
+  int64_t endUs_ = 0;  // of all packets read
   int damagedPackets_ = 0;
   std::optional<int64_t> lastPts_;
   int64_t framesRead_ = 0;

@@ -1,4 +1,4 @@
-// An .mp4 or .mkv with H.264 and copied audio, or Y4M.
+// The clip that `noxel enhance` writes: video by VideoEncoder, and what the input has beside it, copied.
 #pragma once
 
 #include <cstdint>
@@ -12,29 +12,23 @@
 #include "common/output_file.h"
 #include "media/av_types.h"
 #include "media/colour_conversion.h"
+#include "media/companions.h"
+#include "media/container.h"
+#include "media/video_encoder.h"
 #include "media/video_reader.h"
 
 namespace noxel::tool {
 
-// FFmpeg's name of the container, by extension; usage error for an unknown one.
-std::string containerOf(const std::string& path);
-
 struct OutputSettings {
   std::string path;  // "-": Y4M on standard output
-  int crf = 18;      // 0..51, of libx264
-  int width = 0;
-  int height = 0;
-  AVRational timeBase = {1, 25};   // of the frames' pts
-  AVRational frameRate = {25, 1};  // nominal
-  AVRational sampleAspectRatio = {0, 1};
-  ColourTags tags;
+  EncodingChoice encoding;
+  VideoProperties video;
   std::optional<DisplayMatrix> displayMatrix;
-  std::vector<const AVStream*> audio;  // read during construction only, as metadata
-  const AVDictionary* metadata = nullptr;
+  Companions companions;
 };
 
-// The file appears under its name in finish(). One thread. Failures are ToolErrors: kExitUsage when the container cannot
-// hold the audio, else kExitFailed.
+// The file, or all pictures, appear under their names in finish(). One thread. Failures are ToolErrors: kExitUsage when the
+// container cannot hold the codec or the audio, else kExitFailed.
 class VideoWriter {
  public:
   explicit VideoWriter(const OutputSettings& settings);
@@ -43,11 +37,14 @@ class VideoWriter {
   VideoWriter& operator=(const VideoWriter&) = delete;
 
   void write(const AVFrame& planar, int64_t pts, int64_t duration);  // duration 0: the nominal interval
-  void writeAudio(AVPacket& packet);  // stream_index: index into settings.audio; consumes the packet
+  void writeBeside(AVPacket& packet);  // stream_index: index into Companions::streams; consumes the packet
+  // Says so in the file's comment, where it has one.
+  void markPartial(const std::string& comment) { partial_ = comment; }
   void finish();
 
-  const std::string& encoderName() const { return encoderName_; }
-  // For the user: what the output cannot hold.
+  const std::string& encoderName() const { return encoder_->name(); }
+  std::optional<int> crf() const { return encoder_->crf(); }
+  // For the user: what is not as it was asked for, or lost.
   const std::vector<std::string>& notes() const { return notes_; }
 
  private:
@@ -57,33 +54,37 @@ class VideoWriter {
   };
 
   void addVideo(const OutputSettings& settings);
-  bool openEncoder(const AVCodec* codec, const OutputSettings& settings);
-  void addAudio(const OutputSettings& settings);
-  void writeHeader(const OutputSettings& settings);
+  void writeHeader();
+  int64_t slot(int64_t pts);
   void drainEncoder();
   void writePacket(AVPacket& packet);
+  void writePicture(const AVFrame& planar);
+  void finishContainer();
+  std::string remedy() const;
 
-  std::string container_;
-  std::string name_;                   // for messages
-  std::unique_ptr<PendingFile> file_;  // null for standard output
+  const Container& container_;
+  std::string path_;
+  std::string name_;                                 // for messages
+  std::unique_ptr<PendingFile> file_;                // null for standard output and pictures
+  std::vector<std::unique_ptr<PendingFile>> files_;  // pictures
   AVFormatContext* format_ = nullptr;
-  CodecPtr encoder_;
-  std::string encoderName_;
+  std::unique_ptr<VideoEncoder> encoder_;
+  std::unique_ptr<FilterPass> upright_;  // for pictures: to RGB, turned by the display matrix
   AVStream* video_ = nullptr;
-  std::vector<AVStream*> audio_;            // empty when all audio is dropped, null for a dropped stream
-  std::vector<AVRational> audioTimeBases_;  // of the input packets
-  std::vector<int64_t> audioTimes_;         // min dts of each stream's next packet
+  std::unique_ptr<CompanionStreams> companions_;
   AVRational timeBase_;
+  AVRational frameRate_;
   int64_t nominalDuration_;
-  // Encoders with a fixed frame rate count frames: packets come in frame order and take their time stamps from stamps_. The
-  // others keep the frames' clock; only durations are looked up by pts.
-  bool countsFrames_ = false;
+  // Encoders that count frames take their time stamps from stamps_. The others keep the frames' clock; only durations are
+  // looked up by pts.
   int64_t frameCount_ = 0;
   std::deque<Stamp> stamps_;
   std::map<int64_t, int64_t> durations_;
   int64_t lastPts_ = AV_NOPTS_VALUE;
+  int64_t lastSlot_ = -1;
   int64_t firstInterval_ = 0;
   bool variableRate_ = false;
+  std::string partial_;
   std::vector<std::string> notes_;
 };
 

@@ -13,7 +13,7 @@
 namespace noxel::tool {
 
 struct ViewOptions {
-  std::string input;   // a file, a camera, or "-": Y4M on standard input
+  std::string input;   // a file, a camera, or "-": standard input
   std::string format;  // an FFmpeg input format; empty: detected
   LiveLook look;
   bool loop = false;

@@ -24,12 +24,13 @@ ViewSource::ViewSource(const std::string& input, const std::string& format)
 void ViewSource::open() {
   reader_ = std::make_unique<VideoReader>(input_, format_);
   frame_ = reader_->first();
+  toneMap_ = isHighDynamicRange(*frame_) ? std::make_unique<ToneMap>(*frame_) : nullptr;
 }
 
 void ViewSource::measure() {
   clipWidth_ = frame_->width;
   clipHeight_ = frame_->height;
-  colours_ = std::make_unique<ColourConversion>(*frame_);
+  colours_ = std::make_unique<ColourConversion>(*shown());
   int width = clipWidth_;
   int height = clipHeight_;
   const Uprighting turn = uprighting(reader_->displayMatrix());
@@ -49,6 +50,7 @@ int64_t ViewSource::timeUs() const {
 
 bool ViewSource::advance() {
   FramePtr next = reader_->next();
+  reader_->takeBeside();  // nothing plays it
   if (!next) return false;
   frame_ = std::move(next);
   return true;
@@ -58,8 +60,12 @@ void ViewSource::restart() {
   open();
 }
 
+FramePtr ViewSource::shown() {
+  return toneMap_ ? toneMap_->run(*frame_) : share(*frame_);
+}
+
 void ViewSource::pack(uint8_t* nv21) {
-  FramePtr frame = colours_->toEngine(*padded(*colours_->planar(*frame_)));
+  FramePtr frame = colours_->toEngine(*padded(*colours_->planar(*shown())));
   if (rotation_) {
     crop(*frame, clipWidth_, clipHeight_);
     frame = padded(*rotation_->run(*frame));

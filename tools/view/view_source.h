@@ -5,6 +5,7 @@
 #include <string>
 
 #include "media/colour_conversion.h"
+#include "media/tone_map.h"
 #include "media/video_reader.h"
 
 namespace noxel::tool {
@@ -38,11 +39,13 @@ class ViewSource {
  private:
   void open();
   void measure();
+  FramePtr shown();  // the current frame, in SDR
 
   const std::string input_;
   const std::string format_;
   std::unique_ptr<VideoReader> reader_;
   FramePtr frame_;
+  std::unique_ptr<ToneMap> toneMap_;  // null for SDR
   std::unique_ptr<ColourConversion> colours_;
   std::unique_ptr<FilterPass> rotation_;  // null for an upright clip
   int clipWidth_ = 0;
