@@ -181,7 +181,7 @@ bool ProgramBinary::write(const char* path) const {
 }
 
 CacheDirectory::~CacheDirectory() {
-  if (lock >= 0) ::close(lock);
+  if (lock >= 0 && ::close(lock) != 0) (void)cacheCallFailed("close", path);
 }
 
 CacheDirectory::CacheDirectory(CacheDirectory&& other) noexcept
@@ -199,7 +199,9 @@ CacheDirectory openProgramCache(const char* directory, const char* fingerprint) 
   }
   ensureDirectory(directory);
   cache.lock = ::open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (cache.lock >= 0) {
+  if (cache.lock < 0) {
+    NOXEL_LOG_VERBOSE("Unable to open file:\n\t%s\n", directory);
+  } else {
     if (!lockNow(cache.lock, LOCK_SH)) return nullptr;
     cache.readable = contains(file.c_str(), fingerprint);
     if (cache.readable) return cache;
