@@ -23,6 +23,7 @@ int EnhancerEngine::make(const noxel_config& config, int width, int height, plat
   host.shareDisplay = config.share_display;
   host.shareContext = config.share_context;
   mode_ = config.mode;
+  live_ = config.delivery == NOXEL_LIVE;
   if (initializeEngine(width, height, config.mode, 1, 1, 1, config.window, host, &engine_) != 0)
     return NOXEL_ERROR_MEMORY;
   if (!ready()) return NOXEL_ERROR_NO_GL;
@@ -42,8 +43,8 @@ void EnhancerEngine::apply(const double* settings) {
   const auto set = [&](unsigned parameter, int value) { KRSetParameter(parameter, &value, engine_); };
   const bool perFrame = settings[NOXEL_PER_FRAME] != 0;
   const bool stabilize = settings[NOXEL_STABILIZE] != 0;
-  // Mode 5 is cropped from the first frame on; the others ease into it.
-  const bool cropped = mode_ == NOXEL_MODE_CLEAR && stabilize && !perFrame;
+  // A file is cropped from its first frame on in mode 5; a live picture, and the other modes, ease into it.
+  const bool cropped = !live_ && mode_ == NOXEL_MODE_CLEAR && stabilize && !perFrame;
   const auto asked = static_cast<float>(settings[NOXEL_ZOOM]);
   const float zoom = cropped ? std::max(asked, kStabilizationCrop) : asked;
   if (zooms) KRSetParameter(kParamZoom, &zoom, engine_);

@@ -30,6 +30,7 @@ class EnhancerEngine {
  private:
   _KRSuperResEngine* engine_ = nullptr;
   int mode_ = NOXEL_MODE_CLEAR;
+  bool live_ = false;
   bool applied_ = false;
   double latest_[kSettingCount] = {};  // that were applied
 };

@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <utility>
 
-#include "api/engine_control.h"
+#include "common/engine_log.h"
 #include "common/interrupt.h"
+#include "common/program_cache_path.h"
 #include "common/tool_error.h"
 #include "enhance/look.h"
 #include "media/nv21_frame.h"
@@ -15,9 +17,9 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr int kRingSlots = 2;           // frames on their way, as the C interface has them
-constexpr milliseconds kIdle(100);      // max delay until a signal is noticed
-constexpr milliseconds kRateSpan(500);  // frames per second are measured over this
+constexpr int64_t kCameraIntervalUs = 33'000;  // however long a frame is shown: a skipped one or a pause is no cut
+constexpr milliseconds kIdle(100);             // max delay until a signal is noticed
+constexpr milliseconds kRateSpan(500);         // frames per second are measured over this
 constexpr milliseconds kStillInterval(33);
 constexpr milliseconds kMaxLag(1000);  // beyond it skipping does not help: play more slowly
 constexpr int kMaxSkipped = 10;        // in a row
@@ -37,41 +39,52 @@ std::string nameOf(const std::string& input) {
 
 }  // namespace
 
-WindowEngine::WindowEngine(Size frame, const SdlWindow& window, int mode) {
+WindowEngine::WindowEngine(Size frame, const SdlWindow& window, int mode) : size_(frame) {
+  const std::string cache = programCacheDirectory();
+  noxel_config config;
+  noxel_config_init(&config, sizeof(config), frame.width, frame.height);
+  config.mode = mode;
+  config.delivery = NOXEL_LIVE;
+  config.window = window.native();
+  config.log = [](void*, int level, const char* message) { EngineLog::take(level, message); };
+  config.cache_directory = cache.empty() ? nullptr : cache.c_str();
+  const int result = noxel_create(&config, &enhancer_);
+  if (result == NOXEL_OK) return;
   const std::string size = std::to_string(frame.width) + "x" + std::to_string(frame.height);
-  if (initializeEngine(frame.width, frame.height, mode, kRingSlots, 1, 0, window.native(), &engine_) != 0) {
-    throw ToolError(kExitFailed, "cannot make an engine for frames of " + size);
-  }
-  if (engineReady(engine_)) {
-    easeLosses(engine_, true);
-    return;
-  }
-  releaseEngine(&engine_);
-  throw ToolError(kExitNoGl, "no usable OpenGL ES 3.0 in a window for frames of " + size);
+  if (result == NOXEL_ERROR_NO_GL)
+    throw ToolError(kExitNoGl, "no usable OpenGL ES 3.0 in a window for frames of " + size);
+  throw ToolError(kExitFailed, "cannot make an engine for frames of " + size);
 }
 
 WindowEngine::~WindowEngine() {
-  releaseEngine(&engine_);
+  noxel_free(&enhancer_);
 }
 
 void WindowEngine::set(const LiveLook& look) {
-  const auto set = [this](unsigned id, int value) { KRSetParameter(id, &value, engine_); };
-  set(kParamLightMode, look.spatial ? 1 : 0);
-  set(kParamQuality, look.quality);
-  set(kParamNoiseReductionStrength, look.strength);
-  set(kParamExposureStrength, look.exposure);
-  if (look.engineMode != kModeStabilize) set(kParamStabilization, look.stabilize ? 1 : 0);  // it is always on there
-  set(kParamDeghosting, kDefaultDeghosting);
-  KRSetParameter(kParamQuadB, look.split ? kLeftHalf : kWhole, engine_);
-  KRSetParameter(kParamQuadA, look.split ? kRightHalf : nullptr, engine_);
+  const std::pair<int, double> settings[] = {
+      {NOXEL_PER_FRAME, look.spatial ? 1 : 0},   {NOXEL_QUALITY, look.quality},
+      {NOXEL_STRENGTH, look.strength},           {NOXEL_EXPOSURE, look.exposure},
+      {NOXEL_STABILIZE, look.stabilize ? 1 : 0}, {NOXEL_DEGHOSTING, kDefaultDeghosting}};
+  for (const auto& [setting, value] : settings) noxel_set(enhancer_, setting, value);
+  noxel_set_corners(enhancer_, NOXEL_PICTURE_ENHANCED, look.split ? kLeftHalf : kWhole);
+  noxel_set_corners(enhancer_, NOXEL_PICTURE_AS_IT_CAME, look.split ? kRightHalf : nullptr);
 }
 
 void WindowEngine::show(uint8_t* nv21) {
-  if (KRProcessFrame(nv21, engine_) != 0) throw ToolError(kExitFailed, "the engine refused a frame");
+  noxel_frame frame;
+  noxel_frame_init(&frame, sizeof(frame));
+  frame.format = NOXEL_PLANES_NV21;
+  frame.range = NOXEL_RANGE_FULL;
+  frame.planes[0] = nv21;
+  frame.planes[1] = nv21 + static_cast<ptrdiff_t>(size_.width) * size_.height;
+  frame.strides[0] = frame.strides[1] = size_.width;
+  frame.time_us = timeUs_ += kCameraIntervalUs;
+  if (noxel_send(enhancer_, &frame) < NOXEL_OK) throw ToolError(kExitFailed, "the engine refused a frame");
 }
 
-uint64_t WindowEngine::framesDrawn() const {
-  return lastFrameReport(engine_).number;
+uint64_t WindowEngine::framesDrawn() {
+  while (noxel_receive(enhancer_, nullptr, nullptr) == NOXEL_OK) ++drawn_;
+  return drawn_;
 }
 
 Viewer::Viewer(const ViewOptions& options)
@@ -155,6 +168,7 @@ void Viewer::togglePause() {
   if (ended_) {
     if (!source_.canRestart()) return;
     source_.restart();
+    engine_.cut();
     exhausted_ = ended_ = false;
   } else {
     paused_ = !paused_;
@@ -195,6 +209,7 @@ void Viewer::playClip() {
 void Viewer::reachEnd() {
   if (options_.loop) {
     source_.restart();
+    engine_.cut();
     exhausted_ = false;
     clock_.start(Clock::now(), source_.timeUs());
     return;
@@ -217,6 +232,7 @@ void Viewer::repaint(int frames) {
 void Viewer::show() {
   source_.pack(nv21_.data());
   engine_.show(nv21_.data());
+  engine_.framesDrawn();  // takes note of those that are done
   ++framesShown_;
   stillFrames_ = kRepaintFrames;  // in case playback stops here and the engine dropped this frame
 }

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "noxel/noxel.h"
+#include "noxel/enhancer.h"
 #include "view/sdl_window.h"
 #include "view/view_controls.h"
 #include "view/view_source.h"
@@ -21,7 +21,7 @@ struct ViewOptions {
   bool verbose = false;
 };
 
-// An engine that renders into a window, which must outlive it.
+// An enhancer that draws into a window, which must outlive it.
 class WindowEngine {
  public:
   WindowEngine(Size frame, const SdlWindow& window, int mode);
@@ -30,11 +30,17 @@ class WindowEngine {
   WindowEngine& operator=(const WindowEngine&) = delete;
 
   void set(const LiveLook& look);
-  void show(uint8_t* nv21);      // leaves the frame unchanged
-  uint64_t framesDrawn() const;  // fewer than shown: the engine drops frames when it is busy
+  void show(uint8_t* nv21);  // leaves the frame unchanged
+  // The next frame follows none.
+  void cut() { timeUs_ += 1'000'000'000; }
+  // Fewer than shown: frames are dropped while the engine is busy. To be asked about as often as frames are shown.
+  uint64_t framesDrawn();
 
  private:
-  _KRSuperResEngine* engine_ = nullptr;
+  const Size size_;
+  noxel_enhancer* enhancer_ = nullptr;
+  int64_t timeUs_ = 0;
+  uint64_t drawn_ = 0;
 };
 
 // A clip plays by the steady clock and skips frames rather than lag; a device's frames are shown as they come. The last
