@@ -68,12 +68,13 @@ typedef enum noxel_result {
   NOXEL_ERROR_UNSUPPORTED = -4 /**< not with this configuration */
 } noxel_result;
 
-/** Layout of 8-bit YUV 4:2:0 planes. With odd sizes chroma planes are (width + 1) / 2 by (height + 1) / 2 samples. */
+/** Layout of 8-bit planes, YUV 4:2:0 but for the last one. With odd sizes chroma planes are (width + 1) / 2 by (height + 1) / 2 samples. */
 typedef enum noxel_format {
   NOXEL_PLANES_NV12 = 0, /**< Y; U,V pairs */
   NOXEL_PLANES_NV21 = 1, /**< Y; V,U pairs */
   NOXEL_PLANES_I420 = 2, /**< Y; U; V */
-  NOXEL_PLANES_YV12 = 3  /**< Y; V; U */
+  NOXEL_PLANES_YV12 = 3, /**< Y; V; U */
+  NOXEL_PLANES_RGBA = 4  /**< one plane of R,G,B,A, full range; alpha stays as it is. Mode 4, and no other */
 } noxel_format;
 
 /** Which codes luma and chroma take. */
@@ -91,6 +92,7 @@ typedef enum noxel_mode {
   NOXEL_MODE_ENHANCE = 1,          /**< denoised over time, brightened by gain and gamma */
   NOXEL_MODE_STABILIZE = 2,        /**< stabilised and sharpened */
   NOXEL_MODE_NEUTRAL_EXPOSURE = 3, /**< as NOXEL_MODE_ENHANCE, not brightened */
+  NOXEL_MODE_PICTURE = 4,          /**< detail and contrast of single pictures, NOXEL_PLANES_RGBA only */
   NOXEL_MODE_CLEAR = 5             /**< the clear picture: the best one, and the default */
 } noxel_mode;
 
@@ -213,8 +215,8 @@ typedef enum noxel_setting_id {
   NOXEL_STABILIZE = 3,  /**< "stabilize": takes the camera's shake out, at the price of the picture's edges */
   NOXEL_ZOOM = 4,       /**< "zoom": 1..32 */
   NOXEL_PER_FRAME = 5,  /**< "per-frame": each frame by itself, without those before it */
-  NOXEL_SHARPENING = 6, /**< "sharpening": 0..100, modes 0 and 2 */
-  NOXEL_CONTRAST = 7,   /**< "contrast": 0..100, modes 0 and 2 */
+  NOXEL_SHARPENING = 6, /**< "sharpening": 0..100, modes 0, 2 and 4 */
+  NOXEL_CONTRAST = 7,   /**< "contrast": 0..100, modes 0, 2 and 4 */
   NOXEL_DEGHOSTING = 8, /**< "deghosting": 0..10, modes 1 and 3 */
   NOXEL_FLIP_CHROMA = 9 /**< "flip-chroma": U and V change places; modes 0 and 2 */
 } noxel_setting_id;

@@ -28,7 +28,8 @@ void tell(const EnhancerFrame& frame, noxel_frame_info* info) {
   info->size = size;
 }
 
-size_t frameBytes(int width, int height) {
+size_t frameBytes(int width, int height, int mode) {
+  if (mode == NOXEL_MODE_PICTURE) return 4 * static_cast<size_t>(width) * static_cast<size_t>(height);
   return static_cast<size_t>(engineWidth(width)) * static_cast<size_t>(engineHeight(height)) * 3 / 2;
 }
 
@@ -85,7 +86,7 @@ int Enhancer::setUp(const noxel_config& config) {
     std::memcpy(cacheDirectory_, config.cache_directory, size);
     config_.cache_directory = cacheDirectory_;
   }
-  const size_t bytes = frameBytes(width_, height_);
+  const size_t bytes = frameBytes(width_, height_, mode_);
   scratch_ = static_cast<unsigned char*>(std::malloc(bytes));
   bool allocated = scratch_ != nullptr;
   const int count = places();
@@ -98,7 +99,9 @@ int Enhancer::setUp(const noxel_config& config) {
     NOXEL_LOG_ERROR("no memory for %d frames of %d x %d", count, width_, height_);
     return NOXEL_ERROR_MEMORY;
   }
-  const int made = engine_.make(config_, engineWidth(width_), engineHeight(height_), &log_);
+  const bool padded = mode_ != NOXEL_MODE_PICTURE;
+  const int made =
+      engine_.make(config_, padded ? engineWidth(width_) : width_, padded ? engineHeight(height_) : height_, &log_);
   if (made != NOXEL_OK) return made;
   if (!enableDiagnostics()) return NOXEL_ERROR_MEMORY;
   workerStarted_ = pthread_create(&worker_, nullptr, workerMain, this) == 0;
@@ -149,7 +152,7 @@ int Enhancer::latencyFrames() const {
 }
 
 int Enhancer::send(const noxel_frame& frame) {
-  if (!isUsable(frame, width_, height_)) return NOXEL_ERROR_ARGUMENT;
+  if (!isUsable(frame, width_, height_, mode_)) return NOXEL_ERROR_ARGUMENT;
   int place;
   {
     Lock lock(mutex_);
@@ -159,9 +162,13 @@ int Enhancer::send(const noxel_frame& frame) {
   }
   EnhancerFrame* slot = &frames_[place];
   slot->sentNs = KRTimeNow();
-  takePlanes(frame, width_, height_, slot->nv21);
   slot->matrix = frame.matrix;
-  if (mode_ != NOXEL_MODE_CLEAR) {
+  if (mode_ == NOXEL_MODE_PICTURE) {
+    takeRgba(frame, width_, height_, slot->nv21);
+  } else {
+    takePlanes(frame, width_, height_, slot->nv21);
+  }
+  if (mode_ != NOXEL_MODE_CLEAR && mode_ != NOXEL_MODE_PICTURE) {
     convertMatrix(frame.matrix, NOXEL_MATRIX_BT601, engineWidth(width_), engineHeight(height_), slot->nv21);
     slot->matrix = NOXEL_MATRIX_BT601;
   }
@@ -198,12 +205,14 @@ int Enhancer::takeFinished(int* place) {
 
 int Enhancer::receive(noxel_frame* frame, noxel_frame_info* info) {
   const bool written = frame != nullptr && !intoWindow_;
-  if (written && !isUsable(*frame, width_, height_)) return NOXEL_ERROR_ARGUMENT;
+  if (written && !isUsable(*frame, width_, height_, mode_)) return NOXEL_ERROR_ARGUMENT;
   int place = 0;
   const int result = takeFinished(&place);
   if (result != NOXEL_OK) return result;
   const EnhancerFrame& finished = frames_[place];
-  if (written) {
+  if (written && mode_ == NOXEL_MODE_PICTURE) {
+    giveRgba(finished.nv21, width_, height_, *frame);
+  } else if (written) {
     convertMatrix(finished.matrix, frame->matrix, engineWidth(width_), engineHeight(height_), finished.nv21);
     givePlanes(finished.nv21, width_, height_, *frame);
   }
@@ -216,7 +225,7 @@ int Enhancer::receive(noxel_frame* frame, noxel_frame_info* info) {
 }
 
 int Enhancer::renderTexture(unsigned texture, int width, int height, noxel_frame_info* info) {
-  if (config_.share_context == nullptr) return NOXEL_ERROR_UNSUPPORTED;
+  if (config_.share_context == nullptr || mode_ == NOXEL_MODE_PICTURE) return NOXEL_ERROR_UNSUPPORTED;
   if (texture == 0 || width < 1 || height < 1) return NOXEL_ERROR_ARGUMENT;
   int place = 0;
   const int result = takeFinished(&place);
@@ -344,7 +353,9 @@ void Enhancer::enhance(int available) {
   }
   passesOf_ = &frame->diagnostics;
   passesOf_->passCount = 0;
+  if (mode_ == NOXEL_MODE_PICTURE) std::memcpy(scratch_, frame->nv21, frameBytes(width_, height_, mode_));
   const bool enhanced = engine_.process(frame->nv21);
+  if (mode_ == NOXEL_MODE_PICTURE) copyAlpha(scratch_, width_, height_, frame->nv21);
   fillInfo(frame, enhanced);
   fillDiagnostics(frame);
 }
@@ -357,7 +368,7 @@ void Enhancer::beginSequence(int available) {
   if (mode_ == NOXEL_MODE_ENHANCE || (mode_ == NOXEL_MODE_STABILIZE && perFrame)) settleExposure(first);
   if (mode_ != NOXEL_MODE_CLEAR || perFrame || first.settings[NOXEL_STRENGTH] == 0) return;
   for (int i = std::min(available, kFramesInHistory) - 1; i > 0 && !hurry_.load(std::memory_order_relaxed); --i) {
-    std::memcpy(scratch_, frames_[waiting_.at(i)].nv21, frameBytes(width_, height_));
+    std::memcpy(scratch_, frames_[waiting_.at(i)].nv21, frameBytes(width_, height_, mode_));
     if (followsLeadIn_) engine_.clock.stepOnce();
     engine_.process(scratch_);
     followsLeadIn_ = true;
@@ -370,7 +381,7 @@ void Enhancer::settleExposure(const EnhancerFrame& first) {
   ExposureSettling settling;
   FrameReport report;
   do {
-    std::memcpy(scratch_, first.nv21, frameBytes(width_, height_));
+    std::memcpy(scratch_, first.nv21, frameBytes(width_, height_, mode_));
     if (settling.rounds() > 0) engine_.clock.stepOnce();
     engine_.process(scratch_);
     report = lastFrameReport(engine_.get());

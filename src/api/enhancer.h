@@ -34,7 +34,7 @@ struct FrameDiagnostics {
 // A frame on its way through an enhancer. Belongs to the caller's thread until it waits, then to the worker, and to the
 // receiver once it is done.
 struct EnhancerFrame {
-  unsigned char* nv21 = nullptr;  // padded
+  unsigned char* nv21 = nullptr;  // padded; mode 4: RGBA
   int matrix = NOXEL_MATRIX_BT601;
   double settings[kSettingCount] = {};  // as they were when it was sent
   bool cut = false;                     // it begins a sequence

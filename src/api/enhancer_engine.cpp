@@ -27,6 +27,7 @@ int EnhancerEngine::make(const noxel_config& config, int width, int height, plat
   if (initializeEngine(width, height, config.mode, 1, 1, 1, config.window, host, &engine_) != 0)
     return NOXEL_ERROR_MEMORY;
   if (!ready()) return NOXEL_ERROR_NO_GL;
+  if (mode_ == NOXEL_MODE_PICTURE) return NOXEL_OK;
   easeLosses(engine_, true);
   return measureNoise(engine_, true) == 0 ? NOXEL_OK : NOXEL_ERROR_MEMORY;
 }
@@ -47,7 +48,7 @@ void EnhancerEngine::apply(const double* settings) {
   const bool cropped = !live_ && mode_ == NOXEL_MODE_CLEAR && stabilize && !perFrame;
   const auto asked = static_cast<float>(settings[NOXEL_ZOOM]);
   const float zoom = cropped ? std::max(asked, kStabilizationCrop) : asked;
-  if (zooms) KRSetParameter(kParamZoom, &zoom, engine_);
+  if (zooms) KRSetParameter(mode_ == NOXEL_MODE_PICTURE ? kParamTotalZoom : kParamZoom, &zoom, engine_);
   set(kParamQuality, whole(NOXEL_QUALITY));
   set(kParamLightMode, perFrame ? 1 : 0);
   set(kParamNoiseReductionStrength, whole(NOXEL_STRENGTH));

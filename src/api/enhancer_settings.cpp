@@ -20,8 +20,8 @@ constexpr unsigned modes(std::initializer_list<int> list) {
 constexpr const char* kQualities[] = {"fast", "balanced", "best"};
 
 constexpr noxel_setting_info kSettings[] = {
-    {NOXEL_STRENGTH, "strength", "How much noise is taken out.",
-     NOXEL_SETTING_INT, 0, 100, 50, nullptr, modes({0, 1, 3, 5})},
+    {NOXEL_STRENGTH, "strength", "How much noise is taken out.", NOXEL_SETTING_INT, 0, 100, 50, nullptr,
+     modes({0, 1, 3, 5})},
     {NOXEL_QUALITY, "quality", "How much time a frame may take; best also looks at the frames that follow.",
      NOXEL_SETTING_CHOICE, 0, 2, 1, kQualities, modes({5})},
     {NOXEL_EXPOSURE, "exposure", "How far dark pictures are brightened.", NOXEL_SETTING_INT, 0, 100, 50, nullptr,
@@ -29,13 +29,13 @@ constexpr noxel_setting_info kSettings[] = {
     {NOXEL_STABILIZE, "stabilize", "Takes the camera's shake out, at the price of the picture's edges.",
      NOXEL_SETTING_BOOL, 0, 1, 0, nullptr, modes({0, 1, 3, 5})},
     {NOXEL_ZOOM, "zoom", "How many times the middle of the picture is magnified.", NOXEL_SETTING_FLOAT, 1, 32, 1,
-     nullptr, modes({0, 1, 2, 3, 5})},
+     nullptr, modes({0, 1, 2, 3, 4, 5})},
     {NOXEL_PER_FRAME, "per-frame", "Enhances each frame by itself, without the frames before it.", NOXEL_SETTING_BOOL,
      0, 1, 0, nullptr, modes({0, 1, 2, 3, 5})},
     {NOXEL_SHARPENING, "sharpening", "How much edges are sharpened.", NOXEL_SETTING_INT, 0, 100, 2, nullptr,
-     modes({0, 2})},
+     modes({0, 2, 4})},
     {NOXEL_CONTRAST, "contrast", "How much the contrast of fine detail is raised.", NOXEL_SETTING_INT, 0, 100, 30,
-     nullptr, modes({0, 2})},
+     nullptr, modes({0, 2, 4})},
     {NOXEL_DEGHOSTING, "deghosting", "How soon moving objects are taken from the newest frame alone.",
      NOXEL_SETTING_INT, 0, 10, 8, nullptr, modes({1, 3})},
     {NOXEL_FLIP_CHROMA, "flip-chroma", "U and V change places.", NOXEL_SETTING_BOOL, 0, 1, 0, nullptr, modes({0, 2})},

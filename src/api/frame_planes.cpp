@@ -120,7 +120,10 @@ unsigned char rounded(int value) {
 
 }  // namespace
 
-bool isUsable(const noxel_frame& frame, int width, int height) {
+bool isUsable(const noxel_frame& frame, int width, int height, int mode) {
+  if ((mode == NOXEL_MODE_PICTURE) != (frame.format == NOXEL_PLANES_RGBA)) return false;
+  if (frame.format == NOXEL_PLANES_RGBA)
+    return frame.planes[0] != nullptr && (height == 1 || std::abs(frame.strides[0]) >= ptrdiff_t{4} * width);
   if (frame.format < NOXEL_PLANES_NV12 || frame.format > NOXEL_PLANES_YV12) return false;
   if (frame.range != NOXEL_RANGE_LIMITED && frame.range != NOXEL_RANGE_FULL) return false;
   if (frame.matrix != NOXEL_MATRIX_BT601 && frame.matrix != NOXEL_MATRIX_BT709) return false;
@@ -162,6 +165,21 @@ void givePlanes(const unsigned char* nv21, int width, int height, const noxel_fr
       u[at] = full ? from[2 * x + 1] : kChromaToLimited[from[2 * x + 1]];
     }
   }
+}
+
+void takeRgba(const noxel_frame& frame, int width, int height, unsigned char* rgba) {
+  const size_t bytes = 4 * static_cast<size_t>(width);
+  for (int y = 0; y < height; ++y, rgba += bytes) std::memcpy(rgba, frame.planes[0] + y * frame.strides[0], bytes);
+}
+
+void giveRgba(const unsigned char* rgba, int width, int height, const noxel_frame& frame) {
+  const size_t bytes = 4 * static_cast<size_t>(width);
+  for (int y = 0; y < height; ++y, rgba += bytes) std::memcpy(frame.planes[0] + y * frame.strides[0], rgba, bytes);
+}
+
+void copyAlpha(const unsigned char* from, int width, int height, unsigned char* rgba) {
+  const size_t bytes = 4 * static_cast<size_t>(width) * static_cast<size_t>(height);
+  for (size_t i = 3; i < bytes; i += 4) rgba[i] = from[i];
 }
 
 void convertMatrix(int from, int to, int width, int height, unsigned char* nv21) {

@@ -20,12 +20,12 @@ int initialise(Record* record, size_t size, const Record& defaults) {
 
 int check(const noxel_config& config) {
   const bool sized = config.width > 0 && config.height > 0 && config.width <= INT_MAX / 8 / config.height;
-  const bool moded = (config.mode >= NOXEL_MODE_THREE_FRAMES && config.mode <= NOXEL_MODE_NEUTRAL_EXPOSURE) ||
-                     config.mode == NOXEL_MODE_CLEAR;
+  const bool moded = config.mode >= NOXEL_MODE_THREE_FRAMES && config.mode <= NOXEL_MODE_CLEAR;
   const bool chosen = config.quality >= NOXEL_QUALITY_FAST && config.quality <= NOXEL_QUALITY_BEST &&
                       (config.delivery == NOXEL_COMPLETE || config.delivery == NOXEL_LIVE);
   if (!sized || !moded || !chosen || config.frame_interval_us < 0) return NOXEL_ERROR_ARGUMENT;
-  if (config.window != nullptr && config.delivery == NOXEL_COMPLETE) return NOXEL_ERROR_UNSUPPORTED;
+  if (config.window != nullptr && (config.delivery == NOXEL_COMPLETE || config.mode == NOXEL_MODE_PICTURE))
+    return NOXEL_ERROR_UNSUPPORTED;
   if ((config.share_context == nullptr) != (config.share_display == nullptr)) return NOXEL_ERROR_ARGUMENT;
   return NOXEL_OK;
 }

@@ -394,7 +394,7 @@ TEST(Enhancer, RefusesWhatMakesNoSense) {
   int window = 0;
   EXPECT_EQ(created([](noxel_config& config) { config.width = 0; }), NOXEL_ERROR_ARGUMENT);
   EXPECT_EQ(created([](noxel_config& config) { config.width = config.height = 1 << 20; }), NOXEL_ERROR_ARGUMENT);
-  EXPECT_EQ(created([](noxel_config& config) { config.mode = 4; }), NOXEL_ERROR_ARGUMENT);
+  EXPECT_EQ(created([](noxel_config& config) { config.mode = 6; }), NOXEL_ERROR_ARGUMENT);
   EXPECT_EQ(created([](noxel_config& config) { config.quality = 3; }), NOXEL_ERROR_ARGUMENT);
   EXPECT_EQ(created([](noxel_config& config) { config.size = 3; }), NOXEL_ERROR_ARGUMENT);
   EXPECT_EQ(created([&](noxel_config& config) { config.window = &window; }), NOXEL_ERROR_UNSUPPORTED);
@@ -404,13 +404,14 @@ TEST(Enhancer, RefusesWhatMakesNoSense) {
   }
   Enhancement enhancement(16, 8);
   if (!enhancement.made()) GTEST_SKIP();
-  for (int wrong = 0; wrong < 5; ++wrong) {
+  for (int wrong = 0; wrong < 6; ++wrong) {
     Planes planes(16, 8, NOXEL_PLANES_I420);
     if (wrong == 0) planes.frame.format = 9;
     if (wrong == 1) planes.frame.range = 2;
     if (wrong == 2) planes.frame.planes[2] = nullptr;
     if (wrong == 3) planes.frame.strides[1] = 7;
     if (wrong == 4) planes.frame.size = 8;
+    if (wrong == 5) planes.frame.format = NOXEL_PLANES_RGBA;  // in mode 4 only
     EXPECT_EQ(noxel_send(enhancement.enhancer, &planes.frame), NOXEL_ERROR_ARGUMENT) << wrong;
     EXPECT_EQ(noxel_receive(enhancement.enhancer, &planes.frame, nullptr), NOXEL_ERROR_ARGUMENT) << wrong;
   }

@@ -10,7 +10,6 @@
 #include <string>
 
 #include "common/tool_error.h"
-#include "enhance/engine_handle.h"
 #include "enhance/enhancer_session.h"
 #include "support/driver_required.h"
 #include "support/temporary_directory.h"
@@ -56,7 +55,10 @@ inline void enhanceOne(Enhancer& session, uint8_t* nv21, int64_t presentationUs)
 
 inline std::string missingDriver() {
   try {
-    const EngineHandle engine(16, 16, kModeEnhance);
+    noxel_config config;
+    noxel_config_init(&config, sizeof(config), 16, 16);
+    noxel_enhancer* enhancer = makeEnhancer(config);
+    noxel_free(&enhancer);
     return "";
   } catch (const ToolError& error) {
     return error.what();

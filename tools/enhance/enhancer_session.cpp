@@ -11,14 +11,9 @@
 namespace noxel::tool {
 namespace {
 
-void check(int result, const EnhancerSettings& settings) {
-  if (result >= NOXEL_OK) return;
-  const std::string size = std::to_string(settings.width) + "x" + std::to_string(settings.height);
-  if (result == NOXEL_ERROR_NO_GL)
-    throw ToolError(kExitNoGl, "no usable OpenGL ES 3.0 for frames of " + size + "; see `noxel info`");
-  if (result == NOXEL_ERROR_MEMORY || result == NOXEL_ERROR_ARGUMENT)
-    throw ToolError(kExitFailed, "cannot make an engine for frames of " + size + "; scale the clip down first");
-  throw ToolError(kExitFailed, std::string("the engine refused a frame: ") + noxel_error_text(result));
+void check(int result) {
+  if (result < NOXEL_OK)
+    throw ToolError(kExitFailed, std::string("the engine refused a frame: ") + noxel_error_text(result));
 }
 
 std::vector<_KRMatch> tracksOf(const noxel_enhancer* enhancer, bool own) {
@@ -31,8 +26,26 @@ std::vector<_KRMatch> tracksOf(const noxel_enhancer* enhancer, bool own) {
 
 }  // namespace
 
-EnhancerSession::EnhancerSession(const EnhancerSettings& settings) : settings_(settings) {
+noxel_enhancer* makeEnhancer(noxel_config config) {
   const std::string cache = programCacheDirectory();
+  if (!cache.empty()) config.cache_directory = cache.c_str();
+  if (config.log == nullptr) config.log = [](void*, int level, const char* line) { EngineLog::take(level, line); };
+  noxel_enhancer* enhancer = nullptr;
+  const int result = noxel_create(&config, &enhancer);
+  if (result == NOXEL_OK) return enhancer;
+  const std::string size = std::to_string(config.width) + "x" + std::to_string(config.height);
+  if (result == NOXEL_ERROR_NO_GL)
+    throw ToolError(kExitNoGl, "no usable OpenGL ES 3.0 for frames of " + size + "; see `noxel info`");
+  throw ToolError(kExitFailed, "cannot make an engine for frames of " + size + "; scale the clip down first");
+}
+
+void addPasses(const noxel_enhancer* enhancer, PassTimes& times) {
+  const char* name = nullptr;
+  uint64_t nanoseconds = 0;
+  for (int i = 0; noxel_pass(enhancer, i, &name, &nanoseconds) == NOXEL_OK; ++i) times.add(name, nanoseconds);
+}
+
+EnhancerSession::EnhancerSession(const EnhancerSettings& settings) : settings_(settings) {
   noxel_config config;
   noxel_config_init(&config, sizeof(config), settings.width, settings.height);
   config.mode = settings.look.mode();
@@ -41,10 +54,9 @@ EnhancerSession::EnhancerSession(const EnhancerSettings& settings) : settings_(s
   config.lead_in = settings.warmUp ? 1 : 0;
   config.log = receiveLog;
   config.log_context = this;
-  config.cache_directory = cache.empty() ? nullptr : cache.c_str();
   if (settings.overlay) config.diagnostics |= NOXEL_DIAGNOSE_TRACKS | NOXEL_DIAGNOSE_HISTORY;
   if (settings.passes) config.diagnostics |= NOXEL_DIAGNOSE_PASSES;
-  check(noxel_create(&config, &enhancer_), settings);
+  enhancer_ = makeEnhancer(config);
   setParameters(settings.look, enhancer_);
   noxel_frame_info_init(&info_, sizeof(info_));
 }
@@ -84,7 +96,7 @@ bool EnhancerSession::send(const uint8_t* nv21, int64_t presentationUs) {
   noxel_frame frame = frameOf(nv21);
   frame.time_us = presentationUs;
   const int result = noxel_send(enhancer_, &frame);
-  check(result, settings_);
+  check(result);
   return result == NOXEL_OK;
 }
 
@@ -95,7 +107,7 @@ void EnhancerSession::finish() {
 bool EnhancerSession::receive(uint8_t* nv21) {
   noxel_frame frame = frameOf(nv21);
   const int result = noxel_receive(enhancer_, &frame, &info_);
-  check(result, settings_);
+  check(result);
   if (result == NOXEL_OK) ++received_;
   return result == NOXEL_OK;
 }
@@ -139,9 +151,7 @@ Overlay EnhancerSession::overlay() const {
 }
 
 void EnhancerSession::addPasses(PassTimes& times) const {
-  const char* name = nullptr;
-  uint64_t nanoseconds = 0;
-  for (int i = 0; noxel_pass(enhancer_, i, &name, &nanoseconds) == NOXEL_OK; ++i) times.add(name, nanoseconds);
+  noxel::tool::addPasses(enhancer_, times);
 }
 
 }  // namespace noxel::tool

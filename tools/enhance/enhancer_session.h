@@ -47,6 +47,11 @@ class Enhancer {
   virtual std::string takeNote() { return {}; }
 };
 
+// With the tool's program cache, and the tool's log unless the configuration has its own. ToolError, kExitNoGl without usable GL.
+noxel_enhancer* makeEnhancer(noxel_config config);
+// The passes of the frame received last.
+void addPasses(const noxel_enhancer* enhancer, PassTimes& times);
+
 using EnhancerFactory = std::function<std::unique_ptr<Enhancer>(const EnhancerSettings&)>;
 
 // Engine modes 0 to 3 and 5. ToolError, kExitNoGl without usable GL.

@@ -66,10 +66,4 @@ void setParameters(const Look& look, noxel_enhancer* enhancer) {
   if (!look.untouchedQuad.empty()) noxel_set_corners(enhancer, NOXEL_PICTURE_AS_IT_CAME, look.untouchedQuad.data());
 }
 
-void setParameters(const Look& look, _KRSuperResEngine* engine) {
-  KRSetParameter(kParamSharpening, &look.sharpening, engine);
-  KRSetParameter(kParamContrast, &look.contrast, engine);
-  KRSetParameter(kParamTotalZoom, &look.zoom, engine);
-}
-
 }  // namespace noxel::tool

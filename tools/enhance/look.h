@@ -53,6 +53,5 @@ bool followsExposure(const Look& look);
 bool leadsIn(const Look& look);
 
 void setParameters(const Look& look, noxel_enhancer* enhancer);
-void setParameters(const Look& look, _KRSuperResEngine* engine);  // of mode 4
 
 }  // namespace noxel::tool

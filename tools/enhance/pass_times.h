@@ -9,11 +9,6 @@
 
 namespace noxel::tool {
 
-struct PassTime {
-  std::string pass;
-  uint64_t nanoseconds;  // 0: time unknown
-};
-
 // Figures are per frame, over the frames that drew the pass: times of one frame add up.
 class PassTimes {
  public:

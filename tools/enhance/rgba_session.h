@@ -1,7 +1,6 @@
 // Engine mode 4: detail and contrast of packed RGBA, one picture at a time.
 #pragma once
 
-#include "enhance/engine_handle.h"
 #include "enhance/enhancer_session.h"
 #include "media/av_types.h"
 
@@ -9,15 +8,18 @@ namespace noxel::tool {
 
 class RgbaEngine {
  public:
-  RgbaEngine(int width, int height, const Look& look);
+  // ToolError, kExitNoGl without usable GL.
+  RgbaEngine(int width, int height, const Look& look, bool passes = false);
+  ~RgbaEngine() { noxel_free(&enhancer_); }
+  RgbaEngine(const RgbaEngine&) = delete;
+  RgbaEngine& operator=(const RgbaEngine&) = delete;
+
   // AV_PIX_FMT_RGBA of the engine's size; alpha is kept.
   FramePtr enhanced(const AVFrame& rgba);
-  // As EngineHandle::timePasses.
-  void timePasses(std::vector<PassTime>& times) const { engine_.timePasses(times); }
+  void addPasses(PassTimes& times) const;  // of the latest picture
 
  private:
-  EngineHandle engine_;
-  std::vector<uint8_t> packed_;
+  noxel_enhancer* enhancer_ = nullptr;
 };
 
 // The same for the frames of a clip, one at a time. No motion, no warm-up.
@@ -31,13 +33,12 @@ class RgbaSession : public Enhancer {
   FrameReport report() const override;
   double totalMs() const override { return totalMs_; }
   Overlay overlay() const override { return {}; }
-  void addPasses(PassTimes& times) const override;
+  void addPasses(PassTimes& times) const override { engine_.addPasses(times); }
 
  private:
   const int width_;
   const int height_;
   RgbaEngine engine_;
-  std::vector<PassTime> passes_;  // of the latest frame
   std::vector<uint8_t> waiting_;  // empty: none does
   double totalMs_ = 0;
 };
