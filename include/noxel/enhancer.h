@@ -68,7 +68,8 @@ typedef enum noxel_result {
   NOXEL_ERROR_UNSUPPORTED = -4 /**< not with this configuration */
 } noxel_result;
 
-/** Layout of 8-bit planes, YUV 4:2:0 but for the last one. With odd sizes chroma planes are (width + 1) / 2 by (height + 1) / 2 samples. */
+/** Layout of 8-bit planes, YUV 4:2:0 but for the last one. With odd sizes chroma planes are (width + 1) / 2 by
+ *  (height + 1) / 2 samples. */
 typedef enum noxel_format {
   NOXEL_PLANES_NV12 = 0, /**< Y; U,V pairs */
   NOXEL_PLANES_NV21 = 1, /**< Y; V,U pairs */
@@ -355,8 +356,8 @@ typedef struct noxel_track {
   float to_x, to_y;     /**< in this one */
 } noxel_track;
 
-/** Of the frame received last: pairs on its common motion, and the blocks that moved on their own. For NOXEL_DIAGNOSE_TRACKS; else
- *  there are none.
+/** Of the frame received last: pairs on its common motion, and the blocks that moved on their own. Without
+ *  NOXEL_DIAGNOSE_TRACKS there are none.
  *
  *  own       0: of the common motion; 1: on their own, mode 5
  *  tracks    receives up to `capacity` of them; may be null where that is 0

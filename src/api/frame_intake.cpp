@@ -10,8 +10,8 @@
 namespace noxel {
 namespace {
 
-// Milliseconds since the last frame of any engine that reads the same clock; under frameMutex. In double until the end: in single precision the seconds since 1970 lose
-// the milliseconds, and an exact 200 ms would count as more.
+// Milliseconds since the last frame of any engine that reads the same clock; under frameMutex. In double until the end: in
+// single precision the seconds since 1970 lose the milliseconds, and an exact 200 ms would count as more.
 float takeGap(_KRSuperResEngine* engine) {
   const EngineHost& host = engine->host;
   const platform::TimeOfDay now = host.clock != nullptr ? host.clock(host.clockContext) : platform::frameTime();
