@@ -356,6 +356,7 @@ void Enhancer::enhance(int available) {
   if (mode_ == NOXEL_MODE_PICTURE) std::memcpy(scratch_, frame->nv21, frameBytes(width_, height_, mode_));
   const bool enhanced = engine_.process(frame->nv21);
   if (mode_ == NOXEL_MODE_PICTURE) copyAlpha(scratch_, width_, height_, frame->nv21);
+  passesOf_ = nullptr;  // those of a lead-in are nobody's
   fillInfo(frame, enhanced);
   fillDiagnostics(frame);
 }
