@@ -21,7 +21,8 @@ extern "C" {
 namespace noxel::tool {
 namespace {
 
-constexpr double kMaxRate = 1000.0;  // frames per second; higher rates are clock rates
+constexpr size_t kFramesToJudge = 8;  // by which a clip that does not say so is found interlaced
+constexpr double kMaxRate = 1000.0;   // frames per second; higher rates are clock rates
 
 int onInterrupt(void*) {
   return stopRequested() ? 1 : 0;
@@ -159,7 +160,7 @@ void VideoReader::openDecoder() {
     throw ToolError(kExitUnreadable, name_ + ": cannot decode " + codecName() + ": " + avErrorText(result));
 }
 
-FramePtr VideoReader::next() {
+FramePtr VideoReader::decode() {
   FramePtr frame = makeFrame();
   while (!stopRequested()) {
     const int result = avcodec_receive_frame(decoder_.get(), frame.get());
@@ -177,6 +178,79 @@ FramePtr VideoReader::next() {
     }
   }
   return nullptr;
+}
+
+// Whether the clip is interlaced, where it does not say so, is seen in its first frames.
+void VideoReader::begin() {
+  begun_ = true;
+  FramePtr first = decode();
+  if (!first) return;
+  const AVFieldOrder stated = stream_->codecpar->field_order;
+  const bool flagged = first->interlaced_frame != 0;
+  std::optional<FieldOrder> order;
+  if (stated == AV_FIELD_TT || stated == AV_FIELD_TB) order = FieldOrder::kTopFirst;
+  if (stated == AV_FIELD_BB || stated == AV_FIELD_BT) order = FieldOrder::kBottomFirst;
+  ahead_.push_back(std::move(first));
+  const AVFrame& frame = *ahead_.front();
+  if (!canDeinterlace(frame)) return;
+  if (flagged) {
+    deinterlacer_ = std::make_unique<Deinterlacer>(frame, std::nullopt);
+    return;
+  }
+  if (stated == AV_FIELD_UNKNOWN && !live()) {
+    while (ahead_.size() < kFramesToJudge) {
+      FramePtr more = decode();
+      if (!more) break;
+      ahead_.push_back(std::move(more));
+    }
+    std::vector<FramePtr> look;
+    for (const FramePtr& each : ahead_) look.push_back(share(*each));
+    order = detectFieldOrder(look);
+  }
+  if (order) deinterlacer_ = std::make_unique<Deinterlacer>(frame, order);
+}
+
+FramePtr VideoReader::asRead() {
+  if (ahead_.empty()) return decode();
+  FramePtr frame = std::move(ahead_.front());
+  ahead_.pop_front();
+  return frame;
+}
+
+FramePtr VideoReader::next() {
+  if (!begun_) begin();
+  while (!stopRequested()) {
+    if (deinterlacer_) {
+      if (FramePtr frame = deinterlacer_->receive()) return frame;
+      if (deinterlacerDrained_) return nullptr;
+    }
+    FramePtr frame = asRead();
+    if (frame && !deinterlacer_ && frame->interlaced_frame != 0 && canDeinterlace(*frame)) {
+      deinterlacer_ = std::make_unique<Deinterlacer>(*frame, std::nullopt);
+    }
+    if (!deinterlacer_) return frame;
+    if (frame) {
+      deinterlacer_->send(*frame);
+    } else if (!stopRequested()) {
+      deinterlacer_->finish();
+      deinterlacerDrained_ = true;
+    }
+  }
+  return nullptr;
+}
+
+bool VideoReader::seek(double seconds) {
+  if (standardInput_ || live() || (format_->iformat->flags & AVFMT_GENERIC_INDEX) != 0) return false;
+  const auto time = static_cast<int64_t>(seconds / av_q2d(stream_->time_base));
+  if (av_seek_frame(format_, stream_->index, time, AVSEEK_FLAG_BACKWARD) < 0) return false;
+  avcodec_flush_buffers(decoder_.get());
+  drained_ = false;
+  ahead_.clear();
+  packets_.clear();
+  lastPts_.reset();
+  if (deinterlacer_) deinterlacer_->restart();
+  deinterlacerDrained_ = false;
+  return true;
 }
 
 FramePtr VideoReader::first() {

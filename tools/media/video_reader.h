@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -10,6 +11,7 @@
 
 #include "media/av_types.h"
 #include "media/companions.h"
+#include "media/deinterlace.h"
 #include "media/standard_input.h"
 
 namespace noxel::tool {
@@ -34,10 +36,14 @@ class VideoReader {
   VideoReader& operator=(const VideoReader&) = delete;
 
   // The next frame in presentation order; null at the end or when a stop was requested. `pts` is in timeBase() and strictly
-  // increasing; `pkt_duration` is in timeBase(), 0 when unknown. A change of size is a ToolError, kExitFailed.
+  // increasing; `pkt_duration` is in timeBase(), 0 when unknown. A change of size is a ToolError, kExitFailed. Interlaced
+  // frames are deinterlaced: by their flags or, where the clip says nothing, as its first frames look.
   FramePtr next();
   // The first frame, never null: ToolError, kExitFailed when stopped by the user.
   FramePtr first();
+
+  // The next frame is the keyframe at or before this time. False: this input cannot, or only by reading through it.
+  bool seek(double seconds);
 
   // Packets of other streams read since the last call; `stream_index` is an index into companions().streams.
   std::vector<PacketPtr> takeBeside();
@@ -56,6 +62,7 @@ class VideoReader {
   size_t audioStreams() const;
   AVCodecID codec() const { return stream_->codecpar->codec_id; }
   std::string codecName() const { return avcodec_get_name(stream_->codecpar->codec_id); }
+  bool interlaced() const { return deinterlacer_ != nullptr; }  // found so far
   int damagedPackets() const { return damagedPackets_; }
   bool lateAudio() const { return lateAudio_; }  // audio that starts in mid-clip was dropped
   bool live() const;                             // a camera or screen
@@ -64,6 +71,9 @@ class VideoReader {
   void open(const std::string& path, const std::string& format);
   void selectStreams();
   void openDecoder();
+  FramePtr decode();
+  void begin();
+  FramePtr asRead();
   void feedDecoder();
   void stamp(AVFrame& frame);
   void checkSize(const AVFrame& frame);
@@ -79,6 +89,10 @@ class VideoReader {
   std::vector<int> place_;  // in beside_, by stream index of the input; -1: not there
   std::vector<PacketPtr> packets_;
   bool drained_ = false;
+  bool begun_ = false;
+  std::deque<FramePtr> ahead_;                  // decoded, not yet handed out or deinterlaced
+  std::unique_ptr<Deinterlacer> deinterlacer_;  // null: progressive so far
+  bool deinterlacerDrained_ = false;
   bool lateAudio_ = false;
   int64_t endUs_ = 0;  // of all packets read
   int damagedPackets_ = 0;
