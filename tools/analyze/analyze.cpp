@@ -14,7 +14,7 @@
 #include "common/tool_error.h"
 #include "findings/clip_meter.h"
 #include "media/clip_input.h"
-#include "noxel/noxel.h"
+#include "noxel/enhancer.h"
 #include "registration/luminance.h"
 #include "tonemapping/tone_curve.h"
 
@@ -182,7 +182,7 @@ void Analysis::writePlot() const {
 void Analysis::writeJson() const {
   nlohmann::ordered_json summary = jsonOf(all_);
   summary["mean_luma_suggested"] = meanLevelAfter(all_.histogram, suggested_);
-  const nlohmann::ordered_json json = {{"noxel", Noxel_GetVersion()},
+  const nlohmann::ordered_json json = {{"noxel", noxel_version()},
                                        {"input",
                                         {{"file", options_.input},
                                          {"codec", clip_.reader().codecName()},

@@ -31,7 +31,7 @@ extern "C" {
 #include "media/nv21_frame.h"
 #include "media/picture.h"
 #include "media/video_writer.h"
-#include "noxel/noxel.h"
+#include "noxel/enhancer.h"
 
 namespace noxel::tool {
 namespace {
@@ -275,7 +275,7 @@ void Run::finishFrame(const Enhancer& enhancer, const Sent& sent) {
 
 void Run::writeStatistics(double seconds) const {
   nlohmann::ordered_json json = {
-      {"noxel", Noxel_GetVersion()},
+      {"noxel", noxel_version()},
       {"input",
        {{"file", options_.input},
         {"codec", clip_.reader().codecName()},
