@@ -2,11 +2,9 @@
 
 #include <cmath>
 #include <filesystem>
-#include <new>
 #include <nlohmann/json.hpp>
 
 #include "analyze/analysis_plot.h"
-#include "api/engine_control.h"
 #include "common/interrupt.h"
 #include "common/output_file.h"
 #include "common/percentile.h"
@@ -15,7 +13,6 @@
 #include "findings/clip_meter.h"
 #include "media/clip_input.h"
 #include "noxel/enhancer.h"
-#include "registration/luminance.h"
 #include "tonemapping/tone_curve.h"
 
 namespace noxel::tool {
@@ -122,21 +119,18 @@ void Analysis::run() {
 }
 
 void Analysis::readAll() {
-  ExposureFollower exposure(clip_.nv21Width(), clip_.nv21Height(), options_.exposure);
-  exposure.settle(clip_.nv21().data());
-  ClipMeter meter(clip_);
+  ClipMeter meter(clip_, options_.exposure);
   const double start = clip_.seconds();
   do {
     // At 3 fps the time stamps are 0.333, 0.667, 1.000: tolerate rounding.
     const auto second = static_cast<int64_t>(std::floor(clip_.seconds() - start + 0.001));
     if (second != second_) endSecond();
     second_ = second;
-    exposure.follow(clip_.nv21().data());
     meter.measure(clip_);
     addHistogram(meter.luma(), &current_.histogram);
     ++current_.frames;
-    current_.gammaSum += exposure.gamma();
-    current_.gainSum += exposure.gain();
+    current_.gammaSum += static_cast<double>(meter.info().gamma);
+    current_.gainSum += static_cast<double>(meter.info().gain);
     addNoise(meter);
   } while (clip_.next());
   endSecond();
@@ -212,25 +206,6 @@ void Analysis::writeJson() const {
 
 std::string plotName(const std::string& input) {
   return input == "-" ? "analysis.png" : std::filesystem::path(input).stem().string() + "-analysis.png";
-}
-
-ExposureFollower::ExposureFollower(int width, int height, int strength)
-    : width_(width), height_(height), factor_(resolutionFactor(width, height)), strength_(strength) {
-  const size_t size = static_cast<size_t>(width / factor_) * static_cast<size_t>(height / factor_);
-  image_.resize(size);
-  scratch_.resize(size);
-}
-
-void ExposureFollower::settle(const uint8_t* luma) {
-  ExposureSettling settling;
-  do {
-    follow(luma);
-  } while (!settling.settled(gamma(), gain()));
-}
-
-void ExposureFollower::follow(const uint8_t* luma) {
-  prepareLuminance({width_, height_, luma}, factor_, false, image_.data(), scratch_.data());
-  updateExposure(&state_, {width_ / factor_, height_ / factor_, image_.data()}, kModeEnhance, strength_);
 }
 
 void ExposureStatistics::add(const ExposureStatistics& more) {

@@ -25,8 +25,8 @@ Before it starts noxel looks at three runs of eight frames, spread over the file
 line what it found: mean luma (dark below 85), noise, shake, HDR, whether it was denoised already, interlaced, variable frame
 rate. From a pipe these are the first eight frames, which are enhanced as all others. In mode 5 noise chooses the strength,
 unless --strength is given: 50 from 1.6 levels on, 40 from 1, 25 from 0.3, else 0. A clip that is neither dark nor has noise of
-a level, nor is HDR or interlaced, is left as it came: the file is copied as it is; where that does not do, as for another
-container, --stats or --crf, it is encoded with its frames unchanged. An option of the picture, such as --exposure or
+a level, whose mean the tone would raise by less than a tenth, and that is not HDR or interlaced is left as it came: the file
+is copied; where that does not do, as for another container, --stats or --crf, it is encoded with its frames unchanged. An option of the picture, such as --exposure or
 --stabilize, is always followed. --no-auto does not look. Interlaced clips are deinterlaced in any case, one frame for each.
 
 Shake is how far the path of the picture's centre is from the straight line through each eight frames, root mean square, in

@@ -28,6 +28,24 @@ bool isAmong(const char* const (&names)[kCount], const std::string& name) {
   return std::find(std::begin(names), std::end(names), name) != std::end(names);
 }
 
+// docs/decisions/automatic-strength.md has what was measured. Below 0.3, which is what rounding to 8 bits leaves, there is
+// nothing to take out.
+struct Band {
+  double from;  // noise, levels
+  int strength;
+};
+constexpr Band kBands[] = {{kSensorInTheDark, defaultStrength(kModeClear)}, {kNoisyFrom, 40}, {0.3, 25}, {0, 0}};
+
+const Band& bandFor(double noiseSigma) {
+  return *std::ranges::find_if(kBands, [noiseSigma](const Band& band) { return noiseSigma >= band.from; });
+}
+
+std::string bandOf(double noiseSigma) {
+  char text[64];
+  std::snprintf(text, sizeof(text), ", as from %.1f levels on", bandFor(noiseSigma).from);
+  return text;
+}
+
 bool given(const EnhanceOptions& options, const char* name) {
   return std::ranges::find(options.given, name) != options.given.end();
 }
@@ -69,12 +87,8 @@ void copyBytes(const std::string& from, const std::string& to, const std::string
 
 }  // namespace
 
-// docs/decisions/automatic-strength.md has what was measured. Below 0.3, which is what rounding to 8 bits leaves, there is
-// nothing to take out.
 int strengthFor(double noiseSigma) {
-  if (noiseSigma < 0.3) return 0;
-  if (noiseSigma < kNoisyFrom) return 25;
-  return noiseSigma < kSensorInTheDark ? 40 : 50;
+  return bandFor(noiseSigma).strength;
 }
 
 Choice choose(const Findings& found, const EnhanceOptions& options) {
@@ -84,9 +98,14 @@ Choice choose(const Findings& found, const EnhanceOptions& options) {
   choice.leaveAlone = options.look.mode() == kModeClear && !asksForAPicture(options) && found.needsNothing();
   std::vector<std::string>& reasons = choice.reasons;
 
-  reasons.push_back(
-      found.dark() ? lined("mean luma %.1f, below %.0f: dark; the tone opens its shadows", found.meanLuma, kDarkBelow)
-                   : lined("mean luma %.1f, %.0f or more: not dark", found.meanLuma, kDarkBelow));
+  reasons.push_back(found.dark() ? lined("mean luma %.1f, below %.0f: dark", found.meanLuma, kDarkBelow)
+                                 : lined("mean luma %.1f, %.0f or more: not dark", found.meanLuma, kDarkBelow));
+  if (options.look.mode() == kModeClear) {
+    const double percent = 100 * (found.meanLuma > 0 ? found.meanToned / found.meanLuma - 1 : 0);
+    const char* text = found.toneMatters() ? "the tone raises the mean by %.0f %%, %.0f or more: it is wanted"
+                                           : "the tone raises the mean by %.0f %%, less than %.0f: it is not missed";
+    reasons.push_back(lined(text, percent, 100 * kToneMattersFrom));
+  }
   std::string noise = "noise not known";
   if (found.noiseSigma) {
     noise = found.noisy() ? lined("noise %.2f levels, %.1f or more: noisy", *found.noiseSigma, kNoisyFrom)
@@ -100,7 +119,7 @@ Choice choose(const Findings& found, const EnhanceOptions& options) {
     choice.strength = 0;
   } else if (found.noiseSigma) {
     choice.strength = strengthFor(*found.noiseSigma);
-    noise += "; strength " + std::to_string(choice.strength);
+    noise += "; strength " + std::to_string(choice.strength) + bandOf(*found.noiseSigma);
   } else {
     noise += "; strength " + std::to_string(choice.strength) + ", the usual one";
   }

@@ -1,5 +1,6 @@
 #include "findings/clip_meter.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <new>
 #include <system_error>
@@ -8,34 +9,62 @@
 
 namespace noxel::tool {
 
-ClipMeter::ClipMeter(const ClipInput& clip) {
-  if (!registration_.create(clip.nv21Width(), clip.nv21Height(), false, nullptr) || !registration_.enableNoise()) {
-    throw std::bad_alloc();
-  }
+namespace {
+
+double meanToned(const Histogram& luma, const float (&tone)[kLevels]) {
+  double sum = 0;
+  for (int level = 0; level < kLevels; ++level) sum += luma.bins[level] * static_cast<double>(tone[level]);
+  return sum / histogramMass(luma);
+}
+
+}  // namespace
+
+ClipMeter::ClipMeter(const ClipInput& clip, int exposure) {
+  noxel_config config;
+  noxel_config_init(&config, sizeof(config), clip.nv21Width(), clip.nv21Height());
+  config.frame_interval_us = clip.reader().nominalIntervalUs();
+  if (noxel_meter_create(&config, &engine_) != NOXEL_OK) throw std::bad_alloc();
+  noxel_meter_set_exposure(engine_, exposure);
+  noxel_frame_info_init(&info_, sizeof(info_));
+}
+
+ClipMeter::~ClipMeter() {
+  noxel_meter_free(&engine_);
 }
 
 void ClipMeter::measure(ClipInput& clip) {
+  noxel_frame frame;
+  noxel_frame_init(&frame, sizeof(frame));
+  frame.format = NOXEL_PLANES_NV21;
+  frame.range = NOXEL_RANGE_FULL;
+  frame.matrix = NOXEL_MATRIX_BT601;
+  frame.planes[0] = clip.nv21().data();
+  frame.planes[1] = frame.planes[0] + static_cast<ptrdiff_t>(clip.nv21Width()) * clip.nv21Height();
+  frame.strides[0] = frame.strides[1] = clip.nv21Width();
+  frame.time_us = clip.microseconds();
+  noxel_meter_measure(engine_, &frame, &info_);
   luma_ = {};
   addPlane(clip.nv21().data(), clip.width(), clip.height(), clip.nv21Width(), &luma_);
-  const bool moved = registration_.measure(clip.nv21().data());
-  sigma_ = noise().known ? tool::noiseSigma(noise(), luma_) : 0;
+  noise_.known = info_.noise_known != 0;
+  std::copy_n(info_.noise_luma, NoiseCurve::kEntries, noise_.variance);
+  sigma_ = noise_.known ? tool::noiseSigma(noise_, luma_) : 0;
+
   FrameFigures figures;
   figures.seconds = clip.seconds();
   figures.meanLuma = meanLevel(luma_);
-  if (started_ && noise().known) figures.noiseSigma = sigma_;
-  if (started_ && moved) {
-    double a[6];
-    registration_.currentFromPrevious(a);
-    const double x = (clip.width() - 1) / 2.0, y = (clip.height() - 1) / 2.0;
-    figures.movedX = a[0] * x + a[1] * y + a[2] - x;
-    figures.movedY = a[3] * x + a[4] * y + a[5] - y;
+  figures.meanToned = meanToned(luma_, info_.tone);
+  if (started_ && noise_.known) figures.noiseSigma = sigma_;
+  if (started_ && info_.motion_known != 0) {
+    const float(&m)[9] = info_.previous_from_current;
+    const double x = clip.width() / 2.0, y = clip.height() / 2.0;
+    figures.movedX = x - (static_cast<double>(m[0]) * x + static_cast<double>(m[1]) * y + static_cast<double>(m[2]));
+    figures.movedY = y - (static_cast<double>(m[3]) * x + static_cast<double>(m[4]) * y + static_cast<double>(m[5]));
   }
   started_ = true;
   meter_.add(figures);
 }
 
 void ClipMeter::restart() {
-  registration_.restart();
   meter_.endRun();
   started_ = false;
 }

@@ -1,11 +1,12 @@
 // Measures a clip's frames.
 #pragma once
 
-#include <cstdint>
+#include <string>
 
 #include "findings/findings.h"
 #include "media/clip_input.h"
-#include "registration/plane_registration.h"
+#include "noxel/meter.h"
+#include "registration/noise_curve.h"
 #include "tonemapping/histogram.h"
 
 namespace noxel::tool {
@@ -13,21 +14,28 @@ namespace noxel::tool {
 // Luma, motion and noise, frame by frame, on the processor. One thread.
 class ClipMeter {
  public:
-  explicit ClipMeter(const ClipInput& clip);  // its size; std::bad_alloc
+  explicit ClipMeter(const ClipInput& clip, int exposure = 50);  // of its size. std::bad_alloc
+  ~ClipMeter();
+  ClipMeter(const ClipMeter&) = delete;
+  ClipMeter& operator=(const ClipMeter&) = delete;
 
   void measure(ClipInput& clip);  // its current frame, which follows the last one unless restart() came between
   void restart();
 
-  const Histogram& luma() const { return luma_; }  // of the last frame, as the next two
-  const NoiseCurve& noise() const { return registration_.noise(); }
+  // Of the last frame.
+  const noxel_frame_info& info() const { return info_; }
+  const Histogram& luma() const { return luma_; }
+  const NoiseCurve& noise() const { return noise_; }
   double noiseSigma() const { return sigma_; }  // of noise(), levels
   // Of all frames so far.
   Findings findings(const ClipInput& clip);
 
  private:
-  PlaneRegistration registration_;
+  noxel_meter* engine_ = nullptr;
+  noxel_frame_info info_ = {};
   FindingsMeter meter_;
   Histogram luma_;
+  NoiseCurve noise_;
   double sigma_ = 0;
   bool started_ = false;
 };

@@ -70,6 +70,7 @@ std::string inWords(const Findings& findings) {
 nlohmann::ordered_json jsonOf(const Findings& findings) {
   return {{"frames", findings.frames},
           {"mean_luma", rounded(findings.meanLuma)},
+          {"mean_luma_toned", rounded(findings.meanToned)},
           {"dark", findings.dark()},
           {"noise_sigma", rounded(findings.noiseSigma)},
           {"noisy", findings.noisy()},
@@ -86,6 +87,7 @@ nlohmann::ordered_json jsonOf(const Findings& findings) {
 void FindingsMeter::add(const FrameFigures& frame) {
   ++frames_;
   lumaSum_ += frame.meanLuma;
+  tonedSum_ += frame.meanToned;
   if (lastSeconds_) intervals_.push_back(frame.seconds - *lastSeconds_);
   lastSeconds_ = frame.seconds;
   if (frame.noiseSigma) {
@@ -114,7 +116,10 @@ void FindingsMeter::endRun() {
 void FindingsMeter::finish(Findings& findings) {
   endRun();
   findings.frames = frames_;
-  if (frames_ > 0) findings.meanLuma = lumaSum_ / static_cast<double>(frames_);
+  if (frames_ > 0) {
+    findings.meanLuma = lumaSum_ / static_cast<double>(frames_);
+    findings.meanToned = tonedSum_ / static_cast<double>(frames_);
+  }
   if (noiseFrames_ > 0) findings.noiseSigma = std::sqrt(noiseSum_ / static_cast<double>(noiseFrames_));
   if (pathFrames_ > 0) findings.shake = std::sqrt(offLine_ / static_cast<double>(pathFrames_));
   if (intervals_.empty()) return;

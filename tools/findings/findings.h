@@ -11,6 +11,8 @@ namespace noxel::tool {
 
 // The tone of mode 5 fades from a mean of 60 to none from 110 on: below the middle most of it is applied.
 constexpr double kDarkBelow = 85;
+// A tone that raises the mean by less than this share is not missed.
+constexpr double kToneMattersFrom = 0.1;
 // Levels, standard deviation. Clips without noise are measured at up to 0.8, where fine texture moves.
 constexpr double kNoisyFrom = 1.0;
 // A phone's sensor (full well of 9600 electrons, read noise 3) leaves 3.6 levels at a mean luma of 50 and 4.8 at 28: where the
@@ -23,6 +25,7 @@ constexpr double kShakyFrom = 1.0;
 struct FrameFigures {
   double seconds = 0;
   double meanLuma = 0;               // 0..255, full range; HDR: tone-mapped
+  double meanToned = 0;              // by mode 5, exposure 50
   std::optional<double> noiseSigma;  // levels, against the frame before
   std::optional<double> movedX;      // where the camera moved the picture's centre to since the frame before, pixels
   std::optional<double> movedY;
@@ -32,6 +35,7 @@ struct Findings {
   int64_t frames = 0;  // looked at
   int width = 0;
   double meanLuma = 0;
+  double meanToned = 0;
   std::optional<double> noiseSigma;  // of a pixel on average, levels
   // Pixels, root mean square: how far the camera's path, at the picture's centre, is from the straight line through each eight
   // frames. Steady pans are none.
@@ -47,7 +51,10 @@ struct Findings {
   double shakyFrom() const { return kShakyFrom * width / 1000; }
   bool shaky() const { return shake && *shake >= shakyFrom(); }
   bool denoised() const { return dark() && noiseSigma && *noiseSigma < kSensorInTheDark; }
-  bool needsNothing() const { return !dark() && noiseSigma && !noisy() && hdr.empty() && !interlaced; }
+  bool toneMatters() const { return meanToned >= (1 + kToneMattersFrom) * meanLuma; }
+  bool needsNothing() const {
+    return !dark() && !toneMatters() && noiseSigma && !noisy() && hdr.empty() && !interlaced;
+  }
 };
 
 // One line.
@@ -69,6 +76,7 @@ class FindingsMeter {
 
   int64_t frames_ = 0;
   double lumaSum_ = 0;
+  double tonedSum_ = 0;
   int64_t noiseFrames_ = 0;
   double noiseSum_ = 0;  // of variances
   std::optional<double> lastSeconds_;
