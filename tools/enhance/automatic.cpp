@@ -16,12 +16,12 @@ namespace noxel::tool {
 namespace {
 
 // Options that do not ask for anything to be done to the picture, or to be encoded.
-constexpr const char* kUnconcerned[] = {"INPUT",     "--output", "--overwrite", "--auto",
-                                        "--explain", "--quiet",  "--verbose"};
-// Those that ask for it to be measured, shown or encoded, whatever was done to it.
-constexpr const char* kOfTheOutput[] = {"--stats",       "--passes",  "--picture", "--picture-frame",
-                                        "--dump-frames", "--compare", "--overlay", "--codec",
-                                        "--preset",      "--crf",     "--hwaccel"};
+constexpr const char* kUnconcerned[] = {"INPUT",   "--output", "--output-dir", "--suffix",  "--jobs",    "--resume",
+                                        "--quiet", "--auto",   "--verbose",    "--explain", "--no-auto", "--overwrite"};
+// Those that ask for it to be measured, shown, cut or encoded, whatever is done to it.
+constexpr const char* kOfTheOutput[] = {"--stats",       "--report",  "--passes", "--picture",  "--picture-frame",
+                                        "--dump-frames", "--compare", "--start",  "--duration", "--overlay",
+                                        "--codec",       "--preset",  "--crf",    "--hwaccel"};
 
 template <size_t kCount>
 bool isAmong(const char* const (&names)[kCount], const std::string& name) {
