@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "support/driver_required.h"
+#include "support/faults.h"
 #include "support/waves.h"
 
 namespace noxel {
@@ -126,6 +127,31 @@ TEST(Meter, RefusesWhatItCannotMeasure) {
     EXPECT_EQ(info.motion_known, 0);
   }
   noxel_meter_free(&meter);
+}
+
+TEST(Meter, GivesBackWhatItHadWhicheverAllocationFails) {
+  noxel_config config;
+  noxel_config_init(&config, sizeof(config), kWidth, kHeight);
+  const auto make = [&config] {
+    noxel_meter* meter = nullptr;
+    const int result = noxel_meter_create(&config, &meter);
+    EXPECT_EQ(result == NOXEL_OK, meter != nullptr);
+    noxel_meter_free(&meter);
+    return result;
+  };
+  int calls;
+  {
+    const FaultInjection counting(Fault::kMemory, -1);
+    ASSERT_EQ(make(), NOXEL_OK);
+    calls = counting.calls();
+  }
+  ASSERT_GT(calls, 5);
+  for (int nth = 0; nth < calls; ++nth) {
+    SCOPED_TRACE(testing::Message() << "call " << nth << " of " << calls);
+    const FaultInjection once(Fault::kMemory, nth, Lasting::kOnce);
+    EXPECT_EQ(make(), NOXEL_ERROR_MEMORY);
+    ASSERT_EQ(held(), Held{});
+  }
 }
 
 TEST(SuggestedTone, RisesSpreadsADarkHistogramAndRefusesNonsense) {
