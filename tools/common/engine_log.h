@@ -19,8 +19,9 @@ class EngineLog {
   // A line of an enhancer's log. Any thread; dropped where there is no EngineLog.
   static void take(int level, const char* message);
 
-  // To standard error; nothing if verbose, as they are there already.
+  // Its first errors to standard error; nothing if verbose, as they are there already. Without an EngineLog nothing.
   void printErrors() const;
+  static void printKept();
 
  private:
   static void receive(void* context, int priority, const char* tag, const char* message);

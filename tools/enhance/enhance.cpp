@@ -21,12 +21,14 @@ extern "C" {
 #include "enhance/overlay.h"
 #include "enhance/pass_times.h"
 #include "enhance/progress.h"
+#include "enhance/resume.h"
 #include "enhance/rgba_session.h"
 #include "enhance/statistics.h"
 #include "enhance/still.h"
 #include "media/clip_input.h"
 #include "media/nv21_frame.h"
 #include "media/picture.h"
+#include "media/remux.h"
 #include "media/video_writer.h"
 #include "noxel/noxel.h"
 
@@ -54,9 +56,14 @@ void checkOutputs(const EnhanceOptions& options) {
     const Container& container = containerOf(output);
     checkChoice(options.encoding, container);
     if (isPictures(container)) output = numberedPath(output, 1);
+    if (options.resume && (isPictures(container) || output == "-")) {
+      throw ToolError(kExitUsage, "--resume is for outputs of one file, not for " +
+                                      std::string(output == "-" ? "standard output" : "numbered pictures"));
+    }
   }
-  checkOutputFiles(options.input, {output, options.statsFile, options.pictureFile}, options.overwrite);
-  checkMayDump(options.dumpFolder, options.overwrite);
+  const bool overwrite = options.overwrite || options.resume;
+  checkOutputFiles(options.input, {output, options.statsFile, options.pictureFile}, overwrite);
+  checkMayDump(options.dumpFolder, overwrite);
 }
 
 // One run over a clip.
@@ -64,10 +71,11 @@ class Run {
  public:
   explicit Run(const EnhanceOptions& options)
       : options_(options),
-        clip_(options.input),
+        clip_(options.input, options.range),
         writer_(outputSettings()),
         picture_(options.pictureFrame),
-        progress_(options.quiet, isatty(STDERR_FILENO) != 0, clip_.reader().expectedFrames()) {
+        progress_(options.quiet, options.shownOnTerminal || isatty(STDERR_FILENO) != 0,
+                  clip_.reader().expectedFrames()) {
     if (clip_.highDynamicRange()) note(toneMapNote());
     if (!options.dumpFolder.empty()) dump_.emplace(options.dumpFolder);
   }
@@ -183,7 +191,7 @@ std::string Run::partialComment() const {
   const int64_t expected = clip_.reader().expectedFrames();
   char seconds[32];
   std::snprintf(seconds, sizeof(seconds), "%.2f", lastSeconds_);
-  return "partial: stopped after frame " + std::to_string(statistics_.count()) +
+  return kPartialMark + std::to_string(statistics_.count()) +
          (expected > 0 ? " of about " + std::to_string(expected) : "") + ", at " + seconds + " s";
 }
 
@@ -313,16 +321,23 @@ ExitCode Run::finish() {
 
 }  // namespace
 
+std::unique_ptr<Enhancer> makeSession(const EnhancerSettings& settings) {
+  if (settings.look.mode() == kModeSynchronousRgba) return std::make_unique<RgbaSession>(settings);
+  return std::make_unique<EnhancerSession>(settings);
+}
+
 int runEnhance(const EnhanceOptions& options) {
-  return runEnhance(options, [](const EnhancerSettings& settings) -> std::unique_ptr<Enhancer> {
-    if (settings.look.mode() == kModeSynchronousRgba) return std::make_unique<RgbaSession>(settings);
-    return std::make_unique<EnhancerSession>(settings);
-  });
+  return runEnhance(options, makeSession);
+}
+
+void checkEnhance(const EnhanceOptions& options) {
+  checkLook(options);
+  checkOutputs(options);
 }
 
 int runEnhance(const EnhanceOptions& options, const EnhancerFactory& factory) {
-  checkLook(options);
-  checkOutputs(options);
+  checkEnhance(options);
+  if (options.resume && leaveWhole(options)) return kExitFine;
   if (isStill(options.output)) return runStill(options);
   Run run(options);
   run.enhanceAll(factory);
