@@ -23,6 +23,7 @@
 
 #include "common/engine_log.h"
 #include "common/interrupt.h"
+#include "common/output_file.h"
 #include "common/tool_error.h"
 #include "enhance/clip_lines.h"
 #include "enhance/resume.h"
@@ -190,6 +191,7 @@ class Job {
       const int nothing = open("/dev/null", O_RDONLY);
       if (nothing >= 0) dup2(nothing, STDIN_FILENO);
       dup2(said[1], STDERR_FILENO);
+      pendingFiles_.keep();
       workOn(clip, factory, result[1]);
     }
     setpgid(process_, process_);
@@ -238,6 +240,7 @@ class Job {
     while (waitpid(process_, &status, 0) < 0 && errno == EINTR) continue;
     process_ = 0;
     if (!WIFEXITED(status)) {
+      pendingFiles_.remove();
       const int number = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
       return {Ending::kFailed, kExitFailed, std::string("its process crashed: ") + strsignal(number)};
     }
@@ -253,6 +256,7 @@ class Job {
   int said_ = -1;    // its standard error
   int result_ = -1;  // as workOn() tells it
   ClipLines lines_;
+  PendingFilesOfProcess pendingFiles_;
 };
 
 class Batch {

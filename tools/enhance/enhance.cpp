@@ -78,6 +78,7 @@ class Run {
                   clip_.reader().expectedFrames()) {
     if (clip_.highDynamicRange()) note(toneMapNote());
     if (!options.dumpFolder.empty()) dump_.emplace(options.dumpFolder);
+    if (!options.statsFile.empty()) statisticsFile_.emplace(options.statsFile, knownAtStart());
   }
 
   void enhanceAll(const EnhancerFactory& factory);
@@ -90,13 +91,15 @@ class Run {
   void finishFrame(const Enhancer& enhancer, const Sent& sent);
   void note(const std::string& text);
   std::string partialComment() const;
-  void writeStatistics(double seconds) const;
+  nlohmann::ordered_json knownAtStart() const;
+  nlohmann::ordered_json knownAtEnd(double seconds) const;
 
   const EnhanceOptions& options_;
   ClipInput clip_;
   VideoWriter writer_;
   PictureKeeper picture_;
   Statistics statistics_;
+  std::optional<StatisticsFile> statisticsFile_;
   PassTimes passTimes_;
   Progress progress_;
   std::optional<FrameDump> dump_;
@@ -250,55 +253,58 @@ void Run::finishFrame(const Enhancer& enhancer, const Sent& sent) {
     crop(*enhanced, clip_.width(), clip_.height());
     picture_.keep(std::move(input), std::move(enhanced));
   }
+  if (statisticsFile_) statisticsFile_->add(frameJson(statistics_.count(), statistics));
   statistics_.add(statistics);
 }
 
-void Run::writeStatistics(double seconds) const {
-  nlohmann::ordered_json json = {
-      {"noxel", Noxel_GetVersion()},
-      {"input",
-       {{"file", options_.input},
-        {"codec", clip_.reader().codecName()},
-        {"width", clip_.width()},
-        {"height", clip_.height()},
-        {"frame_rate", av_q2d(clip_.reader().frameRate())},
-        {"matrix", av_color_space_name(clip_.colours().matrix())},
-        {"range", av_color_range_name(clip_.colours().range())},
-        {"audio_streams", clip_.reader().audioStreams()}}},
-      {"output", {{"file", options_.output}, {"encoder", writer_.encoderName()}, {"stopped_early", stopped_}}},
-      {"options",
-       {{"engine_mode", options_.look.mode()},
-        {"denoise", options_.look.denoise},
-        {"quality", kQualityNames[options_.look.quality]},
-        {"strength", options_.look.strength},
-        {"exposure", options_.look.exposure},
-        {"deghosting", options_.look.deghosting},
-        {"neutral_exposure", options_.look.neutralExposure || options_.look.mode() == kModeNeutralExposure},
-        {"stabilize", options_.look.stabilize},
-        {"sharpening", options_.look.sharpening},
-        {"contrast", options_.look.contrast},
-        {"zoom", options_.look.zoom},
-        {"flip_chroma", options_.look.flipChroma},
-        {"enhanced_quad", options_.look.enhancedQuad},
-        {"untouched_quad", options_.look.untouchedQuad},
-        {"compare", options_.compare},
-        {"overlay", options_.overlay},
-        {"warm_up", options_.warmUp && (followsExposure(options_.look) || leadsIn(options_.look))},
+nlohmann::ordered_json Run::knownAtStart() const {
+  return {{"noxel", Noxel_GetVersion()},
+          {"input",
+           {{"file", options_.input},
+            {"codec", clip_.reader().codecName()},
+            {"width", clip_.width()},
+            {"height", clip_.height()},
+            {"frame_rate", av_q2d(clip_.reader().frameRate())},
+            {"matrix", av_color_space_name(clip_.colours().matrix())},
+            {"range", av_color_range_name(clip_.colours().range())},
+            {"audio_streams", clip_.reader().audioStreams()},
+            {"start", static_cast<double>(options_.range.startUs) / 1e6},
+            {"duration", options_.range.durationUs
+                             ? nlohmann::ordered_json(static_cast<double>(*options_.range.durationUs) / 1e6)
+                             : nullptr}}},
+          {"options",
+           {{"engine_mode", options_.look.mode()},
+            {"denoise", options_.look.denoise},
+            {"quality", kQualityNames[options_.look.quality]},
+            {"strength", options_.look.strength},
+            {"exposure", options_.look.exposure},
+            {"deghosting", options_.look.deghosting},
+            {"neutral_exposure", options_.look.neutralExposure || options_.look.mode() == kModeNeutralExposure},
+            {"stabilize", options_.look.stabilize},
+            {"sharpening", options_.look.sharpening},
+            {"contrast", options_.look.contrast},
+            {"zoom", options_.look.zoom},
+            {"flip_chroma", options_.look.flipChroma},
+            {"enhanced_quad", options_.look.enhancedQuad},
+            {"untouched_quad", options_.look.untouchedQuad},
+            {"compare", options_.compare},
+            {"overlay", options_.overlay},
+            {"warm_up", options_.warmUp && (followsExposure(options_.look) || leadsIn(options_.look))},
 
-        {"crf", writer_.crf() ? nlohmann::ordered_json(*writer_.crf()) : nullptr}}}};
-  nlohmann::ordered_json measured = statistics_.json(seconds);
-  json["summary"] = std::move(measured["summary"]);
-  json["passes"] = passTimes_.json();
-  json["frames"] = std::move(measured["frames"]);
-  const std::string text = json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
-  writeWholeFile(options_.statsFile, text.data(), text.size());
+            {"crf", writer_.crf() ? nlohmann::ordered_json(*writer_.crf()) : nullptr}}}};
+}
+
+nlohmann::ordered_json Run::knownAtEnd(double seconds) const {
+  return {{"output", {{"file", options_.output}, {"encoder", writer_.encoderName()}, {"stopped_early", stopped_}}},
+          {"summary", statistics_.summary(seconds)},
+          {"passes", passTimes_.json()}};
 }
 
 ExitCode Run::finish() {
   const double seconds = progress_.seconds();
   progress_.clear();
   if (!options_.pictureFile.empty()) picture_.write(options_.pictureFile);
-  if (!options_.statsFile.empty()) writeStatistics(seconds);
+  if (statisticsFile_) statisticsFile_->finish(knownAtEnd(seconds));
   if (clip_.reader().damagedPackets() > 0) {
     note(std::to_string(clip_.reader().damagedPackets()) + " damaged packets of the input could not be decoded");
   }
