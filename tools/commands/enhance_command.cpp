@@ -111,9 +111,7 @@ void addClips(CLI::App* command, BatchOptions& batch) {
   command
       ->add_option_function<std::string>(
           "--jobs", [&batch](const std::string& text) { batch.jobs = text == "auto" ? 0 : std::stoi(text); },
-          "Clips at once, 1 to 64. auto: one for each 4 cores and 1 GB of free memory, as one clip alone keeps about 4 "
-          "cores "
-          "busy")
+          "Clips at once, 1 to 64. auto: one for each 4 cores and GB of free memory")
       ->check([](const std::string& text) { return text == "auto" ? "" : CLI::Range(1, 64)(text); })
       ->type_name("N")
       ->default_str("auto")

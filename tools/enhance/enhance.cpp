@@ -30,7 +30,7 @@ extern "C" {
 #include "media/picture.h"
 #include "media/remux.h"
 #include "media/video_writer.h"
-#include "noxel/noxel.h"
+#include "noxel/enhancer.h"
 
 namespace noxel::tool {
 namespace {
@@ -258,40 +258,42 @@ void Run::finishFrame(const Enhancer& enhancer, const Sent& sent) {
 }
 
 nlohmann::ordered_json Run::knownAtStart() const {
-  return {{"noxel", Noxel_GetVersion()},
-          {"input",
-           {{"file", options_.input},
-            {"codec", clip_.reader().codecName()},
-            {"width", clip_.width()},
-            {"height", clip_.height()},
-            {"frame_rate", av_q2d(clip_.reader().frameRate())},
-            {"matrix", av_color_space_name(clip_.colours().matrix())},
-            {"range", av_color_range_name(clip_.colours().range())},
-            {"audio_streams", clip_.reader().audioStreams()},
-            {"start", static_cast<double>(options_.range.startUs) / 1e6},
-            {"duration", options_.range.durationUs
-                             ? nlohmann::ordered_json(static_cast<double>(*options_.range.durationUs) / 1e6)
-                             : nullptr}}},
-          {"options",
-           {{"engine_mode", options_.look.mode()},
-            {"denoise", options_.look.denoise},
-            {"quality", kQualityNames[options_.look.quality]},
-            {"strength", options_.look.strength},
-            {"exposure", options_.look.exposure},
-            {"deghosting", options_.look.deghosting},
-            {"neutral_exposure", options_.look.neutralExposure || options_.look.mode() == kModeNeutralExposure},
-            {"stabilize", options_.look.stabilize},
-            {"sharpening", options_.look.sharpening},
-            {"contrast", options_.look.contrast},
-            {"zoom", options_.look.zoom},
-            {"flip_chroma", options_.look.flipChroma},
-            {"enhanced_quad", options_.look.enhancedQuad},
-            {"untouched_quad", options_.look.untouchedQuad},
-            {"compare", options_.compare},
-            {"overlay", options_.overlay},
-            {"warm_up", options_.warmUp && (followsExposure(options_.look) || leadsIn(options_.look))},
+  nlohmann::ordered_json json = {
+      {"noxel", noxel_version()},
+      {"input",
+       {{"file", options_.input},
+        {"codec", clip_.reader().codecName()},
+        {"width", clip_.width()},
+        {"height", clip_.height()},
+        {"frame_rate", av_q2d(clip_.reader().frameRate())},
+        {"matrix", av_color_space_name(clip_.colours().matrix())},
+        {"range", av_color_range_name(clip_.colours().range())},
+        {"audio_streams", clip_.reader().audioStreams()},
+        {"start", static_cast<double>(options_.range.startUs) / 1e6},
+        {"duration", options_.range.durationUs
+                         ? nlohmann::ordered_json(static_cast<double>(*options_.range.durationUs) / 1e6)
+                         : nullptr}}},
+      {"options",
+       {{"engine_mode", options_.look.mode()},
+        {"denoise", options_.look.denoise},
+        {"quality", kQualityNames[options_.look.quality]},
+        {"strength", options_.look.strength},
+        {"exposure", options_.look.exposure},
+        {"deghosting", options_.look.deghosting},
+        {"neutral_exposure", options_.look.neutralExposure || options_.look.mode() == kModeNeutralExposure},
+        {"stabilize", options_.look.stabilize},
+        {"sharpening", options_.look.sharpening},
+        {"contrast", options_.look.contrast},
+        {"zoom", options_.look.zoom},
+        {"flip_chroma", options_.look.flipChroma},
+        {"enhanced_quad", options_.look.enhancedQuad},
+        {"untouched_quad", options_.look.untouchedQuad},
+        {"compare", options_.compare},
+        {"overlay", options_.overlay},
+        {"warm_up", options_.warmUp && (followsExposure(options_.look) || leadsIn(options_.look))},
 
-            {"crf", writer_.crf() ? nlohmann::ordered_json(*writer_.crf()) : nullptr}}}};
+        {"crf", writer_.crf() ? nlohmann::ordered_json(*writer_.crf()) : nullptr}}}};
+  return json;
 }
 
 nlohmann::ordered_json Run::knownAtEnd(double seconds) const {
