@@ -23,6 +23,7 @@ extern "C" {
 #include "enhance/overlay.h"
 #include "enhance/pass_times.h"
 #include "enhance/progress.h"
+#include "enhance/resume.h"
 #include "enhance/rgba_session.h"
 #include "enhance/statistics.h"
 #include "enhance/still.h"
@@ -30,6 +31,7 @@ extern "C" {
 #include "media/clip_input.h"
 #include "media/nv21_frame.h"
 #include "media/picture.h"
+#include "media/remux.h"
 #include "media/video_writer.h"
 #include "noxel/enhancer.h"
 
@@ -58,9 +60,14 @@ void checkOutputs(const EnhanceOptions& options) {
     const Container& container = containerOf(output);
     checkChoice(options.encoding, container);
     if (isPictures(container)) output = numberedPath(output, 1);
+    if (options.resume && (isPictures(container) || output == "-")) {
+      throw ToolError(kExitUsage, "--resume is for outputs of one file, not for " +
+                                      std::string(output == "-" ? "standard output" : "numbered pictures"));
+    }
   }
-  checkOutputFiles(options.input, {output, options.statsFile, options.pictureFile}, options.overwrite);
-  checkMayDump(options.dumpFolder, options.overwrite);
+  const bool overwrite = options.overwrite || options.resume;
+  checkOutputFiles(options.input, {output, options.statsFile, options.pictureFile}, overwrite);
+  checkMayDump(options.dumpFolder, overwrite);
 }
 
 template <typename Look>
@@ -84,10 +91,11 @@ class Run {
   Run(const EnhanceOptions& options, std::optional<Choice> choice)
       : options_(choice ? applied(*choice, options) : options),
         choice_(std::move(choice)),
-        clip_(options.input),
+        clip_(options.input, options.range),
         writer_(outputSettings()),
         picture_(options.pictureFrame),
-        progress_(options.quiet, isatty(STDERR_FILENO) != 0, clip_.reader().expectedFrames()) {
+        progress_(options.quiet, options.shownOnTerminal || isatty(STDERR_FILENO) != 0,
+                  clip_.reader().expectedFrames()) {
     if (options.automatic && !choice_) {
       choice_ = lookAndChoose(options, [this] { return lookAtFirstFrames(clip_); });
       explain(*choice_, options);
@@ -97,6 +105,7 @@ class Run {
     if (clip_.highDynamicRange()) note(toneMapNote());
     if (clip_.reader().interlaced()) note(deinterlaceNote());
     if (!options.dumpFolder.empty()) dump_.emplace(options.dumpFolder);
+    if (!options.statsFile.empty()) statisticsFile_.emplace(options.statsFile, knownAtStart());
   }
 
   void enhanceAll(const EnhancerFactory& factory);
@@ -109,7 +118,8 @@ class Run {
   void finishFrame(const Enhancer& enhancer, const Sent& sent);
   void note(const std::string& text);
   std::string partialComment() const;
-  void writeStatistics(double seconds) const;
+  nlohmann::ordered_json knownAtStart() const;
+  nlohmann::ordered_json knownAtEnd(double seconds) const;
 
   EnhanceOptions options_;
   std::optional<Choice> choice_;  // from a look at the clip
@@ -117,6 +127,7 @@ class Run {
   VideoWriter writer_;
   PictureKeeper picture_;
   Statistics statistics_;
+  std::optional<StatisticsFile> statisticsFile_;
   PassTimes passTimes_;
   Progress progress_;
   std::optional<FrameDump> dump_;
@@ -211,7 +222,7 @@ std::string Run::partialComment() const {
   const int64_t expected = clip_.reader().expectedFrames();
   char seconds[32];
   std::snprintf(seconds, sizeof(seconds), "%.2f", lastSeconds_);
-  return "partial: stopped after frame " + std::to_string(statistics_.count()) +
+  return kPartialMark + std::to_string(statistics_.count()) +
          (expected > 0 ? " of about " + std::to_string(expected) : "") + ", at " + seconds + " s";
 }
 
@@ -270,10 +281,11 @@ void Run::finishFrame(const Enhancer& enhancer, const Sent& sent) {
     crop(*enhanced, clip_.width(), clip_.height());
     picture_.keep(std::move(input), std::move(enhanced));
   }
+  if (statisticsFile_) statisticsFile_->add(frameJson(statistics_.count(), statistics));
   statistics_.add(statistics);
 }
 
-void Run::writeStatistics(double seconds) const {
+nlohmann::ordered_json Run::knownAtStart() const {
   nlohmann::ordered_json json = {
       {"noxel", noxel_version()},
       {"input",
@@ -284,8 +296,11 @@ void Run::writeStatistics(double seconds) const {
         {"frame_rate", av_q2d(clip_.reader().frameRate())},
         {"matrix", av_color_space_name(clip_.colours().matrix())},
         {"range", av_color_range_name(clip_.colours().range())},
-        {"audio_streams", clip_.reader().audioStreams()}}},
-      {"output", {{"file", options_.output}, {"encoder", writer_.encoderName()}, {"stopped_early", stopped_}}},
+        {"audio_streams", clip_.reader().audioStreams()},
+        {"start", static_cast<double>(options_.range.startUs) / 1e6},
+        {"duration", options_.range.durationUs
+                         ? nlohmann::ordered_json(static_cast<double>(*options_.range.durationUs) / 1e6)
+                         : nullptr}}},
       {"options",
        {{"engine_mode", options_.look.mode()},
         {"denoise", options_.look.denoise},
@@ -310,19 +325,20 @@ void Run::writeStatistics(double seconds) const {
     json["found"] = jsonOf(choice_->found);
     json["chosen"] = jsonOf(*choice_);
   }
-  nlohmann::ordered_json measured = statistics_.json(seconds);
-  json["summary"] = std::move(measured["summary"]);
-  json["passes"] = passTimes_.json();
-  json["frames"] = std::move(measured["frames"]);
-  const std::string text = json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
-  writeWholeFile(options_.statsFile, text.data(), text.size());
+  return json;
+}
+
+nlohmann::ordered_json Run::knownAtEnd(double seconds) const {
+  return {{"output", {{"file", options_.output}, {"encoder", writer_.encoderName()}, {"stopped_early", stopped_}}},
+          {"summary", statistics_.summary(seconds)},
+          {"passes", passTimes_.json()}};
 }
 
 ExitCode Run::finish() {
   const double seconds = progress_.seconds();
   progress_.clear();
   if (!options_.pictureFile.empty()) picture_.write(options_.pictureFile);
-  if (!options_.statsFile.empty()) writeStatistics(seconds);
+  if (statisticsFile_) statisticsFile_->finish(knownAtEnd(seconds));
   if (clip_.reader().damagedPackets() > 0) {
     note(std::to_string(clip_.reader().damagedPackets()) + " damaged packets of the input could not be decoded");
   }
@@ -345,20 +361,27 @@ ExitCode Run::finish() {
 
 }  // namespace
 
+std::unique_ptr<Enhancer> makeSession(const EnhancerSettings& settings) {
+  if (settings.look.mode() == kModeSynchronousRgba) return std::make_unique<RgbaSession>(settings);
+  return std::make_unique<EnhancerSession>(settings);
+}
+
 int runEnhance(const EnhanceOptions& options) {
-  return runEnhance(options, [](const EnhancerSettings& settings) -> std::unique_ptr<Enhancer> {
-    if (settings.look.mode() == kModeSynchronousRgba) return std::make_unique<RgbaSession>(settings);
-    return std::make_unique<EnhancerSession>(settings);
-  });
+  return runEnhance(options, makeSession);
+}
+
+void checkEnhance(const EnhanceOptions& options) {
+  checkLook(options);
+  checkOutputs(options);
 }
 
 int runEnhance(const EnhanceOptions& options, const EnhancerFactory& factory) {
-  checkLook(options);
-  checkOutputs(options);
+  checkEnhance(options);
+  if (options.resume && leaveWhole(options)) return kExitFine;
   if (isStill(options.output)) return runStill(options);
   std::optional<Choice> choice;
   if (options.automatic && canReopen(options.input)) {
-    choice = lookAndChoose(options, [&options] { return lookAtFile(options.input); });
+    choice = lookAndChoose(options, [&options] { return lookAtFile(options.input, options.range); });
     explain(*choice, options);
     if (choice->leaveAlone && copyLeftAlone(options)) {
       if (!options.quiet) std::fprintf(stderr, "noxel: note: %s\n", leftAloneNote(true).c_str());

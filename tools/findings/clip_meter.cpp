@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <new>
+#include <optional>
 #include <system_error>
 
 #include "common/noise_sigma.h"
@@ -83,15 +84,19 @@ bool canReopen(const std::string& path) {
   return path != "-" && std::filesystem::is_regular_file(path, ignored);
 }
 
-Findings lookAtFile(const std::string& path) {
+Findings lookAtFile(const std::string& path, const TimeRange& range) {
   ClipInput clip(path);
   ClipMeter meter(clip);
-  const double start = clip.seconds();
-  const double length = static_cast<double>(clip.reader().expectedFrames()) / av_q2d(clip.reader().frameRate());
-  double last = start;
+  const double start = clip.seconds() + static_cast<double>(range.startUs) / 1e6;
+  double length = static_cast<double>(clip.reader().expectedFrames()) / av_q2d(clip.reader().frameRate());
+  length = std::max(length - static_cast<double>(range.startUs) / 1e6, 0.0);
+  if (range.durationUs) length = std::min(length, static_cast<double>(*range.durationUs) / 1e6);
+  std::optional<double> last;
   for (int run = 0; run < kLookRuns; ++run) {
     // A file with few keyframes leads back to what was seen.
-    if (run > 0 && (!clip.seek(start + length * run / kLookRuns) || clip.seconds() <= last)) continue;
+    const bool there = run == 0 && range.startUs == 0;
+    const double place = start + length * run / kLookRuns;
+    if (!there && (!clip.seek(place) || (last && clip.seconds() <= *last))) continue;
     meter.restart();
     int frames = 0;
     do {
@@ -99,6 +104,7 @@ Findings lookAtFile(const std::string& path) {
     } while (++frames < kLookFrames && clip.next());
     last = clip.seconds();
   }
+  if (!last) meter.measure(clip);
   return meter.findings(clip);
 }
 

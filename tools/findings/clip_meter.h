@@ -44,8 +44,8 @@ class ClipMeter {
 // clip keeps.
 constexpr int kLookFrames = 8;  // of a run
 constexpr int kLookRuns = 3;
-bool canReopen(const std::string& path);       // a regular file
-Findings lookAtFile(const std::string& path);  // reads it apart. ToolError as ClipInput
-Findings lookAtFirstFrames(ClipInput& clip);   // which must be at its first
+bool canReopen(const std::string& path);                                    // a regular file
+Findings lookAtFile(const std::string& path, const TimeRange& range = {});  // reads it apart. ToolError as ClipInput
+Findings lookAtFirstFrames(ClipInput& clip);                                // which must be at its first
 
 }  // namespace noxel::tool
