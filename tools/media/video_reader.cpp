@@ -275,7 +275,8 @@ FramePtr VideoReader::next() {
 
 bool VideoReader::seek(double seconds) {
   if (standardInput_ || live() || (format_->iformat->flags & AVFMT_GENERIC_INDEX) != 0) return false;
-  const auto time = static_cast<int64_t>(seconds / av_q2d(stream_->time_base));
+  // A damaged clip may state any length.
+  const auto time = static_cast<int64_t>(std::clamp(seconds / av_q2d(stream_->time_base), -9e18, 9e18));
   if (av_seek_frame(format_, stream_->index, time, AVSEEK_FLAG_BACKWARD) < 0) return false;
   avcodec_flush_buffers(decoder_.get());
   drained_ = false;
