@@ -39,7 +39,7 @@ in pixels. "Already denoised" is a dark picture with noise below 1.6 levels, hal
 --stats has it all under "found", and under "chosen" what was chosen, with the reasons that --explain prints.
 
 With --output-dir a clip that fails does not stop the others, and a summary comes at the end; the exit code is that of the
-failed clips, or 1 when they failed for different reasons. Ctrl-C finishes the clips at work and begins no other. The
+failed clips, or 1 when they failed for different reasons. Ctrl-C ends the clips at work as above and begins no other. The
 names given to --picture, --stats and --dump-frames need {name} in them with several INPUTs, which becomes INPUT's name:
   noxel enhance *.mov --output-dir out --stats out/{name}.json
 

@@ -96,7 +96,7 @@ class VideoReader {
 
   // The range. Times are the file's own, in microseconds, unless they are in timeBase().
   int64_t originUs() const;
-  int64_t startUs() const { return originUs() + range_.startUs; }
+  int64_t startUs() const { return av_sat_add64(originUs(), range_.startUs); }
   std::optional<int64_t> endUs() const;
   int64_t rangePts(int64_t us) const;
   void goTo(int step);
