@@ -340,7 +340,9 @@ void VideoReader::feedDecoder() {
     drained_ = true;
   } else if (packet->stream_index != stream_->index) {
     keepBeside(*packet);
-  } else if (avcodec_send_packet(decoder_.get(), packet.get()) < 0) {
+  } else if (awaitsKey_ && (packet->flags & AV_PKT_FLAG_KEY) == 0) {
+    return;  // a seek in a transport stream may end anywhere
+  } else if (awaitsKey_ = false; avcodec_send_packet(decoder_.get(), packet.get()) < 0) {
     ++damagedPackets_;
   }
 }
@@ -396,8 +398,10 @@ void VideoReader::goTo(int step) {
   if (stamped && target > originUs() &&
       av_seek_frame(format_, stream_->index, rangePts(target), AVSEEK_FLAG_BACKWARD) >= 0) {
     avcodec_flush_buffers(decoder_.get());
+    awaitsKey_ = true;
     return;
   }
+  awaitsKey_ = false;
   landed_ = true;  // nothing is before the beginning
   packets_.clear();
   subtitlesFound_ = false;

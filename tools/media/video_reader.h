@@ -119,6 +119,7 @@ class VideoReader {
   std::vector<int> place_;  // in beside_, by stream index of the input; -1: not there
   std::vector<PacketPtr> packets_;
   int step_ = 0;                     // how far back the latest seek went
+  bool awaitsKey_ = false;           // after a seek, before the decoder has a keyframe
   bool landed_ = false;              // the frame after that was not too late
   bool subtitlesFound_ = false;      // those shown at the start are known
   std::optional<int64_t> firstPts_;  // of the first frame in the range, as the file has it
