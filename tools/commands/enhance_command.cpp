@@ -9,7 +9,7 @@ namespace {
 
 constexpr char kEnhanceFooter[] = R"(Examples:
   noxel enhance night.mp4 -o bright.mp4
-  noxel enhance night.mp4 -o half.mp4 --compare --picture frame.png --stats run.json
+  noxel enhance night.mp4 -o half.mp4 --compare --picture frame.png --stats run.json --report run.html
   noxel enhance night.mp4 -o steady.mp4 --quality best --stabilize
   other-tool --to-y4m | noxel enhance - -o - --denoise spatial | player -
 
@@ -155,6 +155,12 @@ void addOptions(CLI::App* command, EnhanceOptions& options) {
       ->group(written);
   command->add_option("--stats", options.statsFile, "Measurements of the run and of each frame, as JSON")
       ->type_name("FILE.json")
+      ->group(written);
+  command
+      ->add_option("--report", options.reportFile,
+                   "A page for a browser: frames before and after, luma, noise, motion and tone over time, settings, "
+                   "times")
+      ->type_name("FILE.html")
       ->group(written);
   command->add_flag("--passes", options.passes, "A table of the engine's passes and their times, on standard error")
       ->group(written);

@@ -29,6 +29,7 @@ extern "C" {
 #include "media/picture.h"
 #include "media/video_writer.h"
 #include "noxel/noxel.h"
+#include "report/report.h"
 
 namespace noxel::tool {
 namespace {
@@ -55,7 +56,9 @@ void checkOutputs(const EnhanceOptions& options) {
     checkChoice(options.encoding, container);
     if (isPictures(container)) output = numberedPath(output, 1);
   }
-  checkOutputFiles(options.input, {output, options.statsFile, options.pictureFile}, options.overwrite);
+  if (options.reportFile == "-") throw ToolError(kExitUsage, "--report needs a file name");
+  checkOutputFiles(options.input, {output, options.statsFile, options.pictureFile, options.reportFile},
+                   options.overwrite);
   checkMayDump(options.dumpFolder, options.overwrite);
 }
 
@@ -68,6 +71,11 @@ class Run {
         writer_(outputSettings()),
         picture_(options.pictureFrame),
         progress_(options.quiet, isatty(STDERR_FILENO) != 0, clip_.reader().expectedFrames()) {
+    if (!options.reportFile.empty()) {
+      const VideoReader& reader = clip_.reader();
+      report_.emplace(options.look, Report::Shape{clip_.width(), clip_.height(),
+                                                  reader.sampleAspectRatio(clip_.frame()), reader.displayMatrix()});
+    }
     if (clip_.highDynamicRange()) note(toneMapNote());
     if (!options.dumpFolder.empty()) dump_.emplace(options.dumpFolder);
   }
@@ -82,7 +90,9 @@ class Run {
   void finishFrame(const Enhancer& enhancer, const Sent& sent);
   void note(const std::string& text);
   std::string partialComment() const;
+  nlohmann::ordered_json described() const;  // input, output and options
   void writeStatistics(double seconds) const;
+  void writeReport(double seconds) const;
 
   const EnhanceOptions& options_;
   ClipInput clip_;
@@ -92,6 +102,7 @@ class Run {
   PassTimes passTimes_;
   Progress progress_;
   std::optional<FrameDump> dump_;
+  std::optional<Report> report_;
   bool stopped_ = false;    // before the end of the clip
   double lastSeconds_ = 0;  // time stamp of the latest frame written
 
@@ -128,6 +139,7 @@ OutputSettings Run::outputSettings() const {
 }
 
 void Run::note(const std::string& text) {
+  if (report_) report_->addNote(text);
   if (options_.quiet) return;
   progress_.clear();
   std::fprintf(stderr, "noxel: note: %s\n", text.c_str());
@@ -193,7 +205,7 @@ void Run::keepSent() {
   sent.duration = clip_.frame().pkt_duration;
   sent.seconds = clip_.seconds();
   if (options_.compare) sent.planar = share(clip_.planar());
-  if (dump_ || !options_.pictureFile.empty()) sent.engineFrame = share(clip_.engineFrame());
+  if (dump_ || report_ || !options_.pictureFile.empty()) sent.engineFrame = share(clip_.engineFrame());
   sent.meanLuma = meanLuma(clip_.nv21().data(), clip_.nv21Width(), clip_.width(), clip_.height());
   addPlane(clip_.nv21().data(), clip_.width(), clip_.height(), clip_.nv21Width(), &sent.luma);
   sent.beside = clip_.takeBeside();
@@ -236,16 +248,20 @@ void Run::finishFrame(const Enhancer& enhancer, const Sent& sent) {
   for (const PacketPtr& packet : sent.beside) writer_.writeBeside(*packet);
   lastSeconds_ = sent.seconds;
 
-  if (!options_.pictureFile.empty() && picture_.wants(index)) {
+  const bool kept = !options_.pictureFile.empty() && picture_.wants(index);
+  const bool shown = report_ && report_->wantsPictures(index);
+  if (kept || shown) {
     FramePtr input = share(*sent.engineFrame);
     crop(*input, clip_.width(), clip_.height());
     crop(*enhanced, clip_.width(), clip_.height());
-    picture_.keep(std::move(input), std::move(enhanced));
+    if (shown) report_->addPictures(index, sent.seconds, *input, *enhanced);
+    if (kept) picture_.keep(std::move(input), std::move(enhanced));
   }
+  if (report_) report_->add(statistics);
   statistics_.add(statistics);
 }
 
-void Run::writeStatistics(double seconds) const {
+nlohmann::ordered_json Run::described() const {
   nlohmann::ordered_json json = {
       {"noxel", Noxel_GetVersion()},
       {"input",
@@ -278,6 +294,19 @@ void Run::writeStatistics(double seconds) const {
         {"warm_up", options_.warmUp && (followsExposure(options_.look) || leadsIn(options_.look))},
 
         {"crf", writer_.crf() ? nlohmann::ordered_json(*writer_.crf()) : nullptr}}}};
+  return json;
+}
+
+void Run::writeReport(double seconds) const {
+  nlohmann::ordered_json about = described();
+  about["noxel"] = noxel_version();  // without the date
+  about["settings"] = settingsOf(options_.look, options_.given);
+  const std::string page = report_->page(std::move(about), passTimes_.json(), seconds);
+  writeWholeFile(options_.reportFile, page.data(), page.size());
+}
+
+void Run::writeStatistics(double seconds) const {
+  nlohmann::ordered_json json = described();
   nlohmann::ordered_json measured = statistics_.json(seconds);
   json["summary"] = std::move(measured["summary"]);
   json["passes"] = passTimes_.json();
@@ -301,6 +330,7 @@ ExitCode Run::finish() {
          std::to_string(clip_.reader().expectedFrames()) + " frames; it may have been cut short");
   }
   if (stopped_) note(partialComment() + "; the output is whole up to there");
+  if (report_) writeReport(seconds);
   if (options_.passes) passTimes_.print(stderr);
   const ExitCode code = stopped_ ? stoppedExitCode() : kExitFine;
   if (options_.quiet) return code;

@@ -25,6 +25,7 @@ struct EnhanceOptions {
   bool verbose = false;
   bool overwrite = false;
   std::string statsFile;                    // empty: none
+  std::string reportFile;                   // empty: none
   std::string dumpFolder;                   // empty: none
   std::string pictureFile;                  // empty: none
   int pictureFrame = kDefaultPictureFrame;  // from 0

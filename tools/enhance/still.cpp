@@ -25,7 +25,7 @@ void check(const EnhanceOptions& options) {
   if (options.look.mode() != kModeSynchronousRgba) {
     throw ToolError(kExitUsage, options.output + " is a single picture, which needs --engine-mode 4");
   }
-  for (const char* clipOnly : {"--stats", "--passes", "--picture", "--picture-frame", "--dump-frames", "--codec",
+  for (const char* clipOnly : {"--stats", "--report", "--passes", "--picture", "--picture-frame", "--dump-frames", "--codec",
                                "--preset", "--crf", "--hwaccel", "--no-warm-up"}) {
     if (std::find(options.given.begin(), options.given.end(), clipOnly) == options.given.end()) continue;
     throw ToolError(kExitUsage, std::string(clipOnly) + " is for clips; the output is a single picture");
