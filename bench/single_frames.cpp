@@ -6,7 +6,6 @@
 #include <memory>
 
 #include "common/engine_log.h"
-#include "common/program_cache_path.h"
 #include "enhance/enhance.h"
 #include "enhance/enhancer_session.h"
 
@@ -29,7 +28,6 @@ class SingleFrames : public EnhancerSession {
 };
 
 int run(const char* input, const char* output) {
-  useProgramCache();
   const EngineLog log(false);
   EnhanceOptions options;
   options.input = input;

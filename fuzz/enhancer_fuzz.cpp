@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "fuzz_input.h"
-#include "noxel/enhancer.h"
+#include "noxel/meter.h"
 #include "support/driver_required.h"
 
 namespace {
@@ -80,7 +80,10 @@ class Session {
     FUZZ_CHECK((made == NOXEL_OK) == (enhancer_ != nullptr));
     FUZZ_CHECK((config_.mode > 5 || config_.quality > 2) == (made == NOXEL_ERROR_ARGUMENT));
   }
-  ~Session() { noxel_free(&enhancer_); }
+  ~Session() {
+    noxel_free(&enhancer_);
+    noxel_meter_free(&meter_);
+  }
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
@@ -89,10 +92,12 @@ class Session {
  private:
   void send();
   void receive();
+  void measure();
 
   Input* input_;
   noxel_config config_;
   noxel_enhancer* enhancer_ = nullptr;
+  noxel_meter* meter_ = nullptr;
   std::deque<uint64_t> sent_;
   uint64_t next_ = 0;
   int64_t timeUs_ = 0;
@@ -137,8 +142,26 @@ void Session::receive() {
   FUZZ_CHECK(noxel_pass(enhancer_, 0, &name, &nanoseconds) <= NOXEL_END);
 }
 
+// The same frames, but for their times, without an enhancer.
+void Session::measure() {
+  if (meter_ == nullptr) FUZZ_CHECK(noxel_meter_create(&config_, &meter_) == NOXEL_OK);
+  Planes planes(config_.width, config_.height, NOXEL_MODE_CLEAR, input_);
+  planes.fill(input_->byte());
+  timeUs_ += (static_cast<int64_t>(input_->byte()) - 4) * 20'000;
+  planes.frame.time_us = timeUs_;
+  if (input_->below(8) == 0) planes.frame.planes[input_->below(2)] = nullptr;
+  const bool usable = planes.frame.planes[0] != nullptr && planes.frame.planes[1] != nullptr;
+  const int strength = static_cast<int>(input_->byte()) - 20;
+  FUZZ_CHECK((noxel_meter_set_exposure(meter_, strength) == NOXEL_OK) == (strength >= 0 && strength <= 100));
+  noxel_frame_info info;
+  noxel_frame_info_init(&info, sizeof(info));
+  const int result = noxel_meter_measure(meter_, &planes.frame, &info);
+  FUZZ_CHECK(result == (usable ? NOXEL_OK : NOXEL_ERROR_ARGUMENT));
+  if (result == NOXEL_OK) FUZZ_CHECK(info.gain >= 1 && info.gamma > 0 && info.tone[0] == 0 && info.tone[255] >= 0);
+}
+
 void Session::call() {
-  switch (input_->below(8)) {
+  switch (input_->below(9)) {
     case 0:
     case 1:
     case 2:
@@ -157,6 +180,8 @@ void Session::call() {
     case 6:
       noxel_flush(enhancer_);
       return;
+    case 7:
+      return measure();
     default:
       if (noxel_reset(enhancer_) == NOXEL_OK) sent_.clear();
   }

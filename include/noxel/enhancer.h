@@ -18,6 +18,7 @@
  * Call                             From which thread               At the same time as, on the same enhancer
  * -------------------------------  ------------------------------  -----------------------------------------------------
  * noxel_version[_number]           any                             any
+ * noxel_query_driver               any                             any
  * noxel_error_text                 any                             any
  * noxel_settings, noxel_setting    any                             any
  * noxel_create                     any                             none: there is no enhancer before it returns
@@ -240,6 +241,28 @@ NOXEL_API const char* noxel_version(void);
 
 /** The library's version as NOXEL_VERSION_NUMBER. */
 NOXEL_API int noxel_version_number(void);
+
+/** The driver that enhancers use. Texts are the driver's own. */
+typedef struct noxel_driver {
+  size_t size; /**< of this structure; set it before the call */
+  const char*
+      display; /**< how the EGL display is chosen, as "surfaceless" or "default (DISPLAY)"; the library's, always set */
+  char egl_vendor[256]; /**< empty, as the next, without a usable OpenGL ES 3.0 */
+  char egl_version[256];
+  char gl_vendor[256];
+  char gl_renderer[256];
+  char gl_version[256];
+  int keeps_programs; /**< 0: compiled programs cannot be kept in a cache directory */
+} noxel_driver;
+
+/** Asks the driver, with a context that is gone when the call returns. The log says why where there is none.
+ *
+ *  log  may be null
+ *
+ *  NOXEL_OK; NOXEL_ERROR_NO_GL: nothing usable, and only `display` is known; NOXEL_ERROR_ARGUMENT: null, or a size that is not
+ *  of this structure. Any thread that has no context current.
+ */
+NOXEL_API int noxel_query_driver(noxel_driver* driver, noxel_log_function log, void* log_context);
 
 /** What a result means, in English; for any number. Any thread; the library's, never freed. */
 NOXEL_API const char* noxel_error_text(int result);

@@ -11,6 +11,7 @@
 #include "gl/engine/gpu_engine.h"
 #include "kernels/worker_pool.h"
 #include "platform/signal.h"
+#include "registration/motion_field.h"
 #include "registration/registration_thread.h"
 #include "tonemapping/clear_tone.h"
 
@@ -92,6 +93,18 @@ struct UploadJob {
   std::atomic<bool> ended = false;  // the thread's last word
 };
 
+// A frame that is registered while the one before it is drawn.
+struct AheadRegistration {
+  // Under jobMutex, as all here.
+  const unsigned char* given = nullptr;
+  const unsigned char* next = nullptr;   // null: none is known
+  const unsigned char* frame = nullptr;  // being registered, or registered; null: none
+  bool waits = false;                    // for registrationDone
+  bool startsSequence = false;
+  double preparationMs = 0;       // of the frame that was registered last
+  BlockMotion* blocks = nullptr;  // of the frame that is drawn: registration works on the next one's meanwhile
+};
+
 // Beside the registration thread itself.
 inline constexpr int kMaxRegistrationWorkers = 3;
 
@@ -140,6 +153,7 @@ struct _KRSuperResEngine {
 
   noxel::RegistrationContext registration;
   noxel::ClearTone clearTone;  // mode 5; the running job's
+  noxel::AheadRegistration ahead;
   pthread_t registrationThread = {};
   bool registrationThreadStarted = false;
   noxel::WorkerPool registrationWorkers;

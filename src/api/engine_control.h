@@ -125,6 +125,16 @@ int easeLosses(_KRSuperResEngine* engine, bool on);
 // The next frame's camera path starts from rest: that frame is not moved by stabilisation. 1: no live engine.
 int restartCameraPath(_KRSuperResEngine* engine);
 
+// For a caller that waits for each frame and has the next one already: of the frame that KRProcessFrame gets next, `given`, and of
+// the one that it will get after it, with the same parameters and without a break in the sequence. The latter, NV21, is then
+// registered while the former is drawn; it is read, and must not change, until it has been given in turn or finishAhead
+// returns. Null: none. With it lastTracks and lastOwnTracks are not to be asked. In mode 0 and 4 nothing is done ahead.
+void announceFrames(_KRSuperResEngine* engine, const unsigned char* given, const unsigned char* next);
+
+// Returns when no frame is being registered ahead. What was learnt of one that is not given next is forgotten with the next
+// frame, which begins from rest.
+void finishAhead(_KRSuperResEngine* engine);
+
 FrameReport lastFrameReport(_KRSuperResEngine* engine);
 
 // The pairs that registration kept of that frame, in frame pixels as above: source in the previous frame, target in the

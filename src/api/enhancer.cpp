@@ -118,6 +118,7 @@ Enhancer::~Enhancer() {
       pthread_cond_broadcast(&changed_);
     }
     pthread_join(worker_, nullptr);
+    engine_.finishAhead();
   }
   for (EnhancerFrame& frame : frames_) {
     std::free(frame.nv21);
@@ -253,6 +254,7 @@ int Enhancer::reset() {
   hurry_.store(true, std::memory_order_relaxed);
   while (busy_) pthread_cond_wait(&changed_, &mutex_);
   hurry_.store(false, std::memory_order_relaxed);
+  engine_.finishAhead();
   discard(&waiting_);
   discard(&finished_);
   if (received_ >= 0) free_.push(std::exchange(received_, -1));
@@ -336,6 +338,7 @@ void Enhancer::enhance(int available) {
   if (aheadState_.load(std::memory_order_relaxed) == Ahead::kThere && (ahead || !ahead_.chunkIsDone())) {
     if (chunkIsDone_.load(std::memory_order_relaxed)) ahead_.restart();
     if (ahead_.chunkIsDone()) {
+      engine_.finishAhead();  // the frames are written, with what they hold
       unsigned char* future[FrameQueue::kCapacity];
       const int count = std::min(available, FramesAhead::reachFor(width_, height_).frames());
       for (int i = 0; i < count; ++i) future[i] = frames_[waiting_.at(i)].nv21;
@@ -354,11 +357,20 @@ void Enhancer::enhance(int available) {
   passesOf_ = &frame->diagnostics;
   passesOf_->passCount = 0;
   if (mode_ == NOXEL_MODE_PICTURE) std::memcpy(scratch_, frame->nv21, frameBytes(width_, height_, mode_));
-  const bool enhanced = engine_.process(frame->nv21);
+  const bool enhanced = engine_.process(frame->nv21, registeredNext(available));
   if (mode_ == NOXEL_MODE_PICTURE) copyAlpha(scratch_, width_, height_, frame->nv21);
   passesOf_ = nullptr;  // those of a lead-in are nobody's
   fillInfo(frame, enhanced);
   fillDiagnostics(frame);
+}
+
+// What the engine may look at while it draws the first frame that waits. Tracks are read after that frame.
+const unsigned char* Enhancer::registeredNext(int available) const {
+  if (available < 2 || mode_ == NOXEL_MODE_PICTURE || (config_.diagnostics & NOXEL_DIAGNOSE_TRACKS) != 0)
+    return nullptr;
+  const EnhancerFrame& next = frames_[waiting_.at(1)];
+  return std::equal(next.settings, next.settings + kSettingCount, frames_[waiting_.at(0)].settings) ? next.nv21
+                                                                                                    : nullptr;
 }
 
 // A sequence's first frame has no history: it is shown the frames that follow, the last of them first.

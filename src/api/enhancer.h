@@ -105,6 +105,7 @@ class Enhancer {
   void enhance(int available);
   void beginSequence(int available);
   void settleExposure(const EnhancerFrame& first);
+  const unsigned char* registeredNext(int available) const;
   void fillInfo(EnhancerFrame* frame, bool enhanced);
   bool allocateDiagnostics(FrameDiagnostics* diagnostics) const;
   bool enableDiagnostics();

@@ -21,8 +21,14 @@ class EnhancerEngine {
 
   // By noxel_setting_id, what has changed; those that are not read in the mode have no effect.
   void apply(const double* settings);
-  // In place. False: it comes back as it was.
-  bool process(unsigned char* nv21) { return KRProcessFrame(nv21, engine_) == 0 && ready(); }
+  // In place. False: it comes back as it was. next: of the same sequence, to be processed next and with the same settings; it
+  // must not change meanwhile, or until finishAhead. Null: not known.
+  bool process(unsigned char* nv21, const unsigned char* next = nullptr) {
+    if (mode_ != NOXEL_MODE_PICTURE) announceFrames(engine_, nv21, next);
+    return KRProcessFrame(nv21, engine_) == 0 && ready();
+  }
+  // Nothing reads `next` any more.
+  void finishAhead() { noxel::finishAhead(engine_); }
 
   SequenceClock clock;  // stepped before each frame
   _KRSuperResEngine* get() const { return engine_; }

@@ -1,52 +1,39 @@
 #include "api/frame_planes.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 
+#include "kernels/planes.h"
+
 namespace noxel {
 namespace {
 
-using Codes = std::array<unsigned char, 256>;
-
-// out = round((in - inZero) * outSpan / inSpan) + outZero, clamped. Taken there and back, a limited code is itself again.
-constexpr Codes scaledCodes(int inZero, int inSpan, int outZero, int outSpan) {
-  Codes codes{};
-  for (int in = 0; in < 256; ++in) {
-    const int product = 2 * (in - inZero) * outSpan;
+// round((code - inZero) * outSpan / inSpan) + outZero, clamped. Taken there and back, a limited code is itself again.
+constexpr bool rounds(const kernels::CodeMap& map, int inZero, int inSpan, int outZero, int outSpan) {
+  for (int code = 0; code < 256; ++code) {
+    const int product = 2 * (code - inZero) * outSpan;
     const int rounded = (product >= 0 ? product + inSpan : product - inSpan) / (2 * inSpan);
-    codes[static_cast<size_t>(in)] = static_cast<unsigned char>(std::clamp(rounded + outZero, 0, 255));
+    if (map(static_cast<uint8_t>(code)) != std::clamp(rounded + outZero, 0, 255)) return false;
   }
-  return codes;
+  return true;
 }
 
-constexpr Codes kLumaToFull = scaledCodes(16, 219, 0, 255);
-constexpr Codes kLumaToLimited = scaledCodes(0, 255, 16, 219);
-constexpr Codes kChromaToFull = scaledCodes(128, 224, 128, 255);
-constexpr Codes kChromaToLimited = scaledCodes(128, 255, 128, 224);
+// Factors: 36 / 219, 219 / 255, 31 / 224 and 224 / 255, times 65536.
+constexpr kernels::CodeMap kLumaToFull = {16, 219, 0, true, 10773, 128};
+constexpr kernels::CodeMap kLumaToLimited = {0, 255, 16, false, 56283, 128};
+constexpr kernels::CodeMap kChromaToFull = {16, 224, 0, true, 9070, 255};
+constexpr kernels::CodeMap kChromaToLimited = {0, 255, 15, false, 57569, 272};
+static_assert(rounds(kLumaToFull, 16, 219, 0, 255) && rounds(kLumaToLimited, 0, 255, 16, 219));
+static_assert(rounds(kChromaToFull, 128, 224, 128, 255) && rounds(kChromaToLimited, 128, 255, 128, 224));
 
-struct ChromaPlanes {
-  unsigned char* u;
-  unsigned char* v;
-  ptrdiff_t uStride;
-  ptrdiff_t vStride;
-  int step;  // bytes from a sample to the next
-};
-
-ChromaPlanes chromaOf(const noxel_frame& frame) {
-  unsigned char* const* planes = frame.planes;
-  const ptrdiff_t* strides = frame.strides;
-  switch (frame.format) {
-    case NOXEL_PLANES_NV12:
-      return {planes[1], planes[1] + 1, strides[1], strides[1], 2};
-    case NOXEL_PLANES_NV21:
-      return {planes[1] + 1, planes[1], strides[1], strides[1], 2};
-    case NOXEL_PLANES_I420:
-      return {planes[1], planes[2], strides[1], strides[2], 1};
-    default:
-      return {planes[2], planes[1], strides[2], strides[1], 1};
+// In place where `to` is `from`; full range: as they are.
+void mapRow(const unsigned char* from, int bytes, bool full, const kernels::CodeMap& map, unsigned char* to) {
+  if (!full) {
+    kernels::mapCodes({from, bytes, 1, bytes}, map, {to, bytes, 1, bytes});
+  } else if (from != to) {
+    std::memcpy(to, from, static_cast<size_t>(bytes));
   }
 }
 
@@ -55,28 +42,53 @@ void takeLuma(const noxel_frame& frame, int width, int height, unsigned char* to
   const int paddedWidth = engineWidth(width);
   for (int y = 0; y < engineHeight(height); ++y, to += paddedWidth) {
     const unsigned char* row = frame.planes[0] + std::min(y, height - 1) * frame.strides[0];
-    if (frame.range == NOXEL_RANGE_FULL) {
-      std::memcpy(to, row, static_cast<size_t>(width));
-    } else {
-      for (int x = 0; x < width; ++x) to[x] = kLumaToFull[row[x]];
-    }
+    mapRow(row, width, frame.range == NOXEL_RANGE_FULL, kLumaToFull, to);
     std::memset(to + width, to[width - 1], static_cast<size_t>(paddedWidth - width));
   }
 }
 
-void takeChroma(const noxel_frame& frame, int width, int height, unsigned char* to) {
-  const ChromaPlanes chroma = chromaOf(frame);
-  const bool full = frame.range == NOXEL_RANGE_FULL;
-  const int columns = (width + 1) / 2, rows = (height + 1) / 2;
-  for (int y = 0; y < engineHeight(height) / 2; ++y) {
-    const unsigned char* u = chroma.u + std::min(y, rows - 1) * chroma.uStride;
-    const unsigned char* v = chroma.v + std::min(y, rows - 1) * chroma.vStride;
-    for (int x = 0; x < engineWidth(width) / 2; ++x, to += 2) {
-      const ptrdiff_t at = static_cast<ptrdiff_t>(std::min(x, columns - 1)) * chroma.step;
-      to[0] = full ? v[at] : kChromaToFull[v[at]];
-      to[1] = full ? u[at] : kChromaToFull[u[at]];
-    }
+bool inPairs(const noxel_frame& frame) {
+  return frame.format == NOXEL_PLANES_NV12 || frame.format == NOXEL_PLANES_NV21;
+}
+
+// A row of V,U pairs from the frame's layout and back.
+void takePairs(const noxel_frame& frame, int y, int columns, unsigned char* to) {
+  const unsigned char* const second = frame.planes[1] + y * frame.strides[1];
+  if (inPairs(frame)) {
+    const kernels::ConstPlane row = kernels::packed(second, 2 * columns, 1);
+    if (frame.format == NOXEL_PLANES_NV12) return kernels::swapPairs(row, kernels::packed(to, 2 * columns, 1));
+    std::memcpy(to, second, static_cast<size_t>(2 * columns));
+    return;
   }
+  const unsigned char* const third = frame.planes[2] + y * frame.strides[2];
+  const bool blueFirst = frame.format == NOXEL_PLANES_I420;
+  kernels::interleave(kernels::packed(blueFirst ? third : second, columns, 1),
+                      kernels::packed(blueFirst ? second : third, columns, 1), kernels::packed(to, 2 * columns, 1));
+}
+
+void takeChroma(const noxel_frame& frame, int width, int height, unsigned char* to) {
+  const int columns = (width + 1) / 2, rows = (height + 1) / 2, stride = engineWidth(width);
+  for (int y = 0; y < engineHeight(height) / 2; ++y, to += stride) {
+    takePairs(frame, std::min(y, rows - 1), columns, to);
+    mapRow(to, 2 * columns, frame.range == NOXEL_RANGE_FULL, kChromaToFull, to);
+    for (int x = 2 * columns; x < stride; ++x) to[x] = to[x - 2];
+  }
+}
+
+void giveChroma(const unsigned char* from, int y, int columns, const noxel_frame& frame) {
+  const bool full = frame.range == NOXEL_RANGE_FULL;
+  unsigned char* const second = frame.planes[1] + y * frame.strides[1];
+  if (inPairs(frame)) {
+    mapRow(from, 2 * columns, full, kChromaToLimited, second);
+    const kernels::Plane row = kernels::packed(second, 2 * columns, 1);
+    if (frame.format == NOXEL_PLANES_NV12) kernels::swapPairs(row, row);
+    return;
+  }
+  unsigned char* const third = frame.planes[2] + y * frame.strides[2];
+  const bool blueFirst = frame.format == NOXEL_PLANES_I420;
+  kernels::deinterleave(kernels::packed(from, 2 * columns, 1), kernels::packed(blueFirst ? third : second, columns, 1),
+                        kernels::packed(blueFirst ? second : third, columns, 1));
+  for (unsigned char* plane : {second, third}) mapRow(plane, columns, full, kChromaToLimited, plane);
 }
 
 // Shares of red and blue in luma; green has the rest.
@@ -144,27 +156,10 @@ void takePlanes(const noxel_frame& frame, int width, int height, unsigned char* 
 
 void givePlanes(const unsigned char* nv21, int width, int height, const noxel_frame& frame) {
   const int stride = engineWidth(width);
-  const bool full = frame.range == NOXEL_RANGE_FULL;
-  for (int y = 0; y < height; ++y) {
-    const unsigned char* from = nv21 + static_cast<ptrdiff_t>(y) * stride;
-    unsigned char* row = frame.planes[0] + y * frame.strides[0];
-    if (full) {
-      std::memcpy(row, from, static_cast<size_t>(width));
-    } else {
-      for (int x = 0; x < width; ++x) row[x] = kLumaToLimited[from[x]];
-    }
-  }
-  const ChromaPlanes chroma = chromaOf(frame);
-  const unsigned char* from = nv21 + static_cast<ptrdiff_t>(stride) * engineHeight(height);
-  for (int y = 0; y < (height + 1) / 2; ++y, from += stride) {
-    unsigned char* u = chroma.u + y * chroma.uStride;
-    unsigned char* v = chroma.v + y * chroma.vStride;
-    for (int x = 0; x < (width + 1) / 2; ++x) {
-      const ptrdiff_t at = static_cast<ptrdiff_t>(x) * chroma.step;
-      v[at] = full ? from[2 * x] : kChromaToLimited[from[2 * x]];
-      u[at] = full ? from[2 * x + 1] : kChromaToLimited[from[2 * x + 1]];
-    }
-  }
+  for (int y = 0; y < height; ++y, nv21 += stride)
+    mapRow(nv21, width, frame.range == NOXEL_RANGE_FULL, kLumaToLimited, frame.planes[0] + y * frame.strides[0]);
+  nv21 += ptrdiff_t{stride} * (engineHeight(height) - height);
+  for (int y = 0; y < (height + 1) / 2; ++y, nv21 += stride) giveChroma(nv21, y, (width + 1) / 2, frame);
 }
 
 void takeRgba(const noxel_frame& frame, int width, int height, unsigned char* rgba) {

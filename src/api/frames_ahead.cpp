@@ -48,8 +48,9 @@ void FramesAhead::lookBack(unsigned char* const* frames, int count, const double
     } else {
       backwards_.clock.stepOnce();
     }
-    backwards_.process(frames[i]);
+    backwards_.process(frames[i], i > 0 ? frames[i - 1] : nullptr);
   }
+  backwards_.finishAhead();
 }
 
 void FramesAhead::offer(const EnhancerEngine& forward) {

@@ -1,11 +1,18 @@
 // The C interface of libnoxel: what needs no enhancer.
 #include <algorithm>
 #include <climits>
+#include <cmath>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "api/enhancer.h"
+#include "api/meter.h"
+#include "gl/runtime/driver_info.h"
 #include "noxel/enhancer.h"
+#include "platform/egl_display.h"
+#include "tonemapping/tone_curve.h"
 
 namespace {
 
@@ -18,12 +25,23 @@ int initialise(Record* record, size_t size, const Record& defaults) {
   return NOXEL_OK;
 }
 
+bool isSized(const noxel_config& config) {
+  return config.width > 0 && config.height > 0 && config.width <= INT_MAX / 8 / config.height;
+}
+
+// The caller's, which may be an older header's, with defaults for the rest. False: no configuration.
+bool complete(const noxel_config* given, noxel_config* config) {
+  noxel_config_init(config, sizeof(*config), 0, 0);
+  if (given == nullptr || given->size < offsetof(noxel_config, log) || given->size > sizeof(*config)) return false;
+  std::memcpy(config, given, given->size);
+  return true;
+}
+
 int check(const noxel_config& config) {
-  const bool sized = config.width > 0 && config.height > 0 && config.width <= INT_MAX / 8 / config.height;
   const bool moded = config.mode >= NOXEL_MODE_THREE_FRAMES && config.mode <= NOXEL_MODE_CLEAR;
   const bool chosen = config.quality >= NOXEL_QUALITY_FAST && config.quality <= NOXEL_QUALITY_BEST &&
                       (config.delivery == NOXEL_COMPLETE || config.delivery == NOXEL_LIVE);
-  if (!sized || !moded || !chosen || config.frame_interval_us < 0) return NOXEL_ERROR_ARGUMENT;
+  if (!isSized(config) || !moded || !chosen || config.frame_interval_us < 0) return NOXEL_ERROR_ARGUMENT;
   if (config.window != nullptr && (config.delivery == NOXEL_COMPLETE || config.mode == NOXEL_MODE_PICTURE))
     return NOXEL_ERROR_UNSUPPORTED;
   if ((config.share_context == nullptr) != (config.share_display == nullptr)) return NOXEL_ERROR_ARGUMENT;
@@ -43,6 +61,10 @@ const noxel::Enhancer* behind(const noxel_enhancer* enhancer) {
   return reinterpret_cast<const noxel::Enhancer*>(enhancer);
 }
 
+noxel::Meter* behind(noxel_meter* meter) {
+  return reinterpret_cast<noxel::Meter*>(meter);
+}
+
 }  // namespace
 
 static_assert(NOXEL_VERSION_NUMBER == NOXEL_PROJECT_VERSION_NUMBER, "the header's version is the project's");
@@ -55,6 +77,36 @@ const char* noxel_version(void) {
 
 int noxel_version_number(void) {
   return NOXEL_VERSION_NUMBER;
+}
+
+int noxel_query_driver(noxel_driver* driver, noxel_log_function log, void* log_context) {
+  if (driver == nullptr || driver->size != sizeof(noxel_driver)) return NOXEL_ERROR_ARGUMENT;
+  struct Told {
+    noxel_log_function function;
+    void* context;
+  } told = {log, log_context};
+  noxel::platform::LogTarget target;
+  if (log != nullptr) {
+    target.write = [](void* context, int priority, const char* message) {
+      const auto* to = static_cast<const Told*>(context);
+      to->function(to->context, priority, message);
+    };
+  }
+  target.context = &told;
+  const noxel::platform::LogScope scope(&target);
+  noxel::DriverInfo info;
+  const bool usable = noxel::queryDriver(&info);
+  *driver = {};
+  driver->size = sizeof(noxel_driver);
+  driver->display = noxel::platform::engineDisplayName();
+  const std::pair<const char*, char*> texts[] = {{info.eglVendor, driver->egl_vendor},
+                                                 {info.eglVersion, driver->egl_version},
+                                                 {info.glVendor, driver->gl_vendor},
+                                                 {info.glRenderer, driver->gl_renderer},
+                                                 {info.glVersion, driver->gl_version}};
+  for (const auto& [from, to] : texts) std::snprintf(to, sizeof(driver->egl_vendor), "%s", from);
+  driver->keeps_programs = info.programBinaryFormats > 0 ? 1 : 0;
+  return usable ? NOXEL_OK : NOXEL_ERROR_NO_GL;
 }
 
 const char* noxel_error_text(int result) {
@@ -109,15 +161,12 @@ int noxel_frame_info_init(noxel_frame_info* info, size_t size) {
 }
 
 int noxel_create(const noxel_config* config, noxel_enhancer** enhancer) {
-  if (config == nullptr || enhancer == nullptr) return NOXEL_ERROR_ARGUMENT;
-  noxel_config complete;
-  noxel_config_init(&complete, sizeof(complete), 0, 0);
-  if (config->size < offsetof(noxel_config, log) || config->size > sizeof(complete)) return NOXEL_ERROR_ARGUMENT;
-  std::memcpy(&complete, config, config->size);
-  const int result = check(complete);
+  noxel_config whole;
+  if (!complete(config, &whole) || enhancer == nullptr) return NOXEL_ERROR_ARGUMENT;
+  const int result = check(whole);
   if (result != NOXEL_OK) return result;
   noxel::Enhancer* made = nullptr;
-  const int error = noxel::Enhancer::make(complete, &made);
+  const int error = noxel::Enhancer::make(whole, &made);
   if (error == NOXEL_OK) *enhancer = reinterpret_cast<noxel_enhancer*>(made);
   return error;
 }
@@ -210,6 +259,51 @@ int noxel_pass(const noxel_enhancer* enhancer, int index, const char** name, uin
   if (of == nullptr || index >= of->passCount) return NOXEL_END;
   *name = of->passes[index].name;
   *nanoseconds = of->passes[index].nanoseconds;
+  return NOXEL_OK;
+}
+
+int noxel_meter_create(const noxel_config* config, noxel_meter** meter) {
+  noxel_config whole;
+  if (!complete(config, &whole) || meter == nullptr || !isSized(whole) || whole.frame_interval_us < 0)
+    return NOXEL_ERROR_ARGUMENT;
+  noxel::Meter* made = nullptr;
+  const int error = noxel::Meter::make(whole, &made);
+  if (error == NOXEL_OK) *meter = reinterpret_cast<noxel_meter*>(made);
+  return error;
+}
+
+void noxel_meter_free(noxel_meter** meter) {
+  if (meter == nullptr || *meter == nullptr) return;
+  delete behind(*meter);
+  *meter = nullptr;
+}
+
+int noxel_meter_set_exposure(noxel_meter* meter, int strength) {
+  if (meter == nullptr || strength < 0 || strength > 100) return NOXEL_ERROR_ARGUMENT;
+  behind(meter)->setExposure(strength);
+  return NOXEL_OK;
+}
+
+int noxel_meter_measure(noxel_meter* meter, const noxel_frame* frame, noxel_frame_info* info) {
+  if (meter == nullptr || frame == nullptr || frame->size < sizeof(noxel_frame) || info == nullptr || !isWhole(info))
+    return NOXEL_ERROR_ARGUMENT;
+  const noxel::platform::LogScope log(behind(meter)->log());
+  return behind(meter)->measure(*frame, info);
+}
+
+int noxel_suggest_tone(const double* histogram, double strength, double* smoothed, double* curve) {
+  constexpr int kSmoothingRadius = 3;  // levels; gaps and combs from coding are narrower
+  if (histogram == nullptr || curve == nullptr || !(strength >= 0 && strength <= 1)) return NOXEL_ERROR_ARGUMENT;
+  noxel::Histogram counts;
+  for (int level = 0; level < noxel::kLevels; ++level) {
+    if (!(histogram[level] >= 0 && std::isfinite(histogram[level]))) return NOXEL_ERROR_ARGUMENT;
+    counts.bins[level] = histogram[level];
+  }
+  noxel::Histogram smooth;
+  noxel::smoothHistogram(counts, kSmoothingRadius, &smooth);
+  const noxel::ToneCurve suggested = noxel::suggestToneCurve(smooth, strength);
+  if (smoothed != nullptr) std::copy_n(smooth.bins, noxel::kLevels, smoothed);
+  std::copy_n(suggested.level, noxel::kLevels, curve);
   return NOXEL_OK;
 }
 }

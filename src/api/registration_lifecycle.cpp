@@ -53,6 +53,10 @@ bool allocateForClear(_KRSuperResEngine* engine) {
   if (engine->mode != kModeClear) return true;
   if (!context->noise.allocate(engine->width, engine->height) || !enableMotionField(context->registration))
     return false;
+  const MotionField field = motionField(*context->registration);
+  engine->ahead.blocks = static_cast<BlockMotion*>(
+      std::calloc(static_cast<size_t>(field.columns) * static_cast<size_t>(field.rows), sizeof(BlockMotion)));
+  if (engine->ahead.blocks == nullptr) return false;
   context->measuresNoise.store(1, std::memory_order_release);
   return true;
 }
@@ -94,6 +98,8 @@ void stopRegistrationThread(_KRSuperResEngine* engine) {
   stopWorkers(engine);
   releaseRegistration(&context->registration);
   releaseStabilization(&context->stabilization, 1, 1);
+  std::free(engine->ahead.blocks);
+  engine->ahead.blocks = nullptr;
   for (uint8_t** image : {&context->luminanceFrames[0], &context->luminanceFrames[1], &context->scratchFrame}) {
     std::free(*image);
     *image = nullptr;

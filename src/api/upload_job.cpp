@@ -4,7 +4,9 @@
 #include <cstring>
 #include <iterator>
 #include <new>
+#include <utility>
 
+#include "api/engine_registry.h"
 #include "api/threads.h"
 #include "kernels/planes.h"
 #include "platform/log.h"
@@ -118,20 +120,24 @@ void upload(_KRSuperResEngine* engine, Frame* frame) {
 }
 
 // A break asks for a fresh start of the tracker, with the first frame after it and no other.
-void takeRepriming(_KRSuperResEngine* engine, uint32_t sequence) {
+bool takeRepriming(_KRSuperResEngine* engine, uint32_t sequence) {
   Lock lock(*engine->frameMutex);
-  if (engine->sequence.load(std::memory_order_relaxed) != sequence) return;
-  if (engine->repriming.exchange(0, std::memory_order_acq_rel) == 1) engine->registration.firstFrame = 1;
+  if (engine->sequence.load(std::memory_order_relaxed) != sequence) return false;
+  if (engine->repriming.exchange(0, std::memory_order_acq_rel) == 0) return false;
+  engine->registration.firstFrame = 1;
+  return true;
 }
 
 void submitRegistrationFrame(_KRSuperResEngine* engine, const unsigned char* frame) {
   RegistrationContext* registration = &engine->registration;
+  const uint64_t start = KRTimeNow();
   registration->frameSelect = 1 - registration->frameSelect;
   prepareLuminance({engine->width, engine->height, frame}, engine->scale, engine->mode == kModeThreeFrames,
                    registration->luminanceFrames[registration->frameSelect], registration->scratchFrame);
   registration->fullLuma = frame;
   const unsigned char* chroma = frame + static_cast<size_t>(engine->width) * static_cast<size_t>(engine->height);
   registration->fullChroma = {{chroma + 1, chroma}, 2, engine->width / 2 * 2};  // V, U pairs, also of a YV12 frame
+  engine->ahead.preparationMs = static_cast<double>(KRTimeDiff(start, KRTimeNow())) * 1e-6;
   registration->registrationRequest.raise();
 }
 
@@ -153,14 +159,40 @@ float easeZoom(GpuThreadContext* gpu, bool stabilizing) {
   return gpu->currentZoom.compare_exchange_strong(current, next, std::memory_order_relaxed) ? next : current;
 }
 
+void waitForAhead(_KRSuperResEngine* engine) {
+  if (engine->ahead.waits) engine->registration.registrationDone.wait();
+  engine->ahead.waits = false;
+}
+
+// Whether it has been registered while the frame before was drawn. Where that was another one, the tracker begins anew.
+bool isRegisteredAhead(_KRSuperResEngine* engine, Frame* frame, bool breaks) {
+  AheadRegistration* ahead = &engine->ahead;
+  const unsigned char* const known = std::exchange(ahead->frame, nullptr);
+  if (known == nullptr) return false;
+  if (known != ahead->given) engine->registration.firstFrame = 1;
+  if (known != ahead->given || breaks) return false;
+  frame->startsSequence = ahead->startsSequence;
+  return true;
+}
+
 void registerFrame(_KRSuperResEngine* engine, Frame* frame) {
-  const uint64_t submitted = KRTimeNow();
-  takeRepriming(engine, frame->sequence);
-  frame->startsSequence = engine->registration.firstFrame == 1;
-  engine->registration.easesLosses = frame->settings.easesLosses != 0;
-  submitRegistrationFrame(engine, frame->buffer);
-  engine->registration.registrationDone.wait();
-  frame->registrationMs = static_cast<double>(KRTimeDiff(submitted, KRTimeNow())) * 1e-6;
+  const bool breaks = takeRepriming(engine, frame->sequence);
+  if (!isRegisteredAhead(engine, frame, breaks)) {
+    frame->startsSequence = engine->registration.firstFrame == 1;
+    engine->registration.easesLosses = frame->settings.easesLosses != 0;
+    submitRegistrationFrame(engine, frame->buffer);
+    engine->registration.registrationDone.wait();
+  }
+  frame->registrationMs = engine->ahead.preparationMs + engine->registration.busyMs;
+}
+
+// The frame that comes next, while this one is drawn.
+void registerAhead(_KRSuperResEngine* engine, const unsigned char* next) {
+  if (next == nullptr || engine->mode == kModeThreeFrames) return;
+  engine->ahead.frame = next;
+  engine->ahead.startsSequence = engine->registration.firstFrame == 1;
+  engine->ahead.waits = true;
+  submitRegistrationFrame(engine, next);
 }
 
 // While chroma's own is not known it is taken for a demosaiced sensor's, measured: about 0.85 and 0.72 of luma's.
@@ -177,17 +209,21 @@ void takeNoise(const RegistrationContext& registration, Frame* frame) {
   }
 }
 
-void takeLocalMotion(const RegistrationContext& registration, Frame* frame) {
+void takeLocalMotion(_KRSuperResEngine* engine, Frame* frame) {
+  const RegistrationContext& registration = engine->registration;
   static_assert(sizeof(BlockMotion) == 3 * sizeof(float));
   if (registration.registration == nullptr || registration.registrationResult != kRegistrationValid) return;
   const MotionField field = motionField(*registration.registration);
-  if (field.blocks == nullptr) return;
+  if (field.blocks == nullptr || engine->ahead.blocks == nullptr) return;
   const int factor = registration.resolutionFactor;
-  frame->localMotion = {&field.blocks->dx,          field.columns, field.rows, kMotionBlockSide * factor,
-                        static_cast<float>(factor), kMovesOnItsOwn};
+  BlockMotion* blocks = engine->ahead.blocks;
+  std::copy_n(field.blocks, field.columns * field.rows, blocks);
+  frame->localMotion = {&blocks->dx,   field.columns, field.rows, kMotionBlockSide * factor, static_cast<float>(factor),
+                        kMovesOnItsOwn};
 }
 
-void takeResults(const RegistrationContext& registration, Frame* frame) {
+void takeResults(_KRSuperResEngine* engine, Frame* frame) {
+  const RegistrationContext& registration = engine->registration;
   frame->tone = {registration.exposure.smoothedGamma, registration.exposure.smoothedGain};
   FrameParameters* motion = &frame->motion;
   std::memcpy(motion->frameMatrixA, registration.motionMatrix, sizeof(registration.motionMatrix));
@@ -196,7 +232,7 @@ void takeResults(const RegistrationContext& registration, Frame* frame) {
               sizeof(kIdentity3x3));
   frame->status = registration.registrationResult;
   takeNoise(registration, frame);
-  takeLocalMotion(registration, frame);
+  takeLocalMotion(engine, frame);
 }
 
 // Mode 5. The table is the job's until the GPU thread has taken the frame over.
@@ -233,6 +269,9 @@ void fillReport(_KRSuperResEngine* engine, const Frame& frame) {
 
 void process(_KRSuperResEngine* engine, Frame* frame) {
   startWatch(72);
+  waitForAhead(engine);
+  const unsigned char* const next =
+      engine->ahead.next;  // another call may say another one as soon as the frame is drawn
   frame->settings = takeSettings(engine->gpu);
   frame->settings.zoom = easeZoom(&engine->gpu, stabilizes(*frame));
   choosePath(engine, frame);
@@ -240,14 +279,30 @@ void process(_KRSuperResEngine* engine, Frame* frame) {
   if (isRegistered(*engine, *frame)) registerFrame(engine, frame);
   stopWatch("c2s", 72);
   engine->gpu.gpuDone.wait();  // the load
-  takeResults(engine->registration, frame);
+  takeResults(engine, frame);
   followTone(engine, frame);
   fillReport(engine, *frame);
   postCommand(engine, kCommandProcess, frame);
+  registerAhead(engine, next);
   engine->gpu.gpuDone.wait();
 }
 
 }  // namespace
+
+void announceFrames(_KRSuperResEngine* engine, const unsigned char* given, const unsigned char* next) {
+  const EngineReference reference(engine);
+  if (!reference) return;
+  Lock job(engine->jobMutex);
+  engine->ahead.given = given;
+  engine->ahead.next = next;
+}
+
+void finishAhead(_KRSuperResEngine* engine) {
+  const EngineReference reference(engine);
+  if (!reference) return;
+  Lock job(engine->jobMutex);
+  waitForAhead(engine);
+}
 
 bool spawnUploadJob(_KRSuperResEngine* engine, uint32_t sequence) {
   void* memory = std::malloc(sizeof(UploadJob));

@@ -64,6 +64,18 @@ void limitRow(const uint8_t* original, int limit, int begin, int end, uint8_t* c
   }
 }
 
+void mapRow(const uint8_t* source, const CodeMap& map, int begin, int end, uint8_t* out) {
+  for (int x = begin; x < end; ++x) out[x] = map(source[x]);
+}
+
+void swapRow(const uint8_t* source, int begin, int end, uint8_t* out) {
+  for (int i = begin; i < end; ++i) {
+    const uint8_t first = source[2 * i];
+    out[2 * i] = source[2 * i + 1];
+    out[2 * i + 1] = first;
+  }
+}
+
 // Running mean along a line of `count` samples, `step` bytes apart.
 void smoothLine(uint8_t* line, int count, ptrdiff_t step, int radius, uint8_t* scratch) {
   for (int i = 0; i < count; ++i) scratch[i] = line[i * step];
@@ -102,6 +114,8 @@ const RowKernels kPlainRows = {
     {rowMeans<kBoxFour>, rowMeans<kGaussThree>, rowMeans<kGaussFive>},
     sharpenRow,
     limitRow,
+    mapRow,
+    swapRow,
     smoothRows,
     smoothColumns,
 };

@@ -141,6 +141,18 @@ void limitChange(const ConstPlane& original, int limit, const Plane& changed) {
     kernels.limitChange(original.row(y), limit, 0, changed.width, changed.row(y));
 }
 
+void mapCodes(const ConstPlane& source, const CodeMap& map, const Plane& destination) {
+  assert(sameSize(source, destination));
+  const RowKernels& kernels = rowKernels();
+  for (int y = 0; y < source.height; ++y) kernels.mapCodes(source.row(y), map, 0, source.width, destination.row(y));
+}
+
+void swapPairs(const ConstPlane& source, const Plane& destination) {
+  assert(sameSize(source, destination) && source.width % 2 == 0);
+  const RowKernels& kernels = rowKernels();
+  for (int y = 0; y < source.height; ++y) kernels.swapPairs(source.row(y), 0, source.width / 2, destination.row(y));
+}
+
 void smoothChroma(const Plane& pairs, int radius, int iterations, uint8_t* scratch, WorkerPool* pool) {
   assert(pairs.width % 2 == 0 && radius >= 0);
   const RowKernels& kernels = rowKernels();

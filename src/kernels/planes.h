@@ -79,6 +79,31 @@ void sharpen(const ConstPlane& source, Gauss taps, int sixteenths, const Plane& 
 // Clamps each sample of `changed` to within `limit` (0..255) of `original`. Both planes have the same size.
 void limitChange(const ConstPlane& original, int limit, const Plane& changed);
 
+// A map of codes: t = min(max(code - low, 0), span) becomes
+// min(start + t [if keeps] + ((t * 256 * factor / 65536 + bias) / 256), 255), both divisions rounded down. All of it fits 16
+// bits, so that eight are done at once.
+struct CodeMap {
+  uint8_t low;
+  uint8_t span;
+  uint8_t start;
+  bool keeps;
+  uint16_t factor;
+  uint16_t bias;
+
+  constexpr uint8_t operator()(uint8_t code) const {
+    const uint32_t above = code > low ? code - low : 0;
+    const uint32_t t = above < span ? above : span;
+    const uint32_t mapped = start + (keeps ? t : 0) + ((((t << 8) * factor >> 16) + bias) >> 8);
+    return static_cast<uint8_t>(mapped < 255 ? mapped : 255);
+  }
+};
+
+// Each code mapped; in place, too.
+void mapCodes(const ConstPlane& source, const CodeMap& map, const Plane& destination);
+
+// The bytes of each pair change places: NV12's chroma to NV21's. In place, too. Rows of an even number of bytes.
+void swapPairs(const ConstPlane& source, const Plane& destination);
+
 // Chroma denoising: replaces each component of interleaved pairs (width / 2 a row) by the mean over 2 * radius + 1
 // neighbours, `iterations` times horizontally, then `iterations` times vertically. Edge pairs repeated, means rounded
 // half up. `scratch` holds width / 2 * height bytes.

@@ -47,6 +47,10 @@ struct RowKernels {
 
   void (*limitChange)(const uint8_t* original, int limit, int begin, int end, uint8_t* changed);
 
+  // `out` may be `source`; the span of swapPairs is in pairs.
+  void (*mapCodes)(const uint8_t* source, const CodeMap& map, int begin, int end, uint8_t* out);
+  void (*swapPairs)(const uint8_t* source, int begin, int end, uint8_t* out);
+
   // smoothChroma's two halves, on rows [begin, end) and on columns of pairs [begin, end). `scratch`: one byte per pair.
   void (*smoothRows)(const Plane& pairs, int begin, int end, int radius, int iterations, uint8_t* scratch);
   void (*smoothColumns)(const Plane& pairs, int begin, int end, int radius, int iterations, uint8_t* scratch);

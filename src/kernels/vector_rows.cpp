@@ -105,6 +105,29 @@ void limitRow(const uint8_t* original, int limit, int begin, int end, uint8_t* c
   kPlainRows.limitChange(original, limit, x, end, changed);
 }
 
+void mapRow(const uint8_t* source, const CodeMap& map, int begin, int end, uint8_t* out) {
+  const Bytes low = Bytes::all(map.low), span = Bytes::all(map.span), start = Bytes::all(map.start);
+  const Bytes kept = Bytes::all(map.keeps ? 255 : 0);
+  const Words factor = Words::all(map.factor), bias = Words::all(map.bias);
+  const auto scaled = [&](const Words& t) { return ((t << 8).upperProduct(factor) + bias) >> 8; };
+  int x = begin;
+  for (; x + 16 <= end; x += 16) {
+    const Bytes t = min(Bytes::load(source + x).minus(low), span);
+    const Bytes added = narrowed(scaled(t.lowHalf()), scaled(t.highHalf()));
+    added.plus(start).plus(min(t, kept)).store(out + x);
+  }
+  kPlainRows.mapCodes(source, map, x, end, out);
+}
+
+void swapRow(const uint8_t* source, int begin, int end, uint8_t* out) {
+  int i = begin;
+  for (; i + 8 <= end; i += 8) {
+    const Words pairs = Words::load(source + 2 * i);
+    ((pairs << 8) + (pairs >> 8)).store(out + 2 * i);
+  }
+  kPlainRows.swapPairs(source, i, end, out);
+}
+
 // Running means on sixteen lines at once: the lines are copied side by side into a tile, sample i of all of them at
 // tile + 16 i.
 constexpr int kLanes = 16;
@@ -240,6 +263,8 @@ constexpr RowKernels kRows = {
     {rowMeans<kBoxFour>, rowMeans<kGaussThree>, rowMeans<kGaussFive>},
     sharpenRow,
     limitRow,
+    mapRow,
+    swapRow,
     smoothRows,
     smoothColumns,
 };

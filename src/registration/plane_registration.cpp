@@ -1,5 +1,6 @@
 #include "registration/plane_registration.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 
@@ -42,11 +43,12 @@ bool PlaneRegistration::measure(const uint8_t* luma) {
   float motion[9];
   const auto registerPlane = coasts_ ? registerFrameCoasting : registerFrame;
   registerPlane(luminance_, motion, inverseMotion_, matches_, &valid, registration_, &firstFrame_, &path_);
-  if (measuresNoise_) {
-    motion[2] *= static_cast<float>(factor_);
-    motion[5] *= static_cast<float>(factor_);
-    noise_.measure(luma, valid == 1 ? motion : nullptr);
+  if (valid == 1) {
+    std::copy_n(motion, 9, motion_);
+    motion_[2] *= static_cast<float>(factor_);
+    motion_[5] *= static_cast<float>(factor_);
   }
+  if (measuresNoise_) noise_.measure(luma, valid == 1 ? motion_ : nullptr);
   return valid == 1;
 }
 

@@ -1,11 +1,12 @@
 // Registration of plain luma planes, one after the other, exactly as the engine does it with its frames: what
-// noxel-register and the benches measure with. Not in the library that ships.
+// libnoxel's meter, noxel-register and the benches measure with.
 #pragma once
 
 #include <cstdint>
 
 #include "kernels/worker_pool.h"
 #include "registration/camera_path.h"
+#include "registration/exposure.h"
 #include "registration/noise_curve.h"
 #include "registration/point_tracker.h"
 #include "registration/registration_state.h"
@@ -38,6 +39,11 @@ class PlaneRegistration {
   // Motion at the last plane: 2 x 3, row-major, from pixels of the previous plane to pixels of this one, both at full
   // size with the centre of the first pixel at (0, 0).
   void currentFromPrevious(double (&affine)[6]) const;
+  // The inverse, 3 x 3, with the centre of the first pixel at (0.5, 0.5). Of the last plane whose motion is known.
+  const float* previousFromCurrent() const { return motion_; }
+
+  // The last plane as it was registered.
+  LumaImage image() const { return {width_ / factor_, height_ / factor_, luminance_}; }
 
   // Call after create: measures the motion field with every plane from the next on. False: out of memory.
   bool enableField() { return enableMotionField(registration_); }
@@ -59,6 +65,7 @@ class PlaneRegistration {
   _KROFRegistration* registration_ = nullptr;
   _KRStabilizationParameters path_ = {};
   _KRMatch matches_[kMaxPoints];
+  float motion_[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
   float inverseMotion_[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
   int firstFrame_ = 1;
   NoiseMeter noise_;

@@ -1,5 +1,6 @@
 #include "registration/registration_thread.h"
 
+#include <chrono>
 #include <cmath>
 #include <cstring>
 
@@ -95,6 +96,7 @@ void* registrationThreadMain(void* argument) {
   for (;;) {
     context->registrationRequest.wait();
     if (quitRequested(context)) break;
+    const auto start = std::chrono::steady_clock::now();
     const bool first = context->firstFrame == 1;
     if (context->registrationResult != kRegistrationOff) {
       measureMotion(context);
@@ -108,6 +110,7 @@ void* registrationThreadMain(void* argument) {
     measuredNoise = measuresNoise;
     updateExposure(&context->exposure, selectedImage(*context), context->mode,
                    context->exposureStrength.load(std::memory_order_relaxed));
+    context->busyMs = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
     context->registrationDone.raise();
   }
   context->registrationDone.raise();

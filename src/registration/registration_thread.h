@@ -68,6 +68,8 @@ struct RegistrationContext {
   _KRMatch matches[kMaxPoints] = {};  // the kept pairs of the last frame, in pixels of the registration image
   int matchCount = 0;
 
+  double busyMs = 0;  // with the last frame
+
   // Measured only while measuresNoise is 1, from `fullLuma` and `fullChroma`: the frame's own, at frame size, which the
   // frame path lends until registrationDone. The meter is allocated before measuresNoise is set, acquire/release.
   NoiseMeter noise;

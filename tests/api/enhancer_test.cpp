@@ -172,6 +172,72 @@ TEST(Enhancer, EveryFrameComesBackInOrderAndCleaner) {
   }
 }
 
+// Sends 16 frames of a moving scene in groups, receives each group before the next: with more than one in a group a frame is
+// registered while the one before it is drawn. A setting changes, a cut comes and frames are forgotten on the way.
+std::vector<std::pair<noxel_frame_info, std::vector<unsigned char>>> enhanceInGroups(Enhancement& enhancement,
+                                                                                     int group) {
+  // Made beforehand: the frames of a group are to arrive faster than they are enhanced.
+  static const std::vector<std::vector<uint8_t>> views = [] {
+    const Waves scene(9, 6.0);
+    std::vector<std::vector<uint8_t>> made;
+    for (int i = 0; i < 24; ++i) {
+      made.push_back(scene.seen(kWidth, kHeight, shifted(1.5 * i, 0.75 * i), kSigma, static_cast<unsigned>(i) + 1));
+      for (uint8_t& level : made.back()) level /= 4;  // as dark as needs brightening
+    }
+    return made;
+  }();
+  std::vector<std::pair<noxel_frame_info, std::vector<unsigned char>>> results;
+  Planes out(kWidth, kHeight, NOXEL_PLANES_NV12);
+  const auto send = [&](int i, int64_t timeUs) {
+    EXPECT_EQ(enhancement.send(views[static_cast<size_t>(i)], static_cast<uint64_t>(i), timeUs), NOXEL_OK);
+  };
+  for (int i = 0; i < 16; ++i) {
+    if (i == 6) noxel_set(enhancement.enhancer, NOXEL_EXPOSURE, 90);
+    if (i == 9) noxel_set(enhancement.enhancer, NOXEL_PER_FRAME, 1);
+    if (i == 11) noxel_set(enhancement.enhancer, NOXEL_PER_FRAME, 0);
+    send(i, i * kIntervalUs + (i < 4 ? 0 : 5'000'000));
+    if ((i + 1) % group != 0) continue;
+    std::pair<noxel_frame_info, std::vector<unsigned char>> result;
+    while (enhancement.receive(&out, &result.first) == NOXEL_OK) {
+      result.second = out.bytes[0];
+      results.push_back(result);
+    }
+    if (i + 1 != 12) continue;
+    for (int k = 20; k < 20 + group; ++k) send(k, k * kIntervalUs + 5'000'000);
+    EXPECT_EQ(noxel_reset(enhancement.enhancer), NOXEL_OK);
+  }
+  return results;
+}
+
+TEST(Enhancer, RegisteringAFrameWhileTheOneBeforeIsDrawnChangesNothing) {
+  for (const int mode : {NOXEL_MODE_CLEAR, NOXEL_MODE_ENHANCE}) {
+    SCOPED_TRACE(mode);
+    Enhancement single, grouped;
+    for (Enhancement* enhancement : {&single, &grouped}) {
+      enhancement->config.mode = mode;
+      enhancement->config.lead_in = 0;
+      if (!enhancement->made()) GTEST_SKIP();
+      noxel_set(enhancement->enhancer, NOXEL_STABILIZE, 1);
+    }
+    const auto one = enhanceInGroups(single, 1), more = enhanceInGroups(grouped, 4);
+    ASSERT_EQ(one.size(), 16u);
+    ASSERT_EQ(more.size(), 16u);
+    for (size_t i = 0; i < one.size(); ++i) {
+      SCOPED_TRACE(i);
+      const noxel_frame_info &a = one[i].first, &b = more[i].first;
+      EXPECT_EQ(b.tag, a.tag);
+      EXPECT_EQ(b.starts_sequence, i == 0 || i == 4 || i == 11 || i == 12 ? 1 : 0);
+      if (i >= 12)
+        continue;  // how many of the forgotten frames had been enhanced before is chance; exposure goes on from them
+      EXPECT_EQ(std::tie(b.starts_sequence, b.motion_known, b.points_kept, b.gain),
+                std::tie(a.starts_sequence, a.motion_known, a.points_kept, a.gain));
+      EXPECT_TRUE(std::equal(std::begin(a.noise_luma), std::end(a.noise_luma), b.noise_luma));
+      EXPECT_TRUE(std::equal(a.stabilized_from_current, a.stabilized_from_current + 9, b.stabilized_from_current));
+      EXPECT_EQ(more[i].second, one[i].second);
+    }
+  }
+}
+
 TEST(Enhancer, CutsSeekAndShortClipsLeaveNoTrace) {
   Enhancement enhancement;
   if (!enhancement.made()) GTEST_SKIP();

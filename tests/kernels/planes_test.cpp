@@ -160,6 +160,39 @@ TEST(Interleave, PairsAndTakesApartEveryLength) {
   });
 }
 
+TEST(MapCodes, IsTheRoundedLineOfItsMapAlsoInPlace) {
+  onEachPath([] {
+    // 16..235 to 0..255 and back, as frames of limited range are taken and given.
+    const kernels::CodeMap toFull = {16, 219, 0, true, 10773, 128}, toLimited = {0, 255, 16, false, 56283, 128};
+    const Size size = {256, 3};
+    Bytes codes(size.area()), full, limited;
+    for (size_t i = 0; i < codes.size(); ++i) codes[i] = static_cast<uint8_t>(i);
+    for (const uint8_t code : codes) {
+      full.push_back(static_cast<uint8_t>(std::clamp(std::floor((code - 16) * 255 / 219.0 + 0.5), 0.0, 255.0)));
+      limited.push_back(static_cast<uint8_t>(std::floor(code * 219 / 255.0 + 16.5)));
+    }
+    Sheet mapped = Sheet::target(size), inPlace = Sheet::target(size, codes);
+    kernels::mapCodes(Sheet::source(size, codes).plane(), toFull, mapped.plane());
+    EXPECT_EQ(mapped.content(), full);
+    kernels::mapCodes(inPlace.plane(), toLimited, inPlace.plane());
+    EXPECT_EQ(inPlace.content(), limited);
+  });
+}
+
+TEST(SwapPairs, ChangesPlacesWithinEachPairAlsoInPlace) {
+  onEachPathAndSize([](Size half) {
+    const Size size = {2 * half.width, half.height};
+    const Bytes pairs = noisyBytes(size.area(), 12);
+    Bytes swapped = pairs;
+    for (size_t i = 0; i < size.area(); i += 2) std::swap(swapped[i], swapped[i + 1]);
+    Sheet actual = Sheet::target(size), inPlace = Sheet::target(size, pairs);
+    kernels::swapPairs(Sheet::source(size, pairs).plane(), actual.plane());
+    EXPECT_EQ(actual.content(), swapped);
+    kernels::swapPairs(inPlace.plane(), inPlace.plane());
+    EXPECT_EQ(inPlace.content(), swapped);
+  });
+}
+
 TEST(Downscale, AveragesBlocksAndDropsTheOddRowAndColumn) {
   onEachPathAndSize([](Size size) {
     const Image source = {size, noisyBytes(size.area(), 3)};

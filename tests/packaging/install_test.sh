@@ -47,8 +47,8 @@ soname() { readelf -dW "$1" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p'; }
 same libnoxel.so.1 "$(soname "$libdir/libnoxel.so")" "the soname of libnoxel"
 same libNoxel-GLESv3.so "$(soname "$libdir/libNoxel-GLESv3.so")" "the soname of libNoxel-GLESv3"
 exported=$(nm -D --defined-only "$libdir/libnoxel.so" | awk '$2 != "A" {print $3}' | sed 's/@.*//' | sort)
-declared=$(sed -n 's/^NOXEL_API .*[ *]\(noxel_[a-z_]*\)(.*/\1/p' "$prefix/include/noxel/enhancer.h" | sort)
-same "$declared" "$exported" "libnoxel exports something else than its header declares"
+declared=$(sed -n 's/^NOXEL_API .*[ *]\(noxel_[a-z_]*\)(.*/\1/p' "$prefix"/include/noxel/{enhancer,meter}.h | sort)
+same "$declared" "$exported" "libnoxel exports something else than its headers declare"
 cmake -DNM=nm -DLIBRARY="$libdir/libNoxel-GLESv3.so" -P "$source/tests/api/check_exports.cmake"
 for binary in "$libdir"/lib*.so "$prefix"/bin/*; do
   if readelf -dW "$binary" | grep -E 'RPATH|RUNPATH' >&2; then fail "$binary has a library path built in"; fi

@@ -14,7 +14,7 @@ TEST(Command, HelpAndVersionAreNoErrors) {
   EXPECT_NE(noxel(folder, "enhance --help").out.find("--neutral-exposure"), std::string::npos);
   const Outcome version = noxel(folder, "--version");
   EXPECT_EQ(version.exitCode, kExitFine);
-  EXPECT_EQ(version.out.rfind("Version: " NOXEL_VERSION ", Build date: ", 0), 0u) << version.out;
+  EXPECT_EQ(version.out, "noxel " NOXEL_VERSION "\n");
 }
 
 TEST(Command, RefusesOptionsThatMakeNoSense) {
@@ -91,7 +91,7 @@ TEST(Command, InfoIsTheSameAsJson) {
   const Outcome text = noxel(folder, "info"), json = noxel(folder, "info --json");
   ASSERT_EQ(json.exitCode, kExitFine) << json.error;
   const auto told = nlohmann::json::parse(json.out);
-  EXPECT_EQ(text.out.substr(0, text.out.find('\n')), told["noxel"]);
+  EXPECT_EQ(text.out.substr(0, text.out.find("\n")), "noxel           " + told["noxel"].get<std::string>());
   EXPECT_NE(text.out.find("GL renderer     " + told["gl"]["renderer"].get<std::string>() + "\n"), std::string::npos);
   EXPECT_EQ(told["program_cache"], folder.file("cache") + "/noxel/");
   const Outcome none = noxel(folder, "info --json", "__EGL_VENDOR_LIBRARY_FILENAMES=/nonexistent");

@@ -190,7 +190,7 @@ TEST_F(ReportPage, ShowsPicturesPlotsAndTablesInABrowser) {
   EXPECT_FALSE(opened.complains()) << opened.console;
   for (const char* which : {"before", "after"}) {
     const std::string image = std::string("img id=\"") + which + "\"";
-    // Written when the picture was decoded, from its natural size.
+    // Written when the picture was loaded, from its natural size.
     EXPECT_EQ(attribute(elements, image, "width"), "48");
     EXPECT_EQ(attribute(elements, image, "height"), "128");
     EXPECT_NE(attribute(elements, image, "alt"), "");

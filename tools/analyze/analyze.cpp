@@ -14,7 +14,7 @@
 #include "common/standard_streams.h"
 #include "common/tool_error.h"
 #include "media/clip_input.h"
-#include "noxel/noxel.h"
+#include "noxel/enhancer.h"
 #include "registration/luminance.h"
 #include "registration/plane_registration.h"
 #include "tonemapping/tone_curve.h"
@@ -185,7 +185,7 @@ void Analysis::writePlot() const {
 void Analysis::writeJson() const {
   nlohmann::ordered_json summary = jsonOf(all_);
   summary["mean_luma_suggested"] = meanLevelAfter(all_.histogram, suggested_);
-  const nlohmann::ordered_json json = {{"noxel", Noxel_GetVersion()},
+  const nlohmann::ordered_json json = {{"noxel", noxel_version()},
                                        {"input",
                                         {{"file", options_.input},
                                          {"codec", clip_.reader().codecName()},

@@ -11,7 +11,6 @@ extern "C" {
 
 #include "common/engine_log.h"
 #include "common/interrupt.h"
-#include "common/program_cache_path.h"
 #include "common/tool_error.h"
 #include "enhance/look.h"
 
@@ -20,7 +19,6 @@ namespace noxel::tool {
 int runWithEngine(bool verbose, const std::function<int()>& run) {
   av_log_set_level(verbose ? AV_LOG_WARNING : AV_LOG_QUIET);
   installInterruptHandlers();
-  useProgramCache();
   const EngineLog log(verbose);
   try {
     return run();

@@ -8,7 +8,7 @@
 #include "commands/commands.h"
 #include "common/standard_streams.h"
 #include "common/tool_error.h"
-#include "noxel/noxel.h"
+#include "noxel/enhancer.h"
 
 namespace noxel::tool {
 namespace {
@@ -24,7 +24,7 @@ constexpr char kFooter[] = R"(Exit codes:
 
 int run(int argc, char** argv) {
   CLI::App app("Noxel brightens and denoises dark video.", "noxel");
-  app.set_version_flag("--version", Noxel_GetVersion());
+  app.set_version_flag("--version", std::string("noxel ") + noxel_version());
   app.require_subcommand(1);
   app.footer(std::string(kFooter) + "\nSee also noxel COMMAND --help.\n");
   const Command commands[] = {addEnhance(app), addView(app), addAnalyze(app), addCompare(app), addInfo(app)};

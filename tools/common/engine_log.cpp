@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <utility>
 
-#include "platform/log.h"
+#include "noxel/enhancer.h"
 
 namespace noxel::tool {
 namespace {
@@ -15,20 +15,14 @@ constexpr size_t kKeptErrors = 20;  // the first ones name the cause; a broken d
 }  // namespace
 
 EngineLog::EngineLog(bool verbose) : verbose_(verbose) {
-  platform::setLogSink(receive, this);
   current.store(this);
 }
 
 EngineLog::~EngineLog() {
   current.store(nullptr);
-  platform::setLogSink(nullptr, nullptr);
 }
 
-void EngineLog::receive(void* context, int priority, const char* tag, const char* message) {
-  static_cast<EngineLog*>(context)->add(priority, std::string(tag) + ": " + message);
-}
-
-void EngineLog::take(int level, const char* message) {
+void EngineLog::receive(void*, int level, const char* message) {
   if (EngineLog* log = current.load()) log->add(level, message);
 }
 
@@ -36,7 +30,7 @@ void EngineLog::add(int level, std::string line) {
   while (!line.empty() && line.back() == '\n') line.pop_back();
   if (verbose_) {
     std::fprintf(stderr, "%s\n", line.c_str());
-  } else if (level >= platform::kLogError) {
+  } else if (level >= NOXEL_LOG_FAILURE) {
     const std::lock_guard lock(mutex_);
     if (errors_.size() < kKeptErrors) errors_.push_back(std::move(line));
   }

@@ -1,4 +1,4 @@
-// The engine's log in the tool.
+// The library's log in the tool.
 #pragma once
 
 #include <mutex>
@@ -7,7 +7,7 @@
 
 namespace noxel::tool {
 
-// During its lifetime the engine's log goes to standard error (verbose), or is dropped but for its first errors. One at a
+// During its lifetime the library's log goes to standard error (verbose), or is dropped but for its first errors. One at a
 // time.
 class EngineLog {
  public:
@@ -16,14 +16,13 @@ class EngineLog {
   EngineLog(const EngineLog&) = delete;
   EngineLog& operator=(const EngineLog&) = delete;
 
-  // A line of an enhancer's log. Any thread; dropped where there is no EngineLog.
-  static void take(int level, const char* message);
+  // A noxel_log_function. Any thread; a line is dropped where there is no EngineLog.
+  static void receive(void* context, int level, const char* message);
 
   // To standard error; nothing if verbose, as they are there already.
   void printErrors() const;
 
  private:
-  static void receive(void* context, int priority, const char* tag, const char* message);
   void add(int level, std::string line);
 
   const bool verbose_;

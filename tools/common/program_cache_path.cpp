@@ -5,8 +5,6 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "platform/cache_directory.h"
-
 namespace noxel::tool {
 namespace {
 
@@ -17,7 +15,7 @@ std::string environment(const char* name) {
 
 }  // namespace
 
-std::string makeProgramCacheDirectory() {
+std::string programCacheDirectory() {
   std::string base = environment("XDG_CACHE_HOME");
   // A relative XDG path counts as none.
   if (base.empty() || base.front() != '/') {
@@ -30,15 +28,6 @@ std::string makeProgramCacheDirectory() {
   std::filesystem::create_directories(base, error);
   mkdir(directory.c_str(), 0700);  // private, as the driver loads these files; fails if it exists
   return std::filesystem::is_directory(directory, error) ? directory : "";
-}
-
-void useProgramCache() {
-  const std::string directory = makeProgramCacheDirectory();
-  if (!platform::setProgramCacheDirectory(directory.c_str())) platform::setProgramCacheDirectory("");
-}
-
-std::string programCacheDirectory() {
-  return platform::programCacheDirectory();
 }
 
 }  // namespace noxel::tool

@@ -6,11 +6,6 @@
 namespace noxel::tool {
 
 // $XDG_CACHE_HOME/noxel/, else ~/.cache/noxel/, created with its parents; empty (no cache) without a writable home.
-std::string makeProgramCacheDirectory();
-
-// Makes it the engines' from now on.
-void useProgramCache();
-// The one in use; empty: none.
 std::string programCacheDirectory();
 
 }  // namespace noxel::tool

@@ -17,7 +17,7 @@
 #include "compare/scores.h"
 #include "media/clip_input.h"
 #include "media/nv21_frame.h"
-#include "noxel/noxel.h"
+#include "noxel/enhancer.h"
 
 namespace noxel::tool {
 namespace {
@@ -374,7 +374,7 @@ class Comparison {
 
   void writeJson() const {
     const Contestant& clip = contestants_[0];
-    Json json = {{"noxel", Noxel_GetVersion()}, {"clip", about_[0]}, {"reference", about_[1]}};
+    Json json = {{"noxel", noxel_version()}, {"clip", about_[0]}, {"reference", about_[1]}};
     if (!options_.input.empty()) json["input"] = about_[2];
     if (!options_.original.empty()) json["original"] = about_.back();
     json["options"] = {{"from_frame", options_.fromFrame}, {"tone", options_.tone}, {"ssim_every", options_.ssimEvery}};

@@ -28,7 +28,7 @@ extern "C" {
 #include "media/nv21_frame.h"
 #include "media/picture.h"
 #include "media/video_writer.h"
-#include "noxel/noxel.h"
+#include "noxel/enhancer.h"
 #include "report/report.h"
 
 namespace noxel::tool {
@@ -263,7 +263,7 @@ void Run::finishFrame(const Enhancer& enhancer, const Sent& sent) {
 
 nlohmann::ordered_json Run::described() const {
   nlohmann::ordered_json json = {
-      {"noxel", Noxel_GetVersion()},
+      {"noxel", noxel_version()},
       {"input",
        {{"file", options_.input},
         {"codec", clip_.reader().codecName()},
@@ -299,7 +299,6 @@ nlohmann::ordered_json Run::described() const {
 
 void Run::writeReport(double seconds) const {
   nlohmann::ordered_json about = described();
-  about["noxel"] = noxel_version();  // without the date
   about["settings"] = settingsOf(options_.look, options_.given);
   const std::string page = report_->page(std::move(about), passTimes_.json(), seconds);
   writeWholeFile(options_.reportFile, page.data(), page.size());

@@ -29,7 +29,7 @@ std::vector<_KRMatch> tracksOf(const noxel_enhancer* enhancer, bool own) {
 noxel_enhancer* makeEnhancer(noxel_config config) {
   const std::string cache = programCacheDirectory();
   if (!cache.empty()) config.cache_directory = cache.c_str();
-  if (config.log == nullptr) config.log = [](void*, int level, const char* line) { EngineLog::take(level, line); };
+  if (config.log == nullptr) config.log = EngineLog::receive;
   noxel_enhancer* enhancer = nullptr;
   const int result = noxel_create(&config, &enhancer);
   if (result == NOXEL_OK) return enhancer;
@@ -66,7 +66,7 @@ EnhancerSession::~EnhancerSession() {
 }
 
 void EnhancerSession::receiveLog(void* session, int level, const char* message) {
-  EngineLog::take(level, message);
+  EngineLog::receive(nullptr, level, message);
   if (level != NOXEL_LOG_WARNING) return;
   auto* self = static_cast<EnhancerSession*>(session);
   const std::lock_guard lock(self->mutex_);

@@ -46,7 +46,7 @@ WindowEngine::WindowEngine(Size frame, const SdlWindow& window, int mode) : size
   config.mode = mode;
   config.delivery = NOXEL_LIVE;
   config.window = window.native();
-  config.log = [](void*, int level, const char* message) { EngineLog::take(level, message); };
+  config.log = EngineLog::receive;
   config.cache_directory = cache.empty() ? nullptr : cache.c_str();
   const int result = noxel_create(&config, &enhancer_);
   if (result == NOXEL_OK) return;
