@@ -42,7 +42,7 @@ TEST(Series, StaysBoundedAndLosesNoFrame) {
 TEST(Series, EachFrameOfAShortRunIsAPoint) {
   Series series({"level"});
   for (const double level : {3.0, kUnknown, 1.0}) series.add(0, {level});
-  EXPECT_EQ(series.json()["level"], nlohmann::json::parse(R"({"mean": [3, null, 1]})"));
+  EXPECT_EQ(series.json()["level"], nlohmann::ordered_json::parse(R"({"mean": [3, null, 1]})"));
 }
 
 // A run of 2500 frames, so that each point stands for four. Of frames 400 to 439 the motion was lost, from 1000 on the
