@@ -32,13 +32,32 @@ TEST(Command, RefusesOptionsThatMakeNoSense) {
                                     enhance + "-o " + folder.file("x.png"),
                                     enhance + "-y -o " + in,
                                     enhance + out + " --stats " + folder.file("./x.mp4"),
-                                    enhance + out + " --picture " + folder.file("missing/p.png")};
-  for (const char* options :
-       {"--strength 101", "--denoise both", "--denoise spatial --stabilize", "--denoise spatial --overlay",
-        "--sharpening 3", "--engine-mode 0 --exposure 3", "--engine-mode 2 --strength 3", "--deghosting 11",
-        "--deghosting -1", "--engine-mode 0 --deghosting 5", "--deghosting 5", "--engine-mode 1 --quality fast",
-        "--quality good", "--engine-mode 4 --denoise spatial", "--engine-mode 2 --neutral-exposure",
-        "--engine-mode 4 --neutral-exposure", "--untouched-quad 0,0,1", "--zoom nan"}) {
+                                    enhance + out + " --picture " + folder.file("missing/p.png"),
+                                    enhance + in + out,
+                                    enhance + in,
+                                    enhance + out + " --output-dir " + folder.file("d")};
+  for (const char* options : {"--strength 101",
+                              "--denoise both",
+                              "--denoise spatial --stabilize",
+                              "--denoise spatial --overlay",
+                              "--sharpening 3",
+                              "--engine-mode 0 --exposure 3",
+                              "--engine-mode 2 --strength 3",
+                              "--deghosting 11",
+                              "--deghosting -1",
+                              "--engine-mode 0 --deghosting 5",
+                              "--deghosting 5",
+                              "--engine-mode 1 --quality fast",
+                              "--quality good",
+                              "--engine-mode 4 --denoise spatial",
+                              "--engine-mode 2 --neutral-exposure",
+                              "--engine-mode 4 --neutral-exposure",
+                              "--start -1",
+                              "--duration 0",
+                              "--jobs 2",
+                              "--suffix x",
+                              "--untouched-quad 0,0,1",
+                              "--zoom nan"}) {
     wrong.push_back(enhance + options + out);
   }
   for (const std::string& arguments : wrong) {

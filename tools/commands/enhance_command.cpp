@@ -2,6 +2,8 @@
 #include <CLI/CLI.hpp>
 
 #include "commands/commands.h"
+#include "common/tool_error.h"
+#include "enhance/batch.h"
 #include "enhance/enhance.h"
 
 namespace noxel::tool {
@@ -11,6 +13,8 @@ constexpr char kEnhanceFooter[] = R"(Examples:
   noxel enhance night.mp4 -o bright.mp4
   noxel enhance night.mp4 -o half.mp4 --compare --picture frame.png --stats run.json --report run.html
   noxel enhance night.mp4 -o steady.mp4 --quality best --stabilize
+  noxel enhance night.mp4 -o part.mp4 --start 1:20 --duration 12.5
+  noxel enhance DCIM/*.mp4 --output-dir enhanced --resume
   other-tool --to-y4m | noxel enhance - -o - --denoise spatial | player -
 
 Each input frame gives one output frame with the same time stamp, size and colour tags. Rotation, audio, subtitles,
@@ -20,6 +24,12 @@ The file is written under a temporary name beside OUTPUT and renamed when comple
 with the frames done so far, and its comment says that it is partial; a second Ctrl-C quits at once and leaves none. An MP4
 on standard input with its index at the end is first spooled to a file in $TMPDIR. A single picture comes out upright, in 8-bit RGB
 or RGBA. --dump-frames with -y does not delete the files of an earlier, longer dump.
+
+With --output-dir a clip that fails does not stop the others, and a summary comes at the end; the exit code is that of the
+failed clips, or 1 when they failed for different reasons. Ctrl-C finishes the clips at work and begins no other. The
+names given to --picture, --stats, --report and --dump-frames need {name} in them with several INPUTs, which becomes
+INPUT's name:
+  noxel enhance *.mov --output-dir out --stats out/{name}.json
 
 --stats, per frame:
   status              1 registered (modes 0, 1, 3 and 5: blended with the history), 0 drawn alone, -1 spatial. Mode 5 looks at
@@ -60,17 +70,91 @@ CLI::Option* addQuad(CLI::App* command, const char* name, std::vector<float>& co
       ->type_name("X,Y,X,Y,X,Y,X,Y");
 }
 
-void addOptions(CLI::App* command, EnhanceOptions& options) {
+std::string notATime(const std::string& text) {
+  return parsedTime(text) ? "" : text + " is not a time in seconds or as [HH:]MM:SS[.mmm]";
+}
+
+void addClips(CLI::App* command, BatchOptions& batch) {
+  EnhanceOptions& options = batch.clip;
+  const char* part = "Part of the clip";
+  command
+      ->add_option_function<std::string>(
+          "--start", [&options](const std::string& text) { options.range.startUs = *parsedTime(text); },
+          "Begin with the first frame at or after this time: seconds, or [HH:]MM:SS[.mmm]. It comes at time 0, and "
+          "with it "
+          "audio, subtitles and chapters")
+      ->check(notATime)
+      ->type_name("TIME")
+      ->group(part);
+  command
+      ->add_option_function<std::string>(
+          "--duration", [&options](const std::string& text) { options.range.durationUs = *parsedTime(text); },
+          "End this long after the start")
+      ->check(notATime)
+      ->check([](const std::string& text) { return parsedTime(text) == 0 ? "--duration must be more than 0" : ""; })
+      ->type_name("TIME")
+      ->group(part);
+
+  const char* several = "Several clips";
+  command
+      ->add_option("--output-dir", batch.outputFolder,
+                   "Write each INPUT into this folder, under its own name with a suffix")
+      ->type_name("DIR")
+      ->group(several);
+  command->add_option("--suffix", batch.suffix, "Goes behind the name, before the extension")
+      ->capture_default_str()
+      ->group(several);
+  command
+      ->add_option("--container", batch.container,
+                   "Of the outputs; without it the input's where it can be written, else mp4")
+      ->check(CLI::IsMember({"mp4", "mov", "mkv", "webm", "avi", "gif", "y4m"}))
+      ->group(several);
+  command
+      ->add_option_function<std::string>(
+          "--jobs", [&batch](const std::string& text) { batch.jobs = text == "auto" ? 0 : std::stoi(text); },
+          "Clips at once, 1 to 64. auto: one for each 4 cores and GB of free memory")
+      ->check([](const std::string& text) { return text == "auto" ? "" : CLI::Range(1, 64)(text); })
+      ->type_name("N")
+      ->default_str("auto")
+      ->group(several);
+  command
+      ->add_flag("--resume", options.resume,
+                 "Skip an output that is whole: it can be opened, does not say that it is partial, and has the input's "
+                 "number of frames, give or take 1 % or two. Others are written anew")
+      ->group(several);
+}
+
+void checkPlaces(const CLI::App* command, const BatchOptions& batch) {
+  const bool folder = !batch.outputFolder.empty();
+  if (folder && command->count("--output") > 0) {
+    throw ToolError(kExitUsage, "--output and --output-dir exclude each other");
+  }
+  if (!folder && command->count("--output") == 0) {
+    throw ToolError(kExitUsage, batch.inputs.size() > 1 ? "several inputs need --output-dir"
+                                                        : "--output is required, or --output-dir");
+  }
+  if (!folder && batch.inputs.size() > 1) {
+    throw ToolError(kExitUsage, "--output is for one input; several inputs need --output-dir");
+  }
+  for (const char* option : {"--suffix", "--container", "--jobs"}) {
+    if (!folder && command->count(option) > 0) throw ToolError(kExitUsage, std::string(option) + " needs --output-dir");
+  }
+  if (batch.suffix.find('/') != std::string::npos)
+    throw ToolError(kExitUsage, "--suffix is a part of a name, without /");
+}
+
+void addOptions(CLI::App* command, BatchOptions& batch) {
+  EnhanceOptions& options = batch.clip;
   command->footer(kEnhanceFooter);
-  command->add_option("INPUT", options.input, "Any video FFmpeg reads, or - for standard input")->required();
+  command->add_option("INPUT", batch.inputs, "Any video FFmpeg reads, or - for standard input")->required();
   command
       ->add_option(
           "-o,--output", options.output,
           ".mp4, .mov, .mkv, .webm, .avi, .gif, .y4m, or - for Y4M on standard output; %04d.png for a picture a "
           "frame, .png for a single picture")
-      ->required()
       ->type_name("OUTPUT");
   command->add_flag("-y,--overwrite", options.overwrite, "Overwrite files that exist");
+  addClips(command, batch);
 
   const char* look = "Picture";
   addDenoising(
@@ -179,15 +263,19 @@ void addOptions(CLI::App* command, EnhanceOptions& options) {
 }  // namespace
 
 Command addEnhance(CLI::App& app) {
-  const auto options = std::make_shared<EnhanceOptions>();
+  const auto batch = std::make_shared<BatchOptions>();
   CLI::App* command = app.add_subcommand("enhance", "Denoise and brighten a video");
-  addOptions(command, *options);
-  return {command, [command, options] {
+  addOptions(command, *batch);
+  return {command, [command, batch] {
+            EnhanceOptions& options = batch->clip;
             for (const CLI::Option* option : command->get_options()) {
-              if (option->count() > 0) options->given.push_back(option->get_name());
+              if (option->count() > 0) options.given.push_back(option->get_name());
             }
-            takeDefaultStrength(command, options->look.mode(), options->look.strength);
-            return runWithEngine(options->verbose, [&] { return runEnhance(*options); });
+            takeDefaultStrength(command, options.look.mode(), options.look.strength);
+            checkPlaces(command, *batch);
+            options.input = batch->inputs.front();
+            const bool several = !batch->outputFolder.empty();
+            return runWithEngine(options.verbose, [&] { return several ? runBatch(*batch) : runEnhance(options); });
           }};
 }
 

@@ -36,6 +36,10 @@ void EngineLog::add(int level, std::string line) {
   }
 }
 
+void EngineLog::printKept() {
+  if (const EngineLog* log = current.load()) log->printErrors();
+}
+
 void EngineLog::printErrors() const {
   const std::lock_guard lock(mutex_);
   for (const std::string& line : errors_) std::fprintf(stderr, "%s\n", line.c_str());

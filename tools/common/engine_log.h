@@ -19,8 +19,9 @@ class EngineLog {
   // A noxel_log_function. Any thread; a line is dropped where there is no EngineLog.
   static void receive(void* context, int level, const char* message);
 
-  // To standard error; nothing if verbose, as they are there already.
+  // Its first errors to standard error; nothing if verbose, as they are there already. Without an EngineLog nothing.
   void printErrors() const;
+  static void printKept();
 
  private:
   void add(int level, std::string line);

@@ -1,5 +1,6 @@
 #include "common/output_file.h"
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +10,8 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <new>
+#include <span>
 #include <system_error>
 
 #include "common/tool_error.h"
@@ -24,10 +27,22 @@ struct Pending {
   std::atomic<bool> used = false;
   char path[PATH_MAX] = {};
 };
-Pending pendingFiles[8];
+constexpr size_t kPendingFiles = 8;
+Pending ownFiles[kPendingFiles];
+Pending* pendingFiles = ownFiles;
+
+std::span<Pending> inUse(void* files) {
+  return {static_cast<Pending*>(files), kPendingFiles};
+}
+
+void removeAll(void* files) {
+  for (const Pending& pending : inUse(files)) {
+    if (pending.used) unlink(pending.path);
+  }
+}
 
 void remember(const std::string& path) {
-  for (Pending& pending : pendingFiles) {
+  for (Pending& pending : inUse(pendingFiles)) {
     if (pending.used || path.size() >= sizeof(pending.path)) continue;
     std::strcpy(pending.path, path.c_str());
     pending.used = true;
@@ -36,7 +51,7 @@ void remember(const std::string& path) {
 }
 
 void forget(const std::string& path) {
-  for (Pending& pending : pendingFiles) {
+  for (Pending& pending : inUse(pendingFiles)) {
     if (pending.used && path == pending.path) pending.used = false;
   }
 }
@@ -44,9 +59,25 @@ void forget(const std::string& path) {
 }  // namespace
 
 void removePendingFiles() {
-  for (const Pending& pending : pendingFiles) {
-    if (pending.used) unlink(pending.path);
-  }
+  removeAll(pendingFiles);
+}
+
+// Zeros are entries that are not used.
+PendingFilesOfProcess::PendingFilesOfProcess()
+    : shared_(mmap(nullptr, sizeof(ownFiles), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) {
+  if (shared_ == MAP_FAILED) throw std::bad_alloc();
+}
+
+PendingFilesOfProcess::~PendingFilesOfProcess() {
+  munmap(shared_, sizeof(ownFiles));
+}
+
+void PendingFilesOfProcess::keep() {
+  pendingFiles = static_cast<Pending*>(shared_);
+}
+
+void PendingFilesOfProcess::remove() const {
+  removeAll(shared_);
 }
 
 void checkMayWrite(const std::string& path, bool overwrite) {

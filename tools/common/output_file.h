@@ -11,6 +11,21 @@ void checkMayWrite(const std::string& path, bool overwrite);
 // Those of the PendingFiles that exist, up to a limit. For a signal handler.
 void removePendingFiles();
 
+// The PendingFiles of another process, to be removed when that crashed. Made before it is forked.
+class PendingFilesOfProcess {
+ public:
+  PendingFilesOfProcess();  // std::bad_alloc
+  ~PendingFilesOfProcess();
+  PendingFilesOfProcess(const PendingFilesOfProcess&) = delete;
+  PendingFilesOfProcess& operator=(const PendingFilesOfProcess&) = delete;
+
+  void keep();  // called there: its PendingFiles from now on, up to a limit
+  void remove() const;
+
+ private:
+  void* shared_;
+};
+
 // An empty temporary file beside the final one, removed unless commit() was reached.
 class PendingFile {
  public:

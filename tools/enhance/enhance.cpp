@@ -21,12 +21,14 @@ extern "C" {
 #include "enhance/overlay.h"
 #include "enhance/pass_times.h"
 #include "enhance/progress.h"
+#include "enhance/resume.h"
 #include "enhance/rgba_session.h"
 #include "enhance/statistics.h"
 #include "enhance/still.h"
 #include "media/clip_input.h"
 #include "media/nv21_frame.h"
 #include "media/picture.h"
+#include "media/remux.h"
 #include "media/video_writer.h"
 #include "noxel/enhancer.h"
 #include "report/report.h"
@@ -55,11 +57,15 @@ void checkOutputs(const EnhanceOptions& options) {
     const Container& container = containerOf(output);
     checkChoice(options.encoding, container);
     if (isPictures(container)) output = numberedPath(output, 1);
+    if (options.resume && (isPictures(container) || output == "-")) {
+      throw ToolError(kExitUsage, "--resume is for outputs of one file, not for " +
+                                      std::string(output == "-" ? "standard output" : "numbered pictures"));
+    }
   }
   if (options.reportFile == "-") throw ToolError(kExitUsage, "--report needs a file name");
-  checkOutputFiles(options.input, {output, options.statsFile, options.pictureFile, options.reportFile},
-                   options.overwrite);
-  checkMayDump(options.dumpFolder, options.overwrite);
+  const bool overwrite = options.overwrite || options.resume;
+  checkOutputFiles(options.input, {output, options.statsFile, options.pictureFile, options.reportFile}, overwrite);
+  checkMayDump(options.dumpFolder, overwrite);
 }
 
 // One run over a clip.
@@ -67,10 +73,11 @@ class Run {
  public:
   explicit Run(const EnhanceOptions& options)
       : options_(options),
-        clip_(options.input),
+        clip_(options.input, options.range),
         writer_(outputSettings()),
         picture_(options.pictureFrame),
-        progress_(options.quiet, isatty(STDERR_FILENO) != 0, clip_.reader().expectedFrames()) {
+        progress_(options.quiet, options.shownOnTerminal || isatty(STDERR_FILENO) != 0,
+                  clip_.reader().expectedFrames()) {
     if (!options.reportFile.empty()) {
       const VideoReader& reader = clip_.reader();
       report_.emplace(options.look, Report::Shape{clip_.width(), clip_.height(),
@@ -78,6 +85,7 @@ class Run {
     }
     if (clip_.highDynamicRange()) note(toneMapNote());
     if (!options.dumpFolder.empty()) dump_.emplace(options.dumpFolder);
+    if (!options.statsFile.empty()) statisticsFile_.emplace(options.statsFile, knownAtStart());
   }
 
   void enhanceAll(const EnhancerFactory& factory);
@@ -90,8 +98,8 @@ class Run {
   void finishFrame(const Enhancer& enhancer, const Sent& sent);
   void note(const std::string& text);
   std::string partialComment() const;
-  nlohmann::ordered_json described() const;  // input, output and options
-  void writeStatistics(double seconds) const;
+  nlohmann::ordered_json knownAtStart() const;
+  nlohmann::ordered_json knownAtEnd(double seconds) const;
   void writeReport(double seconds) const;
 
   const EnhanceOptions& options_;
@@ -99,6 +107,7 @@ class Run {
   VideoWriter writer_;
   PictureKeeper picture_;
   Statistics statistics_;
+  std::optional<StatisticsFile> statisticsFile_;
   PassTimes passTimes_;
   Progress progress_;
   std::optional<FrameDump> dump_;
@@ -195,7 +204,7 @@ std::string Run::partialComment() const {
   const int64_t expected = clip_.reader().expectedFrames();
   char seconds[32];
   std::snprintf(seconds, sizeof(seconds), "%.2f", lastSeconds_);
-  return "partial: stopped after frame " + std::to_string(statistics_.count()) +
+  return kPartialMark + std::to_string(statistics_.count()) +
          (expected > 0 ? " of about " + std::to_string(expected) : "") + ", at " + seconds + " s";
 }
 
@@ -258,10 +267,11 @@ void Run::finishFrame(const Enhancer& enhancer, const Sent& sent) {
     if (kept) picture_.keep(std::move(input), std::move(enhanced));
   }
   if (report_) report_->add(statistics);
+  if (statisticsFile_) statisticsFile_->add(frameJson(statistics_.count(), statistics));
   statistics_.add(statistics);
 }
 
-nlohmann::ordered_json Run::described() const {
+nlohmann::ordered_json Run::knownAtStart() const {
   nlohmann::ordered_json json = {
       {"noxel", noxel_version()},
       {"input",
@@ -272,8 +282,11 @@ nlohmann::ordered_json Run::described() const {
         {"frame_rate", av_q2d(clip_.reader().frameRate())},
         {"matrix", av_color_space_name(clip_.colours().matrix())},
         {"range", av_color_range_name(clip_.colours().range())},
-        {"audio_streams", clip_.reader().audioStreams()}}},
-      {"output", {{"file", options_.output}, {"encoder", writer_.encoderName()}, {"stopped_early", stopped_}}},
+        {"audio_streams", clip_.reader().audioStreams()},
+        {"start", static_cast<double>(options_.range.startUs) / 1e6},
+        {"duration", options_.range.durationUs
+                         ? nlohmann::ordered_json(static_cast<double>(*options_.range.durationUs) / 1e6)
+                         : nullptr}}},
       {"options",
        {{"engine_mode", options_.look.mode()},
         {"denoise", options_.look.denoise},
@@ -298,27 +311,25 @@ nlohmann::ordered_json Run::described() const {
 }
 
 void Run::writeReport(double seconds) const {
-  nlohmann::ordered_json about = described();
+  nlohmann::ordered_json about = knownAtStart();
+  nlohmann::ordered_json end = knownAtEnd(seconds);
+  about["output"] = std::move(end["output"]);
   about["settings"] = settingsOf(options_.look, options_.given);
-  const std::string page = report_->page(std::move(about), passTimes_.json(), seconds);
+  const std::string page = report_->page(std::move(about), std::move(end["passes"]), seconds);
   writeWholeFile(options_.reportFile, page.data(), page.size());
 }
 
-void Run::writeStatistics(double seconds) const {
-  nlohmann::ordered_json json = described();
-  nlohmann::ordered_json measured = statistics_.json(seconds);
-  json["summary"] = std::move(measured["summary"]);
-  json["passes"] = passTimes_.json();
-  json["frames"] = std::move(measured["frames"]);
-  const std::string text = json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
-  writeWholeFile(options_.statsFile, text.data(), text.size());
+nlohmann::ordered_json Run::knownAtEnd(double seconds) const {
+  return {{"output", {{"file", options_.output}, {"encoder", writer_.encoderName()}, {"stopped_early", stopped_}}},
+          {"summary", statistics_.summary(seconds)},
+          {"passes", passTimes_.json()}};
 }
 
 ExitCode Run::finish() {
   const double seconds = progress_.seconds();
   progress_.clear();
   if (!options_.pictureFile.empty()) picture_.write(options_.pictureFile);
-  if (!options_.statsFile.empty()) writeStatistics(seconds);
+  if (statisticsFile_) statisticsFile_->finish(knownAtEnd(seconds));
   if (clip_.reader().damagedPackets() > 0) {
     note(std::to_string(clip_.reader().damagedPackets()) + " damaged packets of the input could not be decoded");
   }
@@ -342,16 +353,23 @@ ExitCode Run::finish() {
 
 }  // namespace
 
+std::unique_ptr<Enhancer> makeSession(const EnhancerSettings& settings) {
+  if (settings.look.mode() == kModeSynchronousRgba) return std::make_unique<RgbaSession>(settings);
+  return std::make_unique<EnhancerSession>(settings);
+}
+
 int runEnhance(const EnhanceOptions& options) {
-  return runEnhance(options, [](const EnhancerSettings& settings) -> std::unique_ptr<Enhancer> {
-    if (settings.look.mode() == kModeSynchronousRgba) return std::make_unique<RgbaSession>(settings);
-    return std::make_unique<EnhancerSession>(settings);
-  });
+  return runEnhance(options, makeSession);
+}
+
+void checkEnhance(const EnhanceOptions& options) {
+  checkLook(options);
+  checkOutputs(options);
 }
 
 int runEnhance(const EnhanceOptions& options, const EnhancerFactory& factory) {
-  checkLook(options);
-  checkOutputs(options);
+  checkEnhance(options);
+  if (options.resume && leaveWhole(options)) return kExitFine;
   if (isStill(options.output)) return runStill(options);
   Run run(options);
   run.enhanceAll(factory);

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "enhance/enhancer_session.h"
+#include "media/time_range.h"
 #include "media/video_encoder.h"
 
 namespace noxel::tool {
@@ -14,6 +15,7 @@ constexpr int kDefaultPictureFrame = 25;
 struct EnhanceOptions {
   std::string input;   // a file, or "-": standard input
   std::string output;  // as containerOf, .png for a single picture, or "-": Y4M on standard output
+  TimeRange range;     // of the input
   Look look;
   std::vector<std::string> given;  // names of the options on the command line
   EncodingChoice encoding;
@@ -24,12 +26,20 @@ struct EnhanceOptions {
   bool quiet = false;
   bool verbose = false;
   bool overwrite = false;
+  bool resume = false;                      // leave an output that is whole, write any other anew
+  bool shownOnTerminal = false;             // though standard error is none itself
   std::string statsFile;                    // empty: none
   std::string reportFile;                   // empty: none
   std::string dumpFolder;                   // empty: none
   std::string pictureFile;                  // empty: none
   int pictureFrame = kDefaultPictureFrame;  // from 0
 };
+
+// Usage errors that show before the input is opened.
+void checkEnhance(const EnhanceOptions& options);
+
+// The mode's session.
+std::unique_ptr<Enhancer> makeSession(const EnhancerSettings& settings);
 
 // Returns the exit code, or throws a ToolError. The factory replaces the engine in tests.
 int runEnhance(const EnhanceOptions& options);

@@ -1,9 +1,7 @@
 #include "enhance/pass_times.h"
 
 #include <algorithm>
-#include <numeric>
-
-#include "common/percentile.h"
+#include <utility>
 
 namespace noxel::tool {
 
@@ -14,28 +12,27 @@ void PassTimes::add(const std::string& pass, uint64_t nanoseconds) {
   next_ = static_cast<size_t>(found - passes_.begin()) + 1;
   ++found->drawn;
   if (nanoseconds == 0) return;
-  if (!found->inFrame) found->ms.push_back(0);
-  found->inFrame = true;
-  found->ms.back() += static_cast<double>(nanoseconds) / 1e6;
+  found->inFrame += static_cast<double>(nanoseconds) / 1e6;
 }
 
 void PassTimes::endFrame() {
-  for (Pass& pass : passes_) pass.inFrame = false;
+  for (Pass& pass : passes_) {
+    if (pass.inFrame > 0) pass.ms.add(std::exchange(pass.inFrame, 0));
+  }
   next_ = 0;
 }
 
 nlohmann::ordered_json PassTimes::json() const {
-  const auto sum = [](const Pass& pass) { return std::accumulate(pass.ms.begin(), pass.ms.end(), 0.0); };
   double all = 0;
-  for (const Pass& pass : passes_) all += sum(pass);
+  for (const Pass& pass : passes_) all += pass.ms.sum();
   nlohmann::ordered_json rows = nlohmann::ordered_json::array();
   for (const Pass& pass : passes_) {
     rows.push_back({{"pass", pass.name},
                     {"drawn", pass.drawn},
-                    {"ms_mean", pass.ms.empty() ? 0 : sum(pass) / static_cast<double>(pass.ms.size())},
-                    {"ms_p50", percentile(pass.ms, 50)},
-                    {"ms_max", percentile(pass.ms, 100)},
-                    {"share", all > 0 ? sum(pass) / all : 0}});
+                    {"ms_mean", pass.ms.count() == 0 ? 0 : pass.ms.sum() / static_cast<double>(pass.ms.count())},
+                    {"ms_p50", pass.ms.percentile(50)},
+                    {"ms_max", pass.ms.max()},
+                    {"share", all > 0 ? pass.ms.sum() / all : 0}});
   }
   return rows;
 }

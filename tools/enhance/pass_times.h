@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "common/quantiles.h"
+
 namespace noxel::tool {
 
 // Figures are per frame, over the frames that drew the pass: times of one frame add up.
@@ -23,8 +25,8 @@ class PassTimes {
   struct Pass {
     std::string name;
     int64_t drawn = 0;
-    bool inFrame = false;         // ms.back() is of the current frame
-    std::vector<double> ms = {};  // one per frame with a known time
+    double inFrame = 0;  // ms, of the current frame
+    Quantiles ms = {};   // of the frames with a known time
   };
 
   std::vector<Pass> passes_;

@@ -1,18 +1,14 @@
 #include "enhance/statistics.h"
 
+#include <cerrno>
 #include <cmath>
-#include <string>
+#include <cstring>
+#include <utility>
 
-#include "common/percentile.h"
+#include "common/tool_error.h"
 
 namespace noxel::tool {
 namespace {
-
-double meanOf(const std::vector<FrameStatistics>& frames, double FrameStatistics::*member) {
-  double sum = 0;
-  for (const FrameStatistics& frame : frames) sum += frame.*member;
-  return frames.empty() ? 0 : sum / static_cast<double>(frames.size());
-}
 
 nlohmann::ordered_json rowsOf(const float (&matrix)[9]) {
   nlohmann::ordered_json rows = nlohmann::ordered_json::array();
@@ -36,60 +32,31 @@ nlohmann::ordered_json varianceOf(const NoiseCurve& curve) {
   return entries;
 }
 
-std::vector<double> times(const std::vector<FrameStatistics>& frames, double FrameReport::*member) {
-  std::vector<double> result;
-  for (const FrameStatistics& frame : frames) result.push_back(frame.report.*member);
-  return result;
+std::string textOf(const nlohmann::ordered_json& json) {
+  return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 }  // namespace
 
-double Statistics::meanLumaBefore() const {
-  return meanOf(frames_, &FrameStatistics::lumaBefore);
-}
-
-double Statistics::meanLumaAfter() const {
-  return meanOf(frames_, &FrameStatistics::lumaAfter);
+void Statistics::add(const FrameStatistics& frame) {
+  ++count_;
+  lumaBefore_ += frame.lumaBefore;
+  lumaAfter_ += frame.lumaAfter;
+  total_.add(frame.totalMs);
+  registration_.add(frame.report.registrationMs);
+  upload_.add(frame.report.uploadMs);
+  gpu_.add(frame.report.gpuMs);
+  if (frame.report.noise.known) sigma_.add(frame.noiseSigma);
+  if (frame.report.status < 0 || frame.report.startsSequence) return;
+  ++measured_;
+  if (frame.report.status == 0) ++lost_;
 }
 
 double Statistics::lostShare() const {
-  size_t measured = 0;
-  size_t lost = 0;
-  for (const FrameStatistics& frame : frames_) {
-    if (frame.report.status < 0 || frame.report.startsSequence) continue;
-    ++measured;
-    if (frame.report.status == 0) ++lost;
-  }
-  return measured > 0 ? static_cast<double>(lost) / static_cast<double>(measured) : 0;
+  return measured_ > 0 ? static_cast<double>(lost_) / static_cast<double>(measured_) : 0;
 }
 
-nlohmann::ordered_json Statistics::json(double seconds) const {
-  std::vector<double> totals;
-  std::vector<double> sigmas;
-  nlohmann::ordered_json list = nlohmann::ordered_json::array();
-  for (const FrameStatistics& frame : frames_) {
-    totals.push_back(frame.totalMs);
-    list.push_back({{"index", list.size()},
-                    {"time", frame.seconds},
-                    {"status", frame.report.status},
-                    {"starts_sequence", frame.report.startsSequence},
-                    {"points_tracked", frame.report.pointsTracked},
-                    {"points_kept", frame.report.pointsKept},
-                    {"motion", rowsOf(frame.report.previousFromCurrent)},
-                    {"stabilization", rowsOf(frame.report.stabilizedFromCurrent)},
-                    {"zoom", frame.report.zoom},
-                    {"gamma", frame.report.gamma},
-                    {"gain", frame.report.gain},
-                    {"registration_ms", frame.report.registrationMs},
-                    {"upload_ms", frame.report.uploadMs},
-                    {"gpu_ms", frame.report.gpuMs},
-                    {"total_ms", frame.totalMs},
-                    {"mean_luma_before", frame.lumaBefore},
-                    {"mean_luma_after", frame.lumaAfter},
-                    {"noise_sigma", noiseSigmaOf(frame)},
-                    {"noise_variance", varianceOf(frame.report.noise)}});
-    if (frame.report.noise.known) sigmas.push_back(frame.noiseSigma);
-  }
+nlohmann::ordered_json Statistics::summary(double seconds) const {
   nlohmann::ordered_json summary = {{"frames", count()},
                                     {"seconds", seconds},
                                     {"fps", seconds > 0 ? static_cast<double>(count()) / seconds : 0.0},
@@ -97,16 +64,74 @@ nlohmann::ordered_json Statistics::json(double seconds) const {
                                     {"mean_luma_before", meanLumaBefore()},
                                     {"mean_luma_after", meanLumaAfter()},
                                     {"noise_sigma_p50", nullptr}};
-  if (!sigmas.empty()) summary["noise_sigma_p50"] = rounded(percentile(sigmas, 50));
-  const auto addPercentiles = [&summary](const std::string& prefix, const std::vector<double>& samples) {
-    for (const int percent : {50, 95})
-      summary[prefix + "ms_p" + std::to_string(percent)] = percentile(samples, percent);
-  };
-  addPercentiles("", totals);
-  addPercentiles("registration_", times(frames_, &FrameReport::registrationMs));
-  addPercentiles("upload_", times(frames_, &FrameReport::uploadMs));
-  addPercentiles("gpu_", times(frames_, &FrameReport::gpuMs));
-  return {{"summary", std::move(summary)}, {"frames", std::move(list)}};
+  if (sigma_.count() > 0) summary["noise_sigma_p50"] = rounded(sigma_.percentile(50));
+  for (const auto& [prefix, times] : {std::pair<std::string, const Quantiles&>{"", total_},
+                                      {"registration_", registration_},
+                                      {"upload_", upload_},
+                                      {"gpu_", gpu_}}) {
+    for (const int percent : {50, 95}) summary[prefix + "ms_p" + std::to_string(percent)] = times.percentile(percent);
+  }
+  return summary;
+}
+
+nlohmann::ordered_json frameJson(size_t index, const FrameStatistics& frame) {
+  return {{"index", index},
+          {"time", frame.seconds},
+          {"status", frame.report.status},
+          {"starts_sequence", frame.report.startsSequence},
+          {"points_tracked", frame.report.pointsTracked},
+          {"points_kept", frame.report.pointsKept},
+          {"motion", rowsOf(frame.report.previousFromCurrent)},
+          {"stabilization", rowsOf(frame.report.stabilizedFromCurrent)},
+          {"zoom", frame.report.zoom},
+          {"gamma", frame.report.gamma},
+          {"gain", frame.report.gain},
+          {"registration_ms", frame.report.registrationMs},
+          {"upload_ms", frame.report.uploadMs},
+          {"gpu_ms", frame.report.gpuMs},
+          {"total_ms", frame.totalMs},
+          {"mean_luma_before", frame.lumaBefore},
+          {"mean_luma_after", frame.lumaAfter},
+          {"noise_sigma", noiseSigmaOf(frame)},
+          {"noise_variance", varianceOf(frame.report.noise)}};
+}
+
+StatisticsFile::StatisticsFile(const std::string& path, const nlohmann::ordered_json& start)
+    : path_(path), pending_(path), file_(std::fopen(pending_.temporaryPath().c_str(), "wb")) {
+  if (file_ == nullptr) error_ = errno;
+  write("{");
+  writeMembers(start);
+  write(",\n  \"frames\": [");
+  first_ = true;
+}
+
+StatisticsFile::~StatisticsFile() {
+  if (file_ != nullptr) std::fclose(file_);
+}
+
+void StatisticsFile::write(const std::string& text) {
+  if (error_ == 0 && std::fwrite(text.data(), 1, text.size(), file_) != text.size()) error_ = errno;
+}
+
+// One a line.
+void StatisticsFile::writeMembers(const nlohmann::ordered_json& members) {
+  for (const auto& [name, value] : members.items()) {
+    write(std::string(std::exchange(first_, false) ? "\n" : ",\n") + "  \"" + name + "\": " + textOf(value));
+  }
+}
+
+void StatisticsFile::add(const nlohmann::ordered_json& frame) {
+  write(std::string(std::exchange(first_, false) ? "\n" : ",\n") + "    " + textOf(frame));
+}
+
+void StatisticsFile::finish(const nlohmann::ordered_json& end) {
+  write("\n  ]");
+  first_ = false;
+  writeMembers(end);
+  write("\n}\n");
+  if (file_ != nullptr && std::fclose(std::exchange(file_, nullptr)) != 0 && error_ == 0) error_ = errno;
+  if (error_ != 0) throw ToolError(kExitFailed, "cannot write " + path_ + ": " + std::strerror(error_));
+  pending_.commit();
 }
 
 }  // namespace noxel::tool

@@ -12,8 +12,8 @@
 
 namespace noxel::tool {
 
-ClipInput::ClipInput(const std::string& path)
-    : reader_(path),
+ClipInput::ClipInput(const std::string& path, const TimeRange& range)
+    : reader_(path, "", range),
       frame_(first(reader_, toneMap_)),
       width_(frame().width),
       height_(frame().height),

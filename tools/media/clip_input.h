@@ -16,7 +16,8 @@ namespace noxel::tool {
 // Starts at the first frame. An HDR clip is tone-mapped: all its frames here are BT.709 SDR. One thread.
 class ClipInput {
  public:
-  explicit ClipInput(const std::string& path);  // "-": standard input. ToolError without a first frame
+  // "-": standard input. ToolError without a first frame.
+  explicit ClipInput(const std::string& path, const TimeRange& range = {});
 
   // Advances. False at the end or when a stop was requested; the last frame stays current.
   bool next();

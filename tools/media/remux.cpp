@@ -43,6 +43,14 @@ bool copyPackets(Copy& copy, const AVStream& video, const std::vector<int>& plac
 
 }  // namespace
 
+int partialMarks(const AVDictionary* metadata) {
+  const AVDictionaryEntry* comment = av_dict_get(metadata, "comment", nullptr, 0);
+  const std::string text = comment != nullptr ? comment->value : "";
+  int marks = 0;
+  for (size_t at = 0; (at = text.find(kPartialMark, at)) != std::string::npos; ++at) ++marks;
+  return marks;
+}
+
 void addComment(AVDictionary*& metadata, const std::string& comment) {
   const AVDictionaryEntry* old = av_dict_get(metadata, "comment", nullptr, 0);
   const std::string text = old != nullptr ? std::string(old->value) + "; " + comment : comment;

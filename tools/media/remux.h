@@ -8,6 +8,11 @@
 
 namespace noxel::tool {
 
+// Begins what is added to the comment of a file that was not finished.
+constexpr char kPartialMark[] = "partial: stopped after frame ";
+// How often the comment has it: null has none.
+int partialMarks(const AVDictionary* metadata);
+
 // To what is there already.
 void addComment(AVDictionary*& metadata, const std::string& comment);
 

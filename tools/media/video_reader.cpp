@@ -23,6 +23,11 @@ namespace {
 
 constexpr double kMaxRate = 1000.0;  // frames per second; higher rates are clock rates
 
+// Seeks to a range's start: there, then this much before, then the clip is decoded from its beginning.
+constexpr int64_t kSeekBackUs[] = {0, 10'000'000};
+// Streams lie at most this far apart in a file: FFmpeg's muxers wait no longer for a stream.
+constexpr int64_t kInterleavingUs = 10'000'000;
+
 int onInterrupt(void*) {
   return stopRequested() ? 1 : 0;
 }
@@ -68,12 +73,11 @@ std::optional<DisplayMatrix> matrixOf(const uint8_t* data, size_t size) {
 
 }  // namespace
 
-VideoReader::VideoReader(const std::string& path, const std::string& format)
-    : name_(path == "-" ? "standard input" : path) {
+VideoReader::VideoReader(const std::string& path, const std::string& format, const TimeRange& range)
+    : path_(path), inputFormat_(format), range_(range), name_(path == "-" ? "standard input" : path) {
   try {
-    open(path, format);
-    selectStreams();
-    openDecoder();
+    openClip();
+    if (range_.startUs > 0 && !standardInput_ && !live()) goTo(0);
   } catch (...) {
     avformat_close_input(&format_);
     throw;
@@ -84,7 +88,14 @@ VideoReader::~VideoReader() {
   avformat_close_input(&format_);
 }
 
-void VideoReader::open(const std::string& path, const std::string& format) {
+void VideoReader::openClip() {
+  open();
+  selectStreams();
+  openDecoder();
+}
+
+void VideoReader::open() {
+  const std::string &path = path_, &format = inputFormat_;
   if (path == "-") standardInput_ = std::make_unique<StandardInput>();
   const bool y4m = standardInput_ && standardInput_->isY4m();
   const AVInputFormat* forced = y4m ? av_find_input_format("yuv4mpegpipe") : nullptr;
@@ -121,6 +132,7 @@ void VideoReader::selectStreams() {
   if (best < 0 || (format_->streams[best]->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0) {
     throw ToolError(kExitUnreadable, name_ + " has no video stream");
   }
+  beside_.clear();
   place_.assign(format_->nb_streams, -1);
   for (unsigned i = 0; i < format_->nb_streams; ++i) {
     AVStream* stream = format_->streams[i];
@@ -160,13 +172,35 @@ void VideoReader::openDecoder() {
 }
 
 FramePtr VideoReader::next() {
+  while (!ended_) {
+    FramePtr frame = decode();
+    if (landedLate(frame.get())) continue;
+    if (!frame) return nullptr;
+    if (range_.startUs > 0 && frame->pts < rangePts(startUs())) continue;
+    if (endUs() && frame->pts >= rangePts(*endUs())) {
+      ended_ = true;
+      readBesideToEnd();
+      return nullptr;
+    }
+    if (!firstPts_) {
+      firstPts_ = frame->pts;
+      if (range_.startUs > 0) damagedPackets_ = 0;  // before the start
+      if (!range_.whole()) cutChapters();
+    }
+    checkSize(*frame);
+    if (range_.startUs > 0) frame->pts -= *firstPts_;
+    return frame;
+  }
+  return nullptr;
+}
+
+FramePtr VideoReader::decode() {
   FramePtr frame = makeFrame();
   while (!stopRequested()) {
     const int result = avcodec_receive_frame(decoder_.get(), frame.get());
     if (result == 0) {
       keepKnownTags(*frame);
       stamp(*frame);
-      checkSize(*frame);
       return frame;
     }
     if (result == AVERROR_EOF) return nullptr;
@@ -183,7 +217,18 @@ FramePtr VideoReader::first() {
   FramePtr frame = next();
   if (frame) return frame;
   if (stopRequested()) throw stoppedBeforeTheFirstFrame();
+  if (!range_.whole() && lastPts_) throw nothingInRange();
   throw ToolError(kExitUnreadable, "cannot decode any frame of " + name_);
+}
+
+ToolError VideoReader::nothingInRange() const {
+  if (ended_) {
+    return {kExitUsage, name_ + " has no frame from " + timeText(range_.startUs) + " on for " +
+                            timeText(*range_.durationUs) + "; give a longer --duration"};
+  }
+  const int64_t last = av_rescale_q(*lastPts_, timeBase(), kMicroseconds) - originUs();
+  return {kExitUsage, "--start " + timeText(range_.startUs) + " is after the end of " + name_ +
+                          ", whose last frame is at " + timeText(last)};
 }
 
 void VideoReader::checkSize(const AVFrame& frame) {
@@ -201,31 +246,193 @@ void VideoReader::checkSize(const AVFrame& frame) {
                                    "; cut the clip there and process the parts separately");
 }
 
+// False at the end.
+bool VideoReader::readPacket(AVPacket& packet) {
+  const int result = av_read_frame(format_, &packet);
+  if (result == AVERROR_EOF || stopRequested()) return false;
+  if (result < 0) throw ToolError(kExitUnreadable, "reading " + name_ + " failed: " + avErrorText(result));
+  if (packet.pts != AV_NOPTS_VALUE) {
+    const AVRational clock = format_->streams[packet.stream_index]->time_base;
+    readUs_ = std::max(readUs_, av_rescale_q(packet.pts + packet.duration, clock, kMicroseconds));
+  }
+  return true;
+}
+
 void VideoReader::feedDecoder() {
   const PacketPtr packet = makePacket();
-  const int result = av_read_frame(format_, packet.get());
-  if (result == AVERROR_EOF || stopRequested()) {
+  if (!readPacket(*packet)) {
     if (!drained_) avcodec_send_packet(decoder_.get(), nullptr);
     drained_ = true;
-    return;
+  } else if (packet->stream_index != stream_->index) {
+    keepBeside(*packet);
+  } else if (avcodec_send_packet(decoder_.get(), packet.get()) < 0) {
+    ++damagedPackets_;
   }
-  if (result < 0) throw ToolError(kExitUnreadable, "reading " + name_ + " failed: " + avErrorText(result));
-  if (packet->pts != AV_NOPTS_VALUE) {
-    const AVRational clock = format_->streams[packet->stream_index]->time_base;
-    endUs_ = std::max(endUs_, av_rescale_q(packet->pts + packet->duration, clock, kMicroseconds));
-  }
-  if (packet->stream_index == stream_->index) {
-    if (avcodec_send_packet(decoder_.get(), packet.get()) < 0) ++damagedPackets_;
-    return;
-  }
-  const auto index = static_cast<size_t>(packet->stream_index);
+}
+
+void VideoReader::keepBeside(AVPacket& packet) {
+  const auto index = static_cast<size_t>(packet.stream_index);
   if (index >= place_.size()) {
     lateAudio_ = lateAudio_ || format_->streams[index]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
-  } else if (place_[index] >= 0) {
-    PacketPtr kept = makePacket();
-    av_packet_move_ref(kept.get(), packet.get());
-    kept->stream_index = place_[index];
-    packets_.push_back(std::move(kept));
+    return;
+  }
+  if (place_[index] < 0) return;
+  if (range_.startUs > 0 && packet.pts != AV_NOPTS_VALUE) {
+    // Not to be kept in memory until the start is reached.
+    const AVStream& stream = *format_->streams[index];
+    const bool subtitle = stream.codecpar->codec_type == AVMEDIA_TYPE_SUBTITLE;
+    const int64_t shownUntil = packet.pts + (subtitle && !subtitlesFound_ ? packet.duration : 0);
+    if (av_compare_ts(shownUntil, stream.time_base, startUs(), kMicroseconds) < 0) return;
+  }
+  PacketPtr kept = makePacket();
+  av_packet_move_ref(kept.get(), &packet);
+  kept->stream_index = place_[index];
+  packets_.push_back(std::move(kept));
+}
+
+int64_t VideoReader::originUs() const {
+  return std::max<int64_t>(format_->start_time, 0);  // AV_NOPTS_VALUE is negative
+}
+
+std::optional<int64_t> VideoReader::endUs() const {
+  if (!range_.durationUs) return std::nullopt;
+  return av_sat_add64(startUs(), *range_.durationUs);
+}
+
+int64_t VideoReader::rangePts(int64_t us) const {
+  return av_rescale_q_rnd(us, kMicroseconds, timeBase(), AV_ROUND_UP);
+}
+
+// Step 0 is tried with the clip just opened.
+void VideoReader::goTo(int step) {
+  step_ = step;
+  const bool stamped = (format_->iformat->flags & AVFMT_NOTIMESTAMPS) == 0;
+  if (stamped && !subtitlesFound_) findShownSubtitles();
+  const int64_t target = step < std::ssize(kSeekBackUs) ? startUs() - kSeekBackUs[step] : originUs();
+  lastPts_.reset();
+  drained_ = false;
+  damagedPackets_ = 0;
+  // All but what findShownSubtitles() found is read again.
+  std::erase_if(packets_, [&](const PacketPtr& packet) {
+    const AVStream& stream = *beside_[static_cast<size_t>(packet->stream_index)];
+    return stream.codecpar->codec_type != AVMEDIA_TYPE_SUBTITLE ||
+           av_compare_ts(packet->pts, stream.time_base, startUs(), kMicroseconds) >= 0;
+  });
+  if (stamped && target > originUs() &&
+      av_seek_frame(format_, stream_->index, rangePts(target), AVSEEK_FLAG_BACKWARD) >= 0) {
+    avcodec_flush_buffers(decoder_.get());
+    return;
+  }
+  landed_ = true;  // nothing is before the beginning
+  packets_.clear();
+  subtitlesFound_ = false;
+  decoder_.reset();
+  avformat_close_input(&format_);
+  openClip();
+}
+
+// Whether the decoder's first frame after a seek may have others before it that are in the range too; goes further back then.
+bool VideoReader::landedLate(const AVFrame* frame) {
+  if (landed_ || range_.startUs == 0 || standardInput_ || live() || stopRequested()) return false;
+  landed_ = frame != nullptr && frame->best_effort_timestamp != AV_NOPTS_VALUE && frame->pts <= rangePts(startUs());
+  if (landed_) return false;
+  goTo(step_ + 1);
+  return true;
+}
+
+// A seek goes past a subtitle that began before and still shows. Leaves the clip at no particular place.
+void VideoReader::findShownSubtitles() {
+  const auto isSubtitle = [](const AVStream* stream) { return stream->codecpar->codec_type == AVMEDIA_TYPE_SUBTITLE; };
+  const PacketPtr packet = makePacket();
+  while (std::ranges::any_of(beside_, isSubtitle) && readPacket(*packet)) {
+    const AVStream& stream = *format_->streams[packet->stream_index];
+    const bool before = av_compare_ts(packet->pts, stream.time_base, startUs(), kMicroseconds) < 0;
+    if (isSubtitle(&stream) && before) {
+      keepBeside(*packet);
+    } else if (av_compare_ts(packet->dts, stream.time_base, startUs() + kInterleavingUs, kMicroseconds) >= 0) {
+      break;
+    }
+    av_packet_unref(packet.get());
+  }
+  subtitlesFound_ = true;
+}
+
+// Audio of the last frames may come in the file after them.
+void VideoReader::readBesideToEnd() {
+  std::vector<int> waiting;
+  for (size_t i = 0; i < place_.size(); ++i) {
+    if (place_[i] >= 0 && format_->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO)
+      waiting.push_back(static_cast<int>(i));
+  }
+  const PacketPtr packet = makePacket();
+  while (!waiting.empty() && !drained_ && readPacket(*packet)) {
+    const AVRational clock = format_->streams[packet->stream_index]->time_base;
+    const int64_t time = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
+    if (time != AV_NOPTS_VALUE) {
+      if (av_compare_ts(time, clock, *endUs() + kInterleavingUs, kMicroseconds) >= 0) return;
+      if (av_compare_ts(time, clock, *endUs(), kMicroseconds) >= 0) std::erase(waiting, packet->stream_index);
+    }
+    if (packet->stream_index != stream_->index) keepBeside(*packet);
+    av_packet_unref(packet.get());
+  }
+}
+
+int64_t VideoReader::countFrames() {
+  const bool indexed = av_match_name("mp4", format_->iformat->name) != 0;
+  if (indexed && range_.whole() && stream_->nb_frames > 0) return stream_->nb_frames;
+  if (range_.startUs > 0 && !standardInput_) goTo(1);  // the first seek may be too late
+  int64_t frames = 0;
+  int64_t next = 0;
+  const PacketPtr packet = makePacket();
+  for (; readPacket(*packet); av_packet_unref(packet.get())) {
+    if (packet->stream_index != stream_->index || (packet->flags & AV_PKT_FLAG_DISCARD) != 0) continue;
+    int64_t stamp = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+    if (stamp == AV_NOPTS_VALUE) stamp = next;
+    next = stamp + av_rescale_q(1, av_inv_q(frameRate_), timeBase());
+    const bool before = range_.startUs > 0 && stamp < rangePts(startUs());
+    const bool after = endUs() && stamp >= rangePts(*endUs());
+    if (!before && !after) ++frames;
+    if (endUs() && packet->dts >= rangePts(*endUs())) break;
+  }
+  return frames;
+}
+
+// To the range, and moves it there; false: it is outside. A subtitle is shortened; the others are kept or left whole.
+bool VideoReader::cut(AVPacket& packet) const {
+  const AVStream& stream = *beside_[static_cast<size_t>(packet.stream_index)];
+  const int64_t stamp = packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
+  if (stamp == AV_NOPTS_VALUE) return true;
+  if (endUs() && av_compare_ts(stamp, stream.time_base, *endUs(), kMicroseconds) >= 0) return false;
+  const bool subtitle = stream.codecpar->codec_type == AVMEDIA_TYPE_SUBTITLE;
+  if (subtitle && endUs() && packet.duration > 0) {
+    const int64_t end = av_rescale_q(*endUs(), kMicroseconds, stream.time_base);
+    packet.duration = std::clamp<int64_t>(end - stamp, 1, packet.duration);
+  }
+  if (range_.startUs == 0) return true;
+  const int64_t first = av_rescale_q(*firstPts_, timeBase(), stream.time_base);
+  if (stamp < first) {
+    if (!subtitle || stamp + packet.duration <= first) return false;
+    packet.duration -= first - stamp;
+    packet.pts = packet.dts = first;
+  }
+  if (packet.pts != AV_NOPTS_VALUE) packet.pts -= first;
+  if (packet.dts != AV_NOPTS_VALUE) packet.dts -= first;
+  return true;
+}
+
+void VideoReader::cutChapters() {
+  for (unsigned i = 0; i < format_->nb_chapters; ++i) {
+    AVChapter chapter = *format_->chapters[i];
+    if (range_.startUs > 0) {
+      const int64_t first = av_rescale_q(*firstPts_, timeBase(), chapter.time_base);
+      chapter.start = std::max<int64_t>(chapter.start - first, 0);
+      chapter.end -= first;
+    }
+    if (endUs()) {
+      const int64_t startOfOutput = range_.startUs > 0 ? av_rescale_q(*firstPts_, timeBase(), kMicroseconds) : 0;
+      chapter.end = std::min(chapter.end, av_rescale_q(*endUs() - startOfOutput, kMicroseconds, chapter.time_base));
+    }
+    if (chapter.start < chapter.end) chapters_.push_back(chapter);
   }
 }
 
@@ -244,6 +451,7 @@ void VideoReader::stamp(AVFrame& frame) {
 std::vector<PacketPtr> VideoReader::takeBeside() {
   std::vector<PacketPtr> taken;
   taken.swap(packets_);
+  if (!range_.whole()) std::erase_if(taken, [this](const PacketPtr& packet) { return !cut(*packet); });
   return taken;
 }
 
@@ -251,7 +459,8 @@ Companions VideoReader::companions() const {
   Companions companions;
   companions.streams = beside_;
   companions.video = stream_;
-  companions.chapters.assign(format_->chapters, format_->chapters + format_->nb_chapters);
+  if (range_.whole()) companions.chapters.assign(format_->chapters, format_->chapters + format_->nb_chapters);
+  for (const AVChapter& chapter : chapters_) companions.chapters.push_back(&chapter);
   companions.metadata = format_->metadata;
   return companions;
 }
@@ -280,14 +489,34 @@ int64_t VideoReader::statedFrames() const {
   return av_rescale_q(length, kMicroseconds, av_inv_q(frameRate_));
 }
 
+int64_t VideoReader::statedLengthUs() const {
+  if (stream_->duration > 0) return av_rescale_q(stream_->duration, timeBase(), kMicroseconds);
+  if (const int64_t stated = statedFrames(); stated > 0)
+    return av_rescale_q(stated, av_inv_q(frameRate_), kMicroseconds);
+  return std::max<int64_t>(format_->duration, 0);
+}
+
 // With a variable frame rate the container's count is only an estimate: allow a tenth.
 bool VideoReader::isCutShort(int64_t frames) const {
+  if (ended_) return false;
+  if (!range_.whole()) {
+    const int64_t length = statedLengthUs();
+    const int64_t last = av_rescale_q(lastPts_.value_or(0), timeBase(), kMicroseconds) - originUs();
+    return last + 2 * nominalIntervalUs() < length - length / 10;
+  }
   if (const int64_t stated = statedFrames(); stated > 0) return frames + 1 < stated - stated / 10;
-  const int64_t start = std::max<int64_t>(format_->start_time, 0);  // AV_NOPTS_VALUE is negative
-  return format_->duration > 0 && endUs_ - start + nominalIntervalUs() < format_->duration - format_->duration / 10;
+  return format_->duration > 0 &&
+         readUs_ - originUs() + nominalIntervalUs() < format_->duration - format_->duration / 10;
 }
 
 int64_t VideoReader::expectedFrames() const {
+  if (!range_.whole()) {
+    const int64_t whole = statedLengthUs();
+    int64_t length = std::max<int64_t>(whole - range_.startUs, 0);
+    if (range_.durationUs) length = whole > 0 ? std::min(length, *range_.durationUs) : *range_.durationUs;
+    if (const int64_t stated = statedFrames(); stated > 0) return av_rescale_rnd(stated, length, whole, AV_ROUND_UP);
+    return av_rescale_q_rnd(length, kMicroseconds, av_inv_q(frameRate_), AV_ROUND_UP);
+  }
   if (const int64_t stated = statedFrames(); stated > 0) return stated;
   if (format_->duration > 0) return av_rescale_q(format_->duration, kMicroseconds, av_inv_q(frameRate_));
   return 0;

@@ -8,9 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "common/tool_error.h"
 #include "media/av_types.h"
 #include "media/companions.h"
 #include "media/standard_input.h"
+#include "media/time_range.h"
 
 namespace noxel::tool {
 
@@ -27,8 +29,9 @@ Uprighting uprighting(const std::optional<DisplayMatrix>& matrix);
 // One thread. Every failure is a ToolError, kExitUnreadable unless stated.
 class VideoReader {
  public:
-  // "-": standard input. `format`: an FFmpeg input format or device; empty: detected.
-  explicit VideoReader(const std::string& path, const std::string& format = "");
+  // "-": standard input. `format`: an FFmpeg input format or device; empty: detected. Of a range with a start the first frame,
+  // and with it everything else, is at time 0.
+  explicit VideoReader(const std::string& path, const std::string& format = "", const TimeRange& range = {});
   ~VideoReader();
   VideoReader(const VideoReader&) = delete;
   VideoReader& operator=(const VideoReader&) = delete;
@@ -36,16 +39,21 @@ class VideoReader {
   // The next frame in presentation order; null at the end or when a stop was requested. `pts` is in timeBase() and strictly
   // increasing; `pkt_duration` is in timeBase(), 0 when unknown. A change of size is a ToolError, kExitFailed.
   FramePtr next();
-  // The first frame, never null: ToolError, kExitFailed when stopped by the user.
+  // The first frame, never null: ToolError, kExitFailed when stopped by the user, kExitUsage without a frame in the range.
   FramePtr first();
 
-  // Packets of other streams read since the last call; `stream_index` is an index into companions().streams.
+  // Instead of decoding: the frames in the range, by reading it to its end, or by the index of an MP4 or MOV.
+  int64_t countFrames();
+
+  // After the first frame: packets of other streams read since the last call; `stream_index` is an index into
+  // companions().streams.
   std::vector<PacketPtr> takeBeside();
 
   AVRational timeBase() const { return stream_->time_base; }
   AVRational frameRate() const { return frameRate_; }
   int64_t nominalIntervalUs() const;
-  int64_t expectedFrames() const;  // 0: unknown; an estimate where the container has only its own duration
+  // Of the range. 0: unknown; an estimate where the container has only its own duration.
+  int64_t expectedFrames() const;
   // At the end: whether the clip promised more than it had. Of the video where its own length is stated, else of the whole
   // file; `frames` were read.
   bool isCutShort(int64_t frames) const;
@@ -61,14 +69,35 @@ class VideoReader {
   bool live() const;                             // a camera or screen
 
  private:
-  void open(const std::string& path, const std::string& format);
+  void openClip();
+  void open();
   void selectStreams();
   void openDecoder();
+  FramePtr decode();
+  bool readPacket(AVPacket& packet);
   void feedDecoder();
+  void keepBeside(AVPacket& packet);
   void stamp(AVFrame& frame);
   void checkSize(const AVFrame& frame);
   int64_t statedFrames() const;
+  int64_t statedLengthUs() const;
+  ToolError nothingInRange() const;
 
+  // The range. Times are the file's own, in microseconds, unless they are in timeBase().
+  int64_t originUs() const;
+  int64_t startUs() const { return originUs() + range_.startUs; }
+  std::optional<int64_t> endUs() const;
+  int64_t rangePts(int64_t us) const;
+  void goTo(int step);
+  bool landedLate(const AVFrame* frame);
+  void findShownSubtitles();
+  void readBesideToEnd();
+  bool cut(AVPacket& packet) const;
+  void cutChapters();
+
+  const std::string path_;
+  const std::string inputFormat_;
+  const TimeRange range_;
   std::string name_;                              // for messages
   std::unique_ptr<StandardInput> standardInput_;  // null for a file; outlives format_
   AVFormatContext* format_ = nullptr;
@@ -78,9 +107,15 @@ class VideoReader {
   std::vector<const AVStream*> beside_;
   std::vector<int> place_;  // in beside_, by stream index of the input; -1: not there
   std::vector<PacketPtr> packets_;
+  int step_ = 0;                     // how far back the latest seek went
+  bool landed_ = false;              // the frame after that was not too late
+  bool subtitlesFound_ = false;      // those shown at the start are known
+  std::optional<int64_t> firstPts_;  // of the first frame in the range, as the file has it
+  bool ended_ = false;               // the range, before the clip
+  std::vector<AVChapter> chapters_;  // cut to the range; their metadata is format_'s
   bool drained_ = false;
   bool lateAudio_ = false;
-  int64_t endUs_ = 0;  // of all packets read
+  int64_t readUs_ = 0;  // where the packets read so far end
   int damagedPackets_ = 0;
   std::optional<int64_t> lastPts_;
   int64_t framesRead_ = 0;
