@@ -82,7 +82,7 @@ int Meter::measure(const noxel_frame& frame, noxel_frame_info* info) {
   return NOXEL_OK;
 }
 
-// Gamma and gain ease from frame to frame: a sequence begins where they stand still on its first one.
+// Gamma and gain ease from frame to frame: a sequence begins where they stand still on its first one, which then counts as any.
 void Meter::follow(bool newSequence) {
   const int width = engineWidth(width_);
   tone_.update(nv21_, width, engineHeight(height_), width, exposureStrength_, newSequence);
@@ -92,9 +92,8 @@ void Meter::follow(bool newSequence) {
     do {
       updateExposure(&exposure_, registration_.image(), kModeEnhance, exposureStrength_);
     } while (!settling.settled(exposure_.smoothedGamma, exposure_.smoothedGain));
-  } else {
-    updateExposure(&exposure_, registration_.image(), kModeEnhance, exposureStrength_);
   }
+  updateExposure(&exposure_, registration_.image(), kModeEnhance, exposureStrength_);
 }
 
 }  // namespace noxel

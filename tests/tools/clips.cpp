@@ -48,6 +48,8 @@ class ClipMaker {
           spec_.picture ? spec_.picture(index) : rampPlanar(spec_.width, spec_.height, lumaOf(index));
       frame->format = video_->pix_fmt;
       frame->pts = static_cast<int64_t>(i);
+      frame->interlaced_frame = spec_.fields != AV_FIELD_UNKNOWN;
+      frame->top_field_first = spec_.fields == AV_FIELD_TT;
       encode(*video_, frame.get());
     }
     encode(*video_, nullptr);
@@ -81,6 +83,8 @@ class ClipMaker {
     video_->color_primaries = spec_.primaries;
     video_->color_trc = spec_.transfer;
     video_->flags |= AV_CODEC_FLAG_QSCALE;
+    if (spec_.fields != AV_FIELD_UNKNOWN) video_->flags |= AV_CODEC_FLAG_INTERLACED_DCT | AV_CODEC_FLAG_INTERLACED_ME;
+    video_->field_order = spec_.fields;
     video_->global_quality = FF_QP2LAMBDA * 2;
     AVStream* stream = open(*video_, codec);
     stream->time_base = spec_.timeBase;

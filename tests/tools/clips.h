@@ -26,6 +26,7 @@ struct ClipSpec {
   AVColorPrimaries primaries = AVCOL_PRI_UNSPECIFIED;
   AVColorTransferCharacteristic transfer = AVCOL_TRC_UNSPECIFIED;
   AVPixelFormat format = AV_PIX_FMT_NONE;      // of the pictures; default: 8-bit 4:2:0
+  AVFieldOrder fields = AV_FIELD_UNKNOWN;      // TT or BB: coded and flagged as interlaced. MPEG4
   std::function<FramePtr(int frame)> picture;  // planar; default: a luma ramp with a mean of lumaOf(frame)
 };
 

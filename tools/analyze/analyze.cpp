@@ -2,21 +2,17 @@
 
 #include <cmath>
 #include <filesystem>
-#include <new>
 #include <nlohmann/json.hpp>
 
 #include "analyze/analysis_plot.h"
-#include "api/engine_control.h"
 #include "common/interrupt.h"
-#include "common/noise_sigma.h"
 #include "common/output_file.h"
 #include "common/percentile.h"
 #include "common/standard_streams.h"
 #include "common/tool_error.h"
+#include "findings/clip_meter.h"
 #include "media/clip_input.h"
 #include "noxel/enhancer.h"
-#include "registration/luminance.h"
-#include "registration/plane_registration.h"
 #include "tonemapping/tone_curve.h"
 
 namespace noxel::tool {
@@ -81,7 +77,7 @@ class Analysis {
 
  private:
   void readAll();
-  void addNoise(const NoiseCurve& noise, const Histogram& luma);
+  void addNoise(const ClipMeter& meter);
   void endSecond();
   void writeJson() const;
   void writePlot() const;
@@ -98,16 +94,19 @@ class Analysis {
   nlohmann::ordered_json seconds_ = nlohmann::ordered_json::array();
   Histogram smoothed_;
   ToneCurve suggested_;
+  Findings findings_;
   std::vector<NoiseCurve> noise_;  // of the frames in which it is known
 };
 
 void Analysis::run() {
   if (clip_.highDynamicRange()) note(toneMapNote());
+  if (clip_.reader().interlaced()) note(deinterlaceNote());
   printHeader(table_);
   readAll();
   smoothHistogram(all_.histogram, kSmoothingRadius, &smoothed_);
   suggested_ = suggestToneCurve(smoothed_, options_.strength);
   printRow(table_, "all", all_);
+  std::fprintf(table_, "found: %s\n", inWords(findings_).c_str());
   std::fprintf(table_, "suggested curve, strength %g: mean luma %.1f -> %.1f\n", options_.strength,
                meanLevel(all_.histogram), meanLevelAfter(all_.histogram, suggested_));
   writePlot();
@@ -120,36 +119,28 @@ void Analysis::run() {
 }
 
 void Analysis::readAll() {
-  ExposureFollower exposure(clip_.nv21Width(), clip_.nv21Height(), options_.exposure);
-  exposure.settle(clip_.nv21().data());
-  PlaneRegistration registration;
-  if (!registration.create(clip_.nv21Width(), clip_.nv21Height(), false, nullptr) || !registration.enableNoise()) {
-    throw std::bad_alloc();
-  }
+  ClipMeter meter(clip_, options_.exposure);
   const double start = clip_.seconds();
   do {
     // At 3 fps the time stamps are 0.333, 0.667, 1.000: tolerate rounding.
     const auto second = static_cast<int64_t>(std::floor(clip_.seconds() - start + 0.001));
     if (second != second_) endSecond();
     second_ = second;
-    exposure.follow(clip_.nv21().data());
-    Histogram luma;
-    addPlane(clip_.nv21().data(), clip_.width(), clip_.height(), clip_.nv21Width(), &luma);
-    addHistogram(luma, &current_.histogram);
+    meter.measure(clip_);
+    addHistogram(meter.luma(), &current_.histogram);
     ++current_.frames;
-    current_.gammaSum += exposure.gamma();
-    current_.gainSum += exposure.gain();
-    registration.measure(clip_.nv21().data());
-    addNoise(registration.noise(), luma);
+    current_.gammaSum += static_cast<double>(meter.info().gamma);
+    current_.gainSum += static_cast<double>(meter.info().gain);
+    addNoise(meter);
   } while (clip_.next());
   endSecond();
+  findings_ = meter.findings(clip_);
 }
 
-void Analysis::addNoise(const NoiseCurve& noise, const Histogram& luma) {
-  if (!noise.known) return;
-  noise_.push_back(noise);
-  const double sigma = noiseSigma(noise, luma);
-  current_.noiseSum += sigma * sigma;
+void Analysis::addNoise(const ClipMeter& meter) {
+  if (!meter.noise().known) return;
+  noise_.push_back(meter.noise());
+  current_.noiseSum += meter.noiseSigma() * meter.noiseSigma();
   ++current_.noiseFrames;
 }
 
@@ -195,6 +186,7 @@ void Analysis::writeJson() const {
                                        {"options", {{"strength", options_.strength}, {"exposure", options_.exposure}}},
                                        {"plot", plotFile_},
                                        {"stopped_early", stopRequested()},
+                                       {"found", jsonOf(findings_)},
                                        {"summary", std::move(summary)},
                                        {"seconds", seconds_},
                                        {"histogram", all_.histogram.bins},
@@ -214,25 +206,6 @@ void Analysis::writeJson() const {
 
 std::string plotName(const std::string& input) {
   return input == "-" ? "analysis.png" : std::filesystem::path(input).stem().string() + "-analysis.png";
-}
-
-ExposureFollower::ExposureFollower(int width, int height, int strength)
-    : width_(width), height_(height), factor_(resolutionFactor(width, height)), strength_(strength) {
-  const size_t size = static_cast<size_t>(width / factor_) * static_cast<size_t>(height / factor_);
-  image_.resize(size);
-  scratch_.resize(size);
-}
-
-void ExposureFollower::settle(const uint8_t* luma) {
-  ExposureSettling settling;
-  do {
-    follow(luma);
-  } while (!settling.settled(gamma(), gain()));
-}
-
-void ExposureFollower::follow(const uint8_t* luma) {
-  prepareLuminance({width_, height_, luma}, factor_, false, image_.data(), scratch_.data());
-  updateExposure(&state_, {width_ / factor_, height_ / factor_, image_.data()}, kModeEnhance, strength_);
 }
 
 void ExposureStatistics::add(const ExposureStatistics& more) {

@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "registration/exposure.h"
 #include "tonemapping/histogram.h"
 
 namespace noxel::tool {
@@ -23,25 +22,6 @@ struct AnalyzeOptions {
 
 // The default: night-analysis.png in the current folder for night.mp4.
 std::string plotName(const std::string& input);
-
-// The exposure that the engine's registration thread computes for the same frames.
-class ExposureFollower {
- public:
-  ExposureFollower(int width, int height, int strength);  // padded size; 0..100
-  void settle(const uint8_t* luma);                       // as `noxel enhance` does on the first frame
-  void follow(const uint8_t* luma);                       // width * height bytes
-  float gamma() const { return state_.smoothedGamma; }
-  float gain() const { return state_.smoothedGain; }
-
- private:
-  const int width_;
-  const int height_;
-  const int factor_;  // frame pixels per pixel of the image
-  const int strength_;
-  std::vector<uint8_t> image_;
-  std::vector<uint8_t> scratch_;
-  ExposureState state_;
-};
 
 // Of a run of frames: histogram of full-range luma, sums of gamma and gain.
 struct ExposureStatistics {

@@ -27,6 +27,8 @@ Columns, for each second and for the whole clip; luma is full range (0..255):
                       the one before it, along the camera's motion, where nothing else moves. Noise that stays where it
                       is, as a sensor's fixed pattern under a still camera, does not show
 
+"found" says what kind of clip it is, of all frames, as `noxel enhance --help` explains it for its short look.
+
 The plot shows the clip's histogram, a suggested curve that spreads the levels in use, and the curve of gamma and gain; below, the noise by luma. JSON has its variance, 32 entries of 8 levels.
 With --json - the table goes to standard error. Ctrl-C stops reading; the frames read so far are analysed.
 )";

@@ -25,8 +25,21 @@ with the frames done so far, and its comment says that it is partial; a second C
 on standard input with its index at the end is first spooled to a file in $TMPDIR. A single picture comes out upright, in 8-bit RGB
 or RGBA. --dump-frames with -y does not delete the files of an earlier, longer dump.
 
+Before it starts noxel looks at three runs of eight frames, spread over the file as far as its keyframes allow, and says
+in a line what it found: mean luma (dark below 85), noise, shake, HDR, whether it was denoised already, interlaced,
+variable frame rate. From a pipe these are the first eight frames, which are enhanced as all others. In mode 5 the noise
+chooses the strength, unless --strength is given: 50 from 1.6 levels on, 40 from 1, 25 from 0.3, else 0. A clip that is
+neither dark nor has noise of a level, whose mean the tone would raise by less than a tenth, and that is not HDR or
+interlaced is left as it came: the file is copied; where that does not do, as for another container, --stats or --crf, it
+is encoded with its frames unchanged. An option of the picture, such as --exposure or --stabilize, is always followed.
+--no-auto does not look. Interlaced clips are deinterlaced in any case, one frame for each.
+
+Shake is how far the path of the picture's centre is from the straight line through each eight frames, root mean square,
+in pixels. "Already denoised" is a dark picture with noise below 1.6 levels, half of what a phone's sensor leaves there.
+--stats has it all under "found", and under "chosen" what was chosen, with the reasons that --explain prints.
+
 With --output-dir a clip that fails does not stop the others, and a summary comes at the end; the exit code is that of the
-failed clips, or 1 when they failed for different reasons. Ctrl-C finishes the clips at work and begins no other. The
+failed clips, or 1 when they failed for different reasons. Ctrl-C ends the clips at work as above and begins no other. The
 names given to --picture, --stats, --report and --dump-frames need {name} in them with several INPUTs, which becomes
 INPUT's name:
   noxel enhance *.mov --output-dir out --stats out/{name}.json
@@ -184,6 +197,20 @@ void addOptions(CLI::App* command, BatchOptions& batch) {
           "Mode 1: start at neutral exposure and ease in")
       ->group(look);
 
+  CLI::Option* automatic = command
+                               ->add_flag_callback(
+                                   "--auto", [&options] { options.automatic = true; },
+                                   "Look at the clip first; mode 5: its noise chooses the strength, and a clip that is "
+                                   "neither dark nor noisy "
+                                   "is left as it came. On by default; options given win")
+                               ->group(look);
+  command
+      ->add_flag_callback(
+          "--no-auto", [&options] { options.automatic = false; }, "Do not look; take the usual strength")
+      ->excludes(automatic)
+      ->group(look);
+  command->add_flag("--explain", options.explain, "Say on standard error what was chosen, and why")->group(look);
+
   const char* mode = "Engine modes";
   command->add_option("--engine-mode", options.look.engineMode, kModes)
       ->check(CLI::Range(0, 5))
@@ -264,6 +291,7 @@ void addOptions(CLI::App* command, BatchOptions& batch) {
 
 Command addEnhance(CLI::App& app) {
   const auto batch = std::make_shared<BatchOptions>();
+  batch->clip.automatic = true;
   CLI::App* command = app.add_subcommand("enhance", "Denoise and brighten a video");
   addOptions(command, *batch);
   return {command, [command, batch] {

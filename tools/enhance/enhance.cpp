@@ -7,6 +7,7 @@ extern "C" {
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <deque>
 #include <optional>
@@ -17,6 +18,7 @@ extern "C" {
 #include "common/noise_sigma.h"
 #include "common/output_file.h"
 #include "common/tool_error.h"
+#include "enhance/automatic.h"
 #include "enhance/frame_dump.h"
 #include "enhance/overlay.h"
 #include "enhance/pass_times.h"
@@ -25,6 +27,7 @@ extern "C" {
 #include "enhance/rgba_session.h"
 #include "enhance/statistics.h"
 #include "enhance/still.h"
+#include "findings/clip_meter.h"
 #include "media/clip_input.h"
 #include "media/nv21_frame.h"
 #include "media/picture.h"
@@ -49,6 +52,7 @@ void checkLook(const EnhanceOptions& options) {
     throw ToolError(kExitUsage, "--picture-frame needs --picture");
   }
   if (options.overlay) checkIsRead(options.look, {"--overlay"});
+  if (options.explain && !options.automatic) throw ToolError(kExitUsage, "--explain needs --auto");
 }
 
 void checkOutputs(const EnhanceOptions& options) {
@@ -68,22 +72,45 @@ void checkOutputs(const EnhanceOptions& options) {
   checkMayDump(options.dumpFolder, overwrite);
 }
 
+template <typename Look>
+Choice lookAndChoose(const EnhanceOptions& options, const Look& look) {
+  const auto start = std::chrono::steady_clock::now();
+  const Findings found = look();
+  Choice choice = choose(found, options);
+  choice.lookSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  return choice;
+}
+
+void explain(const Choice& choice, const EnhanceOptions& options) {
+  if (!options.quiet) std::fprintf(stderr, "noxel: note: found: %s\n", inWords(choice.found).c_str());
+  if (!options.explain) return;
+  for (const std::string& reason : choice.reasons) std::fprintf(stderr, "noxel: because: %s\n", reason.c_str());
+}
+
 // One run over a clip.
 class Run {
  public:
-  explicit Run(const EnhanceOptions& options)
-      : options_(options),
+  Run(const EnhanceOptions& options, std::optional<Choice> choice)
+      : options_(choice ? applied(*choice, options) : options),
+        choice_(std::move(choice)),
         clip_(options.input, options.range),
         writer_(outputSettings()),
         picture_(options.pictureFrame),
         progress_(options.quiet, options.shownOnTerminal || isatty(STDERR_FILENO) != 0,
                   clip_.reader().expectedFrames()) {
+    if (options.automatic && !choice_) {
+      choice_ = lookAndChoose(options, [this] { return lookAtFirstFrames(clip_); });
+      explain(*choice_, options);
+      options_ = applied(*choice_, options);
+    }
     if (!options.reportFile.empty()) {
       const VideoReader& reader = clip_.reader();
-      report_.emplace(options.look, Report::Shape{clip_.width(), clip_.height(),
-                                                  reader.sampleAspectRatio(clip_.frame()), reader.displayMatrix()});
+      report_.emplace(options_.look, Report::Shape{clip_.width(), clip_.height(),
+                                                   reader.sampleAspectRatio(clip_.frame()), reader.displayMatrix()});
     }
+    if (choice_ && choice_->leaveAlone) note(leftAloneNote(false));
     if (clip_.highDynamicRange()) note(toneMapNote());
+    if (clip_.reader().interlaced()) note(deinterlaceNote());
     if (!options.dumpFolder.empty()) dump_.emplace(options.dumpFolder);
     if (!options.statsFile.empty()) statisticsFile_.emplace(options.statsFile, knownAtStart());
   }
@@ -102,7 +129,8 @@ class Run {
   nlohmann::ordered_json knownAtEnd(double seconds) const;
   void writeReport(double seconds) const;
 
-  const EnhanceOptions& options_;
+  EnhanceOptions options_;
+  std::optional<Choice> choice_;  // from a look at the clip
   ClipInput clip_;
   VideoWriter writer_;
   PictureKeeper picture_;
@@ -307,6 +335,10 @@ nlohmann::ordered_json Run::knownAtStart() const {
         {"warm_up", options_.warmUp && (followsExposure(options_.look) || leadsIn(options_.look))},
 
         {"crf", writer_.crf() ? nlohmann::ordered_json(*writer_.crf()) : nullptr}}}};
+  if (choice_) {
+    json["found"] = jsonOf(choice_->found);
+    json["chosen"] = jsonOf(*choice_);
+  }
   return json;
 }
 
@@ -371,7 +403,16 @@ int runEnhance(const EnhanceOptions& options, const EnhancerFactory& factory) {
   checkEnhance(options);
   if (options.resume && leaveWhole(options)) return kExitFine;
   if (isStill(options.output)) return runStill(options);
-  Run run(options);
+  std::optional<Choice> choice;
+  if (options.automatic && canReopen(options.input)) {
+    choice = lookAndChoose(options, [&options] { return lookAtFile(options.input, options.range); });
+    explain(*choice, options);
+    if (choice->leaveAlone && copyLeftAlone(options)) {
+      if (!options.quiet) std::fprintf(stderr, "noxel: note: %s\n", leftAloneNote(true).c_str());
+      return kExitFine;
+    }
+  }
+  Run run(options, std::move(choice));
   run.enhanceAll(factory);
   return run.finish();
 }

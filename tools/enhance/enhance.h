@@ -21,6 +21,8 @@ struct EnhanceOptions {
   EncodingChoice encoding;
   bool compare = false;
   bool overlay = false;
+  bool automatic = false;  // look at the clip beforehand, and choose what was not given
+  bool explain = false;    // say why
   bool warmUp = true;
   bool passes = false;
   bool quiet = false;

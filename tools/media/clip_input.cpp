@@ -14,7 +14,7 @@ namespace noxel::tool {
 
 ClipInput::ClipInput(const std::string& path, const TimeRange& range)
     : reader_(path, "", range),
-      frame_(first(reader_, toneMap_)),
+      frame_(first()),
       width_(frame().width),
       height_(frame().height),
       nv21Width_(paddedWidth(width_)),
@@ -23,23 +23,50 @@ ClipInput::ClipInput(const std::string& path, const TimeRange& range)
   convert();
 }
 
-FramePtr ClipInput::first(VideoReader& reader, std::unique_ptr<ToneMap>& toneMap) {
-  FramePtr frame = reader.first();
+FramePtr ClipInput::first() {
+  FramePtr frame = reader_.first();
   if (isHighDynamicRange(*frame)) {
-    toneMap = std::make_unique<ToneMap>(*frame);
-    frame = toneMap->run(*frame);
+    hdr_ = frame->color_trc == AVCOL_TRC_SMPTE2084 ? "PQ" : "HLG";
+    toneMap_ = std::make_unique<ToneMap>(*frame);
+    frame = toneMap_->run(*frame);
   }
+  return frame;
+}
+
+FramePtr ClipInput::read() {
+  if (!marked_ && !kept_.empty()) {
+    FramePtr frame = std::move(kept_.front());
+    kept_.pop_front();
+    return frame;
+  }
+  FramePtr frame = reader_.next();
+  if (frame && toneMap_) frame = toneMap_->run(*frame);
+  if (frame && marked_) kept_.push_back(share(*frame));
   return frame;
 }
 
 bool ClipInput::next() {
   if (stopRequested()) return false;
-  FramePtr read = reader_.next();
-  if (!read) return false;
-  if (toneMap_) read = toneMap_->run(*read);
-  frame_ = std::move(read);
+  FramePtr frame = read();
+  if (!frame) return false;
+  frame_ = std::move(frame);
   convert();
   return true;
+}
+
+bool ClipInput::seek(double seconds) {
+  return reader_.seek(seconds) && next();
+}
+
+void ClipInput::mark() {
+  marked_ = true;
+  kept_.push_back(share(*frame_));
+}
+
+void ClipInput::returnToMark() {
+  marked_ = false;
+  frame_ = read();
+  convert();
 }
 
 double ClipInput::seconds() const {

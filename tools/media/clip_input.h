@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,6 +23,14 @@ class ClipInput {
   // Advances. False at the end or when a stop was requested; the last frame stays current.
   bool next();
 
+  // Goes to the keyframe at or before this time, which is current then. False: as VideoReader::seek, or no frame there; the
+  // clip is of no more use.
+  bool seek(double seconds);
+
+  // Keeps the frames from the current one on; returnToMark() makes that one current again, once.
+  void mark();
+  void returnToMark();
+
   // The current frame: as decoded (HDR: tone-mapped); planar in the clip's own colours; padded in the engine's colours.
   const AVFrame& frame() const { return *frame_; }
   const AVFrame& planar() const { return *planar_; }
@@ -37,6 +46,7 @@ class ClipInput {
   int height() const { return height_; }
   int nv21Width() const { return nv21Width_; }
   int nv21Height() const { return nv21Height_; }
+  const char* hdr() const { return hdr_; }  // PQ, HLG; empty: SDR
   bool highDynamicRange() const { return toneMap_ != nullptr; }
   VideoReader& reader() { return reader_; }
   const VideoReader& reader() const { return reader_; }
@@ -44,11 +54,15 @@ class ClipInput {
   const ColourConversion& colours() const { return colours_; }
 
  private:
-  static FramePtr first(VideoReader& reader, std::unique_ptr<ToneMap>& toneMap);
+  FramePtr first();
+  FramePtr read();
   void convert();
 
   VideoReader reader_;
+  const char* hdr_ = "";
   std::unique_ptr<ToneMap> toneMap_;  // null for SDR
+  bool marked_ = false;
+  std::deque<FramePtr> kept_;  // from the mark on
   FramePtr frame_;
   FramePtr planar_;
   FramePtr engineFrame_;

@@ -123,13 +123,35 @@ FilterPass::FilterPass(int width, int height, const std::string& filters, AVPixe
   }
 }
 
-FramePtr FilterPass::run(const AVFrame& frame) {
-  FramePtr in = share(frame);
-  in->format = format_;
-  FramePtr out = makeFrame();
-  int result = av_buffersrc_add_frame(source_, in.get());
-  if (result >= 0) result = av_buffersink_get_frame(sink_, out.get());
+namespace {
+
+void checkFilter(int result) {
   if (result < 0) throw ToolError(kExitFailed, "the conversion failed: " + avErrorText(result));
+}
+
+}  // namespace
+
+FramePtr FilterPass::run(const AVFrame& frame) {
+  send(&frame);
+  FramePtr out = receive();
+  if (!out) checkFilter(AVERROR(EAGAIN));
+  return out;
+}
+
+void FilterPass::send(const AVFrame* frame) {
+  FramePtr in;
+  if (frame != nullptr) {
+    in = share(*frame);
+    in->format = format_;
+  }
+  checkFilter(av_buffersrc_add_frame(source_, in.get()));
+}
+
+FramePtr FilterPass::receive() {
+  FramePtr out = makeFrame();
+  const int result = av_buffersink_get_frame(sink_, out.get());
+  if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) return nullptr;
+  checkFilter(result);
   return out;
 }
 

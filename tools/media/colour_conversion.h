@@ -18,7 +18,12 @@ struct ColourTags {
 class FilterPass {
  public:
   FilterPass(int width, int height, const std::string& filters, AVPixelFormat format = AV_PIX_FMT_YUV420P);
+  // For filters that give a frame for each at once.
   FramePtr run(const AVFrame& frame);
+
+  // For those that wait for later ones. Null: no more come.
+  void send(const AVFrame* frame);
+  FramePtr receive();  // null: more must be sent first
 
  private:
   AVPixelFormat format_;

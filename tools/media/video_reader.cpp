@@ -21,7 +21,8 @@ extern "C" {
 namespace noxel::tool {
 namespace {
 
-constexpr double kMaxRate = 1000.0;  // frames per second; higher rates are clock rates
+constexpr size_t kFramesToJudge = 8;  // by which a clip that does not say so is found interlaced
+constexpr double kMaxRate = 1000.0;   // frames per second; higher rates are clock rates
 
 // Seeks to a range's start: there, then this much before, then the clip is decoded from its beginning.
 constexpr int64_t kSeekBackUs[] = {0, 10'000'000};
@@ -171,7 +172,7 @@ void VideoReader::openDecoder() {
     throw ToolError(kExitUnreadable, name_ + ": cannot decode " + codecName() + ": " + avErrorText(result));
 }
 
-FramePtr VideoReader::next() {
+FramePtr VideoReader::inRange() {
   while (!ended_) {
     FramePtr frame = decode();
     if (landedLate(frame.get())) continue;
@@ -188,7 +189,7 @@ FramePtr VideoReader::next() {
       if (!range_.whole()) cutChapters();
     }
     checkSize(*frame);
-    if (range_.startUs > 0) frame->pts -= *firstPts_;
+    if (range_.startUs > 0) frame->pts = av_sat_sub64(frame->pts, *firstPts_);
     return frame;
   }
   return nullptr;
@@ -211,6 +212,80 @@ FramePtr VideoReader::decode() {
     }
   }
   return nullptr;
+}
+
+// Whether the clip is interlaced, where it does not say so, is seen in its first frames.
+void VideoReader::begin() {
+  begun_ = true;
+  FramePtr first = inRange();
+  if (!first) return;
+  const AVFieldOrder stated = stream_->codecpar->field_order;
+  const bool flagged = first->interlaced_frame != 0;
+  std::optional<FieldOrder> order;
+  if (stated == AV_FIELD_TT || stated == AV_FIELD_TB) order = FieldOrder::kTopFirst;
+  if (stated == AV_FIELD_BB || stated == AV_FIELD_BT) order = FieldOrder::kBottomFirst;
+  ahead_.push_back(std::move(first));
+  const AVFrame& frame = *ahead_.front();
+  if (!canDeinterlace(frame)) return;
+  if (flagged) {
+    deinterlacer_ = std::make_unique<Deinterlacer>(frame, std::nullopt);
+    return;
+  }
+  if (stated == AV_FIELD_UNKNOWN && !live()) {
+    while (ahead_.size() < kFramesToJudge) {
+      FramePtr more = inRange();
+      if (!more) break;
+      ahead_.push_back(std::move(more));
+    }
+    std::vector<FramePtr> look;
+    for (const FramePtr& each : ahead_) look.push_back(share(*each));
+    order = detectFieldOrder(look);
+  }
+  if (order) deinterlacer_ = std::make_unique<Deinterlacer>(frame, order);
+}
+
+FramePtr VideoReader::asRead() {
+  if (ahead_.empty()) return inRange();
+  FramePtr frame = std::move(ahead_.front());
+  ahead_.pop_front();
+  return frame;
+}
+
+FramePtr VideoReader::next() {
+  if (!begun_) begin();
+  while (!stopRequested()) {
+    if (deinterlacer_) {
+      if (FramePtr frame = deinterlacer_->receive()) return frame;
+      if (deinterlacerDrained_) return nullptr;
+    }
+    FramePtr frame = asRead();
+    if (frame && !deinterlacer_ && frame->interlaced_frame != 0 && canDeinterlace(*frame)) {
+      deinterlacer_ = std::make_unique<Deinterlacer>(*frame, std::nullopt);
+    }
+    if (!deinterlacer_) return frame;
+    if (frame) {
+      deinterlacer_->send(*frame);
+    } else if (!stopRequested()) {
+      deinterlacer_->finish();
+      deinterlacerDrained_ = true;
+    }
+  }
+  return nullptr;
+}
+
+bool VideoReader::seek(double seconds) {
+  if (standardInput_ || live() || (format_->iformat->flags & AVFMT_GENERIC_INDEX) != 0) return false;
+  // A damaged clip may state any length.
+  const auto time = static_cast<int64_t>(std::clamp(seconds / av_q2d(stream_->time_base), -9e18, 9e18));
+  if (av_seek_frame(format_, stream_->index, time, AVSEEK_FLAG_BACKWARD) < 0) return false;
+  avcodec_flush_buffers(decoder_.get());
+  drained_ = false;
+  ahead_.clear();
+  packets_.clear();
+  lastPts_.reset();
+  if (deinterlacer_) deinterlacer_->restart();
+  deinterlacerDrained_ = false;
+  return true;
 }
 
 FramePtr VideoReader::first() {
@@ -281,7 +356,7 @@ void VideoReader::keepBeside(AVPacket& packet) {
     // Not to be kept in memory until the start is reached.
     const AVStream& stream = *format_->streams[index];
     const bool subtitle = stream.codecpar->codec_type == AVMEDIA_TYPE_SUBTITLE;
-    const int64_t shownUntil = packet.pts + (subtitle && !subtitlesFound_ ? packet.duration : 0);
+    const int64_t shownUntil = av_sat_add64(packet.pts, subtitle && !subtitlesFound_ ? packet.duration : 0);
     if (av_compare_ts(shownUntil, stream.time_base, startUs(), kMicroseconds) < 0) return;
   }
   PacketPtr kept = makePacket();
@@ -308,7 +383,7 @@ void VideoReader::goTo(int step) {
   step_ = step;
   const bool stamped = (format_->iformat->flags & AVFMT_NOTIMESTAMPS) == 0;
   if (stamped && !subtitlesFound_) findShownSubtitles();
-  const int64_t target = step < std::ssize(kSeekBackUs) ? startUs() - kSeekBackUs[step] : originUs();
+  const int64_t target = step < std::ssize(kSeekBackUs) ? av_sat_sub64(startUs(), kSeekBackUs[step]) : originUs();
   lastPts_.reset();
   drained_ = false;
   damagedPackets_ = 0;
@@ -349,7 +424,8 @@ void VideoReader::findShownSubtitles() {
     const bool before = av_compare_ts(packet->pts, stream.time_base, startUs(), kMicroseconds) < 0;
     if (isSubtitle(&stream) && before) {
       keepBeside(*packet);
-    } else if (av_compare_ts(packet->dts, stream.time_base, startUs() + kInterleavingUs, kMicroseconds) >= 0) {
+    } else if (av_compare_ts(packet->dts, stream.time_base, av_sat_add64(startUs(), kInterleavingUs), kMicroseconds) >=
+               0) {
       break;
     }
     av_packet_unref(packet.get());
@@ -369,7 +445,7 @@ void VideoReader::readBesideToEnd() {
     const AVRational clock = format_->streams[packet->stream_index]->time_base;
     const int64_t time = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
     if (time != AV_NOPTS_VALUE) {
-      if (av_compare_ts(time, clock, *endUs() + kInterleavingUs, kMicroseconds) >= 0) return;
+      if (av_compare_ts(time, clock, av_sat_add64(*endUs(), kInterleavingUs), kMicroseconds) >= 0) return;
       if (av_compare_ts(time, clock, *endUs(), kMicroseconds) >= 0) std::erase(waiting, packet->stream_index);
     }
     if (packet->stream_index != stream_->index) keepBeside(*packet);
@@ -388,7 +464,7 @@ int64_t VideoReader::countFrames() {
     if (packet->stream_index != stream_->index || (packet->flags & AV_PKT_FLAG_DISCARD) != 0) continue;
     int64_t stamp = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
     if (stamp == AV_NOPTS_VALUE) stamp = next;
-    next = stamp + av_rescale_q(1, av_inv_q(frameRate_), timeBase());
+    next = av_sat_add64(stamp, av_rescale_q(1, av_inv_q(frameRate_), timeBase()));
     const bool before = range_.startUs > 0 && stamp < rangePts(startUs());
     const bool after = endUs() && stamp >= rangePts(*endUs());
     if (!before && !after) ++frames;
@@ -406,17 +482,17 @@ bool VideoReader::cut(AVPacket& packet) const {
   const bool subtitle = stream.codecpar->codec_type == AVMEDIA_TYPE_SUBTITLE;
   if (subtitle && endUs() && packet.duration > 0) {
     const int64_t end = av_rescale_q(*endUs(), kMicroseconds, stream.time_base);
-    packet.duration = std::clamp<int64_t>(end - stamp, 1, packet.duration);
+    packet.duration = std::clamp<int64_t>(av_sat_sub64(end, stamp), 1, packet.duration);
   }
   if (range_.startUs == 0) return true;
   const int64_t first = av_rescale_q(*firstPts_, timeBase(), stream.time_base);
   if (stamp < first) {
-    if (!subtitle || stamp + packet.duration <= first) return false;
-    packet.duration -= first - stamp;
+    if (!subtitle || av_sat_add64(stamp, packet.duration) <= first) return false;
+    packet.duration = av_sat_sub64(packet.duration, av_sat_sub64(first, stamp));
     packet.pts = packet.dts = first;
   }
-  if (packet.pts != AV_NOPTS_VALUE) packet.pts -= first;
-  if (packet.dts != AV_NOPTS_VALUE) packet.dts -= first;
+  if (packet.pts != AV_NOPTS_VALUE) packet.pts = av_sat_sub64(packet.pts, first);
+  if (packet.dts != AV_NOPTS_VALUE) packet.dts = av_sat_sub64(packet.dts, first);
   return true;
 }
 
@@ -425,12 +501,13 @@ void VideoReader::cutChapters() {
     AVChapter chapter = *format_->chapters[i];
     if (range_.startUs > 0) {
       const int64_t first = av_rescale_q(*firstPts_, timeBase(), chapter.time_base);
-      chapter.start = std::max<int64_t>(chapter.start - first, 0);
-      chapter.end -= first;
+      chapter.start = std::max<int64_t>(av_sat_sub64(chapter.start, first), 0);
+      chapter.end = av_sat_sub64(chapter.end, first);
     }
     if (endUs()) {
       const int64_t startOfOutput = range_.startUs > 0 ? av_rescale_q(*firstPts_, timeBase(), kMicroseconds) : 0;
-      chapter.end = std::min(chapter.end, av_rescale_q(*endUs() - startOfOutput, kMicroseconds, chapter.time_base));
+      chapter.end =
+          std::min(chapter.end, av_rescale_q(av_sat_sub64(*endUs(), startOfOutput), kMicroseconds, chapter.time_base));
     }
     if (chapter.start < chapter.end) chapters_.push_back(chapter);
   }
@@ -514,7 +591,8 @@ int64_t VideoReader::expectedFrames() const {
     const int64_t whole = statedLengthUs();
     int64_t length = std::max<int64_t>(whole - range_.startUs, 0);
     if (range_.durationUs) length = whole > 0 ? std::min(length, *range_.durationUs) : *range_.durationUs;
-    if (const int64_t stated = statedFrames(); stated > 0) return av_rescale_rnd(stated, length, whole, AV_ROUND_UP);
+    if (const int64_t stated = statedFrames(); stated > 0)
+      return std::max<int64_t>(av_rescale_rnd(stated, length, whole, AV_ROUND_UP), 0);
     return av_rescale_q_rnd(length, kMicroseconds, av_inv_q(frameRate_), AV_ROUND_UP);
   }
   if (const int64_t stated = statedFrames(); stated > 0) return stated;

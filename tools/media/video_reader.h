@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,6 +12,7 @@
 #include "common/tool_error.h"
 #include "media/av_types.h"
 #include "media/companions.h"
+#include "media/deinterlace.h"
 #include "media/standard_input.h"
 #include "media/time_range.h"
 
@@ -37,10 +39,15 @@ class VideoReader {
   VideoReader& operator=(const VideoReader&) = delete;
 
   // The next frame in presentation order; null at the end or when a stop was requested. `pts` is in timeBase() and strictly
-  // increasing; `pkt_duration` is in timeBase(), 0 when unknown. A change of size is a ToolError, kExitFailed.
+  // increasing; `pkt_duration` is in timeBase(), 0 when unknown. A change of size is a ToolError, kExitFailed. Interlaced
+  // frames are deinterlaced: by their flags or, where the clip says nothing, as its first frames look.
   FramePtr next();
   // The first frame, never null: ToolError, kExitFailed when stopped by the user, kExitUsage without a frame in the range.
   FramePtr first();
+
+  // Of a whole clip: the next frame is the keyframe at or before this time. False: this input cannot, or only by reading
+  // through it.
+  bool seek(double seconds);
 
   // Instead of decoding: the frames in the range, by reading it to its end, or by the index of an MP4 or MOV.
   int64_t countFrames();
@@ -64,6 +71,7 @@ class VideoReader {
   size_t audioStreams() const;
   AVCodecID codec() const { return stream_->codecpar->codec_id; }
   std::string codecName() const { return avcodec_get_name(stream_->codecpar->codec_id); }
+  bool interlaced() const { return deinterlacer_ != nullptr; }  // found so far
   int damagedPackets() const { return damagedPackets_; }
   bool lateAudio() const { return lateAudio_; }  // audio that starts in mid-clip was dropped
   bool live() const;                             // a camera or screen
@@ -74,6 +82,9 @@ class VideoReader {
   void selectStreams();
   void openDecoder();
   FramePtr decode();
+  FramePtr inRange();
+  void begin();
+  FramePtr asRead();
   bool readPacket(AVPacket& packet);
   void feedDecoder();
   void keepBeside(AVPacket& packet);
@@ -85,7 +96,7 @@ class VideoReader {
 
   // The range. Times are the file's own, in microseconds, unless they are in timeBase().
   int64_t originUs() const;
-  int64_t startUs() const { return originUs() + range_.startUs; }
+  int64_t startUs() const { return av_sat_add64(originUs(), range_.startUs); }
   std::optional<int64_t> endUs() const;
   int64_t rangePts(int64_t us) const;
   void goTo(int step);
@@ -114,6 +125,10 @@ class VideoReader {
   bool ended_ = false;               // the range, before the clip
   std::vector<AVChapter> chapters_;  // cut to the range; their metadata is format_'s
   bool drained_ = false;
+  bool begun_ = false;
+  std::deque<FramePtr> ahead_;                  // decoded, not yet handed out or deinterlaced
+  std::unique_ptr<Deinterlacer> deinterlacer_;  // null: progressive so far
+  bool deinterlacerDrained_ = false;
   bool lateAudio_ = false;
   int64_t readUs_ = 0;  // where the packets read so far end
   int damagedPackets_ = 0;
