@@ -2,6 +2,7 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
+#include "browser.h"
 #include "clips.h"
 #include "enhance/enhance.h"
 #include "run_command.h"
@@ -106,6 +107,7 @@ TEST_F(ClearPicture, StartsAtRestWithTheWholeCrop) {
   NEEDS_DRIVER();
   options_.look.stabilize = options_.overlay = true;
   options_.statsFile = folder_.file("run.json");
+  options_.reportFile = folder_.file("run.html");
   enhanced(kFrames);
   const auto frames = nlohmann::json::parse(contents(options_.statsFile))["frames"];
   const auto identity = nlohmann::json::parse("[[1, 0, 0], [0, 1, 0], [0, 0, 1]]");
@@ -117,6 +119,15 @@ TEST_F(ClearPicture, StartsAtRestWithTheWholeCrop) {
   // The smoothed path keeps 0.95 of the first step behind.
   EXPECT_NEAR(frames[1]["stabilization"][0][2].get<double>(), 0.7, 0.15);
   for (const auto& frame : frames) EXPECT_NEAR(frame["zoom"].get<double>(), 1.17, 1e-6);
+
+  const auto series = dataOf(contents(options_.reportFile))["series"];
+  double below = 0;
+  for (const int level : {16, 32, 64, 128}) {
+    const double toned = series["tone_" + std::to_string(level)]["mean"][kFrames - 1];
+    EXPECT_GT(toned, below) << "tone rises";
+    EXPECT_GE(toned, level - 0.5) << "and does not darken";
+    below = toned;
+  }
 }
 
 TEST_F(ClearPicture, AtStrengthZeroFramesStayAsTheyCame) {

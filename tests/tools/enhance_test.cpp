@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
+#include "browser.h"
 #include "clips.h"
 #include "common/interrupt.h"
 #include "common/percentile.h"
@@ -208,6 +209,43 @@ TEST_F(Enhance, StatisticsHoldEachReportThePassesAndASummary) {
   EXPECT_EQ(summary["registration_ms_p50"], 3);
   EXPECT_EQ(summary["upload_ms_p95"], 16);
   EXPECT_EQ(summary["gpu_ms_p95"], 26);
+}
+
+TEST_F(Enhance, TheReportHasFiguresNotesAndPicturesOfTheRun) {
+  writeClip(options_.input, {});
+  options_.statsFile = folder_.file("run.json");
+  options_.reportFile = folder_.file("run.html");
+  options_.look.stabilize = true;
+  options_.given = {"--stabilize"};
+  record_.stopAt = 4;
+  ASSERT_EQ(run(), kExitInterrupted);
+  requestStop(false);
+  const auto stats = nlohmann::json::parse(contents(options_.statsFile));
+  const std::string page = contents(options_.reportFile);
+  const auto data = dataOf(page);
+  EXPECT_EQ(data["input"], stats["input"]);
+  EXPECT_EQ(data["run"]["frames"], 5);
+  EXPECT_EQ(data["run"]["lost"], 1);
+  for (size_t i = 0; i < 5; ++i) {
+    EXPECT_NEAR(data["series"]["luma_after"]["mean"][i], stats["frames"][i]["mean_luma_after"], 1e-3);
+    EXPECT_EQ(data["series"]["time"][i], stats["frames"][i]["time"]);
+  }
+  EXPECT_EQ(data["series"]["motion"]["mean"], nlohmann::json::parse("[null, 2.5, 2.5, null, 2.5]"));
+  EXPECT_EQ(data["series"]["correction"]["mean"][0], 8) << "a shear of a quarter of 32 pixels";
+  EXPECT_EQ(data["pictures"].size(), 5u);
+  EXPECT_NE(data["pictures"][0]["before"], data["pictures"][0]["after"]);
+  EXPECT_EQ(data["settings"].back()["given"], true);
+  EXPECT_EQ(data["passes"][0]["pass"], "lift");
+  ASSERT_EQ(data["notes"].size(), 1u);
+  EXPECT_EQ(data["notes"][0].get<std::string>().rfind("partial: ", 0), 0u);
+
+  EXPECT_EQ(refusal([&] { run(); }).code(), kExitUsage) << "the files exist";
+  options_.overwrite = true;
+  options_.reportFile = options_.statsFile;
+  EXPECT_EQ(refusal([&] { run(); }).code(), kExitUsage);
+  options_.reportFile = "-";
+  EXPECT_EQ(refusal([&] { run(); }).code(), kExitUsage);
+  EXPECT_EQ(contents(folder_.file("run.html")), page);
 }
 
 TEST_F(Enhance, FinishesTheFileWhenStopped) {

@@ -30,6 +30,7 @@ void addDenoising(CLI::App* command, const char* group, const std::function<void
 void takeDefaultStrength(const CLI::App* command, int mode, int& strength);
 
 Command addAnalyze(CLI::App& app);
+Command addCompare(CLI::App& app);
 Command addEnhance(CLI::App& app);
 Command addInfo(CLI::App& app);
 Command addView(CLI::App& app);

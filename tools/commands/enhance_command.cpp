@@ -11,7 +11,7 @@ namespace {
 
 constexpr char kEnhanceFooter[] = R"(Examples:
   noxel enhance night.mp4 -o bright.mp4
-  noxel enhance night.mp4 -o half.mp4 --compare --picture frame.png --stats run.json
+  noxel enhance night.mp4 -o half.mp4 --compare --picture frame.png --stats run.json --report run.html
   noxel enhance night.mp4 -o steady.mp4 --quality best --stabilize
   noxel enhance night.mp4 -o part.mp4 --start 1:20 --duration 12.5
   noxel enhance DCIM/*.mp4 --output-dir enhanced --resume
@@ -40,7 +40,8 @@ in pixels. "Already denoised" is a dark picture with noise below 1.6 levels, hal
 
 With --output-dir a clip that fails does not stop the others, and a summary comes at the end; the exit code is that of the
 failed clips, or 1 when they failed for different reasons. Ctrl-C ends the clips at work as above and begins no other. The
-names given to --picture, --stats and --dump-frames need {name} in them with several INPUTs, which becomes INPUT's name:
+names given to --picture, --stats, --report and --dump-frames need {name} in them with several INPUTs, which becomes
+INPUT's name:
   noxel enhance *.mov --output-dir out --stats out/{name}.json
 
 --stats, per frame:
@@ -265,6 +266,12 @@ void addOptions(CLI::App* command, BatchOptions& batch) {
       ->group(written);
   command->add_option("--stats", options.statsFile, "Measurements of the run and of each frame, as JSON")
       ->type_name("FILE.json")
+      ->group(written);
+  command
+      ->add_option("--report", options.reportFile,
+                   "A page for a browser: frames before and after, luma, noise, motion and tone over time, settings, "
+                   "times")
+      ->type_name("FILE.html")
       ->group(written);
   command->add_flag("--passes", options.passes, "A table of the engine's passes and their times, on standard error")
       ->group(written);

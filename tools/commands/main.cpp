@@ -27,7 +27,7 @@ int run(int argc, char** argv) {
   app.set_version_flag("--version", std::string("noxel ") + noxel_version());
   app.require_subcommand(1);
   app.footer(std::string(kFooter) + "\nSee also noxel COMMAND --help.\n");
-  const Command commands[] = {addEnhance(app), addView(app), addAnalyze(app), addInfo(app)};
+  const Command commands[] = {addEnhance(app), addView(app), addAnalyze(app), addCompare(app), addInfo(app)};
 
   try {
     app.parse(argc, argv);

@@ -66,7 +66,7 @@ std::string filled(const std::string& pattern, const std::string& name) {
 }
 
 std::vector<std::string*> filesOf(EnhanceOptions& clip) {
-  return {&clip.statsFile, &clip.pictureFile, &clip.dumpFolder};
+  return {&clip.statsFile, &clip.reportFile, &clip.pictureFile, &clip.dumpFolder};
 }
 
 std::vector<EnhanceOptions> clipsOf(const BatchOptions& options) {

@@ -34,6 +34,7 @@ extern "C" {
 #include "media/remux.h"
 #include "media/video_writer.h"
 #include "noxel/enhancer.h"
+#include "report/report.h"
 
 namespace noxel::tool {
 namespace {
@@ -65,8 +66,9 @@ void checkOutputs(const EnhanceOptions& options) {
                                       std::string(output == "-" ? "standard output" : "numbered pictures"));
     }
   }
+  if (options.reportFile == "-") throw ToolError(kExitUsage, "--report needs a file name");
   const bool overwrite = options.overwrite || options.resume;
-  checkOutputFiles(options.input, {output, options.statsFile, options.pictureFile}, overwrite);
+  checkOutputFiles(options.input, {output, options.statsFile, options.pictureFile, options.reportFile}, overwrite);
   checkMayDump(options.dumpFolder, overwrite);
 }
 
@@ -101,6 +103,11 @@ class Run {
       explain(*choice_, options);
       options_ = applied(*choice_, options);
     }
+    if (!options.reportFile.empty()) {
+      const VideoReader& reader = clip_.reader();
+      report_.emplace(options_.look, Report::Shape{clip_.width(), clip_.height(),
+                                                   reader.sampleAspectRatio(clip_.frame()), reader.displayMatrix()});
+    }
     if (choice_ && choice_->leaveAlone) note(leftAloneNote(false));
     if (clip_.highDynamicRange()) note(toneMapNote());
     if (clip_.reader().interlaced()) note(deinterlaceNote());
@@ -120,6 +127,7 @@ class Run {
   std::string partialComment() const;
   nlohmann::ordered_json knownAtStart() const;
   nlohmann::ordered_json knownAtEnd(double seconds) const;
+  void writeReport(double seconds) const;
 
   EnhanceOptions options_;
   std::optional<Choice> choice_;  // from a look at the clip
@@ -131,6 +139,7 @@ class Run {
   PassTimes passTimes_;
   Progress progress_;
   std::optional<FrameDump> dump_;
+  std::optional<Report> report_;
   bool stopped_ = false;    // before the end of the clip
   double lastSeconds_ = 0;  // time stamp of the latest frame written
 
@@ -167,6 +176,7 @@ OutputSettings Run::outputSettings() const {
 }
 
 void Run::note(const std::string& text) {
+  if (report_) report_->addNote(text);
   if (options_.quiet) return;
   progress_.clear();
   std::fprintf(stderr, "noxel: note: %s\n", text.c_str());
@@ -232,7 +242,7 @@ void Run::keepSent() {
   sent.duration = clip_.frame().pkt_duration;
   sent.seconds = clip_.seconds();
   if (options_.compare) sent.planar = share(clip_.planar());
-  if (dump_ || !options_.pictureFile.empty()) sent.engineFrame = share(clip_.engineFrame());
+  if (dump_ || report_ || !options_.pictureFile.empty()) sent.engineFrame = share(clip_.engineFrame());
   sent.meanLuma = meanLuma(clip_.nv21().data(), clip_.nv21Width(), clip_.width(), clip_.height());
   addPlane(clip_.nv21().data(), clip_.width(), clip_.height(), clip_.nv21Width(), &sent.luma);
   sent.beside = clip_.takeBeside();
@@ -275,12 +285,16 @@ void Run::finishFrame(const Enhancer& enhancer, const Sent& sent) {
   for (const PacketPtr& packet : sent.beside) writer_.writeBeside(*packet);
   lastSeconds_ = sent.seconds;
 
-  if (!options_.pictureFile.empty() && picture_.wants(index)) {
+  const bool kept = !options_.pictureFile.empty() && picture_.wants(index);
+  const bool shown = report_ && report_->wantsPictures(index);
+  if (kept || shown) {
     FramePtr input = share(*sent.engineFrame);
     crop(*input, clip_.width(), clip_.height());
     crop(*enhanced, clip_.width(), clip_.height());
-    picture_.keep(std::move(input), std::move(enhanced));
+    if (shown) report_->addPictures(index, sent.seconds, *input, *enhanced);
+    if (kept) picture_.keep(std::move(input), std::move(enhanced));
   }
+  if (report_) report_->add(statistics);
   if (statisticsFile_) statisticsFile_->add(frameJson(statistics_.count(), statistics));
   statistics_.add(statistics);
 }
@@ -328,6 +342,15 @@ nlohmann::ordered_json Run::knownAtStart() const {
   return json;
 }
 
+void Run::writeReport(double seconds) const {
+  nlohmann::ordered_json about = knownAtStart();
+  nlohmann::ordered_json end = knownAtEnd(seconds);
+  about["output"] = std::move(end["output"]);
+  about["settings"] = settingsOf(options_.look, options_.given);
+  const std::string page = report_->page(std::move(about), std::move(end["passes"]), seconds);
+  writeWholeFile(options_.reportFile, page.data(), page.size());
+}
+
 nlohmann::ordered_json Run::knownAtEnd(double seconds) const {
   return {{"output", {{"file", options_.output}, {"encoder", writer_.encoderName()}, {"stopped_early", stopped_}}},
           {"summary", statistics_.summary(seconds)},
@@ -349,6 +372,7 @@ ExitCode Run::finish() {
          std::to_string(clip_.reader().expectedFrames()) + " frames; it may have been cut short");
   }
   if (stopped_) note(partialComment() + "; the output is whole up to there");
+  if (report_) writeReport(seconds);
   if (options_.passes) passTimes_.print(stderr);
   const ExitCode code = stopped_ ? stoppedExitCode() : kExitFine;
   if (options_.quiet) return code;

@@ -31,6 +31,7 @@ struct EnhanceOptions {
   bool resume = false;                      // leave an output that is whole, write any other anew
   bool shownOnTerminal = false;             // though standard error is none itself
   std::string statsFile;                    // empty: none
+  std::string reportFile;                   // empty: none
   std::string dumpFolder;                   // empty: none
   std::string pictureFile;                  // empty: none
   int pictureFrame = kDefaultPictureFrame;  // from 0

@@ -131,6 +131,7 @@ FrameReport EnhancerSession::report() const {
   report.pointsKept = info_.points_kept;
   std::copy_n(info_.previous_from_current, 9, report.previousFromCurrent);
   std::copy_n(info_.stabilized_from_current, 9, report.stabilizedFromCurrent);
+  std::copy_n(info_.tone, std::size(info_.tone), report.toneLevels);
   report.noise.known = info_.noise_known != 0;
   std::copy_n(info_.noise_luma, NoiseCurve::kEntries, report.noise.variance);
   return report;

@@ -25,8 +25,8 @@ void check(const EnhanceOptions& options) {
   if (options.look.mode() != kModeSynchronousRgba) {
     throw ToolError(kExitUsage, options.output + " is a single picture, which needs --engine-mode 4");
   }
-  for (const char* clipOnly : {"--stats", "--passes", "--picture", "--picture-frame", "--dump-frames", "--codec",
-                               "--preset", "--crf", "--hwaccel", "--no-warm-up", "--start", "--duration"}) {
+  for (const char* clipOnly : {"--stats", "--report", "--passes", "--picture", "--picture-frame", "--dump-frames",
+                               "--codec", "--preset", "--crf", "--hwaccel", "--no-warm-up", "--start", "--duration"}) {
     if (std::find(options.given.begin(), options.given.end(), clipOnly) == options.given.end()) continue;
     throw ToolError(kExitUsage, std::string(clipOnly) + " is for clips; the output is a single picture");
   }

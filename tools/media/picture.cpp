@@ -8,15 +8,20 @@
 #include "media/colour_conversion.h"
 
 namespace noxel::tool {
+namespace {
 
-std::vector<uint8_t> encodePng(const AVFrame& picture) {
-  const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_PNG);
-  if (codec == nullptr) throw ToolError(kExitFailed, "this FFmpeg has no PNG encoder");
+std::vector<uint8_t> encode(AVCodecID id, const char* name, const AVFrame& picture, int quality) {
+  const AVCodec* codec = avcodec_find_encoder(id);
+  if (codec == nullptr) throw ToolError(kExitFailed, std::string("this FFmpeg has no ") + name + " encoder");
   const CodecPtr encoder(allocated(avcodec_alloc_context3(codec)));
   encoder->width = picture.width;
   encoder->height = picture.height;
   encoder->pix_fmt = static_cast<AVPixelFormat>(picture.format);
   encoder->time_base = {1, 1};
+  if (quality > 0) {
+    encoder->flags |= AV_CODEC_FLAG_QSCALE;
+    encoder->global_quality = FF_QP2LAMBDA * quality;
+  }
   const PacketPtr packet = makePacket();
   int result = avcodec_open2(encoder.get(), codec, nullptr);
   if (result >= 0) result = avcodec_send_frame(encoder.get(), &picture);
@@ -24,6 +29,16 @@ std::vector<uint8_t> encodePng(const AVFrame& picture) {
   if (result >= 0) result = avcodec_receive_packet(encoder.get(), packet.get());
   if (result < 0) throw ToolError(kExitFailed, "cannot encode the picture: " + avErrorText(result));
   return {packet->data, packet->data + packet->size};
+}
+
+}  // namespace
+
+std::vector<uint8_t> encodePng(const AVFrame& picture) {
+  return encode(AV_CODEC_ID_PNG, "PNG", picture, 0);
+}
+
+std::vector<uint8_t> encodeJpeg(const AVFrame& picture, int quality) {
+  return encode(AV_CODEC_ID_MJPEG, "JPEG", picture, quality);
 }
 
 std::vector<uint8_t> sideBySidePng(const AVFrame& before, const AVFrame& after) {

@@ -1,4 +1,4 @@
-// PNG pictures.
+// PNG and JPEG pictures.
 #pragma once
 
 #include <cstdint>
@@ -11,6 +11,9 @@ namespace noxel::tool {
 
 // Of AV_PIX_FMT_RGB24 or RGBA.
 std::vector<uint8_t> encodePng(const AVFrame& picture);
+
+// Of AV_PIX_FMT_YUVJ420P. `quality`: the quantiser scale, 2 (best) to 31.
+std::vector<uint8_t> encodeJpeg(const AVFrame& picture, int quality);
 
 // Both planar, of one size, in the engine's colours; the PNG is twice as wide.
 std::vector<uint8_t> sideBySidePng(const AVFrame& before, const AVFrame& after);
