@@ -80,7 +80,7 @@ class Clips {
  public:
   explicit Clips(const std::vector<std::string>& paths) : paths_(paths) {
     for (const std::string& path : paths) {
-      clips_.push_back(std::make_unique<ClipInput>(path));
+      clips_.push_back(std::make_unique<ClipInput>(path, TimeRange{}, Fields::kAsTheyAre));
       starts_.push_back(clips_.back()->seconds());
       checkSize(clips_.size() - 1);
     }

@@ -12,8 +12,8 @@
 
 namespace noxel::tool {
 
-ClipInput::ClipInput(const std::string& path, const TimeRange& range)
-    : reader_(path, "", range),
+ClipInput::ClipInput(const std::string& path, const TimeRange& range, Fields fields)
+    : reader_(path, "", range, fields),
       frame_(first()),
       width_(frame().width),
       height_(frame().height),

@@ -18,7 +18,7 @@ namespace noxel::tool {
 class ClipInput {
  public:
   // "-": standard input. ToolError without a first frame.
-  explicit ClipInput(const std::string& path, const TimeRange& range = {});
+  explicit ClipInput(const std::string& path, const TimeRange& range = {}, Fields fields = Fields::kDeinterlaced);
 
   // Advances. False at the end or when a stop was requested; the last frame stays current.
   bool next();

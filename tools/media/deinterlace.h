@@ -20,6 +20,9 @@ std::optional<FieldOrder> detectFieldOrder(const std::vector<FramePtr>& frames);
 // Frames from 8 x 8 pixels on.
 bool canDeinterlace(const AVFrame& frame);
 
+// Whether interlaced frames are made progressive as they are read.
+enum class Fields { kDeinterlaced, kAsTheyAre };
+
 // By FFmpeg's bwdif: one frame for each, at its time, one frame later. Frames that are not flagged interlaced pass as they are.
 class Deinterlacer {
  public:

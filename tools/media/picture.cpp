@@ -41,6 +41,10 @@ std::vector<uint8_t> encodeJpeg(const AVFrame& picture, int quality) {
   return encode(AV_CODEC_ID_MJPEG, "JPEG", picture, quality);
 }
 
+std::vector<uint8_t> encodeBmp(const AVFrame& picture) {
+  return encode(AV_CODEC_ID_BMP, "BMP", picture, 0);
+}
+
 std::vector<uint8_t> sideBySidePng(const AVFrame& before, const AVFrame& after) {
   const FramePtr halves[] = {engineToRgb(before), engineToRgb(after)};
   const FramePtr whole = makePicture(before.width * 2, before.height, AV_PIX_FMT_RGB24);

@@ -12,6 +12,9 @@ namespace noxel::tool {
 // Of AV_PIX_FMT_RGB24 or RGBA.
 std::vector<uint8_t> encodePng(const AVFrame& picture);
 
+// Of AV_PIX_FMT_BGR24 or GRAY8.
+std::vector<uint8_t> encodeBmp(const AVFrame& picture);
+
 // Of AV_PIX_FMT_YUVJ420P. `quality`: the quantiser scale, 2 (best) to 31.
 std::vector<uint8_t> encodeJpeg(const AVFrame& picture, int quality);
 

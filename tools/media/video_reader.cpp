@@ -74,8 +74,8 @@ std::optional<DisplayMatrix> matrixOf(const uint8_t* data, size_t size) {
 
 }  // namespace
 
-VideoReader::VideoReader(const std::string& path, const std::string& format, const TimeRange& range)
-    : path_(path), inputFormat_(format), range_(range), name_(path == "-" ? "standard input" : path) {
+VideoReader::VideoReader(const std::string& path, const std::string& format, const TimeRange& range, Fields fields)
+    : path_(path), inputFormat_(format), range_(range), name_(path == "-" ? "standard input" : path), fields_(fields) {
   try {
     openClip();
     if (range_.startUs > 0 && !standardInput_ && !live()) goTo(0);
@@ -252,14 +252,15 @@ FramePtr VideoReader::asRead() {
 }
 
 FramePtr VideoReader::next() {
-  if (!begun_) begin();
+  if (!begun_ && fields_ == Fields::kDeinterlaced) begin();
   while (!stopRequested()) {
     if (deinterlacer_) {
       if (FramePtr frame = deinterlacer_->receive()) return frame;
       if (deinterlacerDrained_) return nullptr;
     }
     FramePtr frame = asRead();
-    if (frame && !deinterlacer_ && frame->interlaced_frame != 0 && canDeinterlace(*frame)) {
+    if (frame && !deinterlacer_ && fields_ == Fields::kDeinterlaced && frame->interlaced_frame != 0 &&
+        canDeinterlace(*frame)) {
       deinterlacer_ = std::make_unique<Deinterlacer>(*frame, std::nullopt);
     }
     if (!deinterlacer_) return frame;

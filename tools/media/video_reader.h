@@ -33,14 +33,15 @@ class VideoReader {
  public:
   // "-": standard input. `format`: an FFmpeg input format or device; empty: detected. Of a range with a start the first frame,
   // and with it everything else, is at time 0.
-  explicit VideoReader(const std::string& path, const std::string& format = "", const TimeRange& range = {});
+  explicit VideoReader(const std::string& path, const std::string& format = "", const TimeRange& range = {},
+                       Fields fields = Fields::kDeinterlaced);
   ~VideoReader();
   VideoReader(const VideoReader&) = delete;
   VideoReader& operator=(const VideoReader&) = delete;
 
   // The next frame in presentation order; null at the end or when a stop was requested. `pts` is in timeBase() and strictly
   // increasing; `pkt_duration` is in timeBase(), 0 when unknown. A change of size is a ToolError, kExitFailed. Interlaced
-  // frames are deinterlaced: by their flags or, where the clip says nothing, as its first frames look.
+  // frames are deinterlaced, unless asked otherwise: by their flags or, where the clip says nothing, as its first frames look.
   FramePtr next();
   // The first frame, never null: ToolError, kExitFailed when stopped by the user, kExitUsage without a frame in the range.
   FramePtr first();
@@ -127,7 +128,8 @@ class VideoReader {
   std::vector<AVChapter> chapters_;  // cut to the range; their metadata is format_'s
   bool drained_ = false;
   bool begun_ = false;
-  std::deque<FramePtr> ahead_;                  // decoded, not yet handed out or deinterlaced
+  std::deque<FramePtr> ahead_;  // decoded, not yet handed out or deinterlaced
+  const Fields fields_;
   std::unique_ptr<Deinterlacer> deinterlacer_;  // null: progressive so far
   bool deinterlacerDrained_ = false;
   bool lateAudio_ = false;
