@@ -64,11 +64,4 @@ ToneCurve suggestToneCurve(const Histogram& histogram, double strength) {
   return curve;
 }
 
-double meanLevelAfter(const Histogram& histogram, const ToneCurve& curve) {
-  const double mass = histogramMass(histogram);
-  double sum = 0.0;
-  for (int i = 0; i < kLevels; ++i) sum += curve.level[i] * histogram.bins[i];
-  return mass > 0.0 ? sum / mass : 0.0;
-}
-
 }  // namespace noxel

@@ -29,7 +29,4 @@ struct ToneCurve {
 //   strength   0 (identity) .. 1, clamped; NaN counts as 0
 ToneCurve suggestToneCurve(const Histogram& histogram, double strength);
 
-// The mean level of a picture with this histogram after the curve; 0 without mass.
-double meanLevelAfter(const Histogram& histogram, const ToneCurve& curve);
-
 }  // namespace noxel

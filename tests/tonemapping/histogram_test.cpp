@@ -9,28 +9,6 @@
 namespace noxel {
 namespace {
 
-// Two rows of three with two bytes of padding, and one pixel more: 0, 10 three times, 20 twice, 255.
-Histogram sevenPixels() {
-  const std::vector<uint8_t> plane = {10, 20, 20, 99, 99, 255, 10, 0};
-  Histogram histogram;
-  addPlane(plane.data(), 3, 2, 5, &histogram);
-  addPlane(plane.data(), 1, 1, 1, &histogram);
-  return histogram;
-}
-
-TEST(Histogram, AddsUpPlanesWithoutTheirPadding) {
-  const Histogram histogram = sevenPixels();
-  EXPECT_EQ(histogramMass(histogram), 7);
-  EXPECT_DOUBLE_EQ(meanLevel(histogram), (3 * 10 + 2 * 20 + 255) / 7.0);
-  EXPECT_EQ(meanLevel({}), 0);
-}
-
-TEST(Histogram, FindsTheLevelAtAShare) {
-  for (const auto& [share, level] : {std::pair{1 / 7.0, 0}, {0.15, 10}, {0.6, 20}, {1.0, 255}})
-    EXPECT_EQ(levelAtShare(sevenPixels(), share), level);
-  EXPECT_EQ(levelAtShare({}, 0.5), 0);
-}
-
 TEST(SmoothedHistogram, IsATriangleMirroredAtTheEnds) {
   // Radius 1 twice is 1 2 3 2 1 of 9. From level 0 each box mirrors one of three back (2 1 of 3): level 0 gets 2 + 2 +
   // 1 of 9.

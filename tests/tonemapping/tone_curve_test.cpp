@@ -97,8 +97,6 @@ TEST(ToneCurve, IsTheIdentityWithoutStrengthOrPixels) {
   }
   const ToneCurve full = suggestToneCurve(dark, 1);
   EXPECT_TRUE(std::ranges::equal(suggestToneCurve(dark, 5).level, full.level)) << "the strength is clamped";
-  EXPECT_DOUBLE_EQ(meanLevelAfter(dark, full), (full.level[5] + 3 * full.level[20]) / 4);
-  EXPECT_EQ(meanLevelAfter({}, full), 0);
 }
 
 }  // namespace

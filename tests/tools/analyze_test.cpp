@@ -6,6 +6,7 @@
 #include "analyze/analysis_plot.h"
 #include "clips.h"
 #include "enhance/enhance.h"
+#include "noxel/meter.h"
 #include "run_command.h"
 
 namespace noxel::tool {
@@ -130,7 +131,7 @@ TEST_F(Analyze, GammaAndGainAreThoseThatEnhanceApplies) {
     enhance.input = options_.input;
     enhance.output = folder_.file("out.y4m");
     enhance.statsFile = folder_.file("stats.json");
-    enhance.look.engineMode = kModeEnhance;
+    enhance.look.engineMode = NOXEL_MODE_ENHANCE;
     enhance.look.denoise = "spatial";
     enhance.look.exposure = options_.exposure = 80;
     enhance.quiet = enhance.overwrite = options_.overwrite = true;
@@ -180,7 +181,7 @@ TEST(AnalysisPlot, DrawsCurvesHistogramAndNoiseToScale) {
   plot.title = "a title too long for its line, with invalid UTF-8 \xff, " + std::string(300, 'x');
   for (int level = 0; level < 64; ++level) plot.histogram.bins[level] = 100;
   plot.smoothed.bins[200] = 100;  // a peak of 1.56 %, as high as the histogram
-  plot.suggested = suggestToneCurve(plot.histogram, 1);
+  noxel_suggest_tone(plot.histogram.bins, 1, nullptr, plot.suggested);
   plot.gamma = 0.7;
   plot.gain = 2;
   plot.noise.known = true;
@@ -204,7 +205,7 @@ TEST(AnalysisPlot, DrawsCurvesHistogramAndNoiseToScale) {
     const double x = kCurveArea.x(level);
     const double toned = std::min(1.0, std::pow(2.0 * level / 255, 0.7));
     EXPECT_TRUE(has(kPairColour, x, kCurveArea.y(toned)));
-    EXPECT_TRUE(has(kSuggestedColour, x, kCurveArea.y(plot.suggested.level[level] / 255)));
+    EXPECT_TRUE(has(kSuggestedColour, x, kCurveArea.y(plot.suggested[level] / 255)));
     EXPECT_FALSE(has(kPairColour, x, kCurveArea.y(toned) + 8)) << "a line, not an area";
     EXPECT_FALSE(has(kSuggestedColour, x, kCurveArea.y(level / 255.0)));
   }

@@ -17,7 +17,7 @@ TEST(EngineModes, AQuadIsDrawnWhereItsCornersAre) {
   EnhancerSettings settings;
   settings.width = 64;
   settings.height = 32;
-  settings.look.engineMode = kModeEnhance;
+  settings.look.engineMode = NOXEL_MODE_ENHANCE;
   settings.look.untouchedQuad = {-1, 1, -1, 0, 0, 1, 0, 0};  // upper left quarter
   EnhancerSession session(settings);
   std::vector<uint8_t> nv21(nv21Size(64, 32), 128);
@@ -32,7 +32,7 @@ TEST(EngineModes, RgbaFramesKeepTheirColoursAndGainContrast) {
   EnhancerSettings settings;
   settings.width = 64;
   settings.height = 32;
-  settings.look.engineMode = kModeSynchronousRgba;
+  settings.look.engineMode = NOXEL_MODE_PICTURE;
   for (const int contrast : {0, 80}) {
     settings.look.contrast = contrast;
     RgbaSession session(settings);
@@ -85,7 +85,7 @@ TEST(EngineModes, APictureGoesFromPngToPngWithItsAlpha) {
   EnhanceOptions options;
   options.input = folder.file("in.png");
   options.output = folder.file("out.png");
-  options.look.engineMode = kModeSynchronousRgba;
+  options.look.engineMode = NOXEL_MODE_PICTURE;
   options.look.contrast = 0;
   options.quiet = true;
   writeFile(options.input, encodePng(*picture));

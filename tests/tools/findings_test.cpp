@@ -112,7 +112,7 @@ TEST(Automatic, TheStrengthFollowsTheNoiseUnlessItIsGiven) {
     last = strengthFor(sigma);
   }
   EXPECT_EQ(strengthFor(0.1), 0);
-  EXPECT_EQ(last, defaultStrength(kModeClear)) << "the best of those measured at 2 levels and more";
+  EXPECT_EQ(last, defaultStrength(NOXEL_MODE_CLEAR)) << "the best of those measured at 2 levels and more";
 
   Findings found;
   found.meanLuma = 40;
@@ -123,11 +123,11 @@ TEST(Automatic, TheStrengthFollowsTheNoiseUnlessItIsGiven) {
   options.given = {"--strength"};
   EXPECT_EQ(choose(found, options).strength, 70);
   options.given = {};
-  options.look.engineMode = kModeEnhance;
+  options.look.engineMode = NOXEL_MODE_ENHANCE;
   EXPECT_EQ(choose(found, options).strength, 70) << "another mode keeps its own";
   options = {};
   found.noiseSigma.reset();
-  EXPECT_EQ(choose(found, options).strength, defaultStrength(kModeClear)) << "not known";
+  EXPECT_EQ(choose(found, options).strength, defaultStrength(NOXEL_MODE_CLEAR)) << "not known";
 }
 
 class LeftAlone : public Clips {

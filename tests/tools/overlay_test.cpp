@@ -144,13 +144,13 @@ TEST(OverlayOfTheClearPicture, TracksWhatMovesOnItsOwn) {
     enhanceOne(session, nv21.data(), frame * int64_t{33'000});
     const Overlay overlay = session.overlay();
     EXPECT_EQ(overlay.ownTracks.empty(), frame == 0);
-    for (const _KRMatch& track : overlay.tracks) ASSERT_NEAR(track.targetX - track.sourceX, 0, 0.1);
-    for (const _KRMatch& track : overlay.ownTracks) {
+    for (const noxel_track& track : overlay.tracks) ASSERT_NEAR(track.to_x - track.from_x, 0, 0.1);
+    for (const noxel_track& track : overlay.ownTracks) {
       // Blocks on its edge, and windows of 3 x 3 of them, reach beyond it.
       const bool inside =
-          std::abs(track.targetX - static_cast<float>(left + 48)) < 48 + 16 && std::abs(track.targetY - 92) < 32 + 16;
-      const bool alike = std::hypot(track.targetX - track.sourceX - kStep, track.targetY - track.sourceY) < 1;
-      EXPECT_TRUE(inside) << track.targetX << ", " << track.targetY;
+          std::abs(track.to_x - static_cast<float>(left + 48)) < 48 + 16 && std::abs(track.to_y - 92) < 32 + 16;
+      const bool alike = std::hypot(track.to_x - track.from_x - kStep, track.to_y - track.from_y) < 1;
+      EXPECT_TRUE(inside) << track.to_x << ", " << track.to_y;
       found += inside && alike;
     }
   }
@@ -192,24 +192,24 @@ TEST_P(OverlayOfTheEngine, TracksTheSceneAndMasksWhatChanged) {
   EXPECT_TRUE(overlay.report.gpuMs > 0 && overlay.report.uploadMs > 0 && overlay.report.pointsKept > 0);
   EXPECT_GE(overlay.report.pointsTracked, overlay.report.pointsKept);
   ASSERT_EQ(overlay.tracks.size(), static_cast<size_t>(overlay.report.pointsKept));
-  for (const _KRMatch& track : overlay.tracks) {
+  for (const noxel_track& track : overlay.tracks) {
     // A reversed track is off by 2.5.
-    ASSERT_NEAR(track.targetX - track.sourceX, 1.25, 0.6);
-    ASSERT_NEAR(track.targetY - track.sourceY, -0.75, 0.6);
-    ASSERT_TRUE(track.targetX > 0 && track.targetX < kSceneWidth && track.targetY > 0 && track.targetY < kSceneHeight);
+    ASSERT_NEAR(track.to_x - track.from_x, 1.25, 0.6);
+    ASSERT_NEAR(track.to_y - track.from_y, -0.75, 0.6);
+    ASSERT_TRUE(track.to_x > 0 && track.to_x < kSceneWidth && track.to_y > 0 && track.to_y < kSceneHeight);
   }
-  const int cell = GetParam() == kModeClear ? 2 : 8;
+  const int cell = GetParam() == NOXEL_MODE_CLEAR ? 2 : 8;
   ASSERT_TRUE(overlay.maskWidth == kSceneWidth / cell && overlay.maskHeight == kSceneHeight / cell);
   const auto maskAt = [&](int x, int y) {
     return overlay.mask[static_cast<size_t>(y / cell * overlay.maskWidth + x / cell)];
   };
   // In mode 5 it tells the count of frames: nothing but the newest one where it was refused, else three of
   // sixteen or more.
-  EXPECT_GT(maskAt(272, 48), GetParam() == kModeClear ? 250 : 200);
-  EXPECT_LT(maskAt(100, 48), GetParam() == kModeClear ? 225 : 13) << "would be drawn";
+  EXPECT_GT(maskAt(272, 48), GetParam() == NOXEL_MODE_CLEAR ? 250 : 200);
+  EXPECT_LT(maskAt(100, 48), GetParam() == NOXEL_MODE_CLEAR ? 225 : 13) << "would be drawn";
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, OverlayOfTheEngine, testing::Values(kModeNeutralExposure, kModeClear));
+INSTANTIATE_TEST_SUITE_P(Modes, OverlayOfTheEngine, testing::Values(NOXEL_MODE_NEUTRAL_EXPOSURE, NOXEL_MODE_CLEAR));
 
 }  // namespace
 }  // namespace noxel::tool

@@ -219,7 +219,7 @@ void drawCurves(Canvas& canvas, const AnalysisPlot& plot) {
     toned[i] = std::min(255.0, 255 * std::pow(plot.gain * i / 255, plot.gamma));
   }
   drawCurve(canvas, toned, kPairColour);
-  drawCurve(canvas, plot.suggested.level, kSuggestedColour);
+  drawCurve(canvas, plot.suggested, kSuggestedColour);
   drawLegend(
       canvas, kCurveArea,
       {{formatted("exposure pair: gamma %.3f, gain %.3f", plot.gamma, plot.gain), kPairColour, LegendEntry::kLine},

@@ -5,9 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "registration/noise_curve.h"
-#include "tonemapping/histogram.h"
-#include "tonemapping/tone_curve.h"
+#include "common/noise_curve.h"
 
 namespace noxel::tool {
 
@@ -16,8 +14,8 @@ struct AnalysisPlot {
   std::string subtitle;
   Histogram histogram;
   Histogram smoothed;
-  ToneCurve suggested;
-  double strength = 0;  // of the suggested curve
+  double suggested[kLevels] = {};  // level out by level in
+  double strength = 0;             // of the suggested curve
   double gamma = 1;
   double gain = 1;
   NoiseCurve noise;

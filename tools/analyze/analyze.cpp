@@ -12,13 +12,10 @@
 #include "common/tool_error.h"
 #include "findings/clip_meter.h"
 #include "media/clip_input.h"
-#include "noxel/enhancer.h"
-#include "tonemapping/tone_curve.h"
+#include "noxel/meter.h"
 
 namespace noxel::tool {
 namespace {
-
-constexpr int kSmoothingRadius = 3;  // levels; gaps and combs from coding are narrower
 
 // Each entry's median over the frames: the first frame of a sequence knows less than the others.
 NoiseCurve medianOf(const std::vector<NoiseCurve>& frames) {
@@ -93,7 +90,7 @@ class Analysis {
   ExposureStatistics all_;
   nlohmann::ordered_json seconds_ = nlohmann::ordered_json::array();
   Histogram smoothed_;
-  ToneCurve suggested_;
+  double suggested_[kLevels] = {};
   Findings findings_;
   std::vector<NoiseCurve> noise_;  // of the frames in which it is known
 };
@@ -103,8 +100,7 @@ void Analysis::run() {
   if (clip_.reader().interlaced()) note(deinterlaceNote());
   printHeader(table_);
   readAll();
-  smoothHistogram(all_.histogram, kSmoothingRadius, &smoothed_);
-  suggested_ = suggestToneCurve(smoothed_, options_.strength);
+  noxel_suggest_tone(all_.histogram.bins, options_.strength, smoothed_.bins, suggested_);
   printRow(table_, "all", all_);
   std::fprintf(table_, "found: %s\n", inWords(findings_).c_str());
   std::fprintf(table_, "suggested curve, strength %g: mean luma %.1f -> %.1f\n", options_.strength,
@@ -164,7 +160,7 @@ void Analysis::writePlot() const {
   plot.subtitle = figures;
   plot.histogram = all_.histogram;
   plot.smoothed = smoothed_;
-  plot.suggested = suggested_;
+  std::copy_n(suggested_, kLevels, plot.suggested);
   plot.strength = options_.strength;
   plot.gamma = all_.gamma();
   plot.gain = all_.gain();
@@ -191,7 +187,7 @@ void Analysis::writeJson() const {
                                        {"seconds", seconds_},
                                        {"histogram", all_.histogram.bins},
                                        {"smoothed_histogram", smoothed_.bins},
-                                       {"suggested_curve", suggested_.level},
+                                       {"suggested_curve", suggested_},
                                        {"noise_variance", medianOf(noise_).variance}};
   const std::string text = json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
   if (options_.jsonFile != "-") {

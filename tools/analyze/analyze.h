@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tonemapping/histogram.h"
+#include "common/luma_histogram.h"
 
 namespace noxel::tool {
 

@@ -58,8 +58,8 @@ void addDenoising(CLI::App* command, const char* group, const std::function<void
       ->group(group);
   command->add_option("--strength", strength, "Noise reduction; mode 5: 0 leaves frames as they came but for the tone")
       ->check(CLI::Range(0, 100))
-      ->default_str(std::to_string(defaultStrength(kModeClear)) +
-                    "; modes 0 to 3: " + std::to_string(defaultStrength(kModeEnhance)))
+      ->default_str(std::to_string(defaultStrength(NOXEL_MODE_CLEAR)) +
+                    "; modes 0 to 3: " + std::to_string(defaultStrength(NOXEL_MODE_ENHANCE)))
       ->group(group);
   command->add_option("--exposure", exposure, "Brightening of dark pictures")
       ->check(CLI::Range(0, 100))

@@ -61,7 +61,7 @@ Command addView(CLI::App& app) {
   addOptions(command, *options);
   return {command, [command, options] {
             takeDefaultStrength(command, options->look.engineMode, options->look.strength);
-            if (command->count("--quality") > 0 && options->look.engineMode != kModeClear) {
+            if (command->count("--quality") > 0 && options->look.engineMode != NOXEL_MODE_CLEAR) {
               throw ToolError(kExitUsage, "--quality is for --engine-mode 5");
             }
             return runWithEngine(options->verbose, [&] { return runView(*options); });

@@ -34,7 +34,7 @@ struct Band {
   double from;  // noise, levels
   int strength;
 };
-constexpr Band kBands[] = {{kSensorInTheDark, defaultStrength(kModeClear)}, {kNoisyFrom, 40}, {0.3, 25}, {0, 0}};
+constexpr Band kBands[] = {{kSensorInTheDark, defaultStrength(NOXEL_MODE_CLEAR)}, {kNoisyFrom, 40}, {0.3, 25}, {0, 0}};
 
 const Band& bandFor(double noiseSigma) {
   return *std::ranges::find_if(kBands, [noiseSigma](const Band& band) { return noiseSigma >= band.from; });
@@ -95,12 +95,12 @@ Choice choose(const Findings& found, const EnhanceOptions& options) {
   Choice choice;
   choice.found = found;
   choice.strength = options.look.strength;
-  choice.leaveAlone = options.look.mode() == kModeClear && !asksForAPicture(options) && found.needsNothing();
+  choice.leaveAlone = options.look.mode() == NOXEL_MODE_CLEAR && !asksForAPicture(options) && found.needsNothing();
   std::vector<std::string>& reasons = choice.reasons;
 
   reasons.push_back(found.dark() ? lined("mean luma %.1f, below %.0f: dark", found.meanLuma, kDarkBelow)
                                  : lined("mean luma %.1f, %.0f or more: not dark", found.meanLuma, kDarkBelow));
-  if (options.look.mode() == kModeClear) {
+  if (options.look.mode() == NOXEL_MODE_CLEAR) {
     const double percent = 100 * (found.meanLuma > 0 ? found.meanToned / found.meanLuma - 1 : 0);
     const char* text = found.toneMatters() ? "the tone raises the mean by %.0f %%, %.0f or more: it is wanted"
                                            : "the tone raises the mean by %.0f %%, less than %.0f: it is not missed";
@@ -111,7 +111,7 @@ Choice choose(const Findings& found, const EnhanceOptions& options) {
     noise = found.noisy() ? lined("noise %.2f levels, %.1f or more: noisy", *found.noiseSigma, kNoisyFrom)
                           : lined("noise %.2f levels, below %.1f: hardly any", *found.noiseSigma, kNoisyFrom);
   }
-  if (options.look.mode() != kModeClear) {
+  if (options.look.mode() != NOXEL_MODE_CLEAR) {
     noise += "; mode " + std::to_string(options.look.mode()) + " keeps its strength";
   } else if (given(options, "--strength")) {
     noise += "; strength " + std::to_string(choice.strength) + " was asked for";

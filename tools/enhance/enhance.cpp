@@ -15,7 +15,7 @@ extern "C" {
 #include <vector>
 
 #include "common/interrupt.h"
-#include "common/noise_sigma.h"
+#include "common/noise_curve.h"
 #include "common/output_file.h"
 #include "common/tool_error.h"
 #include "enhance/automatic.h"
@@ -44,7 +44,8 @@ void checkLook(const EnhanceOptions& options) {
     return std::find(options.given.begin(), options.given.end(), name) != options.given.end();
   };
   const int mode = options.look.engineMode;
-  if (options.look.neutralExposure && mode != kModeEnhance && mode != kModeNeutralExposure && mode != kModeClear) {
+  if (options.look.neutralExposure && mode != NOXEL_MODE_ENHANCE && mode != NOXEL_MODE_NEUTRAL_EXPOSURE &&
+      mode != NOXEL_MODE_CLEAR) {
     throw ToolError(kExitUsage, "--neutral-exposure has no effect in --engine-mode " + std::to_string(mode));
   }
   checkIsRead(options.look, options.given);
@@ -90,7 +91,7 @@ void explain(const Choice& choice, const EnhanceOptions& options) {
 // One run over a clip.
 class Run {
  public:
-  Run(const EnhanceOptions& options, std::optional<Choice> choice)
+  Run(const EnhanceOptions& options, std::optional<Choice> choice, Progress::Clock::time_point start)
       : options_(choice ? applied(*choice, options) : options),
         choice_(std::move(choice)),
         clip_(options.input, options.range),
@@ -98,6 +99,7 @@ class Run {
         picture_(options.pictureFrame),
         progress_(options.quiet, options.shownOnTerminal || isatty(STDERR_FILENO) != 0,
                   clip_.reader().expectedFrames()) {
+    progress_.startedAt(start);
     if (options.automatic && !choice_) {
       choice_ = lookAndChoose(options, [this] { return lookAtFirstFrames(clip_); });
       explain(*choice_, options);
@@ -198,7 +200,6 @@ void Run::enhanceAll(const EnhancerFactory& factory) {
   const size_t notesBefore = writer_.notes().size();
   nv21_.resize(clip_.nv21().size());
 
-  progress_.restart();
   bool more = true;
   for (bool needsMore = true; more || !sent_.empty();) {
     while (more && (needsMore || sent_.size() <= static_cast<size_t>(enhancer->latency()) + kFramesAtWork)) {
@@ -322,7 +323,7 @@ nlohmann::ordered_json Run::knownAtStart() const {
         {"strength", options_.look.strength},
         {"exposure", options_.look.exposure},
         {"deghosting", options_.look.deghosting},
-        {"neutral_exposure", options_.look.neutralExposure || options_.look.mode() == kModeNeutralExposure},
+        {"neutral_exposure", options_.look.neutralExposure || options_.look.mode() == NOXEL_MODE_NEUTRAL_EXPOSURE},
         {"stabilize", options_.look.stabilize},
         {"sharpening", options_.look.sharpening},
         {"contrast", options_.look.contrast},
@@ -386,7 +387,7 @@ ExitCode Run::finish() {
 }  // namespace
 
 std::unique_ptr<Enhancer> makeSession(const EnhancerSettings& settings) {
-  if (settings.look.mode() == kModeSynchronousRgba) return std::make_unique<RgbaSession>(settings);
+  if (settings.look.mode() == NOXEL_MODE_PICTURE) return std::make_unique<RgbaSession>(settings);
   return std::make_unique<EnhancerSession>(settings);
 }
 
@@ -400,6 +401,7 @@ void checkEnhance(const EnhanceOptions& options) {
 }
 
 int runEnhance(const EnhanceOptions& options, const EnhancerFactory& factory) {
+  const auto start = Progress::Clock::now();
   checkEnhance(options);
   if (options.resume && leaveWhole(options)) return kExitFine;
   if (isStill(options.output)) return runStill(options);
@@ -412,7 +414,7 @@ int runEnhance(const EnhanceOptions& options, const EnhancerFactory& factory) {
       return kExitFine;
     }
   }
-  Run run(options, std::move(choice));
+  Run run(options, std::move(choice), start);
   run.enhanceAll(factory);
   return run.finish();
 }

@@ -16,12 +16,10 @@ void check(int result) {
     throw ToolError(kExitFailed, std::string("the engine refused a frame: ") + noxel_error_text(result));
 }
 
-std::vector<_KRMatch> tracksOf(const noxel_enhancer* enhancer, bool own) {
+std::vector<noxel_track> tracksOf(const noxel_enhancer* enhancer, bool own) {
   std::vector<noxel_track> tracks(static_cast<size_t>(std::max(noxel_tracks(enhancer, own, nullptr, 0), 0)));
   noxel_tracks(enhancer, own, tracks.data(), static_cast<int>(tracks.size()));
-  std::vector<_KRMatch> matches;
-  for (const noxel_track& track : tracks) matches.push_back({track.from_x, track.from_y, track.to_x, track.to_y});
-  return matches;
+  return tracks;
 }
 
 }  // namespace
@@ -108,7 +106,6 @@ bool EnhancerSession::receive(uint8_t* nv21) {
   noxel_frame frame = frameOf(nv21);
   const int result = noxel_receive(enhancer_, &frame, &info_);
   check(result);
-  if (result == NOXEL_OK) ++received_;
   return result == NOXEL_OK;
 }
 
@@ -118,7 +115,6 @@ int EnhancerSession::latency() const {
 
 FrameReport EnhancerSession::report() const {
   FrameReport report;
-  report.number = received_;
   report.status = settings_.look.spatial() ? -1 : info_.motion_known;
   report.gamma = info_.gamma;
   report.gain = info_.gain;
@@ -132,15 +128,14 @@ FrameReport EnhancerSession::report() const {
   std::copy_n(info_.previous_from_current, 9, report.previousFromCurrent);
   std::copy_n(info_.stabilized_from_current, 9, report.stabilizedFromCurrent);
   std::copy_n(info_.tone, std::size(info_.tone), report.toneLevels);
-  report.noise.known = info_.noise_known != 0;
-  std::copy_n(info_.noise_luma, NoiseCurve::kEntries, report.noise.variance);
+  report.noise = NoiseCurve(info_);
   return report;
 }
 
 Overlay EnhancerSession::overlay() const {
   Overlay overlay;
   overlay.report = report();
-  overlay.maskInFrame = settings_.look.mode() == kModeClear;
+  overlay.maskInFrame = settings_.look.mode() == NOXEL_MODE_CLEAR;
   overlay.tracks = tracksOf(enhancer_, false);
   overlay.ownTracks = tracksOf(enhancer_, true);
   overlay.mask.resize(static_cast<size_t>(settings_.width) * static_cast<size_t>(settings_.height));

@@ -79,7 +79,6 @@ class EnhancerSession : public Enhancer {
   const EnhancerSettings settings_;
   noxel_enhancer* enhancer_ = nullptr;
   noxel_frame_info info_ = {};
-  uint64_t received_ = 0;
   std::mutex mutex_;
   std::string note_;  // under mutex_
 };

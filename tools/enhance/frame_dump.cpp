@@ -1,35 +1,25 @@
 #include "enhance/frame_dump.h"
 
-#include <cerrno>
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
-#include <memory>
 #include <utility>
+#include <vector>
 
 #include "common/output_file.h"
 #include "common/tool_error.h"
-#include "kernels/bmp.h"
 #include "media/colour_conversion.h"
+#include "media/nv21_frame.h"
+#include "media/picture.h"
 
 namespace noxel::tool {
 namespace {
 
-void write(const std::string& folder, int64_t frame, const char* name, const kernels::ConstPlane& plane,
-           kernels::BmpPixels pixels) {
+void write(const std::string& folder, int64_t frame, const char* name, const AVFrame& picture) {
   char number[32];
   std::snprintf(number, sizeof(number), "frame-%06lld-", static_cast<long long>(frame));
-  const std::string path = folder + "/" + number + name + ".bmp";
-  PendingFile pending(path);
-  std::FILE* file = std::fopen(pending.temporaryPath().c_str(), "wb");
-  if (file == nullptr) throw ToolError(kExitFailed, "cannot write " + path + ": " + std::strerror(errno));
-  const char* reason = nullptr;
-  errno = 0;
-  const bool written = kernels::writeBmp(file, plane, pixels, &reason);
-  if (!written && errno != 0) reason = std::strerror(errno);
-  if (std::fclose(file) != 0 && written) reason = std::strerror(errno);
-  if (reason != nullptr) throw ToolError(kExitFailed, "cannot write " + path + ": " + reason);
-  pending.commit();
+  const std::vector<uint8_t> bmp = encodeBmp(picture);
+  writeWholeFile(folder + "/" + number + name + ".bmp", bmp.data(), bmp.size());
 }
 
 }  // namespace
@@ -42,11 +32,17 @@ FrameDump::FrameDump(std::string folder) : folder_(std::move(folder)) {
 
 void FrameDump::picture(int64_t frame, const char* name, const AVFrame& planar, int width, int height) const {
   const FramePtr bgr = engineToRgb(planar, AV_PIX_FMT_BGR24);
-  write(folder_, frame, name, {bgr->data[0], width * 3, height, bgr->linesize[0]}, kernels::BmpPixels::kBlueGreenRed);
+  crop(*bgr, width, height);
+  write(folder_, frame, name, *bgr);
 }
 
 void FrameDump::grey(int64_t frame, const char* name, const uint8_t* pixels, int width, int height) const {
-  write(folder_, frame, name, {pixels, width, height, width}, kernels::BmpPixels::kGrey);
+  const FramePtr grey = makePicture(width, height, AV_PIX_FMT_GRAY8);
+  for (int y = 0; y < height; ++y) {
+    std::copy_n(pixels + static_cast<ptrdiff_t>(y) * width, width,
+                grey->data[0] + static_cast<ptrdiff_t>(y) * grey->linesize[0]);
+  }
+  write(folder_, frame, name, *grey);
 }
 
 void checkMayDump(const std::string& folder, bool overwrite) {

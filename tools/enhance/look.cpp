@@ -29,26 +29,25 @@ bool isRead(const Look& look, const std::string& option) {
   const auto* readers = std::find_if(std::begin(kReaders), std::end(kReaders),
                                      [&](const Readers& entry) { return option == entry.option; });
   if (readers == std::end(kReaders)) return true;
-  const std::string modes =
-      look.spatial() && look.mode() != kModeSynchronousRgba ? readers->spatial : readers->temporal;
+  const std::string modes = look.spatial() && look.mode() != NOXEL_MODE_PICTURE ? readers->spatial : readers->temporal;
   return modes.find(static_cast<char>('0' + look.mode())) != std::string::npos;
 }
 
 void checkIsRead(const Look& look, const std::vector<std::string>& options) {
   for (const std::string& option : options) {
     if (isRead(look, option)) continue;
-    const std::string path = look.mode() == kModeSynchronousRgba ? "" : " --denoise " + look.denoise;
+    const std::string path = look.mode() == NOXEL_MODE_PICTURE ? "" : " --denoise " + look.denoise;
     throw ToolError(kExitUsage, option + " has no effect in --engine-mode " + std::to_string(look.mode()) + path +
                                     "; leave it out");
   }
 }
 
 bool leadsIn(const Look& look) {
-  return look.mode() == kModeClear && !look.spatial() && look.strength > 0;
+  return look.mode() == NOXEL_MODE_CLEAR && !look.spatial() && look.strength > 0;
 }
 
 bool followsExposure(const Look& look) {
-  return look.mode() == kModeEnhance || (look.mode() == kModeStabilize && look.spatial());
+  return look.mode() == NOXEL_MODE_ENHANCE || (look.mode() == NOXEL_MODE_STABILIZE && look.spatial());
 }
 
 void setParameters(const Look& look, noxel_enhancer* enhancer) {

@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "api/engine_control.h"
 #include "noxel/enhancer.h"
 
 namespace noxel::tool {
@@ -13,9 +12,9 @@ namespace noxel::tool {
 // Above the engine's own 5: moving objects leave shorter trails, and static parts look the same.
 constexpr int kDefaultDeghosting = 8;
 
-constexpr int kDefaultMode = kModeClear;
+constexpr int kDefaultMode = NOXEL_MODE_CLEAR;
 constexpr int defaultStrength(int mode) {
-  return mode == kModeClear ? 50 : 65;
+  return mode == NOXEL_MODE_CLEAR ? 50 : 65;
 }
 
 enum Quality : int { kFast = 0, kBalanced = 1, kBest = 2 };  // values of kParamQuality
@@ -23,9 +22,9 @@ constexpr const char* kQualityNames[] = {"fast", "balanced", "best"};
 
 struct Look {
   int engineMode = kDefaultMode;
-  bool neutralExposure = false;                  // mode 5: tone is left alone; modes 1 and 3: kModeNeutralExposure
-  std::string denoise = "temporal";              // or "spatial": light mode 0 or 1
-  int quality = kBalanced;                       // mode 5
+  bool neutralExposure = false;      // mode 5: tone is left alone; modes 1 and 3: NOXEL_MODE_NEUTRAL_EXPOSURE
+  std::string denoise = "temporal";  // or "spatial": light mode 0 or 1
+  int quality = kBalanced;           // mode 5
   int strength = defaultStrength(kDefaultMode);  // 0..100, as the next three
   int exposure = 50;
   int sharpening = 2;
@@ -38,7 +37,9 @@ struct Look {
   std::vector<float> enhancedQuad;
   std::vector<float> untouchedQuad;
 
-  int mode() const { return neutralExposure && engineMode != kModeClear ? kModeNeutralExposure : engineMode; }
+  int mode() const {
+    return neutralExposure && engineMode != NOXEL_MODE_CLEAR ? NOXEL_MODE_NEUTRAL_EXPOSURE : engineMode;
+  }
   bool spatial() const { return denoise == "spatial"; }
 };
 

@@ -4,8 +4,6 @@
 #include <cmath>
 #include <cstddef>
 
-#include "math/inverse.h"
-
 namespace noxel::tool {
 namespace {
 
@@ -81,25 +79,24 @@ Point inPicture(const FrameReport& report, int width, int height, double frameX,
   return {(x - 0.5 * width) * zoom + 0.5 * width, (y - 0.5 * height) * zoom + 0.5 * height};
 }
 
-// The other way.
+// The other way. The matrix is a similarity close to the identity.
 class ToFrame {
  public:
   ToFrame(const FrameReport& report, int width, int height) : width_(width), height_(height), zoom_(report.zoom) {
-    double matrix[9];
-    std::copy_n(report.stabilizedFromCurrent, 9, matrix);
-    invert3x3(matrix, inverse_);
+    std::copy_n(report.stabilizedFromCurrent, 6, m_);
   }
   Point operator()(double x, double y) const {
-    const double u = (x - 0.5 * width_) / zoom_ + 0.5 * width_;
-    const double v = (y - 0.5 * height_) / zoom_ + 0.5 * height_;
-    return {inverse_[0] * u + inverse_[1] * v + inverse_[2], inverse_[3] * u + inverse_[4] * v + inverse_[5]};
+    const double u = (x - 0.5 * width_) / zoom_ + 0.5 * width_ - m_[2];
+    const double v = (y - 0.5 * height_) / zoom_ + 0.5 * height_ - m_[5];
+    const double determinant = m_[0] * m_[4] - m_[1] * m_[3];
+    return {(m_[4] * u - m_[1] * v) / determinant, (m_[0] * v - m_[3] * u) / determinant};
   }
 
  private:
   int width_;
   int height_;
   double zoom_;
-  double inverse_[9];
+  double m_[6];
 };
 
 void drawTrack(Canvas* canvas, Point source, Point target, Colour colour) {
@@ -121,18 +118,18 @@ void drawTracks(Canvas* canvas, const Overlay& overlay) {
   const int cell = std::max(1, static_cast<int>(std::sqrt(static_cast<double>(width) * height / kMaxTracks)));
   const int columns = width / cell + 1;
   std::vector<bool> taken(static_cast<size_t>(columns) * static_cast<size_t>(height / cell + 1));
-  const auto draw = [&](const std::vector<_KRMatch>& tracks, Colour colour) {
-    for (const _KRMatch& track : tracks) {
+  const auto draw = [&](const std::vector<noxel_track>& tracks, Colour colour) {
+    for (const noxel_track& track : tracks) {
       const auto place = [&](float x, float y) {
         return inPicture(overlay.report, width, height, static_cast<double>(x), static_cast<double>(y));
       };
-      const Point target = place(track.targetX, track.targetY);
+      const Point target = place(track.to_x, track.to_y);
       if (!(target.x >= 0 && target.x < width && target.y >= 0 && target.y < height)) continue;
       const auto index =
           static_cast<size_t>(static_cast<int>(target.y) / cell * columns + static_cast<int>(target.x) / cell);
       if (taken[index]) continue;
       taken[index] = true;
-      drawTrack(canvas, place(track.sourceX, track.sourceY), target, colour);
+      drawTrack(canvas, place(track.from_x, track.from_y), target, colour);
     }
   };
   draw(overlay.ownTracks, kYellow);

@@ -4,17 +4,17 @@
 #include <cstdint>
 #include <vector>
 
-#include "api/engine_control.h"
-#include "registration/registration_state.h"
+#include "enhance/frame_report.h"
+#include "noxel/enhancer.h"
 
 namespace noxel::tool {
 
 struct Overlay {
   FrameReport report;
-  std::vector<_KRMatch> tracks;     // in frame pixels, the first one's centre at (0.5, 0.5)
-  std::vector<_KRMatch> ownTracks;  // the same of blocks that move on their own
-  std::vector<uint8_t> mask;        // covers the picture; empty: the frame was not blended
-  bool maskInFrame = false;         // it covers the frame before stabilisation and zoom
+  std::vector<noxel_track> tracks;     // in frame pixels, the first one's centre at (0.5, 0.5)
+  std::vector<noxel_track> ownTracks;  // the same of blocks that move on their own
+  std::vector<uint8_t> mask;           // covers the picture; empty: the frame was not blended
+  bool maskInFrame = false;            // it covers the frame before stabilisation and zoom
   int maskWidth = 0;
   int maskHeight = 0;
 };

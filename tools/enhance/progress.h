@@ -14,15 +14,15 @@ std::string progressText(int64_t frame, int64_t total, double seconds);
 // On a terminal one line that is refreshed, elsewhere a line every few seconds; nothing when quiet. One thread.
 class Progress {
  public:
+  using Clock = std::chrono::steady_clock;
+
   Progress(bool quiet, bool terminal, int64_t total, std::FILE* out = stderr);
-  void restart() { printed_ = start_ = Clock::now(); }  // before the first frame, so that set-up is not counted
+  void startedAt(Clock::time_point start) { start_ = start; }  // earlier than this was made: the rate counts that, too
   void frameDone(int64_t frames);
   void clear();  // erases the refreshed line before another is printed
   double seconds() const;
 
  private:
-  using Clock = std::chrono::steady_clock;
-
   const bool quiet_;
   const bool terminal_;
   const int64_t total_;

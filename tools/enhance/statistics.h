@@ -6,9 +6,9 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "api/engine_control.h"
 #include "common/output_file.h"
 #include "common/quantiles.h"
+#include "enhance/frame_report.h"
 
 namespace noxel::tool {
 
@@ -30,7 +30,7 @@ class Statistics {
   double meanLumaAfter() const { return mean(lumaAfter_); }
   double lostShare() const;  // of the frames with a previous one; 0 without such frames
 
-  // `seconds`: wall-clock time without set-up and warm-up.
+  // `seconds`: wall-clock time of the whole run.
   nlohmann::ordered_json summary(double seconds) const;
 
  private:

@@ -22,7 +22,7 @@ namespace noxel::tool {
 namespace {
 
 void check(const EnhanceOptions& options) {
-  if (options.look.mode() != kModeSynchronousRgba) {
+  if (options.look.mode() != NOXEL_MODE_PICTURE) {
     throw ToolError(kExitUsage, options.output + " is a single picture, which needs --engine-mode 4");
   }
   for (const char* clipOnly : {"--stats", "--report", "--passes", "--picture", "--picture-frame", "--dump-frames",

@@ -6,8 +6,6 @@
 #include <optional>
 #include <system_error>
 
-#include "common/noise_sigma.h"
-
 namespace noxel::tool {
 
 namespace {
@@ -46,8 +44,7 @@ void ClipMeter::measure(ClipInput& clip) {
   noxel_meter_measure(engine_, &frame, &info_);
   luma_ = {};
   addPlane(clip.nv21().data(), clip.width(), clip.height(), clip.nv21Width(), &luma_);
-  noise_.known = info_.noise_known != 0;
-  std::copy_n(info_.noise_luma, NoiseCurve::kEntries, noise_.variance);
+  noise_ = NoiseCurve(info_);
   sigma_ = noise_.known ? tool::noiseSigma(noise_, luma_) : 0;
 
   FrameFigures figures;

@@ -3,11 +3,10 @@
 
 #include <string>
 
+#include "common/noise_curve.h"
 #include "findings/findings.h"
 #include "media/clip_input.h"
 #include "noxel/meter.h"
-#include "registration/noise_curve.h"
-#include "tonemapping/histogram.h"
 
 namespace noxel::tool {
 

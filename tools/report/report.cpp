@@ -54,8 +54,8 @@ double shiftOfMiddle(const float (&m)[9], const Report::Shape& shape) {
 
 // What luma of this level becomes. NaN: the mode's tone is not known.
 double toneOf(const FrameReport& report, int mode, int level) {
-  if (mode == kModeClear) return static_cast<double>(report.toneLevels[level]);
-  if (mode != kModeEnhance && mode != kModeNeutralExposure) return kUnknown;
+  if (mode == NOXEL_MODE_CLEAR) return static_cast<double>(report.toneLevels[level]);
+  if (mode != NOXEL_MODE_ENHANCE && mode != NOXEL_MODE_NEUTRAL_EXPOSURE) return kUnknown;
   const double lifted = std::min(1.0, static_cast<double>(report.gain) * level / 255);
   return 255 * std::pow(lifted, static_cast<double>(report.gamma));
 }

@@ -31,7 +31,7 @@ Press press(SDL_Keycode key, bool repeated, LiveLook& look) {
       look.stabilize = !look.stabilize;
       return Press::kLookChanged;
     case SDLK_f:
-      if (look.engineMode != kModeClear) return Press::kNothing;
+      if (look.engineMode != NOXEL_MODE_CLEAR) return Press::kNothing;
       look.quality = (look.quality + 1) % static_cast<int>(std::size(kQualityNames));
       return Press::kLookChanged;
     case SDLK_s:
@@ -52,7 +52,7 @@ Press press(SDL_Keycode key, bool repeated, LiveLook& look) {
 
 std::string describe(const LiveLook& look) {
   std::string text = look.spatial ? "spatial" : "temporal";
-  if (look.engineMode == kModeClear) text += std::string(", ") + kQualityNames[look.quality];
+  if (look.engineMode == NOXEL_MODE_CLEAR) text += std::string(", ") + kQualityNames[look.quality];
   text += ", strength " + std::to_string(look.strength) + ", exposure " + std::to_string(look.exposure);
   if (look.stabilize && !look.spatial) text += ", stabilised";
   if (look.split) text += ", split";
