@@ -43,25 +43,17 @@ Enhancer::Enhancer(const noxel_config& config)
       intoWindow_(config.window != nullptr),
       leadIn_(config.lead_in != 0 && !live_),
       config_(config),
-      logFunction_(config.log),
-      logContext_(config.log_context),
+      log_(config.log, config.log_context),
       cuts_(config.frame_interval_us) {
   for (int id = 0; id < kSettingCount; ++id) settings_[id].store(settingInfo(id).initial, std::memory_order_relaxed);
   settings_[NOXEL_QUALITY].store(config.quality, std::memory_order_relaxed);
   if (config.mode != NOXEL_MODE_CLEAR) settings_[NOXEL_STRENGTH].store(65, std::memory_order_relaxed);
-  if (logFunction_ != nullptr) {
-    log_.write = [](void* context, int priority, const char* message) {
-      const auto* self = static_cast<const Enhancer*>(context);
-      self->logFunction_(self->logContext_, priority, message);
-    };
-  }
-  log_.context = this;
 }
 
 int Enhancer::make(const noxel_config& config, Enhancer** result) {
   auto* enhancer = new (std::nothrow) Enhancer(config);
   if (enhancer == nullptr) return NOXEL_ERROR_MEMORY;
-  const platform::LogScope log(&enhancer->log_);
+  const platform::LogScope log(enhancer->log_.target());
   const int made = enhancer->setUp(config);
   if (made == NOXEL_OK) {
     *result = enhancer;
@@ -100,8 +92,8 @@ int Enhancer::setUp(const noxel_config& config) {
     return NOXEL_ERROR_MEMORY;
   }
   const bool padded = mode_ != NOXEL_MODE_PICTURE;
-  const int made =
-      engine_.make(config_, padded ? engineWidth(width_) : width_, padded ? engineHeight(height_) : height_, &log_);
+  const int made = engine_.make(config_, padded ? engineWidth(width_) : width_,
+                                padded ? engineHeight(height_) : height_, log_.target());
   if (made != NOXEL_OK) return made;
   if (!enableDiagnostics()) return NOXEL_ERROR_MEMORY;
   workerStarted_ = pthread_create(&worker_, nullptr, workerMain, this) == 0;
@@ -295,7 +287,7 @@ bool Enhancer::canWork() const {
 
 void* Enhancer::workerMain(void* enhancer) {
   auto* self = static_cast<Enhancer*>(enhancer);
-  const platform::LogScope log(&self->log_);
+  const platform::LogScope log(self->log_.target());
   self->work();
   return nullptr;
 }
@@ -331,7 +323,7 @@ void Enhancer::enhance(int available) {
     if (!ahead) beginSequence(available);
   }
   if (ahead && aheadState_.load(std::memory_order_relaxed) == Ahead::kUntried) {
-    const bool made = ahead_.make(config_, engineWidth(width_), engineHeight(height_), &log_, engine_);
+    const bool made = ahead_.make(config_, engineWidth(width_), engineHeight(height_), log_.target(), engine_);
     aheadState_.store(made ? Ahead::kThere : Ahead::kRefused, std::memory_order_relaxed);
     if (!made) NOXEL_LOG_WARNING("not enough memory to look ahead: the quality is that of a live picture");
   }

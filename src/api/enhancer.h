@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "api/caller_log.h"
 #include "api/enhancer_engine.h"
 #include "api/enhancer_settings.h"
 #include "api/frames_ahead.h"
@@ -81,7 +82,7 @@ class Enhancer {
   int latencyFrames() const;
   int set(int setting, double value);
   double get(int setting) const { return settings_[setting].load(std::memory_order_relaxed); }
-  platform::LogTarget* log() { return &log_; }
+  platform::LogTarget* log() { return log_.target(); }
   int setCorners(int picture, const float* corners);
   // Of the frame received last; null: there is none.
   const FrameDiagnostics* diagnostics() const { return received_ >= 0 ? &frames_[received_].diagnostics : nullptr; }
@@ -120,9 +121,7 @@ class Enhancer {
   const bool leadIn_;
   noxel_config config_;  // for the second engine; the cache directory is our copy
   char* cacheDirectory_ = nullptr;
-  noxel_log_function logFunction_;
-  void* logContext_;
-  platform::LogTarget log_;
+  CallerLog log_;
   std::atomic<double> settings_[kSettingCount];  // relaxed: a frame late is fine
 
   pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;

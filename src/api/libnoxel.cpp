@@ -7,6 +7,7 @@
 #include <cstring>
 #include <utility>
 
+#include "api/caller_log.h"
 #include "api/enhancer.h"
 #include "api/meter.h"
 #include "gl/runtime/driver_info.h"
@@ -81,19 +82,8 @@ int noxel_version_number(void) {
 
 int noxel_query_driver(noxel_driver* driver, noxel_log_function log, void* log_context) {
   if (driver == nullptr || driver->size != sizeof(noxel_driver)) return NOXEL_ERROR_ARGUMENT;
-  struct Told {
-    noxel_log_function function;
-    void* context;
-  } told = {log, log_context};
-  noxel::platform::LogTarget target;
-  if (log != nullptr) {
-    target.write = [](void* context, int priority, const char* message) {
-      const auto* to = static_cast<const Told*>(context);
-      to->function(to->context, priority, message);
-    };
-  }
-  target.context = &told;
-  const noxel::platform::LogScope scope(&target);
+  noxel::CallerLog told(log, log_context);
+  const noxel::platform::LogScope scope(told.target());
   noxel::DriverInfo info;
   const bool usable = noxel::queryDriver(&info);
   *driver = {};

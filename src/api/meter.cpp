@@ -14,17 +14,8 @@ namespace noxel {
 Meter::Meter(const noxel_config& config)
     : width_(config.width),
       height_(config.height),
-      logFunction_(config.log),
-      logContext_(config.log_context),
-      cuts_(config.frame_interval_us) {
-  if (logFunction_ != nullptr) {
-    log_.write = [](void* context, int priority, const char* message) {
-      const auto* self = static_cast<const Meter*>(context);
-      self->logFunction_(self->logContext_, priority, message);
-    };
-  }
-  log_.context = this;
-}
+      log_(config.log, config.log_context),
+      cuts_(config.frame_interval_us) {}
 
 Meter::~Meter() {
   std::free(nv21_);
@@ -33,7 +24,7 @@ Meter::~Meter() {
 int Meter::make(const noxel_config& config, Meter** result) {
   auto* meter = new (std::nothrow) Meter(config);
   if (meter == nullptr) return NOXEL_ERROR_MEMORY;
-  const platform::LogScope log(&meter->log_);
+  const platform::LogScope log(meter->log_.target());
   if (!meter->setUp()) {
     NOXEL_LOG_ERROR("no memory to measure frames of %d x %d", config.width, config.height);
     delete meter;

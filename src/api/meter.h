@@ -3,9 +3,9 @@
 
 #include <cstdint>
 
+#include "api/caller_log.h"
 #include "api/sequence_clock.h"
 #include "noxel/meter.h"
-#include "platform/log.h"
 #include "registration/exposure.h"
 #include "registration/plane_registration.h"
 #include "tonemapping/clear_tone.h"
@@ -22,7 +22,7 @@ class Meter {
 
   void setExposure(int strength) { exposureStrength_ = strength; }
   int measure(const noxel_frame& frame, noxel_frame_info* info);
-  platform::LogTarget* log() { return &log_; }
+  platform::LogTarget* log() { return log_.target(); }
 
  private:
   explicit Meter(const noxel_config& config);
@@ -31,9 +31,7 @@ class Meter {
 
   const int width_;
   const int height_;
-  const noxel_log_function logFunction_;
-  void* const logContext_;
-  platform::LogTarget log_;
+  CallerLog log_;
   CutFinder cuts_;
   int exposureStrength_ = 50;
   unsigned char* nv21_ = nullptr;  // the frame, padded
