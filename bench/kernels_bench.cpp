@@ -52,15 +52,19 @@ void choose(const char* path) {
   kernels::rereadKernelChoice();
 }
 
+std::vector<uint8_t> noise(size_t count) {
+  static std::mt19937 random(1);
+  std::vector<uint8_t> bytes(count);
+  for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(random());
+  return bytes;
+}
+
 // Buffers of the frame's size, and the planes in them that a kernel and its peer share.
 struct Frame {
   explicit Frame(const benchmark::State& state)
       : width(static_cast<int>(state.range(0))), height(static_cast<int>(state.range(1))) {
-    std::mt19937 random(1);
-    for (std::vector<uint8_t>* bytes : {&source, &destination, &scratch}) {
-      bytes->resize(static_cast<size_t>(width) * static_cast<size_t>(height));
-      for (uint8_t& byte : *bytes) byte = static_cast<uint8_t>(random());
-    }
+    for (std::vector<uint8_t>* bytes : {&source, &destination, &scratch})
+      *bytes = noise(static_cast<size_t>(width) * static_cast<size_t>(height));
   }
 
   kernels::Plane in() { return kernels::packed(source.data(), width, height); }
@@ -194,6 +198,53 @@ void limitChange(benchmark::State& state) {
   measure(state, [&] { kernels::limitChange(frame.in(), 5, frame.out()); }, {});
 }
 
+// A frame's planes and packed RGB, in buffers of their own size.
+struct RgbFrame {
+  explicit RgbFrame(const benchmark::State& state)
+      : width(static_cast<int>(state.range(0))),
+        height(static_cast<int>(state.range(1))),
+        rgb(noise(3 * area())),
+        nv21(noise(area() * 3 / 2)) {}
+  size_t area() const { return static_cast<size_t>(width) * static_cast<size_t>(height); }
+  kernels::Plane packedRgb() { return kernels::packed(rgb.data(), 3 * width, height); }
+  kernels::Plane luma() { return kernels::packed(nv21.data(), width, height); }
+  kernels::Plane pairs() { return kernels::packed(nv21.data() + area(), width, height / 2); }
+
+  int width;
+  int height;
+  std::vector<uint8_t> rgb;
+  std::vector<uint8_t> nv21;
+};
+
+void planesFromRgb(benchmark::State& state) {
+  RgbFrame frame(state);
+  Run peer;
+#if NOXEL_BENCH_LIBYUV
+  peer = [&] {
+    libyuv::RAWToJNV21(frame.rgb.data(), 3 * frame.width, frame.luma().pixels, frame.width, frame.pairs().pixels,
+                       frame.width, frame.width, frame.height);
+  };
+#endif
+  measure(
+      state, [&] { kernels::planesFromRgb(frame.packedRgb(), kernels::RgbOrder::kRgb, frame.luma(), frame.pairs()); },
+      peer);
+}
+
+// libyuv's takes limited range and repeats each chroma sample.
+void rgbFromPlanes(benchmark::State& state) {
+  RgbFrame frame(state);
+  Run peer;
+#if NOXEL_BENCH_LIBYUV
+  peer = [&] {
+    libyuv::NV21ToRAW(frame.luma().pixels, frame.width, frame.pairs().pixels, frame.width, frame.rgb.data(),
+                      3 * frame.width, frame.width, frame.height);
+  };
+#endif
+  measure(
+      state, [&] { kernels::rgbFromPlanes(frame.luma(), frame.pairs(), kernels::RgbOrder::kRgb, frame.packedRgb()); },
+      peer);
+}
+
 void smoothChroma(benchmark::State& state, int radius) {
   constexpr int kIterations = 4;
   Frame frame(state);
@@ -223,6 +274,8 @@ BENCHMARK_CAPTURE(gauss, 3_taps, kernels::Gauss::kThree)->Apply(atCameraSizes);
 BENCHMARK_CAPTURE(gauss, 5_taps, kernels::Gauss::kFive)->Apply(atCameraSizes);
 BENCHMARK(sharpen)->Apply(atCameraSizes);
 BENCHMARK(limitChange)->Apply(atCameraSizes);
+BENCHMARK(planesFromRgb)->Apply(atCameraSizes);
+BENCHMARK(rgbFromPlanes)->Apply(atCameraSizes);
 BENCHMARK_CAPTURE(smoothChroma, radius_4, 4)->Apply(atCameraSizes);
 BENCHMARK_CAPTURE(smoothChroma, radius_17, 17)->Apply(atCameraSizes);
 

@@ -1,7 +1,7 @@
 // Byte kernels on planes: chroma interleaving, downscale, smoothing, sharpening. Any thread.
 //
-// Every kernel has a plain version and one in SSE2 or NEON; both give the same bits. NOXEL_KERNELS=plain in the
-// environment selects the plain one (kernels/row_kernels.h).
+// Every kernel but those of packed RGB has a plain version and one in SSE2 or NEON; both give the same bits.
+// NOXEL_KERNELS=plain in the environment selects the plain one (kernels/row_kernels.h).
 //
 // No kernel allocates. Source and destination must not overlap unless stated. `pool` may be null (single-threaded); the
 // result does not depend on it, and nobody else may use the pool meanwhile.
@@ -103,6 +103,14 @@ void mapCodes(const ConstPlane& source, const CodeMap& map, const Plane& destina
 
 // The bytes of each pair change places: NV12's chroma to NV21's. In place, too. Rows of an even number of bytes.
 void swapPairs(const ConstPlane& source, const Plane& destination);
+
+// Packed RGB to NV21's planes, full-range BT.601, and back. Rows of RGB are three times as wide as those of luma, in bytes;
+// there are (width + 1) / 2 by (height + 1) / 2 V,U pairs. A pair lies in the middle of its 2 x 2 pixels: it is their mean, a
+// last odd row or column counting twice, and pixels are interpolated between pairs, 9 : 3 : 3 : 1. Codes are rounded once,
+// with shares of 16 bits, and clipped.
+enum class RgbOrder { kRgb, kBgr };
+void planesFromRgb(const ConstPlane& rgb, RgbOrder order, const Plane& luma, const Plane& pairs);
+void rgbFromPlanes(const ConstPlane& luma, const ConstPlane& pairs, RgbOrder order, const Plane& rgb);
 
 // Chroma denoising: replaces each component of interleaved pairs (width / 2 a row) by the mean over 2 * radius + 1
 // neighbours, `iterations` times horizontally, then `iterations` times vertically. Edge pairs repeated, means rounded

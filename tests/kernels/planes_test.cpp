@@ -193,6 +193,127 @@ TEST(SwapPairs, ChangesPlacesWithinEachPairAlsoInPlace) {
   });
 }
 
+// BT.601 of full range, before rounding.
+struct ExactPlanes {
+  explicit ExactPlanes(const Image& rgb) : width(rgb.size.width / 3), height(rgb.size.height) {
+    const auto pixel = [&](int x, int y, int channel) {
+      return rgb.at(3 * std::min(x, width - 1) + channel, std::min(y, height - 1));
+    };
+    const auto lumaAt = [&](int x, int y) {
+      return 0.299 * pixel(x, y, 0) + 0.587 * pixel(x, y, 1) + 0.114 * pixel(x, y, 2);
+    };
+    for (int y = 0; y < height; ++y) {
+      for (int x = 0; x < width; ++x) luma.push_back(lumaAt(x, y));
+    }
+    for (int y = 0; y < height; y += 2) {
+      for (int x = 0; x < width; x += 2) {
+        double v = 128, u = 128;
+        for (int i = 0; i < 4; ++i) {
+          const int column = x + i % 2, row = y + i / 2;
+          v += (pixel(column, row, 0) - lumaAt(column, row)) / 1.402 / 4;
+          u += (pixel(column, row, 2) - lumaAt(column, row)) / 1.772 / 4;
+        }
+        pairs.insert(pairs.end(), {v, u});
+      }
+    }
+  }
+  int width, height;
+  std::vector<double> luma, pairs;
+};
+
+// The same way back, pairs interpolated between the middles of 2 x 2 pixels.
+std::vector<double> exactRgb(const Image& luma, const Image& pairs) {
+  const int columns = pairs.size.width / 2;
+  const auto component = [&](double x, double y, int index) {
+    const double column = (x - 0.5) / 2, row = (y - 0.5) / 2;
+    const int left = static_cast<int>(std::floor(column)), upper = static_cast<int>(std::floor(row));
+    double sum = -128;
+    for (int i = 0; i < 4; ++i) {
+      const double across = i % 2 == 0 ? left + 1 - column : column - left;
+      const double down = i / 2 == 0 ? upper + 1 - row : row - upper;
+      sum += across * down * pairs.at(2 * std::clamp(left + i % 2, 0, columns - 1) + index, upper + i / 2);
+    }
+    return sum;
+  };
+  std::vector<double> rgb;
+  for (int y = 0; y < luma.size.height; ++y) {
+    for (int x = 0; x < luma.size.width; ++x) {
+      const double v = component(x, y, 0), u = component(x, y, 1);
+      const double r = luma.at(x, y) + 1.402 * v, b = luma.at(x, y) + 1.772 * u;
+      rgb.insert(rgb.end(), {r, (luma.at(x, y) - 0.299 * r - 0.114 * b) / 0.587, b});
+    }
+  }
+  return rgb;
+}
+
+double worstError(const Bytes& codes, const std::vector<double>& exact) {
+  EXPECT_EQ(codes.size(), exact.size());
+  double worst = 0;
+  for (size_t i = 0; i < exact.size(); ++i)
+    worst = std::max(worst, std::abs(codes[i] - std::clamp(exact[i], 0.0, 255.0)));
+  return worst;
+}
+
+// Half a code of rounding; the shares of 16 bits are off by 1 / 65536 at most, 255 * 3 / 65536 together.
+constexpr double kRoundedOnce = 0.512;
+
+Bytes swappedRgb(Bytes rgb) {
+  for (size_t i = 0; i + 2 < rgb.size(); i += 3) std::swap(rgb[i], rgb[i + 2]);
+  return rgb;
+}
+
+TEST(PackedRgb, IsTheRoundedFormulaOfEverySizeBothWays) {
+  for (const Size size : kSizes) {
+    SCOPED_TRACE(testing::Message() << size.width << " x " << size.height);
+    const Size wide = {3 * size.width, size.height};
+    const Size ofPairs = {(size.width + 1) / 2 * 2, (size.height + 1) / 2};
+    const Image rgb = {wide, noisyBytes(wide.area(), 21)};
+    const ExactPlanes exact(rgb);
+    Image luma = {size, {}}, pairs = {ofPairs, {}};
+    for (const auto order : {kernels::RgbOrder::kBgr, kernels::RgbOrder::kRgb}) {
+      const bool swapped = order == kernels::RgbOrder::kBgr;
+      Sheet lumaOut = Sheet::target(size), pairsOut = Sheet::target(ofPairs), rgbOut = Sheet::target(wide);
+      Sheet given = Sheet::source(wide, swapped ? swappedRgb(rgb.bytes) : rgb.bytes);
+      kernels::planesFromRgb(given.plane(), order, lumaOut.plane(), pairsOut.plane());
+      luma.bytes = lumaOut.content();
+      pairs.bytes = pairsOut.content();
+      EXPECT_LE(worstError(luma.bytes, exact.luma), kRoundedOnce);
+      EXPECT_LE(worstError(pairs.bytes, exact.pairs), kRoundedOnce);
+
+      // Of bytes that are no colours, too: a picture that was enhanced may leave RGB.
+      luma.bytes = noisyBytes(size.area(), 22);
+      pairs.bytes = noisyBytes(ofPairs.area(), 23);
+      kernels::rgbFromPlanes(Sheet::source(size, luma.bytes).plane(), Sheet::source(ofPairs, pairs.bytes).plane(),
+                             order, rgbOut.plane());
+      const Bytes back = rgbOut.content();
+      EXPECT_LE(worstError(swapped ? swappedRgb(back) : back, exactRgb(luma, pairs)), kRoundedOnce);
+    }
+  }
+}
+
+TEST(PackedRgb, ColoursComeBackWithinOneCodeAndGreysAsTheyWere) {
+  constexpr int kLevels = 86;  // every third one of red, green and blue
+  const auto level = [](int i) { return static_cast<uint8_t>(i % kLevels * 3); };
+  double worst = 0;
+  int worstBack = 0, worstGrey = 0;
+  for (int i = 0; i < kLevels * kLevels * kLevels; ++i) {  // each a picture of one pixel
+    const uint8_t rgb[3] = {level(i), level(i / kLevels), level(i / kLevels / kLevels)};
+    uint8_t luma = 0, pair[2] = {}, back[3] = {};
+    kernels::planesFromRgb(packed(rgb, 3, 1), kernels::RgbOrder::kRgb, packed(&luma, 1, 1), packed(pair, 2, 1));
+    kernels::rgbFromPlanes(packed(&luma, 1, 1), packed(pair, 2, 1), kernels::RgbOrder::kRgb, packed(back, 3, 1));
+    const double exact = 0.299 * rgb[0] + 0.587 * rgb[1] + 0.114 * rgb[2];
+    const double v = std::min(128 + (rgb[0] - exact) / 1.402, 255.0),
+                 u = std::min(128 + (rgb[2] - exact) / 1.772, 255.0);
+    worst = std::max({worst, std::abs(luma - exact), std::abs(pair[0] - v), std::abs(pair[1] - u)});
+    int& worstOfKind = rgb[0] == rgb[1] && rgb[1] == rgb[2] ? worstGrey : worstBack;
+    for (int k = 0; k < 3; ++k) worstOfKind = std::max(worstOfKind, std::abs(back[k] - rgb[k]));
+  }
+  EXPECT_LE(worst, kRoundedOnce);
+  // Half a code of luma, half a code of chroma by 1.772, and a rounding: less than two.
+  EXPECT_EQ(worstBack, 1);
+  EXPECT_EQ(worstGrey, 0);
+}
+
 TEST(Downscale, AveragesBlocksAndDropsTheOddRowAndColumn) {
   onEachPathAndSize([](Size size) {
     const Image source = {size, noisyBytes(size.area(), 3)};
