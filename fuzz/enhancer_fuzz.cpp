@@ -21,7 +21,9 @@ constexpr uint8_t kCanary = 0xA5;
 // Planes of one enhancer's size with room between rows, upside down or not.
 struct Planes {
   Planes(int width, int height, int mode, Input* input) {
-    const int format = mode == NOXEL_MODE_PICTURE ? NOXEL_PLANES_RGBA : static_cast<int>(input->below(4));
+    constexpr int kFormats[] = {NOXEL_PLANES_NV12, NOXEL_PLANES_NV21, NOXEL_PLANES_I420,
+                                NOXEL_PLANES_YV12, NOXEL_PLANES_RGB,  NOXEL_PLANES_BGR};
+    const int format = mode == NOXEL_MODE_PICTURE ? NOXEL_PLANES_RGBA : kFormats[input->below(6)];
     noxel_frame_init(&frame, sizeof(frame));
     frame.format = format;
     frame.range = static_cast<int>(input->below(2));
@@ -30,9 +32,10 @@ struct Planes {
     const int padding = static_cast<int>(input->below(5));
     const int columns = (width + 1) / 2;
     const bool pairs = format <= NOXEL_PLANES_NV21;
-    const int count = format == NOXEL_PLANES_RGBA ? 1 : pairs ? 2 : 3;
+    const int pixelBytes = format == NOXEL_PLANES_RGBA ? 4 : format > NOXEL_PLANES_RGBA ? 3 : 1;
+    count = pixelBytes > 1 ? 1 : pairs ? 2 : 3;
     for (int plane = 0; plane < count; ++plane) {
-      used[plane] = plane > 0 ? (pairs ? 2 * columns : columns) : format == NOXEL_PLANES_RGBA ? 4 * width : width;
+      used[plane] = plane > 0 ? (pairs ? 2 * columns : columns) : pixelBytes * width;
       rows[plane] = plane > 0 ? (height + 1) / 2 : height;
       const int stride = used[plane] + padding;
       bytes[plane].assign(static_cast<size_t>(stride) * static_cast<size_t>(rows[plane]), kCanary);
@@ -61,6 +64,7 @@ struct Planes {
 
   noxel_frame frame;
   std::vector<uint8_t> bytes[3];
+  int count;  // of planes
   int used[3] = {};
   int rows[3] = {};
 };
@@ -110,7 +114,11 @@ void Session::send() {
   timeUs_ += (static_cast<int64_t>(input_->byte()) - 4) * 20'000;
   planes.frame.time_us = timeUs_;
   const bool broken = input_->below(8) == 0;
-  if (broken) planes.frame.format = 4 + (planes.frame.format == 4 ? -1 : static_cast<int>(input_->below(9)));
+  if (broken) {  // one that the mode does not take, or that does not exist
+    const bool exists = input_->below(2) == 0;
+    const int other = planes.frame.format == NOXEL_PLANES_RGBA ? NOXEL_PLANES_RGB : NOXEL_PLANES_RGBA;
+    planes.frame.format = exists ? other : 7 + static_cast<int>(input_->below(9));
+  }
   const int result = noxel_send(enhancer_, &planes.frame);
   if (enhancer_ == nullptr || broken) {
     FUZZ_CHECK(result == NOXEL_ERROR_ARGUMENT);
@@ -149,8 +157,8 @@ void Session::measure() {
   planes.fill(input_->byte());
   timeUs_ += (static_cast<int64_t>(input_->byte()) - 4) * 20'000;
   planes.frame.time_us = timeUs_;
-  if (input_->below(8) == 0) planes.frame.planes[input_->below(2)] = nullptr;
-  const bool usable = planes.frame.planes[0] != nullptr && planes.frame.planes[1] != nullptr;
+  const bool usable = input_->below(8) != 0;
+  if (!usable) planes.frame.planes[input_->below(planes.count)] = nullptr;
   const int strength = static_cast<int>(input_->byte()) - 20;
   FUZZ_CHECK((noxel_meter_set_exposure(meter_, strength) == NOXEL_OK) == (strength >= 0 && strength <= 100));
   noxel_frame_info info;

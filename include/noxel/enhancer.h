@@ -69,14 +69,26 @@ typedef enum noxel_result {
   NOXEL_ERROR_UNSUPPORTED = -4 /**< not with this configuration */
 } noxel_result;
 
-/** Layout of 8-bit planes, YUV 4:2:0 but for the last one. With odd sizes chroma planes are (width + 1) / 2 by
- *  (height + 1) / 2 samples. */
+/** Layout of 8-bit planes, YUV 4:2:0 but for the last three. With odd sizes chroma planes are (width + 1) / 2 by
+ *  (height + 1) / 2 samples.
+ *
+ *  NOXEL_PLANES_RGB and NOXEL_PLANES_BGR are one plane of 3 bytes a pixel with the codes that players show, 0..255; `range` and
+ *  `matrix` are not read. They are converted to the engine's planes, BT.601 of full range, and back:
+ *
+ *      Y = 0.299 R + 0.587 G + 0.114 B     U = 128 + (B - Y) / 1.772     V = 128 + (R - Y) / 1.402
+ *
+ *  A sample of U or V is the mean of its 2 x 2 pixels, a last odd column or row counting twice. On the way back each pixel's U
+ *  and V are interpolated between the four samples around it, with 9, 3, 3 and 1 sixteenths. Both ways are rounded once and
+ *  clipped to 0..255. Colours so have half the picture's resolution; where they do not change, a frame that is not enhanced comes
+ *  back within one code. Frames that are YUV already are best handed in as they are. */
 typedef enum noxel_format {
   NOXEL_PLANES_NV12 = 0, /**< Y; U,V pairs */
   NOXEL_PLANES_NV21 = 1, /**< Y; V,U pairs */
   NOXEL_PLANES_I420 = 2, /**< Y; U; V */
   NOXEL_PLANES_YV12 = 3, /**< Y; V; U */
-  NOXEL_PLANES_RGBA = 4  /**< one plane of R,G,B,A, full range; alpha stays as it is. Mode 4, and no other */
+  NOXEL_PLANES_RGBA = 4, /**< one plane of R,G,B,A, full range; alpha stays as it is. Mode 4, and no other */
+  NOXEL_PLANES_RGB = 5,  /**< one plane of R,G,B. Not in mode 4 */
+  NOXEL_PLANES_BGR = 6   /**< one plane of B,G,R. Not in mode 4 */
 } noxel_format;
 
 /** Which codes luma and chroma take. */
@@ -164,9 +176,9 @@ typedef struct noxel_config {
 typedef struct noxel_frame {
   size_t size;              /**< of this structure; noxel_frame_init sets it */
   int format;               /**< noxel_format */
-  int range;                /**< noxel_range */
-  int matrix;               /**< noxel_matrix */
-  unsigned char* planes[3]; /**< first rows, in the format's order; two for NV12 and NV21 */
+  int range;                /**< noxel_range; of YUV */
+  int matrix;               /**< noxel_matrix; of YUV */
+  unsigned char* planes[3]; /**< first rows, in the format's order; two for NV12 and NV21, one for RGB */
   ptrdiff_t strides[3];     /**< bytes from a row to the next, at least a row's; may be negative */
   uint64_t tag;             /**< the caller's: comes back in noxel_frame_info */
   /** Presentation time, microseconds. A step back, or a gap of more than five usual intervals or of more than 1 s and two of
@@ -329,8 +341,9 @@ NOXEL_API int noxel_send(noxel_enhancer* enhancer, const noxel_frame* frame);
 
 /** Takes the next enhanced frame.
  *
- *  frame  format, range, matrix, planes and strides say where and how it is to be written; may be the planes that were sent.
- *         Tag and time are set. Null: the frame is dropped, only the info is wanted. With a window the planes are not written
+ *  frame  format, range, matrix, planes and strides say where and how it is to be written, whatever was sent; may be the planes
+ *         that were sent. Tag and time are set. Null: the frame is dropped, only the info is wanted. With a window the planes
+ *         are not written
  *  info   receives what is known of it; may be null
  *
  *  NOXEL_OK

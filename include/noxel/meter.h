@@ -43,7 +43,7 @@ NOXEL_API int noxel_meter_set_exposure(noxel_meter* meter, int strength);
 
 /** Measures a frame against the one before, as an enhancer does.
  *
- *  frame  of any 4:2:0 format; only read
+ *  frame  of any format but NOXEL_PLANES_RGBA; only read
  *  info   receives what is known. motion_known, starts_sequence, points, previous_from_current; noise_known and noise_luma, not
  *         of U and V; gamma and gain as of mode 1, tone as of mode 5; motion_ms, the time this call took. The rest as of a frame
  *         that came back as it went in

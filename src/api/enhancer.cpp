@@ -155,14 +155,14 @@ int Enhancer::send(const noxel_frame& frame) {
   }
   EnhancerFrame* slot = &frames_[place];
   slot->sentNs = KRTimeNow();
-  slot->matrix = frame.matrix;
+  slot->matrix = matrixOf(frame);
   if (mode_ == NOXEL_MODE_PICTURE) {
     takeRgba(frame, width_, height_, slot->nv21);
   } else {
     takePlanes(frame, width_, height_, slot->nv21);
   }
   if (mode_ != NOXEL_MODE_CLEAR && mode_ != NOXEL_MODE_PICTURE) {
-    convertMatrix(frame.matrix, NOXEL_MATRIX_BT601, engineWidth(width_), engineHeight(height_), slot->nv21);
+    convertMatrix(slot->matrix, NOXEL_MATRIX_BT601, engineWidth(width_), engineHeight(height_), slot->nv21);
     slot->matrix = NOXEL_MATRIX_BT601;
   }
   for (int id = 0; id < kSettingCount; ++id) slot->settings[id] = get(id);
@@ -206,7 +206,7 @@ int Enhancer::receive(noxel_frame* frame, noxel_frame_info* info) {
   if (written && mode_ == NOXEL_MODE_PICTURE) {
     giveRgba(finished.nv21, width_, height_, *frame);
   } else if (written) {
-    convertMatrix(finished.matrix, frame->matrix, engineWidth(width_), engineHeight(height_), finished.nv21);
+    convertMatrix(finished.matrix, matrixOf(*frame), engineWidth(width_), engineHeight(height_), finished.nv21);
     givePlanes(finished.nv21, width_, height_, *frame);
   }
   if (frame != nullptr) {

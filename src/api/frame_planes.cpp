@@ -37,13 +37,18 @@ void mapRow(const unsigned char* from, int bytes, bool full, const kernels::Code
   }
 }
 
+// Repeats the last `step` bytes of `count` up to `paddedCount`.
+void padRow(unsigned char* row, int count, int step, int paddedCount) {
+  for (int x = count; x < paddedCount; ++x) row[x] = row[x - step];
+}
+
 // All of `to` is written; past the last sample of a row, and past the last row, the last ones are repeated.
 void takeLuma(const noxel_frame& frame, int width, int height, unsigned char* to) {
   const int paddedWidth = engineWidth(width);
   for (int y = 0; y < engineHeight(height); ++y, to += paddedWidth) {
     const unsigned char* row = frame.planes[0] + std::min(y, height - 1) * frame.strides[0];
     mapRow(row, width, frame.range == NOXEL_RANGE_FULL, kLumaToFull, to);
-    std::memset(to + width, to[width - 1], static_cast<size_t>(paddedWidth - width));
+    padRow(to, width, 1, paddedWidth);
   }
 }
 
@@ -71,8 +76,33 @@ void takeChroma(const noxel_frame& frame, int width, int height, unsigned char* 
   for (int y = 0; y < engineHeight(height) / 2; ++y, to += stride) {
     takePairs(frame, std::min(y, rows - 1), columns, to);
     mapRow(to, 2 * columns, frame.range == NOXEL_RANGE_FULL, kChromaToFull, to);
-    for (int x = 2 * columns; x < stride; ++x) to[x] = to[x - 2];
+    padRow(to, 2 * columns, 2, stride);
   }
+}
+
+bool isPackedRgb(const noxel_frame& frame) {
+  return frame.format == NOXEL_PLANES_RGB || frame.format == NOXEL_PLANES_BGR;
+}
+
+kernels::RgbOrder orderOf(const noxel_frame& frame) {
+  return frame.format == NOXEL_PLANES_RGB ? kernels::RgbOrder::kRgb : kernels::RgbOrder::kBgr;
+}
+
+void takeRgb(const noxel_frame& frame, int width, int height, unsigned char* nv21) {
+  const int paddedWidth = engineWidth(width), paddedHeight = engineHeight(height), columns = (width + 1) / 2;
+  const kernels::Plane luma = {nv21, width, height, paddedWidth};
+  const kernels::Plane pairs = {luma.row(paddedHeight), 2 * columns, (height + 1) / 2, paddedWidth};
+  kernels::planesFromRgb({frame.planes[0], 3 * width, height, frame.strides[0]}, orderOf(frame), luma, pairs);
+  for (int y = 0; y < height; ++y) padRow(luma.row(y), width, 1, paddedWidth);
+  for (int y = 0; y < pairs.height; ++y) padRow(pairs.row(y), 2 * columns, 2, paddedWidth);
+  if (paddedHeight > height) std::memcpy(luma.row(height), luma.row(height - 1), static_cast<size_t>(paddedWidth));
+}
+
+void giveRgb(const unsigned char* nv21, int width, int height, const noxel_frame& frame) {
+  const kernels::ConstPlane luma = {nv21, width, height, engineWidth(width)};
+  const kernels::ConstPlane pairs = {luma.row(engineHeight(height)), (width + 1) / 2 * 2, (height + 1) / 2,
+                                     luma.stride};
+  kernels::rgbFromPlanes(luma, pairs, orderOf(frame), {frame.planes[0], 3 * width, height, frame.strides[0]});
 }
 
 void giveChroma(const unsigned char* from, int y, int columns, const noxel_frame& frame) {
@@ -132,10 +162,16 @@ unsigned char rounded(int value) {
 
 }  // namespace
 
+int matrixOf(const noxel_frame& frame) {
+  return isPackedRgb(frame) ? NOXEL_MATRIX_BT601 : frame.matrix;
+}
+
 bool isUsable(const noxel_frame& frame, int width, int height, int mode) {
   if ((mode == NOXEL_MODE_PICTURE) != (frame.format == NOXEL_PLANES_RGBA)) return false;
-  if (frame.format == NOXEL_PLANES_RGBA)
-    return frame.planes[0] != nullptr && (height == 1 || std::abs(frame.strides[0]) >= ptrdiff_t{4} * width);
+  if (frame.format == NOXEL_PLANES_RGBA || isPackedRgb(frame)) {
+    const ptrdiff_t row = ptrdiff_t{frame.format == NOXEL_PLANES_RGBA ? 4 : 3} * width;
+    return frame.planes[0] != nullptr && (height == 1 || std::abs(frame.strides[0]) >= row);
+  }
   if (frame.format < NOXEL_PLANES_NV12 || frame.format > NOXEL_PLANES_YV12) return false;
   if (frame.range != NOXEL_RANGE_LIMITED && frame.range != NOXEL_RANGE_FULL) return false;
   if (frame.matrix != NOXEL_MATRIX_BT601 && frame.matrix != NOXEL_MATRIX_BT709) return false;
@@ -150,11 +186,13 @@ bool isUsable(const noxel_frame& frame, int width, int height, int mode) {
 }
 
 void takePlanes(const noxel_frame& frame, int width, int height, unsigned char* nv21) {
+  if (isPackedRgb(frame)) return takeRgb(frame, width, height, nv21);
   takeLuma(frame, width, height, nv21);
   takeChroma(frame, width, height, nv21 + static_cast<ptrdiff_t>(engineWidth(width)) * engineHeight(height));
 }
 
 void givePlanes(const unsigned char* nv21, int width, int height, const noxel_frame& frame) {
+  if (isPackedRgb(frame)) return giveRgb(nv21, width, height, frame);
   const int stride = engineWidth(width);
   for (int y = 0; y < height; ++y, nv21 += stride)
     mapRow(nv21, width, frame.range == NOXEL_RANGE_FULL, kLumaToLimited, frame.planes[0] + y * frame.strides[0]);

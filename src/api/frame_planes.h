@@ -16,6 +16,9 @@ inline int engineHeight(int height) {
 // Whether formats, pointers and strides make sense for frames of this size and engine mode.
 bool isUsable(const noxel_frame& frame, int width, int height, int mode);
 
+// How luma of NV21 is made for the frame, and must be to give it: packed RGB is converted by way of BT.601.
+int matrixOf(const noxel_frame& frame);
+
 // `nv21` holds engineWidth * engineHeight * 3/2 bytes. Codes outside a limited range are lost.
 void takePlanes(const noxel_frame& frame, int width, int height, unsigned char* nv21);
 void givePlanes(const unsigned char* nv21, int width, int height, const noxel_frame& frame);

@@ -29,6 +29,20 @@ struct Metering {
     EXPECT_EQ(noxel_meter_set_exposure(meter, static_cast<int>(exposure)), NOXEL_OK);
   }
   ~Metering() { noxel_meter_free(&meter); }
+  noxel_frame_info measureAsRgb(const std::vector<uint8_t>& luma, int64_t timeUs) {
+    std::vector<uint8_t> grey;
+    for (const uint8_t level : luma) grey.insert(grey.end(), 3, level);
+    noxel_frame frame;
+    noxel_frame_init(&frame, sizeof(frame));
+    frame.format = NOXEL_PLANES_RGB;
+    frame.planes[0] = grey.data();
+    frame.strides[0] = ptrdiff_t{3} * kWidth;
+    frame.time_us = timeUs;
+    noxel_frame_info info;
+    noxel_frame_info_init(&info, sizeof(info));
+    EXPECT_EQ(noxel_meter_measure(meter, &frame, &info), NOXEL_OK);
+    return info;
+  }
   noxel_frame_info measure(std::vector<uint8_t> luma, int64_t timeUs) {
     std::vector<uint8_t> chroma(static_cast<size_t>((kWidth + 1) / 2 * ((kHeight + 1) / 2)), 128);
     noxel_frame frame;
@@ -91,6 +105,23 @@ TEST(Meter, BrightensADarkPictureFromItsFirstFrameOnAsFarAsItIsAskedTo) {
   Metering metering;  // a first frame starts where the following ones stay
   const float start = metering.measure(dark, 0).gain;
   for (int i = 1; i < 6; ++i) EXPECT_NEAR(metering.measure(dark, i * kIntervalUs).gain, start, 0.01);
+}
+
+TEST(Meter, FindsTheSameInPackedRgbAsInItsLuma) {
+  const Waves scene(4, 6.0);
+  Metering planes, packed;
+  for (int i = 0; i < 4; ++i) {
+    const std::vector<uint8_t> luma =
+        scene.seen(kWidth, kHeight, shifted(0.75 * i, 1.5 * i), kSigma, static_cast<unsigned>(i) + 1);
+    const noxel_frame_info wanted = planes.measure(luma, i * kIntervalUs);
+    const noxel_frame_info found = packed.measureAsRgb(luma, i * kIntervalUs);
+    EXPECT_EQ(found.points_kept, wanted.points_kept);
+    EXPECT_EQ(found.gain, wanted.gain);
+    EXPECT_TRUE(std::equal(std::begin(found.noise_luma), std::end(found.noise_luma), wanted.noise_luma));
+    EXPECT_TRUE(std::equal(std::begin(found.tone), std::end(found.tone), wanted.tone));
+    EXPECT_TRUE(std::equal(found.previous_from_current, found.previous_from_current + 9, wanted.previous_from_current));
+    EXPECT_EQ(found.motion_known, i == 0 ? 0 : 1);
+  }
 }
 
 TEST(Meter, RefusesWhatItCannotMeasure) {
