@@ -3,7 +3,7 @@
     PYTHONPATH=python NOXEL_LIBRARY=build/release/src/libnoxel.so.1 python3 bench/python_bench.py [frames]
 
 100 frames unless given, ten at a time, in one enhancer each. Prints milliseconds per frame and the ratio, which is to be 1.10
-or less for planes. RGB is converted by NumPy on the way in and out.
+or less. "rgb" also has the library convert the frames, in and out.
 """
 
 import ctypes

@@ -1,4 +1,4 @@
-"""RGB to 8-bit YUV 4:2:0 and back, by NumPy.
+"""RGB to 8-bit YUV 4:2:0 and back, by NumPy, for planes from elsewhere: an Enhancer takes RGB itself.
 
     Y' = kr R' + kg G' + kb B'    Cb = (B' - Y') / (2 (1 - kb))    Cr = (R' - Y') / (2 (1 - kr))
 

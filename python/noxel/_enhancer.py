@@ -15,8 +15,7 @@ import numpy as np
 import numpy.typing as npt
 
 from . import _library as c
-from ._colour import planes_to_rgb, rgb_to_planes
-from ._planes import FORMATS, Array, Picture, Planes, empty, plane_shapes
+from ._planes import FORMATS, Picture, Planes, empty
 from ._settings import SETTINGS, Setting, Value
 
 Floats = npt.NDArray[np.float32]
@@ -163,7 +162,8 @@ class Enhancer:
                 show(frame)
 
     format             of the frames: "i420", "yv12", "nv12" or "nv21", which are (height * 3/2, width) arrays or
-                       sequences of planes, or "rgb" or "bgr", which are (height, width, 3); all of uint8
+                       sequences of planes, or "rgb" or "bgr", which are (height, width, 3); all of uint8. They are
+                       not copied where rows are whole, as in a part of a picture or one that is upside down
     range, matrix      of YUV frames: "limited" or "full", "bt601" or "bt709"
     quality            "fast", "balanced" or "best", which looks ahead, so that frames come back later
     mode               "clear", "enhance", "neutral-exposure", "three-frames" or "stabilize"
@@ -302,7 +302,7 @@ class Enhancer:
         """
         with self._sending:
             handle = self._open()
-            planes = self._planes_of(frame, format or self._format)
+            planes = self._planes_of(frame, self._known(format or self._format))
             planes.frame.tag = self._sent if tag is None else tag
             planes.frame.time_us = time_us
             result = _check(c.library.noxel_send(handle, ctypes.byref(planes.frame)))
@@ -322,22 +322,13 @@ class Enhancer:
             handle = self._open()
             name = self._known(format or self._format)
             picture = empty(name, self._width, self._height) if out is None else out
-            rgb = name not in c.PLANES
-            if rgb:
-                self._check_rgb(picture, writable=True)
-                target = Planes(self._yuv(), "i420", self._width, self._height, writable=True)
-            else:
-                target = Planes(picture, name, self._width, self._height, writable=True)
-            self._colours(target, rgb)
+            target = self._planes_of(picture, name, writable=True)
             raw = c.FrameInfo(size=ctypes.sizeof(c.FrameInfo))
             result = _check(c.library.noxel_receive(handle, ctypes.byref(target.frame), ctypes.byref(raw)))
             self._drained = result == c.END
             if result != c.OK:
                 return None
-            if rgb:
-                planes_to_rgb(target.planes, "bt601", "full", name, cast(Array, picture))
-            else:
-                target.store()
+            target.store()
             return Enhanced(picture, _info(raw))
 
     def flush(self) -> None:
@@ -408,30 +399,11 @@ class Enhancer:
             raise ValueError(f"format is one of {', '.join(FORMATS)}, not {format!r}")
         return format
 
-    def _yuv(self) -> Picture:
-        shapes = plane_shapes("i420", self._width, self._height)
-        return tuple(np.empty(shape, np.uint8) for shape in shapes)
-
-    def _check_rgb(self, picture: Picture, writable: bool = False) -> None:
-        shape = (self._height, self._width, 3)
-        if not isinstance(picture, np.ndarray) or picture.shape != shape or picture.dtype != np.uint8:
-            raise ValueError(f"an RGB or BGR frame is an array of uint8 {shape}")
-        if writable and not picture.flags.writeable:
-            raise ValueError("the array that is to receive the frame is read-only")
-
-    def _planes_of(self, frame: Picture, format: str) -> Planes:
-        rgb = self._known(format) not in c.PLANES
-        if rgb:
-            self._check_rgb(frame)
-            frame, format = rgb_to_planes(cast(Array, frame), "bt601", "full", format), "i420"
-        planes = Planes(frame, format, self._width, self._height)
-        self._colours(planes, rgb)
+    def _planes_of(self, frame: Picture, format: str, writable: bool = False) -> Planes:
+        planes = Planes(frame, format, self._width, self._height, writable)
+        planes.frame.range = self._range
+        planes.frame.matrix = self._matrix
         return planes
-
-    def _colours(self, planes: Planes, rgb: bool) -> None:
-        """RGB goes by way of full-range BT.601, the engine's own: other colours would be rounded once more."""
-        planes.frame.range = c.RANGES["full"] if rgb else self._range
-        planes.frame.matrix = c.MATRICES["bt601"] if rgb else self._matrix
 
 
 def _log_function(log: logging.Logger | None, failures: list[str]) -> Any:

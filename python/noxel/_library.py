@@ -12,6 +12,7 @@ OK, AGAIN, END, DROPPED = 0, 1, 2, 3
 ERROR_ARGUMENT, ERROR_MEMORY, ERROR_NO_GL, ERROR_UNSUPPORTED = -1, -2, -3, -4
 
 PLANES = {"nv12": 0, "nv21": 1, "i420": 2, "yv12": 3}
+PACKED = {"rgb": 5, "bgr": 6}
 RANGES = {"limited": 0, "full": 1}
 MATRICES = {"bt601": 0, "bt709": 1}
 MODES = {"three-frames": 0, "enhance": 1, "stabilize": 2, "neutral-exposure": 3, "clear": 5}

@@ -14,7 +14,7 @@ Array = npt.NDArray[np.uint8]
 #: A frame: one (height * 3/2, width) array, a sequence of planes, or an RGB or BGR array of (height, width, 3).
 Picture = Union[Array, Sequence[Array]]
 
-FORMATS = (*c.PLANES, "rgb", "bgr")
+FORMATS = {**c.PLANES, **c.PACKED}
 
 
 def plane_shapes(format: str, width: int, height: int) -> tuple[tuple[int, int], ...]:
@@ -53,13 +53,12 @@ def empty(format: str, width: int, height: int) -> Array | tuple[Array, ...]:
 
 def _lies_in_rows(array: Array) -> bool:
     """Whether its rows are whole and apart, in either direction: what a pointer and a stride can say."""
-    pairs = array.ndim == 3
-    row = array.shape[1] * (2 if pairs else 1)
-    if array.shape[-1] > 1 and array.strides[-1] != 1:
+    samples = array.shape[2] if array.ndim == 3 else 1  # of a pair or a pixel
+    if samples > 1 and array.strides[2] != 1:
         return False
-    if pairs and array.shape[1] > 1 and array.strides[1] != 2:
+    if array.shape[1] > 1 and array.strides[1] != samples:
         return False
-    return array.shape[0] == 1 or abs(array.strides[0]) >= row
+    return array.shape[0] == 1 or abs(array.strides[0]) >= array[0].size
 
 
 class Planes:
@@ -68,6 +67,28 @@ class Planes:
     def __init__(self, picture: Picture, format: str, width: int, height: int, writable: bool = False) -> None:
         self._copies: list[tuple[Array, Array]] = []  # the caller's array, and what the library sees instead
         self._writable = writable
+        self.frame = c.Frame(size=ctypes.sizeof(c.Frame), format=FORMATS[format])
+        if format in c.PACKED:
+            given = self._packed(picture, width, height)
+        else:
+            given = self._apart(picture, format, width, height)
+        self._planes = tuple(self._lying(plane, _lies_in_rows(plane)) for plane in given)  # kept alive
+        for i, plane in enumerate(self._planes):
+            self.frame.planes[i] = plane.ctypes.data
+            self.frame.strides[i] = plane.strides[0] if len(plane) > 1 else plane[0].size
+
+    def store(self) -> None:
+        """Brings what the library wrote into copies back to the caller's arrays."""
+        for given, copy in self._copies:
+            given[...] = copy
+
+    def _packed(self, picture: Picture, width: int, height: int) -> tuple[Array, ...]:
+        shape = (height, width, 3)
+        if not isinstance(picture, np.ndarray) or picture.shape != shape or picture.dtype != np.uint8:
+            raise ValueError(f"an RGB or BGR frame is an array of uint8 {shape}")
+        return (picture,)
+
+    def _apart(self, picture: Picture, format: str, width: int, height: int) -> tuple[Array, ...]:
         shapes = plane_shapes(format, width, height)
         if isinstance(picture, np.ndarray):
             given = self._split(picture, format, width, height)
@@ -75,24 +96,13 @@ class Planes:
             given = tuple(picture)
         if len(given) != len(shapes):
             raise ValueError(f"{format} has {len(shapes)} planes, not {len(given)}")
-        self.frame = c.Frame(size=ctypes.sizeof(c.Frame), format=c.PLANES[format])
-        planes = []
         for i, (plane, (rows, row)) in enumerate(zip(given, shapes)):
             if not isinstance(plane, np.ndarray) or plane.dtype != np.uint8:
                 raise ValueError("a plane is an array of uint8")
             pairs = len(shapes) == 2 and i == 1 and plane.shape == (rows, row // 2, 2)
             if plane.shape != (rows, row) and not pairs:
                 raise ValueError(f"plane {i} of {format} at {width} x {height} is {(rows, row)}, not {plane.shape}")
-            plane = self._lying(plane, _lies_in_rows(plane))
-            planes.append(plane)
-            self.frame.planes[i] = plane.ctypes.data
-            self.frame.strides[i] = plane.strides[0] if rows > 1 else row
-        self.planes = tuple(planes)
-
-    def store(self) -> None:
-        """Brings what the library wrote into copies back to the caller's arrays."""
-        for given, copy in self._copies:
-            given[...] = copy
+        return given
 
     def _split(self, picture: Array, format: str, width: int, height: int) -> tuple[Array, ...]:
         if width % 2 or height % 2:

@@ -11,6 +11,7 @@ import noxel
 import numpy as np
 import pytest
 from conftest import SIZE, noisy, packed, same, scene
+from noxel._planes import Planes
 
 WIDTH, HEIGHT = SIZE
 
@@ -198,6 +199,41 @@ def test_rgb_goes_in_and_comes_back(make):
             assert np.abs(out[8::16, 8::16].astype(int) - picture[8::16, 8::16]).max() <= 5
 
 
+@pytest.mark.parametrize("size", [SIZE, (33, 17), (1, 1)])
+def test_rgb_is_what_the_planes_are_and_lies_anywhere(make, size):
+    width, height = size
+    x, y = np.meshgrid(np.arange(width), np.arange(height))
+    picture = np.stack((40 + (5 * x + 3 * y) % 90, 90 + (x * y) % 70, 200 - (4 * x + 7 * y) % 110), -1).astype(np.uint8)
+    apart = np.full((height + 2, width + 3, 3), 7, np.uint8)
+    layouts = {
+        "as it is": (picture.copy(), "rgb"),
+        "padded": (apart[1:-1, 1:-2], "rgb"),
+        "upside down": (np.zeros_like(picture)[::-1], "rgb"),
+        "blue first": (np.zeros_like(picture), "bgr"),
+        "red first, seen backwards": (np.zeros_like(picture)[..., ::-1], "bgr"),  # the only one that is copied
+    }
+    expected = noxel.rgb_to_planes(picture, range="full")
+    back = None
+    for name, (array, format) in layouts.items():
+        array[...] = picture if format == "rgb" else picture[..., ::-1]
+        frame = Planes(array, format, width, height).frame
+        assert (frame.planes[0] == array.ctypes.data) == ("backwards" not in name), name
+        with make(*size, lead_in=False, strength=0, exposure=0, format=format, range="full") as enhancer:
+            assert enhancer.send(array) and enhancer.send(array)
+            planes = enhancer.receive(format="i420", out=tuple(np.empty_like(plane) for plane in expected)).frame
+            for one, other in zip(planes, expected):  # half codes may be rounded either way
+                assert np.abs(one.astype(int) - other).max() <= 1
+            array[...] = 0
+            assert enhancer.receive(out=array).frame is array
+            whole = array if format == "rgb" else array[..., ::-1]
+            assert np.abs(whole.astype(int) - noxel.planes_to_rgb(planes, range="full")).max() <= 1, name
+            assert back is None or np.array_equal(whole, back), name
+            back = whole.copy()
+    margins = np.ones(apart.shape, bool)
+    margins[1:-1, 1:-2] = False
+    assert np.all(apart[margins] == 7)
+
+
 def test_settings_are_the_librarys_with_their_ranges(make):
     assert {"strength", "quality", "exposure", "stabilize", "zoom", "per-frame"} <= set(noxel.SETTINGS)
     with make(WIDTH, HEIGHT, quality="fast", exposure=20) as enhancer:
@@ -242,8 +278,9 @@ def test_wrong_arguments_are_refused_with_a_text_and_nothing_is_lost(make):
         for given in wrong:
             with pytest.raises(ValueError):
                 enhancer.send(given)
-        with pytest.raises(ValueError, match="RGB"):
-            enhancer.send(y, format="rgb")
+        for given in (y, (y, u, v), np.zeros((HEIGHT, WIDTH, 4), np.uint8), np.zeros((HEIGHT, WIDTH, 3))):
+            with pytest.raises(ValueError, match="RGB"):
+                enhancer.send(given, format="rgb")
         assert enhancer.send(read_only, tag=5)
         enhancer.flush()
         read_only_rgb = np.broadcast_to(np.uint8(0), (HEIGHT, WIDTH, 3))

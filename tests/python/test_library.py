@@ -30,7 +30,7 @@ def test_structures_and_numbers_are_those_of_the_header(tmp_path):
         "noxel_setting_info": library.SettingInfo,
     }
     enumerators = {
-        "NOXEL_PLANES_": library.PLANES,
+        "NOXEL_PLANES_": {**library.PLANES, **library.PACKED},
         "NOXEL_RANGE_": library.RANGES,
         "NOXEL_MATRIX_": library.MATRICES,
         "NOXEL_MODE_": library.MODES,
