@@ -79,8 +79,9 @@ typedef enum noxel_result {
  *
  *  A sample of U or V is the mean of its 2 x 2 pixels, a last odd column or row counting twice. On the way back each pixel's U
  *  and V are interpolated between the four samples around it, with 9, 3, 3 and 1 sixteenths. Both ways are rounded once and
- *  clipped to 0..255. Colours so have half the picture's resolution; where they do not change, a frame that is not enhanced comes
- *  back within one code. Frames that are YUV already are best handed in as they are. */
+ *  clipped to 0..255; what was sent as BT.709 becomes BT.601 before, with a rounding of its own. Colours have half the picture's
+ *  resolution then; where they do not change, a frame that is not enhanced comes back within one code. Frames that are YUV
+ *  already are best handed in as they are. */
 typedef enum noxel_format {
   NOXEL_PLANES_NV12 = 0, /**< Y; U,V pairs */
   NOXEL_PLANES_NV21 = 1, /**< Y; V,U pairs */
