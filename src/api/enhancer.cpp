@@ -151,7 +151,7 @@ int Enhancer::send(const noxel_frame& frame) {
     Lock lock(mutex_);
     if (live_ ? waiting_.size() >= kWaitingLive : flushing_ || free_.size() == 0)
       return live_ ? NOXEL_DROPPED : NOXEL_AGAIN;
-    place = free_.pop();
+    place = free_.popNewest();  // memory that is never needed is never touched
   }
   EnhancerFrame* slot = &frames_[place];
   slot->sentNs = KRTimeNow();

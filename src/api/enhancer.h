@@ -59,6 +59,7 @@ class FrameQueue {
     --size_;
     return place;
   }
+  int popNewest() { return places_[(first_ + --size_) % kCapacity]; }
 
  private:
   int places_[kCapacity] = {};

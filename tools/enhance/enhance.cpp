@@ -10,6 +10,8 @@ extern "C" {
 #include <chrono>
 #include <cstdio>
 #include <deque>
+#include <future>
+#include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -73,10 +75,9 @@ void checkOutputs(const EnhanceOptions& options) {
   checkMayDump(options.dumpFolder, overwrite);
 }
 
-template <typename Look>
-Choice lookAndChoose(const EnhanceOptions& options, const Look& look) {
+Choice lookAndChoose(const EnhanceOptions& options, ClipInput& clip) {
   const auto start = std::chrono::steady_clock::now();
-  const Findings found = look();
+  const Findings found = canReopen(options.input) ? lookAtFile(options.input, options.range) : lookAtFirstFrames(clip);
   Choice choice = choose(found, options);
   choice.lookSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   return choice;
@@ -88,23 +89,30 @@ void explain(const Choice& choice, const EnhanceOptions& options) {
   for (const std::string& reason : choice.reasons) std::fprintf(stderr, "noxel: because: %s\n", reason.c_str());
 }
 
-// One run over a clip.
+EnhancerSettings enhancerSettings(const EnhanceOptions& options, const ClipInput& clip) {
+  EnhancerSettings settings;
+  settings.width = clip.nv21Width();
+  settings.height = clip.nv21Height();
+  settings.nominalIntervalUs = clip.reader().nominalIntervalUs();
+  settings.look = options.look;
+  settings.warmUp = options.warmUp;
+  settings.overlay = options.overlay || (!options.dumpFolder.empty() && isRead(options.look, "--overlay"));
+  settings.passes = options.passes || !options.statsFile.empty();
+  return settings;
+}
+
+// One run over a clip that stands at its first frame.
 class Run {
  public:
-  Run(const EnhanceOptions& options, std::optional<Choice> choice, Progress::Clock::time_point start)
+  Run(const EnhanceOptions& options, std::optional<Choice> choice, ClipInput& clip, Progress::Clock::time_point start)
       : options_(choice ? applied(*choice, options) : options),
         choice_(std::move(choice)),
-        clip_(options.input, options.range),
+        clip_(clip),
         writer_(outputSettings()),
         picture_(options.pictureFrame),
         progress_(options.quiet, options.shownOnTerminal || isatty(STDERR_FILENO) != 0,
                   clip_.reader().expectedFrames()) {
     progress_.startedAt(start);
-    if (options.automatic && !choice_) {
-      choice_ = lookAndChoose(options, [this] { return lookAtFirstFrames(clip_); });
-      explain(*choice_, options);
-      options_ = applied(*choice_, options);
-    }
     if (!options.reportFile.empty()) {
       const VideoReader& reader = clip_.reader();
       report_.emplace(options_.look, Report::Shape{clip_.width(), clip_.height(),
@@ -117,7 +125,7 @@ class Run {
     if (!options.statsFile.empty()) statisticsFile_.emplace(options.statsFile, knownAtStart());
   }
 
-  void enhanceAll(const EnhancerFactory& factory);
+  void enhanceAll(Enhancer& enhancer);
   ExitCode finish();  // the run's exit code
 
  private:
@@ -131,9 +139,9 @@ class Run {
   nlohmann::ordered_json knownAtEnd(double seconds) const;
   void writeReport(double seconds) const;
 
-  EnhanceOptions options_;
-  std::optional<Choice> choice_;  // from a look at the clip
-  ClipInput clip_;
+  const EnhanceOptions options_;
+  const std::optional<Choice> choice_;  // from a look at the clip
+  ClipInput& clip_;
   VideoWriter writer_;
   PictureKeeper picture_;
   Statistics statistics_;
@@ -184,39 +192,31 @@ void Run::note(const std::string& text) {
   std::fprintf(stderr, "noxel: note: %s\n", text.c_str());
 }
 
-void Run::enhanceAll(const EnhancerFactory& factory) {
+void Run::enhanceAll(Enhancer& enhancer) {
   // Frames in the enhancer beside those that wait for later ones: it works while others are read and written.
   constexpr size_t kFramesAtWork = 3;
-  EnhancerSettings settings;
-  settings.width = clip_.nv21Width();
-  settings.height = clip_.nv21Height();
-  settings.nominalIntervalUs = clip_.reader().nominalIntervalUs();
-  settings.look = options_.look;
-  settings.warmUp = options_.warmUp;
-  settings.overlay = options_.overlay || (dump_ && isRead(options_.look, "--overlay"));
-  settings.passes = options_.passes || !options_.statsFile.empty();
-  const std::unique_ptr<Enhancer> enhancer = factory(settings);
+  enhancer.setLook(options_.look);
   for (const std::string& text : writer_.notes()) note(text);
   const size_t notesBefore = writer_.notes().size();
   nv21_.resize(clip_.nv21().size());
 
   bool more = true;
   for (bool needsMore = true; more || !sent_.empty();) {
-    while (more && (needsMore || sent_.size() <= static_cast<size_t>(enhancer->latency()) + kFramesAtWork)) {
-      if (!enhancer->send(clip_.nv21().data(), clip_.microseconds())) break;
+    while (more && (needsMore || sent_.size() <= static_cast<size_t>(enhancer.latency()) + kFramesAtWork)) {
+      if (!enhancer.send(clip_.nv21().data(), clip_.microseconds())) break;
       keepSent();
       needsMore = false;
       more = clip_.next();
-      if (!more) enhancer->finish();
+      if (!more) enhancer.finish();
     }
     if (stopRequested() && statistics_.count() > 0) break;
-    needsMore = !enhancer->receive(nv21_.data());
-    if (const std::string text = enhancer->takeNote(); !text.empty()) note(text);
+    needsMore = !enhancer.receive(nv21_.data());
+    if (const std::string text = enhancer.takeNote(); !text.empty()) note(text);
     if (needsMore) {
       if (!more) throw ToolError(kExitFailed, "the engine lost frames");
       continue;
     }
-    finishFrame(*enhancer, sent_.front());
+    finishFrame(enhancer, sent_.front());
     sent_.pop_front();
     progress_.frameDone(static_cast<int64_t>(statistics_.count()));
   }
@@ -405,17 +405,21 @@ int runEnhance(const EnhanceOptions& options, const EnhancerFactory& factory) {
   checkEnhance(options);
   if (options.resume && leaveWhole(options)) return kExitFine;
   if (isStill(options.output)) return runStill(options);
+  ClipInput clip(options.input, options.range);
+  // The engine takes as long to start as the clip to look at.
+  std::future<std::unique_ptr<Enhancer>> enhancer =
+      std::async(std::launch::async | std::launch::deferred, factory, enhancerSettings(options, clip));
   std::optional<Choice> choice;
-  if (options.automatic && canReopen(options.input)) {
-    choice = lookAndChoose(options, [&options] { return lookAtFile(options.input, options.range); });
+  if (options.automatic) {
+    choice = lookAndChoose(options, clip);
     explain(*choice, options);
-    if (choice->leaveAlone && copyLeftAlone(options)) {
+    if (choice->leaveAlone && canReopen(options.input) && copyLeftAlone(options)) {
       if (!options.quiet) std::fprintf(stderr, "noxel: note: %s\n", leftAloneNote(true).c_str());
       return kExitFine;
     }
   }
-  Run run(options, std::move(choice), start);
-  run.enhanceAll(factory);
+  Run run(options, std::move(choice), clip, start);
+  run.enhanceAll(*enhancer.get());
   return run.finish();
 }
 

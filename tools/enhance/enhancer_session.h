@@ -29,6 +29,8 @@ struct EnhancerSettings {
 class Enhancer {
  public:
   virtual ~Enhancer() = default;
+  // In place of that of the settings, but for its mode. Before the first frame.
+  virtual void setLook(const Look&) {}
   // False: it is full, receive first.
   virtual bool send(const uint8_t* nv21, int64_t presentationUs) = 0;
   // No more come: none waits for a later one.
@@ -52,6 +54,7 @@ noxel_enhancer* makeEnhancer(noxel_config config);
 // The passes of the frame received last.
 void addPasses(const noxel_enhancer* enhancer, PassTimes& times);
 
+// May be called on another thread than the enhancer's.
 using EnhancerFactory = std::function<std::unique_ptr<Enhancer>(const EnhancerSettings&)>;
 
 // Engine modes 0 to 3 and 5. ToolError, kExitNoGl without usable GL.
@@ -62,6 +65,7 @@ class EnhancerSession : public Enhancer {
   EnhancerSession(const EnhancerSession&) = delete;
   EnhancerSession& operator=(const EnhancerSession&) = delete;
 
+  void setLook(const Look& look) override { setParameters(look, enhancer_); }
   bool send(const uint8_t* nv21, int64_t presentationUs) override;
   void finish() override;
   bool receive(uint8_t* nv21) override;
