@@ -54,8 +54,7 @@ constexpr float kDoubt = 0.25f;       // of that texture, relative to the noise:
 constexpr float kTrusted = 0.1f;      // texture of this share of the noise: half the trust
 constexpr float kPlausible = 1.5f;    // times the curve: more is not noise
 constexpr float kPlausibleFloor = 4;  // times the quietest tenth of the blocks, while there is no curve
-constexpr float kQuietShare = 0.25f;  // of the trust in an entry
-constexpr float kQuietAlone = 0.15f;  // the same within one frame, where texture is not taken out
+constexpr float kQuietAlone = 0.15f;  // of the trust in an entry, within one frame, where texture is not taken out
 constexpr float kReach = 6;           // levels from an entry's centre: its blocks
 constexpr float kMinTrust = 0.001f;   // blocks: less says nothing of an entry
 constexpr float kSmallest = 0.02f;    // variance: keeps ratios finite
@@ -602,7 +601,7 @@ void NoiseMeter::learnEntry(int index, bool differences) {
   float quality = 0;
   float expected = 0;
   float raw = 0;
-  const float ratio = quietRatio(index, differences ? kQuietShare : kQuietAlone, &trusted, &quality, &expected, &raw);
+  const float ratio = quietRatio(index, differences ? quietShare_ : kQuietAlone, &trusted, &quality, &expected, &raw);
   if (ratio < 0) return;
   float variance = ratio * expected;
   if (!differences) {

@@ -13,7 +13,7 @@
 //             variance over p, of this frame's blocks, is the factor; variance less factor * p is the noise. No variance is
 //             above 1.2 times what the steps of d from row to row allow: d of another place is smoother than noise.
 //   trust     half of the texture u taken out is taken for uncertain: a block counts 1 / (1 + (5 u / variance)^2).
-//   quietest  the quarter of an entry's blocks in which nothing else moves: chosen by one half of the block and by the
+//   quietest  the quarter (by default) of an entry's blocks in which nothing else moves: chosen by one half of the block and by the
 //             blocks around it, measured in the other half. The quietest by what is measured itself would be too quiet, by
 //             an amount that depends on the noise's correlation. Their median counts, and all is relative to the curve so
 //             far, so that an entry's slope does not choose.
@@ -64,6 +64,8 @@ struct ChromaPlanes {
 class NoiseMeter {
  public:
   NoiseMeter() = default;
+  // The share of an entry's blocks that count, the quietest ones.
+  explicit NoiseMeter(float quietShare) : quietShare_(quietShare) {}
   ~NoiseMeter();
   NoiseMeter(const NoiseMeter&) = delete;
   NoiseMeter& operator=(const NoiseMeter&) = delete;
@@ -82,6 +84,8 @@ class NoiseMeter {
   void measure(const uint8_t* luma, const float* previousFromCurrent, const ChromaPlanes& chroma = {});
 
   const NoiseCurve& curve() const { return curve_; }
+  // Whether it was measured between frames, and not within one alone.
+  bool knowsDifferences() const { return fromDifferences_; }
 
  private:
   struct Block {
@@ -147,6 +151,7 @@ class NoiseMeter {
   void draw();
   bool drawThrough(const double (&weights)[NoiseCurve::kEntries], const double (&variances)[NoiseCurve::kEntries]);
 
+  const float quietShare_ = 0.25f;
   int width_ = 0;
   int height_ = 0;
   uint8_t* kept_ = nullptr;  // the blocks of the frame before, with a pixel around each

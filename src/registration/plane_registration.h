@@ -7,7 +7,7 @@
 #include "kernels/worker_pool.h"
 #include "registration/camera_path.h"
 #include "registration/exposure.h"
-#include "registration/noise_curve.h"
+#include "registration/video_noise.h"
 #include "registration/point_tracker.h"
 #include "registration/registration_state.h"
 
@@ -68,7 +68,7 @@ class PlaneRegistration {
   float motion_[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
   float inverseMotion_[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
   int firstFrame_ = 1;
-  NoiseMeter noise_;
+  VideoNoise noise_;
   bool measuresNoise_ = false;
   bool coasts_ = false;
 };

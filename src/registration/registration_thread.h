@@ -10,7 +10,7 @@
 #include "platform/signal.h"
 #include "registration/camera_path.h"
 #include "registration/exposure.h"
-#include "registration/noise_curve.h"
+#include "registration/video_noise.h"
 #include "registration/registration_state.h"
 
 namespace noxel {
@@ -72,7 +72,7 @@ struct RegistrationContext {
 
   // Measured only while measuresNoise is 1, from `fullLuma` and `fullChroma`: the frame's own, at frame size, which the
   // frame path lends until registrationDone. The meter is allocated before measuresNoise is set, acquire/release.
-  NoiseMeter noise;
+  VideoNoise noise;
   std::atomic<int> measuresNoise = 0;
   const uint8_t* fullLuma = nullptr;
   ChromaPlanes fullChroma;

@@ -11,6 +11,7 @@
 
 #include "registration/noise_block.h"
 #include "registration/tracker/lanes.h"
+#include "registration/video_noise.h"
 
 namespace noxel {
 namespace {
@@ -307,6 +308,80 @@ TEST(NoiseCurve, TakesAnyBytesAndSizes) {
       const bool four = width >= 34 && height >= 33;
       EXPECT_TRUE(meter.curve().known ? !none : !four) << width << " x " << height;
     }
+  }
+}
+
+// A still camera's frames as a codec leaves them: a block of 16 x 16 pixels stays as it was, but for one in `period`, at random.
+class Codec {
+ public:
+  explicit Codec(unsigned period) : period_(period) {}
+  const Frame& code(const Frame& frame) {
+    const bool whole = coded_.empty();
+    if (whole) coded_ = frame;
+    for (int y = 0; y < kHeight; y += 16) {
+      for (int x = 0; x < kWidth; x += 16) {
+        if (!whole && random_() % period_ != 0) continue;
+        for (int row = y; row < y + 16; ++row) std::copy_n(&frame[row * kWidth + x], 16, &coded_[row * kWidth + x]);
+      }
+    }
+    return coded_;
+  }
+
+ private:
+  std::mt19937 random_{11};
+  unsigned period_;
+  Frame coded_;
+};
+
+class Video : public VideoNoise {
+ public:
+  Video() { EXPECT_TRUE(allocate(kWidth, kHeight)); }
+  void measureMoved(const Frame& frame, Motion motion) {
+    const float matrix[9] = {1, 0, static_cast<float>(motion.x), 0, 1, static_cast<float>(motion.y), 0, 0, 1};
+    measure(frame.data(), matrix);
+  }
+};
+
+TEST(VideoNoise, IsThatOfTheFramesThatACodecRepeats) {
+  const Plane scene = sceneAt({}, {});
+  Camera camera(5, 0, false);
+  Codec codec(5);
+  Meter meter;
+  Video video;
+  for (int frame = 0; frame <= 2 * VideoNoise::kApart; ++frame) {
+    const Frame& coded = codec.code(camera.shoot(scene));
+    meter.measureMoved(coded, {});
+    video.measureMoved(coded, {});
+  }
+  for (const int i : entriesOf(scene)) {
+    const double truth = camera.varianceAt(8 * i + 4);
+    EXPECT_LT(static_cast<double>(meter.curve().variance[i]), 0.2 * truth) << "four blocks in five are repeated";
+    // 3 % of the blocks are those of 16 frames before; grid blocks lie across coded ones.
+    EXPECT_NEAR(static_cast<double>(video.curve().variance[i]) / truth, 1, 0.25) << i;
+  }
+}
+
+TEST(VideoNoise, IsThatOfNeighboursWhereNothingRepeats) {
+  const Motion step = {2.4, -1.3};
+  Camera camera(4, 0, true);
+  Meter meter;
+  Video video;
+  for (int frame = 0; frame <= 3 * VideoNoise::kApart; ++frame) {
+    // Half way there is a cut to another place: the motion over it is not known.
+    const bool cut = frame == VideoNoise::kApart + 5;
+    const double far = frame >= VideoNoise::kApart + 5 ? 700 : 0;
+    const Motion at = {far + frame * step.x, frame * step.y};
+    const Frame shot = camera.shoot(sceneAt(at, at));
+    if (cut) {
+      meter.measure(shot.data(), nullptr);
+      video.measure(shot.data(), nullptr);
+    } else {
+      meter.measureMoved(shot, step);
+      video.measureMoved(shot, step);
+    }
+    EXPECT_TRUE(
+        std::equal(std::begin(video.curve().variance), std::end(video.curve().variance), meter.curve().variance))
+        << frame;
   }
 }
 

@@ -98,7 +98,7 @@ Findings lookAtFile(const std::string& path, const TimeRange& range) {
     int frames = 0;
     do {
       meter.measure(clip);
-    } while (++frames < kLookFrames && clip.next());
+    } while (++frames < (run == 0 ? kLookFrames : kLaterLookFrames) && clip.next());
     last = clip.seconds();
   }
   if (!last) meter.measure(clip);

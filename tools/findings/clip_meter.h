@@ -41,7 +41,8 @@ class ClipMeter {
 
 // A short look at a clip: some runs of consecutive frames, spread over a file; of anything else the first ones, which the
 // clip keeps.
-constexpr int kLookFrames = 8;  // of a run
+constexpr int kLookFrames = 18;      // of the first run: a codec's noise shows between frames 16 apart
+constexpr int kLaterLookFrames = 8;  // of the others
 constexpr int kLookRuns = 3;
 bool canReopen(const std::string& path);                                    // a regular file
 Findings lookAtFile(const std::string& path, const TimeRange& range = {});  // reads it apart. ToolError as ClipInput
