@@ -108,6 +108,13 @@ struct Levels {
     }
   }
 
+  void add(const Levels& other) {
+    for (int channel = 0; channel < 4; ++channel) {
+      min[channel] = std::min(min[channel], other.min[channel]);
+      max[channel] = std::max(max[channel], other.max[channel]);
+    }
+  }
+
   // One level aside: a frame less in the history, or in the exposure's average, moves the rounding.
   testing::AssertionResult hold(const Picture& picture, const Setting& setting) const {
     for (size_t i = 0; i < picture.size(); ++i) {
@@ -246,6 +253,8 @@ TEST_P(FaultWalk, LosesNothingAndSaysWhatFailed) {
     }
     expectWhole(life, setting);
     levels = life.levels;
+    // A caller that is held up misses an output, and its levels lack that one: twice is unlikely.
+    if (setting.syncWithCaller == 0) levels.add(live(setting, nullptr).levels);
   }
   ASSERT_EQ(held(), Held{});
   int calls = 0;
