@@ -13,8 +13,8 @@
 //             variance over p, of this frame's blocks, is the factor; variance less factor * p is the noise. No variance is
 //             above 1.2 times what the steps of d from row to row allow: d of another place is smoother than noise.
 //   trust     half of the texture u taken out is taken for uncertain: a block counts 1 / (1 + (5 u / variance)^2).
-//   quietest  the quarter (by default) of an entry's blocks in which nothing else moves: chosen by one half of the block and by the
-//             blocks around it, measured in the other half. The quietest by what is measured itself would be too quiet, by
+//   quietest  the quarter, by default, of an entry's blocks in which nothing else moves: chosen by one half of the block and
+//             by the blocks around it, measured in the other half. The quietest by what is measured itself would be too quiet, by
 //             an amount that depends on the noise's correlation. Their median counts, and all is relative to the curve so
 //             far, so that an entry's slope does not choose.
 //   curve     each entry the mean over frames weighted by trusted blocks, of the last few where they are many; it falls

@@ -73,15 +73,18 @@ class Camera {
   bool white_;
 };
 
-class Meter : public NoiseMeter {
+template <typename Base>
+class Measured : public Base {
  public:
-  explicit Meter(int width = kWidth, int height = kHeight) { EXPECT_TRUE(allocate(width, height)); }
+  explicit Measured(int width = kWidth, int height = kHeight) { EXPECT_TRUE(this->allocate(width, height)); }
   // (x, y): what is at a place of this frame was that much further in the one before.
   void measureMoved(const Frame& frame, Motion motion, const ChromaPlanes& chroma = {}) {
     const float matrix[9] = {1, 0, static_cast<float>(motion.x), 0, 1, static_cast<float>(motion.y), 0, 0, 1};
-    measure(frame.data(), matrix, chroma);
+    this->measure(frame.data(), matrix, chroma);
   }
 };
+using Meter = Measured<NoiseMeter>;
+using Video = Measured<VideoNoise>;
 
 // Entries that cover at least one pixel in 50.
 std::vector<int> entriesOf(const Plane& scene) {
@@ -331,15 +334,6 @@ class Codec {
   std::mt19937 random_{11};
   unsigned period_;
   Frame coded_;
-};
-
-class Video : public VideoNoise {
- public:
-  Video() { EXPECT_TRUE(allocate(kWidth, kHeight)); }
-  void measureMoved(const Frame& frame, Motion motion) {
-    const float matrix[9] = {1, 0, static_cast<float>(motion.x), 0, 1, static_cast<float>(motion.y), 0, 0, 1};
-    measure(frame.data(), matrix);
-  }
 };
 
 TEST(VideoNoise, IsThatOfTheFramesThatACodecRepeats) {

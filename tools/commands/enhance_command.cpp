@@ -25,10 +25,10 @@ with the frames done so far, and its comment says that it is partial; a second C
 on standard input with its index at the end is first spooled to a file in $TMPDIR. A single picture comes out upright, in 8-bit RGB
 or RGBA. --dump-frames with -y does not delete the files of an earlier, longer dump.
 
-Before it starts noxel looks at eighteen frames and two runs of eight, spread over the file as far as its keyframes allow, and says
-in a line what it found: mean luma (dark below 85), noise, shake, HDR, whether it was denoised already, interlaced,
-variable frame rate. From a pipe these are the first eight frames, which are enhanced as all others. In mode 5 the noise
-chooses the strength, unless --strength is given: 50 from 1.6 levels on, 40 from 1, 25 from 0.3, else 0. A clip that is
+Before it starts noxel looks at eighteen frames and two runs of eight, spread over the file as far as its keyframes
+allow, and says in a line what it found: mean luma (dark below 85), noise, shake, HDR, whether it was denoised already,
+interlaced, variable frame rate. From a pipe these are the first eighteen frames, which are enhanced as all others. In
+mode 5 the noise chooses the strength, unless --strength is given: 50 from 1.6 levels on, 40 from 1, 25 from 0.3, else 0. A clip that is
 neither dark nor has noise of a level, whose mean the tone would raise by less than a tenth, and that is not HDR or
 interlaced is left as it came: the file is copied; where that does not do, as for another container, --stats or --crf, it
 is encoded with its frames unchanged. An option of the picture, such as --exposure or --stabilize, is always followed.
